@@ -1,0 +1,33 @@
+#pragma once
+
+#include <utility>
+
+namespace qx {
+
+/// Owns one file descriptor and closes it. The only place that calls close(2).
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) reset(std::exchange(other.fd_, -1));
+    return *this;
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  int release() { return std::exchange(fd_, -1); }
+  void reset(int fd = -1);
+
+  /// A second descriptor of the same open file (close-on-exec); empty when there is none to be had.
+  FileDescriptor duplicate() const;
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace qx

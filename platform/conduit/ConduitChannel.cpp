@@ -1,0 +1,572 @@
+// One conduit socket.
+//
+// The socket is one source of the reactor, armed for what is wanted next: input, unless a thread is
+// reading already or too many calls are unanswered; output, while something is unsent. The thread
+// that reads keeps the input to itself (`reading_`), so calls are delivered one at a time and in
+// order, while another thread can still flush output.
+//
+// Descriptors arrive somewhere within the bytes that one recvmsg() returned; they belong to the
+// frame that begins within those bytes and speaks of descriptors.
+
+#include "platform/conduit/ConduitChannel.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/base/Errors.h"
+#include "platform/identity/AuditToken.h"
+#include "platform/log/Log.h"
+#include "platform/queue/WorkQueue.h"
+
+namespace qx::conduit {
+namespace {
+
+constexpr std::int64_t callMessage = 1;
+constexpr std::int64_t replyMessage = 2;
+constexpr std::int64_t failureMessage = 3;
+constexpr std::int64_t beginRequestMessage = 4;
+constexpr std::int64_t endRequestMessage = 5;
+
+constexpr std::size_t readSize = 64U << 10U;
+constexpr std::size_t maximumBatches = 4;
+
+std::uint32_t frameLength(const std::uint8_t* header) {
+  return std::uint32_t{header[0]} << 24U | std::uint32_t{header[1]} << 16U |
+         std::uint32_t{header[2]} << 8U | std::uint32_t{header[3]};
+}
+
+bool takeInteger(Decoder& decoder, std::int64_t& value) { return decode(decoder, value); }
+
+bool takeID(Decoder& decoder, std::uint64_t& id) {
+  std::int64_t value = 0;
+  if (!takeInteger(decoder, value) || value < 0) return false;
+  id = static_cast<std::uint64_t>(value);
+  return true;
+}
+
+struct ControlBuffer {
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * maximumDescriptors)> bytes;
+};
+
+/// Takes every descriptor out of a received message, so that none is leaked.
+std::vector<SharedDescriptor> takeDescriptors(msghdr& message) {
+  std::vector<SharedDescriptor> descriptors;
+  for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
+    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < count; ++i) {
+      int fd = -1;
+      std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+      descriptors.push_back(std::make_shared<const FileDescriptor>(fd));
+    }
+  }
+  return descriptors;
+}
+
+Error connectionLost() {
+  return conduitError(ConduitErrorCode::connectionLost,
+                      "The connection was lost before the call was answered.");
+}
+
+}  // namespace
+
+std::shared_ptr<ConduitChannel> ConduitChannel::make(FileDescriptor socket) {
+  return std::make_shared<ConduitChannel>(std::move(socket));
+}
+
+ConduitChannel::ConduitChannel(FileDescriptor socket) : socket_(std::move(socket)) {}
+
+void ConduitChannel::setDelegate(std::weak_ptr<Delegate> delegate) {
+  std::lock_guard lock(mutex_);
+  delegate_ = std::move(delegate);
+}
+
+void ConduitChannel::start() {
+  bool refused = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_ || source_ != 0) return;
+    // A disarmed source first: an event must not come before the source's number is known.
+    source_ = Reactor::shared().add(socket_.get(), 0, shared_from_this());
+    refused = source_ == 0;
+    if (!refused) armLocked();
+  }
+  if (refused) close();
+}
+
+bool ConduitChannel::isClosed() const {
+  std::lock_guard lock(mutex_);
+  return closed_;
+}
+
+void ConduitChannel::close() {
+  std::unordered_map<std::uint64_t, PendingCall> calls;
+  std::deque<Output> output;
+  std::weak_ptr<Delegate> delegate;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_) return;
+    closed_ = true;
+    calls.swap(calls_);
+    output.swap(output_);
+    unsent_ = 0;
+    delegate = delegate_;
+    // The descriptor itself stays open until the last user of this object is gone, so that no
+    // thread ever writes to a number that means something else by then.
+    shutdown(socket_.get(), SHUT_RDWR);
+    if (source_ != 0) Reactor::shared().remove(source_, socket_.get());
+  }
+  WorkQueue::global().async([calls = std::move(calls), delegate = std::move(delegate)] {
+    const Error error = connectionLost();
+    for (const auto& [id, call] : calls) {
+      if (call.onError) call.onError(error);
+    }
+    if (auto told = delegate.lock()) told->channelEnded();
+  });
+}
+
+void ConduitChannel::refuse(std::string_view why) {
+  DS_LOG("[NOTICE] Closing the connection to PID %d: %@.",
+         AuditToken::ofPeer(socket_.get()).processIdentifier(), why);
+}
+
+// Reading.
+
+void ConduitChannel::ready(std::uint32_t events) {
+  bool over = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_) return;
+    over = !flushLocked();
+    const bool hungUp = (events & (EPOLLHUP | EPOLLERR)) != 0;
+    // Nobody reads a paused connection, so nobody else would notice that its peer is gone.
+    if (paused_ && hungUp) over = true;
+    if (!over && (reading_ || paused_)) {
+      if (!hungUp) armLocked();
+      return;
+    }
+    kicked_ = false;
+    reading_ = !over;
+  }
+  if (over) {
+    close();
+    return;
+  }
+  // A flood gives the thread back now and then.
+  Progress progress = Progress::again;
+  for (int i = 0; i < 16 && progress == Progress::again; ++i) progress = readSome();
+  if (progress == Progress::over) {
+    close();
+    return;
+  }
+  std::lock_guard lock(mutex_);
+  reading_ = false;
+  if (!closed_) armLocked();
+}
+
+ConduitChannel::Progress ConduitChannel::readSome() {
+  // What is left over from before comes first: whole frames wait there after a pause.
+  if (input_.size() >= frameHeaderSize) {
+    std::vector<std::uint8_t> bytes;
+    bytes.swap(input_);
+    auto handled = handleFrames(bytes);
+    if (!handled) return Progress::over;
+    streamPosition_ += *handled;
+    dropPassedDescriptors(streamPosition_);
+    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(*handled));
+    input_ = std::move(bytes);
+    std::lock_guard lock(mutex_);
+    if (paused_) return Progress::wait;
+  }
+
+  thread_local std::vector<std::uint8_t> scratch(readSize);
+  ControlBuffer control;
+  iovec part{scratch.data(), scratch.size()};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control.bytes.data();
+  message.msg_controllen = control.bytes.size();
+  const ssize_t count = recvmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  if (count < 0) {
+    if (errno == EINTR) return Progress::again;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? Progress::wait : Progress::over;
+  }
+  auto descriptors = takeDescriptors(message);
+  if (count == 0) return Progress::over;
+  const auto received = static_cast<std::size_t>(count);
+  if ((message.msg_flags & MSG_CTRUNC) != 0) {
+    refuse("too many descriptors with a frame");
+    return Progress::over;
+  }
+  if (!descriptors.empty()) {
+    const std::uint64_t begin = streamPosition_ + input_.size();
+    batches_.push_back({begin, begin + received, std::move(descriptors)});
+    if (batches_.size() > maximumBatches) {
+      refuse("descriptors that belong to no frame");
+      return Progress::over;
+    }
+  }
+
+  std::span<const std::uint8_t> bytes(scratch.data(), received);
+  std::vector<std::uint8_t> joined;
+  if (!input_.empty()) {
+    joined.swap(input_);
+    joined.insert(joined.end(), bytes.begin(), bytes.end());
+    bytes = joined;
+  }
+  auto handled = handleFrames(bytes);
+  if (!handled) return Progress::over;
+  streamPosition_ += *handled;
+  dropPassedDescriptors(streamPosition_);
+  const auto rest = bytes.subspan(*handled);
+  if (joined.empty()) {
+    input_.assign(rest.begin(), rest.end());
+  } else if (rest.empty()) {
+    input_ = {};
+  } else {
+    joined.erase(joined.begin(), joined.begin() + static_cast<std::ptrdiff_t>(*handled));
+    input_ = std::move(joined);
+  }
+  {
+    std::lock_guard lock(mutex_);
+    if (paused_) return Progress::wait;
+  }
+  // A short read emptied the socket; the reactor tells when there is more.
+  return received == readSize ? Progress::again : Progress::wait;
+}
+
+std::optional<std::size_t> ConduitChannel::handleFrames(std::span<const std::uint8_t> bytes) {
+  std::size_t position = 0;
+  while (bytes.size() - position >= frameHeaderSize) {
+    const std::size_t length = frameLength(bytes.data() + position);
+    if (length == 0 || length > maximumFrameSize) {
+      refuse("a frame of a length that is not allowed");
+      return std::nullopt;
+    }
+    if (bytes.size() - position - frameHeaderSize < length) break;
+    if (!mayTakeCall()) break;
+    if (!handleFrame(bytes.subspan(position + frameHeaderSize, length),
+                     streamPosition_ + position)) {
+      return std::nullopt;
+    }
+    position += frameHeaderSize + length;
+    if (isClosed()) return std::nullopt;
+  }
+  return position;
+}
+
+/// Closes the descriptors that came before this place in the stream and that no frame wanted.
+void ConduitChannel::dropPassedDescriptors(std::uint64_t streamPosition) {
+  std::erase_if(batches_, [streamPosition](const DescriptorBatch& batch) {
+    return batch.end <= streamPosition;
+  });
+}
+
+bool ConduitChannel::handleFrame(std::span<const std::uint8_t> body, std::uint64_t streamPosition) {
+  dropPassedDescriptors(streamPosition);
+  auto batch = batches_.begin();
+  while (batch != batches_.end() && batch->begin > streamPosition) ++batch;
+  std::span<const SharedDescriptor> descriptors;
+  if (batch != batches_.end()) descriptors = batch->descriptors;
+
+  bool spokeOfDescriptors = false;
+  if (!isWellFormed(body, descriptors.size(), &spokeOfDescriptors)) {
+    refuse("a malformed frame");
+    return false;
+  }
+  std::vector<SharedDescriptor> taken;
+  if (spokeOfDescriptors) {
+    taken = std::move(batch->descriptors);
+    batches_.erase(batch);
+  }
+  if (!handleMessage(body, taken)) {
+    refuse("a message of a form that there is not");
+    return false;
+  }
+  return true;
+}
+
+bool ConduitChannel::handleMessage(std::span<const std::uint8_t> body,
+                                   std::span<const SharedDescriptor> descriptors) {
+  Decoder decoder(body, descriptors);
+  auto head = decoder.next();
+  std::int64_t kind = 0;
+  if (!head || head->kind != Item::Kind::array || !takeInteger(decoder, kind)) return false;
+  switch (kind) {
+    case callMessage:
+      return (head->count == 4 || head->count == 5) && handleCall(decoder, head->count == 5);
+    case replyMessage:
+    case failureMessage:
+      return head->count == 3 && handleReply(decoder, kind == failureMessage);
+    case beginRequestMessage:
+    case endRequestMessage: {
+      UUID request;
+      if (head->count != 2 || !decode(decoder, request)) return false;
+      std::shared_ptr<Delegate> delegate;
+      {
+        std::lock_guard lock(mutex_);
+        delegate = delegate_.lock();
+      }
+      return delegate && delegate->receivedRequest(kind == beginRequestMessage, request);
+    }
+    default:
+      return false;
+  }
+}
+
+bool ConduitChannel::handleCall(Decoder& decoder, bool hasRequest) {
+  std::uint64_t id = 0;
+  if (!takeID(decoder, id)) return false;
+  auto operation = decoder.next();
+  if (!operation || operation->kind != Item::Kind::string) return false;
+  Decoder arguments = decoder;
+  if (!decoder.peekArray() || !decoder.skip()) return false;
+  std::optional<UUID> request;
+  if (hasRequest && !decode(decoder, request.emplace())) return false;
+
+  std::shared_ptr<Delegate> delegate;
+  {
+    std::lock_guard lock(mutex_);
+    delegate = delegate_.lock();
+    ++unanswered_;
+  }
+  auto call = std::make_shared<IncomingCall>(weak_from_this(), id);
+  if (delegate) delegate->receivedCall(std::move(call), operation->content, arguments, request);
+  return true;
+}
+
+bool ConduitChannel::handleReply(Decoder& decoder, bool isFailure) {
+  std::uint64_t id = 0;
+  if (!takeID(decoder, id)) return false;
+  std::optional<Error> failure;
+  if (isFailure ? !decode(decoder, failure) || !failure : !decoder.peekArray()) return false;
+
+  PendingCall call;
+  {
+    std::lock_guard lock(mutex_);
+    auto found = calls_.find(id);
+    if (found == calls_.end()) return true;
+    call = std::move(found->second);
+    calls_.erase(found);
+  }
+  if (isFailure) {
+    if (call.onError) call.onError(*failure);
+  } else if (!call.onReply(decoder) && call.onError) {
+    call.onError(conduitError(ConduitErrorCode::replyDoesNotMatch,
+                              "The reply is not of the declared types."));
+  }
+  return true;
+}
+
+/// Past the limit of unanswered calls nothing more is taken from the connection.
+bool ConduitChannel::mayTakeCall() {
+  std::lock_guard lock(mutex_);
+  paused_ = unanswered_ >= maximumUnanswered;
+  return !paused_;
+}
+
+void ConduitChannel::callEnded() {
+  std::lock_guard lock(mutex_);
+  --unanswered_;
+  if (!paused_ || closed_) return;
+  paused_ = false;
+  // Frames may wait in our own buffer, of which the kernel knows nothing: being writable wakes the
+  // reactor at once.
+  kicked_ = true;
+  armLocked();
+}
+
+// Writing.
+
+void ConduitChannel::send(Encoder message) {
+  bool over = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_) return;
+    Output output{message.takeFrame(), 0, message.takeDescriptors()};
+    unsent_ += output.frame.size();
+    const bool wasIdle = output_.empty();
+    output_.push_back(std::move(output));
+    if (wasIdle) over = !flushLocked();
+    if (!over && unsent_ > maximumUnsent) {
+      over = true;
+      refuse("it does not read what it is sent");
+    }
+    if (!over && wasIdle && !output_.empty()) armLocked();
+  }
+  if (over) close();
+}
+
+/// Writes what the socket takes; false when the peer is gone.
+bool ConduitChannel::flushLocked() {
+  while (!output_.empty()) {
+    Output& next = output_.front();
+    iovec part{next.frame.data() + next.sent, next.frame.size() - next.sent};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    ControlBuffer control;
+    if (!next.descriptors.empty()) {
+      std::array<int, maximumDescriptors> numbers;
+      std::size_t size = sizeof(int) * next.descriptors.size();
+      for (std::size_t i = 0; i < next.descriptors.size(); ++i) {
+        numbers[i] = next.descriptors[i]->get();
+      }
+      message.msg_control = control.bytes.data();
+      message.msg_controllen = CMSG_SPACE(size);
+      cmsghdr* header = CMSG_FIRSTHDR(&message);
+      header->cmsg_level = SOL_SOCKET;
+      header->cmsg_type = SCM_RIGHTS;
+      header->cmsg_len = CMSG_LEN(size);
+      std::memcpy(CMSG_DATA(header), numbers.data(), size);
+    }
+    const ssize_t count = sendmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      return errno == EAGAIN || errno == EWOULDBLOCK;
+    }
+    next.descriptors.clear();
+    next.sent += static_cast<std::size_t>(count);
+    unsent_ -= static_cast<std::size_t>(count);
+    if (next.sent == next.frame.size()) output_.pop_front();
+  }
+  return true;
+}
+
+void ConduitChannel::armLocked() {
+  if (source_ == 0) return;
+  std::uint32_t events = 0;
+  if (!reading_ && !paused_) events |= EPOLLIN;
+  if (!output_.empty() || (kicked_ && !reading_)) events |= EPOLLOUT;
+  // A connection that is not read is armed all the same: its peer's end is always reported.
+  if (events != 0 || (paused_ && !reading_)) Reactor::shared().arm(source_, socket_.get(), events);
+}
+
+// Calls of ours.
+
+std::uint64_t ConduitChannel::nextCallID() {
+  std::lock_guard lock(mutex_);
+  return ++lastCallID_;
+}
+
+Encoder ConduitChannel::beginCall(std::uint64_t id, std::string_view operation, bool hasRequest) {
+  Encoder message;
+  message.array(hasRequest ? 5 : 4);
+  message.integer(callMessage);
+  message.integer(static_cast<std::int64_t>(id));
+  message.string(operation);
+  return message;
+}
+
+void ConduitChannel::sendCall(std::uint64_t id, Encoder message, const std::optional<UUID>& request,
+                              ReplyReader onReply, ErrorHandler onError) {
+  if (request) encode(message, *request);
+  std::optional<Error> refusal;
+  if (!message.possible()) {
+    refusal = conduitError(ConduitErrorCode::argumentsDoNotMatch,
+                           "An argument is of a class that cannot travel.");
+  } else if (!message.fits()) {
+    refusal = conduitError(ConduitErrorCode::tooLarge, "The call does not fit in a frame.");
+  } else {
+    std::lock_guard lock(mutex_);
+    if (closed_ || (request && !openRequests_.contains(*request))) {
+      refusal = connectionLost();
+    } else {
+      calls_.emplace(id, PendingCall{std::move(onReply), onError, request});
+    }
+  }
+  if (!refusal) {
+    send(std::move(message));
+  } else if (onError) {
+    WorkQueue::global().async([onError = std::move(onError), error = *refusal] { onError(error); });
+  }
+}
+
+void ConduitChannel::beginRequest(const UUID& request) {
+  {
+    std::lock_guard lock(mutex_);
+    openRequests_.insert(request);
+  }
+  sendRequest(beginRequestMessage, request);
+}
+
+void ConduitChannel::endRequest(const UUID& request) {
+  {
+    std::lock_guard lock(mutex_);
+    openRequests_.erase(request);
+  }
+  sendRequest(endRequestMessage, request);
+}
+
+void ConduitChannel::sendRequest(std::int64_t kind, const UUID& request) {
+  Encoder message;
+  message.array(2);
+  message.integer(kind);
+  encode(message, request);
+  send(std::move(message));
+}
+
+void ConduitChannel::failCallsOfRequest(const UUID& request, const Error& error) {
+  std::vector<ErrorHandler> handlers;
+  {
+    std::lock_guard lock(mutex_);
+    openRequests_.erase(request);
+    for (auto call = calls_.begin(); call != calls_.end();) {
+      if (call->second.request == request) {
+        handlers.push_back(std::move(call->second.onError));
+        call = calls_.erase(call);
+      } else {
+        ++call;
+      }
+    }
+  }
+  if (handlers.empty()) return;
+  WorkQueue::global().async([handlers = std::move(handlers), error] {
+    for (const auto& handler : handlers) {
+      if (handler) handler(error);
+    }
+  });
+}
+
+// Calls of the peer.
+
+IncomingCall::~IncomingCall() {
+  if (auto channel = channel_.lock()) channel->callEnded();
+}
+
+Encoder IncomingCall::beginReply() const {
+  Encoder message;
+  message.array(3);
+  message.integer(replyMessage);
+  message.integer(static_cast<std::int64_t>(id_));
+  return message;
+}
+
+void IncomingCall::sendReply(Encoder message) {
+  if (!message.possible()) {
+    fail(conduitError(ConduitErrorCode::replyDoesNotMatch,
+                      "The reply holds a value of a class that cannot travel."));
+  } else if (!message.fits()) {
+    fail(conduitError(ConduitErrorCode::tooLarge, "The reply does not fit in a frame."));
+  } else if (auto channel = channel_.lock()) {
+    channel->send(std::move(message));
+  }
+}
+
+void IncomingCall::fail(const Error& error) {
+  Encoder message;
+  message.array(3);
+  message.integer(failureMessage);
+  message.integer(static_cast<std::int64_t>(id_));
+  encode(message, error);
+  if (auto channel = channel_.lock()) channel->send(std::move(message));
+}
+
+}  // namespace qx::conduit

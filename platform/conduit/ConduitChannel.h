@@ -1,0 +1,167 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/base/Error.h"
+#include "platform/base/FileDescriptor.h"
+#include "platform/base/UUID.h"
+#include "platform/conduit/Codec.h"
+#include "platform/queue/Reactor.h"
+
+namespace qx::conduit {
+
+/// A call that the peer has made and nobody has answered yet. Dropped unanswered, it frees its
+/// place among the connection's unanswered calls and the peer never hears of it.
+class IncomingCall;
+
+/// One socket that speaks the conduit protocol: frames, messages, the calls in flight in both
+/// directions, and every limit of the protocol. QXConduitConnection gives it meaning.
+///
+/// Threads: the reactor reads; calls are delivered to the delegate one at a time, in order, on the
+/// thread that read them; replies to our calls likewise. Whoever sends writes at once when the
+/// socket takes it, else the reactor goes on. Everything may be called from any thread, also from
+/// within a delivery.
+class ConduitChannel final : public ReactorHandler,
+                             public std::enable_shared_from_this<ConduitChannel> {
+ public:
+  /// Told what arrives. Held weakly.
+  class Delegate {
+   public:
+    virtual ~Delegate() = default;
+    /// `arguments` stands at the array of arguments and lives as long as the call.
+    virtual void receivedCall(std::shared_ptr<IncomingCall> call, std::string_view operation,
+                              Decoder& arguments, const std::optional<UUID>& request) = 0;
+    /// A request begins or ends; false when this side knows no requests, which ends the channel.
+    virtual bool receivedRequest(bool begins, const UUID& request) = 0;
+    /// The channel is over; called once, after the error handlers of the calls in flight.
+    virtual void channelEnded() = 0;
+  };
+
+  /// Takes the reply's arguments; false when they are not of the declared types.
+  using ReplyReader = std::function<bool(Decoder&)>;
+  using ErrorHandler = std::function<void(const Error&)>;
+
+  static constexpr std::size_t maximumUnanswered = 1024;
+  static constexpr std::size_t maximumUnsent = 64U << 20U;
+
+  /// Takes a connected AF_UNIX stream socket. Silent until start().
+  static std::shared_ptr<ConduitChannel> make(FileDescriptor socket);
+  explicit ConduitChannel(FileDescriptor socket);
+
+  void setDelegate(std::weak_ptr<Delegate> delegate);
+  void start();
+
+  /// Ends the channel: the error handler of each call in flight gets "connection lost", on the
+  /// global queue, and then the delegate is told. Only the first time.
+  void close();
+  bool isClosed() const;
+
+  /// An encoder that has begun the message of a call; the caller appends the array of arguments
+  /// and hands it to sendCall().
+  std::uint64_t nextCallID();
+  static Encoder beginCall(std::uint64_t id, std::string_view operation, bool hasRequest);
+  /// Appends the request, sends, and waits for the reply. `onError` is called at most once, from
+  /// the global queue or the reactor, never from within this call.
+  void sendCall(std::uint64_t id, Encoder message, const std::optional<UUID>& request,
+                ReplyReader onReply, ErrorHandler onError);
+
+  /// Only a request that was begun and not ended takes calls.
+  void beginRequest(const UUID& request);
+  void endRequest(const UUID& request);
+  /// Fails the calls in flight that name the request, and those to come.
+  void failCallsOfRequest(const UUID& request, const Error& error);
+
+  int socket() const { return socket_.get(); }
+
+  // ReactorHandler
+  void ready(std::uint32_t events) override;
+
+ private:
+  friend class IncomingCall;
+
+  struct PendingCall {
+    ReplyReader onReply;
+    ErrorHandler onError;
+    std::optional<UUID> request;
+  };
+  struct Output {
+    std::vector<std::uint8_t> frame;
+    std::size_t sent = 0;
+    std::vector<SharedDescriptor> descriptors;
+  };
+  /// Descriptors that came with bytes [begin, end) of the stream.
+  struct DescriptorBatch {
+    std::uint64_t begin, end;
+    std::vector<SharedDescriptor> descriptors;
+  };
+  enum class Progress { again, wait, over };
+
+  Progress readSome();
+  /// Handles the whole frames in the bytes and returns how many bytes they were; absent when the
+  /// channel is over.
+  std::optional<std::size_t> handleFrames(std::span<const std::uint8_t> bytes);
+  void dropPassedDescriptors(std::uint64_t streamPosition);
+  bool handleFrame(std::span<const std::uint8_t> body, std::uint64_t streamPosition);
+  bool handleMessage(std::span<const std::uint8_t> body,
+                     std::span<const SharedDescriptor> descriptors);
+  bool handleCall(Decoder& decoder, bool hasRequest);
+  bool handleReply(Decoder& decoder, bool isFailure);
+  bool mayTakeCall();
+  void callEnded();
+  void refuse(std::string_view why);
+
+  void sendRequest(std::int64_t kind, const UUID& request);
+  void send(Encoder message);
+  bool flushLocked();
+  void armLocked();
+
+  const FileDescriptor socket_;
+  mutable std::mutex mutex_;
+  // Under the mutex.
+  std::weak_ptr<Delegate> delegate_;
+  Reactor::SourceID source_ = 0;
+  bool closed_ = false;
+  bool reading_ = false;
+  bool paused_ = false;
+  bool kicked_ = false;
+  std::size_t unanswered_ = 0;
+  std::uint64_t lastCallID_ = 0;
+  std::unordered_map<std::uint64_t, PendingCall> calls_;
+  std::set<UUID> openRequests_;
+  std::deque<Output> output_;
+  std::size_t unsent_ = 0;
+  // Of the thread that reads.
+  std::vector<std::uint8_t> input_;
+  std::uint64_t streamPosition_ = 0;  // of the first byte in input_
+  std::vector<DescriptorBatch> batches_;
+};
+
+class IncomingCall {
+ public:
+  IncomingCall(std::weak_ptr<ConduitChannel> channel, std::uint64_t id)
+      : channel_(std::move(channel)), id_(id) {}
+  ~IncomingCall();
+  IncomingCall(const IncomingCall&) = delete;
+  IncomingCall& operator=(const IncomingCall&) = delete;
+
+  /// An encoder that has begun the reply; the caller appends the array of reply arguments.
+  Encoder beginReply() const;
+  void sendReply(Encoder message);
+  void fail(const Error& error);
+
+ private:
+  std::weak_ptr<ConduitChannel> channel_;
+  std::uint64_t id_;
+};
+
+}  // namespace qx::conduit

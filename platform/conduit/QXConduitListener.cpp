@@ -1,0 +1,130 @@
+#include "platform/conduit/QXConduitListener.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <systemd/sd-daemon.h>
+
+#include <cerrno>
+#include <chrono>
+#include <mutex>
+#include <unordered_set>
+#include <utility>
+
+#include "platform/conduit/ServiceSocket.h"
+#include "platform/log/Log.h"
+#include "platform/queue/Clock.h"
+#include "platform/queue/Reactor.h"
+
+/// What the reactor and the connections hold of a listener.
+class QXConduitListener::State final : public qx::ReactorHandler,
+                                       public std::enable_shared_from_this<State> {
+ public:
+  State(QXConduitListener& listener, std::string serviceName)
+      : listener_(&listener), serviceName_(std::move(serviceName)) {
+    auto socket = qx::listenOnServiceSocket(serviceName_);
+    if (socket) {
+      socket_ = std::move(*socket);
+    } else {
+      DS_LOG("[ERROR] Cannot listen on %@. Error: %@", serviceName_, socket.error());
+    }
+  }
+
+  void setDelegate(const std::shared_ptr<QXConduitListenerDelegate>& delegate) {
+    std::lock_guard lock(mutex_);
+    delegate_ = delegate;
+  }
+
+  void resume() {
+    {
+      std::lock_guard lock(mutex_);
+      if (!socket_.socket || source_ != 0 || stopped_) return;
+      source_ = qx::Reactor::shared().add(socket_.socket.get(), EPOLLIN, shared_from_this());
+    }
+    sd_notify(0, "READY=1");
+  }
+
+  void stop() {
+    std::unordered_set<std::shared_ptr<QXConduitConnection>> connections;
+    // Waits for a delegate that is being asked; afterwards nobody uses the listener any more.
+    std::lock_guard accepting(acceptMutex_);
+    {
+      std::lock_guard lock(mutex_);
+      stopped_ = true;
+      if (source_ != 0) qx::Reactor::shared().remove(source_, socket_.socket.get());
+      if (socket_.socket && socket_.boundHere) qx::removeServiceSocket(serviceName_);
+      connections.swap(connections_);
+    }
+    for (const auto& connection : connections) connection->invalidate();
+  }
+
+  void ready(std::uint32_t /*events*/) override {
+    constexpr int most = 16;
+    for (int i = 0; i < most; ++i) {
+      qx::FileDescriptor socket(
+          accept4(socket_.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+      if (socket) {
+        accept(std::move(socket));
+      } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        // Out of descriptors: who waits in the backlog is taken when there are some again.
+        DS_LOG("[ERROR] Cannot accept a connection to %@: too many open files.", serviceName_);
+        qx::Clock::current().schedule(std::chrono::milliseconds(100),
+                                      [self = shared_from_this()] { self->arm(); });
+        return;
+      } else if (errno != EINTR && errno != ECONNABORTED) {
+        break;
+      }
+    }
+    arm();
+  }
+
+ private:
+  void arm() {
+    std::lock_guard lock(mutex_);
+    if (!stopped_) qx::Reactor::shared().arm(source_, socket_.socket.get(), EPOLLIN);
+  }
+
+  void accept(qx::FileDescriptor socket) {
+    std::lock_guard accepting(acceptMutex_);
+    auto connection = QXConduitConnection::overSocket(std::move(socket));
+    connection->forget_ = [self = weak_from_this(), ended = std::weak_ptr(connection)] {
+      if (auto state = self.lock()) state->forget(ended.lock());
+    };
+    std::shared_ptr<QXConduitListenerDelegate> delegate;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopped_) return;
+      delegate = delegate_.lock();
+      connections_.insert(connection);
+    }
+    if (!delegate || !delegate->listener_shouldAcceptNewConnection(*listener_, connection)) {
+      forget(connection);
+    }
+  }
+
+  void forget(const std::shared_ptr<QXConduitConnection>& connection) {
+    std::lock_guard lock(mutex_);
+    connections_.erase(connection);
+  }
+
+  QXConduitListener* const listener_;
+  const std::string serviceName_;
+  qx::ListeningSocket socket_;
+  std::mutex acceptMutex_;
+  std::mutex mutex_;
+  // Under the mutex.
+  std::weak_ptr<QXConduitListenerDelegate> delegate_;
+  qx::Reactor::SourceID source_ = 0;
+  bool stopped_ = false;
+  std::unordered_set<std::shared_ptr<QXConduitConnection>> connections_;
+};
+
+QXConduitListener::QXConduitListener(std::string serviceName)
+    : state_(std::make_shared<State>(*this, std::move(serviceName))) {}
+
+QXConduitListener::~QXConduitListener() { state_->stop(); }
+
+void QXConduitListener::setDelegate(const std::shared_ptr<QXConduitListenerDelegate>& delegate) {
+  state_->setDelegate(delegate);
+}
+
+void QXConduitListener::resume() { state_->resume(); }

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+namespace qx {
+
+/// How platformd coordinates programs that do not ask for it.
+enum class CoordinationMechanism {
+  access,       // accesses to content wait (FAN_PRE_ACCESS)
+  open,         // openings wait (FAN_OPEN_PERM)
+  cooperative,  // not at all; programs ask
+};
+
+/// As it is written in the file "coordination" in the runtime directory, a line of its own.
+std::string_view nameOf(CoordinationMechanism mechanism);
+
+/// What the platformd of this root last announced; absent when none ever did.
+std::optional<CoordinationMechanism> readCoordinationMechanism();
+/// Writes the file and says it in the log.
+void announceCoordinationMechanism(CoordinationMechanism mechanism);
+
+}  // namespace qx

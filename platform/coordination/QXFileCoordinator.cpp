@@ -1,0 +1,227 @@
+// The daemon's side of file coordination.
+//
+// Everything is kept on one serial queue: the doc sources by identifier, the connection while there
+// is one, and what has been sent over it. A connection is tried for when a doc source is added,
+// when a connection was lost, and when the service's socket file appears or changes; a socket file
+// that nobody listens behind is left alone until its next change.
+
+#include "platform/coordination/QXFileCoordinator.h"
+
+#include <chrono>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "platform/base/Errors.h"
+#include "platform/conduit/QXConduitConnection.h"
+#include "platform/coordination/FileCoordinationProtocol.h"
+#include "platform/files/DirectoryWatch.h"
+#include "platform/files/Places.h"
+#include "platform/log/Log.h"
+#include "platform/queue/WorkQueue.h"
+
+namespace {
+
+using ConnectionPointer = std::shared_ptr<QXConduitConnection>;
+using SourcePointer = std::shared_ptr<QXDocSource>;
+
+class Coordinator {
+ public:
+  static Coordinator& shared() {
+    static auto& coordinator = *new Coordinator;
+    return coordinator;
+  }
+
+  void add(const SourcePointer& source) {
+    queue_->async([this, source] {
+      watchForService();
+      if (auto identifier = source->_fileReactorID()) {
+        sources_[*identifier] = source;
+        if (connection_) sendAdd(*identifier, *source);
+      } else {
+        nameless_.insert(source);
+      }
+      connect();
+    });
+  }
+
+  void remove(const SourcePointer& source) {
+    queue_->async([this, source] {
+      nameless_.erase(source);
+      for (auto entry = sources_.begin(); entry != sources_.end(); ++entry) {
+        if (entry->second != source) continue;
+        sendRemove(entry->first);
+        sources_.erase(entry);
+        return;
+      }
+    });
+  }
+
+  /// Null for an identifier that nobody has any more.
+  SourcePointer source(const std::string& identifier) {
+    return queue_->sync([&]() -> SourcePointer {
+      auto found = sources_.find(identifier);
+      return found == sources_.end() ? nullptr : found->second;
+    });
+  }
+
+ private:
+  void watchForService() {
+    if (watch_) return;
+    watch_ =
+        qx::DirectoryWatch::start(qx::Places::runtimeDirectory(), [this](const std::string& name) {
+          if (!name.empty() && name != fileCoordinationServiceName) return;
+          queue_->async([this] { connect(); });
+        });
+    if (!watch_) {
+      DS_LOG("[ERROR] Could not watch %@ for the file-coordination service.",
+             qx::Places::runtimeDirectory());
+    }
+  }
+
+  void connect();
+  void lost(const QXConduitConnection* connection);
+  void sendAdd(const std::string& identifier, QXDocSource& source);
+  void sendRemove(const std::string& identifier);
+
+  std::shared_ptr<QXFileCoordination> service(QXConduitConnection::ErrorHandler onError) {
+    return connection_->remoteObjectProxyWithErrorHandler<QXFileCoordination>(std::move(onError));
+  }
+
+  const std::shared_ptr<qx::WorkQueue> queue_ = qx::WorkQueue::serial("QXFileCoordinator queue");
+  // On the queue.
+  std::unique_ptr<qx::DirectoryWatch> watch_;
+  std::map<std::string, SourcePointer> sources_;
+  std::set<SourcePointer> nameless_;
+  ConnectionPointer connection_;
+  std::set<std::string> sent_;
+  bool hasAnswered_ = false;  // over this connection
+  bool isMissed_ = false;
+};
+
+/// What the service calls back.
+class CoordinationHost final : public QXFileCoordinationHost {
+ public:
+  void docSource_provideItemAtURL_toReaderWithID_completionHandler(
+      const std::optional<std::string>& docSource, const std::optional<qx::URL>& url,
+      const std::optional<std::string>& readerID, qx::Completion<qx::Error> completion) override {
+    auto source = sourceWith(docSource);
+    if (!source) {
+      completion(DSNotFoundError(docSource));
+      return;
+    }
+    source->_providedItemsOperationQueue()->addOperation([=] {
+      source->_provideItemAtURL_toReaderWithID_completionHandler(url, readerID, completion);
+    });
+  }
+
+  void docSource_writerWithID_didFinishWritingForURL_completionHandler(
+      const std::optional<std::string>& docSource, const std::optional<std::string>& writerID,
+      const std::optional<qx::URL>& url, qx::Completion<> completion) override {
+    if (auto source = sourceWith(docSource)) {
+      source->_providedItemsOperationQueue()->addOperation(
+          [=] { source->_writerWithID_didFinishWritingForURL(writerID, url); });
+    }
+    completion();
+  }
+
+ private:
+  static SourcePointer sourceWith(const std::optional<std::string>& identifier) {
+    return identifier ? Coordinator::shared().source(*identifier) : nullptr;
+  }
+};
+
+void Coordinator::connect() {
+  if (connection_ || sources_.empty()) return;
+  auto connected = QXConduitConnection::connectToService(fileCoordinationServiceName);
+  if (!connected) {
+    if (!std::exchange(isMissed_, true)) {
+      DS_LOG("[NOTICE] The file-coordination service is not there yet; waiting for it. Error: %@",
+             connected.error());
+    }
+    return;
+  }
+  connection_ = std::move(*connected);
+  hasAnswered_ = false;
+  connection_->setExportedInterface(
+      QXConduitInterface::interfaceWithProtocol<QXFileCoordinationHost>());
+  connection_->setExportedObject<QXFileCoordinationHost>(std::make_shared<CoordinationHost>());
+  connection_->setRemoteObjectInterface(
+      QXConduitInterface::interfaceWithProtocol<QXFileCoordination>());
+  connection_->setInvalidationHandler([this, connection = connection_.get()] {
+    queue_->async([this, connection] { lost(connection); });
+  });
+  connection_->resume();
+  for (const auto& [identifier, source] : sources_) sendAdd(identifier, *source);
+  if (std::exchange(isMissed_, false)) {
+    DS_LOG("[NOTICE] The file-coordination service is there.");
+  } else {
+    DS_LOG("[INFO] Connected to the file-coordination service.");
+  }
+}
+
+void Coordinator::lost(const QXConduitConnection* connection) {
+  if (connection_.get() != connection) return;
+  connection_.reset();
+  sent_.clear();
+  isMissed_ = true;
+  DS_LOG("[NOTICE] The connection to the file-coordination service was lost.");
+  if (hasAnswered_) {
+    connect();
+  } else {
+    // It hangs up on everybody; not to be asked in a circle.
+    queue_->after(std::chrono::seconds(1), [this] { connect(); });
+  }
+}
+
+void Coordinator::sendAdd(const std::string& identifier, QXDocSource& source) {
+  const auto url = source._providedItemsURL();
+  if (!url) {
+    // One that had the identifier before may still be registered.
+    sendRemove(identifier);
+    return;
+  }
+  sent_.insert(identifier);
+  const auto refused = [identifier](const qx::Error& error) {
+    DS_LOG("[ERROR] Could not add doc source %@ to the file-coordination service. Error: %@",
+           identifier, error);
+  };
+  service([refused](const qx::Error& error) {
+    // A connection that is lost has a line of its own, and a next one is made.
+    if (!error.is(QXConduitErrorDomain,
+                  static_cast<std::int64_t>(qx::ConduitErrorCode::connectionLost))) {
+      refused(error);
+    }
+  })
+      ->addDocSource_providedItemsURL_completion(
+          identifier, *url,
+          [this, refused, connection = connection_.get()](const std::optional<qx::Error>& error) {
+            if (error) refused(*error);
+            queue_->async([this, connection] {
+              if (connection_.get() == connection) hasAnswered_ = true;
+            });
+          });
+}
+
+void Coordinator::sendRemove(const std::string& identifier) {
+  if (!connection_ || sent_.erase(identifier) == 0) return;
+  service({})->removeDocSource_completion(
+      identifier, [identifier](const std::optional<qx::Error>& error) {
+        if (!error) return;
+        DS_LOG(
+            "[NOTICE] Could not remove doc source %@ from the file-coordination service. "
+            "Error: %@",
+            identifier, *error);
+      });
+}
+
+}  // namespace
+
+void QXFileCoordinator::_addDocSource(const std::shared_ptr<QXDocSource>& source) {
+  Coordinator::shared().add(source);
+}
+
+void QXFileCoordinator::_removeDocSource(const std::shared_ptr<QXDocSource>& source) {
+  Coordinator::shared().remove(source);
+}

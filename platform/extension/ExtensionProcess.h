@@ -1,0 +1,87 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "platform/base/FileDescriptor.h"
+#include "platform/base/Result.h"
+#include "platform/base/UUID.h"
+#include "platform/conduit/QXConduitConnection.h"
+#include "platform/extension/QXExtensionContext.h"
+#include "platform/identity/Bundles.h"
+#include "platform/queue/Clock.h"
+#include "platform/queue/Reactor.h"
+
+namespace qx {
+
+/// One running process of a provider extension, from its start to its reaping, with the requests
+/// that are open in it.
+///
+/// It runs while requests are open and 10 seconds after the last one; then, or when its
+/// connection is lost, it is over: its connection is closed, on which it ends; after 2 seconds it
+/// is sent SIGTERM, after 5 SIGKILL. Delays come from Clock::current(). Any thread.
+class ExtensionProcess final : public ReactorHandler,
+                               public std::enable_shared_from_this<ExtensionProcess> {
+ public:
+  /// Starts the bundle's executable; the error is QXExtensionErrorDomain 2.
+  static Result<std::shared_ptr<ExtensionProcess>> start(std::shared_ptr<const Bundle> bundle,
+                                                         const QXExtensionPoint& point);
+
+  ExtensionProcess(std::shared_ptr<const Bundle> bundle, const QXExtensionPoint& point);
+
+  const Bundle& bundle() const { return *bundle_; }
+
+  /// A new request with its context; absent when the process is over.
+  std::optional<UUID> beginRequest();
+  /// False when the request is not one of this process.
+  bool endRequest(const UUID& request);
+  std::shared_ptr<QXExtensionContext> context(const UUID& request) const;
+
+  /// No request any more after those that are open; over at once when there is none.
+  void retire();
+  /// Over now, whatever is open.
+  void end();
+  bool isOver() const;
+
+  /// Waits until the process is reaped, helping with the signals on its schedule in real time; for
+  /// the end of the program.
+  void waitForExit();
+
+  // ReactorHandler: the process has ended.
+  void ready(std::uint32_t events) override;
+
+ private:
+  std::optional<Error> spawn();
+  void requestEnded(const UUID& request);
+  void becameIdleLocked();
+  void sendSignal(int signal);
+  void reap();
+
+  const std::shared_ptr<const Bundle> bundle_;
+  const QXExtensionPoint& point_;
+  pid_t process_ = -1;
+  FileDescriptor descriptor_;  // pidfd_open(2)
+  Reactor::SourceID source_ = 0;
+  std::shared_ptr<QXConduitConnection> connection_;
+
+  mutable std::mutex mutex_;
+  // Under the mutex.
+  std::map<UUID, std::shared_ptr<QXExtensionContext>> requests_;
+  Clock::TimerID idleTimer_ = 0;
+  std::uint64_t idleTurn_ = 0;
+  std::set<int> sentSignals_;
+  Clock::TimerID terminateTimer_ = 0;
+  Clock::TimerID killTimer_ = 0;
+  bool retired_ = false;
+  bool over_ = false;
+  bool reaped_ = false;
+};
+
+}  // namespace qx

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/base/Error.h"
+#include "platform/base/FileDescriptor.h"
+#include "platform/base/Result.h"
+#include "platform/base/URL.h"
+
+namespace qx {
+
+/// How an item lies to a directory; the values are the platform's own.
+enum class DirectoryRelationship { contains = 0, same = 1, other = 2 };
+
+/// Questions and changes to the file system. Stateless; any thread. Paths are absolute.
+namespace FileManager {
+
+/// A plain existence test: anything of that name counts (stat(2), so a dangling link does not).
+bool fileExists(const std::string& path);
+
+/// mkdir -p with default attributes (0777 less the umask).
+std::optional<Error> createDirectory(const std::string& path);
+
+/// Absent when the file cannot be opened; errno tells why. A read that fails sets badbit.
+std::unique_ptr<std::istream> inputStream(const std::string& path);
+
+/// Where `item` lies to `directory`. Follows device and inode after resolving symbolic links, so
+/// that a link that leads out of the directory is not contained. For an item that does not exist
+/// yet its deepest existing ancestor decides and the rest is appended, ".." in the rest included.
+/// A link that leads to nothing counts as where it leads; links of procfs are refused.
+///
+/// Fails with 260 of QXStandardErrorDomain, the directory's URL under QXURLErrorKey, when the
+/// directory does not exist, and with 256 for any other reason (an absent URL or one that is not
+/// a file URL among them).
+Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
+    const std::optional<URL>& directory, const std::optional<URL>& item);
+
+/// Removes a file or a whole tree without following links. ENOENT is no error.
+std::optional<Error> removeTree(const std::string& path);
+
+/// The whole file, or the error.
+Result<std::string> readFile(const std::string& path);
+
+/// Replaces the file atomically and durably: a side file in the same directory, written, synced,
+/// renamed over the old one, the directory synced. A reader sees the old file or the new one,
+/// whatever happens to the process or the machine. A failed write leaves the old file and no side
+/// file. `write` is handed a function that appends text; when it returns false nothing is replaced
+/// and the error is EINVAL's. A link at `path` is replaced, not followed; `mode` is less the umask.
+/// A file size limit (RLIMIT_FSIZE) is an error only where SIGXFSZ is ignored.
+std::optional<Error> replaceFile(
+    const std::string& path,
+    const std::function<bool(const std::function<void(std::string_view)>& append)>& write,
+    unsigned mode = 0600);
+std::optional<Error> replaceFile(const std::string& path, std::string_view text,
+                                 unsigned mode = 0600);
+
+}  // namespace FileManager
+}  // namespace qx

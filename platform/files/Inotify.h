@@ -1,0 +1,104 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/base/FileDescriptor.h"
+
+namespace qx {
+
+/// One inotify instance (inotify(7)) and the watches in it. Not synchronised: its owner sees to it
+/// that one thread at a time uses it.
+class Inotify {
+ public:
+  /// One claim on a watched directory. The kernel has one watch for each inode, so claims are
+  /// counted, and the last to go takes the watch with it. Must not outlive its Inotify.
+  class Watch {
+   public:
+    Watch() = default;
+    Watch(Watch&& other) noexcept
+        : owner_(std::exchange(other.owner_, nullptr)), number_(std::exchange(other.number_, -1)) {}
+    Watch& operator=(Watch&& other) noexcept {
+      std::swap(owner_, other.owner_);
+      std::swap(number_, other.number_);
+      return *this;
+    }
+    ~Watch() {
+      if (owner_) owner_->release(number_);
+    }
+
+    /// -1 when there is none. Numbers are never used again.
+    int number() const { return number_; }
+    explicit operator bool() const { return number_ >= 0; }
+
+   private:
+    friend class Inotify;
+    Watch(Inotify* owner, int number) : owner_(owner), number_(number) {}
+    Inotify* owner_ = nullptr;
+    int number_ = -1;
+  };
+
+  struct Event {
+    int watch;
+    std::uint32_t mask;
+    /// Empty when the event concerns the watched directory itself.
+    std::string name;
+
+    /// Events were lost; nothing that was watched is known for sure any more.
+    bool isOverflow() const;
+  };
+
+  Inotify();
+
+  /// -1 when the kernel had no instance to give.
+  int descriptor() const { return descriptor_.get(); }
+
+  /// Watches a directory; empty, with errno set, when that is not possible. Masks of several
+  /// claims on one directory add up.
+  Watch watch(const std::string& directory, std::uint32_t mask);
+
+  /// What has happened since the last call, without waiting.
+  std::vector<Event> read();
+
+ private:
+  void release(int number);
+
+  FileDescriptor descriptor_;
+  std::map<int, unsigned> claims_;
+};
+
+/// Follows the directory that a path leads to: the directory itself, and as long as it is missing
+/// the nearest ancestor that exists. Ancestors that are moved or removed are noticed too.
+class WatchedPath {
+ public:
+  /// `mask` is what is wanted of the directory. Nothing is watched before establish().
+  WatchedPath(Inotify& inotify, std::string path, std::uint32_t mask)
+      : inotify_(inotify), path_(std::move(path)), mask_(mask) {}
+
+  const std::string& path() const { return path_; }
+
+  /// The number of the directory's watch, -1 while it is missing.
+  int directory() const { return directory_.number(); }
+
+  /// Whether the path may lead somewhere else since this event; establish() finds out.
+  bool isUnsettledBy(const Inotify::Event& event) const;
+
+  /// Looks where the path leads now and watches that. What happens there afterwards is not missed.
+  void establish();
+
+ private:
+  bool directoryIsStillThere();
+
+  Inotify& inotify_;
+  std::string path_;
+  std::uint32_t mask_;
+  Inotify::Watch directory_;
+  std::vector<Inotify::Watch> ancestors_;
+  /// The entry of the nearest ancestor that would be the next step to the missing directory.
+  std::string awaited_;
+};
+
+}  // namespace qx

@@ -1,0 +1,153 @@
+// Replacing a file: its new content gets a name in the directory only when it is complete and on
+// the disk, so a process that is killed while it writes leaves nothing behind (O_TMPFILE, open(2)).
+// A file system that has no files without names gets a side file that is unlinked on failure. Its
+// name begins with a full stop, which whoever looks through a directory passes over.
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "platform/base/Errors.h"
+#include "platform/base/Text.h"
+#include "platform/files/FileManager.h"
+
+namespace qx::FileManager {
+namespace {
+
+constexpr std::size_t bufferSize = 65536;
+
+class SideFile {
+ public:
+  SideFile(const std::string& directory, mode_t mode)
+      : directory_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (directory_) {
+      file_.reset(::openat(directory_.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+      if (!file_ && (errno == EOPNOTSUPP || errno == EISDIR || errno == ENOENT)) openNamed(mode);
+    }
+    if (!file_) fail();
+  }
+  ~SideFile() {
+    if (isNamed_) ::unlinkat(directory_.get(), name_.c_str(), 0);
+  }
+  SideFile(const SideFile&) = delete;
+  SideFile& operator=(const SideFile&) = delete;
+
+  void append(std::string_view text) {
+    if (failed_ != 0) return;
+    if (buffer_.size() + text.size() > bufferSize) {
+      flush();
+      if (text.size() > bufferSize) return write(text);
+    }
+    buffer_ += text;
+  }
+
+  /// Puts the file in the place of `name`.
+  void replace(const std::string& name) {
+    flush();
+    if (failed_ == 0 && ::fsync(file_.get()) != 0) fail();
+    if (failed_ == 0 && !isNamed_) giveName();
+    // A file system that delays writing may report a failure as late as here.
+    if (failed_ != 0) return;
+    if (::renameat(directory_.get(), name_.c_str(), directory_.get(), name.c_str()) != 0) {
+      return fail();
+    }
+    isNamed_ = false;
+    if (::fsync(directory_.get()) != 0) fail();
+  }
+
+  /// The errno of the first failure, or 0.
+  int failed() const { return failed_; }
+
+ private:
+  void fail() {
+    if (failed_ == 0) failed_ = errno;
+  }
+
+  void newName() {
+    std::uint64_t number = 0;
+    while (::getrandom(&number, sizeof number, 0) < 0 && errno == EINTR) {
+    }
+    name_ = ".side-" + hexEncode({reinterpret_cast<const std::uint8_t*>(&number), sizeof number});
+  }
+
+  void openNamed(mode_t mode) {
+    do {
+      newName();
+      file_.reset(::openat(directory_.get(), name_.c_str(),
+                           O_CREAT | O_EXCL | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, mode));
+    } while (!file_ && (errno == EEXIST || errno == EINTR));
+    isNamed_ = static_cast<bool>(file_);
+  }
+
+  void giveName() {
+    // AT_EMPTY_PATH would need a capability; the way through /proc needs none (open(2)).
+    const std::string link = "/proc/self/fd/" + std::to_string(file_.get());
+    do {
+      newName();
+      isNamed_ =
+          ::linkat(AT_FDCWD, link.c_str(), directory_.get(), name_.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    } while (!isNamed_ && errno == EEXIST);
+    if (!isNamed_) fail();
+  }
+
+  void flush() {
+    write(buffer_);
+    buffer_.clear();
+  }
+
+  void write(std::string_view text) {
+    while (failed_ == 0 && !text.empty()) {
+      const ssize_t count = ::write(file_.get(), text.data(), text.size());
+      if (count > 0) {
+        text.remove_prefix(static_cast<std::size_t>(count));
+      } else if (count == 0 || errno != EINTR) {
+        fail();
+      }
+    }
+  }
+
+  FileDescriptor directory_;
+  FileDescriptor file_;
+  std::string name_;
+  bool isNamed_ = false;
+  std::string buffer_;
+  int failed_ = 0;
+};
+
+}  // namespace
+
+std::optional<Error> replaceFile(
+    const std::string& path,
+    const std::function<bool(const std::function<void(std::string_view)>& append)>& write,
+    unsigned mode) {
+  const URL url = URL::fileURL(path);
+  const std::size_t slash = path.rfind('/');
+  const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (name.empty()) return fileError(EISDIR, url);
+
+  SideFile file(slash == std::string::npos ? "." : path.substr(0, slash + 1), mode);
+  if (file.failed() == 0) {
+    if (!write([&file](std::string_view text) { file.append(text); })) {
+      return fileError(EINVAL, url);
+    }
+    file.replace(name);
+  }
+  if (file.failed() != 0) return fileError(file.failed(), url);
+  return std::nullopt;
+}
+
+std::optional<Error> replaceFile(const std::string& path, std::string_view text, unsigned mode) {
+  return replaceFile(
+      path,
+      [text](const std::function<void(std::string_view)>& append) {
+        append(text);
+        return true;
+      },
+      mode);
+}
+
+}  // namespace qx::FileManager

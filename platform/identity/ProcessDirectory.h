@@ -1,0 +1,64 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/base/FileDescriptor.h"
+#include "platform/identity/AuditToken.h"
+
+namespace qx {
+
+/// What tells one file from another, whatever names and mounts lead to it.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  friend auto operator<=>(const FileIdentity&, const FileIdentity&) = default;
+};
+inline FileIdentity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+
+/// The directory of one process below /proc (proc(5)), held open: it never becomes another
+/// process's, and all that is asked of it fails once the process is gone.
+class ProcessDirectory {
+ public:
+  struct State {
+    char letter = 0;
+    std::uint64_t startTime = 0;
+  };
+
+  /// User and group numbers as they are seen from here.
+  struct Credentials {
+    uid_t effectiveUser = 0;
+    uid_t fileSystemUser = 0;
+    gid_t effectiveGroup = 0;
+    gid_t fileSystemGroup = 0;
+    std::vector<gid_t> groups;
+    std::uint64_t effectiveCapabilities = 0;
+  };
+
+  static std::optional<ProcessDirectory> open(pid_t process);
+  /// Of the very process that the token names; absent when it is gone.
+  static std::optional<ProcessDirectory> open(const AuditToken& token);
+
+  int descriptor() const { return descriptor_.get(); }
+
+  /// Absent when the process is gone, as is everything below.
+  std::optional<State> state() const;
+  bool isRunning() const;
+  std::optional<Credentials> credentials() const;
+  /// The executable; also absent when this process may not look at that one.
+  std::optional<FileIdentity> executable() const;
+  /// A whole file.
+  std::optional<std::string> read(const char* name) const;
+
+ private:
+  explicit ProcessDirectory(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+  FileDescriptor descriptor_;
+};
+
+}  // namespace qx

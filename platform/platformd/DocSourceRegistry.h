@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/base/Completion.h"
+#include "platform/base/Error.h"
+#include "platform/base/URL.h"
+#include "platform/identity/AuditToken.h"
+
+/// Whoever added doc sources and answers for them; over a connection, in platformd.
+class DocSourceHost {
+ public:
+  virtual ~DocSourceHost() = default;
+  /// The completion is called once: with the provider's own error, unchanged, or with the reason
+  /// why the provider cannot be asked any more.
+  virtual void provideItem(const std::string& docSource, const qx::URL& url,
+                           const std::string& readerID, qx::Completion<qx::Error> completion) = 0;
+  virtual void writerDidFinish(const std::string& docSource, const std::string& writerID,
+                               const qx::URL& url) = 0;
+  /// The process that it is.
+  virtual qx::AuditToken process() const { return {}; }
+  /// Whether it cannot be reached any more.
+  virtual bool isLost() const { return false; }
+};
+
+/// A doc source that is registered.
+struct DocSource {
+  std::uint64_t number;  // tells one registration from the next
+  std::string identifier;
+  qx::URL directory;
+  std::shared_ptr<DocSourceHost> host;
+};
+
+/// Hears of doc sources that come and go; called from any thread, in no particular order for calls
+/// of several threads. Returns at once.
+class DocSourceObserver {
+ public:
+  virtual ~DocSourceObserver() = default;
+  virtual void docSourceAdded(const DocSource& source) = 0;
+  virtual void docSourceRemoved(const DocSource& source) = 0;
+  /// Its host is gone; it may come back.
+  virtual void docSourceLost(const DocSource& source) = 0;
+};
+
+/// The doc sources that are registered, and the coordination of who reads and writes their items.
+/// It knows nothing of how readers and writers are heard of: the service hands it the coordinated
+/// accesses of programs that ask, and whatever else learns of an access (from the kernel, of
+/// programs that never ask) is to call the same provide() and didFinishWriting().
+///
+/// An item belongs to the doc source whose directory contains it, the innermost where directories
+/// are nested. Held by shared pointers only. Any thread; may block on the file system, never on a
+/// host.
+class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry> {
+ public:
+  /// Before the first doc source. Held weakly.
+  void setObserver(const std::weak_ptr<DocSourceObserver>& observer) { observer_ = observer; }
+
+  /// Adds a doc source, in the place of one with the same identifier.
+  void add(const std::string& identifier, const qx::URL& providedItemsURL,
+           const std::shared_ptr<DocSourceHost>& host);
+  /// DSNotFoundError for an unknown identifier, DSNotPermittedError for one of another host.
+  std::optional<qx::Error> remove(const std::string& identifier,
+                                  const std::shared_ptr<DocSourceHost>& host);
+  /// Forgets all doc sources of a host. Its provides that are under way end through their host.
+  void forget(const std::shared_ptr<DocSourceHost>& host);
+
+  /// Has the item brought in for a reader. Called back once: at once and without error when no doc
+  /// source owns the item, else when its provider has answered. While a provide of a file is under
+  /// way, further readers of it wait for the same answer, and the provider hears of the first one.
+  void provide(const qx::URL& url, const std::string& readerID,
+               qx::Completion<qx::Error> completion);
+
+  /// Tells the owner, if there is one, that the item was written.
+  void didFinishWriting(const qx::URL& url, const std::string& writerID);
+
+ private:
+  using SourcePointer = std::shared_ptr<const DocSource>;
+  /// A file while it is being provided.
+  using Item = std::pair<std::uint64_t, std::string>;
+
+  SourcePointer ownerOf(const qx::URL& url) const;
+
+  std::weak_ptr<DocSourceObserver> observer_;
+  mutable std::mutex mutex_;
+  std::uint64_t lastNumber_ = 0;
+  std::map<std::string, SourcePointer, std::less<>> sources_;
+  std::map<Item, std::vector<qx::Completion<qx::Error>>> underWay_;
+};

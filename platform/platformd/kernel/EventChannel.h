@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "platform/base/FileDescriptor.h"
+
+namespace qx::kernel {
+
+/// What the process that holds the groups and the one that does the work tell each other.
+struct Message {
+  enum class Kind : std::uint32_t {
+    event,    // to the worker, with the file: number, process, mask
+    answer,   // to the holder: number, errnum
+    ready,    // to the holder: the services are served
+    stop,     // to the worker: end; errnum is 1 when the group stays alive without us
+    stopped,  // to the holder: nothing is left to do
+  };
+  Kind kind{};
+  std::int32_t number = 0;
+  std::int32_t process = 0;
+  std::int32_t errnum = 0;
+  std::uint64_t mask = 0;
+};
+
+/// One end of the connection between the two, a SOCK_SEQPACKET socket pair (unix(7)); whole
+/// messages, a descriptor with each event. Any thread may send, one receives.
+class EventChannel {
+ public:
+  EventChannel() = default;
+  explicit EventChannel(FileDescriptor socket) : socket_(std::move(socket)) {}
+
+  /// Two connected ends; both empty when there are no descriptors to be had.
+  static std::pair<EventChannel, EventChannel> pair();
+
+  int descriptor() const { return socket_.get(); }
+  explicit operator bool() const { return static_cast<bool>(socket_); }
+
+  enum class Sent { yes, later, never };
+  /// Waits for room only when `wait`; else says that it has to be tried later.
+  Sent send(const Message& message, int descriptor = -1, bool wait = false) const;
+
+  struct Received {
+    Message message;
+    FileDescriptor descriptor;
+  };
+  enum class State { message, nothing, ended };
+  /// Without waiting.
+  State receive(Received& received) const;
+
+ private:
+  FileDescriptor socket_;
+};
+
+}  // namespace qx::kernel

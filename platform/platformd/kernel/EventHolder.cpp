@@ -1,0 +1,287 @@
+// The holder of the groups: a loop around poll(2).
+
+#include "platform/platformd/kernel/EventHolder.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
+#include "platform/base/Errors.h"
+#include "platform/log/Log.h"
+
+namespace qx::kernel {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr const char* accessesName = "fanotify-accesses";
+constexpr const char* changesName = "fanotify-changes";
+/// A worker that ends before it serves is not replaced sooner than this after its start.
+constexpr milliseconds pause{500};
+constexpr milliseconds timeToStop{10000};
+
+FileDescriptor storedDescriptor(std::string_view wanted) {
+  char** names = nullptr;
+  const int count = sd_listen_fds_with_names(0, &names);
+  FileDescriptor found;
+  for (int i = 0; i < count; ++i) {
+    if (!found && wanted == names[i]) found.reset(SD_LISTEN_FDS_START + i);
+    free(names[i]);
+  }
+  free(names);
+  if (found) fcntl(found.get(), F_SETFD, FD_CLOEXEC);
+  return found;
+}
+
+bool store(int descriptor, const char* name) {
+  const std::string text = std::string("FDSTORE=1\nFDPOLL=0\nFDNAME=") + name;
+  return sd_pid_notify_with_fds(0, 0, text.c_str(), &descriptor, 1) > 0;
+}
+
+/// As many as it may have: every program that waits costs one.
+rlim_t raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_cur;
+}
+
+}  // namespace
+
+Result<EventHolder::Groups> EventHolder::groups() {
+  const rlim_t limit = raiseDescriptorLimit();
+  FileDescriptor accesses = storedDescriptor(accessesName);
+  FileDescriptor changes = storedDescriptor(changesName);
+  // Version 254 and later says how many descriptors it would store.
+  const char* storable = std::getenv("FDSTORE");
+  const bool keeps = storable && std::atoi(storable) >= 2;
+  if (accesses && changes) {
+    Groups groups{AccessGroup(std::move(accesses)), ChangeGroup(std::move(changes)), keeps};
+    // The files of these are not known any more; the numbers are enough to end the wait.
+    const int most = static_cast<int>(std::min<rlim_t>(limit, 1U << 20U));
+    int ended = 0;
+    for (int number = 0; number < most; ++number) {
+      if (groups.accesses.answer(number, EAGAIN)) ++ended;
+    }
+    DS_LOG(
+        "[NOTICE] Took the watch over files back from the service manager; %d that waited were "
+        "told to try again.",
+        ended);
+    return groups;
+  }
+  auto newAccesses = AccessGroup::create();
+  if (!newAccesses) return newAccesses.error();
+  auto newChanges = ChangeGroup::create();
+  if (!newChanges) return newChanges.error();
+  const bool stored = keeps && store(newAccesses->descriptor(), accessesName) &&
+                      store(newChanges->descriptor(), changesName);
+  return Groups{*std::move(newAccesses), *std::move(newChanges), stored};
+}
+
+void EventHolder::startWorker() {
+  nextStart_ = steady_clock::now() + pause;
+  auto [ours, theirs] = EventChannel::pair();
+  if (!ours) {
+    DS_LOG("[ERROR] Cannot start a worker: too many open files.");
+    return;
+  }
+  std::vector<int> passed{theirs.descriptor(), groups_.accesses.descriptor(),
+                          groups_.changes.descriptor()};
+  for (const auto& socket : sockets_) passed.push_back(socket.get());
+  const int first = workerChannel;
+  const int last = first + static_cast<int>(passed.size());
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  // First out of the way of the numbers that they are to have, then there.
+  std::vector<FileDescriptor> aside;
+  for (std::size_t i = 0; i < passed.size(); ++i) {
+    aside.emplace_back(fcntl(passed[i], F_DUPFD_CLOEXEC, last));
+    posix_spawn_file_actions_adddup2(&actions, aside.back().get(), first + static_cast<int>(i));
+  }
+  posix_spawn_file_actions_addclosefrom_np(&actions, last);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  std::vector<char*> variables;
+  for (char** each = environ; *each; ++each) {
+    // What concerns this process's own start stays with it.
+    const std::string_view text(*each);
+    if (text.starts_with("NOTIFY_SOCKET=") || text.starts_with("LISTEN_") ||
+        text.starts_with("FDSTORE=")) {
+      continue;
+    }
+    variables.push_back(*each);
+  }
+  variables.push_back(nullptr);
+  std::string name = "platformd";
+  std::string option = workerOption;
+  std::array<char*, 3> arguments{name.data(), option.data(), nullptr};
+  const int errnum = posix_spawn(&worker_, "/proc/self/exe", &actions, &attributes,
+                                 arguments.data(), variables.data());
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (errnum != 0) {
+    worker_ = -1;
+    DS_LOG("[ERROR] Cannot start a worker. Error: %@", posixError(errnum, "platformd"));
+    return;
+  }
+  workerEnd_.reset(static_cast<int>(syscall(SYS_pidfd_open, worker_, 0)));
+  channel_ = std::move(ours);
+  for (auto& [number, pending] : pending_) pending.isSent = false;
+  DS_LOG("[DEBUG] Started worker %d.", worker_);
+}
+
+void EventHolder::reapWorker() {
+  siginfo_t info{};
+  if (worker_ < 0 || waitid(P_PID, static_cast<id_t>(worker_), &info, WEXITED | WNOHANG) != 0 ||
+      info.si_pid == 0) {
+    return;
+  }
+  receive();  // what it said last
+  if (!isStopped_) {
+    DS_LOG("[ERROR] Worker %d ended (status %d) while %d waited for answers.", worker_,
+           info.si_status, pending_.size());
+  }
+  worker_ = -1;
+  workerEnd_.reset();
+  channel_ = {};
+  if (isStopping_) isStopped_ = true;
+}
+
+void EventHolder::readEvents() {
+  for (auto& event : groups_.accesses.read()) {
+    const int number = event.file.get();
+    if (event.process == worker_ || event.process == getpid()) {
+      groups_.accesses.answer(number, 0);
+    } else {
+      pending_.insert_or_assign(number, Pending{std::move(event)});
+    }
+  }
+}
+
+void EventHolder::sendEvents() {
+  if (!channel_) return;
+  for (auto& [number, pending] : pending_) {
+    if (pending.isSent) continue;
+    const Message message{Message::Kind::event, number, pending.event.process, 0,
+                          pending.event.mask};
+    if (channel_.send(message, number) != EventChannel::Sent::yes) return;
+    pending.isSent = true;
+  }
+}
+
+void EventHolder::answer(int number, int errnum) {
+  const auto found = pending_.find(number);
+  if (found == pending_.end()) return;
+  groups_.accesses.answer(number, errnum);
+  pending_.erase(found);
+}
+
+void EventHolder::receive() {
+  EventChannel::Received received;
+  while (channel_ && channel_.receive(received) == EventChannel::State::message) {
+    switch (received.message.kind) {
+      case Message::Kind::answer:
+        answer(received.message.number, received.message.errnum);
+        break;
+      case Message::Kind::ready:
+        if (!std::exchange(isReady_, true)) sd_notify(0, "READY=1");
+        nextStart_ = steady_clock::now();
+        break;
+      case Message::Kind::stopped:
+        isStopped_ = true;
+        break;
+      default:
+        break;
+    }
+  }
+}
+
+void EventHolder::beginStop() {
+  isStopping_ = true;
+  sd_notify(0, "STOPPING=1");
+  Message message{Message::Kind::stop};
+  message.errnum = groups_.stored ? 1 : 0;
+  if (!channel_ || channel_.send(message, -1, true) != EventChannel::Sent::yes) isStopped_ = true;
+}
+
+/// Nobody who waits now is let through when the group closes.
+void EventHolder::finish() {
+  if (groups_.stored) {
+    DS_LOG("[NOTICE] Stopping; programs that read placeholders wait for the next start.");
+    return;
+  }
+  for (readEvents(); !pending_.empty(); readEvents()) {
+    while (!pending_.empty()) answer(pending_.begin()->first, EAGAIN);
+  }
+}
+
+int EventHolder::run() {
+  sigset_t stopping;
+  sigemptyset(&stopping);
+  sigaddset(&stopping, SIGTERM);
+  sigaddset(&stopping, SIGINT);
+  const FileDescriptor signals(signalfd(-1, &stopping, SFD_CLOEXEC | SFD_NONBLOCK));
+  startWorker();
+  steady_clock::time_point stopBegan;
+  while (!isStopped_) {
+    const bool unsent = std::any_of(pending_.begin(), pending_.end(),
+                                    [](const auto& entry) { return !entry.second.isSent; });
+    std::array<pollfd, 4> sources{{{signals.get(), POLLIN, 0},
+                                   {groups_.accesses.descriptor(), POLLIN, 0},
+                                   {channel_.descriptor(), POLLIN, 0},
+                                   {workerEnd_.get(), POLLIN, 0}}};
+    if (unsent) sources[2].events |= POLLOUT;
+    int wait = -1;
+    if (worker_ < 0) {
+      const auto due = std::chrono::ceil<milliseconds>(nextStart_ - steady_clock::now());
+      wait = std::max(0, static_cast<int>(due.count()));
+    } else if (isStopping_) {
+      wait = static_cast<int>(timeToStop.count());
+    }
+    poll(sources.data(), sources.size(), wait);
+
+    signalfd_siginfo signal;
+    if (read(signals.get(), &signal, sizeof signal) == sizeof signal && !isStopping_) {
+      stopBegan = steady_clock::now();
+      beginStop();
+    }
+    receive();
+    readEvents();
+    reapWorker();
+    if (isStopping_ && steady_clock::now() - stopBegan > timeToStop) break;
+    if (worker_ < 0 && !isStopping_ && steady_clock::now() >= nextStart_) startWorker();
+    sendEvents();
+  }
+  finish();
+  if (worker_ > 0) {
+    // It ends by itself when this end of the channel closes.
+    channel_ = {};
+    pollfd end{workerEnd_.get(), POLLIN, 0};
+    if (poll(&end, 1, static_cast<int>(timeToStop.count())) <= 0) kill(worker_, SIGKILL);
+    waitpid(worker_, nullptr, 0);
+  }
+  return 0;
+}
+
+}  // namespace qx::kernel

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/base/FileDescriptor.h"
+#include "platform/platformd/kernel/EventChannel.h"
+#include "platform/platformd/kernel/FanotifyGroup.h"
+
+namespace qx::kernel {
+
+/// The process that must not fall: it keeps the groups open, reads who waits, hands that to its
+/// worker and passes the answers on. A worker that dies is replaced at once, and the next one gets
+/// everything that has not been answered, so that whoever waits goes on waiting and nobody reads
+/// what is not there. It also keeps the listening sockets, so that no client finds them closed.
+///
+/// One thread, no queues, nothing of the services. Where the service manager stores descriptors
+/// (sd_pid_notify_with_fds(3)), the groups are stored there too, and survive this process.
+class EventHolder {
+ public:
+  /// What it holds, to be had with CAP_SYS_ADMIN alone.
+  struct Groups {
+    AccessGroup accesses;
+    ChangeGroup changes;
+    /// The service manager has them too, and keeps them when this process ends.
+    bool stored = false;
+  };
+  /// From the service manager, or new ones, stored there if it is possible. Accesses that were read
+  /// by a process that is gone, but not answered, fail with EAGAIN.
+  static Result<Groups> groups();
+
+  /// `sockets` are the worker's, see workerSocket().
+  EventHolder(Groups groups, std::vector<FileDescriptor> sockets)
+      : groups_(std::move(groups)), sockets_(std::move(sockets)) {}
+
+  /// Until SIGTERM or SIGINT, which must be blocked. Returns the exit status of the program.
+  int run();
+
+  /// The descriptors that the worker finds open.
+  static constexpr int workerChannel = 3;
+  static constexpr int workerAccesses = 4;
+  static constexpr int workerChanges = 5;
+  static constexpr int workerSockets = 6;
+  static constexpr const char* workerOption = "--worker";
+
+ private:
+  struct Pending {
+    AccessEvent event;
+    bool isSent = false;
+  };
+
+  void startWorker();
+  void reapWorker();
+  void readEvents();
+  void sendEvents();
+  void receive();
+  void answer(int number, int errnum);
+  void beginStop();
+  void finish();
+
+  Groups groups_;
+  std::vector<FileDescriptor> sockets_;
+  std::map<int, Pending> pending_;  // by the number of the event's descriptor
+  EventChannel channel_;
+  pid_t worker_ = -1;
+  FileDescriptor workerEnd_;                         // pidfd_open(2)
+  std::chrono::steady_clock::time_point nextStart_;  // not before
+  bool isReady_ = false;
+  bool isStopping_ = false;
+  bool isStopped_ = false;
+};
+
+}  // namespace qx::kernel

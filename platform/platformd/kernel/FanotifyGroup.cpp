@@ -1,0 +1,178 @@
+// The two kinds of fanotify groups, as far as they are used here.
+
+#include "platform/platformd/kernel/FanotifyGroup.h"
+
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
+#include "platform/base/Errors.h"
+
+namespace qx::kernel {
+namespace {
+
+constexpr std::uint64_t changeMask = FAN_CREATE | FAN_MOVED_TO | FAN_MODIFY | FAN_CLOSE_WRITE |
+                                     FAN_ATTRIB | FAN_ONDIR | FAN_EVENT_ON_CHILD;
+
+/// A denial that names its errno (FAN_DENY_ERRNO of later headers).
+std::uint32_t response(int errnum) {
+  return errnum == 0 ? FAN_ALLOW : FAN_DENY | (static_cast<std::uint32_t>(errnum & 0xff) << 24U);
+}
+
+int mark(int group, unsigned flags, std::uint64_t mask, int directory, const char* name) {
+  return fanotify_mark(group, flags, mask, directory, name) == 0 ? 0 : errno;
+}
+
+/// Hands each event that can be read now to `take`, with its length.
+template <class Take>
+void readEvents(int group, Take take) {
+  alignas(fanotify_event_metadata) std::array<char, 16384> buffer;
+  for (;;) {
+    const ssize_t length = read(group, buffer.data(), buffer.size());
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0) return;
+    for (std::size_t at = 0; at + sizeof(fanotify_event_metadata) <= std::size_t(length);) {
+      fanotify_event_metadata event;
+      std::memcpy(&event, buffer.data() + at, sizeof event);
+      if (event.event_len < sizeof event || at + event.event_len > std::size_t(length)) break;
+      take(event, buffer.data() + at);
+      at += event.event_len;
+    }
+  }
+}
+
+std::string keyOf(const void* fileSystem, int type, const void* bytes, std::size_t count) {
+  std::string key(static_cast<const char*>(fileSystem), sizeof(fsid_t));
+  key += std::to_string(type) + ":";
+  key.append(static_cast<const char*>(bytes), count);
+  return key;
+}
+
+/// The directory and name that an event's records give.
+void readRecords(const char* event, const fanotify_event_metadata& metadata, ChangeEvent& change) {
+  std::size_t at = metadata.metadata_len;
+  while (at + sizeof(fanotify_event_info_header) <= metadata.event_len) {
+    fanotify_event_info_header header;
+    std::memcpy(&header, event + at, sizeof header);
+    if (header.len < sizeof header || at + header.len > metadata.event_len) return;
+    constexpr std::size_t handleOffset = offsetof(fanotify_event_info_fid, handle);
+    if (header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME &&
+        header.len >= handleOffset + sizeof(file_handle)) {
+      file_handle handle;
+      std::memcpy(&handle, event + at + handleOffset, sizeof handle);
+      const std::size_t nameOffset = handleOffset + sizeof handle + handle.handle_bytes;
+      if (nameOffset > header.len) return;
+      change.directory =
+          keyOf(event + at + offsetof(fanotify_event_info_fid, fsid), handle.handle_type,
+                event + at + handleOffset + sizeof handle, handle.handle_bytes);
+      const char* name = event + at + nameOffset;
+      change.name.assign(name, strnlen(name, header.len - nameOffset));
+    }
+    at += header.len;
+  }
+}
+
+}  // namespace
+
+Result<AccessGroup> AccessGroup::create() {
+  // Read-only, so that the kernel can open the file for us on a mount that is.
+  FileDescriptor group(fanotify_init(FAN_CLASS_PRE_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK |
+                                         FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
+                                     O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME));
+  if (!group) return posixError(errno, "The kernel cannot be asked for accesses to files");
+  return AccessGroup(std::move(group));
+}
+
+std::vector<AccessEvent> AccessGroup::read() const {
+  std::vector<AccessEvent> events;
+  readEvents(descriptor_.get(), [&](const fanotify_event_metadata& event, const char*) {
+    if (event.fd < 0) return;
+    events.push_back({FileDescriptor(event.fd), event.pid, event.mask});
+  });
+  return events;
+}
+
+bool AccessGroup::answer(int number, int errnum) const {
+  fanotify_response reply{number, response(errnum)};
+  if (write(descriptor_.get(), &reply, sizeof reply) == sizeof reply) return true;
+  if (errno != EINVAL) return false;
+  reply.response = FAN_DENY;
+  return write(descriptor_.get(), &reply, sizeof reply) == sizeof reply;
+}
+
+bool AccessGroup::knowsAccess(const std::string& directory) const {
+  // On the directory itself, which has no content that anybody accesses; taken away again.
+  if (mark(descriptor_.get(), FAN_MARK_ADD, preAccess, AT_FDCWD, directory.c_str()) != 0) {
+    return false;
+  }
+  mark(descriptor_.get(), FAN_MARK_REMOVE, preAccess, AT_FDCWD, directory.c_str());
+  return true;
+}
+
+int AccessGroup::watchDirectory(int directory, std::uint64_t mask) const {
+  return mark(descriptor_.get(), FAN_MARK_ADD, mask | FAN_EVENT_ON_CHILD, directory, nullptr);
+}
+
+int AccessGroup::watchFile(int directory, const std::string& name, std::uint64_t mask) const {
+  return mark(descriptor_.get(), FAN_MARK_ADD | FAN_MARK_DONT_FOLLOW, mask, directory,
+              name.c_str());
+}
+
+int AccessGroup::unwatchFile(int file, std::uint64_t mask) const {
+  return mark(descriptor_.get(), FAN_MARK_REMOVE, mask, file, nullptr);
+}
+
+int AccessGroup::ignoreFile(int file, std::uint64_t mask) const {
+  const unsigned flags = FAN_MARK_ADD | FAN_MARK_IGNORE;
+  const int errnum = mark(descriptor_.get(), flags | FAN_MARK_EVICTABLE, mask, file, nullptr);
+  // The file has a mark that is to stay: this one joins it.
+  return errnum == EEXIST ? mark(descriptor_.get(), flags, mask, file, nullptr) : errnum;
+}
+
+Result<ChangeGroup> ChangeGroup::create() {
+  FileDescriptor group(fanotify_init(
+      FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_MARKS,
+      O_RDONLY | O_LARGEFILE | O_CLOEXEC));
+  if (!group) return posixError(errno, "The kernel cannot be asked for changes of files");
+  return ChangeGroup(std::move(group));
+}
+
+std::vector<ChangeEvent> ChangeGroup::read() const {
+  std::vector<ChangeEvent> events;
+  readEvents(descriptor_.get(), [&](const fanotify_event_metadata& event, const char* bytes) {
+    ChangeEvent change{event.mask, event.pid, {}, {}};
+    if (!(event.mask & FAN_Q_OVERFLOW)) {
+      readRecords(bytes, event, change);
+      if (change.directory.empty()) return;
+    }
+    events.push_back(std::move(change));
+  });
+  return events;
+}
+
+int ChangeGroup::watchDirectory(int directory) const {
+  return mark(descriptor_.get(), FAN_MARK_ADD, changeMask, directory, nullptr);
+}
+
+std::string ChangeGroup::keyOf(int directory) {
+  alignas(file_handle) std::array<char, sizeof(file_handle) + MAX_HANDLE_SZ> bytes{};
+  auto* handle = reinterpret_cast<file_handle*>(bytes.data());
+  handle->handle_bytes = MAX_HANDLE_SZ;
+  int mount = 0;
+  struct statfs status;
+  if (fstatfs(directory, &status) != 0 ||
+      name_to_handle_at(directory, "", handle, &mount, AT_EMPTY_PATH) != 0) {
+    return {};
+  }
+  return kernel::keyOf(&status.f_fsid, handle->handle_type, bytes.data() + sizeof(file_handle),
+                       handle->handle_bytes);
+}
+
+}  // namespace qx::kernel

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/base/FileDescriptor.h"
+#include "platform/base/Result.h"
+
+namespace qx::kernel {
+
+/// An access to the content of a file, before it happens (fanotify(7), since Linux 6.14); not in
+/// the headers of older C libraries.
+inline constexpr std::uint64_t preAccess = 0x00100000;
+/// The opening of a file, for kernels and file systems that have nothing better.
+inline constexpr std::uint64_t openPermission = 0x00010000;
+
+/// A program that waits for leave to get at a file.
+struct AccessEvent {
+  /// The file, opened by the kernel for this event; using it causes no event. Its number is the
+  /// name of the event in the process that read it: open until the event is answered.
+  FileDescriptor file;
+  pid_t process = 0;
+  std::uint64_t mask = 0;
+};
+
+/// A group that is asked before content is accessed (FAN_CLASS_PRE_CONTENT). While it has a
+/// descriptor anywhere, programs wait for its answers; when the last one closes, the kernel lets
+/// them all through. Marks sit on inodes, so neither mounts nor other names lead around them.
+/// Any thread; the descriptor is non-blocking.
+class AccessGroup {
+ public:
+  /// EPERM without CAP_SYS_ADMIN.
+  static Result<AccessGroup> create();
+  explicit AccessGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+
+  int descriptor() const { return descriptor_.get(); }
+
+  /// What has come, without waiting.
+  std::vector<AccessEvent> read() const;
+
+  /// Answers the event whose descriptor has this number in the process that read it. 0 allows;
+  /// else the program's call fails with the errno (EPERM, EIO, EBUSY, ETXTBSY, EAGAIN, ENOSPC or
+  /// EDQUOT; a kernel that knows no others makes it EPERM). False when nobody waits any more.
+  bool answer(int number, int errnum) const;
+
+  /// Whether the kernel, and the directory's file system, tell of accesses (preAccess).
+  bool knowsAccess(const std::string& directory) const;
+
+  /// Each returns an errno, or 0. `directory` is open, `name` an entry of it that is not followed.
+  int watchDirectory(int directory, std::uint64_t mask) const;
+  int watchFile(int directory, const std::string& name, std::uint64_t mask) const;
+  int unwatchFile(int file, std::uint64_t mask) const;
+  /// No more events for the file until its content changes; forgotten with the inode's memory.
+  int ignoreFile(int file, std::uint64_t mask) const;
+
+ private:
+  FileDescriptor descriptor_;
+};
+
+/// Something that happened in a directory.
+struct ChangeEvent {
+  std::uint64_t mask = 0;
+  pid_t process = 0;
+  /// Names the directory, see ChangeGroup::keyOf(); empty when events were lost.
+  std::string directory;
+  std::string name;
+};
+
+/// A group that is told afterwards: entries that come, content that changes, files that are closed
+/// after writing (FAN_REPORT_DFID_NAME).
+class ChangeGroup {
+ public:
+  static Result<ChangeGroup> create();
+  explicit ChangeGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+
+  int descriptor() const { return descriptor_.get(); }
+  std::vector<ChangeEvent> read() const;
+  int watchDirectory(int directory) const;
+  /// What events call an open directory: its file handle (name_to_handle_at(2)); empty when the
+  /// file system has none.
+  static std::string keyOf(int directory);
+
+ private:
+  FileDescriptor descriptor_;
+};
+
+}  // namespace qx::kernel

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/identity/ProcessDirectory.h"
+#include "platform/platformd/kernel/FanotifyGroup.h"
+
+namespace qx::kernel {
+
+/// The directory trees whose files are watched: the marks in both groups, and what tells which
+/// file an event is about.
+///
+/// Every directory has a mark that covers the files in it, and every placeholder one of its own,
+/// which follows it wherever it is moved and covers every hard link to it. Marks go with their
+/// inodes only: a tree that is not looked after any more stays watched as long as the groups live.
+/// Any thread; blocks on the file system.
+class MarkedTrees {
+ public:
+  /// The groups must outlive this. `best` is what to mark for where the file system has it:
+  /// preAccess or openPermission.
+  MarkedTrees(const AccessGroup& accesses, const ChangeGroup& changes, std::uint64_t best)
+      : accesses_(accesses), changes_(changes), best_(best) {}
+
+  /// What a look at a tree came to.
+  struct Scan {
+    std::size_t directories = 0;
+    std::size_t placeholders = 0;
+    /// What the marks are for; 0 when there is nothing to mark, `errnum` telling why.
+    std::uint64_t mask = 0;
+    int errnum = 0;
+    /// The files that are content, where somebody else made them.
+    std::vector<std::string> contents;
+  };
+  /// Whose a tree's files are that have holes and no sign of a placeholder.
+  enum class Maker { provider, somebodyElse };
+  /// Marks the directory and everything below it, each directory before it is looked through, so
+  /// that what comes into it afterwards is told. Placeholders that were concealed are revealed.
+  Scan mark(const std::string& directory, Maker maker = Maker::provider);
+
+  /// The path of a marked directory, by ChangeGroup::keyOf().
+  std::optional<std::string> directoryWithKey(const std::string& key) const;
+
+  /// A path in the marked trees that leads to the open file, whatever it was opened by.
+  std::optional<std::string> pathOf(int file, const struct stat& status) const;
+
+  /// Looks at a file that may have become a placeholder. It is not opened before its provider has
+  /// closed it, who may want it for himself (fcntl(2), F_SETLEASE). Returns whether it is one.
+  bool examine(const std::string& path, bool isClosed);
+  /// The same for one that somebody other than the provider made or changed: holes are meant.
+  void examineForeign(const std::string& path, const struct stat& status, bool isModified);
+  /// The file has its content: no more events until that changes.
+  void settle(int file, const struct stat& status, std::uint64_t mask);
+
+  /// Whether the file's modification time is another than when this was last asked or it was last
+  /// looked at; false for a file seen for the first time.
+  bool hasChanged(const struct stat& status);
+
+  /// Makes all placeholders unreadable; returns how many.
+  std::size_t concealAll();
+
+ private:
+  std::uint64_t markDirectory(int directory, int& errnum);
+  bool examineLocked(const std::string& path, const struct stat& status, bool isClosed);
+
+  const AccessGroup& accesses_;
+  const ChangeGroup& changes_;
+  const std::uint64_t best_;
+
+  mutable std::mutex mutex_;
+  // Under the mutex.
+  std::map<std::string, std::string> paths_;         // of directories, by their key
+  std::map<FileIdentity, std::string> directories_;  // the same, by identity
+  std::map<FileIdentity, std::string> placeholders_;
+  std::map<FileIdentity, std::pair<std::int64_t, std::int64_t>> times_;
+};
+
+}  // namespace qx::kernel

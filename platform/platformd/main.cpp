@@ -1,0 +1,169 @@
+// platformd: the platform services that need standing authority, file coordination and the
+// redemption of sandbox extensions.
+//
+// Asked to watch every program, and with CAP_SYS_ADMIN, it is two processes: the one that is
+// started holds what must outlive a crash (EventHolder), and starts the other, which serves. Else
+// the one serves.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/conduit/ServiceSocket.h"
+#include "platform/coordination/CoordinationState.h"
+#include "platform/files/Places.h"
+#include "platform/log/Log.h"
+#include "platform/platformd/FileCoordinationService.h"
+#include "platform/platformd/SandboxService.h"
+#include "platform/platformd/kernel/EventHolder.h"
+#include "platform/platformd/kernel/KernelCoordinator.h"
+#include "platform/queue/RunLoop.h"
+#include "platform/sandbox/Sandbox.h"
+
+namespace {
+
+using qx::CoordinationMechanism;
+using qx::kernel::EventHolder;
+
+const std::vector<std::string>& serviceNames() {
+  static const auto& names = *new std::vector<std::string>{fileCoordinationServiceName,
+                                                           std::string(qx::sandboxServiceName)};
+  return names;
+}
+
+/// The services, for as long as it lives.
+struct Services {
+  std::shared_ptr<DocSourceRegistry> registry = std::make_shared<DocSourceRegistry>();
+  std::shared_ptr<FileCoordinationService> fileCoordination =
+      FileCoordinationService::make(registry);
+  std::shared_ptr<SandboxService> sandbox = SandboxService::make();
+
+  void resume() const {
+    fileCoordination->resume();
+    sandbox->resume();
+  }
+};
+
+/// Held by whoever serves. A holder that falls leaves its worker behind for the moment that it
+/// takes to put the placeholders out of reach; the next one waits for that.
+qx::FileDescriptor waitForTurnToServe() {
+  const std::string path = qx::Places::runtimeDirectory() + "/platformd.serving.lock";
+  qx::FileDescriptor turn(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (turn && flock(turn.get(), LOCK_EX | LOCK_NB) != 0) {
+    DS_LOG("[NOTICE] Waiting for the worker of an earlier start to end.");
+    while (flock(turn.get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
+  }
+  return turn;
+}
+
+int serve() {
+  const auto turn = waitForTurnToServe();
+  const Services services;
+  services.resume();
+  qx::RunLoop::main().run();
+  return 0;
+}
+
+/// A descriptor that the holder left open for us.
+qx::FileDescriptor inherited(int number) {
+  fcntl(number, F_SETFD, FD_CLOEXEC);
+  return qx::FileDescriptor(number);
+}
+
+int work() {
+  // The holder says when to end.
+  signal(SIGTERM, SIG_IGN);
+  signal(SIGINT, SIG_IGN);
+  qx::RunLoop::main().stopOnSignals({});
+  const auto turn = waitForTurnToServe();
+  int number = EventHolder::workerSockets;
+  for (const auto& name : serviceNames()) qx::adoptServiceSocket(name, inherited(number++));
+  const bool byAccess = qx::readCoordinationMechanism() == CoordinationMechanism::access;
+  Services services;
+  auto coordinator = std::make_shared<qx::kernel::KernelCoordinator>(
+      services.registry, qx::kernel::EventChannel(inherited(EventHolder::workerChannel)),
+      qx::kernel::AccessGroup(inherited(EventHolder::workerAccesses)),
+      qx::kernel::ChangeGroup(inherited(EventHolder::workerChanges)),
+      byAccess ? qx::kernel::preAccess : qx::kernel::openPermission);
+  services.registry->setObserver(coordinator);
+  coordinator->start([] { qx::RunLoop::main().stop(); });
+  services.resume();
+  coordinator->tellReady();
+  qx::RunLoop::main().run();
+  coordinator->stop();
+  return 0;
+}
+
+int hold(EventHolder::Groups groups) {
+  waitForTurnToServe().reset();
+  std::vector<qx::FileDescriptor> sockets;
+  bool boundHere = false;
+  for (const auto& name : serviceNames()) {
+    auto socket = qx::listenOnServiceSocket(name);
+    if (!socket) {
+      std::fprintf(stderr, "platformd: %s\n", socket.error().description().c_str());
+      return 1;
+    }
+    boundHere = boundHere || socket->boundHere;
+    sockets.push_back(std::move(socket->socket));
+  }
+  const int status = EventHolder(std::move(groups), std::move(sockets)).run();
+  for (const auto& name : serviceNames()) {
+    if (boundHere) qx::removeServiceSocket(name);
+  }
+  return status;
+}
+
+/// What the kernel offers for files under the root, as far as it is wanted.
+CoordinationMechanism mechanismWith(const EventHolder::Groups& groups) {
+  const char* wanted = std::getenv("DOCSOURCE_COORDINATION");
+  if (wanted && std::string_view(wanted) == "open") return CoordinationMechanism::open;
+  return groups.accesses.knowsAccess(qx::Places::root()) ? CoordinationMechanism::access
+                                                         : CoordinationMechanism::open;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  const std::span arguments(argv, static_cast<std::size_t>(argc));
+  if (arguments.size() == 2 && std::string_view(arguments[1]) == EventHolder::workerOption) {
+    return work();
+  }
+  qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
+  for (const std::string& name : serviceNames()) {
+    if (auto taken = qx::claimService(name)) {
+      std::fprintf(stderr, "platformd: %s\n", taken->description().c_str());
+      return 1;
+    }
+  }
+
+  DS_LOG("[NOTICE] %s starting.", arguments.front());
+  const char* wanted = std::getenv("DOCSOURCE_COORDINATION");
+  const std::string_view asked = wanted ? wanted : "cooperative";
+  auto mechanism = CoordinationMechanism::cooperative;
+  // Not unasked: while the kernel reports an access to a file on which its provider holds a lease,
+  // it waits for that lease, and an eviction with one stands still.
+  if (asked != "access" && asked != "open") {
+    qx::announceCoordinationMechanism(mechanism);
+    return serve();
+  }
+  auto groups = EventHolder::groups();
+  if (groups) {
+    mechanism = mechanismWith(*groups);
+  } else {
+    DS_LOG("[INFO] The kernel cannot be asked for accesses. Error: %@", groups.error());
+  }
+  qx::announceCoordinationMechanism(mechanism);
+  return groups ? hold(*std::move(groups)) : serve();
+}

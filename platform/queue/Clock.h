@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace qx {
+
+/// Where delays come from: the monotonic clock (CLOCK_MONOTONIC, clock_gettime(2)) in the
+/// programs, a ManualClock that a test moves in tests.
+class Clock {
+ public:
+  using Duration = std::chrono::nanoseconds;
+  /// Never 0.
+  using TimerID = std::uint64_t;
+
+  virtual ~Clock() = default;
+
+  /// Since an arbitrary point in the past.
+  virtual Duration now() const = 0;
+
+  /// Runs `action` once, when `delay` has passed, on a thread of the clock's choosing; the action
+  /// must be short, what is long it submits to a queue.
+  virtual TimerID schedule(Duration delay, std::function<void()> action) = 0;
+
+  /// The action does not run any more unless it has begun already. Unknown ids are ignored.
+  virtual void cancel(TimerID timer) = 0;
+
+  /// The clock of this process.
+  static Clock& current();
+  /// For tests, before anything is scheduled. The clock must outlive every use of it.
+  static void setCurrent(Clock& clock);
+};
+
+/// A clock that stands still until a test moves it.
+class ManualClock final : public Clock {
+ public:
+  Duration now() const override;
+  TimerID schedule(Duration delay, std::function<void()> action) override;
+  void cancel(TimerID timer) override;
+
+  /// Moves the time forward and runs what falls due, in order of time, on the calling thread;
+  /// also what those actions schedule for within the span.
+  void advance(Duration duration);
+
+  /// Waits until at least `count` actions are scheduled; for a test that must not move the clock
+  /// before the code under test has begun its delay.
+  void waitForScheduled(std::size_t count) const;
+  std::size_t scheduledCount() const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+
+ public:
+  ManualClock();
+};
+
+}  // namespace qx

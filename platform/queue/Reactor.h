@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace qx {
+
+/// What waits for a descriptor. Kept alive by the reactor from add() to remove().
+class ReactorHandler {
+ public:
+  virtual ~ReactorHandler() = default;
+  /// Runs on a thread of the reactor with the epoll events (epoll_ctl(2)) that are ready. May
+  /// block: the reactor adds a thread when none is left waiting.
+  virtual void ready(std::uint32_t events) = 0;
+};
+
+/// The threads that wait for descriptors, over one epoll set (epoll(7)).
+///
+/// A source is one-shot: after ready() was called it stays silent until it is armed again, so a
+/// handler that arms only at its end is never run twice at a time. EPOLLHUP and EPOLLERR are
+/// always reported to an armed source. When every thread is busy another is started, and surplus
+/// threads end when they have waited in vain, so no handler holds another one up.
+class Reactor {
+ public:
+  /// The one of this process.
+  static Reactor& shared();
+
+  /// Never 0.
+  using SourceID = std::uint64_t;
+
+  /// Watches `fd` (owned by the caller, open until remove()) and arms it for `events`; 0 when the
+  /// kernel refuses. Any thread.
+  virtual SourceID add(int fd, std::uint32_t events, std::shared_ptr<ReactorHandler> handler) = 0;
+  virtual void arm(SourceID source, int fd, std::uint32_t events) = 0;
+  /// No call begins after the return; one that has begun may still be running. Unknown sources
+  /// are ignored, so that the first of several who remove wins.
+  virtual void remove(SourceID source, int fd) = 0;
+
+ protected:
+  virtual ~Reactor() = default;
+};
+
+}  // namespace qx

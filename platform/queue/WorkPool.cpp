@@ -1,0 +1,125 @@
+/// The pool of threads behind the queues: one list of jobs, workers that take them, and a watcher
+/// that adds a worker whenever a backlog has not moved for a moment.
+
+#include "platform/queue/WorkPool.h"
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "platform/queue/Thread.h"
+
+namespace qx {
+
+namespace {
+
+constexpr std::chrono::seconds idleTime{5};
+constexpr std::chrono::milliseconds patience{10};
+constexpr unsigned defaultCap = 64;
+
+thread_local bool isWorker = false;
+
+}  // namespace
+
+WorkPool& WorkPool::shared() {
+  static auto& pool = *new WorkPool;
+  return pool;
+}
+
+WorkPool::WorkPool()
+    : size_(std::max(2U, std::thread::hardware_concurrency())), cap_(std::max(size_, defaultCap)) {}
+
+void WorkPool::setSize(unsigned size, unsigned cap) {
+  const std::lock_guard lock(mutex_);
+  size_ = std::max(1U, size);
+  cap_ = std::max(size_, cap);
+}
+
+void WorkPool::submit(Job job) {
+  const std::lock_guard lock(mutex_);
+  jobs_.push_back(std::move(job));
+  provideThread();
+}
+
+void WorkPool::provideThread() {
+  if (idle_ > 0) jobsArrived_.notify_one();
+  if (!isShortOfThreads()) return;
+  if (mayGrow(size_)) {
+    startWorker();
+  } else if (mayGrow(cap_)) {
+    if (!watcherStarted_) {
+      auto watcher = startThread("queue-watch", [this] { watch(); });
+      watcherStarted_ = watcher.joinable();
+      if (watcherStarted_) watcher.detach();
+    } else if (watcherIdle_) {
+      backlogArose_.notify_one();
+    }
+  }
+}
+
+void WorkPool::startWorker() {
+  auto worker = startThread("queue-work", [this] { work(); });
+  if (!worker.joinable()) return;
+  worker.detach();
+  ++threads_;
+}
+
+void WorkPool::work() {
+  isWorker = true;
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    if (!jobs_.empty()) {
+      Job job = std::move(jobs_.front());
+      jobs_.pop_front();
+      ++begun_;
+      lock.unlock();
+      if (job.work) {
+        job.work->runInPool();
+      } else {
+        job.task();
+      }
+      job = {};
+      lock.lock();
+      continue;
+    }
+    ++idle_;
+    const bool found = jobsArrived_.wait_for(lock, idleTime, [this] { return !jobs_.empty(); });
+    --idle_;
+    if (!found && threads_ - waiting_ > size_) {
+      --threads_;
+      return;
+    }
+  }
+}
+
+void WorkPool::watch() {
+  const auto isStuck = [this] { return isShortOfThreads() && mayGrow(cap_); };
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    watcherIdle_ = true;
+    backlogArose_.wait(lock, isStuck);
+    watcherIdle_ = false;
+    const auto begunBefore = begun_;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (backlogArose_.wait_until(lock, deadline) != std::cv_status::timeout) {
+    }
+    if (isStuck() && begun_ == begunBefore) startWorker();
+  }
+}
+
+WorkPool::Waiting::Waiting() {
+  if (!isWorker) return;
+  auto& pool = shared();
+  const std::lock_guard lock(pool.mutex_);
+  ++pool.waiting_;
+  if (pool.isShortOfThreads() && pool.mayGrow(pool.size_)) pool.startWorker();
+}
+
+WorkPool::Waiting::~Waiting() {
+  if (!isWorker) return;
+  auto& pool = shared();
+  const std::lock_guard lock(pool.mutex_);
+  --pool.waiting_;
+}
+
+}  // namespace qx

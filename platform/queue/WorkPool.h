@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace qx {
+
+/// Something that has work for a thread of the pool.
+class PoolWork {
+ public:
+  virtual ~PoolWork() = default;
+  virtual void runInPool() = 0;
+};
+
+/// The threads behind the queues; internal to platform/queue. Threads are started on demand, up to
+/// the size of the pool plus one for each of its threads that waits inside a queue. When jobs wait
+/// and none has been begun for a while, because all threads are held up by tasks that block, the
+/// pool grows further, one thread at a time, up to its cap. Threads beyond the size end when they
+/// have been idle for some seconds. Any thread may call.
+class WorkPool {
+ public:
+  static WorkPool& shared();
+
+  void submit(std::function<void()> task) { submit(Job{nullptr, std::move(task)}); }
+  void submit(std::shared_ptr<PoolWork> work) { submit(Job{std::move(work), nullptr}); }
+
+  void setSize(unsigned size, unsigned cap);
+
+  /// While it exists the calling thread, if it is one of the pool's, counts as waiting.
+  class Waiting {
+   public:
+    Waiting();
+    ~Waiting();
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+  };
+
+ private:
+  struct Job {
+    std::shared_ptr<PoolWork> work;
+    std::function<void()> task;
+  };
+
+  WorkPool();
+  void submit(Job job);
+  bool isShortOfThreads() const { return jobs_.size() > idle_; }
+  bool mayGrow(unsigned limit) const { return threads_ - waiting_ < limit; }
+  /// With the mutex held.
+  void provideThread();
+  void startWorker();
+  void work();
+  void watch();
+
+  std::mutex mutex_;
+  std::condition_variable jobsArrived_;
+  std::condition_variable backlogArose_;
+  std::deque<Job> jobs_;
+  std::uint64_t begun_ = 0;
+  unsigned size_;
+  unsigned cap_;
+  unsigned threads_ = 0;
+  unsigned idle_ = 0;
+  unsigned waiting_ = 0;
+  bool watcherStarted_ = false;
+  bool watcherIdle_ = false;
+};
+
+}  // namespace qx
