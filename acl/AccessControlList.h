@@ -1,0 +1,67 @@
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "acl/IdentifierTable.h"
+#include "acl/ItemIdentifierList.h"
+#include "platform/base/Result.h"
+#include "platform/base/Value.h"
+#include "platform/plist/PropertyList.h"
+
+/// The access-control list in memory, in the layout of its file: a dictionary from provider
+/// identifiers to dictionaries from consumer identifiers to dictionaries that hold, under
+/// "AllowedItemIDs", the identifiers of the items which this provider may provide to this consumer.
+///
+/// A query is three look-ups by hash, whatever the size of the list, and allocates nothing.
+///
+/// The file is not checked when it is read. What does not have the shape above is kept and written
+/// back as it was, and grants nothing; a new grant takes the place of what stands exactly where its
+/// own dictionaries or list must be, and of nothing else.
+///
+/// Not safe for concurrent use: a list belongs to one queue.
+class AccessControlList {
+ public:
+  AccessControlList();
+  AccessControlList(AccessControlList&&) noexcept;
+  AccessControlList& operator=(AccessControlList&&) noexcept;
+  ~AccessControlList();
+
+  /// Whatever property list the stream holds, without ever building it as a Value.
+  static qx::Result<AccessControlList> read(std::istream& stream);
+
+  /// The whole list, dictionaries in byte order. False when it holds something that property lists
+  /// cannot carry, which nothing that was read does.
+  bool write(qx::PropertyList::Writer& writer);
+
+  bool isAllowed(std::string_view provider, std::string_view item, std::string_view consumer) const;
+
+  /// Adds a grant, after those that the consumer has. False when it was there.
+  bool allow(std::string_view provider, std::string_view item, std::string_view consumer);
+
+  /// Takes a grant away, and what becomes empty by that: the list of items, then the consumer's
+  /// entry, then the provider's. False when there was none.
+  bool disallow(std::string_view provider, std::string_view item, std::string_view consumer);
+
+ private:
+  class Reader;
+
+  /// A dictionary as it should be, or, where `foreign` is set, something else instead of it.
+  struct ConsumerEntry {
+    std::optional<ItemIdentifierList> allowedItems;
+    /// Keys of other names, and the one for the items where it is no array.
+    std::unique_ptr<qx::Dictionary> otherKeys;
+    std::unique_ptr<qx::Value> foreign;
+  };
+  struct ProviderEntry {
+    IdentifierTable<ConsumerEntry> consumers;
+    std::unique_ptr<qx::Value> foreign;
+  };
+
+  static bool write(const ConsumerEntry& entry, qx::PropertyList::Writer& writer);
+
+  IdentifierTable<ProviderEntry> providers_;
+  std::unique_ptr<qx::Value> foreign_;
+};

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "acl/PositionIndex.h"
+#include "platform/base/Value.h"
+
+/// The item identifiers that one consumer may have of one provider, in the order in which they
+/// were granted. Membership and adding take the same time however many there are. Compact: the
+/// bytes of all identifiers lie one after the other, and each costs some twenty to thirty bytes
+/// besides its own.
+///
+/// A list that came from a file may hold an identifier twice and things that are no identifiers;
+/// they keep their places and are handed back, and only identifiers count as granted.
+class ItemIdentifierList {
+ public:
+  bool contains(std::string_view identifier) const;
+
+  /// At the end, unless it is there. True when it was added.
+  bool add(std::string_view identifier);
+  /// Every occurrence, the others staying in order. False when there was none.
+  bool remove(std::string_view identifier);
+
+  /// At the end, whatever is there.
+  void append(std::string_view identifier);
+  void appendForeign(qx::Value element);
+
+  bool isEmpty() const { return ends_.empty() && !foreign_; }
+
+  /// In order: `identifier(std::string_view)` and `foreign(const qx::Value&)`. Goes on as long as
+  /// they return true; returns whether all did.
+  template <class Identifier, class Foreign>
+  bool forEach(Identifier&& identifier, Foreign&& foreign) const {
+    std::size_t nextForeign = 0;
+    for (std::size_t position = 0; position <= ends_.size(); ++position) {
+      for (; foreign_ && nextForeign < foreign_->size() &&
+             (*foreign_)[nextForeign].identifiersBefore == position;
+           ++nextForeign) {
+        if (!foreign((*foreign_)[nextForeign].element)) return false;
+      }
+      if (position < ends_.size() && !identifier(at(position))) return false;
+    }
+    return true;
+  }
+
+ private:
+  struct ForeignElement {
+    std::size_t identifiersBefore;
+    qx::Value element;
+  };
+
+  std::string_view at(std::size_t position) const {
+    const std::size_t begin = position == 0 ? 0 : ends_[position - 1];
+    return std::string_view(bytes_).substr(begin, ends_[position] - begin);
+  }
+  void indexLast();
+
+  std::string bytes_;
+  std::vector<std::size_t> ends_;  // of each identifier in bytes_
+  PositionIndex index_;            // first occurrences
+  std::unique_ptr<std::vector<ForeignElement>> foreign_;
+};
