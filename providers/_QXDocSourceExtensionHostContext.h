@@ -1,0 +1,24 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/extension/QXExtensionContext.h"
+#include "providers/_QXDocSourceVendor.h"
+
+/// The host-side context of a request to a provider extension. The extension host makes one for
+/// each request; the two interfaces describe the two ends of the request's connection.
+class _QXDocSourceExtensionHostContext final : public QXExtensionContext,
+                                               public _QXDocSourceHostProtocol {
+ public:
+  /// What the extension may call. The same object every time.
+  static const std::shared_ptr<const QXConduitInterface>& _extensionAuxiliaryHostProtocol();
+  /// What the daemon calls. The same object every time.
+  static const std::shared_ptr<const QXConduitInterface>& _extensionAuxiliaryVendorProtocol();
+};
+
+/// The extension point of document providers.
+inline constexpr const char* docSourceExtensionPoint = "com.veltro.docsource-nonui";
+/// Makes the extension host use this context class for the extension point; it is in force in
+/// every program that includes this header.
+inline const QXExtensionPoint docSourceExtensionPointRegistration =
+    QXExtensionPoint::withContext<_QXDocSourceExtensionHostContext>(docSourceExtensionPoint);
