@@ -1,0 +1,168 @@
+// Requests of an entitled client that a provider act on one of its documents, on behalf of a
+// consumer: put a placeholder, start providing, stop providing.
+//
+// The three look alike. Placeholder finds the provider by its identifier and answers an early error
+// as it is; start and stop find it by the URL and answer every early error as "not found", while
+// the log keeps the precise error. Stop asks nobody's permission.
+
+#include <utility>
+
+#include "platform/log/Log.h"
+#include "platform/queue/WorkQueue.h"
+#include "providers/DSExtensionDocSource.h"
+#include "servicer/DSConduitServicer.h"
+
+namespace {
+
+using Provider = std::shared_ptr<DSExtensionDocSource>;
+
+/// The arguments that the three operations share.
+struct ItemRequest {
+  std::optional<qx::URL> url;
+  std::optional<std::string> providerID;
+  std::optional<std::string> consumerID;
+
+  std::optional<qx::Error> missingArgument() const {
+    if (!url) return DSInvalidParameterError("URL", std::nullopt);
+    if (!providerID) return DSInvalidParameterError("providerID", std::nullopt);
+    if (!consumerID) return DSInvalidParameterError("consumerID", std::nullopt);
+    return std::nullopt;
+  }
+};
+
+qx::Result<Provider> providerNamedBy(const ItemRequest& request) {
+  if (auto missing = request.missingArgument()) return *missing;
+  auto provider = DSExtensionDocSource::providerWithIdentifier(request.providerID);
+  if (!provider) return DSNotFoundError(request.providerID);
+  return provider;
+}
+
+/// The provider that owns the URL, which must be the one that was named; `mismatchValue` is the
+/// value of the error when it is not.
+qx::Result<Provider> providerOwningURLOf(const ItemRequest& request,
+                                         const std::optional<std::string>& mismatchValue) {
+  if (auto missing = request.missingArgument()) return *missing;
+  auto provider = DSExtensionDocSource::providerForURL(request.url);
+  if (!provider) return DSNotFoundError(request.providerID);
+  if (provider->identifier() != request.providerID) {
+    return DSInvalidParameterError("providerID", mismatchValue);
+  }
+  return provider;
+}
+
+/// Answers from the global queue, as every early answer is given.
+void answerEarly(qx::Completion<qx::Error> completion, const qx::Error& error) {
+  qx::WorkQueue::global().async([completion = std::move(completion), error] {
+    if (completion) completion(error);
+  });
+}
+
+/// Asks the provider for the item's identifier and whether the consumer was granted the item, and
+/// goes on with `forward` when it was.
+void whenGranted(const Provider& provider, const ItemRequest& request,
+                 const std::function<bool(const std::optional<std::string>& itemID)>& isAllowed,
+                 const qx::Completion<qx::Error>& completion,
+                 const std::function<void()>& forward) {
+  provider->itemIDForURL_completionHandler(
+      request.url,
+      [request, isAllowed, completion, forward](const std::optional<qx::Error>& error,
+                                                const std::optional<std::string>& itemID) {
+        if (error) {
+          if (completion) completion(DSPluginOperationFailedError(error));
+        } else if (isAllowed(itemID)) {
+          forward();
+        } else {
+          DS_LOG(
+              "[ERROR] Consumer ID %@ is not allowed to access item ID “%@” from provider ID %@.",
+              request.consumerID, itemID, request.providerID);
+          if (completion) completion(DSNotPermittedError());
+        }
+      });
+}
+
+}  // namespace
+
+void DSConduitServicer::
+    providePlaceholderForItemAtURL_fromProviderID_forConsumerID_completionHandler(
+        const std::optional<qx::URL>& url, const std::optional<std::string>& providerID,
+        const std::optional<std::string>& consumerID, qx::Completion<qx::Error> completion) {
+  DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
+  if (!clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
+    if (completion) answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
+    return;
+  }
+  const ItemRequest request{url, providerID, consumerID};
+  const auto provider = providerNamedBy(request);
+  if (!provider) {
+    DS_LOG(
+        "[ERROR] Could not provide placeholder for URL %@ from provider ID %@ to consumer ID %@. "
+        "Error: %@",
+        url, providerID, consumerID, provider.error());
+    answerEarly(std::move(completion), provider.error());
+    return;
+  }
+  whenGranted(
+      *provider, request,
+      [self = shared_from_this(), providerID, consumerID](const auto& itemID) {
+        return self->isAllowed(providerID, itemID, consumerID);
+      },
+      completion,
+      [provider = *provider, url, completion] {
+        provider->providePlaceholderForItemAtURL_completionHandler(url, completion);
+      });
+}
+
+void DSConduitServicer::startProvidingItemAtURL_fromProviderID_forConsumerID_completionHandler(
+    const std::optional<qx::URL>& url, const std::optional<std::string>& providerID,
+    const std::optional<std::string>& consumerID, qx::Completion<qx::Error> completion) {
+  DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
+  if (!clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
+    if (completion) answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
+    return;
+  }
+  const ItemRequest request{url, providerID, consumerID};
+  const auto provider = providerOwningURLOf(request, providerID);
+  if (!provider) {
+    DS_LOG("[ERROR] Cannot provide item at URL %@ from provider ID %@ to consumer ID %@. Error: %@",
+           url, providerID, consumerID, provider.error());
+    answerEarly(std::move(completion), DSNotFoundError(providerID));
+    return;
+  }
+  whenGranted(
+      *provider, request,
+      [self = shared_from_this(), providerID, consumerID](const auto& itemID) {
+        return self->isAllowed(providerID, itemID, consumerID);
+      },
+      completion,
+      [provider = *provider, url, completion] {
+        provider->startProvidingItemAtURL_completionHandler(url, completion);
+      });
+}
+
+void DSConduitServicer::stopProvidingItemAtURL_fromProviderID_forConsumerID_completionHandler(
+    const std::optional<qx::URL>& url, const std::optional<std::string>& providerID,
+    const std::optional<std::string>& consumerID, qx::Completion<qx::Error> completion) {
+  DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
+  if (!clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
+    if (completion) answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
+    return;
+  }
+  const auto provider = providerOwningURLOf({url, providerID, consumerID}, std::nullopt);
+  if (!provider) {
+    DS_LOG(
+        "[ERROR] Could not stop providing item at URL %@ from provider ID %@ to consumer ID %@. "
+        "Error: %@",
+        url, providerID, consumerID, provider.error());
+    answerEarly(std::move(completion), DSNotFoundError(providerID));
+    return;
+  }
+  (*provider)->stopProvidingItemAtURL_completionHandler(
+      url,
+      [providerID, url, completion = std::move(completion)](const std::optional<qx::Error>& error) {
+        if (error) {
+          DS_LOG("[ERROR] Could not ask provider ID %@ to stop providing item at URL %@. Error: %@",
+                 providerID, url, error);
+        }
+        if (completion) completion(DSPluginOperationFailedError(error));
+      });
+}

@@ -1,0 +1,116 @@
+// Access to one document for a consumer: the grant, and the tokens that open the consumer's sandbox
+// to the document and its hidden sibling.
+
+#include <utility>
+
+#include "platform/log/Log.h"
+#include "platform/queue/WorkQueue.h"
+#include "platform/sandbox/Sandbox.h"
+#include "providers/DSExtensionDocSource.h"
+#include "servicer/DSConduitServicer.h"
+
+namespace {
+
+std::optional<qx::Bytes> issueToken(const std::optional<qx::URL>& url) {
+  const auto path = url ? url->path() : std::nullopt;
+  if (!path) return std::nullopt;
+  const auto token = SandboxIssueFileExtension(qx::sandboxExtensionReadWrite, *path, 0);
+  if (!token) return std::nullopt;
+  return qx::Bytes(token->begin(), token->end());
+}
+
+}  // namespace
+
+void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_completionHandler(
+    const std::optional<qx::URL>& url, const std::optional<std::string>& providerID,
+    const std::optional<std::string>& consumerID,
+    qx::Completion<qx::Error, qx::Bytes, qx::URL, qx::Bytes> completion) {
+  DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
+  const auto refuse = [&completion](const qx::Error& error) {
+    qx::WorkQueue::global().async([completion = std::move(completion), error] {
+      if (completion) completion(error, std::nullopt, std::nullopt, std::nullopt);
+    });
+  };
+  if (!clientHasOneOfAllowedEntitlements(dsWriteEntitlements)) {
+    if (completion) refuse(DSClientLacksEntitlement(std::nullopt));
+    return;
+  }
+
+  std::optional<qx::Error> error;
+  std::shared_ptr<DSExtensionDocSource> provider;
+  if (!url) {
+    error = DSInvalidParameterError("URL", std::nullopt);
+  } else if (!providerID) {
+    error = DSInvalidParameterError("providerID", std::nullopt);
+  } else if (!consumerID) {
+    error = DSInvalidParameterError("consumerID", std::nullopt);
+  } else {
+    provider = DSExtensionDocSource::providerWithIdentifier(providerID);
+    if (!provider) error = DSNotFoundError(providerID);
+  }
+  if (error) {
+    DS_LOG(
+        "[ERROR] Could not extend sandbox for URL %@ from provider ID %@ to consumer ID %@, error: "
+        "%@",
+        url, providerID, consumerID, error);
+    refuse(*error);
+    return;
+  }
+
+  provider->itemIDForURL_completionHandler(url, [self = shared_from_this(),
+                                                 completion = std::move(completion), providerID,
+                                                 consumerID,
+                                                 url](const std::optional<qx::Error>& lookupError,
+                                                      const std::optional<std::string>& itemID) {
+    if (lookupError) {
+      if (completion) {
+        completion(DSPluginOperationFailedError(lookupError), std::nullopt, std::nullopt,
+                   std::nullopt);
+      }
+      return;
+    }
+    self->allow(providerID, itemID, consumerID);
+    std::optional<qx::Bytes> token;
+    std::optional<qx::URL> siblingURL;
+    std::optional<qx::Bytes> siblingToken;
+    std::optional<qx::Error> issueError;
+    if (issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError)) {
+      DS_LOG(
+          "[INFO] Successfully extended sandbox for URL %@ from provider ID %@ to consumer ID "
+          "%@.",
+          url, providerID, consumerID);
+      if (completion) completion(std::nullopt, token, siblingURL, siblingToken);
+    } else {
+      DS_LOG("[ERROR] Failed to extend sandbox for URL %@ from provider ID %@ to consumer ID %@.",
+             url, providerID, consumerID);
+      if (completion) {
+        completion(DSSandboxExtensionFailedError(url), std::nullopt, std::nullopt, std::nullopt);
+      }
+    }
+  });
+}
+
+std::optional<qx::URL> hiddenSiblingURLForURL(const qx::URL& url) {
+  std::string_view text = url.absoluteString();
+  while (text.size() > 1 && text.ends_with('/')) text.remove_suffix(1);
+  const std::size_t separator = text.rfind('/');
+  const std::size_t nameStart = separator == std::string_view::npos ? 0 : separator + 1;
+  std::string sibling(text.substr(0, nameStart));
+  sibling += '.';
+  sibling += text.substr(nameStart);
+  return qx::URL::parse(sibling);
+}
+
+bool issueSandboxExtensionsForURL(const std::optional<qx::URL>& url,
+                                  std::optional<qx::Bytes>* outToken,
+                                  std::optional<qx::URL>* outSiblingURL,
+                                  std::optional<qx::Bytes>* outSiblingToken,
+                                  std::optional<qx::Error>* /*outError*/) {
+  const auto siblingURL = url ? hiddenSiblingURLForURL(*url) : std::nullopt;
+  auto token = issueToken(url);
+  auto siblingToken = issueToken(siblingURL);
+  if (outToken) *outToken = std::move(token);
+  if (outSiblingURL) *outSiblingURL = siblingURL;
+  if (outSiblingToken) *outSiblingToken = std::move(siblingToken);
+  return true;
+}
