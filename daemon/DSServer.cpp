@@ -1,0 +1,39 @@
+#include "daemon/DSServer.h"
+
+#include <utility>
+
+#include "platform/device/KeyState.h"
+#include "platform/log/Log.h"
+#include "platform/notify/SystemNotifyCenter.h"
+#include "platform/queue/WorkQueue.h"
+#include "providers/DSExtensionDocSource.h"
+
+namespace {
+
+constexpr const char* firstUnlockNotification = "com.veltro.mobile.lockwardd.first_unlock";
+constexpr int unlockedLockState = 3;
+
+}  // namespace
+
+void DSServer::startCompletion(std::function<void()> completion) {
+  DS_LOG("[INFO] Server starting.");
+  listener_ = std::make_shared<QXConduitListener>(dsDaemonServiceName);
+  listenerDelegate_ = std::make_shared<DSConduitListenerDelegate>();
+  listenerDelegate_->setServer(shared_from_this());
+  listener_->setDelegate(listenerDelegate_);
+
+  qx::SystemNotifyCenter::addObserver(
+      firstUnlockNotification, [] { DSExtensionDocSource::createInstancesCompletion(nullptr); });
+
+  if (DeviceLockState() == unlockedLockState || DeviceUnlockedSinceBoot() != 0) {
+    DSExtensionDocSource::createInstancesCompletion(
+        [self = weak_from_this(), completion = std::move(completion)] {
+          if (auto server = self.lock()) server->listener()->resume();
+          if (completion) completion();
+        });
+    return;
+  }
+  DS_LOG("[INFO] Not instantiating doc sources until first unlock.");
+  listener_->resume();
+  if (completion) qx::WorkQueue::global().async(std::move(completion));
+}

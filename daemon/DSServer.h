@@ -1,0 +1,41 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "daemon/DSConduitListenerDelegate.h"
+#include "platform/conduit/QXConduitListener.h"
+#include "servicer/DSConduitServicer.h"
+
+/// The daemon's server: the listener on "com.veltro.DocSource" and its delegate, and the order in
+/// which the first unlock of the device, the provider instances and the listener's resumption come.
+///
+/// Owned by the entry point for the life of the process. Holds the access control store weakly; the
+/// store keeps itself alive. Used on the main thread; accessControlStore() on any.
+class DSServer final : public DSAccessControlStoreOwner,
+                       public std::enable_shared_from_this<DSServer> {
+ public:
+  /// Null before startCompletion().
+  const std::shared_ptr<QXConduitListener>& listener() const { return listener_; }
+  const std::shared_ptr<DSConduitListenerDelegate>& listenerDelegate() const {
+    return listenerDelegate_;
+  }
+
+  std::shared_ptr<DSAccessControlStore> accessControlStore() const override {
+    return accessControlStore_.lock();
+  }
+  /// Before startCompletion().
+  void setAccessControlStore(const std::shared_ptr<DSAccessControlStore>& store) {
+    accessControlStore_ = store;
+  }
+
+  /// Called once. Connections are accepted when the provider instances have been created, or, on a
+  /// device that was not unlocked since boot, at once; the completion, which may be absent, is
+  /// called then.
+  void startCompletion(std::function<void()> completion);
+
+ private:
+  std::shared_ptr<QXConduitListener> listener_;
+  std::shared_ptr<DSConduitListenerDelegate> listenerDelegate_;
+  std::weak_ptr<DSAccessControlStore> accessControlStore_;
+};

@@ -1,0 +1,36 @@
+// docsourced: the document broker.
+
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <span>
+
+#include "acl/DSAccessControlStore.h"
+#include "daemon/DSServer.h"
+#include "platform/conduit/ServiceSocket.h"
+#include "platform/extension/ExtensionHost.h"
+#include "platform/log/Log.h"
+#include "platform/queue/RunLoop.h"
+
+int main(int argc, char* argv[]) {
+  const std::span arguments(argv, static_cast<std::size_t>(argc));
+  qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
+  if (auto taken = qx::claimService(dsDaemonServiceName)) {
+    std::fprintf(stderr, "docsourced: %s\n", taken->description().c_str());
+    return 1;
+  }
+
+  DS_LOG("[NOTICE] %s starting.", arguments.front());
+  DS_LOG("[DEBUG] Debug logging enabled.");
+  auto server = std::make_shared<DSServer>();
+  const auto store = DSAccessControlStore::sharedStore();
+  server->setAccessControlStore(store);
+  server->startCompletion(nullptr);
+  qx::RunLoop::main().run();
+
+  // No new calls, no extension left running, no write under way.
+  server.reset();
+  qx::ExtensionHost::shared().shutdown();
+  store->syncQueue()->sync([] {});
+  return 0;
+}
