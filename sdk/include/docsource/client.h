@@ -1,0 +1,161 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "docsource/error.h"
+
+namespace docsource {
+
+/// A sandbox token: printable text that whoever redeems it (Client::redeem) exchanges for an open
+/// descriptor of the file it was issued for. Good until the machine restarts.
+using Token = std::string;
+
+/// What lets a consumer's sandbox reach a document: the token of the document itself, and its
+/// hidden sibling (the file of the same name with a "." in front) with a token of its own. A token
+/// is absent when there is no such file.
+struct SandboxExtension {
+  std::optional<Token> token;
+  std::optional<std::string> siblingURL;
+  std::optional<Token> siblingToken;
+};
+
+/// A document that a bookmarkable string led to.
+struct ResolvedBookmark {
+  std::string url;
+  SandboxExtension extension;
+};
+
+struct ProviderInfo {
+  std::string identifier;
+  /// The directory URL under which its documents live; absent for a provider that has none.
+  std::optional<std::string> documentStorageURL;
+};
+
+/// A consumer's side of the document broker.
+///
+/// URLs are file URLs as text (fileURL(), pathOfURL()); providers and consumers are named by their
+/// bundle identifiers. Who may call what depends on the bundle the calling program belongs to, its
+/// entitlements and what it may read.
+///
+/// Every operation comes twice. The form without a callback waits for the answer; it may be called
+/// on any thread, also from within a callback of this or another client. The form with a callback
+/// returns at once, and calls the callback exactly once, from a background thread; callbacks run in
+/// parallel and in any order. Both wait no longer than the timeout, which is the client's own
+/// unless the call names one; `noTimeout` waits for ever. A call that gets no answer in time fails
+/// with LibraryError::timedOut, and an answer that comes later is dropped. An empty callback is
+/// allowed.
+///
+/// Connections are made at the first call that needs one, and made anew at the next call after a
+/// service was away. A service that cannot be reached gives LibraryError::serviceUnavailable; one
+/// that goes away with the call in flight QXConduitErrorDomain 4. Nothing is retried.
+///
+/// Any thread may use the client. Destroying it fails the calls in flight as a lost connection
+/// does; their callbacks may run after the destructor has returned.
+class DOCSOURCE_API Client {
+ public:
+  template <class T>
+  using Callback = std::function<void(Result<T>)>;
+  using Timeout = std::optional<std::chrono::milliseconds>;
+  static constexpr std::chrono::milliseconds noTimeout = std::chrono::milliseconds::max();
+
+  /// `timeout` holds for the calls that name none.
+  explicit Client(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  // The broker, service "com.veltro.DocSource".
+
+  /// `wakeUpCompletion:`. Answers once the broker is up and serves calls.
+  Result<void> wakeUp(Timeout timeout = {});
+  void wakeUp(Callback<void> callback, Timeout timeout = {});
+
+  /// `extendSandboxForFileURL:fromProviderID:toConsumerID:completionHandler:`. Records that the
+  /// consumer may have the document, and gives the tokens for it.
+  Result<SandboxExtension> extendSandbox(const std::string& url, const std::string& provider,
+                                         const std::string& consumer, Timeout timeout = {});
+  void extendSandbox(const std::string& url, const std::string& provider,
+                     const std::string& consumer, Callback<SandboxExtension> callback,
+                     Timeout timeout = {});
+
+  /// `providePlaceholderForItemAtURL:fromProviderID:forConsumerID:completionHandler:`.
+  Result<void> providePlaceholder(const std::string& url, const std::string& provider,
+                                  const std::string& consumer, Timeout timeout = {});
+  void providePlaceholder(const std::string& url, const std::string& provider,
+                          const std::string& consumer, Callback<void> callback,
+                          Timeout timeout = {});
+
+  /// `startProvidingItemAtURL:fromProviderID:forConsumerID:completionHandler:`. After success the
+  /// document's content is there.
+  Result<void> startProviding(const std::string& url, const std::string& provider,
+                              const std::string& consumer, Timeout timeout = {});
+  void startProviding(const std::string& url, const std::string& provider,
+                      const std::string& consumer, Callback<void> callback, Timeout timeout = {});
+
+  /// `stopProvidingItemAtURL:fromProviderID:forConsumerID:completionHandler:`. The consumer needs
+  /// the document no longer.
+  Result<void> stopProviding(const std::string& url, const std::string& provider,
+                             const std::string& consumer, Timeout timeout = {});
+  void stopProviding(const std::string& url, const std::string& provider,
+                     const std::string& consumer, Callback<void> callback, Timeout timeout = {});
+
+  /// `providersCompletionHandler:`. In the order of their identifiers.
+  Result<std::vector<ProviderInfo>> providers(Timeout timeout = {});
+  void providers(Callback<std::vector<ProviderInfo>> callback, Timeout timeout = {});
+
+  /// `extendBookmarkForFileURL:toConsumerID:completionHandler:`. Records that the consumer may have
+  /// the document, and gives a bookmarkable string for it.
+  Result<std::string> extendBookmark(const std::string& url, const std::string& consumer,
+                                     Timeout timeout = {});
+  void extendBookmark(const std::string& url, const std::string& consumer,
+                      Callback<std::string> callback, Timeout timeout = {});
+
+  /// `bookmarkableStringFromDocumentURL:completion:`. Absent, and no error, for a URL that belongs
+  /// to no provider.
+  Result<std::optional<std::string>> bookmarkableString(const std::string& url,
+                                                        Timeout timeout = {});
+  void bookmarkableString(const std::string& url, Callback<std::optional<std::string>> callback,
+                          Timeout timeout = {});
+
+  /// `documentURLFromBookmarkableString:completion:`. The broker never answers when the provider
+  /// is not installed (any more): that ends with LibraryError::timedOut.
+  Result<ResolvedBookmark> resolveBookmark(const std::string& bookmark, Timeout timeout = {});
+  void resolveBookmark(const std::string& bookmark, Callback<ResolvedBookmark> callback,
+                       Timeout timeout = {});
+
+  // Sandbox extensions, service "com.veltro.Sandbox".
+
+  /// `consumeExtension:completion:`. A descriptor of the document, open for reading, or for reading
+  /// and writing where the token grants that. It is close-on-exec.
+  Result<Descriptor> redeem(const Token& token, Timeout timeout = {});
+  void redeem(const Token& token, Callback<Descriptor> callback, Timeout timeout = {});
+
+  // Coordination, service "com.veltro.FileCoordination".
+
+  /// `coordinateReadingItemAtURL:completion:`. Has the document's provider bring its content in,
+  /// when it has one; after success it may be read.
+  Result<void> coordinateReading(const std::string& url, Timeout timeout = {});
+  void coordinateReading(const std::string& url, Callback<void> callback, Timeout timeout = {});
+
+  /// coordinateReading(), then the document opened for reading (open(2), O_RDONLY | O_CLOEXEC). An
+  /// error of the opening is one of QXStandardErrorDomain.
+  Result<Descriptor> openForReading(const std::string& url, Timeout timeout = {});
+  void openForReading(const std::string& url, Callback<Descriptor> callback, Timeout timeout = {});
+
+  /// `didFinishWritingItemAtURL:completion:`. Tells the document's provider that its content was
+  /// changed; call it after the changed file is closed or in place.
+  Result<void> finishedWriting(const std::string& url, Timeout timeout = {});
+  void finishedWriting(const std::string& url, Callback<void> callback, Timeout timeout = {});
+
+ private:
+  class Implementation;
+  std::shared_ptr<Implementation> implementation_;
+};
+
+}  // namespace docsource
