@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/base/Result.h"
+#include "platform/identity/Bundles.h"
+
+/// Puts bundles into the folders of this root and takes them away, each in one step: whoever looks
+/// into the folder finds the old bundle, the new one or none, never half of one. Two installers at
+/// a time do each other no harm.
+namespace tool {
+
+struct Installation {
+  qx::Bundle bundle;
+  /// Whether there was one before in its place.
+  bool replaced = false;
+};
+
+/// Copies the bundle directory into the folder of its kind, links as links, and synced to the disk
+/// before it appears. It takes the place of the installed bundle of the same identifier, under that
+/// one's name, or of what lies broken under its own name. A broken bundle is refused before
+/// anything is touched, and so is one whose name belongs to a bundle of another identifier.
+qx::Result<Installation> installBundle(const std::string& source);
+
+/// Takes away every installed bundle of that identifier; returns where they were. Fails when there
+/// is none.
+qx::Result<std::vector<std::string>> uninstallBundles(const std::string& identifier);
+
+/// What lies in the folder of a kind: a bundle or what is wrong with it.
+struct InstalledBundle {
+  std::string path;
+  qx::Result<qx::Bundle> bundle;
+};
+/// In byte order of the directories' names.
+std::vector<InstalledBundle> installedBundles(qx::BundleKind kind);
+
+}  // namespace tool

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "docsource/client.h"
+#include "platform/base/Error.h"
+
+/// The commands of the tool. Each is a function from the parsed command line to the exit status;
+/// it prints its answer to standard output, as text or with --json as one JSON object, and what
+/// went wrong to standard error. main.cpp has the table of them.
+namespace tool {
+
+enum ExitStatus : int {
+  success = 0,
+  /// The operation answered with an error, or not in time.
+  operationFailed = 1,
+  wrongUsage = 2,
+  /// The service is away, or went away before it answered.
+  serviceUnreachable = 3,
+};
+
+/// The command line. A command finds filled in what the table says it takes.
+struct Arguments {
+  bool json = false;
+  std::chrono::milliseconds timeout{};
+  /// The one argument without a name: a URL or path, a string, a token, a bundle, an identifier.
+  std::string subject;
+  /// Instead of it, for a command that takes several.
+  std::vector<std::string> subjects;
+  std::string provider;
+  std::string consumer;
+  /// What stood behind "--", for the program that is to be run.
+  std::vector<std::string> rest;
+};
+
+/// Prints the error as text and tells the exit status that goes with it.
+int fail(const Arguments& arguments, const docsource::Error& error);
+int fail(const qx::Error& error);
+
+// The broker's operations.
+int wakeUp(const Arguments& arguments);
+int providers(const Arguments& arguments);
+int placeholder(const Arguments& arguments);
+int start(const Arguments& arguments);
+int stop(const Arguments& arguments);
+int extendSandbox(const Arguments& arguments);
+int extendBookmark(const Arguments& arguments);
+int bookmark(const Arguments& arguments);
+int resolve(const Arguments& arguments);
+
+// What documents occupy.
+int status(const Arguments& arguments);
+int evict(const Arguments& arguments);
+
+// Documents, copied to standard output.
+int consume(const Arguments& arguments);
+int read(const Arguments& arguments);
+
+// Administration, on the files of this root.
+int grants(const Arguments& arguments);
+int install(const Arguments& arguments);
+int uninstall(const Arguments& arguments);
+int bundles(const Arguments& arguments);
+int deviceStatus(const Arguments& arguments);
+int deviceLock(const Arguments& arguments);
+int deviceUnlock(const Arguments& arguments);
+
+/// Does not return when the application was started: its exit status is this program's.
+int run(const Arguments& arguments);
+
+}  // namespace tool

@@ -1,0 +1,72 @@
+// The commands that end with a document's content on standard output: as it is, or with --json as
+// base64 in one object, a piece at a time, since a document can be larger than memory.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "platform/base/Text.h"
+#include "tools/docsource/Command.h"
+#include "tools/docsource/Location.h"
+#include "tools/docsource/Output.h"
+
+namespace tool {
+namespace {
+
+/// A multiple of three, so that pieces in base64 make one whole.
+constexpr std::size_t pieceSize = std::size_t{3} << 16U;
+
+/// Fills the buffer as far as the file goes; negative when it cannot be read.
+ssize_t readPiece(int file, std::span<std::uint8_t> buffer) {
+  std::size_t size = 0;
+  while (size < buffer.size()) {
+    const ssize_t count = ::read(file, buffer.data() + size, buffer.size() - size);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return -1;
+    if (count == 0) break;
+    size += static_cast<std::size_t>(count);
+  }
+  return static_cast<ssize_t>(size);
+}
+
+int copy(const Arguments& arguments, const docsource::Result<docsource::Descriptor>& document) {
+  if (!document) return fail(arguments, document.error());
+  std::vector<std::uint8_t> buffer(pieceSize);
+  bool printed = !arguments.json || print(R"({"content": ")");
+  std::int64_t size = 0;
+  while (printed) {
+    const ssize_t count = readPiece(document->get(), buffer);
+    if (count < 0) {
+      std::fprintf(stderr, "The document cannot be read: %s\n", std::strerror(errno));
+      return operationFailed;
+    }
+    if (count == 0) break;
+    size += count;
+    const auto piece = std::span(buffer).first(static_cast<std::size_t>(count));
+    printed = arguments.json ? print(qx::base64Encode(piece))
+                             : print({reinterpret_cast<const char*>(piece.data()), piece.size()});
+  }
+  if (arguments.json && printed) {
+    printed = print(R"(", "encoding": "base64", "size": )" + std::to_string(size) + "}\n");
+  }
+  return printed ? success : operationFailed;
+}
+
+}  // namespace
+
+int consume(const Arguments& arguments) {
+  return copy(arguments, docsource::Client(arguments.timeout).redeem(arguments.subject));
+}
+
+int read(const Arguments& arguments) {
+  return copy(
+      arguments,
+      docsource::Client(arguments.timeout).openForReading(urlFromArgument(arguments.subject)));
+}
+
+}  // namespace tool

@@ -1,0 +1,57 @@
+// Where documents are, as people write it.
+
+#include "tools/docsource/Location.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <system_error>
+
+#include "docsource/error.h"
+
+namespace tool {
+namespace {
+
+/// A scheme (RFC 3986, 3.1) and "//" after it, or the scheme "file" with one slash.
+bool isURL(std::string_view text) {
+  const auto colon = text.find(':');
+  if (colon == std::string_view::npos || colon == 0) return false;
+  const auto scheme = text.substr(0, colon);
+  const auto isSchemeCharacter = [](unsigned char c) {
+    return std::isalnum(c) || c == '+' || c == '-' || c == '.';
+  };
+  if (!std::isalpha(static_cast<unsigned char>(scheme.front())) ||
+      !std::all_of(scheme.begin(), scheme.end(), isSchemeCharacter)) {
+    return false;
+  }
+  const auto rest = text.substr(colon + 1);
+  return rest.starts_with("//") || (scheme == "file" && rest.starts_with('/'));
+}
+
+}  // namespace
+
+std::string absolutePath(std::string_view path) {
+  std::string whole(path);
+  if (!path.starts_with('/')) {
+    std::error_code failed;
+    whole = std::filesystem::current_path(failed).string() + "/" + whole;
+  }
+  std::string result;
+  for (std::size_t begin = 0; begin < whole.size();) {
+    const std::size_t end = std::min(whole.find('/', begin), whole.size());
+    const auto component = std::string_view(whole).substr(begin, end - begin);
+    if (!component.empty() && component != ".") result.append("/").append(component);
+    begin = end + 1;
+  }
+  const bool isDirectory = whole.ends_with('/') || whole.ends_with("/.");
+  return isDirectory || result.empty() ? result + "/" : result;
+}
+
+std::string urlFromArgument(std::string_view argument) {
+  if (isURL(argument)) return std::string(argument);
+  return docsource::fileURL(absolutePath(argument));
+}
+
+std::string readable(const std::string& url) { return docsource::pathOfURL(url).value_or(url); }
+
+}  // namespace tool

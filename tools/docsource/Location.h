@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+/// The URL that a person means: a URL as it stands, anything else as a path, from the current
+/// directory when it is relative. Of a path "." and doubled separators go, ".." stays, since it
+/// may follow a link.
+std::string urlFromArgument(std::string_view argument);
+
+/// The absolute path that a person means by a path.
+std::string absolutePath(std::string_view path);
+
+/// The path of a file URL for a person to read, the URL itself where it has none.
+std::string readable(const std::string& url);
+
+}  // namespace tool

@@ -1,0 +1,166 @@
+// docsource: the command-line client of the document broker and the tool to administer it. What a
+// call may do depends on the bundle that the program belongs to, "docsource.app" as installed.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/docsource/Command.h"
+#include "tools/docsource/Output.h"
+
+namespace tool {
+namespace {
+
+struct Command {
+  /// "first second" is the command `second` of the group `first`.
+  const char* name;
+  /// What the one argument without a name is, with "..." behind it when there may be several; null
+  /// when there is none.
+  const char* subject;
+  bool takesProvider;
+  bool takesConsumer;
+  int (*run)(const Arguments&);
+  const char* description;
+};
+
+constexpr Command commands[] = {
+    {"wake-up", nullptr, false, false, wakeUp, "Wait until the broker serves calls"},
+    {"providers", nullptr, false, false, providers,
+     "List the providers and their documents' place"},
+    {"placeholder", "URL", true, true, placeholder, "Have a placeholder of the document made"},
+    {"start", "URL", true, true, start, "Have the document's content brought in"},
+    {"stop", "URL", true, true, stop, "Tell that the consumer needs the document no longer"},
+    {"extend-sandbox", "URL", true, true, extendSandbox,
+     "Grant the document to the consumer and print the tokens for it"},
+    {"extend-bookmark", "URL", false, true, extendBookmark,
+     "Grant the document to the consumer and print a bookmarkable string for it"},
+    {"bookmark", "URL", false, false, bookmark, "Print a bookmarkable string for the document"},
+    {"resolve", "STRING", false, false, resolve,
+     "Print the document of a bookmarkable string and the tokens for it"},
+    {"consume", "TOKEN", false, false, consume,
+     "Redeem a token and copy its document to standard output"},
+    {"read", "URL", false, false, read,
+     "Have the document's content brought in and copy it to standard output"},
+    {"status", "PATH...", false, false, status,
+     "Tell whether documents are placeholders, and what they occupy"},
+    {"evict", "URL", false, false, evict, "Have the document's provider give its space back"},
+    {"grants", nullptr, false, false, grants, "List the grants in the access-control file"},
+    {"install", "BUNDLE", false, false, install, "Install an application or a provider extension"},
+    {"uninstall", "IDENTIFIER", false, false, uninstall, "Remove the bundles of that identifier"},
+    {"bundles", nullptr, false, false, bundles, "List the installed bundles"},
+    {"device status", nullptr, false, false, deviceStatus, "Tell whether the device is locked"},
+    {"device lock", nullptr, false, false, deviceLock, "Lock it"},
+    {"device unlock", nullptr, false, false, deviceUnlock, "Unlock it"},
+    {"run", "IDENTIFIER", false, false, run,
+     "Run an installed application in a sandbox; its arguments stand behind --"},
+};
+
+/// Within what fits the clocks; an operation that takes longer than a year has been forgotten.
+std::string checkTimeout(const std::string& text) {
+  double seconds = 0;
+  if (!CLI::detail::lexical_cast(text, seconds) || !std::isfinite(seconds) || seconds < 0.001 ||
+      seconds > 366.0 * 24 * 3600) {
+    return "SECONDS is a number from 0.001 on";
+  }
+  return {};
+}
+
+/// The group of that name, made at the first command that stands in it.
+CLI::App& groupCalled(const std::string& name, CLI::App& app) {
+  const auto known =
+      app.get_subcommands([&](const CLI::App* one) { return one->get_name() == name; });
+  if (!known.empty()) return *known.front();
+  CLI::App& group = *app.add_subcommand(name, "The lock of the device");
+  group.require_subcommand(1);
+  group.fallthrough();
+  return group;
+}
+
+void add(CLI::App& app, const Command& command, Arguments& arguments, const Command*& chosen) {
+  const std::string_view name = command.name;
+  const auto word = name.find(' ') + 1;  // 0 where there is but one
+  CLI::App& group = word == 0 ? app : groupCalled(std::string(name.substr(0, word - 1)), app);
+  CLI::App* entry = group.add_subcommand(std::string(name.substr(word)), command.description);
+  entry->fallthrough();
+  if (const std::string_view subject = command.subject ? command.subject : "";
+      subject.ends_with("...")) {
+    const std::string one(subject.substr(0, subject.find('.')));
+    entry->add_option(one, arguments.subjects, "")->type_name("")->required();
+  } else if (command.subject) {
+    entry->add_option(command.subject, arguments.subject, "")->type_name("")->required();
+  }
+  if (command.takesProvider) {
+    entry->add_option("--provider", arguments.provider, "The provider's bundle identifier")
+        ->type_name("IDENTIFIER")
+        ->required();
+  }
+  if (command.takesConsumer) {
+    entry->add_option("--consumer", arguments.consumer, "The consumer's bundle identifier")
+        ->type_name("IDENTIFIER")
+        ->required();
+  }
+  entry->callback([&chosen, &command] { chosen = &command; });
+}
+
+/// Cuts off what is for the program that is to be run, so that it reaches that program as it is.
+int cutArguments(int argc, const char* const* argv, Arguments& arguments) {
+  const auto* const end = argv + argc;
+  const auto* const mark = std::find(argv, end, std::string_view("--"));
+  if (mark == end || std::find(argv, mark, std::string_view("run")) == mark) return argc;
+  arguments.rest.assign(mark + 1, end);
+  return static_cast<int>(mark - argv);
+}
+
+int interpret(int argc, const char* const* argv) {
+  Arguments arguments;
+  argc = cutArguments(argc, argv, arguments);
+  double timeout = 30;
+  const Command* chosen = nullptr;
+  CLI::App app("Client of the document broker, and the tool to administer it.", "docsource");
+  app.require_subcommand(1);
+  app.add_flag("--json", arguments.json, "Print one JSON object");
+  app.add_option("--timeout", timeout, "How long to wait for an answer; 30 unless given")
+      ->type_name("SECONDS")
+      ->check(checkTimeout);
+  app.footer(
+      "A URL may be a plain path. The exit status is 0; 1 when the operation answered with an "
+      "error or not in time; 2 for a wrong command line; 3 when the service cannot be reached. "
+      "That of a program that is run is passed on.");
+  for (const auto& command : commands) add(app, command, arguments, chosen);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? success : wrongUsage;
+  }
+  if (chosen->run != run && !arguments.rest.empty()) {
+    std::fputs("Only a program that is run takes arguments behind --\n", stderr);
+    return wrongUsage;
+  }
+  arguments.timeout = std::chrono::milliseconds(std::llround(timeout * 1000));
+  return chosen->run(arguments);
+}
+
+}  // namespace
+
+int fail(const Arguments& arguments, const docsource::Error& error) {
+  std::string text = onOneLine(error.text());
+  if (error.is(docsource::LibraryError::timedOut)) {
+    text += " (waited " + std::to_string(arguments.timeout.count()) + " ms, --timeout)";
+  }
+  std::fprintf(stderr, "%s\n", text.c_str());
+  return error.isConnectionFailure() ? serviceUnreachable : operationFailed;
+}
+
+int fail(const qx::Error& error) {
+  std::fprintf(stderr, "%s\n", onOneLine(error.text()).c_str());
+  return operationFailed;
+}
+
+}  // namespace tool
+
+int main(int argc, char** argv) { return tool::interpret(argc, argv); }
