@@ -1,0 +1,80 @@
+#include "platform/base/Text.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/base/UUID.h"
+
+namespace {
+
+using qx::base64Decode;
+
+std::vector<std::uint8_t> bytes(std::string_view text) { return {text.begin(), text.end()}; }
+
+TEST(TextTest, TellsUTF8FromWhatLooksLikeIt) {
+  for (const std::string_view text :
+       {"", "plain text, longer than eight bytes", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80",
+        "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf",
+        "1234567\xc3\xa9", "12345678\xe2\x82\xac"}) {
+    EXPECT_TRUE(qx::isValidUTF8(text)) << qx::hexEncode(bytes(text));
+  }
+  for (const std::string_view text :
+       {"\x80", "\xc0\x80", "\xc1\xbf", "\xc2", "\xc2\x41", "\xe0\x9f\xbf", "\xe2\x82",
+        "\xed\xa0\x80", "\xed\xbf\xbf", "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80",
+        "\xf0\x90\x80", "\xff", "1234567\xc3", "123456789abcdef\xe2\x82", "\xe2\x82\x28"}) {
+    EXPECT_FALSE(qx::isValidUTF8(text)) << qx::hexEncode(bytes(text));
+  }
+}
+
+TEST(TextTest, HexadecimalTakesEitherCaseAndNothingElse) {
+  EXPECT_EQ(qx::hexEncode(bytes(std::string("\0\x9f\xff", 3))), "009fff");
+  EXPECT_EQ(qx::hexDecode("009fFF"), bytes(std::string("\0\x9f\xff", 3)));
+  for (const char* text : {"0", "0g", " 00", "00 "}) EXPECT_FALSE(qx::hexDecode(text)) << text;
+}
+
+TEST(TextTest, Base64AgreesWithItsRFC) {
+  const std::vector<std::pair<std::string, std::string>> vectors{
+      {"", ""},
+      {"f", "Zg=="},
+      {"fo", "Zm8="},
+      {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="},
+      {"fooba", "Zm9vYmE="},
+      {"foobar", "Zm9vYmFy"},
+      {"\xfb\xff\xbe", "+/++"},
+  };
+  for (const auto& [plain, encoded] : vectors) {
+    EXPECT_EQ(qx::base64Encode(bytes(plain)), encoded);
+    EXPECT_EQ(base64Decode(encoded), bytes(plain));
+  }
+  EXPECT_EQ(base64Decode("\n\tZm9v\r\n Ym E = \n"), bytes("fooba"));
+  for (const char* text : {"Z", "Zg", "Zg=", "Zg===", "Zm8==", "=", "====", "Zm9v=", "Zg==Zg==",
+                           "Zh==", "Zm9=", "Zm9-", "Zm9v\x80", "Z=g="}) {
+    EXPECT_FALSE(base64Decode(text)) << text;
+  }
+  EXPECT_FALSE(base64Decode(std::string_view("Zm9\0", 4)));
+}
+
+TEST(UUIDTest, TextAndBytesBelongTogether) {
+  const auto uuid = qx::UUID::parse("00112233-4455-6677-8899-aabbCCddeeff");
+  ASSERT_TRUE(uuid);
+  EXPECT_EQ(uuid->bytes[0], 0x00);
+  EXPECT_EQ(uuid->bytes[15], 0xff);
+  EXPECT_EQ(uuid->text(), "00112233-4455-6677-8899-AABBCCDDEEFF");
+  for (const char* text :
+       {"", "00112233445566778899aabbccddeeff", "00112233-4455-6677-8899-aabbccddeef",
+        "00112233-4455-6677-8899-aabbccddeefff", "00112233-4455-6677-88990aabbccddeeff",
+        "0011223-34455-6677-8899-aabbccddeeff", "g0112233-4455-6677-8899-aabbccddeeff"}) {
+    EXPECT_FALSE(qx::UUID::parse(text)) << text;
+  }
+}
+
+TEST(UUIDTest, RandomOnesAreOfVersionFourAndDiffer) {
+  const auto a = qx::UUID::random();
+  const auto b = qx::UUID::random();
+  EXPECT_NE(a, b);
+  EXPECT_EQ(a.text()[14], '4');
+  EXPECT_NE(std::string_view("89AB").find(a.text()[19]), std::string_view::npos);
+  EXPECT_EQ(qx::UUID::parse(a.text()), a);
+}
+
+}  // namespace

@@ -1,0 +1,174 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <thread>
+
+#include "platform/base/Errors.h"
+#include "platform/conduit/ServiceSocket.h"
+#include "platform/files/Places.h"
+#include "tests/conduit/TrialListener.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryRoot.h"
+
+namespace {
+
+using namespace qx::test;
+
+const std::string service = "com.example.Trial";
+
+std::string program() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
+
+bool socketFileExists() {
+  struct stat status;
+  return lstat(qx::Places::serviceSocket(service).c_str(), &status) == 0 &&
+         S_ISSOCK(status.st_mode);
+}
+
+RawPeer connected() {
+  auto socket = qx::connectToServiceSocket(service);
+  EXPECT_TRUE(socket);
+  if (!socket) return RawPeer(qx::FileDescriptor());
+  fcntl(socket->get(), F_SETFL, 0);
+  return RawPeer(std::move(*socket));
+}
+
+class Listener : public testing::Test {
+ protected:
+  void SetUp() override { temporaryRoot(); }
+};
+
+TEST_F(Listener, LetsClientsWaitUntilItIsResumed) {
+  TrialListener trial(service);
+  RawPeer early = connected();
+  early.sendBytes(echoCall(77, "early"));
+  EXPECT_EQ(trial.delegate->asked.passed(), 0u);
+  trial.listener.resume();
+  EXPECT_EQ(early.readMessage()->first, qx::Value("early"));
+  RawPeer late = connected();
+  EXPECT_TRUE(echoes(late));
+  EXPECT_EQ(trial.delegate->asked.passed(), 2u);
+  trial.delegate->refuses = true;
+  RawPeer refused = connected();
+  EXPECT_TRUE(refused.isClosedByPeer());
+}
+
+TEST_F(Listener, ForgetsAConnectionThatEndsAndEndsThoseThatItHas) {
+  RawPeer second(qx::FileDescriptor{});
+  auto trial = std::make_unique<TrialListener>(service);
+  auto delegate = trial->delegate;
+  trial->listener.resume();
+  {
+    RawPeer first = connected();
+    ASSERT_TRUE(echoes(first));
+  }
+  delegate->ended->wait();
+  // Its object goes with it, although the delegate has an invalidation handler of its own.
+  RawPeer witness = connected();
+  auto object = delegate->objects.all().front();
+  while (!object.expired()) ASSERT_TRUE(echoes(witness));
+
+  second = connected();
+  ASSERT_TRUE(echoes(second));
+  EXPECT_TRUE(socketFileExists());
+  trial.reset();
+  EXPECT_TRUE(second.isClosedByPeer());
+  EXPECT_FALSE(socketFileExists());
+  EXPECT_FALSE(callsThrough(service));
+
+  TrialListener again(service);
+  again.listener.resume();
+  EXPECT_TRUE(callsThrough(service));
+}
+
+TEST_F(Listener, SurvivesWhatOneClientSends) {
+  TrialListener trial(service);
+  trial.listener.resume();
+  RawPeer good = connected();
+  RawPeer bad = connected();
+  const std::vector<std::uint8_t> garbage{0, 0, 0, 1, 0xFF};
+  bad.sendBytes(garbage);
+  EXPECT_TRUE(bad.isClosedByPeer());
+  EXPECT_TRUE(echoes(good));
+  RawPeer again = connected();
+  EXPECT_TRUE(echoes(again));
+}
+
+TEST_F(Listener, TakesNothingAwayFromAnotherProcessAndItsPlaceWhenThatIsDead) {
+  ChildProcess other({program(), "serve", service});
+  ASSERT_EQ(other.readLine(), "ready");
+  auto error = qx::claimService(service);
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->description().find("The service com.example.Trial is already running under " +
+                                      qx::Places::root()),
+            std::string::npos);
+  {
+    LogCapture log;
+    TrialListener trial(service);
+    trial.listener.resume();
+    EXPECT_EQ(log.count("[ERROR] Cannot listen on com.example.Trial. Error: "), 1u);
+    EXPECT_TRUE(callsThrough(service));
+    EXPECT_EQ(trial.delegate->asked.passed(), 0u);
+  }
+  EXPECT_TRUE(callsThrough(service));
+  ChildProcess third({program(), "claim", service});
+  EXPECT_FALSE(third.readLine().empty());
+  EXPECT_EQ(third.wait(), 1);
+
+  other.end();
+  EXPECT_TRUE(socketFileExists());
+  EXPECT_FALSE(callsThrough(service));
+  TrialListener trial(service);
+  trial.listener.resume();
+  EXPECT_TRUE(callsThrough(service));
+  ChildProcess fourth({program(), "claim", service});
+  EXPECT_EQ(fourth.wait(), 1);
+  ChildProcess unrelated({program(), "claim", "com.example.Other"});
+  EXPECT_EQ(unrelated.wait(), 0);
+}
+
+TEST_F(Listener, TakesTheSocketOfTheServiceManager) {
+  ChildProcess other({program(), "activated", service});
+  ASSERT_EQ(other.readLine(), "ready");
+  EXPECT_TRUE(callsThrough(service));
+  EXPECT_EQ(other.wait(), 0);
+  // The socket file is not the program's to remove.
+  EXPECT_TRUE(socketFileExists());
+}
+
+TEST_F(Listener, WorksUnderARootThatIsTooLongForASocketAddress) {
+  std::string root = temporaryRoot();
+  while (root.size() < 1500) root += "/" + std::string(200, 'x');
+  ASSERT_TRUE(std::filesystem::create_directories(root));
+  ChildProcess other({"env", "DOCSOURCE_ROOT=" + root, program(), "talk", service});
+  EXPECT_EQ(other.wait(), 0);
+}
+
+TEST_F(Listener, IsReachableFromTheMomentItsSocketFileIsThere) {
+  // A client that watches for the file may connect at once.
+  std::atomic<bool> stop{false};
+  std::atomic<int> refused{0};
+  std::thread client([&] {
+    while (!stop) {
+      auto socket = qx::connectToServiceSocket(service);
+      if (!socket && socket.error().is(QXPOSIXErrorDomain, ECONNREFUSED)) ++refused;
+    }
+  });
+  std::vector<qx::ListeningSocket> all;
+  for (int i = 0; i < 200; ++i) {
+    auto listening = qx::listenOnServiceSocket(service);
+    ASSERT_TRUE(listening);
+    all.push_back(std::move(*listening));
+    qx::removeServiceSocket(service);
+  }
+  stop = true;
+  client.join();
+  EXPECT_EQ(refused.load(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,63 @@
+#include "platform/device/KeyState.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/files/FileManager.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryRoot.h"
+
+namespace {
+
+class KeyStateTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    qx::test::temporaryRoot();
+    std::filesystem::remove_all(qx::Places::keyState());
+  }
+  void write(const std::string& text) { std::ofstream(qx::Places::keyState()) << text; }
+  qx::test::LogCapture log;
+};
+
+TEST_F(KeyStateTest, IsReadFromItsLine) {
+  EXPECT_EQ(DeviceLockState(), 3) << "without the file there is no lock";
+  EXPECT_NE(DeviceUnlockedSinceBoot(), 0);
+  write("lock-state=-2 unlocked-since-boot=1\n");
+  EXPECT_EQ(DeviceLockState(), -2);
+  EXPECT_NE(DeviceUnlockedSinceBoot(), 0);
+  write("lock-state=3 unlocked-since-boot=0");
+  EXPECT_EQ(DeviceLockState(), 3);
+  EXPECT_EQ(DeviceUnlockedSinceBoot(), 0);
+  EXPECT_EQ(qx::test::LogCapture::mailbox().all().size(), 0u);
+
+  EXPECT_FALSE(qx::writeKeyState({1, true}));
+  auto text = qx::FileManager::readFile(qx::Places::keyState());
+  ASSERT_TRUE(text);
+  EXPECT_EQ(*text, "lock-state=1 unlocked-since-boot=1\n");
+  EXPECT_FALSE(qx::writeKeyState({0, false}));
+  EXPECT_EQ(DeviceLockState(), 0);
+  EXPECT_EQ(DeviceUnlockedSinceBoot(), 0);
+}
+
+TEST_F(KeyStateTest, WhatCannotBeUnderstoodIsLocked) {
+  std::size_t lines = 0;
+  for (const char* text :
+       {"", "\n", "lock-state=3", "lock-state= unlocked-since-boot=1",
+        "lock-state=3 unlocked-since-boot=2", "lock-state=3 unlocked-since-boot=11",
+        "lock-state=3x unlocked-since-boot=1", "lock-state=99999999999 unlocked-since-boot=1",
+        "lock-state=3 unlocked-since-boot=1\nmore", " lock-state=3 unlocked-since-boot=1",
+        "lock-state=3  unlocked-since-boot=1", "unlocked-since-boot=1 lock-state=3"}) {
+    write(text);
+    auto state = qx::readKeyState();
+    EXPECT_EQ(state.lockState, 0) << text;
+    EXPECT_FALSE(state.unlockedSinceBoot) << text;
+    EXPECT_EQ(qx::test::LogCapture::count("key state"), ++lines) << text;
+  }
+  std::filesystem::remove(qx::Places::keyState());
+  std::filesystem::create_directory(qx::Places::keyState());
+  EXPECT_EQ(DeviceUnlockedSinceBoot(), 0);
+}
+
+}  // namespace

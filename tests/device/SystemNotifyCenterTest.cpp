@@ -1,0 +1,85 @@
+#include "platform/notify/SystemNotifyCenter.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <future>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Mailbox.h"
+#include "tests/support/TemporaryRoot.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace SystemNotifyCenter = qx::SystemNotifyCenter;
+using qx::test::ChildProcess;
+using qx::test::Mailbox;
+
+class SystemNotifyCenterTest : public testing::Test {
+ protected:
+  void SetUp() override { qx::test::temporaryRoot(); }
+
+  /// Observers are never removed, so what they write to is not either.
+  Mailbox<std::string>& observe(const std::string& name) {
+    auto& calls = *new Mailbox<std::string>;
+    SystemNotifyCenter::addObserver(name, [&calls, name] { calls.put(name); });
+    return calls;
+  }
+};
+
+TEST_F(SystemNotifyCenterTest, EveryPostingReachesTheObserversOfItsName) {
+  auto& first = observe("com.example.one");
+  auto& second = observe("com.example.one");
+  auto& other = observe("com.example.two");
+  for (std::size_t posting = 1; posting <= 3; ++posting) {
+    EXPECT_FALSE(SystemNotifyCenter::post("com.example.one"));
+    EXPECT_TRUE(first.waitForCount(posting));
+    EXPECT_TRUE(second.waitForCount(posting));
+  }
+
+  // Any program posts with nothing but a write.
+  auto file = qx::Places::notifications() + "/com.example.one";
+  EXPECT_EQ(ChildProcess({"/bin/sh", "-c", "echo > '" + file + "'"}).wait(), 0);
+  EXPECT_TRUE(first.waitForCount(4));
+
+  // A file that goes says nothing; what is posted after it shows that it was seen.
+  fs::remove(file);
+  EXPECT_FALSE(SystemNotifyCenter::post("com.example.two"));
+  EXPECT_TRUE(other.waitForCount(1));
+  EXPECT_EQ(first.all().size(), 4u);
+  EXPECT_EQ(other.all().size(), 1u);
+
+  for (const char* name : {"", "../key-state", ".", "..", "a/b"}) {
+    EXPECT_TRUE(SystemNotifyCenter::post(name)) << name;
+  }
+}
+
+TEST_F(SystemNotifyCenterTest, ASlowObserverHoldsUpNobodyElse) {
+  std::promise<void> release;
+  auto& isIn = *new Mailbox<int>;
+  auto& inside = *new std::atomic<int>(0);
+  auto released = release.get_future().share();
+  SystemNotifyCenter::addObserver("com.example.slow", [&isIn, &inside, released] {
+    isIn.put(++inside);
+    released.wait();
+    --inside;
+  });
+  auto& quick = observe("com.example.slow");
+  for (std::size_t posting = 1; posting <= 3; ++posting) {
+    EXPECT_FALSE(SystemNotifyCenter::post("com.example.slow"));
+    EXPECT_TRUE(quick.waitForCount(posting));
+  }
+  release.set_value();
+  EXPECT_TRUE(isIn.waitForCount(3));
+  EXPECT_EQ(isIn.all(), (std::vector<int>{1, 1, 1})) << "one call at a time";
+}
+
+TEST_F(SystemNotifyCenterTest, TheDirectoryMayComeLater) {
+  fs::remove_all(qx::Places::notifications());
+  auto& calls = observe("com.example.later");
+  EXPECT_FALSE(SystemNotifyCenter::post("com.example.later"));
+  EXPECT_TRUE(calls.waitForCount(1));
+}
+
+}  // namespace

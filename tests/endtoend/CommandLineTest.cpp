@@ -1,0 +1,546 @@
+// The command-line tool as a process: what it prints, what it ends with, and what it leaves in the
+// root.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "platform/base/Text.h"
+#include "platform/files/FileManager.h"
+#include "platform/identity/Bundles.h"
+#include "platform/plist/PropertyList.h"
+#include "tests/endtoend/Broker.h"
+#include "tests/support/BundleMaker.h"
+
+namespace qx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const char* const provider = "com.example.provider";
+const char* const toolIdentifier = "com.veltro.docsource.tool";
+
+struct Outcome {
+  int status = -1;
+  std::string output;
+  std::string errors;
+};
+
+std::string content(const std::string& path) {
+  auto text = FileManager::readFile(path);
+  return text ? *text : "(unreadable)";
+}
+
+std::int64_t blocks(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status.st_blocks;
+}
+
+/// The value behind "name: " on a line of its own.
+std::string answer(const std::string& output, const std::string& name) {
+  const auto begin = ("\n" + output).find("\n" + name + ": ");
+  if (begin == std::string::npos) return "";
+  const auto value = begin + name.size() + 2;
+  return output.substr(value, output.find('\n', value) - value);
+}
+
+class CommandLine : public Broker {
+ protected:
+  /// Runs the tool to its end; on a terminal where one is named, which then gets the errors.
+  Outcome run(std::vector<std::string> arguments, const std::string& terminal = "") const {
+    const std::string output = installation_ / "output", errors = installation_ / "errors";
+    const std::string root = "DOCSOURCE_ROOT=" + installation_.root();
+    arguments.insert(arguments.begin(), {"/usr/bin/env", root, builtProgram("docsource")});
+    std::vector<char*> pointers;
+    for (auto& argument : arguments) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC;
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), flags, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), flags, 0600);
+    if (!terminal.empty()) {
+      posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, terminal.c_str(),
+                                       O_WRONLY | O_NOCTTY, 0);
+    }
+    posix_spawn_file_actions_addchdir_np(&actions, directory_.c_str());
+    pid_t id = -1;
+    const int failed = posix_spawn(&id, pointers[0], &actions, nullptr, pointers.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    if (failed || waitpid(id, &status, 0) < 0) return {};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, content(output), content(errors)};
+  }
+
+  /// The output of a run that must succeed and say nothing else.
+  std::string ask(std::vector<std::string> arguments) const {
+    const auto outcome = run(std::move(arguments));
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(outcome.errors, "");
+    return outcome.output;
+  }
+
+  /// The example provider; its documents' directory.
+  std::string installFolderProvider(const std::string& origin) {
+    const std::string identifier = "com.example.folders", group = "group.com.example.folders";
+    const auto staged = installation_.staging();
+    fs::copy_file(fs::path(builtProgram("docsource")).parent_path().parent_path() /
+                      "examples/FolderProvider.docext/folder-provider",
+                  staged + "/program");
+    auto info = Installation::extensionInfo(identifier, group);
+    info.emplace("FolderProviderOrigin", origin);
+    writeList(staged + "/Info.plist", info);
+    writeList(staged + "/Entitlements.plist",
+              Dictionary{{"com.veltro.application-groups", Array{group}}});
+    installation_.put(staged, installation_ / ("Extensions/" + identifier + ".docext"));
+    return installation_ / ("Containers/Group/" + group + "/Doc Source Storage");
+  }
+
+  /// The tool as it is installed.
+  void installTool() const {
+    ask({"install",
+         fs::path(builtProgram("docsource")).parent_path().parent_path() / "share/docsource.app"});
+  }
+
+  void grant(const Value& list) const {
+    fs::create_directories(fs::path(installation_.accessControlFile()).parent_path());
+    writeList(installation_.accessControlFile(), list);
+  }
+
+  /// An application bundle outside the root's folders, to be installed.
+  std::string makeApplication(const std::string& name, const std::string& identifier,
+                              const std::string& program = "/bin/cat") {
+    const std::string path = installation_.staging() + "/" + name;
+    makeBundle(path, identifier, program);
+    return path;
+  }
+
+  std::vector<std::string> applications() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(installation_ / "Applications")) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  /// Where the tool runs.
+  std::string directory_ = "/";
+};
+
+TEST_F(CommandLine, RefusesWhatIsNoCommand) {
+  for (const std::vector<std::string>& wrong : std::vector<std::vector<std::string>>{
+           {},
+           {"frobnicate"},
+           {"wake-up", "more"},
+           {"read"},
+           {"device"},
+           {"device", "explode"},
+           {"start", "/x", "--provider", "p"},
+           {"run"},
+           {"run", "com.example.app", "argument"},
+           {"status"},
+           {"evict"},
+           {"evict", "/x", "/y"},
+           {"extend-bookmark", "/x", "--provider", "p", "--consumer", "c"},
+           {"wake-up", "--timeout", "0"},
+           {"wake-up", "--timeout", "-1"},
+           {"wake-up", "--timeout", "soon"},
+           {"wake-up", "--timeout", "nan"}}) {
+    const auto outcome = run(wrong);
+    EXPECT_EQ(outcome.status, 2) << describe(Array(wrong.begin(), wrong.end()));
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors, "");
+  }
+  EXPECT_NE(ask({"--help"}).find("extend-sandbox"), std::string::npos);
+}
+
+TEST_F(CommandLine, TellsThatAServiceIsAway) {
+  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+           {"wake-up"}, {"providers", "--json"}, {"consume", "token"}, {"read", "/etc/passwd"}}) {
+    const auto outcome = run(command);
+    EXPECT_EQ(outcome.status, 3) << command.front();
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors.find("cannot be reached"), std::string::npos) << outcome.errors;
+  }
+}
+
+TEST_F(CommandLine, CarriesOutTheItemRequests) {
+  const auto installed = installation_.installProvider(
+      provider, {{"items", Dictionary{{"50% of über.txt", "half"}, {"other.txt", "other"}}}});
+  start();
+  installTool();
+  ASSERT_TRUE(isRegistered(installed));
+  directory_ = installed.storage();
+  ask({"wake-up"});
+  EXPECT_EQ(ask({"wake-up", "--json"}), "{}\n");
+
+  const auto storage = URL::fileURL(installed.storage(), true).absoluteString();
+  EXPECT_EQ(ask({"providers", "--json"}),
+            R"({"providers": [{"documentStorageURL": ")" + storage +
+                R"(", "providerIdentifier": "com.example.provider"}]})" + "\n");
+  EXPECT_NE(ask({"providers"}).find(std::string(provider) + "  " + storage + "\n"),
+            std::string::npos);
+
+  const auto request = [&](const std::string& command, const std::string& document) {
+    return run({command, document, "--provider", provider, "--consumer", "com.example.app"});
+  };
+  const auto refused = request("start", "other.txt");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.output, "");
+  EXPECT_EQ(refused.errors, "DSErrorDomain 3: The operation is not permitted.\n");
+
+  const auto url = installed.url("50% of über.txt").absoluteString();
+  const auto extended = request("extend-sandbox", "./50% of über.txt");
+  EXPECT_EQ(extended.status, 0) << extended.errors;
+  EXPECT_NE(answer(extended.output, "token"), "");
+  EXPECT_EQ(answer(extended.output, "sibling"), installed.url(".50% of über.txt").absoluteString());
+  EXPECT_EQ(answer(extended.output, "sibling token"), "none");
+
+  // The same document as relative path, as absolute path and as URL.
+  EXPECT_EQ(request("placeholder", "50% of über.txt").status, 0);
+  EXPECT_EQ(request("start", installed.document("50% of über.txt")).status, 0);
+  EXPECT_EQ(request("stop", url).status, 0);
+  const auto calls = installed.callLines();
+  for (const std::string operation : {vendorPlaceholder, vendorStart, vendorStop}) {
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), operation + " " + url), 1) << operation;
+  }
+}
+
+TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
+  const std::string content(100'000, 'c');
+  const auto origin = installation_.staging();
+  std::ofstream(origin + "/a.txt") << content;
+  const auto storage = installFolderProvider(origin);
+  start();
+  installTool();
+  ASSERT_TRUE(eventually([&] { return fs::exists(storage + "/a.txt"); }));
+  directory_ = storage;
+  const auto path = storage + "/a.txt";
+  const auto state = [&](const std::string& name) {
+    const auto occupied = blocks(path) * 512;
+    // Attributes may take a block, content takes 25.
+    EXPECT_TRUE(name == "placeholder" ? occupied <= 4096 : occupied >= 100'000) << occupied;
+    EXPECT_EQ(ask({"status", "a.txt", "--json"}),
+              R"({"documents": [{"occupied": )" + std::to_string(occupied) + R"(, "path": ")" +
+                  path + R"(", "size": 100000, "state": ")" + name + "\"}]}\n");
+  };
+  const std::vector<std::string> of{"--provider", "com.example.folders", "--consumer",
+                                    "com.example.app"};
+  const auto request = [&](const std::string& command) {
+    std::vector<std::string> arguments{command, "a.txt"};
+    arguments.insert(arguments.end(), of.begin(), of.end());
+    ask(arguments);
+  };
+  request("extend-sandbox");
+  state("placeholder");
+  request("start");
+  state("present");
+
+  // Given back only where nothing speaks against it, and the reason is told.
+  const auto kept = [&](const std::string& reason) {
+    const auto outcome = run({"evict", "a.txt"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors.find(reason), std::string::npos) << outcome.errors;
+    state("present");
+  };
+  {
+    std::ifstream reader(path);
+    kept("has it open");
+  }
+  const auto time = fs::last_write_time(path);
+  fs::last_write_time(path, time + std::chrono::seconds(1));
+  kept("it was changed");
+  fs::last_write_time(path, time);
+  EXPECT_EQ(ask({"evict", URL::fileURL(path).absoluteString(), "--json"}).find(R"({"freed": 1)"),
+            0U);
+  state("placeholder");
+  EXPECT_EQ(ask({"evict", "a.txt"}), "0 B given back\n");
+
+  // Several at a time, the good ones in spite of the bad one.
+  std::ofstream(storage + "/b") << "b";
+  const auto several = run({"status", "a.txt", "none", "b"});
+  EXPECT_EQ(several.status, 1);
+  EXPECT_EQ(several.output.find("STATE        SIZE    OCCUPIED  DOCUMENT\n"
+                                "placeholder  100000  "),
+            0U)
+      << several.output;
+  EXPECT_NE(several.output.find("present      1       4096      " + storage + "/b\n"),
+            std::string::npos)
+      << several.output;
+  EXPECT_NE(several.errors.find("none"), std::string::npos);
+  const auto nobodys = run({"evict", origin + "/a.txt"});
+  EXPECT_EQ(nobodys.status, 1);
+  EXPECT_NE(nobodys.errors.find("belongs to no provider"), std::string::npos) << nobodys.errors;
+}
+
+TEST_F(CommandLine, ShowsOnATerminalHowFarADocumentHasArrived) {
+  const auto installed = installation_.installProvider(provider);
+  start();
+  installTool();
+  ASSERT_TRUE(isRegistered(installed));
+  const auto path = installed.document("A.txt");
+  ask({"extend-sandbox", path, "--provider", provider, "--consumer", "com.example.app"});
+  fs::resize_file(path, 1 << 20U);
+
+  const FileDescriptor screen(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
+  ASSERT_TRUE(screen && ::grantpt(screen.get()) == 0 && ::unlockpt(screen.get()) == 0);
+  std::array<char, 200> terminal{};
+  ASSERT_EQ(::ptsname_r(screen.get(), terminal.data(), terminal.size()), 0);
+  const FileDescriptor held(::open(terminal.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+  std::string shown;
+  const auto shows = [&](const std::function<bool()>& condition) {
+    return eventually([&] {
+      std::array<char, 1000> bytes{};
+      const auto count = ::read(screen.get(), bytes.data(), bytes.size());
+      if (count > 0) shown.append(bytes.data(), static_cast<std::size_t>(count));
+      return condition();
+    });
+  };
+  const auto line = [&](const std::string& text) {
+    return [&shown, text] { return shown.find(text) != std::string::npos; };
+  };
+
+  installed.behave({{vendorStart, "hold"}});
+  Outcome outcome;
+  std::thread tool([&] {
+    outcome = run({"start", path, "--provider", provider, "--consumer", "com.example.app"},
+                  terminal.data());
+  });
+  EXPECT_TRUE(shows(line("[------------------------------]   0%  0 B of 1.0 MB"))) << shown;
+  std::fstream(path, std::ofstream::in | std::ofstream::out) << std::string(1 << 19U, 'x');
+  EXPECT_TRUE(shows(line("[###############---------------]  50%  524.3 kB of 1.0 MB"))) << shown;
+  installed.behave({});
+  tool.join();
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_TRUE(shows([&] { return shown.ends_with("\r\033[K"); })) << shown;
+}
+
+TEST_F(CommandLine, CopiesDocumentsAsTheyAre) {
+  const auto installed = installation_.installProvider(provider);
+  start();
+  Daemon platformd("platformd", installation_.root());
+  ASSERT_TRUE(installation_.becomesServed(coordinationService));
+  installTool();
+  ASSERT_TRUE(isRegistered(installed));
+  ASSERT_TRUE(platformd.logs("for doc source " + std::string(provider)));
+  directory_ = installed.storage();
+
+  // More than one piece, not a whole number of pieces nor of groups of three bytes.
+  std::string bytes;
+  for (int i = 0; bytes.size() < 400'001; ++i) bytes += static_cast<char>(i * 7);
+  std::ofstream("/" + installed.document("B c.txt")) << bytes;
+  const auto extended =
+      ask({"extend-sandbox", "B c.txt", "--provider", provider, "--consumer", "com.example.app"});
+  const auto token = answer(extended, "token");
+  EXPECT_TRUE(ask({"consume", token}) == bytes);
+  const std::vector<std::uint8_t> raw(bytes.begin(), bytes.end());
+  EXPECT_TRUE(ask({"consume", token, "--json"}) == R"({"content": ")" + base64Encode(raw) +
+                                                       R"(", "encoding": "base64", "size": 400001})"
+                                                       "\n");
+  const auto altered = run({"consume", token + "0"});
+  EXPECT_EQ(altered.status, 1);
+  EXPECT_EQ(altered.output, "");
+
+  // A coordinated read goes through the provider, which fails here once.
+  installed.behave({{vendorStart, Array{"error once"}}});
+  const auto failed = run({"read", "A.txt"});
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_EQ(failed.output, "");
+  EXPECT_NE(failed.errors.find("ScriptedProvider 7: error once"), std::string::npos)
+      << failed.errors;
+  EXPECT_EQ(ask({"read", "A.txt"}), "content of item/a");
+  EXPECT_EQ(installed.calls(vendorStart), 2U);
+  EXPECT_EQ(run({"read", "missing.txt"}).status, 1);
+}
+
+TEST_F(CommandLine, MakesAndResolvesBookmarks) {
+  const std::string item = "a \"b\"\n\x01 c\\d é";
+  const auto installed =
+      installation_.installProvider(provider, {{"items", Dictionary{{"A.txt", item}}}});
+  grant(Dictionary{{"com.example.gone",
+                    Dictionary{{toolIdentifier, Dictionary{{"AllowedItemIDs", Array{"x"}}}}}}});
+  start();
+  installTool();
+  ASSERT_TRUE(isRegistered(installed));
+  directory_ = installed.storage();
+
+  const auto bookmark = "docsource:" + std::string(provider) + "/" + item;
+  EXPECT_EQ(ask({"bookmark", "A.txt"}), bookmark + "\n");
+  EXPECT_EQ(ask({"bookmark", "A.txt", "--json"}),
+            R"({"bookmark": "docsource:com.example.provider/a \"b\"\u000a\u0001 c\\d é"})"
+            "\n");
+  const auto ungranted = run({"resolve", bookmark});
+  EXPECT_EQ(ungranted.status, 1);
+  EXPECT_EQ(ungranted.errors, "DSErrorDomain 3: The operation is not permitted.\n");
+  EXPECT_EQ(ask({"extend-bookmark", "A.txt", "--consumer", toolIdentifier}), bookmark + "\n");
+  const auto resolved = ask({"resolve", bookmark});
+  EXPECT_EQ(answer(resolved, "document"), installed.url("A.txt").absoluteString());
+  EXPECT_NE(answer(resolved, "token"), "none");
+  // An item is one line of the table whatever its identifier.
+  const auto table = ask({"grants"});
+  EXPECT_NE(table.find("a \"b\"\\x0a\\x01 c\\d é\n"), std::string::npos) << table;
+
+  const auto nobodys = run({"bookmark", "/etc/passwd"});
+  EXPECT_EQ(nobodys.status, 1);
+  EXPECT_EQ(nobodys.output, "");
+  EXPECT_NE(nobodys.errors.find("belongs to no provider"), std::string::npos) << nobodys.errors;
+
+  // Granted, but its provider is not installed: that is never answered.
+  const auto unanswered = run({"--timeout", "0.2", "resolve", "docsource:com.example.gone/x"});
+  EXPECT_EQ(unanswered.status, 1);
+  EXPECT_EQ(unanswered.output, "");
+  EXPECT_NE(unanswered.errors.find("did not answer in time"), std::string::npos)
+      << unanswered.errors;
+}
+
+TEST_F(CommandLine, ListsTheGrantsOfAnyAccessControlFile) {
+  EXPECT_EQ(ask({"grants"}), "PROVIDER  CONSUMER  ITEM\n");
+  const auto items = [](Value list) { return Dictionary{{"AllowedItemIDs", std::move(list)}}; };
+  grant(Dictionary{{"provider", Dictionary{{"consumer", items(Array{"one", 2, "t\xffo"})},
+                                           {"no items", items("one")},
+                                           {"no entry", "one"}}},
+                   {"no provider", Array{"one"}}});
+  EXPECT_EQ(ask({"grants"}),
+            "PROVIDER  CONSUMER  ITEM\n"
+            "provider  consumer  one\n"
+            "provider  consumer  t\\xffo\n");
+  EXPECT_EQ(
+      ask({"grants", "--json"}),
+      R"({"grants": [{"consumerIdentifier": "consumer", "itemID": "one", "providerIdentifier": "provider"}, )"
+      R"({"consumerIdentifier": "consumer", "itemID": "t\ufffdo", "providerIdentifier": "provider"}]})"
+      "\n");
+  grant(Array{"of another shape"});
+  EXPECT_EQ(ask({"grants", "--json"}), "{\"grants\": []}\n");
+  std::ofstream(installation_.accessControlFile()) << "<plist";
+  const auto unreadable = run({"grants"});
+  EXPECT_EQ(unreadable.status, 1);
+  EXPECT_EQ(unreadable.output, "");
+}
+
+TEST_F(CommandLine, InstallsAndRemovesBundles) {
+  const auto source = makeApplication("App.app", "com.example.app");
+  fs::create_directory(source + "/lib");
+  fs::create_symlink("../program", source + "/lib/link");
+  fs::create_symlink("/nowhere", source + "/dangling");
+  fs::permissions(source + "/lib", fs::perms(0555));
+  const auto place = installation_ / "Applications/App.app";
+  EXPECT_EQ(ask({"install", source + "/"}), "installed com.example.app in " + place + "\n");
+  EXPECT_EQ(fs::read_symlink(place + "/lib/link"), "../program");
+  EXPECT_EQ(fs::read_symlink(place + "/dangling"), "/nowhere");
+  EXPECT_EQ(content(place + "/program"), content("/bin/cat"));
+  EXPECT_EQ(fs::status(place + "/program").permissions(), fs::status("/bin/cat").permissions());
+
+  // The identifier, not the name of the directory, says what is replaced.
+  EXPECT_EQ(ask({"install", makeApplication("New.app", "com.example.app", "/bin/ls")}),
+            "replaced com.example.app in " + place + "\n");
+  EXPECT_EQ(content(place + "/program"), content("/bin/ls"));
+  EXPECT_FALSE(fs::exists(place + "/lib"));
+  EXPECT_EQ(applications(), std::vector<std::string>{"App.app"});
+
+  // What lies broken in its place goes.
+  fs::create_directory(installation_ / "Applications/Broken.app");
+  EXPECT_NE(ask({"bundles"}).find("(broken)"), std::string::npos);
+  ask({"install", makeApplication("Broken.app", "com.example.whole")});
+  EXPECT_EQ(ask({"bundles", "--json"}),
+            R"({"bundles": [{"executable": ")" + place + R"(/program", "identifier": )" +
+                R"("com.example.app", "kind": "application", "path": ")" + place + R"("}, )" +
+                R"({"executable": ")" + (installation_ / "Applications/Broken.app") +
+                R"(/program", "identifier": "com.example.whole", "kind": "application", )" +
+                R"("path": ")" + (installation_ / "Applications/Broken.app") + "\"}]}\n");
+
+  EXPECT_EQ(ask({"uninstall", "com.example.app"}), "removed " + place + "\n");
+  EXPECT_EQ(applications(), std::vector<std::string>{"Broken.app"});
+  const auto again = run({"uninstall", "com.example.app"});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.errors.find("com.example.app"), std::string::npos);
+}
+
+TEST_F(CommandLine, RefusesBundlesThatWouldNotWork) {
+  const auto installed = makeApplication("App.app", "com.example.app");
+  ask({"install", installed});
+  const auto withoutExecutable = makeApplication("App.app", "com.example.app");
+  fs::remove(withoutExecutable + "/program");
+  const auto withoutInfo = makeApplication("App.app", "com.example.app");
+  std::ofstream(withoutInfo + "/Info.plist") << "<plist version=\"1.0\"><dict>";
+  const auto withPipe = makeApplication("App.app", "com.example.app");
+  ASSERT_EQ(::mkfifo((withPipe + "/pipe").c_str(), 0600), 0);
+  // Good where it is, but what its link leads to does not come along.
+  const auto leaning = makeApplication("App.app", "com.example.app");
+  fs::rename(leaning + "/program", leaning + "/../outside");
+  fs::create_symlink("../outside", leaning + "/program");
+  for (const auto& broken :
+       {withoutExecutable, withoutInfo, withPipe, leaning,
+        makeApplication("App.bundle", "com.example.app"), std::string("/nowhere.app"),
+        makeApplication("App.app", "com.example.another")}) {
+    const auto outcome = run({"install", broken});
+    EXPECT_EQ(outcome.status, 1) << broken;
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors, "");
+    EXPECT_EQ(applications(), std::vector<std::string>{"App.app"});
+  }
+  EXPECT_EQ(content(installation_ / "Applications/App.app/Info.plist"),
+            content(installed + "/Info.plist"));
+}
+
+TEST_F(CommandLine, ReplacesABundleInOneStep) {
+  const auto first = makeApplication("App.app", "com.example.app");
+  const auto second = makeApplication("App.app", "com.example.app", "/bin/ls");
+  ask({"install", first});
+  const auto place = installation_ / "Applications/App.app";
+  std::atomic<bool> finished = false;
+  std::atomic<int> looks = 0;
+  std::optional<std::string> problem;
+  std::thread observer([&] {
+    while (!finished && !problem) {
+      const auto found = readBundle(BundleKind::application, place);
+      if (!found) problem = found.error().text();
+      ++looks;
+    }
+  });
+  for (int i = 0; i < 10; ++i) ask({"install", i % 2 == 0 ? second : first});
+  finished = true;
+  observer.join();
+  EXPECT_EQ(problem, std::nullopt);
+  EXPECT_GT(looks, 10);
+}
+
+TEST_F(CommandLine, TellsTheSystemOfTheDevicesLock) {
+  EXPECT_EQ(ask({"device", "status", "--json"}),
+            "{\"lockState\": 3, \"unlockedSinceBoot\": true}\n");
+  const auto state = installation_ / "run/key-state";
+  ask({"device", "lock"});
+  EXPECT_EQ(content(state), "lock-state=0 unlocked-since-boot=1\n");
+
+  std::ofstream(state) << "lock-state=1 unlocked-since-boot=0\n";
+  EXPECT_EQ(ask({"device", "lock"}), "locked (lock state 0), not unlocked since boot\n");
+  EXPECT_EQ(content(state), "lock-state=0 unlocked-since-boot=0\n");
+
+  // A daemon that waits for the first unlock is told of it.
+  const auto installed = installation_.installProvider(provider);
+  start();
+  installTool();
+  EXPECT_EQ(ask({"providers", "--json"}), "{\"providers\": []}\n");
+  EXPECT_EQ(ask({"device", "unlock"}), "unlocked (lock state 3), unlocked since boot\n");
+  EXPECT_EQ(content(state), "lock-state=3 unlocked-since-boot=1\n");
+  EXPECT_TRUE(isRegistered(installed));
+}
+
+}  // namespace
+}  // namespace qx::test

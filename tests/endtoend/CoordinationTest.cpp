@@ -1,0 +1,167 @@
+// docsourced and platformd together: coordinated reads and writes reach the providers, tokens are
+// redeemed, and either may come and go.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/files/FileManager.h"
+#include "tests/endtoend/Broker.h"
+
+namespace qx::test {
+namespace {
+
+const char* const app = "com.example.app";
+const char* const coordinateReading = "coordinateReadingItemAtURL:completion:";
+const char* const finishedWriting = "didFinishWritingItemAtURL:completion:";
+const char* const consumeExtension = "consumeExtension:completion:";
+
+class Coordination : public Broker {
+ protected:
+  void startPlatform() {
+    platform_.emplace("platformd", installation_.root());
+    ASSERT_TRUE(installation_.becomesServed(coordinationService));
+    ASSERT_TRUE(installation_.becomesServed(sandboxService));
+  }
+
+  std::string read(const URL& url) {
+    return consumer_.connect(coordinationService).call(coordinateReading, {url}).outcome();
+  }
+  std::string content(const std::string& name) const {
+    auto text = FileManager::readFile(provider_.document(name));
+    return text ? *text : "(unreadable)";
+  }
+  /// Reads until the provider is known to the service: nobody tells the test when it is.
+  bool isCoordinated(const std::string& name) {
+    return eventually(
+        [&] { return read(provider_.url(name)) == "success" && !content(name).empty(); });
+  }
+
+  ScriptedProvider provider_ = installation_.installProvider("com.example.p");
+  Consumer consumer_ = readerAndWriter();
+  std::optional<Daemon> platform_;
+};
+
+TEST_F(Coordination, BringsContentInBeforeAReadAndReportsAWrite) {
+  startPlatform();
+  start();
+  ASSERT_TRUE(isCoordinated("A.txt"));
+  EXPECT_EQ(content("A.txt"), "content of item/a");
+  EXPECT_TRUE(daemon_->logs("[INFO] QXFileCoordinator requested us to provide item at URL " +
+                            provider_.url("A.txt").absoluteString() + " for consumer " + app));
+
+  Wire wire = consumer_.connect(coordinationService);
+  EXPECT_EQ(wire.call(finishedWriting, {provider_.url("A.txt")}).outcome(), "success");
+  EXPECT_TRUE(eventually([&] { return provider_.calls(vendorChanged) == 1; }));
+  EXPECT_TRUE(daemon_->logs("was changed by writer ID com.example.app."));
+
+  // Nobody's document is read as it is; a provider's refusal is the reader's.
+  std::ofstream(installation_ / "Home/letter").flush();
+  EXPECT_EQ(read(URL::fileURL(installation_ / "Home/letter")), "success");
+  provider_.behave({{vendorStart, "error"}});
+  EXPECT_EQ(read(provider_.url("B c.txt")), "DSErrorDomain 8 (ScriptedProvider 7)");
+  provider_.behave({{vendorIdentifier, "refuse"}});
+  EXPECT_EQ(read(provider_.url("B c.txt")), "DSErrorDomain 8 (QXConduitErrorDomain 4)");
+  provider_.behave({{vendorStart, "crash"}});
+  EXPECT_EQ(read(provider_.url("B c.txt")), "DSErrorDomain 8 (QXConduitErrorDomain 4)");
+  provider_.behave({});
+  EXPECT_EQ(read(provider_.url("B c.txt")), "success");
+  EXPECT_EQ(content("B c.txt"), "content of item b");
+
+  // One who has no such right cannot put itself in the provider's place.
+  EXPECT_EQ(wire.call("addDocSource:providedItemsURL:completion:",
+                      {"com.example.p", URL::fileURL(provider_.storage(), true)})
+                .outcome(),
+            "DSErrorDomain 6");
+
+  installation_.remove(provider_.bundle());
+  std::filesystem::resize_file(provider_.document("A.txt"), 0);
+  EXPECT_TRUE(eventually([&] {
+    return consumer_.connect().call(listProviders, {}).values == Array{Value(), Dictionary()};
+  }));
+  EXPECT_TRUE(eventually([&] { return read(provider_.url("A.txt")) == "success"; }));
+  EXPECT_EQ(content("A.txt"), "");
+}
+
+TEST_F(Coordination, RedeemsTheTokensOfTheBroker) {
+  startPlatform();
+  start();
+  const Array arguments{provider_.url("A.txt"), "com.example.p", app};
+  Wire wire = consumer_.connect();
+  ASSERT_EQ(wire.call(extendSandbox, arguments).outcome(), "success");
+  ASSERT_EQ(wire.call(providePlaceholder, arguments).outcome(), "success");
+  ASSERT_EQ(wire.call(startProviding, arguments).outcome(), "success");
+  const auto extended = wire.call(extendSandbox, arguments);
+  ASSERT_TRUE(extended.at<Bytes>(1) && extended.at<Bytes>(3));
+
+  Wire sandbox = consumer_.connect(sandboxService);
+  const auto redeemed = sandbox.call(consumeExtension, {*extended.at<Bytes>(1)});
+  ASSERT_TRUE(redeemed.at<SharedDescriptor>(1)) << redeemed.outcome();
+  const int descriptor = (*redeemed.at<SharedDescriptor>(1))->get();
+  std::array<char, 64> buffer{};
+  const ssize_t size = pread(descriptor, buffer.data(), buffer.size(), 0);
+  EXPECT_EQ(std::string(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))),
+            "content of item/a");
+  EXPECT_EQ(pwrite(descriptor, "C", 1, 0), 1);
+  EXPECT_EQ(content("A.txt"), "Content of item/a");
+  EXPECT_TRUE(sandbox.call(consumeExtension, {*extended.at<Bytes>(3)}).at<SharedDescriptor>(1));
+
+  Bytes altered = *extended.at<Bytes>(1);
+  altered.back() = altered.back() == '0' ? '1' : '0';
+  const auto refused = sandbox.call(consumeExtension, {altered});
+  EXPECT_NE(refused.outcome(), "success");
+  EXPECT_TRUE(refused.isAbsent(1));
+  // A link in the document's place leads nowhere.
+  std::filesystem::rename(provider_.document("A.txt"), provider_.document("aside"));
+  std::filesystem::create_symlink("aside", provider_.document("A.txt"));
+  EXPECT_NE(sandbox.call(consumeExtension, {*extended.at<Bytes>(1)}).outcome(), "success");
+}
+
+TEST_F(Coordination, StandsAgainWhenEitherSideComesBack) {
+  start();
+  EXPECT_TRUE(isRegistered(provider_));
+  Wire broker = consumer_.connect();
+  EXPECT_EQ(broker.call(listProviders, {}).outcome(), "success");
+
+  // The service comes later, and goes and comes again while the daemon stays.
+  startPlatform();
+  EXPECT_TRUE(isCoordinated("A.txt"));
+  EXPECT_EQ(platform_->end(SIGKILL), -SIGKILL);
+  // Its worker, where it has one, serves a moment longer.
+  ASSERT_TRUE(installation_.becomesUnserved(coordinationService));
+  EXPECT_EQ(broker.call(listProviders, {}).outcome(), "success");
+  std::filesystem::resize_file(provider_.document("A.txt"), 0);
+  startPlatform();
+  EXPECT_TRUE(isCoordinated("A.txt"));
+
+  // The daemon goes: its doc sources are forgotten, its clients get the news.
+  Wire reader = consumer_.connect(coordinationService);
+  provider_.behave({{vendorStart, "never"}});
+  const auto pending = reader.begin(coordinateReading, {provider_.url("B c.txt")});
+  const auto call = broker.begin(stopProviding, {provider_.url("A.txt"), "com.example.p", app});
+  EXPECT_EQ(broker.answer(call).outcome(), "success");
+  ASSERT_TRUE(eventually([&] {
+    const auto lines = provider_.callLines();
+    return std::any_of(lines.begin(), lines.end(), [](const auto& line) {
+      return line.starts_with(vendorStart) && line.ends_with("B%20c.txt");
+    });
+  }));
+  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
+  EXPECT_EQ(reader.answer(pending).error()->domain(), "QXConduitErrorDomain");
+  EXPECT_TRUE(broker.isClosedByPeer());
+  EXPECT_EQ(read(provider_.url("A.txt")), "success");
+  EXPECT_EQ(content("A.txt"), "");
+
+  provider_.behave({});
+  start();
+  EXPECT_TRUE(isCoordinated("A.txt"));
+  EXPECT_EQ(consumer_.connect().call(listProviders, {}).outcome(), "success");
+  stop();
+  EXPECT_EQ(platform_->end(SIGTERM), 0);
+}
+
+}  // namespace
+}  // namespace qx::test

@@ -1,0 +1,268 @@
+// Provider extensions that come, change, go, and misbehave.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/plist/PropertyList.h"
+#include "tests/endtoend/Broker.h"
+#include "tests/support/BundleMaker.h"
+
+namespace qx::test {
+namespace {
+
+const char* const app = "com.example.app";
+
+class Extensions : public Broker {
+ protected:
+  std::string startDocument(Wire& wire, const ScriptedProvider& provider) {
+    return wire.call(startProviding, {provider.url("A.txt"), provider.identifier(), app}).outcome();
+  }
+  std::string grantDocument(Wire& wire, const ScriptedProvider& provider) {
+    return wire.call(extendSandbox, {provider.url("A.txt"), provider.identifier(), app}).outcome();
+  }
+  static Dictionary listing(Wire& wire) {
+    auto answer = wire.call(listProviders, {});
+    const auto* dictionary = answer.at<Dictionary>(1);
+    return dictionary ? *dictionary : Dictionary();
+  }
+
+  Consumer consumer_ = readerAndWriter();
+};
+
+TEST_F(Extensions, AreStartedWithNothingButWhatIsTheirs) {
+  const auto provider = installation_.installProvider("com.example.p");
+  // What the daemon itself inherits must not reach its extensions.
+  FileDescriptor inherited(open("/dev/null", O_RDONLY));
+  signal(SIGUSR1, SIG_IGN);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR2);
+  sigaddset(&blocked, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+  launch({{"KEPT", "for all"}});
+  pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+  ASSERT_TRUE(installation_.becomesServed(docSourceService));
+
+  const auto processes = provider.processes();
+  ASSERT_EQ(processes.size(), 1U);
+  const Dictionary record = processes.begin()->second;
+  EXPECT_EQ(record.at("blocked"), Value("0000000000000000"));
+  EXPECT_EQ(record.at("ignored"), Value("0000000000000000"));
+  EXPECT_EQ(record.at("directory"), Value(provider.bundle()));
+  EXPECT_EQ(record.at("executable"), Value(provider.bundle() + "/program"));
+  EXPECT_EQ(record.at("parent"), Value(static_cast<std::int64_t>(daemon_->id())));
+
+  const auto environment = *record.at("environment").as<Dictionary>();
+  EXPECT_EQ(environment.at("QX_EXTENSION_IDENTIFIER"), Value("com.example.p"));
+  EXPECT_EQ(environment.at("QX_DOCUMENT_STORAGE"), Value(provider.storage()));
+  EXPECT_EQ(environment.at("DOCSOURCE_ROOT"), Value(installation_.root()));
+  EXPECT_EQ(environment.at("KEPT"), Value("for all"));
+  const std::string connection = *environment.at("QX_EXTENSION_CONNECTION").as<std::string>();
+
+  const auto descriptors = *record.at("descriptors").as<Dictionary>();
+  ASSERT_EQ(descriptors.size(), 4U) << describe(descriptors);
+  EXPECT_EQ(descriptors.at("0"), Value("/dev/null"));
+  EXPECT_TRUE(descriptors.at("1").as<std::string>()->starts_with("pipe:"));
+  EXPECT_EQ(descriptors.at("1"), descriptors.at("2"));
+  ASSERT_TRUE(descriptors.contains(connection));
+  EXPECT_TRUE(descriptors.at(connection).as<std::string>()->starts_with("socket:"));
+}
+
+TEST_F(Extensions, HaveNoStorageWithoutAGroupOfTheirs) {
+  auto provider = installation_.installProvider("com.example.p", {{"items", Dictionary()}});
+  writeList(provider.bundle() + "/Info.plist",
+            Installation::extensionInfo("com.example.p", "group.of.others"));
+  start();
+  EXPECT_TRUE(daemon_->logs("[ERROR] Cannot deduce the provided items URL for com.example.p"));
+  const auto processes = provider.processes();
+  ASSERT_EQ(processes.size(), 1U);
+  EXPECT_FALSE(processes.begin()
+                   ->second.at("environment")
+                   .as<Dictionary>()
+                   ->contains("QX_DOCUMENT_STORAGE"));
+  Wire wire = consumer_.connect();
+  EXPECT_EQ(listing(wire), (Dictionary{{"com.example.p", Dictionary()}}));
+}
+
+TEST_F(Extensions, ComeChangeAndGoWhileTheDaemonRuns) {
+  start();
+  Wire wire = consumer_.connect();
+  EXPECT_EQ(listing(wire), Dictionary());
+
+  auto provider = installation_.installProvider("com.example.p");
+  ASSERT_TRUE(isRegistered(provider));
+  EXPECT_EQ(listing(wire).size(), 1U);
+  EXPECT_EQ(grantDocument(wire, provider), "success");
+  const pid_t first = provider.running();
+  ASSERT_GT(first, 0);
+
+  // Another version in its place, with its documents elsewhere.
+  provider = installation_.installProvider("com.example.p", {}, "group.new");
+  ASSERT_TRUE(isRegistered(provider, 2));
+  EXPECT_EQ(*find<Dictionary>(listing(wire), "com.example.p"),
+            (Dictionary{{"documentStorageURL", URL::fileURL(provider.storage(), true)},
+                        {"providerIdentifier", "com.example.p"}}));
+  EXPECT_EQ(startDocument(wire, provider), "success");
+  EXPECT_TRUE(eventually([&] { return kill(first, 0) != 0; }));
+  EXPECT_GT(provider.running(), 0);
+
+  // Half a bundle is none; made whole it is one.
+  const std::string staged = installation_.staging();
+  writeList(staged + "/Entitlements.plist", Dictionary());
+  std::ofstream(staged + "/Info.plist") << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>";
+  installation_.put(staged, installation_ / "Extensions/half.docext");
+  EXPECT_TRUE(daemon_->logs("half.docext"));
+  EXPECT_EQ(listing(wire).size(), 1U);
+  std::filesystem::copy_file(builtProgram("scripted-provider"),
+                             installation_ / "Extensions/half.docext/program");
+  writeList(installation_ / "Extensions/half.docext/Info.plist",
+            Installation::extensionInfo("com.example.half", std::nullopt));
+  EXPECT_TRUE(eventually([&] { return listing(wire).size() == 2; }));
+
+  installation_.remove(provider.bundle());
+  EXPECT_TRUE(eventually([&] { return !find(listing(wire), "com.example.p"); }));
+  EXPECT_EQ(startDocument(wire, provider), "DSErrorDomain 1");
+  EXPECT_TRUE(eventually([&] { return provider.running() == -1; }));
+}
+
+TEST_F(Extensions, FinishWhatTheyWereAskedBeforeTheyWereRemoved) {
+  const auto provider = installation_.installProvider("com.example.p");
+  start();
+  Wire wire = consumer_.connect();
+  EXPECT_EQ(grantDocument(wire, provider), "success");
+  provider.behave({{vendorStart, "hold"}});
+  const auto call = wire.begin(startProviding, {provider.url("A.txt"), provider.identifier(), app});
+  ASSERT_TRUE(eventually([&] { return provider.calls(vendorStart) == 1; }));
+  const std::string removed = installation_.remove(provider.bundle());
+  Wire second = consumer_.connect();
+  EXPECT_TRUE(eventually([&] { return listing(second).empty(); }));
+  EXPECT_GT(provider.running(), 0);
+  writeList(removed + "/Script.plist", Dictionary{{"items", Dictionary{{"A.txt", "item/a"}}}});
+  EXPECT_EQ(wire.answer(call).outcome(), "success");
+  EXPECT_TRUE(eventually([&] { return provider.running() == -1; }));
+}
+
+struct Misbehaviour {
+  std::string how;
+  /// What the client gets to a start that the provider meets like that.
+  std::string outcome;
+  /// Whether the process lives on.
+  bool survives;
+};
+
+class MisbehavingExtensions : public Extensions {};
+
+TEST_F(MisbehavingExtensions, CostTheCallAndNothingElse) {
+  const std::string lost = "DSErrorDomain 8 (QXConduitErrorDomain 4)";
+  const std::string mismatch = "DSErrorDomain 8 (QXConduitErrorDomain 3)";
+  const std::vector<Misbehaviour> cases{{"refuse", lost, true},
+                                        {"crash", lost, false},
+                                        {"exit", lost, false},
+                                        {"garbage", lost, false},
+                                        {"wrong types", mismatch, true},
+                                        {"wrong class", mismatch, true},
+                                        {"failure", "DSErrorDomain 8 (ScriptedProvider 7)", true},
+                                        {"twice", "success", true},
+                                        {"unknown id", "success", true},
+                                        {"calls back", "success", true},
+                                        {"absent", "success", true}};
+  const auto provider = installation_.installProvider("com.example.p");
+  const auto bystander = installation_.installProvider("com.example.q");
+  start();
+  Wire wire = consumer_.connect();
+  ASSERT_EQ(grantDocument(wire, provider), "success");
+  ASSERT_EQ(grantDocument(wire, bystander), "success");
+  std::size_t processes = 1;
+  for (const auto& [how, outcome, survives] : cases) {
+    SCOPED_TRACE(how);
+    provider.behave({{vendorStart, how}});
+    EXPECT_EQ(startDocument(wire, provider), outcome);
+    provider.behave({});
+    EXPECT_EQ(startDocument(wire, provider), "success");
+    if (!survives) ++processes;
+    EXPECT_EQ(provider.processes().size(), processes);
+    EXPECT_EQ(startDocument(wire, bystander), "success");
+  }
+  EXPECT_EQ(bystander.processes().size(), 1U);
+
+  // Killed from outside between two calls, or with one open.
+  EXPECT_EQ(kill(provider.running(), SIGKILL), 0);
+  EXPECT_TRUE(eventually([&] { return startDocument(wire, provider) == "success"; }));
+  provider.behave({{vendorStart, "never"}});
+  const auto call = wire.begin(startProviding, {provider.url("A.txt"), provider.identifier(), app});
+  const auto starts = provider.calls(vendorStart);
+  EXPECT_TRUE(eventually([&] { return provider.calls(vendorStart) >= starts; }));
+  EXPECT_EQ(startDocument(wire, bystander), "success");
+  ASSERT_TRUE(eventually([&] {
+    const auto lines = provider.callLines();
+    return !lines.empty() && lines.back().starts_with(vendorStart);
+  }));
+  EXPECT_EQ(kill(provider.running(), SIGKILL), 0);
+  EXPECT_EQ(wire.answer(call).outcome(), lost);
+  stop();
+}
+
+TEST_F(MisbehavingExtensions, AreSetUpAgainAndServedEvenIfThatFails) {
+  const auto late = installation_.installProvider(
+      "com.example.late", {{vendorSetUp, Array{"error of the first time", "crash"}}});
+  start();
+  EXPECT_EQ(daemon_->count("[NOTICE] Trying to register doc source extension com.example.late "
+                           "again. Tries left: 2"),
+            1U);
+  EXPECT_EQ(daemon_->count("[NOTICE] Trying to register doc source extension com.example.late "
+                           "again. Tries left: 1"),
+            1U);
+  EXPECT_EQ(daemon_->count("fault: [ERROR] Doc source extension com.example.late failed to "
+                           "initialize. Error: ScriptedProvider 7: error of the first time."),
+            1U);
+  EXPECT_TRUE(isRegistered(late));
+  EXPECT_EQ(late.calls(vendorSetUp), 3U);
+}
+
+TEST_F(MisbehavingExtensions, ThatCannotRunDoNotStopTheDaemon) {
+  const auto brief = installation_.installProvider("com.example.brief", {{"launch", "exit"}});
+  start();
+  EXPECT_TRUE(daemon_->logs("[ERROR] Could not register doc source com.example.brief. Error: "));
+  EXPECT_EQ(brief.processes().size(), 3U);
+  Wire wire = consumer_.connect();
+  EXPECT_EQ(listing(wire).size(), 1U);
+  // Gone before it got the call, or before its proxy was asked for.
+  const auto outcome = grantDocument(wire, brief);
+  EXPECT_TRUE(outcome == "DSErrorDomain 8 (DSErrorDomain 8 (QXConduitErrorDomain 4))" ||
+              outcome == "DSErrorDomain 8 (DSErrorDomain 8 (DSErrorDomain 7))")
+      << outcome;
+
+  // Later it can.
+  brief.behave({});
+  std::filesystem::create_directories(brief.storage());
+  std::ofstream(brief.document("A.txt")).flush();
+  EXPECT_EQ(grantDocument(wire, brief), "success");
+}
+
+TEST_F(MisbehavingExtensions, WithoutAProgramAreReported) {
+  const auto provider = installation_.installProvider("com.example.p");
+  start();
+  Wire wire = consumer_.connect();
+  ASSERT_EQ(grantDocument(wire, provider), "success");
+  const pid_t running = provider.running();
+  // No program any more, but text; the process that runs is of the old one.
+  const std::string program = provider.bundle() + "/program";
+  std::filesystem::create_hard_link(program, program + ".old");
+  std::ofstream(program + ".new") << "not a program";
+  std::filesystem::permissions(program + ".new", std::filesystem::perms(0755));
+  std::filesystem::rename(program + ".new", program);
+  EXPECT_EQ(kill(running, SIGKILL), 0);
+  EXPECT_TRUE(eventually([&] { return provider.running() == -1; }));
+  EXPECT_TRUE(eventually([&] {
+    return startDocument(wire, provider) ==
+           "DSErrorDomain 8 (DSErrorDomain 8 (QXExtensionErrorDomain 2 (QXPOSIXErrorDomain 8)))";
+  }));
+  std::filesystem::rename(program + ".old", program);
+  EXPECT_TRUE(eventually([&] { return startDocument(wire, provider) == "success"; }));
+}
+
+}  // namespace
+}  // namespace qx::test

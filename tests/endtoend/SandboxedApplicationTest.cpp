@@ -1,0 +1,338 @@
+// Applications that `docsource run` starts: what they can see of the machine, and what the services
+// give them there.
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/files/FileManager.h"
+#include "tests/endtoend/Broker.h"
+#include "tests/support/BundleMaker.h"
+#include "tests/support/ChildProcess.h"
+
+namespace qx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const char* const app = "com.example.sandboxed";
+const char* const other = "com.example.other";
+const char* const p = "com.example.p";
+
+/// Whether bubblewrap is there and can make what it needs.
+bool canSandbox() {
+  ChildProcess probe({"bwrap", "--unshare-user", "--disable-userns", "--unshare-pid",
+                      "--unshare-net", "--ro-bind", "/", "/", "--proc", "/proc", "true"});
+  return probe.wait() == 0;
+}
+
+std::string content(const std::string& path) {
+  auto text = FileManager::readFile(path);
+  return text ? *text : "(unreadable)";
+}
+
+void write(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ofstream::trunc) << text;
+}
+
+class SandboxedApplication : public Broker {
+ protected:
+  void SetUp() override {
+    if (!canSandbox()) GTEST_SKIP() << "no bubblewrap, or no user namespaces";
+    start();
+    startPlatform();
+    ASSERT_TRUE(isRegistered(provider_));
+    fs::create_directories(provider_.storage());
+    write(provider_.document("A.txt"), "content of A");
+    write(provider_.document(".A.txt"), "beside A");
+    write(provider_.document("B c.txt"), "content of B");
+  }
+
+  void startPlatform() {
+    platform_.reset();
+    platform_.emplace("platformd", installation_.root());
+    ASSERT_TRUE(installation_.becomesServed(sandboxService));
+    ASSERT_TRUE(installation_.becomesServed(coordinationService));
+  }
+
+  /// An application with the library that it needs beside its program.
+  void install(const std::string& identifier, const Dictionary& entitlements = {}) {
+    const std::string staged = installation_.staging();
+    makeBundle(staged + "/bundle", identifier, builtProgram("sandboxed-consumer"), entitlements);
+    fs::copy_file(CLIENT_LIBRARY, staged + "/bundle/" + CLIENT_LIBRARY_NAME);
+    installation_.put(staged + "/bundle", bundleOf(identifier));
+  }
+  std::string bundleOf(const std::string& identifier) const {
+    return installation_ / ("Applications/" + identifier + ".app");
+  }
+  std::string dataOf(const std::string& identifier) const {
+    return installation_ / ("Containers/Data/" + identifier);
+  }
+
+  std::vector<std::string> command(const std::string& identifier,
+                                   const std::vector<std::string>& arguments = {}) const {
+    std::vector<std::string> words{"env",
+                                   "DOCSOURCE_ROOT=" + installation_.root(),
+                                   "SECRET=do not tell",
+                                   builtProgram("docsource"),
+                                   "run",
+                                   identifier};
+    if (!arguments.empty()) words.emplace_back("--");
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return words;
+  }
+
+  /// The bookmarkable string of a document that was granted to an application.
+  std::string grant(const std::string& name, const std::string& identifier) {
+    const auto made = grantor_.connect().call(extendBookmark, {provider_.url(name), identifier});
+    EXPECT_EQ(made.outcome(), "success");
+    const auto* string = made.at<std::string>(0);
+    return string ? *string : "";
+  }
+
+  struct Resolved {
+    std::string url, token, siblingURL, siblingToken;
+  };
+  static Resolved resolve(ChildProcess& sandboxed, const std::string& bookmark) {
+    std::vector<std::string> parts(1);
+    for (const char character : sandboxed.ask("resolve\t" + bookmark)) {
+      if (character == '\t') {
+        parts.emplace_back();
+      } else {
+        parts.back() += character;
+      }
+    }
+    parts.resize(4);
+    return {parts[0], parts[1], parts[2], parts[3]};
+  }
+
+  std::optional<Daemon> platform_;
+  ScriptedProvider provider_ = installation_.installProvider(p);
+  Consumer grantor_ = readerAndWriter("com.example.grantor");
+};
+
+TEST_F(SandboxedApplication, SeesNothingButItsOwn) {
+  install(app);
+  install(other);
+  fs::create_directories(dataOf(other));
+  write(dataOf(other) + "/secret", "of another application");
+  grant("A.txt", app);
+  ASSERT_TRUE(fs::exists(installation_ / "run/com.veltro.DocSource.lock"));
+  write(installation_ / "run/sandbox.key", std::string(32, 'k'));
+  const FileDescriptor leak(open(installation_.root().c_str(), O_PATH));
+  ASSERT_TRUE(leak);
+  ChildProcess sandboxed(command(app));
+
+  for (const auto& hidden :
+       {provider_.document("A.txt"), installation_ / "Containers/Group",
+        installation_ / "Extensions", installation_ / "Home", installation_ / "run/sandbox.key",
+        installation_ / "run/com.veltro.DocSource.lock", installation_ / "run/notify",
+        dataOf(other) + "/secret", bundleOf(other) + "/Info.plist", builtProgram("docsourced"),
+        std::string("/etc/shadow"), std::string("/sys"), std::string("/root"),
+        std::string("/var")}) {
+    EXPECT_EQ(sandboxed.ask("read\t" + hidden), "error ENOENT") << hidden;
+  }
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_.root()), "Applications Containers run");
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Applications"), app + std::string(".app"));
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers"), "Data");
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers/Data"), app);
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "run"),
+            "com.veltro.DocSource com.veltro.FileCoordination com.veltro.Sandbox");
+
+  EXPECT_EQ(sandboxed.ask("processes"), "bwrap program");
+  EXPECT_EQ(sandboxed.ask("descriptors").substr(0, 7), "0 1 2 3") << "3 is the directory read";
+  EXPECT_EQ(sandboxed.ask("descriptors").size(), 7U);
+  EXPECT_EQ(sandboxed.ask("variable\tSECRET"), "error unset");
+  for (const char* process : {"1", "self"}) {
+    const auto variables = sandboxed.ask("read\t/proc/" + std::string(process) + "/environ");
+    EXPECT_NE(variables.find("HOME=" + dataOf(app)), std::string::npos);
+    EXPECT_EQ(variables.find("SECRET"), std::string::npos);
+  }
+
+  // It writes at home, and into a temporary directory that is nobody else's.
+  EXPECT_EQ(sandboxed.ask("variable\tHOME"), dataOf(app));
+  EXPECT_EQ(sandboxed.ask("write\tnotes\tmine"), "written");
+  EXPECT_EQ(content(dataOf(app) + "/notes"), "mine");
+  struct stat status;
+  ASSERT_EQ(stat(dataOf(app).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0700U);
+  const std::string temporary = "/tmp/" + fs::path(installation_.root()).filename().string() + "x";
+  EXPECT_EQ(sandboxed.ask("write\t" + temporary + "\tx"), "written");
+  EXPECT_FALSE(fs::exists(temporary));
+  for (const auto& readOnly : {bundleOf(app) + "/Info.plist", installation_ / "run/x",
+                               installation_ / "x", std::string("/usr/x"), std::string("/etc/x"),
+                               std::string("/x"), std::string("/proc/sys/kernel/domainname")}) {
+    EXPECT_EQ(sandboxed.ask("write\t" + readOnly + "\tx"), "error EROFS") << readOnly;
+  }
+}
+
+TEST_F(SandboxedApplication, RedeemsReadsAndWritesWhatItWasGranted) {
+  install(app);
+  ChildProcess sandboxed(command(app));
+  const auto granted = resolve(sandboxed, grant("A.txt", app));
+  EXPECT_EQ(granted.url, provider_.url("A.txt").absoluteString());
+  EXPECT_EQ(granted.siblingURL, provider_.url(".A.txt").absoluteString());
+
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "content of A");
+  EXPECT_EQ(sandboxed.ask("rewrite\t" + granted.token + "\tedited"), "written");
+  EXPECT_EQ(content(provider_.document("A.txt")), "edited");
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.siblingToken), "beside A");
+  EXPECT_EQ(sandboxed.ask("rewrite\t" + granted.siblingToken + "\tnew"), "written");
+  EXPECT_EQ(content(provider_.document(".A.txt")), "new");
+
+  // Its document and nothing else.
+  EXPECT_EQ(sandboxed.ask("look-around\t" + granted.token), "error ENOTDIR");
+  EXPECT_EQ(sandboxed.ask("read\t" + provider_.document("A.txt")), "error ENOENT");
+  EXPECT_EQ(content(provider_.document("B c.txt")), "content of B");
+
+  // A token from somebody who may grant, in the application's arguments.
+  const auto extension = grantor_.connect().call(extendSandbox, {provider_.url("B c.txt"), p, app});
+  const auto* token = extension.at<Bytes>(1);
+  ASSERT_TRUE(token) << extension.outcome();
+  ChildProcess handed(command(app, {std::string(token->begin(), token->end()), "-x", "", "--"}));
+  const auto arguments = handed.ask("arguments");
+  EXPECT_EQ(arguments, std::string(token->begin(), token->end()) + " -x  --");
+  EXPECT_EQ(handed.ask("redeem\t" + arguments.substr(0, arguments.find(' '))), "content of B");
+}
+
+TEST_F(SandboxedApplication, GetsNothingWithoutAGrantOrByAFalseToken) {
+  install(app);
+  install(other);
+  const auto bookmark = grant("A.txt", app);
+  ChildProcess stranger(command(other)), sandboxed(command(app));
+  EXPECT_EQ(stranger.ask("resolve\t" + bookmark), "error DSErrorDomain 3");
+  const auto granted = resolve(sandboxed, bookmark);
+
+  auto altered = granted.token;
+  altered.back() = altered.back() == '0' ? '1' : '0';
+  EXPECT_EQ(sandboxed.ask("redeem\t" + altered), "error QXPOSIXErrorDomain 74");
+  auto renamed = granted.token;
+  renamed.replace(renamed.find("A.txt"), 1, "B");
+  EXPECT_EQ(sandboxed.ask("redeem\t" + renamed), "error QXPOSIXErrorDomain 74");
+
+  // A link in the document's place, or in that of a directory above it.
+  const std::string document = provider_.document("A.txt");
+  fs::rename(document, document + ".moved");
+  fs::create_symlink(provider_.document("B c.txt"), document);
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXStandardErrorDomain 256");
+  fs::remove(document);
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXStandardErrorDomain 260");
+  fs::rename(document + ".moved", document);
+  fs::rename(provider_.storage(), provider_.storage() + ".moved");
+  fs::create_directory_symlink(provider_.storage() + ".moved", provider_.storage());
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXStandardErrorDomain 256");
+  fs::remove(provider_.storage());
+  fs::rename(provider_.storage() + ".moved", provider_.storage());
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "content of A");
+
+  // The next boot has another key. It is as hidden as the one before.
+  fs::remove(installation_ / "run/sandbox.key");
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXPOSIXErrorDomain 74");
+  const auto again = resolve(sandboxed, bookmark);
+  ASSERT_TRUE(fs::exists(installation_ / "run/sandbox.key"));
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXPOSIXErrorDomain 74");
+  EXPECT_EQ(sandboxed.ask("redeem\t" + again.token), "content of A");
+  EXPECT_EQ(sandboxed.ask("read\t" + installation_ / "run/sandbox.key"), "error ENOENT");
+}
+
+TEST_F(SandboxedApplication, KeepsItsIdentityAndIsCheckedFromInside) {
+  install(app, {{writeEntitlement, true}});
+  ChildProcess sandboxed(command(app));
+  const auto url = provider_.url("A.txt").absoluteString();
+
+  // What it was granted it cannot pass on, since it cannot reach it itself.
+  const auto bookmark = grant("A.txt", app);
+  EXPECT_EQ(sandboxed.ask("extend-bookmark\t" + url + "\t" + other), "error DSErrorDomain 3");
+  EXPECT_EQ(sandboxed.ask("coordinate\t" + url), "error QXStandardErrorDomain 260");
+  // Nor through a file or a link of its own in the document's place: there is no place for one.
+  EXPECT_EQ(sandboxed.ask("write\t" + provider_.document("A.txt") + "\tx"), "error ENOENT");
+  // A file of its own passes the check; the broker then finds no provider for it.
+  EXPECT_EQ(sandboxed.ask("write\town\tmine"), "written");
+  EXPECT_EQ(sandboxed.ask("extend-bookmark\t" +
+                          URL::fileURL(dataOf(app) + "/own").absoluteString() + "\t" + other),
+            "error DSErrorDomain 2");
+  // A file of a place that is private to it is no file outside.
+  EXPECT_EQ(sandboxed.ask("write\t/tmp/own\tx"), "written");
+  EXPECT_EQ(sandboxed.ask("extend-bookmark\tfile:///tmp/own\t" + std::string(other)),
+            "error DSErrorDomain 3");
+
+  // The entitlements are those of its bundle, at each question.
+  EXPECT_TRUE(sandboxed.ask("extend-sandbox\t" + url + "\t" + p + "\t" + other).starts_with("1:"));
+  fs::remove(bundleOf(app) + "/Entitlements.plist");
+  EXPECT_EQ(sandboxed.ask("extend-sandbox\t" + url + "\t" + p + "\t" + other),
+            "error DSErrorDomain 6");
+  EXPECT_NE(resolve(sandboxed, bookmark).token, "");
+  installation_.remove(bundleOf(app));
+  EXPECT_EQ(sandboxed.ask("resolve\t" + bookmark), "error DSErrorDomain 3");
+}
+
+TEST_F(SandboxedApplication, ReachesServicesThatStartedAfterIt) {
+  install(app);
+  const auto bookmark = grant("A.txt", app);
+  ChildProcess sandboxed(command(app));
+  EXPECT_NE(resolve(sandboxed, bookmark).token, "");
+  stop();
+  platform_.reset();
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "run"), "");
+  EXPECT_EQ(sandboxed.ask("resolve\t" + bookmark), "error DocSourceLibraryErrorDomain 2");
+
+  // A service manager's socket, whose service starts when somebody connects.
+  {
+    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (installation_ / "run/com.veltro.DocSource")
+        .copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(socket.get(), 1), 0);
+    ChildProcess early(command(app));
+    EXPECT_EQ(early.ask("list\t" + installation_ / "run"), "com.veltro.DocSource");
+    EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "run"), "com.veltro.DocSource");
+  }
+
+  start();
+  startPlatform();
+  ASSERT_TRUE(isRegistered(provider_));
+  const auto granted = resolve(sandboxed, bookmark);
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "content of A");
+}
+
+TEST_F(SandboxedApplication, EndsAsItsProgramDoes) {
+  install(app);
+  for (const int status : {0, 7}) {
+    ChildProcess sandboxed(command(app));
+    sandboxed.writeLine("exit\t" + std::to_string(status));
+    EXPECT_EQ(sandboxed.wait(), status);
+  }
+  EXPECT_EQ(ChildProcess(command("com.example.missing")).wait(), 1);
+  EXPECT_EQ(ChildProcess({"env", "DOCSOURCE_ROOT=" + installation_.root(), "PATH=/nowhere",
+                          builtProgram("docsource"), "run", app})
+                .wait(),
+            1);
+
+  // The program ends with whoever runs it.
+  ChildProcess sandboxed(command(app));
+  EXPECT_EQ(sandboxed.ask("arguments"), "");
+  kill(sandboxed.id(), SIGKILL);
+  EXPECT_EQ(sandboxed.readLine(), "") << "nobody is left that holds its output";
+}
+
+TEST_F(SandboxedApplication, HasNoDataDirectoryThatIsNotItsOwn) {
+  install(app);
+  fs::create_directories(dataOf(app).substr(0, dataOf(app).rfind('/')));
+  fs::create_directory_symlink(installation_ / "Containers/Group", dataOf(app));
+  EXPECT_EQ(ChildProcess(command(app)).wait(), 1);
+
+  const std::string staged = installation_.staging() + "/bundle";
+  makeBundle(staged, "../Group", builtProgram("sandboxed-consumer"));
+  installation_.put(staged, bundleOf("com.example.climber"));
+  EXPECT_EQ(ChildProcess(command("../Group")).wait(), 1);
+}
+
+}  // namespace
+}  // namespace qx::test

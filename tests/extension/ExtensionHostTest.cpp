@@ -1,0 +1,315 @@
+#include "platform/extension/ExtensionHost.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/base/Errors.h"
+#include "platform/queue/Clock.h"
+#include "tests/extension/Trial.h"
+#include "tests/support/BundleMaker.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryRoot.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace qx::test;
+using qx::Dictionary;
+using qx::ExtensionHost;
+using qx::UUID;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr auto pointName = "com.example.trial";
+using Extensions = std::vector<std::shared_ptr<QXExtension>>;
+
+/// Real processes, and a clock that the test moves.
+class ExtensionHostTest : public testing::Test {
+ protected:
+  ExtensionHostTest() {
+    temporaryRoot();
+    qx::Clock::setCurrent(clock);
+    static const auto& point =
+        *new QXExtensionPoint(QXExtensionPoint::withContext<TrialContext>(pointName));
+    static_cast<void>(point);
+    ds_default_log().setLowestLevel(qx::LogLevel::info);
+  }
+  void TearDown() override { ExtensionHost::shared().shutdown(); }
+
+  static std::string path(const std::string& name) {
+    return qx::Places::extensions() + "/" + name + ".docext";
+  }
+  static void install(const std::string& name, const char* behaviour = nullptr,
+                      const std::string& point = pointName,
+                      const std::string& program = fs::read_symlink("/proc/self/exe")) {
+    fs::create_directories(path(name));
+    if (behaviour) std::ofstream(path(name) + "/" + behaviour).put(' ');
+    auto info = bundleInfo(name, program);
+    info.emplace("QXExtension", Dictionary{{"QXExtensionPointName", point}});
+    writeList(path(name) + "/Info.plist", info);
+  }
+  /// Matches from now on; every array that comes is kept.
+  void match() {
+    QXExtension::beginMatchingExtensionsWithAttributes_completion(
+        {{QXExtensionPointName, pointName}},
+        [matched = matched](Extensions extensions, const auto& error) {
+          EXPECT_FALSE(error);
+          matched->put(std::move(extensions));
+        });
+  }
+  Extensions waitForArray(std::size_t number) const {
+    if (!matched->waitForCount(number)) return {};
+    return matched->all()[number - 1];
+  }
+  std::shared_ptr<QXExtension> installAndMatch(const char* behaviour = nullptr) {
+    install("E", behaviour);
+    match();
+    const auto extensions = waitForArray(1);
+    return extensions.empty() ? nullptr : extensions.front();
+  }
+
+  struct Request {
+    std::optional<UUID> id;
+    std::optional<qx::Error> error;
+  };
+  static Request begin(QXExtension& extension) {
+    Mailbox<Request> answers;
+    extension.beginExtensionRequestWithInputItems_completion(
+        std::nullopt, [&](const auto& id, const auto& error) {
+          answers.put({id, error});
+        });
+    answers.waitForCount(1);
+    return answers.all().front();
+  }
+  /// A proxy for an open request; what fails on it is kept.
+  std::shared_ptr<TrialVendor> proxy(QXExtension& extension, const Request& request) {
+    const auto context = extension._extensionContextForUUID(request.id);
+    if (!context) return nullptr;
+    return context->_auxiliaryConnection()->remoteObjectProxyWithErrorHandler<TrialVendor>(
+        [failures = failures](const qx::Error& error) { failures->put(error.text()); });
+  }
+  /// The number of the process that answers; 0 when none does.
+  pid_t processOf(QXExtension& extension, const Request& request) {
+    const auto vendor = proxy(extension, request);
+    if (!vendor) return 0;
+    Mailbox<pid_t> answers;
+    vendor->processCompletion(
+        [&](const auto& process) { answers.put(static_cast<pid_t>(process.value_or(0))); });
+    return answers.waitForCount(1) ? answers.all().front() : 0;
+  }
+  bool waitForLostCalls(std::size_t number) const {
+    return failures->waitUntil([&](const auto& errors) {
+      return std::count_if(errors.begin(), errors.end(), [](const std::string& error) {
+               return error.starts_with("QXConduitErrorDomain 4");
+             }) == static_cast<std::ptrdiff_t>(number);
+    });
+  }
+  static bool waitForLine(pid_t process, const std::string& end) {
+    const auto line = "(process " + std::to_string(process) + ") " + end;
+    return LogCapture::mailbox().waitUntil([&](const auto& lines) {
+      return std::any_of(lines.begin(), lines.end(), [&](const std::string& each) {
+        return each.find(line) != std::string::npos;
+      });
+    });
+  }
+  static bool isRunning(pid_t process) { return kill(process, 0) == 0; }
+
+  static inline qx::ManualClock& clock = *new qx::ManualClock;
+  LogCapture log;
+  std::shared_ptr<Mailbox<Extensions>> matched = std::make_shared<Mailbox<Extensions>>();
+  std::shared_ptr<Mailbox<std::string>> failures = std::make_shared<Mailbox<std::string>>();
+};
+
+TEST_F(ExtensionHostTest, MatchesInOrderAndAgainAtEveryChange) {
+  install("b");
+  install("B");
+  install("a");
+  install("another", nullptr, "com.example.other");
+  match();
+  const auto first = waitForArray(1);
+  ASSERT_EQ(first.size(), 3U);
+  EXPECT_EQ(first[0]->identifier(), "B");
+  EXPECT_EQ(first[1]->identifier(), "a");
+  EXPECT_EQ(first[2]->bundlePath(), path("b"));
+  EXPECT_EQ(logText(*first[2]), "b (" + path("b") + ")");
+
+  // What does not match changes nothing, so the next array is the one without "a".
+  install("yet another", nullptr, "com.example.other");
+  install("b");
+  const auto second = waitForArray(2);
+  ASSERT_EQ(second.size(), 3U);
+  EXPECT_TRUE(first[0]->isEqual(*second[0]));
+  EXPECT_FALSE(first[2]->isEqual(*second[2]));
+  EXPECT_FALSE(first[0]->isEqual(*first[1]));
+  fs::remove_all(path("a"));
+  EXPECT_EQ(waitForArray(3).size(), 2U);
+}
+
+TEST_F(ExtensionHostTest, NobodyToMatchIsAnArrayToo) {
+  match();
+  EXPECT_TRUE(matched->waitForCount(1));
+  EXPECT_TRUE(matched->all().front().empty());
+}
+
+TEST_F(ExtensionHostTest, RequestsShareAProcessUntilItIsIdle) {
+  const auto extension = installAndMatch();
+  const auto one = begin(*extension), two = begin(*extension);
+  ASSERT_TRUE(one.id && two.id);
+  EXPECT_NE(one.id, two.id);
+  const pid_t process = processOf(*extension, one);
+  ASSERT_GT(process, 0);
+  EXPECT_EQ(processOf(*extension, two), process);
+  EXPECT_NE(extension->_extensionContextForUUID(one.id),
+            extension->_extensionContextForUUID(two.id));
+  EXPECT_FALSE(extension->_extensionContextForUUID(UUID::random()));
+  EXPECT_FALSE(extension->_extensionContextForUUID(std::nullopt));
+
+  extension->cancelExtensionRequestWithIdentifier(std::nullopt);
+  extension->cancelExtensionRequestWithIdentifier(UUID::random());
+  const auto kept = proxy(*extension, one);
+  extension->cancelExtensionRequestWithIdentifier(one.id);
+  EXPECT_FALSE(extension->_extensionContextForUUID(one.id));
+  kept->processCompletion([](const auto&) { ADD_FAILURE() << "the request is over"; });
+  EXPECT_TRUE(waitForLostCalls(1));
+
+  // An open request keeps it, however long; and another one within the time begins it anew.
+  clock.advance(seconds(60));
+  EXPECT_EQ(processOf(*extension, two), process);
+  extension->cancelExtensionRequestWithIdentifier(two.id);
+  clock.advance(milliseconds(9999));
+  const auto three = begin(*extension);
+  EXPECT_EQ(processOf(*extension, three), process);
+  extension->cancelExtensionRequestWithIdentifier(three.id);
+  clock.advance(milliseconds(9999));
+  EXPECT_TRUE(isRunning(process));
+  EXPECT_EQ(log.count("is idle"), 0U);
+  clock.advance(milliseconds(1));
+  EXPECT_TRUE(waitForLine(process, "ended with status 0."));
+
+  const pid_t next = processOf(*extension, begin(*extension));
+  EXPECT_GT(next, 0);
+  EXPECT_NE(next, process);
+}
+
+TEST_F(ExtensionHostTest, ADeafOneIsTerminatedAfterTwoSeconds) {
+  const auto extension = installAndMatch("deaf");
+  const auto request = begin(*extension);
+  const pid_t process = processOf(*extension, request);
+  extension->cancelExtensionRequestWithIdentifier(request.id);
+  clock.advance(seconds(10));
+  clock.advance(milliseconds(1999));
+  EXPECT_EQ(log.count("sending it signal"), 0U);
+  clock.advance(milliseconds(1));
+  EXPECT_TRUE(waitForLine(process, "does not end; sending it signal 15."));
+  EXPECT_TRUE(waitForLine(process, "was ended by signal 15."));
+}
+
+TEST_F(ExtensionHostTest, AStubbornOneIsKilledAfterFiveSeconds) {
+  const auto extension = installAndMatch("stubborn");
+  std::ofstream(path("E") + "/deaf").put(' ');
+  const auto request = begin(*extension);
+  const pid_t process = processOf(*extension, request);
+  extension->cancelExtensionRequestWithIdentifier(request.id);
+  clock.advance(seconds(10));
+  // Nobody waits for it: the next request has a process of its own.
+  const auto next = begin(*extension);
+  const pid_t other = processOf(*extension, next);
+  EXPECT_GT(other, 0);
+  EXPECT_NE(other, process);
+  clock.advance(milliseconds(4999));
+  EXPECT_TRUE(waitForLine(process, "does not end; sending it signal 15."));
+  EXPECT_TRUE(isRunning(process));
+  clock.advance(milliseconds(1));
+  EXPECT_TRUE(waitForLine(process, "was ended by signal 9."));
+  EXPECT_EQ(processOf(*extension, next), other);
+}
+
+TEST_F(ExtensionHostTest, ACrashFailsWhatIsOpenAndTheNextRequestStartsAnother) {
+  const auto extension = installAndMatch();
+  const auto one = begin(*extension), two = begin(*extension);
+  const pid_t process = processOf(*extension, one);
+  proxy(*extension, one)->hangCompletion(nullptr);
+  proxy(*extension, two)->crashCompletion(nullptr);
+  EXPECT_TRUE(waitForLostCalls(2));
+  EXPECT_TRUE(waitForLine(process, "was ended by signal 9."));
+  EXPECT_FALSE(extension->_extensionContextForUUID(one.id));
+  const pid_t next = processOf(*extension, begin(*extension));
+  EXPECT_GT(next, 0);
+  EXPECT_NE(next, process);
+}
+
+TEST_F(ExtensionHostTest, ARequestThatIsGivenUpFailsAlone) {
+  const auto extension = installAndMatch();
+  const auto one = begin(*extension), two = begin(*extension);
+  const pid_t process = processOf(*extension, two);
+  const auto vendor = proxy(*extension, one);
+  vendor->giveUpRequest_completion(one.id, nullptr);
+  EXPECT_TRUE(waitForLostCalls(1));
+  vendor->processCompletion([](const auto&) { ADD_FAILURE() << "the request is over"; });
+  EXPECT_TRUE(waitForLostCalls(2));
+  EXPECT_EQ(processOf(*extension, two), process);
+}
+
+TEST_F(ExtensionHostTest, WhatCannotBeStartedSaysWhy) {
+  // A file that may be executed, but is no program.
+  install("bad", nullptr, pointName, "garbage");
+  std::ofstream(path("bad") + "/garbage") << "?";
+  fs::permissions(path("bad") + "/garbage", fs::perms::owner_all);
+  match();
+  ASSERT_TRUE(matched->waitUntil(
+      [](const auto& arrays) { return !arrays.empty() && arrays.back().size() == 1; }));
+  const auto extension = matched->all().back().front();
+  const auto failed = begin(*extension);
+  ASSERT_TRUE(failed.error);
+  EXPECT_TRUE(failed.error->is(QXExtensionErrorDomain, 2));
+  EXPECT_TRUE(failed.error->underlyingError()->is(QXPOSIXErrorDomain, ENOEXEC));
+  EXPECT_FALSE(failed.id);
+  fs::remove_all(path("bad"));
+  EXPECT_TRUE(begin(*extension).error->is(QXExtensionErrorDomain, 1));
+}
+
+TEST_F(ExtensionHostTest, AReplacedOneEndsWithItsLastRequest) {
+  const auto old = installAndMatch();
+  const auto request = begin(*old);
+  const pid_t process = processOf(*old, request);
+  install("E");
+  const auto extensions = waitForArray(2);
+  ASSERT_EQ(extensions.size(), 1U);
+  const auto next = begin(*extensions.front());
+  const pid_t other = processOf(*extensions.front(), next);
+  EXPECT_NE(other, process);
+  // The old request goes on, and no new one is taken by the old installation.
+  EXPECT_EQ(processOf(*old, request), process);
+  EXPECT_TRUE(begin(*old).error->is(QXExtensionErrorDomain, 1));
+  old->cancelExtensionRequestWithIdentifier(request.id);
+  EXPECT_TRUE(waitForLine(process, "ended with status 0."));
+  EXPECT_EQ(processOf(*extensions.front(), next), other);
+}
+
+TEST_F(ExtensionHostTest, ARemovedOneEndsWithItsLastRequest) {
+  const auto extension = installAndMatch();
+  const auto request = begin(*extension);
+  const pid_t process = processOf(*extension, request);
+  fs::rename(path("E"), temporaryRoot() + "/removed");
+  ASSERT_TRUE(matched->waitForCount(2));
+  EXPECT_EQ(processOf(*extension, request), process);
+  extension->cancelExtensionRequestWithIdentifier(request.id);
+  EXPECT_TRUE(waitForLine(process, "ended with status 0."));
+}
+
+TEST_F(ExtensionHostTest, ShutdownEndsAllAndStartsNoneAnyMore) {
+  const auto extension = installAndMatch("deaf");
+  const auto request = begin(*extension);
+  const pid_t process = processOf(*extension, request);
+  proxy(*extension, request)->hangCompletion(nullptr);
+  ExtensionHost::shared().shutdown();
+  EXPECT_FALSE(isRunning(process));
+  EXPECT_TRUE(waitForLostCalls(1));
+  EXPECT_TRUE(begin(*extension).error->is(QXExtensionErrorDomain, 2));
+  EXPECT_EQ(log.count("sending it signal"), 1U);
+}
+
+}  // namespace

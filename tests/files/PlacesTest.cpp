@@ -1,0 +1,94 @@
+#include "platform/files/Places.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support/InChild.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+namespace Places = qx::Places;
+using qx::test::TemporaryDirectory;
+
+mode_t modeOf(const std::string& path) {
+  struct stat status {};
+  ::stat(path.c_str(), &status);
+  return status.st_mode & 07777;
+}
+
+// The environment is read once in the life of a process.
+void inProcessOfItsOwn(const std::function<void()>& body) {
+  EXPECT_EQ(qx::test::inChild([&body] {
+              body();
+              return testing::Test::HasFailure() ? 1 : 0;
+            }),
+            0);
+}
+
+TEST(PlacesTest, EverythingLiesUnderTheRootThatIsGiven) {
+  inProcessOfItsOwn([] {
+    TemporaryDirectory directory;
+    const std::string given = (directory / "new/root") + "//";
+    ::setenv("DOCSOURCE_ROOT", given.c_str(), 1);
+    ::umask(0077);
+    EXPECT_EQ(Places::prepare(), 0);
+    EXPECT_EQ(Places::prepare(), 0);
+    EXPECT_EQ(Places::rootOverride(), given);
+    const std::string root = directory / "new/root";
+    EXPECT_EQ(Places::root(), root);
+    EXPECT_EQ(Places::runtimeDirectory(), root + "/run");
+    EXPECT_EQ(Places::serviceSocket("com.veltro.DocSource"), root + "/run/com.veltro.DocSource");
+    EXPECT_EQ(Places::keyState(), root + "/run/key-state");
+    EXPECT_EQ(Places::sandboxKey(), root + "/run/sandbox.key");
+    for (const char* name :
+         {"/Applications", "/Extensions", "/Containers/Group", "/Home", "/run/notify"}) {
+      EXPECT_TRUE(std::filesystem::is_directory(root + name)) << name;
+    }
+    EXPECT_EQ(modeOf(root + "/run"), ::geteuid() == 0 ? 0755u : 0700u);
+  });
+}
+
+TEST(PlacesTest, ARootThatCannotBeMadeIsToldByItsErrno) {
+  inProcessOfItsOwn([] {
+    TemporaryDirectory directory;
+    std::ofstream(directory / "file") << "x";
+    ::setenv("DOCSOURCE_ROOT", (directory / "file/root").c_str(), 1);
+    EXPECT_EQ(Places::prepare(), ENOTDIR);
+  });
+}
+
+TEST(PlacesTest, WithoutARootTheUserDecides) {
+  inProcessOfItsOwn([] {
+    ::unsetenv("DOCSOURCE_ROOT");
+    EXPECT_TRUE(qx::test::dropPrivileges());
+    ::setenv("XDG_DATA_HOME", "/data/", 1);
+    ::setenv("XDG_RUNTIME_DIR", "/runtime", 1);
+    EXPECT_EQ(Places::root(), "/data/docsource");
+    EXPECT_EQ(Places::runtimeDirectory(), "/runtime/docsource");
+    EXPECT_EQ(Places::rootOverride(), std::nullopt);
+  });
+  inProcessOfItsOwn([] {
+    ::unsetenv("DOCSOURCE_ROOT");
+    EXPECT_TRUE(qx::test::dropPrivileges());
+    ::setenv("XDG_DATA_HOME", "relative", 1);
+    ::unsetenv("XDG_RUNTIME_DIR");
+    ::setenv("HOME", "/home/user", 1);
+    EXPECT_EQ(Places::root(), "/home/user/.local/share/docsource");
+    EXPECT_EQ(Places::runtimeDirectory(),
+              "/run/user/" + std::to_string(::geteuid()) + "/docsource");
+  });
+  inProcessOfItsOwn([] {
+    ::unsetenv("DOCSOURCE_ROOT");
+    if (::geteuid() != 0) return;
+    EXPECT_EQ(Places::root(), "/var/lib/docsource");
+    EXPECT_EQ(Places::runtimeDirectory(), "/run/docsource");
+  });
+}
+
+}  // namespace

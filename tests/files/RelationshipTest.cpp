@@ -1,0 +1,178 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <ostream>
+
+#include "platform/base/Errors.h"
+#include "platform/files/FileManager.h"
+#include "tests/support/InChild.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace qx {
+
+void PrintTo(DirectoryRelationship relationship, std::ostream* out) {
+  constexpr const char* names[] = {"contains", "same", "other"};
+  *out << names[static_cast<int>(relationship)];
+}
+
+namespace {
+
+using enum DirectoryRelationship;
+
+/// A directory "Documents" with a file, a folder and links, and one "Outside" beside it.
+class RelationshipTest : public testing::Test {
+ protected:
+  RelationshipTest() {
+    namespace fs = std::filesystem;
+    fs::create_directories(root / "Documents/folder");
+    fs::create_directories(root / "Documents2");
+    fs::create_directories(root / "Outside/deep");
+    std::ofstream(root / "Documents/file") << "x";
+    std::ofstream(root / "Outside/file") << "x";
+    link("../Outside", "Documents/out");
+    link("../Outside/file", "Documents/outFile");
+    link(root / "Outside/new", "Documents/outDangling");
+    link("missing", "Documents/inDangling");
+    link("folder/../file", "Documents/inFile");
+    link("..", "Documents/parent");
+    link("loop", "Documents/loop");
+    link("Documents", "alias");
+    link("Documents/folder", "aliasOfFolder");
+    link("/", "slash");
+  }
+
+  void link(const std::string& target, const std::string& name) {
+    std::filesystem::create_symlink(target, root / name);
+  }
+
+  DirectoryRelationship query(const std::string& item, const std::string& directory = "Documents") {
+    const auto result = FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(
+        URL::fileURL(root / directory), URL::fileURL(root / item));
+    EXPECT_TRUE(result.ok()) << item << ": " << (result.ok() ? "" : result.error().text());
+    return result.ok() ? *result : other;
+  }
+
+  test::TemporaryDirectory root;
+};
+
+TEST_F(RelationshipTest, FollowsWhereThingsAre) {
+  EXPECT_EQ(query("Documents/file"), contains);
+  EXPECT_EQ(query("Documents/folder/"), contains);
+  EXPECT_EQ(query("Documents"), same);
+  EXPECT_EQ(query("Documents/"), same);
+  EXPECT_EQ(query("Documents//./"), same);
+  EXPECT_EQ(query("Documents2"), other);
+  EXPECT_EQ(query("Outside/file"), other);
+  EXPECT_EQ(query(""), other);
+  EXPECT_EQ(query("../../../../../.."), other);
+}
+
+TEST_F(RelationshipTest, LinksCountAsWhereTheyLead) {
+  EXPECT_EQ(query("Documents/out"), other);
+  EXPECT_EQ(query("Documents/out/file"), other);
+  EXPECT_EQ(query("Documents/outFile"), other);
+  EXPECT_EQ(query("Documents/out/missing/x"), other);
+  EXPECT_EQ(query("Documents/outDangling"), other);
+  EXPECT_EQ(query("Documents/inDangling"), contains);
+  EXPECT_EQ(query("Documents/inFile"), contains);
+  EXPECT_EQ(query("Documents/parent"), other);
+  EXPECT_EQ(query("Documents/parent/Documents"), same);
+  EXPECT_EQ(query("alias"), same);
+  EXPECT_EQ(query("alias/file"), contains);
+  EXPECT_EQ(query("alias/missing"), contains);
+  EXPECT_EQ(query("slash" + root.path() + "/Documents/file"), contains);
+  EXPECT_EQ(query("Documents/file", "alias"), contains);
+  EXPECT_EQ(query("Documents", "alias"), same);
+  EXPECT_EQ(query("Documents/file", "aliasOfFolder"), other);
+  EXPECT_EQ(query("Documents/folder/x", "aliasOfFolder"), contains);
+}
+
+TEST_F(RelationshipTest, DotDotLeavesWhatItReallyStandsIn) {
+  EXPECT_EQ(query("Documents/folder/.."), same);
+  EXPECT_EQ(query("Documents/.."), other);
+  EXPECT_EQ(query("Documents/folder/../../Outside/file"), other);
+  EXPECT_EQ(query("Outside/../Documents/file"), contains);
+  // The parent of what a link leads to, not of the link.
+  EXPECT_EQ(query("Documents/out/../file"), other);
+  EXPECT_EQ(query("Documents/out/../Documents/file"), contains);
+  EXPECT_EQ(query("aliasOfFolder/../file"), contains);
+  EXPECT_EQ(query("aliasOfFolder/.."), same);
+  EXPECT_EQ(query("aliasOfFolder/../.."), other);
+}
+
+TEST_F(RelationshipTest, WhatDoesNotExistLiesBelowItsDeepestAncestor) {
+  EXPECT_EQ(query("Documents/missing"), contains);
+  EXPECT_EQ(query("Documents/missing/a/b/"), contains);
+  EXPECT_EQ(query("missing"), other);
+  EXPECT_EQ(query("missing/Documents"), other);
+  EXPECT_EQ(query("Documents/missing/.."), same);
+  EXPECT_EQ(query("Documents/missing/../x"), contains);
+  EXPECT_EQ(query("Documents/missing/a/../.."), same);
+  EXPECT_EQ(query("Documents/missing/../../Outside/file"), other);
+  EXPECT_EQ(query("Documents/missing/../out/file"), other);
+  EXPECT_EQ(query("Documents/missing/../../../x"), other);
+  EXPECT_EQ(query("missing/../Documents/x"), contains);
+  // Nothing is below a file; its name still has a place.
+  EXPECT_EQ(query("Documents/file/below"), contains);
+  EXPECT_EQ(query("Documents/file/.."), same);
+  EXPECT_EQ(query("Documents/file/../../Outside"), other);
+}
+
+TEST_F(RelationshipTest, AMissingDirectoryIsToldByItsURL) {
+  const URL item = URL::fileURL(root / "Documents/file");
+  for (const std::string name : {"missing", "missing/deeper/", "Documents/inDangling"}) {
+    const URL directory = URL::fileURL(root / name);
+    const auto result = FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(directory, item);
+    ASSERT_FALSE(result.ok());
+    EXPECT_EQ(result.error(), fileError(ENOENT, directory));
+    EXPECT_TRUE(result.error().is(QXStandardErrorDomain, 260));
+  }
+}
+
+TEST_F(RelationshipTest, EverythingElseThatFailsIsAnotherError) {
+  const URL directory = URL::fileURL(root / "Documents");
+  const URL item = URL::fileURL(root / "Documents/file");
+  std::string endless;
+  while (endless.size() < 100'000) endless += "/./x";
+  const std::vector<std::pair<std::optional<URL>, URL>> questions{
+      {std::nullopt, item},
+      {URL("http://host/"), item},
+      {item, item},
+      {URL::fileURL(root / "Documents/file/below"), item},
+      {URL::fileURL(root / "Documents/loop"), item},
+      {URL::fileURL(root / endless), item},
+      {directory, URL("http://host/file")},
+      {directory, URL("file:///a%00b")},
+      {directory, URL("file:relative")},
+      {directory, URL::fileURL(root / "Documents/loop")},
+      {directory, URL::fileURL(root / "Documents/loop/../file")},
+      {directory, URL::fileURL(root / endless)},
+      {directory, URL::fileURL(root / ("Documents/" + std::string(256, 'x')))},
+      // What procfs shows as a link to "/" may be another root altogether.
+      {directory, URL::fileURL("/proc/self/root" + (root / "Documents/file"))},
+  };
+  for (const auto& [asked, about] : questions) {
+    const auto result = FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(asked, about);
+    ASSERT_FALSE(result.ok()) << about.absoluteString().substr(0, 200);
+    EXPECT_TRUE(result.error().is(QXStandardErrorDomain, 256)) << result.error().text();
+  }
+}
+
+TEST_F(RelationshipTest, ADirectoryThatMayNotBeSearchedGivesNoAnswer) {
+  ASSERT_EQ(::chmod(root.path().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod((root / "Outside").c_str(), 0), 0);
+  EXPECT_EQ(test::inChild([this] {
+              if (!test::dropPrivileges()) return 2;
+              const auto result = FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(
+                  URL::fileURL(root / "Documents"), URL::fileURL(root / "Outside/file"));
+              return !result.ok() && result.error().is(QXStandardErrorDomain, 256) ? 0 : 1;
+            }),
+            0);
+  ASSERT_EQ(::chmod((root / "Outside").c_str(), 0700), 0);
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "platform/identity/Bundles.h"
+#include "tests/support/BundleMaker.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace qx::test;
+using qx::BundleKind;
+using qx::Dictionary;
+
+class BundleReaderTest : public testing::Test {
+ protected:
+  TemporaryDirectory root;
+  std::string path = root / "One.docext";
+};
+
+TEST_F(BundleReaderTest, ReadsWhatIsThere) {
+  makeBundle(path, "com.example.one", "/bin/cat", {{"entitled", true}});
+  auto info = bundleInfo("com.example.one", "program");
+  info["QXExtension"] = Dictionary{{"QXExtensionPointName", "point"}};
+  writeList(path + "/Info.plist", info);
+  auto bundle = qx::readBundle(BundleKind::extension, path);
+  ASSERT_TRUE(bundle) << bundle.error().text();
+  EXPECT_EQ(bundle->kind, BundleKind::extension);
+  EXPECT_EQ(bundle->path, path);
+  EXPECT_EQ(bundle->identifier, "com.example.one");
+  EXPECT_EQ(bundle->executable, path + "/program");
+  EXPECT_EQ(bundle->info, info);
+  EXPECT_EQ(bundle->entitlements, (Dictionary{{"entitled", true}}));
+  struct stat status;
+  ASSERT_EQ(stat((path + "/Info.plist").c_str(), &status), 0);
+  EXPECT_EQ(bundle->infoStamp.inode, status.st_ino);
+  EXPECT_EQ(bundle->infoStamp.modified,
+            status.st_mtim.tv_sec * 1'000'000'000 + status.st_mtim.tv_nsec);
+
+  // Replaced by an equal file it is in another state; without entitlements it has none.
+  auto before = bundle->infoStamp;
+  writeList(path + "/Info.plist", bundleInfo("com.example.one", "/bin/cat"));
+  fs::remove(path + "/Entitlements.plist");
+  auto after = qx::readBundle(BundleKind::extension, path);
+  ASSERT_TRUE(after);
+  EXPECT_FALSE(after->infoStamp == before);
+  EXPECT_EQ(after->executable, "/bin/cat");
+  EXPECT_TRUE(after->entitlements.empty());
+}
+
+TEST_F(BundleReaderTest, BrokenOnesSayWhy) {
+  struct Case {
+    const char* what;
+    std::function<void()> breakIt;
+  };
+  auto info = [this] { return path + "/Info.plist"; };
+  const Case cases[] = {
+      {"Info.plist", [&] { fs::remove(info()); }},
+      {"Info.plist", [&] { std::ofstream(info()) << "<plist version=\"1.0\"><dict><key>"; }},
+      {"Info.plist", [&] { writeList(info(), qx::Array{"text"}); }},
+      {"Info.plist", [&] { fs::remove(info()), mkfifo(info().c_str(), 0600); }},
+      {"QXBundleIdentifier", [&] { writeList(info(), bundleInfo("", "program")); }},
+      {"QXBundleIdentifier",
+       [&] {
+         writeList(info(), Dictionary{{"QXBundleExecutable", "program"}});
+       }},
+      {"QXBundleIdentifier",
+       [&] {
+         writeList(info(),
+                   Dictionary{{"QXBundleIdentifier", 1}, {"QXBundleExecutable", "program"}});
+       }},
+      {"QXBundleExecutable",
+       [&] {
+         writeList(info(), Dictionary{{"QXBundleIdentifier", "id"}});
+       }},
+      {"QXBundleExecutable", [&] { writeList(info(), bundleInfo("id", "")); }},
+      {"other", [&] { writeList(info(), bundleInfo("id", "other")); }},
+      {"program", [&] { chmod((path + "/program").c_str(), 0644); }},
+      {"program", [&] { fs::remove(path + "/program"), fs::create_directory(path + "/program"); }},
+      {"Entitlements.plist", [&] { writeList(path + "/Entitlements.plist", "text"); }},
+      {"Entitlements.plist", [&] { std::ofstream(path + "/Entitlements.plist") << "<plist"; }},
+  };
+  for (std::size_t number = 0; number < std::size(cases); ++number) {
+    fs::remove_all(path);
+    makeBundle(path, "com.example.one");
+    ASSERT_TRUE(qx::readBundle(BundleKind::application, path));
+    cases[number].breakIt();
+    auto bundle = qx::readBundle(BundleKind::application, path);
+    ASSERT_FALSE(bundle) << "case " << number;
+    auto text = bundle.error().text();
+    EXPECT_NE(text.find(cases[number].what), std::string::npos)
+        << "case " << number << ": " << text;
+    EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,256 @@
+// Programs that know nothing of documents get at placeholders.
+
+#include "tests/kernel/Fixture.h"
+
+namespace {
+
+using namespace qx::test;
+using qx::Error;
+using qx::FileDescriptor;
+
+TEST_F(KernelTest, EveryWayToTheContentBringsItIn) {
+  const auto source = add();
+  const auto placeholder = [&](const std::string& name) {
+    makePlaceholder(item(name), 100000);
+    // A new placeholder has its first block a moment later; programs that skip holes need it.
+    EXPECT_TRUE(eventually([&] {
+      const FileDescriptor file(open(item(name).c_str(), O_RDONLY | O_CLOEXEC));
+      return lseek(file.get(), 0, SEEK_DATA) == 0;
+    }));
+    return item(name);
+  };
+  EXPECT_EQ(run(reader("read", placeholder("read"))).line, "right");
+  EXPECT_EQ(run(reader("mmap", placeholder("mmap"))).line, "right");
+
+  const std::string copied = temporaryRoot() + "/copied";
+  EXPECT_EQ(run({"cp", placeholder("cp"), copied}).status, 0);
+  EXPECT_TRUE(readAll(copied) == contentOf("cp", 100000));
+  const std::string archived = placeholder("tar");
+  EXPECT_EQ(shell("cd " + items() + " && tar cf - tar | tar xOf - > " + copied).status, 0);
+  EXPECT_TRUE(readAll(copied) == contentOf("tar", 100000));
+
+  EXPECT_EQ(run({"truncate", "-s", "10", placeholder("truncate")}).status, 0);
+  EXPECT_EQ(readAll(item("truncate")), contentOf("truncate", 100000).substr(0, 10));
+  EXPECT_EQ(shell("printf XY | dd conv=notrunc bs=2 of=" + placeholder("write")).status, 0);
+  EXPECT_TRUE(readAll(item("write")) == "XY" + contentOf("write", 100000).substr(2));
+
+  source->behave([](const std::string& path, qx::Completion<Error> completion) {
+    std::ofstream(path) << "#!/bin/sh\necho executed\n";
+    removexattr(path.c_str(), "user.docsource.placeholder");
+    completion(std::nullopt);
+  });
+  chmod(placeholder("execve").c_str(), 0755);
+  EXPECT_EQ(run({item("execve")}).line, "executed");
+
+  // A program without a bundle is known by its number.
+  const auto readers = source->readers.all();
+  ASSERT_EQ(readers.size(), 7u);
+  EXPECT_EQ(readers[0], "com.example.tests");
+  EXPECT_TRUE(readers[2].starts_with("pid:")) << readers[2];
+}
+
+TEST_F(KernelTest, ListingsDownloadNothing) {
+  const auto source = add();
+  fs::create_directories(item("below"));
+  makePlaceholder(item("below/a"), 5000);
+  makePlaceholder(item("b"), 5000, false);
+  EXPECT_EQ(shell("ls -lR " + items() + " && stat " + item("b") + " && find " + items() +
+                  " -type f -size +1k && du -a " + items() + " && exec 3< " + item("b"))
+                .status,
+            0);
+  EXPECT_EQ(run(reader("read", item("b"))).line, "right");
+  EXPECT_EQ(source->provides.all(), std::vector<std::string>{item("b")});
+}
+
+TEST_F(KernelTest, ACopyThatSkipsHolesFindsNone) {
+  for (const std::size_t size : {600, 4096, 5000, 1 << 20}) {
+    makePlaceholder(item("marked" + std::to_string(size)), size);
+    makePlaceholder(item("bare" + std::to_string(size)), size, false);
+  }
+  const auto source = add();
+  for (const auto& entry : fs::directory_iterator(items())) {
+    const std::string copied = temporaryRoot() + "/" + entry.path().filename().string();
+    EXPECT_EQ(run({"cp", entry.path(), copied}).status, 0);
+    EXPECT_TRUE(readAll(copied) == contentOf(entry.path().filename(), entry.file_size()))
+        << entry.path();
+  }
+  EXPECT_EQ(source->provides.all().size(), 8u);
+}
+
+TEST_F(KernelTest, OneProvideForAllReadersAndNothingForWarmOnes) {
+  const auto source = add();
+  makePlaceholder(item("wanted"), 300000);
+  fs::create_directories(item("also"));
+  fs::create_hard_link(item("wanted"), item("also/wanted"));
+  Gate all;
+  qx::Completion<Error> waiting;
+  source->behave([&](const std::string& path, qx::Completion<Error> completion) {
+    waiting = [path, completion](const std::optional<Error>& error) {
+      fill(path);
+      completion(error);
+    };
+    all.pass();
+  });
+  std::vector<std::unique_ptr<ChildProcess>> readers;
+  for (int i = 0; i < 16; ++i) {
+    readers.push_back(std::make_unique<ChildProcess>(reader("mmap", item("wanted"))));
+  }
+  ChildProcess killed(reader("read", item("wanted")));
+  all.wait();
+  killed.end();  // returns, although what it waits for does not come
+  // A file that is there is not held up meanwhile.
+  std::ofstream(item("other")) << contentOf("other", 100);
+  EXPECT_EQ(run(reader("read", item("other"))).line, "right");
+  waiting(std::nullopt);
+  for (auto& each : readers) EXPECT_EQ(each->readLine(), "right");
+  EXPECT_EQ(source->provides.all().size(), 1u);
+
+  // Present now: nobody is asked, not even the worker.
+  kill(worker(), SIGSTOP);
+  const auto warm = run(reader("read", item("wanted")));
+  kill(worker(), SIGCONT);
+  EXPECT_EQ(warm.line, "right");
+  // Made a placeholder again, it is provided again.
+  makePlaceholder(item("wanted"), 300000);
+  source->behave(nullptr);
+  EXPECT_EQ(run(reader("read", item("wanted"))).line, "right");
+  EXPECT_EQ(source->provides.all().size(), 2u);
+}
+
+TEST_F(KernelTest, NoNameAndNoMountLeadsAroundTheWatch) {
+  const std::string outside = temporaryRoot() + "/outside";
+  fs::create_directories(outside + "/mount");
+  makePlaceholder(item("hard"), 3000);
+  fs::create_hard_link(item("hard"), outside + "/hard");
+  const auto source = add();
+  makePlaceholder(item("bound"), 3000);
+  makePlaceholder(item("soft"), 3000);
+  fs::create_symlink(item("soft"), outside + "/soft");
+  EXPECT_EQ(run(reader("read", outside + "/hard")).line, "right");
+  EXPECT_EQ(run(reader("read", outside + "/soft")).line, "right");
+  const auto mounted = run({"unshare", "-m", "/bin/sh", "-c",
+                            "mount --bind -r " + items() + " " + outside + "/mount && umount -l " +
+                                "/dev/shm; exec \"$0\" read \"$1\"",
+                            fs::read_symlink("/proc/self/exe").string(), outside + "/mount/bound"});
+  EXPECT_EQ(mounted.line, "right");
+  auto provided = source->provides.all();
+  std::sort(provided.begin(), provided.end());
+  EXPECT_EQ(provided, (std::vector<std::string>{item("bound"), item("hard"), item("soft")}));
+}
+
+TEST_F(KernelTest, FailuresComeAsTheErrnoThatFits) {
+  const auto source = add();
+  const auto errorOf = [&](const std::string& name, std::optional<Error> error) {
+    source->behave([error](const std::string&, qx::Completion<Error> done) { done(error); });
+    makePlaceholder(item(name), 4000);
+    return run(reader("read", item(name))).line;
+  };
+  const auto wrapped = [](int errnum) {
+    return DSPluginOperationFailedError(qx::fileError(errnum, std::nullopt));
+  };
+  EXPECT_EQ(errorOf("full", wrapped(ENOSPC)), "No space left on device");
+  EXPECT_EQ(errorOf("forbidden", wrapped(EACCES)), "Operation not permitted");
+  EXPECT_EQ(errorOf("again", wrapped(EHOSTUNREACH)), "Resource temporarily unavailable");
+  EXPECT_EQ(errorOf("died", DSPluginOperationFailedError(
+                                qx::conduitError(qx::ConduitErrorCode::connectionLost, "gone"))),
+            "Resource temporarily unavailable");
+  EXPECT_EQ(errorOf("unpermitted", DSNotPermittedError()), "Operation not permitted");
+  EXPECT_EQ(errorOf("odd", Error("Odd", 1, "odd")), "Input/output error");
+  // It says that the file is there, and it is not.
+  EXPECT_EQ(errorOf("liar", std::nullopt), "Input/output error");
+  // The next reader has the provider try again.
+  source->behave(nullptr);
+  EXPECT_EQ(run(reader("read", item("full"))).line, "right");
+}
+
+TEST_F(KernelTest, AHalfFilledFileStaysUnread) {
+  const auto source = add();
+  for (const bool marked : {true, false}) {
+    const std::string path = item(marked ? "marked" : "bare");
+    makePlaceholder(path, 1 << 20, marked);
+    source->behave([](const std::string& half, qx::Completion<Error> completion) {
+      const qx::FileDescriptor file(open(half.c_str(), O_WRONLY | O_CLOEXEC));
+      EXPECT_EQ(pwrite(file.get(), "half", 4, 0), 4);
+      completion(Error("Provider", 1, "It fell."));
+    });
+    EXPECT_EQ(run(reader("read", path)).line, "Input/output error");
+    source->behave(nullptr);
+    EXPECT_EQ(run(reader("read", path)).line, "right");
+  }
+}
+
+TEST_F(KernelTest, AHangingProviderHoldsNobodyElseUp) {
+  fs::create_directories(temporaryRoot() + "/Others");
+  const auto hanging = add("com.example.hanging");
+  const auto other = add("com.example.other", temporaryRoot() + "/Others");
+  hanging->behave([](const std::string&, const qx::Completion<Error>&) {});
+  std::vector<std::unique_ptr<ChildProcess>> stuck;
+  for (int i = 0; i < 20; ++i) {
+    makePlaceholder(item("stuck" + std::to_string(i)), 1000);
+    stuck.push_back(
+        std::make_unique<ChildProcess>(reader("read", item("stuck" + std::to_string(i)))));
+  }
+  ASSERT_TRUE(hanging->provides.waitForCount(20));
+  makePlaceholder(temporaryRoot() + "/Others/quick", 1000);
+  EXPECT_EQ(run(reader("read", temporaryRoot() + "/Others/quick")).line, "right");
+
+  // Unregistered while they wait.
+  QXFileCoordinator::_removeDocSource(hanging);
+  for (auto& each : stuck) EXPECT_EQ(each->readLine(), "Resource temporarily unavailable");
+  // What it left is refused from now on, too.
+  EXPECT_EQ(run(reader("read", item("stuck0"))).line, "Resource temporarily unavailable");
+}
+
+TEST_F(KernelTest, TheProvidersOwnProcessesAreLetThrough) {
+  const auto source = add();
+  makePlaceholder(item("own"), 8);
+  // The daemon is this process; its extension is an interpreter, with a helper.
+  EXPECT_EQ(readAll(item("own")), std::string(8, '\0'));
+  const std::string script = temporaryRoot() + "/count.sh";
+  std::ofstream(script) << "tr -d '\\000' < " << item("own") << " | wc -c\n";
+  const std::string extension = "env QX_EXTENSION_IDENTIFIER=com.example.source ";
+  EXPECT_EQ(shell(extension + "sh " + script).line, "0");
+  EXPECT_EQ(shell(extension + "setsid -w sh -c 'env -i sh " + script + "; true'").line, "0");
+  EXPECT_TRUE(source->provides.all().empty());
+  // Another extension is a program like any other.
+  EXPECT_EQ(shell("env QX_EXTENSION_IDENTIFIER=com.example.other sh " + script).line, "8");
+  EXPECT_EQ(source->provides.all().size(), 1u);
+}
+
+TEST_F(KernelTest, DirectoriesThatComeLaterAreWatched) {
+  const auto late = add("com.example.late", temporaryRoot() + "/Late/Storage");
+  fs::create_directories(temporaryRoot() + "/Late/Storage/below");
+  ASSERT_TRUE(isWatched("com.example.late"));
+  makePlaceholder(temporaryRoot() + "/Late/Storage/below/first", 1000);
+  EXPECT_EQ(run(reader("read", temporaryRoot() + "/Late/Storage/below/first")).line, "right");
+
+  const auto source = add();
+  fs::create_directories(item("a/b/c"));
+  fs::create_directories(temporaryRoot() + "/made/elsewhere");
+  makePlaceholder(temporaryRoot() + "/made/elsewhere/moved", 1000);
+  fs::rename(temporaryRoot() + "/made", item("made"));
+  // A write that is told proves that the directory is marked by now.
+  for (const std::string directory : {"a/b/c", "made/elsewhere"}) {
+    ASSERT_TRUE(eventually([&] {
+      shell("echo x > " + item(directory + "/probe"));
+      const auto told = source->writes.all();
+      return std::find(told.begin(), told.end(), item(directory + "/probe")) != told.end();
+    })) << directory;
+  }
+  makePlaceholder(item("a/b/c/deep"), 1000);
+  EXPECT_EQ(run(reader("read", item("a/b/c/deep"))).line, "right");
+  EXPECT_EQ(run(reader("read", item("made/elsewhere/moved"))).line, "right");
+}
+
+TEST_F(KernelTest, AThousandPlaceholdersForSixteenReaders) {
+  for (int i = 0; i < 1000; ++i) makePlaceholder(item(std::to_string(i)), 1000 + i * 7, i % 2 == 0);
+  const auto source = add();
+  std::vector<std::unique_ptr<ChildProcess>> readers;
+  for (int i = 0; i < 16; ++i) {
+    readers.push_back(std::make_unique<ChildProcess>(reader("each", items())));
+  }
+  for (auto& each : readers) EXPECT_EQ(each->readLine(), "right");
+  EXPECT_EQ(source->provides.all().size(), 1000u);
+}
+
+}  // namespace

@@ -1,0 +1,207 @@
+// Nobody reads zeros, whatever becomes of the processes that watch.
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <random>
+
+#include "tests/kernel/Fixture.h"
+
+namespace {
+
+using namespace qx::test;
+using qx::Error;
+using qx::FileDescriptor;
+
+class ContinuityTest : public KernelTest {};
+
+int rounds() {
+  const char* wanted = std::getenv("DOCSOURCE_KILL_ROUNDS");
+  return wanted ? std::atoi(wanted) : 3;
+}
+
+TEST_F(ContinuityTest, EveryByteIsRightWhileWorkersAreKilled) {
+  constexpr int placeholders = 200;
+  for (int i = 0; i < placeholders; ++i) makePlaceholder(item(std::to_string(i)), 5000 + i);
+  const auto source = add();
+  // When, is not left to the pace of the readers alone.
+  std::mt19937 random(std::random_device{}());
+  int killed = 0;
+  for (int round = 0; round < rounds(); ++round) {
+    for (int i = 0; i < placeholders; ++i) makePlaceholder(item(std::to_string(i)), 5000 + i);
+    source->provides.take();
+    std::vector<std::unique_ptr<ChildProcess>> readers;
+    for (int i = 0; i < 8; ++i) {
+      readers.push_back(std::make_unique<ChildProcess>(reader("each", items())));
+    }
+    // Whenever so many more have been provided, or never in this round.
+    for (std::size_t next = random() % 60; next < placeholders; next += 1 + random() % 60) {
+      if (!source->provides.waitForCount(next)) break;
+      if (const pid_t id = worker(); id > 0 && kill(id, SIGKILL) == 0) ++killed;
+    }
+    for (auto& each : readers) ASSERT_EQ(each->readLine(), "right") << "in round " << round;
+  }
+  EXPECT_GT(killed, rounds());
+  std::printf("%d workers were killed in %d rounds\n", killed, rounds());
+}
+
+TEST_F(ContinuityTest, ReadersWaitThroughTheDeathOfAWorkerAndGetTheirContent) {
+  const auto source = add();
+  makePlaceholder(item("awaited"), 10000);
+  Gate asked;
+  std::atomic<int> times{0};
+  source->behave([&](const std::string& path, qx::Completion<Error> completion) {
+    asked.pass();
+    // The first is never answered: nobody is there any more to hear it.
+    if (++times == 1) return;
+    fill(path);
+    completion(std::nullopt);
+  });
+  ChildProcess waiting(reader("read", item("awaited")));
+  asked.wait();
+  ASSERT_EQ(kill(worker(), SIGKILL), 0);
+  EXPECT_EQ(waiting.readLine(), "right");
+  EXPECT_EQ(times, 2);
+  EXPECT_TRUE(platformd_->logs("[ERROR] Worker "));
+  // No client found the service closed.
+  EXPECT_EQ(run(reader("read", item("awaited"))).line, "right");
+}
+
+TEST_F(ContinuityTest, APlannedStopMakesPlaceholdersUnreadableAndAStartReadable) {
+  const auto source = add();
+  makePlaceholder(item("marked"), 1000);
+  makePlaceholder(item("bare"), 1000, false);
+  chmod(item("marked").c_str(), 0640);
+  std::ofstream(item("content")) << contentOf("content", 10);
+  source->behave([](const std::string&, const qx::Completion<Error>&) {});
+  ChildProcess waiting(reader("read", item("marked")));
+  ASSERT_TRUE(source->provides.waitForCount(1));
+
+  EXPECT_EQ(platformd_->end(SIGTERM), 0);
+  EXPECT_EQ(waiting.readLine(), "Resource temporarily unavailable");
+  EXPECT_EQ(platformd_->count("placeholders are unreadable until the next start"), 1u);
+  const auto modeOf = [](const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 07777U;
+  };
+  EXPECT_EQ(modeOf(item("marked")), 0u);
+  EXPECT_EQ(modeOf(item("bare")), 0u);
+  EXPECT_EQ(modeOf(item("content")), 0644u);
+
+  start();
+  ASSERT_TRUE(isWatched("com.example.source"));
+  EXPECT_EQ(modeOf(item("marked")), 0640u);
+  EXPECT_EQ(modeOf(item("bare")), 0644u);
+  source->behave(nullptr);
+  EXPECT_EQ(run(reader("read", item("marked"))).line, "right");
+  EXPECT_EQ(run(reader("read", item("bare"))).line, "right");
+}
+
+TEST_F(ContinuityTest, WhenTheHolderIsKilledNobodyReadsZeros) {
+  const auto source = add();
+  makePlaceholder(item("awaited"), 1000);
+  source->behave([](const std::string&, const qx::Completion<Error>&) {});
+  ChildProcess waiting(reader("read", item("awaited")));
+  ASSERT_TRUE(source->provides.waitForCount(1));
+  platformd_->end(SIGKILL);
+  EXPECT_EQ(waiting.readLine(), "Resource temporarily unavailable");
+  EXPECT_TRUE(platformd_->everyProcessEnds());
+}
+
+/// The service manager's end of a notification socket, as far as descriptors are stored
+/// (sd_pid_notify_with_fds(3)).
+class DescriptorStore {
+ public:
+  explicit DescriptorStore(const std::string& path)
+      : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const timeval limit{patience.count(), 0};
+    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+
+  /// The descriptor that is stored next, under this name.
+  FileDescriptor next(const std::string& name) {
+    std::array<char, 4096> text{};
+    alignas(cmsghdr) std::array<char, 4096> control{};
+    for (;;) {
+      iovec part{text.data(), text.size()};
+      msghdr message{};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+      const ssize_t size = recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC);
+      if (size < 0) return {};
+      for (auto* rights = CMSG_FIRSTHDR(&message); rights; rights = CMSG_NXTHDR(&message, rights)) {
+        if (rights->cmsg_type != SCM_RIGHTS) continue;
+        int descriptor = -1;
+        std::memcpy(&descriptor, CMSG_DATA(rights), sizeof descriptor);
+        FileDescriptor stored(descriptor);
+        const std::string_view said(text.data(), static_cast<std::size_t>(size));
+        if (said.find("FDNAME=" + name) != std::string_view::npos) return stored;
+      }
+    }
+  }
+
+ private:
+  const FileDescriptor socket_;
+};
+
+TEST_F(ContinuityTest, WithADescriptorStoreReadersWaitForTheNextStart) {
+  EXPECT_EQ(platformd_->end(SIGTERM), 0);
+  DescriptorStore store(temporaryRoot() + "/manager");
+  start({{"NOTIFY_SOCKET", temporaryRoot() + "/manager"}, {"FDSTORE", "4"}});
+  FileDescriptor accesses = store.next("fanotify-accesses");
+  FileDescriptor changes = store.next("fanotify-changes");
+  ASSERT_TRUE(accesses && changes);
+  const auto source = add();
+  makePlaceholder(item("asked"), 1000);
+  makePlaceholder(item("unasked"), 1000);
+  source->behave([](const std::string&, const qx::Completion<Error>&) {});
+  ChildProcess waiting(reader("read", item("asked")));
+  ASSERT_TRUE(source->provides.waitForCount(1));
+
+  EXPECT_EQ(platformd_->end(SIGTERM), 0);
+  EXPECT_EQ(platformd_->count("programs that read placeholders wait for the next start"), 1u);
+  ChildProcess late(reader("read", item("unasked")));
+  source->behave(nullptr);
+  // For the next start alone, and out of the way of the numbers that they get there.
+  constexpr int outOfTheWay = 20;
+  accesses = FileDescriptor(fcntl(accesses.get(), F_DUPFD, outOfTheWay));
+  changes = FileDescriptor(fcntl(changes.get(), F_DUPFD, outOfTheWay));
+  const auto number = [](const FileDescriptor& file) { return std::to_string(file.get()); };
+  ChildProcess next({"bash", "-c",
+                     "exec 3<&" + number(accesses) + " 4<&" + number(changes) +
+                         "; DOCSOURCE_COORDINATION=access LISTEN_PID=$$ LISTEN_FDS=2 "
+                         "LISTEN_FDNAMES=fanotify-accesses:fanotify-changes exec " +
+                         builtProgram("platformd")});
+  accesses.reset();
+  changes.reset();
+  // Nobody knows any more what this one waited for.
+  EXPECT_EQ(waiting.readLine(), "Resource temporarily unavailable");
+  EXPECT_EQ(late.readLine(), "right");
+  EXPECT_EQ(kill(next.id(), SIGTERM), 0);
+  EXPECT_EQ(next.wait(), 0);
+}
+
+TEST_F(ContinuityTest, WithoutAccessesOpeningsWait) {
+  EXPECT_EQ(platformd_->end(SIGTERM), 0);
+  start({{"DOCSOURCE_COORDINATION", "open"}});
+  EXPECT_TRUE(platformd_->logs("[NOTICE] Every program is coordinated: openings of files wait"));
+  const auto source = add();
+  makePlaceholder(item("opened"), 1000);
+  EXPECT_EQ(run({"ls", "-l", items()}).status, 0);
+  EXPECT_TRUE(source->provides.all().empty());
+  EXPECT_EQ(run(reader("read", item("opened"))).line, "right");
+  EXPECT_EQ(run(reader("mmap", item("opened"))).line, "right");
+  EXPECT_EQ(source->provides.all().size(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,250 @@
+#include "platform/log/Log.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using qx::Log;
+using qx::LogLevel;
+
+/// Standard error as a pipe while it exists. read() gives standard error back and returns what was
+/// written.
+class CapturedStandardError {
+ public:
+  CapturedStandardError() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) std::abort();
+    readEnd_.reset(ends[0]);
+    const qx::FileDescriptor writeEnd(ends[1]);
+    before_.reset(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    dup2(writeEnd.get(), STDERR_FILENO);
+  }
+  ~CapturedStandardError() { restore(); }
+
+  std::string read() {
+    restore();
+    return readUntilClosed();
+  }
+
+  /// Until somebody else has redirected standard error.
+  std::string readUntilClosed() {
+    std::string text;
+    char part[4096];
+    for (ssize_t count; (count = ::read(readEnd_.get(), part, sizeof part)) > 0;) {
+      text.append(part, static_cast<std::size_t>(count));
+    }
+    return text;
+  }
+
+ private:
+  void restore() {
+    if (before_) dup2(before_.get(), STDERR_FILENO);
+    before_.reset();
+  }
+
+  qx::FileDescriptor readEnd_;
+  qx::FileDescriptor before_;
+};
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+TEST(LogText, FillsPlaceholdersInOrder) {
+  EXPECT_EQ(qx::fillLogText("[INFO] %s is %d of %@.", {"%d%s", "2", "%"}),
+            "[INFO] %d%s is 2 of %.");
+  EXPECT_EQ(qx::fillLogText("100% of %s%", {"it"}), "100% of it%");
+  EXPECT_EQ(qx::fillLogText("%x %s", {}), "%x %s");
+  EXPECT_EQ(qx::fillLogText("", {}), "");
+}
+
+TEST(LogText, EscapesWhatWouldBreakALine) {
+  EXPECT_EQ(qx::fillLogText("%s", {std::string("a\nb\r\t\x1b[1m\x7f\0z", 12)}),
+            "a\\x0ab\\x0d\\x09\\x1b[1m\\x7f\\x00z");
+  // U+0085 and U+009F are controls, U+00A0 and what lies beyond are not.
+  EXPECT_EQ(qx::fillLogText("%s", {"\u0085\u009f\u00a0\u00e9\u4e2d\U0001f600"}),
+            "\\x85\\x9f\u00a0\u00e9\u4e2d\U0001f600");
+  // Not UTF-8: a stray control is escaped, everything else is left as it is.
+  EXPECT_EQ(qx::fillLogText("%s", {"\xe4\xb8|\x9b|\xc2|\xff"}), "\xe4\xb8|\\x9b|\xc2|\xff");
+  EXPECT_EQ(qx::fillLogText("%s\n", {""}), "\n");
+}
+
+TEST(LogText, WritesObjects) {
+  static std::vector<std::string> messages;
+  ds_default_log().setSink([](LogLevel, const std::string& text) { messages.push_back(text); });
+  const std::optional<std::string> absent;
+  DS_LOG("[ERROR] %@", absent);
+  DS_LOG("[ERROR] %@", qx::URL("file:///a%20b"));
+  DS_LOG("[ERROR] %@", qx::Error("Domain", 7, "It is so."));
+  DS_LOG("[ERROR] %@",
+         qx::Value(qx::Array{"a\nb", 2, qx::Dictionary{{"k", qx::Value(true)}}, qx::Array{}}));
+  DS_LOG("[ERROR] %s %d %d", "text", -3, 18446744073709551615U);
+  ASSERT_EQ(messages.size(), 5U);
+  EXPECT_EQ(messages[0], "[ERROR] (null)");
+  EXPECT_EQ(messages[1], "[ERROR] file:///a%20b");
+  EXPECT_EQ(messages[2], "[ERROR] Domain 7: It is so.");
+  EXPECT_TRUE(messages[3].starts_with("[ERROR] (a\\x0ab, 2, {k: ")) << messages[3];
+  EXPECT_TRUE(messages[3].ends_with("}, ())")) << messages[3];
+  EXPECT_EQ(messages[4], "[ERROR] text -3 18446744073709551615");
+}
+
+TEST(Log, LineHasTimeProgramAndLevel) {
+  unsetenv("JOURNAL_STREAM");
+  Log log;
+  log.setLowestLevel(LogLevel::debug);
+  CapturedStandardError captured;
+  const auto before = time(nullptr);
+  log.write(LogLevel::fault, "[ERROR] Could not write to %@", "/a/b");
+  log.write(LogLevel::standard, "[NOTICE] n");
+  log.write(LogLevel::info, "[INFO] i");
+  errno = ENOTTY;
+  log.write(LogLevel::debug, "[DEBUG] d");
+  EXPECT_EQ(errno, ENOTTY);
+  const auto lines = linesOf(captured.read());
+  ASSERT_EQ(lines.size(), 4U);
+  const std::string rest[] = {"fault: [ERROR] Could not write to /a/b", "default: [NOTICE] n",
+                              "info: [INFO] i", "debug: [DEBUG] d"};
+  const std::string program =
+      std::string(program_invocation_short_name) + "[" + std::to_string(getpid()) + "] ";
+  const std::regex timePattern(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )");
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    ASSERT_GT(lines[i].size(), 28U);
+    const std::string stamp = lines[i].substr(0, 28);
+    EXPECT_TRUE(std::regex_match(stamp, timePattern)) << stamp;
+    tm parts{};
+    ASSERT_NE(strptime(stamp.c_str(), "%Y-%m-%dT%H:%M:%S", &parts), nullptr);
+    EXPECT_GE(timegm(&parts), before);
+    EXPECT_LE(timegm(&parts), time(nullptr));
+    EXPECT_EQ(lines[i].substr(28), program + rest[i]);
+  }
+}
+
+TEST(Log, EnvironmentNamesTheLowestLevel) {
+  const struct {
+    const char* name;
+    LogLevel lowest;
+  } cases[] = {{"fault", LogLevel::fault},   {"default", LogLevel::standard},
+               {"info", LogLevel::info},     {"debug", LogLevel::debug},
+               {"loud", LogLevel::standard}, {"", LogLevel::standard}};
+  for (const auto& [name, lowest] : cases) {
+    setenv("DOCSOURCE_LOG", name, 1);
+    const Log log;
+    for (const auto level :
+         {LogLevel::fault, LogLevel::standard, LogLevel::info, LogLevel::debug}) {
+      EXPECT_EQ(log.isEnabled(level), level <= lowest) << name;
+    }
+  }
+  unsetenv("DOCSOURCE_LOG");
+  EXPECT_FALSE(Log().isEnabled(LogLevel::info));
+  EXPECT_TRUE(Log().isEnabled(LogLevel::standard));
+}
+
+TEST(Log, LevelThatIsOffEvaluatesNothing) {
+  ds_default_log().setLowestLevel(LogLevel::info);
+  CapturedStandardError captured;
+  int evaluated = 0;
+  DS_LOG("[DEBUG] %d", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+  DS_LOG("[INFO] %d", ++evaluated);
+  EXPECT_EQ(evaluated, 1);
+  EXPECT_TRUE(captured.read().ends_with("info: [INFO] 1\n"));
+}
+
+TEST(Log, LinesOfManyThreadsStayWhole) {
+  const Log log;
+  CapturedStandardError captured;
+  {
+    std::vector<std::jthread> threads;
+    for (char name = 'a'; name < 'e'; ++name) {
+      threads.emplace_back([&log, name] {
+        for (int i = 0; i < 20; ++i) {
+          log.write(LogLevel::fault, "[ERROR] %s|", std::string(500, name));
+        }
+      });
+    }
+  }
+  const auto lines = linesOf(captured.read());
+  EXPECT_EQ(lines.size(), 80U);
+  for (const auto& line : lines) {
+    ASSERT_GT(line.size(), 501U);
+    EXPECT_EQ(line.substr(line.size() - 501), std::string(500, line[line.size() - 2]) + "|");
+  }
+}
+
+TEST(Log, LongLineSurvivesAPipeThatFills) {
+  const Log log;
+  CapturedStandardError captured;
+  std::string text;
+  {
+    // More than a pipe holds, and the pipe does not block: the rest follows when there is room.
+    const int flags = fcntl(STDERR_FILENO, F_GETFL);
+    ASSERT_EQ(fcntl(STDERR_FILENO, F_SETFL, flags | O_NONBLOCK), 0);
+    std::jthread writer([&] {
+      log.write(LogLevel::fault, "[ERROR] %s", std::string(1 << 20, 'x'));
+      // Ends the reading below, which began before.
+      const qx::FileDescriptor null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+      dup2(null.get(), STDERR_FILENO);
+    });
+    text = captured.readUntilClosed();
+  }
+  EXPECT_GE(std::count(text.begin(), text.end(), 'x'), 1 << 20);
+  EXPECT_TRUE(text.ends_with("x\n"));
+}
+
+TEST(Log, JournalGetsMessagesNativelyWhenStandardErrorLeadsThere) {
+  // A journal of our own in a mount namespace of our own.
+  if (unshare(CLONE_NEWNS) != 0 ||
+      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("run", "/run", "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "needs CAP_SYS_ADMIN for a mount namespace";
+  }
+  std::filesystem::create_directories("/run/systemd/journal");
+  const qx::FileDescriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+  ASSERT_EQ(bind(journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+
+  CapturedStandardError captured;
+  struct stat status;
+  ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+  const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+  const Log log;
+  setenv("JOURNAL_STREAM", (stream + "0").c_str(), 1);
+  log.write(LogLevel::fault, "[ERROR] elsewhere");
+  setenv("JOURNAL_STREAM", stream.c_str(), 1);
+  log.write(LogLevel::debug, "[DEBUG] native %s", "a\nb");
+  log.write(LogLevel::fault, "[ERROR] two");
+  const std::string text = captured.read();
+  EXPECT_TRUE(text.ends_with("fault: [ERROR] elsewhere\n")) << text;
+  EXPECT_EQ(linesOf(text).size(), 1U);
+
+  const auto receive = [&] {
+    char part[4096];
+    const ssize_t count = recv(journal.get(), part, sizeof part, MSG_DONTWAIT);
+    return linesOf(std::string(part, static_cast<std::size_t>(std::max<ssize_t>(count, 0))));
+  };
+  const std::string name = std::string("SYSLOG_IDENTIFIER=") + program_invocation_short_name;
+  EXPECT_EQ(receive(),
+            (std::vector<std::string>{"MESSAGE=[DEBUG] native a\\x0ab", "PRIORITY=7", name}));
+  EXPECT_EQ(receive(), (std::vector<std::string>{"MESSAGE=[ERROR] two", "PRIORITY=3", name}));
+}
+
+}  // namespace

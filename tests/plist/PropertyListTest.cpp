@@ -1,0 +1,405 @@
+#include "platform/plist/PropertyList.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <limits>
+#include <random>
+#include <sstream>
+
+#include "platform/base/Errors.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using namespace qx;  // NOLINT: the whole vocabulary is under test
+using test::TemporaryDirectory;
+
+std::string document(std::string_view content) {
+  return "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">" + std::string(content) + "</plist>";
+}
+
+Value readValue(std::string_view content) {
+  auto result = PropertyList::read(document(content));
+  EXPECT_TRUE(result.ok()) << content << "\n" << (result.ok() ? "" : result.error().text());
+  return result.ok() ? *std::move(result) : Value();
+}
+
+std::string nested(int depth) {
+  std::string text;
+  for (int i = 0; i < depth; ++i) text += "<array>";
+  for (int i = 0; i < depth; ++i) text += "</array>";
+  return text;
+}
+
+TEST(PropertyListTest, IsWrittenInOneFormOnly) {
+  const Value value = Dictionary{
+      {"b", Array{Value("a<b>&\"c\""), Value(true), Value(Array{}), Value(Dictionary{})}},
+      {"a\r", Dictionary{{"", std::numeric_limits<std::int64_t>::min()}}},
+      {"Z", Bytes{'f', 'o'}},
+      {"c", Date(std::chrono::seconds(1795256130))},
+      {"\x01", 0.1}};
+  const auto text = PropertyList::write(value);
+  ASSERT_TRUE(text.ok());
+  EXPECT_EQ(*text,
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<plist version=\"1.0\">\n"
+            "<dict>\n"
+            "\t<key encoding=\"base64\">AQ==</key>\n"
+            "\t<real>0.1</real>\n"
+            "\t<key>Z</key>\n"
+            "\t<data>Zm8=</data>\n"
+            "\t<key>a&#13;</key>\n"
+            "\t<dict>\n"
+            "\t\t<key></key>\n"
+            "\t\t<integer>-9223372036854775808</integer>\n"
+            "\t</dict>\n"
+            "\t<key>b</key>\n"
+            "\t<array>\n"
+            "\t\t<string>a&lt;b&gt;&amp;\"c\"</string>\n"
+            "\t\t<true/>\n"
+            "\t\t<array/>\n"
+            "\t\t<dict/>\n"
+            "\t</array>\n"
+            "\t<key>c</key>\n"
+            "\t<date>2026-11-21T10:15:30Z</date>\n"
+            "</dict>\n"
+            "</plist>\n");
+  const auto back = PropertyList::read(*text);
+  ASSERT_TRUE(back.ok());
+  EXPECT_EQ(*back, value);
+}
+
+TEST(PropertyListTest, EveryStringComesOutAsItWentIn) {
+  Array strings;
+  for (int c = 0; c < 256; ++c) strings.emplace_back(std::string(1, static_cast<char>(c)));
+  for (const std::string_view text :
+       {"", " ", "\n\t leading and trailing \n", "\r\n", "\r", "]]>", "<![CDATA[x]]>", "&amp;",
+        "&#13;", "<!-- -->", "\xef\xbf\xbd", "\xef\xbf\xbe", "x\xef\xbf\xbf", "\xef\xbb\xbf",
+        "\xc2\x85\xe2\x80\xa8", "\xed\xa0\x80", "\xc0\x80", "\xf0\x9f\x98\x80", "\xc3\xa9"}) {
+    strings.emplace_back(text);
+  }
+  std::mt19937 random(1);
+  for (int i = 0; i < 500; ++i) {
+    std::string text(random() % 40, '\0');
+    for (char& c : text) c = static_cast<char>(random() % (i % 2 ? 256 : 64));
+    strings.emplace_back(text);
+  }
+  strings.emplace_back(std::string(300000, 'x') + "\r" + std::string(300000, '&'));
+  Dictionary keys;
+  for (const Value& text : strings) keys.emplace(*text.as<std::string>(), Value(text));
+
+  const Value value = Array{Value(strings), Value(keys)};
+  const auto text = PropertyList::write(value);
+  ASSERT_TRUE(text.ok());
+  const auto back = PropertyList::read(*text);
+  ASSERT_TRUE(back.ok()) << back.error().text();
+  EXPECT_EQ(*back, value);
+}
+
+TEST(PropertyListTest, NumbersAndDatesComeOutAsTheyWentIn) {
+  Array values;
+  for (const std::int64_t number : {std::numeric_limits<std::int64_t>::min(), std::int64_t{-1},
+                                    std::numeric_limits<std::int64_t>::max()}) {
+    values.emplace_back(number);
+  }
+  for (const double number : {0.1, -0.0, 1e300, 5e-324, std::numeric_limits<double>::max(),
+                              std::numeric_limits<double>::infinity()}) {
+    values.emplace_back(number);
+  }
+  using namespace std::chrono;  // NOLINT: literals of dates
+  for (const Date date : {Date(sys_days(year(0) / 1 / 1)), Date(sys_days(year(10000) / 1 / 1)) - 1s,
+                          Date(-1s), Date(sys_days(year(2024) / 2 / 29))}) {
+    values.emplace_back(date);
+  }
+  const auto text = PropertyList::write(values);
+  ASSERT_TRUE(text.ok());
+  const auto back = PropertyList::read(*text);
+  ASSERT_TRUE(back.ok()) << back.error().text();
+  EXPECT_EQ(*back, Value(values));
+}
+
+TEST(PropertyListTest, WhatHasNoFormIsNotWritten) {
+  Value deep = Array{};
+  for (int i = 1; i < 512; ++i) deep = Value(Array(1, deep));
+  const auto deepest = PropertyList::write(deep);
+  ASSERT_TRUE(deepest.ok());
+  EXPECT_TRUE(PropertyList::read(*deepest).ok());
+
+  const Date tooLate = std::chrono::sys_days(std::chrono::year(10000) / 1 / 1);
+  for (const Value& value :
+       {Value(), Value(URL("file:///a")), Value(Array{Value(1), Value(UUID())}),
+        Value(Dictionary{{"a", Error("D", 1, "x")}}), Value(Array(1, deep)), Value(tooLate),
+        Value(Date::max()), Value(Date::min())}) {
+    EXPECT_FALSE(PropertyList::write(value).ok());
+  }
+}
+
+TEST(PropertyListTest, ReadsWhatOthersWrite) {
+  EXPECT_EQ(readValue("\n  <!-- a comment --> <?a thing?> <true/>\n"), Value(true));
+  EXPECT_EQ(readValue("<string>a<![CDATA[<&>]]>b<!-- no -->c&#x41;&lt;</string>"),
+            Value("a<&>bcA<"));
+  EXPECT_EQ(readValue("<string> a\r\nb\rc </string>"), Value(" a\nb\nc "));
+  EXPECT_EQ(readValue("<string/>"), Value(""));
+  EXPECT_EQ(readValue("<integer> +5\n</integer>"), Value(5));
+  EXPECT_EQ(readValue("<real>\n\t1e3 </real>"), Value(1000.0));
+  EXPECT_EQ(readValue("<data>\n\tZm9v\n\tYg==\n</data>"), Value(Bytes{'f', 'o', 'o', 'b'}));
+  EXPECT_EQ(readValue("<data/>"), Value(Bytes{}));
+  EXPECT_EQ(readValue("<date> 1970-01-01T00:00:01Z </date>"), Value(Date(std::chrono::seconds(1))));
+  EXPECT_EQ(readValue("<false> </false>"), Value(false));
+  EXPECT_EQ(readValue("<string encoding=\"base64\"> AAE= </string>"),
+            Value(std::string("\0\1", 2)));
+  EXPECT_EQ(readValue("<dict><key>b</key><integer>1</integer><key>a</key><integer>2</integer>"
+                      "<key>c</key><dict><key>a</key><true/></dict></dict>"),
+            Value(Dictionary{{"a", 2}, {"b", 1}, {"c", Dictionary{{"a", true}}}}));
+
+  std::string wide = "\xff\xfe";
+  for (const char c : document("<string>\xe9</string>")) wide += {c, '\0'};
+  const auto utf16 = PropertyList::read(wide);
+  ASSERT_TRUE(utf16.ok()) << utf16.error().text();
+  EXPECT_EQ(*utf16, Value("\xc3\xa9"));
+}
+
+TEST(PropertyListTest, SkipsADocumentType) {
+  // Neither what it points to nor the attributes that it would add count.
+  TemporaryDirectory directory;
+  std::ofstream(directory / "outside.dtd") << "<!ENTITY x 'fetched'>";
+  const std::string head = "<?xml version=\"1.0\"?>\n<!DOCTYPE plist SYSTEM \"file://" +
+                           (directory / "outside.dtd") + "\"";
+  const auto read =
+      PropertyList::read(head +
+                         " [<!ELEMENT plist ANY> <!ATTLIST string encoding CDATA \"base64\">]>\n"
+                         "<plist version=\"1.0\"><string>plain</string></plist>");
+  ASSERT_TRUE(read.ok()) << read.error().text();
+  EXPECT_EQ(*read, Value("plain"));
+
+  for (const std::string& text : {head + "><plist><string>&x;</string></plist>",
+                                  head + " [%undeclared;]><plist><string>&x;</string></plist>"}) {
+    EXPECT_FALSE(PropertyList::read(text).ok()) << text;
+  }
+}
+
+TEST(PropertyListTest, RefusesEntitiesOfADocumentType) {
+  for (const std::string_view declaration :
+       {"<!ENTITY a 'x'>", "<!ENTITY % a 'x'>", "<!ENTITY % a '<!ENTITY b \"x\">'> %a;",
+        "<!ENTITY a SYSTEM 'file:///etc/hostname'>", "<!ENTITY % a SYSTEM 'file:///etc/hostname'>",
+        "<!ENTITY a '&b;'><!ENTITY b '&a;'>",
+        "<!NOTATION n SYSTEM 'n'><!ENTITY a SYSTEM 'x' NDATA n>"}) {
+    for (const std::string_view use : {"&a;", "x"}) {
+      const auto read =
+          PropertyList::read("<!DOCTYPE plist [" + std::string(declaration) +
+                             "]>\n<plist><string>" + std::string(use) + "</string></plist>");
+      ASSERT_FALSE(read.ok()) << declaration << use;
+      EXPECT_NE(read.error().description().find("line 1"), std::string::npos)
+          << read.error().text();
+    }
+  }
+}
+
+TEST(PropertyListTest, RefusesWhatIsNoPropertyList) {
+  for (const std::string_view content :
+       {"",
+        " ",
+        "<true/><true/>",
+        "text",
+        "<true/>text",
+        "<string>a</string>text",
+        "<unknown/>",
+        "<Dict/>",
+        "<plist><true/></plist>",
+        "<string><true/></string>",
+        "<true><true/></true>",
+        "<true>x</true>",
+        "<key>a</key>",
+        "<array><key>a</key></array>",
+        "<dict><true/></dict>",
+        "<dict><key>a</key></dict>",
+        "<dict>text</dict>",
+        "<dict><key>a</key>text<true/></dict>",
+        "<array>text</array>",
+        "<dict><key>a</key><key>b</key><true/></dict>",
+        "<dict><key>a</key><true/><true/></dict>",
+        "<dict><key>a</key><true/><key>a</key><true/></dict>",
+        "<dict><key>a</key><true/><key>b</key><true/><key>a</key><true/></dict>",
+        "<dict><key>c</key><true/><key>b</key><true/><key>c</key><true/></dict>",
+        "<dict><key>b</key><dict><key>z</key><true/></dict><key>b</key><true/></dict>",
+        "<dict><key>a</key><true/><key encoding=\"base64\">YQ==</key><true/></dict>",
+        "<dict><key/><true/><key/><true/></dict>",
+        "<integer/>",
+        "<integer>x</integer>",
+        "<integer>1 2</integer>",
+        "<integer>0x1F</integer>",
+        "<integer>1.5</integer>",
+        "<integer>--1</integer>",
+        "<integer>+-1</integer>",
+        "<integer>9223372036854775808</integer>",
+        "<integer>-9223372036854775809</integer>",
+        "<real/>",
+        "<real>1,5</real>",
+        "<real>1e999</real>",
+        "<real>0x1p3</real>",
+        "<date/>",
+        "<date>2026-11-21</date>",
+        "<date>2026-11-21T10:15:30</date>",
+        "<date>2026-02-29T10:15:30Z</date>",
+        "<date>2026-13-01T10:15:30Z</date>",
+        "<date>2026-11-21T24:00:00Z</date>",
+        "<date>2026-11-21T10:60:00Z</date>",
+        "<date>2026-11-21 10:15:30Z</date>",
+        "<date>2026-11-21T10:15:30+01:00</date>",
+        "<data>Z</data>",
+        "<data>Zm9v!</data>",
+        "<string encoding=\"base64\">Z</string>",
+        "<string encoding=\"hex\">00</string>",
+        "<string>&unknown;</string>",
+        "<string>&#1;</string>",
+        "<string>\x01</string>",
+        "<string>\xff</string>",
+        "<string>\xed\xa0\x80</string>",
+        "<string>",
+        "<string></strin>",
+        "<string a=b/>",
+        "<!-- -- -->",
+        "<array></dict>"}) {
+    const auto read = PropertyList::read(document(content));
+    EXPECT_FALSE(read.ok()) << content;
+  }
+  const std::string good = document("<true/>");
+  for (std::size_t length = 0; length < good.size(); ++length) {
+    EXPECT_FALSE(PropertyList::read(std::string_view(good).substr(0, length)).ok()) << length;
+  }
+  for (const std::string& text :
+       {good + "x", good + good, " " + good, std::string("<true/>"), std::string("bplist00"),
+        std::string("<plist version=\"2.0\"><true/></plist>"), good + std::string(1, '\0'),
+        std::string("<?xml version=\"1.0\" encoding=\"x-unknown\"?><plist><true/></plist>")}) {
+    EXPECT_FALSE(PropertyList::read(text).ok()) << text;
+  }
+}
+
+TEST(PropertyListTest, NestingEndsAt512) {
+  EXPECT_TRUE(PropertyList::read(document(nested(512))).ok());
+  EXPECT_FALSE(PropertyList::read(document(nested(513))).ok());
+  EXPECT_FALSE(PropertyList::read(document(nested(100000))).ok());
+}
+
+TEST(PropertyListTest, ErrorsSayWhereAndWhat) {
+  const auto descriptionOf = [](std::string_view text) {
+    const auto read = PropertyList::read(text);
+    EXPECT_FALSE(read.ok());
+    return read.ok() ? std::string() : read.error().description();
+  };
+  const auto expect = [](const std::string& description, std::string_view part) {
+    EXPECT_NE(description.find(part), std::string::npos) << description;
+  };
+  expect(descriptionOf("<plist>\n<dict>\n\t<unknown/>\n</dict></plist>"), "line 3, column 2: ");
+  expect(descriptionOf("<plist>\n<dict>\n\t<unknown/>\n</dict></plist>"), "\"unknown\"");
+  expect(descriptionOf("<plist>\n\n  <integer>12x</integer></plist>"), "line 3, ");
+  expect(descriptionOf("<plist>\n<array>\n</plist>"), "line 3, column 3");
+  expect(descriptionOf("<plist><dict>\n<key>k</key><true/>\n<key>k</key><true/></dict></plist>"),
+         "line 3, ");
+  expect(descriptionOf(""), "line 1, column 1");
+
+  // Whatever the text, the sentence can travel: it is UTF-8 and not longer than a sentence.
+  for (const std::string& name : {std::string(100000, 'x'), [] {
+                                    std::string text = "x";
+                                    for (int i = 0; i < 1000; ++i) text += "\xc3\xa9";
+                                    return text;
+                                  }()}) {
+    const std::string description = descriptionOf("<plist><" + name + "/></plist>");
+    EXPECT_LT(description.size(), 300u);
+    EXPECT_TRUE(PropertyList::read(document("<string>" + description + "</string>")).ok());
+  }
+}
+
+TEST(PropertyListTest, ReadsStreamsOfAnySize) {
+  Array strings;
+  for (int i = 0; i < 30000; ++i) strings.emplace_back("string number " + std::to_string(i));
+  const auto text = PropertyList::write(strings);
+  ASSERT_TRUE(text.ok());
+  // Around the size of the pieces in which a stream is read, a border falls on every token.
+  for (std::size_t padding = 65500; padding < 65570; ++padding) {
+    std::istringstream stream(document("<string>" + std::string(padding - 50, 'x') + "</string>"));
+    const auto read = PropertyList::read(stream);
+    ASSERT_TRUE(read.ok());
+    ASSERT_EQ(read->as<std::string>()->size(), padding - 50);
+  }
+  std::istringstream stream(*text);
+  const auto read = PropertyList::read(stream);
+  ASSERT_TRUE(read.ok());
+  EXPECT_EQ(*read, Value(strings));
+}
+
+TEST(PropertyListTest, FilesThatCannotBeReadSayWhich) {
+  TemporaryDirectory directory;
+  const URL missing = URL::fileURL(directory / "missing");
+  const auto absent = PropertyList::readFile(directory / "missing");
+  ASSERT_FALSE(absent.ok());
+  EXPECT_EQ(absent.error(), fileError(ENOENT, missing));
+
+  const auto folder = PropertyList::readFile(directory.path());
+  ASSERT_FALSE(folder.ok());
+  EXPECT_TRUE(folder.error().is(QXStandardErrorDomain, fileUnknownError));
+
+  std::ofstream(directory / "broken") << "<plist>\n<dict>";
+  const auto broken = PropertyList::readFile(directory / "broken");
+  ASSERT_FALSE(broken.ok());
+  EXPECT_NE(broken.error().description().find("line 2, "), std::string::npos);
+  EXPECT_EQ(*find<URL>(broken.error().info(), QXURLErrorKey), URL::fileURL(directory / "broken"));
+
+  std::ofstream(directory / "good") << document("<string>x</string>");
+  const auto good = PropertyList::readFile(directory / "good");
+  ASSERT_TRUE(good.ok());
+  EXPECT_EQ(*good, Value("x"));
+}
+
+/// Writes down what it is told.
+class Recorder : public PropertyList::Handler {
+ public:
+  std::string text;
+
+ private:
+  void beginDictionary() override { text += "{"; }
+  void endDictionary() override { text += "}"; }
+  void beginArray() override { text += "["; }
+  void endArray() override { text += "]"; }
+  void key(std::string_view key) override { text += std::string(key) + ":"; }
+  void string(std::string_view string) override { text += "\"" + std::string(string) + "\","; }
+  void scalar(Value&& value) override { text += describe(value) + ","; }
+};
+
+TEST(PropertyListTest, AHandlerIsToldUpToWhatIsRefused) {
+  const std::string begin =
+      "<dict><key>a</key><array><string>x</string><integer>1</integer></array>"
+      "<key>a2</key><dict/><key>A</key><false/>";
+  Recorder whole;
+  EXPECT_EQ(PropertyList::parse(document(begin + "</dict>"), whole), std::nullopt);
+  EXPECT_EQ(whole.text, "{a:[\"x\",1,]a2:{}A:false,}");
+  Recorder refused;
+  EXPECT_TRUE(PropertyList::parse(document(begin + "<key>a2</key><true/></dict>"), refused));
+  EXPECT_EQ(refused.text, "{a:[\"x\",1,]a2:{}A:false,");
+}
+
+TEST(PropertyListTest, PiecesWrittenOneByOneAreTheSameFile) {
+  std::string text;
+  PropertyList::Writer writer([&text](std::string_view piece) { text += piece; });
+  Array strings;
+  writer.beginDictionary();
+  writer.key("list");
+  writer.beginArray();
+  for (int i = 0; i < 10000; ++i) {
+    strings.emplace_back(std::to_string(i) + "\x02");
+    writer.string(*strings.back().as<std::string>());
+  }
+  writer.endArray();
+  writer.key("none");
+  writer.beginArray();
+  writer.endArray();
+  writer.endDictionary();
+  writer.finish();
+  const auto expected =
+      PropertyList::write(Dictionary{{"list", Value(strings)}, {"none", Value(Array{})}});
+  ASSERT_TRUE(expected.ok());
+  EXPECT_EQ(text, *expected);
+}
+
+}  // namespace

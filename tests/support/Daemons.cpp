@@ -1,0 +1,158 @@
+#include "tests/support/Daemons.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+
+namespace qx::test {
+namespace {
+
+/// Whether a descriptor becomes readable within the patience of the tests.
+bool becomesReadable(int descriptor) {
+  pollfd entry{descriptor, POLLIN, 0};
+  const auto limit = std::chrono::duration_cast<std::chrono::milliseconds>(patience);
+  return poll(&entry, 1, static_cast<int>(limit.count())) > 0;
+}
+
+}  // namespace
+
+bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    poll(nullptr, 0, 5);
+  }
+  return true;
+}
+
+std::string builtProgram(const std::string& name) {
+  std::array<char, 4096> path{};
+  const ssize_t size = readlink("/proc/self/exe", path.data(), path.size());
+  const std::string own(path.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  return own.substr(0, own.rfind('/') + 1) + name;
+}
+
+Daemon::Daemon(const std::string& program, const std::string& root,
+               const std::map<std::string, std::string>& environment) {
+  std::map<std::string, std::string> variables;
+  for (char** each = environ; *each; ++each) {
+    const std::string text(*each);
+    const auto equals = text.find('=');
+    if (equals != std::string::npos) variables[text.substr(0, equals)] = text.substr(equals + 1);
+  }
+  for (const char* of : {"NOTIFY_SOCKET", "JOURNAL_STREAM", "LISTEN_PID", "LISTEN_FDS"}) {
+    variables.erase(of);
+  }
+  variables["DOCSOURCE_ROOT"] = root;
+  variables["DOCSOURCE_LOG"] = "debug";
+  for (const auto& [name, value] : environment) variables[name] = value;
+  std::vector<std::string> texts;
+  for (const auto& [name, value] : variables) texts.push_back(name + "=" + value);
+  std::vector<char*> pointers;
+  for (auto& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) std::abort();
+  state_->stream.reset(ends[0]);
+  state_->stop.reset(eventfd(0, EFD_CLOEXEC));
+  const FileDescriptor theirs(ends[1]);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDERR_FILENO);
+  std::string path = builtProgram(program);
+  std::array<char*, 2> arguments{path.data(), nullptr};
+  if (posix_spawn(&id_, path.c_str(), &actions, nullptr, arguments.data(), pointers.data()) != 0) {
+    id_ = -1;
+    state_->lines.put(path + " cannot be started");
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  reader_ = std::thread([state = state_] { readLog(*state); });
+}
+
+Daemon::~Daemon() {
+  EXPECT_EQ(end(SIGTERM), 0);
+  // What it started may still be at its end, which is the concern of the tests of that.
+  const std::uint64_t one = 1;
+  if (write(state_->stop.get(), &one, sizeof one) < 0) std::abort();
+  reader_.join();
+  const auto lines = state_->lines.all();
+  const auto report = std::find_if(lines.begin(), lines.end(), [](const auto& line) {
+    return line.find("Sanitizer: ") != std::string::npos ||
+           line.find(": runtime error: ") != std::string::npos;
+  });
+  std::string text;
+  for (auto line = report; line != lines.end(); ++line) text += *line + "\n";
+  EXPECT_EQ(text, "");
+}
+
+void Daemon::readLog(State& state) {
+  std::string pending;
+  std::array<char, 65536> buffer{};
+  for (;;) {
+    std::array<pollfd, 2> entries{{{state.stream.get(), POLLIN, 0}, {state.stop.get(), POLLIN, 0}}};
+    poll(entries.data(), entries.size(), -1);
+    if (entries[0].revents == 0 && entries[1].revents != 0) return;
+    const ssize_t count = read(state.stream.get(), buffer.data(), buffer.size());
+    if (count <= 0) break;
+    pending.append(buffer.data(), static_cast<std::size_t>(count));
+    for (std::size_t end = 0; (end = pending.find('\n')) != std::string::npos;) {
+      state.lines.put(pending.substr(0, end));
+      pending.erase(0, end + 1);
+    }
+  }
+  if (!pending.empty()) state.lines.put(pending);
+  state.ended.put(true);
+}
+
+int Daemon::end(int signal) {
+  if (id_ <= 0) return 0;
+  kill(id_, signal);
+  return wait();
+}
+
+int Daemon::wait() {
+  if (id_ <= 0) return 0;
+  const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, id_, 0)));
+  if (!becomesReadable(process.get())) kill(id_, SIGKILL);
+  int status = 0;
+  waitpid(std::exchange(id_, -1), &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+std::vector<std::string> Daemon::linesWith(std::string_view part) const {
+  auto lines = state_->lines.all();
+  std::erase_if(lines, [part](const auto& line) { return line.find(part) == std::string::npos; });
+  return lines;
+}
+
+std::size_t Daemon::count(std::string_view part) const { return linesWith(part).size(); }
+
+bool Daemon::logs(std::string_view part, std::size_t times) const {
+  return state_->lines.waitUntil([&](const auto& lines) {
+    const auto found = std::count_if(lines.begin(), lines.end(), [part](const auto& line) {
+      return line.find(part) != std::string::npos;
+    });
+    return static_cast<std::size_t>(found) >= times;
+  });
+}
+
+bool Daemon::everyProcessEnds() const { return state_->ended.waitForCount(1); }
+
+}  // namespace qx::test

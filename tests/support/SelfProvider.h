@@ -1,0 +1,151 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/conduit/QXConduitConnection.h"
+#include "platform/files/Places.h"
+#include "providers/_QXDocSourceExtensionHostContext.h"
+#include "tests/support/BundleMaker.h"
+
+/// A provider extension that is the test program itself, started once more by the extension host.
+/// What it is to do lies in its bundle: pipes (fifo(7)) in which it meets the test, "setup" where
+/// it reads how its set-up ends, "changed" where it writes the URL of a changed item.
+namespace qx::test {
+
+inline std::string ownProgram() { return std::filesystem::read_symlink("/proc/self/exe"); }
+
+/// Items are named by their file name; "fail..." fails, "nameless" has no identifier.
+class SelfProvider final : public _QXDocSourceVendor {
+ public:
+  void _performInitialSetupWithCompletion(Completion<std::string, URL, Error> reply) override {
+    std::string end = "ok";
+    if (std::filesystem::exists("setup")) std::getline(std::ifstream("setup"), end);
+    if (end != "ok") return reply(std::nullopt, std::nullopt, Error("ProviderDomain", 7, end));
+    if (const char* storage = std::getenv("QX_DOCUMENT_STORAGE");
+        storage && !std::filesystem::exists("no-storage")) {
+      std::filesystem::create_directories(storage);
+    }
+    reply("ready", std::nullopt, std::nullopt);
+  }
+  void _providePlaceholderAtURL_completion(const std::optional<URL>& url,
+                                           Completion<URL, Error> reply) override {
+    reply(url, failureOf(url));
+  }
+  void _startProvidingItemAtURL_completion(const std::optional<URL>& url,
+                                           Completion<Error> reply) override {
+    reply(failureOf(url));
+  }
+  void _itemChangedAtURL_completion(const std::optional<URL>& url,
+                                    Completion<Error> reply) override {
+    if (std::filesystem::exists("changed")) std::ofstream("changed") << url->absoluteString();
+    reply(failureOf(url));
+  }
+  void _stopProvidingItemAtURL_completion(const std::optional<URL>& url,
+                                          Completion<Error> reply) override {
+    reply(failureOf(url));
+  }
+  void _identifierForItemAtURL_completion(const std::optional<URL>& url,
+                                          Completion<Error, std::string> reply) override {
+    const auto name = nameOf(url);
+    if (auto failure = failureOf(url)) return reply(failure, std::nullopt);
+    reply(std::nullopt, name == "nameless" ? std::nullopt : std::optional(name));
+  }
+  void _URLForItemIdentifier_completion(const std::optional<std::string>& itemID,
+                                        Completion<Error, URL> reply) override {
+    const auto url = URL::fileURL(std::getenv("QX_DOCUMENT_STORAGE") + ("/" + *itemID));
+    if (auto failure = failureOf(url)) return reply(failure, std::nullopt);
+    reply(std::nullopt, nameOf(url) == "nameless" ? std::nullopt : std::optional(url));
+  }
+
+ private:
+  static std::string nameOf(const std::optional<URL>& url) {
+    return std::filesystem::path(url->path().value_or("")).filename();
+  }
+  static std::optional<Error> failureOf(const std::optional<URL>& url) {
+    if (!nameOf(url).starts_with("fail")) return std::nullopt;
+    return Error("ProviderDomain", 7, "no");
+  }
+};
+
+/// The entry point of such a test program.
+inline int mainOfProviderOrTests(int count, char** arguments) {
+  const char* number = std::getenv("QX_EXTENSION_CONNECTION");
+  if (!number) {
+    testing::InitGoogleTest(&count, arguments);
+    return RUN_ALL_TESTS();
+  }
+  auto connection = QXConduitConnection::overSocket(FileDescriptor(std::atoi(number)));
+  connection->setExportedInterface(
+      _QXDocSourceExtensionHostContext::_extensionAuxiliaryVendorProtocol());
+  connection->setExportedObject<_QXDocSourceVendor>(std::make_shared<SelfProvider>());
+  connection->setRequestHandler([](bool, const UUID&) {});
+  connection->setInvalidationHandler([] { _exit(0); });
+  connection->resume();
+  for (;;) pause();
+}
+
+/// The bundle of such a provider.
+class ProviderBundle {
+ public:
+  explicit ProviderBundle(std::string identifier, std::string bundleName = "")
+      : identifier_(std::move(identifier)),
+        path_(Places::extensions() + "/" + (bundleName.empty() ? identifier_ : bundleName) +
+              ".docext") {}
+
+  const std::string& path() const { return path_; }
+  std::string group() const { return "group." + identifier_; }
+  std::string storage() const {
+    return Places::groupContainers() + "/" + group() + "/Doc Source Storage";
+  }
+  URL url(const std::string& name) const { return URL::fileURL(storage() + "/" + name); }
+
+  /// Makes it, or replaces its Info.plist; `documentGroup` null: none is named.
+  void install() const { install(Value(group())); }
+  void install(const Value& documentGroup) const {
+    std::filesystem::create_directories(path_);
+    writeList(path_ + "/Entitlements.plist",
+              Dictionary{{"com.veltro.application-groups", Array{Value(group())}}});
+    Dictionary extension{{"QXExtensionPointName", docSourceExtensionPoint}};
+    if (!documentGroup.isNull()) {
+      extension.emplace("QXExtensionDocSourceDocumentGroup", documentGroup);
+    }
+    auto info = bundleInfo(identifier_, ownProgram());
+    info.emplace("QXExtension", extension);
+    writeList(path_ + "/Info.plist", info);
+  }
+  void remove() const { std::filesystem::remove_all(path_); }
+
+  /// A place to meet the provider; before it is installed.
+  void addPipe(const std::string& name) const {
+    std::filesystem::create_directories(path_);
+    if (mkfifo((path_ + "/" + name).c_str(), 0600) != 0) std::abort();
+  }
+  /// Waits until the provider is being set up, and ends that.
+  void endSetup(const std::string& how) const { std::ofstream(path_ + "/setup") << how << "\n"; }
+  bool isBeingSetUp() const {
+    return bool(FileDescriptor(open((path_ + "/setup").c_str(), O_WRONLY | O_NONBLOCK)));
+  }
+  /// Waits until the provider is told of a change.
+  std::string changedURL() const {
+    std::string url;
+    std::getline(std::ifstream(path_ + "/changed"), url);
+    return url;
+  }
+
+ private:
+  std::string identifier_;
+  std::string path_;
+};
+
+}  // namespace qx::test
