@@ -2,8 +2,9 @@
 //
 // Every step that takes content away is preceded by the mark, made durable, and the mark is cleared
 // as the last step of bringing content in. So whatever is cut off, and wherever, the file says
-// itself whether its content can be trusted. Eviction holds a lease meanwhile: nobody else has the
-// file open or mapped while it is looked at and emptied, and who opens it is held back.
+// itself whether its content can be trusted. Eviction marks under a lease: nobody else has the file
+// open or mapped while it is looked at, and who opens it is held back. It empties without: to tell
+// of an access the kernel opens the file itself, and would wait for the lease.
 
 #include "docsource/placeholder.h"
 
@@ -126,20 +127,40 @@ bool setSize(int file, std::uint64_t size) {
   return false;
 }
 
-/// No blocks, and the size and times of the shape.
+/// All of it; sets errno when it fails.
+bool writeAt(int file, off_t offset, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::pwrite(file, bytes.data(), bytes.size(), offset);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+    offset += count;
+  }
+  return true;
+}
+
+/// The size and times of the shape, and no blocks but the first: programs that copy files skip
+/// holes without reading, and would never find out that there is something to wait for.
 bool makeSparse(int file, const Placeholder::Shape& shape) {
   // The hole ends beyond the last block, of which only a part would be zeroed otherwise.
   constexpr off_t largestBlock = 1 << 20U;
+  constexpr off_t leastWithHoles = 512;
   struct stat status {};
   if (::fstat(file, &status) != 0 || !setSize(file, shape.size)) return false;
   const auto size = static_cast<off_t>(shape.size);
+  // Marked elsewhere, a file is known by its holes alone, and must have some.
+  const bool isMarked =
+      ::fgetxattr(file, attributeName(PlaceholderMarks::placeholder).c_str(), nullptr, 0) >= 0;
+  const bool hasFirst = size > status.st_blksize || (isMarked && size >= leastWithHoles);
+  const off_t first = hasFirst ? std::min<off_t>(size, status.st_blksize) : 0;
   const off_t room = std::numeric_limits<off_t>::max() - size;
-  if (status.st_blocks > 0 && size > 0 &&
-      ::fallocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0,
-                  size + std::min(room, largestBlock)) != 0) {
+  if (status.st_blocks > 0 && size > first &&
+      ::fallocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, first,
+                  size - first + std::min(room, largestBlock)) != 0) {
     return false;
   }
-  return setTimes(file, shape);
+  return writeAt(file, 0, std::string(static_cast<std::size_t>(first), '\0')) &&
+         setTimes(file, shape);
 }
 
 /// The file for oneself: held from when it is found that nobody else has it open or mapped. Others
@@ -167,6 +188,15 @@ class Lease {
   int file_;
   int problem_ = 0;
 };
+
+/// Has the kernel tell of every access again, without a change: it lets accesses to a file pass
+/// until its modification time is set (fanotify_mark(2), FAN_MARK_IGNORE).
+bool withdrawLeave(int file) {
+  struct stat status {};
+  if (::fstat(file, &status) != 0) return false;
+  const timespec times[2] = {{0, UTIME_OMIT}, status.st_mtim};
+  return ::futimens(file, times) == 0;
+}
 
 }  // namespace
 
@@ -269,24 +299,29 @@ Result<void> Placeholder::setUnchanged(const std::string& version) const {
 }
 
 Result<Placeholder::Eviction> Placeholder::evict(const std::optional<Shape>& shape) const {
+  const auto eviction = markUnlessInUse();
+  if (!eviction || *eviction != Eviction::evicted) return eviction;
+  const auto now = shapeOf(file_);
+  if (!now) return now.error();
+  if (auto emptied = reset(shape.value_or(*now)); !emptied) return emptied.error();
+  return Eviction::evicted;
+}
+
+/// Up to where there is no way back. Whoever gets at the file afterwards waits for its content.
+Result<Placeholder::Eviction> Placeholder::markUnlessInUse() const {
   if (marks_->get(file_, PlaceholderMarks::placeholder)) return Eviction::notPresent;
   const Lease lease(file_);
   if (lease.problem() == EAGAIN) return Eviction::inUse;
   if (lease.problem() != 0) return error(lease.problem());
   // Only now, with nobody left who could change it.
-  const auto now = shapeOf(file_);
-  if (!now) return now.error();
   if (isChanged()) return Eviction::changed;
   if (!marks_->set(file_, PlaceholderMarks::placeholder, placeholderText)) return error(errno);
-  const bool isDurable = ::fsync(file_) == 0;
+  const bool isMarked = ::fsync(file_) == 0 && withdrawLeave(file_);
   const int problem = errno;
-  if (!isDurable || lease.isWaitedFor()) {
-    if (!marks_->clear(file_, PlaceholderMarks::placeholder)) return error(errno);
-    if (!isDurable) return error(problem);
-    return Eviction::inUse;
-  }
-  if (auto emptied = reset(shape.value_or(*now)); !emptied) return emptied.error();
-  return Eviction::evicted;
+  if (isMarked && !lease.isWaitedFor()) return Eviction::evicted;
+  if (!marks_->clear(file_, PlaceholderMarks::placeholder)) return error(errno);
+  if (!isMarked) return error(problem);
+  return Eviction::inUse;
 }
 
 PlaceholderWriter::PlaceholderWriter(PlaceholderWriter&& other) noexcept
@@ -305,15 +340,10 @@ Result<void> PlaceholderWriter::write(std::string_view bytes) { return writeAt(p
 Result<void> PlaceholderWriter::writeAt(std::uint64_t offset, std::string_view bytes) {
   constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
   if (offset > largest || bytes.size() > largest - offset) return placeholder_.error(EFBIG);
-  while (!bytes.empty()) {
-    const ssize_t count =
-        ::pwrite(placeholder_.file_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return placeholder_.error(errno);
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-    offset += static_cast<std::uint64_t>(count);
+  if (!docsource::writeAt(placeholder_.file_, static_cast<off_t>(offset), bytes)) {
+    return placeholder_.error(errno);
   }
-  position_ = offset;
+  position_ = offset + bytes.size();
   return {};
 }
 

@@ -99,9 +99,11 @@ class DOCSOURCE_API Placeholder {
   /// By the marks alone: what a provider that marks all its placeholders goes by.
   PlaceholderState state() const;
 
-  /// The size becomes the shape's, all blocks go, and what was in it is lost: for a new file before
-  /// it gets its name, for a placeholder whose document has changed, for what a crash has left.
-  /// The file is never smaller than both sizes meanwhile.
+  /// The size becomes the shape's, all blocks but the first go, and what was in it is lost (the
+  /// first holds zeros, and is there for programs that copy files: they skip holes without reading,
+  /// and would not wait for the content). For a new file before it gets its name, for a
+  /// placeholder whose document has changed, for what a crash has left. The file is never smaller
+  /// than both sizes meanwhile.
   Result<void> reset(const Shape& shape) const;
 
   /// Begins to bring the content in: in place, so that whoever has the file open, or waits to read
@@ -136,6 +138,7 @@ class DOCSOURCE_API Placeholder {
  private:
   friend class PlaceholderWriter;
   Error error(int errnum) const;
+  Result<Eviction> markUnlessInUse() const;
 
   int file_;
   const PlaceholderMarks* marks_;
