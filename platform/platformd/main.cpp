@@ -1,9 +1,9 @@
 // platformd: the platform services that need standing authority, file coordination and the
 // redemption of sandbox extensions.
 //
-// Asked to watch every program, and with CAP_SYS_ADMIN, it is two processes: the one that is
-// started holds what must outlive a crash (EventHolder), and starts the other, which serves. Else
-// the one serves.
+// With CAP_SYS_ADMIN, where it watches every program, it is two processes: the one that is started
+// holds what must outlive a crash (EventHolder), and starts the other, which serves. Without, the
+// one serves.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -125,12 +125,13 @@ int hold(EventHolder::Groups groups) {
   return status;
 }
 
-/// What the kernel offers for files under the root, as far as it is wanted.
-CoordinationMechanism mechanismWith(const EventHolder::Groups& groups) {
-  const char* wanted = std::getenv("DOCSOURCE_COORDINATION");
-  if (wanted && std::string_view(wanted) == "open") return CoordinationMechanism::open;
-  return groups.accesses.knowsAccess(qx::Places::root()) ? CoordinationMechanism::access
-                                                         : CoordinationMechanism::open;
+/// The best that may be used; absent in the environment, and whatever else it says, all may.
+CoordinationMechanism wantedMechanism() {
+  const char* text = std::getenv("DOCSOURCE_COORDINATION");
+  for (const auto less : {CoordinationMechanism::open, CoordinationMechanism::cooperative}) {
+    if (text && text == qx::nameOf(less)) return less;
+  }
+  return CoordinationMechanism::access;
 }
 
 }  // namespace
@@ -149,21 +150,19 @@ int main(int argc, char* argv[]) {
   }
 
   DS_LOG("[NOTICE] %s starting.", arguments.front());
-  const char* wanted = std::getenv("DOCSOURCE_COORDINATION");
-  const std::string_view asked = wanted ? wanted : "cooperative";
-  auto mechanism = CoordinationMechanism::cooperative;
-  // Not unasked: while the kernel reports an access to a file on which its provider holds a lease,
-  // it waits for that lease, and an eviction with one stands still.
-  if (asked != "access" && asked != "open") {
-    qx::announceCoordinationMechanism(mechanism);
-    return serve();
-  }
-  auto groups = EventHolder::groups();
-  if (groups) {
-    mechanism = mechanismWith(*groups);
-  } else {
+  const auto wanted = wantedMechanism();
+  if (wanted != CoordinationMechanism::cooperative) {
+    auto groups =
+        EventHolder::groups(wanted == CoordinationMechanism::access ? qx::kernel::preAccess
+                                                                    : qx::kernel::openPermission);
+    if (groups) {
+      qx::announceCoordinationMechanism(groups->mask == qx::kernel::preAccess
+                                            ? CoordinationMechanism::access
+                                            : CoordinationMechanism::open);
+      return hold(*std::move(groups));
+    }
     DS_LOG("[INFO] The kernel cannot be asked for accesses. Error: %@", groups.error());
   }
-  qx::announceCoordinationMechanism(mechanism);
-  return groups ? hold(*std::move(groups)) : serve();
+  qx::announceCoordinationMechanism(CoordinationMechanism::cooperative);
+  return serve();
 }

@@ -179,7 +179,7 @@ TEST_F(ContinuityTest, WithADescriptorStoreReadersWaitForTheNextStart) {
   const auto number = [](const FileDescriptor& file) { return std::to_string(file.get()); };
   ChildProcess next({"bash", "-c",
                      "exec 3<&" + number(accesses) + " 4<&" + number(changes) +
-                         "; DOCSOURCE_COORDINATION=access LISTEN_PID=$$ LISTEN_FDS=2 "
+                         "; LISTEN_PID=$$ LISTEN_FDS=2 "
                          "LISTEN_FDNAMES=fanotify-accesses:fanotify-changes exec " +
                          builtProgram("platformd")});
   accesses.reset();

@@ -131,15 +131,19 @@ class TestSource final : public QXDocSource {
   std::function<void(const std::string&, Completion<Error>)> how_;
 };
 
+/// Why programs cannot be coordinated here, if so.
+inline std::optional<std::string> reasonNotToWatch() {
+  const auto group = kernel::AccessGroup::create();
+  if (!group) return "needs CAP_SYS_ADMIN: " + group.error().text();
+  if (group->knowsAccess("/tmp")) return std::nullopt;
+  return "needs a kernel and file system with FAN_PRE_ACCESS";
+}
+
 /// A platformd of its own, this process in the role of the daemon, and a directory of documents.
 class KernelTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (auto group = kernel::AccessGroup::create(); !group) {
-      GTEST_SKIP() << "needs CAP_SYS_ADMIN: " << group.error().text();
-    } else if (!group->knowsAccess("/tmp")) {
-      GTEST_SKIP() << "needs a kernel and file system with FAN_PRE_ACCESS";
-    }
+    if (const auto reason = reasonNotToWatch()) GTEST_SKIP() << *reason;
     temporaryRoot();
     installAsHost();
     fs::create_directories(items());
@@ -158,7 +162,6 @@ class KernelTest : public testing::Test {
   }
 
   void start(std::map<std::string, std::string> environment = {}) {
-    environment.try_emplace("DOCSOURCE_COORDINATION", "access");
     platformd_.emplace("platformd", temporaryRoot(), environment);
     ASSERT_TRUE(platformd_->logs("Every program is coordinated"));
   }

@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "platform/base/Errors.h"
+#include "platform/files/Places.h"
 #include "platform/log/Log.h"
 
 namespace qx::kernel {
@@ -65,7 +66,7 @@ rlim_t raiseDescriptorLimit() {
 
 }  // namespace
 
-Result<EventHolder::Groups> EventHolder::groups() {
+Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
   const rlim_t limit = raiseDescriptorLimit();
   FileDescriptor accesses = storedDescriptor(accessesName);
   FileDescriptor changes = storedDescriptor(changesName);
@@ -73,7 +74,8 @@ Result<EventHolder::Groups> EventHolder::groups() {
   const char* storable = std::getenv("FDSTORE");
   const bool keeps = storable && std::atoi(storable) >= 2;
   if (accesses && changes) {
-    Groups groups{AccessGroup(std::move(accesses)), ChangeGroup(std::move(changes)), keeps};
+    Groups groups{AccessGroup(std::move(accesses)), ChangeGroup(std::move(changes)), wanted, keeps};
+    if (!groups.accesses.knowsAccess(Places::root())) groups.mask = openPermission;
     // The files of these are not known any more; the numbers are enough to end the wait.
     const int most = static_cast<int>(std::min<rlim_t>(limit, 1U << 20U));
     int ended = 0;
@@ -86,13 +88,17 @@ Result<EventHolder::Groups> EventHolder::groups() {
         ended);
     return groups;
   }
-  auto newAccesses = AccessGroup::create();
+  auto newAccesses = AccessGroup::create(wanted);
+  if (newAccesses && wanted == preAccess && !newAccesses->knowsAccess(Places::root())) {
+    wanted = openPermission;
+    newAccesses = AccessGroup::create(wanted);
+  }
   if (!newAccesses) return newAccesses.error();
   auto newChanges = ChangeGroup::create();
   if (!newChanges) return newChanges.error();
   const bool stored = keeps && store(newAccesses->descriptor(), accessesName) &&
                       store(newChanges->descriptor(), changesName);
-  return Groups{*std::move(newAccesses), *std::move(newChanges), stored};
+  return Groups{*std::move(newAccesses), *std::move(newChanges), wanted, stored};
 }
 
 void EventHolder::startWorker() {
@@ -171,11 +177,9 @@ void EventHolder::reapWorker() {
 void EventHolder::readEvents() {
   for (auto& event : groups_.accesses.read()) {
     const int number = event.file.get();
-    if (event.process == worker_ || event.process == getpid()) {
-      groups_.accesses.answer(number, 0);
-    } else {
-      pending_.insert_or_assign(number, Pending{std::move(event)});
-    }
+    const bool isOurs = event.process == worker_ || event.process == getpid();
+    pending_.insert_or_assign(number, Pending{std::move(event)});
+    if (isOurs) answer(number, 0);
   }
 }
 
@@ -191,10 +195,8 @@ void EventHolder::sendEvents() {
 }
 
 void EventHolder::answer(int number, int errnum) {
-  const auto found = pending_.find(number);
-  if (found == pending_.end()) return;
-  groups_.accesses.answer(number, errnum);
-  pending_.erase(found);
+  // The file first: who goes on may want to know that nobody else has it open.
+  if (pending_.erase(number) != 0) groups_.accesses.answer(number, errnum);
 }
 
 void EventHolder::receive() {

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,12 +27,15 @@ class EventHolder {
   struct Groups {
     AccessGroup accesses;
     ChangeGroup changes;
+    /// The kind of events: preAccess where the kernel has it for files under the root.
+    std::uint64_t mask = preAccess;
     /// The service manager has them too, and keeps them when this process ends.
     bool stored = false;
   };
   /// From the service manager, or new ones, stored there if it is possible. Accesses that were read
-  /// by a process that is gone, but not answered, fail with EAGAIN.
-  static Result<Groups> groups();
+  /// by a process that is gone, but not answered, fail with EAGAIN. `wanted` is preAccess or, to do
+  /// with less, openPermission.
+  static Result<Groups> groups(std::uint64_t wanted);
 
   /// `sockets` are the worker's, see workerSocket().
   EventHolder(Groups groups, std::vector<FileDescriptor> sockets)

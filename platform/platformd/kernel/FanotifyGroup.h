@@ -32,8 +32,12 @@ struct AccessEvent {
 /// Any thread; the descriptor is non-blocking.
 class AccessGroup {
  public:
-  /// EPERM without CAP_SYS_ADMIN.
-  static Result<AccessGroup> create();
+  /// For events of that kind. EPERM without CAP_SYS_ADMIN.
+  ///
+  /// To report an event the kernel opens the file, and opening waits for leases (fcntl(2),
+  /// F_SETLEASE). Before an access only the holder of the lease itself can be in the way: it gets
+  /// EPERM, lest everybody wait for it. Before an opening whoever opens waits anyway.
+  static Result<AccessGroup> create(std::uint64_t mask = preAccess);
   explicit AccessGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   int descriptor() const { return descriptor_.get(); }

@@ -142,7 +142,9 @@ void KernelCoordinator::receive() {
   }
 }
 
-void KernelCoordinator::answer(const Request& request, int errnum) const {
+void KernelCoordinator::answer(Request request, int errnum) const {
+  // The file first: who goes on may want to know that nobody else has it open.
+  request.file.reset();
   holder_.send({Message::Kind::answer, request.number, request.process, errnum, 0}, -1, true);
 }
 
@@ -168,7 +170,7 @@ bool KernelCoordinator::isExempt(const Request& request, const std::optional<std
 void KernelCoordinator::decide(Request request) {
   struct stat status;
   if (fstat(request.file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    answer(request, 0);
+    answer(std::move(request), 0);
     return;
   }
   const FileIdentity identity = identityOf(status);
@@ -185,11 +187,11 @@ void KernelCoordinator::decide(Request request) {
     // remembered.
     if (status.st_size == 0) isExempt(request, trees_.pathOf(request.file.get(), status));
     trees_.settle(request.file.get(), status, request.mask);
-    answer(request, 0);
+    answer(std::move(request), 0);
     return;
   }
   if (isExempt(request, trees_.pathOf(request.file.get(), status))) {
-    answer(request, 0);
+    answer(std::move(request), 0);
     return;
   }
   files_[identity].requests.push_back(std::move(request));
@@ -260,11 +262,11 @@ void KernelCoordinator::askAgain() {
   for (const auto& identity : unasked) {
     // Who works for the doc source that came back does not wait for it.
     File& file = files_.at(identity);
-    std::erase_if(file.requests, [&](const Request& request) {
+    std::erase_if(file.requests, [&](Request& request) {
       struct stat status;
       const bool isFree = fstat(request.file.get(), &status) == 0 &&
                           isExempt(request, trees_.pathOf(request.file.get(), status));
-      if (isFree) answer(request, 0);
+      if (isFree) answer(std::move(request), 0);
       return isFree;
     });
     if (file.requests.empty()) {
@@ -322,7 +324,7 @@ void KernelCoordinator::finish(const FileIdentity& identity, int errnum) {
   auto node = files_.extract(identity);
   if (!node) return;
   if (node.mapped().deadline != 0) Clock::current().cancel(node.mapped().deadline);
-  for (const auto& request : node.mapped().requests) answer(request, errnum);
+  for (auto& request : node.mapped().requests) answer(std::move(request), errnum);
 }
 
 void KernelCoordinator::docSourceAdded(const DocSource& source) {

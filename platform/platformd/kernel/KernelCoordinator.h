@@ -93,7 +93,7 @@ class KernelCoordinator final : public DocSourceObserver,
   void provided(const FileIdentity& identity, std::uint64_t turn,
                 const std::optional<Error>& error);
   void finish(const FileIdentity& identity, int errnum);
-  void answer(const Request& request, int errnum) const;
+  void answer(Request request, int errnum) const;
   void changed();
   void apply(const ChangeEvent& change);
   void report(const std::string& path, pid_t writer);
