@@ -223,7 +223,7 @@ if grep -qx -e access -e open "$DOCSOURCE_ROOT/run/coordination"; then
   wait_until 'the edit has arrived at the origin' grep -qF 'the broker works' "$origin/diary.txt"
   show cat "$origin/diary.txt"
 else
-  printf '  left out: platformd was not asked to watch for them (docs/coordination.md)\n'
+  printf '  left out: platformd lacks the capability to watch for them (docs/coordination.md)\n'
 fi
 
 headline 'The access-control file'

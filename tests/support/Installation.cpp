@@ -71,6 +71,21 @@ ScriptedProvider Installation::installProvider(const std::string& identifier, Di
   return provider;
 }
 
+std::string Installation::installFolderProvider(const std::string& origin) {
+  const std::string identifier = "com.example.folders", group = "group.com.example.folders";
+  const auto staged = staging();
+  fs::copy_file(fs::path(builtProgram("docsource")).parent_path().parent_path() /
+                    "examples/FolderProvider.docext/folder-provider",
+                staged + "/program");
+  auto info = extensionInfo(identifier, group);
+  info.emplace("FolderProviderOrigin", origin);
+  writeList(staged + "/Info.plist", info);
+  writeList(staged + "/Entitlements.plist",
+            Dictionary{{"com.veltro.application-groups", Array{group}}});
+  put(staged, root_ + "/Extensions/" + identifier + ".docext");
+  return root_ + "/Containers/Group/" + group + "/Doc Source Storage";
+}
+
 Consumer Installation::installConsumer(const std::string& identifier,
                                        const Dictionary& entitlements, bool asNobody) {
   const std::string bundle = root_ + "/Applications/" + identifier + ".app";

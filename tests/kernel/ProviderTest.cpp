@@ -1,0 +1,129 @@
+// The whole system and the example provider, used by programs that never heard of either.
+
+#include "tests/endtoend/Broker.h"
+#include "tests/kernel/Fixture.h"
+
+namespace {
+
+using namespace qx::test;
+using qx::URL;
+
+const char* const identifier = "com.example.folders";
+
+class ProviderTest : public Broker {
+ protected:
+  void SetUp() override {
+    if (const auto reason = reasonNotToWatch()) GTEST_SKIP() << *reason;
+    platformd_.emplace("platformd", installation_.root());
+    ASSERT_TRUE(platformd_->logs("Every program is coordinated"));
+  }
+
+  /// Documents named after their content, and everything that it takes to have them.
+  void provide(const std::map<std::string, std::size_t>& documents) {
+    for (const auto& [name, size] : documents) {
+      std::ofstream(origin_ + "/" + name) << contentOf(name, size);
+    }
+    storage_ = installation_.installFolderProvider(origin_);
+    start();
+    ASSERT_TRUE(platformd_->logs(" placeholders of doc source " + std::string(identifier) + "."));
+    application_.emplace(readerAndWriter());
+    for (const auto& [name, size] : documents) {
+      const auto granted = application_->connect().call(
+          extendSandbox, {URL::fileURL(document(name)), identifier, application_->identifier()});
+      ASSERT_EQ(granted.kind, Wire::Answer::Kind::reply) << name;
+    }
+  }
+
+  std::string document(const std::string& name) const { return storage_ + "/" + name; }
+  /// Has the provider take the content away; whether it did.
+  bool evict(const std::string& name) const {
+    application_->connect().call(
+        stopProviding, {URL::fileURL(document(name)), identifier, application_->identifier()});
+    return isPlaceholder(name);
+  }
+  bool isPlaceholder(const std::string& name) const {
+    return getxattr(document(name).c_str(), "user.docsource.placeholder", nullptr, 0) >= 0;
+  }
+  std::int64_t blocks(const std::string& name) const {
+    struct stat status {};
+    return stat(document(name).c_str(), &status) == 0 ? status.st_blocks : -1;
+  }
+  /// Whichever thread of the daemon started them.
+  std::vector<pid_t> extensions() const {
+    std::vector<pid_t> all;
+    for (const auto& thread :
+         fs::directory_iterator("/proc/" + std::to_string(daemon_->id()) + "/task")) {
+      std::ifstream children(thread.path() / "children");
+      all.insert(all.end(), std::istream_iterator<pid_t>(children), {});
+    }
+    return all;
+  }
+
+  const std::string origin_ = installation_.staging();
+  std::string storage_;
+  std::optional<Daemon> platformd_;
+  std::optional<Consumer> application_;
+};
+
+TEST_F(ProviderTest, AnyProgramReadsAndEditsItsDocuments) {
+  provide({{"letter", 5000}, {"picture", 3'000'000}});
+  const auto check = [&](const std::string& command) {
+    ASSERT_TRUE(evict("picture"));
+    EXPECT_LE(blocks("picture"), 16);  // the first, and the attributes
+    EXPECT_EQ(
+        shell("cd '" + storage_ + "'; " + command + " | cmp - '" + origin_ + "/picture'").status, 0)
+        << command;
+  };
+  check("cat picture");
+  check("cp picture '" + installation_ / "copy" + "'; cat '" + installation_ / "copy" + "'");
+  check("tar cf - picture | tar xOf -");
+  // While somebody has it open it stays.
+  ChildProcess holding({"sh", "-c", "exec 3<'" + document("picture") + "'; echo open; read end"});
+  EXPECT_EQ(holding.readLine(), "open");
+  EXPECT_FALSE(evict("picture"));
+  holding.end();
+
+  ASSERT_TRUE(evict("letter"));
+  EXPECT_EQ(shell("sed -i s/abc/ABC/g '" + document("letter") + "'").status, 0);
+  EXPECT_TRUE(
+      eventually([&] { return readAll(origin_ + "/letter").find("ABC") != std::string::npos; }));
+  EXPECT_EQ(readAll(origin_ + "/letter"), readAll(document("letter")));
+}
+
+TEST_F(ProviderTest, EvictionsAndReadersGetAlong) {
+  provide({{"contested", 300'000}});
+  constexpr int rounds = 20;
+  std::vector<std::unique_ptr<ChildProcess>> readers;
+  for (const char* way : {"read", "mmap", "read"}) {
+    readers.push_back(std::make_unique<ChildProcess>(std::vector<std::string>{
+        "sh", "-c",
+        "for i in $(seq " + std::to_string(rounds) + "); do " + reader(way, "").front() + " " +
+            way + " '" + document("contested") + "'; done | sort | uniq -c | tr -s ' '"}));
+  }
+  std::size_t evicted = 0;
+  for (int i = 0; i < rounds; ++i) evicted += evict("contested") ? 1 : 0;
+  for (auto& each : readers) EXPECT_EQ(each->readLine(), " " + std::to_string(rounds) + " right");
+  EXPECT_TRUE(evict("contested"));
+}
+
+TEST_F(ProviderTest, OneThatDiesHalfWayLeavesNothingToRead) {
+  provide({{"half", 48'000'000}});
+  bool wasHalf = false;
+  for (int tries = 0; tries < 10 && !wasHalf; ++tries) {
+    ASSERT_TRUE(evict("half"));
+    const auto before = blocks("half");
+    ChildProcess waiting(reader("read", document("half")));
+    ASSERT_TRUE(eventually([&] { return blocks("half") > before; }));
+    for (const pid_t each : extensions()) kill(each, SIGKILL);
+    const auto heard = waiting.readLine();
+    wasHalf = heard != "right";
+    if (wasHalf) {
+      EXPECT_EQ(heard, "Resource temporarily unavailable");
+      EXPECT_TRUE(isPlaceholder("half"));
+    }
+    EXPECT_EQ(run(reader("read", document("half"))).line, "right");
+  }
+  EXPECT_TRUE(wasHalf) << "the provider was always faster";
+}
+
+}  // namespace
