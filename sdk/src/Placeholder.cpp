@@ -299,7 +299,7 @@ Result<void> Placeholder::setUnchanged(const std::string& version) const {
 }
 
 Result<Placeholder::Eviction> Placeholder::evict(const std::optional<Shape>& shape) const {
-  const auto eviction = markUnlessInUse();
+  auto eviction = markUnlessInUse();
   if (!eviction || *eviction != Eviction::evicted) return eviction;
   const auto now = shapeOf(file_);
   if (!now) return now.error();
