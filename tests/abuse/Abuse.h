@@ -1,0 +1,102 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/conduit/ServiceSocket.h"
+#include "servicer/DSDaemon.h"
+#include "tests/support/Daemons.h"
+#include "tests/support/Operations.h"
+#include "tests/support/SelfClient.h"
+#include "tests/support/SelfProvider.h"
+#include "tests/support/TemporaryRoot.h"
+#include "tests/support/Wire.h"
+
+namespace qx::test {
+
+/// Whether the long forms are to run (`./dev soak`), and not those that every run of the tests has
+/// time for.
+bool isSoak();
+
+/// A number of tries: that of the long form or of the short one, of which a sanitizer gets a
+/// quarter.
+std::size_t tries(std::size_t soak, std::size_t brief);
+
+/// What a run came to: printed as one line at its end, which `./dev soak` collects. A fault is an
+/// answer that should not have been given, a loss something that was promised and is gone.
+struct Tally {
+  explicit Tally(std::string what) : name(std::move(what)) {}
+  Tally(const Tally&) = delete;
+  Tally& operator=(const Tally&) = delete;
+  /// Fails the test where there were faults or losses.
+  ~Tally();
+
+  const std::string name;
+  std::size_t tries = 0;
+  std::size_t faults = 0;
+  std::size_t losses = 0;
+  /// What else is worth knowing.
+  std::string note;
+};
+
+/// The random numbers of a test: another seed each time, which is printed; DOCSOURCE_SEED repeats
+/// one.
+std::mt19937_64& randomness();
+std::size_t randomBelow(std::size_t limit);
+
+/// What a process holds at a moment (proc(5)).
+struct Usage {
+  std::size_t residentKiB = 0;
+  std::size_t descriptors = 0;
+  std::size_t threads = 0;
+  std::size_t children = 0;
+
+  static Usage of(pid_t process);
+  std::string text() const;
+};
+
+/// The installed system under attack: the test program is its clients, and its providers in other
+/// processes.
+class Abuse : public testing::Test {
+ protected:
+  static constexpr const char* app = "com.example.app";
+
+  Abuse();
+
+  /// Starts docsourced and waits until it serves; what it logs below `level` nobody wants.
+  void start(const std::string& level = "fault");
+  void kill() { EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL); }
+
+  /// A new connection; one that is over from the start when nobody serves.
+  static Wire connect(const std::string& service = dsDaemonServiceName);
+
+  std::string grant(Wire& wire, const std::string& name) const {
+    return wire.call(extendSandbox, {provider_.url(name), "com.example.p", app}).outcome();
+  }
+  std::string use(Wire& wire, const std::string& name) const {
+    return wire.call(startProviding, {provider_.url(name), "com.example.p", app}).outcome();
+  }
+
+  static std::string accessControlFile() {
+    return Places::home() + "/Library/DocSource/AccessControl.plist";
+  }
+  /// The identifiers of com.example.p that the file grants to the application; absent when the
+  /// file cannot be parsed.
+  static std::optional<std::vector<std::string>> grantsOnDisk();
+
+  // First of all: the places are under it.
+  const std::string root_ = temporaryRoot();
+  ProviderBundle provider_{"com.example.p"};
+  std::optional<Daemon> daemon_;
+};
+
+}  // namespace qx::test
