@@ -25,7 +25,8 @@ namespace qx::test {
 
 inline std::string ownProgram() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
-/// Items are named by their file name; "fail..." fails, "nameless" has no identifier.
+/// Items are named by their file name; "fail..." fails, "nameless" has no identifier, "hang..." is
+/// never provided.
 class SelfProvider final : public _QXDocSourceVendor {
  public:
   void _performInitialSetupWithCompletion(Completion<std::string, URL, Error> reply) override {
@@ -44,6 +45,7 @@ class SelfProvider final : public _QXDocSourceVendor {
   }
   void _startProvidingItemAtURL_completion(const std::optional<URL>& url,
                                            Completion<Error> reply) override {
+    if (nameOf(url).starts_with("hang")) return;
     reply(failureOf(url));
   }
   void _itemChangedAtURL_completion(const std::optional<URL>& url,
