@@ -1,6 +1,7 @@
 // Access to one document for a consumer: the grant, and the tokens that open the consumer's sandbox
 // to the document and its hidden sibling.
 
+#include <string_view>
 #include <utility>
 
 #include "platform/log/Log.h"
@@ -11,8 +12,21 @@
 
 namespace {
 
-std::optional<qx::Bytes> issueToken(const std::optional<qx::URL>& url) {
-  const auto path = url ? url->path() : std::nullopt;
+std::optional<std::string> pathOf(const std::optional<qx::URL>& url) {
+  return url ? url->path() : std::nullopt;
+}
+
+/// Whether the path is that of the hidden file beside the document. The URL of a sibling is made
+/// from text: where the last component holds an escaped "/", it may lead to another folder.
+bool isHiddenBeside(const std::optional<std::string>& sibling, std::string_view document) {
+  while (document.ends_with('/')) document.remove_suffix(1);
+  const std::size_t separator = document.rfind('/');
+  if (!sibling || separator == std::string_view::npos) return false;
+  std::string expected(document);
+  return *sibling == expected.insert(separator + 1, 1, '.');
+}
+
+std::optional<qx::Bytes> issueToken(const std::optional<std::string>& path) {
   if (!path) return std::nullopt;
   const auto token = SandboxIssueFileExtension(qx::sandboxExtensionReadWrite, *path, 0);
   if (!token) return std::nullopt;
@@ -107,8 +121,11 @@ bool issueSandboxExtensionsForURL(const std::optional<qx::URL>& url,
                                   std::optional<qx::Bytes>* outSiblingToken,
                                   std::optional<qx::Error>* /*outError*/) {
   const auto siblingURL = url ? hiddenSiblingURLForURL(*url) : std::nullopt;
-  auto token = issueToken(url);
-  auto siblingToken = issueToken(siblingURL);
+  const auto path = pathOf(url);
+  const auto siblingPath = pathOf(siblingURL);
+  auto token = issueToken(path);
+  std::optional<qx::Bytes> siblingToken;
+  if (path && isHiddenBeside(siblingPath, *path)) siblingToken = issueToken(siblingPath);
   if (outToken) *outToken = std::move(token);
   if (outSiblingURL) *outSiblingURL = siblingURL;
   if (outSiblingToken) *outSiblingToken = std::move(siblingToken);

@@ -105,6 +105,26 @@ TEST_F(SandboxGrantTest, RefusesWithoutGranting) {
   EXPECT_FALSE(isGranted("A", "x", "C"));
 }
 
+TEST_F(SandboxGrantTest, TheSiblingsTokenStaysInTheDocumentsFolder) {
+  const auto folder = std::filesystem::path(*a->url("x").path()).parent_path();
+  for (const auto& path : {folder / "x", folder / ".x", folder.parent_path() / "x"}) {
+    std::ofstream(path) << "x";
+  }
+  const auto siblingTokenOf = [&](const std::string& name) {
+    Bytes token;
+    const qx::URL url(qx::URL::fileURL(folder.string(), true).absoluteString() + name);
+    issueSandboxExtensionsForURL(url, nullptr, nullptr, &token, nullptr);
+    return token;
+  };
+  EXPECT_TRUE(siblingTokenOf("x"));
+  EXPECT_TRUE(siblingTokenOf("x/"));
+  // The same document, but "." in front of its name would make it "..", or miss the name.
+  EXPECT_FALSE(siblingTokenOf(".%2Fx"));
+  EXPECT_FALSE(siblingTokenOf("%2Fx"));
+  EXPECT_FALSE(siblingTokenOf("x?y/z"));
+  std::filesystem::remove(folder.parent_path() / "x");
+}
+
 TEST_F(SandboxGrantTest, PlacesForTheTokensMayBeAbsent) {
   std::optional<qx::Error> error;
   EXPECT_TRUE(issueSandboxExtensionsForURL(a->url("x"), nullptr, nullptr, nullptr, &error));
