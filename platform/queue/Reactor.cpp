@@ -100,10 +100,12 @@ class EpollReactor final : public Reactor {
       }
       if (waiting_.fetch_sub(1) == 1) startThread();
       armed_.load(std::memory_order_acquire);
+      // A copy: the kernel's structure is packed, and nothing may refer into it.
+      const SourceID source = event.data.u64;
       std::shared_ptr<ReactorHandler> handler;
       {
         std::lock_guard lock(mutex_);
-        auto found = handlers_.find(event.data.u64);
+        auto found = handlers_.find(source);
         if (found != handlers_.end()) handler = found->second;
       }
       if (handler) handler->ready(event.events);
