@@ -80,7 +80,7 @@ bool setTimes(const Descriptor& file, const struct stat& like) {
 /// The whole of `from`, from its beginning, piece by piece.
 using Sink = std::function<Result<void>(std::string_view)>;
 Result<void> copyContent(const Descriptor& from, const std::string& path, const Sink& sink) {
-  std::array<char, 1U << 16U> buffer;
+  std::string buffer(1U << 20U, '\0');
   off_t position = 0;
   while (true) {
     const ssize_t count = ::pread(from.get(), buffer.data(), buffer.size(), position);
@@ -218,10 +218,7 @@ Result<void> FolderProvider::bringIn(const Places& places, const std::string& re
     const std::string version = versionOf(from.file);
     const auto shape = Placeholder::shapeOf(from.file.get());
     if (!shape) return shape.error();
-    std::uint64_t position = 0;
-    auto copied = copyContent(from.file, path, [&](std::string_view bytes) {
-      return writer->writeAt(std::exchange(position, position + bytes.size()), bytes);
-    });
+    auto copied = writer->copy(from.file.get());
     if (!copied) return copied;
     if (versionOf(from.file) != version) continue;
     if (!marks.set(item.get(), relative, originMark, version)) return Error::file(errno, path);

@@ -139,6 +139,22 @@ bool writeAt(int file, off_t offset, std::string_view bytes) {
   return true;
 }
 
+/// A piece of one file to the same place in another: how much, 0 at the end, or -1 with errno set.
+ssize_t copyPiece(int source, int file, off_t offset) {
+  constexpr std::size_t large = 16U << 20U;
+  constexpr std::size_t small = 1U << 20U;
+  off_t from = offset;
+  off_t to = offset;
+  ssize_t count = ::copy_file_range(source, &from, file, &to, large, 0);
+  if (count > 0 || (count < 0 && (errno == EINTR || errno == ENOSPC))) return count;
+  // The end, or two files between which the kernel does not copy.
+  std::string buffer(small, '\0');
+  count = ::pread(source, buffer.data(), buffer.size(), offset);
+  if (count <= 0) return count;
+  buffer.resize(static_cast<std::size_t>(count));
+  return writeAt(file, offset, buffer) ? count : -1;
+}
+
 /// The size and times of the shape, and no blocks but the first: programs that copy files skip
 /// holes without reading, and would never find out that there is something to wait for.
 bool makeSparse(int file, const Placeholder::Shape& shape) {
@@ -345,6 +361,21 @@ Result<void> PlaceholderWriter::writeAt(std::uint64_t offset, std::string_view b
   }
   position_ = offset + bytes.size();
   return {};
+}
+
+Result<void> PlaceholderWriter::copy(int source) {
+  const int file = placeholder_.file_;
+  position_ = 0;
+  while (true) {
+    const auto offset = static_cast<off_t>(position_);
+    const ssize_t count = copyPiece(source, file, offset);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return placeholder_.error(errno);
+    if (count == 0) return {};
+    // Only a hint: finish() sees to it.
+    ::sync_file_range(file, offset, count, SYNC_FILE_RANGE_WRITE);
+    position_ += static_cast<std::uint64_t>(count);
+  }
 }
 
 Result<void> PlaceholderWriter::finish(const Placeholder::Shape& shape) {

@@ -14,7 +14,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -159,6 +162,28 @@ TEST_F(PlaceholderTest, IsFilledInPlace) {
   succeeds(writer->finish({1 << 24U, longAgo, std::nullopt}));
   EXPECT_LT(query(path).occupied, query(path).size);
   EXPECT_EQ(query(path).state, PlaceholderState::present);
+}
+
+TEST_F(PlaceholderTest, IsFilledFromAnotherFile) {
+  std::ofstream(root / "source") << content;
+  // The kernel copies from the first, not from the other, whose size it does not know either.
+  for (const std::string& from : {root / "source", std::string("/proc/version")}) {
+    const auto source = open(from, O_RDONLY);
+    std::ostringstream expectedText;
+    expectedText << std::ifstream(from).rdbuf();
+    const auto expected = expectedText.str();
+    ASSERT_FALSE(expected.empty());
+    const std::string copy = root / "copy";
+    std::filesystem::remove(copy);
+    succeeds(Placeholder::make(copy, {expected.size(), longAgo, std::nullopt}));
+    const auto file = open(copy);
+    auto writer = Placeholder(file.get()).fill();
+    ASSERT_TRUE(writer.ok());
+    succeeds(writer->copy(source.get()));
+    succeeds(writer->write("more"));
+    succeeds(writer->finish({expected.size() + 4, longAgo, std::nullopt}));
+    EXPECT_TRUE(read(file.get()) == expected + "more") << from;
+  }
 }
 
 TEST_F(PlaceholderTest, GivesUpWithoutATrace) {

@@ -157,6 +157,11 @@ class DOCSOURCE_API PlaceholderWriter {
   /// Anywhere, in any order; write() goes on behind it.
   Result<void> writeAt(std::uint64_t offset, std::string_view bytes);
 
+  /// The whole of another open file, from its beginning, to the beginning of this one; write() goes
+  /// on behind it. The kernel copies where it can (copy_file_range(2)), and begins to write to disk
+  /// meanwhile.
+  Result<void> copy(int source);
+
   /// The content is complete: makes it durable, sets size and times, and makes it present. The
   /// writer is then of no more use. After an error the file is a placeholder.
   Result<void> finish(const Placeholder::Shape& shape);
