@@ -84,6 +84,8 @@ struct Folder {
   std::map<std::string, Entry> entries;
   std::map<FileIdentity, std::vector<const Entry*>> byExecutable;
   std::vector<std::shared_ptr<const Bundle>> good;
+  /// How many bundles call themselves that.
+  std::map<std::string, unsigned> identifiers;
 };
 
 class WatchingCatalog final : public BundleCatalog {
@@ -123,7 +125,8 @@ class WatchingCatalog final : public BundleCatalog {
       rereadOutsideExecutables();
       claimants = claimantsOf(*executable);
     }
-    return claimants.size() == 1 ? claimants.front()->bundle : nullptr;
+    if (claimants.size() != 1 || isDisputed(*claimants.front()->bundle)) return nullptr;
+    return claimants.front()->bundle;
   }
 
   void observeChanges(std::function<void()> observer) override {
@@ -199,6 +202,19 @@ class WatchingCatalog final : public BundleCatalog {
       if (found != folder(kind).byExecutable.end()) return found->second;
     }
     return {};
+  }
+
+  /// Whether another bundle calls itself the same: its processes must not pass for this one's. As
+  /// with executables, applications go before extensions.
+  bool isDisputed(const Bundle& bundle) {
+    const auto count = [&](BundleKind kind) {
+      const auto& identifiers = folder(kind).identifiers;
+      const auto found = identifiers.find(bundle.identifier);
+      return found == identifiers.end() ? 0U : found->second;
+    };
+    const auto applications = count(BundleKind::application);
+    if (bundle.kind == BundleKind::application) return applications > 1;
+    return applications > 0 || count(BundleKind::extension) > 1;
   }
 
   static bool claimStands(const Entry& entry) {
@@ -374,9 +390,11 @@ class WatchingCatalog final : public BundleCatalog {
     for (auto& folder : folders_) {
       folder.good.clear();
       folder.byExecutable.clear();
+      folder.identifiers.clear();
       for (const auto& [name, entry] : folder.entries) {
         if (!entry.bundle) continue;
         folder.good.push_back(entry.bundle);
+        ++folder.identifiers[entry.bundle->identifier];
         folder.byExecutable[*entry.executable].push_back(&entry);
       }
     }

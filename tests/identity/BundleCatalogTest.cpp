@@ -241,6 +241,29 @@ TEST_F(BundleCatalogTest, ADisputedExecutableIdentifiesNobody) {
   EXPECT_EQ(identityOf(process), "nobody");
 }
 
+TEST_F(BundleCatalogTest, ADisputedIdentifierIsNobodys) {
+  makeBundle(application("one"), "com.example.one");
+  makeBundle(application("two"), "com.example.two");
+  makeBundle(extension("three"), "com.example.three");
+  ChildProcess one({programOf(application("one"))});
+  ChildProcess two({programOf(application("two"))});
+  ChildProcess three({programOf(extension("three"))});
+  const auto claim = [&](const std::string& bundle, const std::string& identifier) {
+    writeList(bundle + "/Info.plist", bundleInfo(identifier, "program"));
+  };
+  claim(application("two"), "com.example.one");
+  EXPECT_EQ(identityOf(one), "nobody");
+  EXPECT_EQ(identityOf(two), "nobody");
+  claim(application("two"), "com.example.two");
+  EXPECT_EQ(identityOf(one), "com.example.one");
+  EXPECT_EQ(identityOf(two), "com.example.two");
+
+  EXPECT_EQ(identityOf(three), "com.example.three");
+  claim(extension("three"), "com.example.one");
+  EXPECT_EQ(identityOf(three), "nobody");
+  EXPECT_EQ(identityOf(one), "com.example.one") << "applications go before extensions";
+}
+
 TEST_F(BundleCatalogTest, IdentityHoldsInOtherNamespaces) {
   auto bundle = application("one");
   makeBundle(bundle, "com.example.one");
