@@ -117,7 +117,7 @@ TEST_F(Load, LeavesNothingBehind) {
   // Once for what is kept for good, pools and tables among it. In the long form the extension and
   // idle threads are given the ten seconds after which they end.
   storm(tries(5000, 200), 200, tries(100000, 2000));
-  const Usage most{0, 16, isSoak() ? 8U : 80U, isSoak() ? 0U : 1U};
+  const Usage most{0, 24, isSoak() ? 8U : 1000U, isSoak() ? 0U : 1U};
   ASSERT_TRUE(returnsTo(most));
   const Usage before = Usage::of(daemon_->id());
   const auto began = std::chrono::steady_clock::now();
