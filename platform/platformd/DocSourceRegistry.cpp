@@ -34,8 +34,8 @@ void DocSourceRegistry::add(const std::string& identifier, const qx::URL& provid
         DocSource{++lastNumber_, identifier, providedItemsURL, host});
     sources_[identifier] = source;
   }
-  DS_LOG("[INFO] Coordinating %@ for doc source %@.", providedItemsURL, identifier);
   if (const auto observer = observer_.lock()) observer->docSourceAdded(*source);
+  DS_LOG("[INFO] Coordinating %@ for doc source %@.", providedItemsURL, identifier);
 }
 
 std::optional<qx::Error> DocSourceRegistry::remove(const std::string& identifier,

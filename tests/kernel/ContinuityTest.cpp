@@ -24,6 +24,11 @@ int rounds() {
   return wanted ? std::atoi(wanted) : 3;
 }
 
+mode_t modeOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : ~mode_t{0};
+}
+
 TEST_F(ContinuityTest, EveryByteIsRightWhileWorkersAreKilled) {
   constexpr int placeholders = 200;
   for (int i = 0; i < placeholders; ++i) makePlaceholder(item(std::to_string(i)), 5000 + i);
@@ -84,10 +89,6 @@ TEST_F(ContinuityTest, APlannedStopMakesPlaceholdersUnreadableAndAStartReadable)
   EXPECT_EQ(platformd_->end(SIGTERM), 0);
   EXPECT_EQ(waiting.readLine(), "Resource temporarily unavailable");
   EXPECT_EQ(platformd_->count("placeholders are unreadable until the next start"), 1u);
-  const auto modeOf = [](const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 07777U;
-  };
   EXPECT_EQ(modeOf(item("marked")), 0u);
   EXPECT_EQ(modeOf(item("bare")), 0u);
   EXPECT_EQ(modeOf(item("content")), 0644u);
@@ -99,6 +100,23 @@ TEST_F(ContinuityTest, APlannedStopMakesPlaceholdersUnreadableAndAStartReadable)
   source->behave(nullptr);
   EXPECT_EQ(run(reader("read", item("marked"))).line, "right");
   EXPECT_EQ(run(reader("read", item("bare"))).line, "right");
+}
+
+TEST_F(ContinuityTest, AStopWhileTheNextWorkerLooksAroundConcealsEverything) {
+  constexpr int count = 1000;
+  for (int i = 0; i < count; ++i) {
+    const std::string directory = item(std::to_string(i / 50));
+    fs::create_directories(directory);
+    makePlaceholder(directory + "/" + std::to_string(i), 1000);
+  }
+  const auto source = add();
+  kill(worker(), SIGKILL);
+  ASSERT_TRUE(platformd_->logs("for doc source com.example.source.", 2));
+  EXPECT_EQ(platformd_->end(SIGTERM), 0);
+  EXPECT_TRUE(platformd_->logs(std::to_string(count) + " placeholders are unreadable"));
+  for (int i = 0; i < count; ++i) {
+    ASSERT_EQ(modeOf(item(std::to_string(i / 50) + "/" + std::to_string(i))), 0u) << i;
+  }
 }
 
 TEST_F(ContinuityTest, WhenTheHolderIsKilledNobodyReadsZeros) {

@@ -488,7 +488,10 @@ void KernelCoordinator::report(const std::string& path, pid_t writer) {
 void KernelCoordinator::stop() {
   queue_->sync([&] {
     if (!groupsStay_) {
-      const std::size_t concealed = trees_.concealAll();
+      // Also where the marks have not come to yet.
+      std::vector<std::string> directories = removed_;
+      for (const auto& [identifier, tree] : sources_) directories.push_back(tree.directory);
+      const std::size_t concealed = trees_.conceal(std::move(directories));
       DS_LOG("[NOTICE] Stopping; %d placeholders are unreadable until the next start.", concealed);
     }
     if (!isWithoutHolder_) {

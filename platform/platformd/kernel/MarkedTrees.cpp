@@ -92,12 +92,12 @@ MarkedTrees::Scan MarkedTrees::mark(const std::string& directory, Maker maker) {
       const std::string entryPath = path + "/" + name;
       if (S_ISDIR(entry.st_mode)) open.push_back(entryPath);
       if (!S_ISREG(entry.st_mode)) return;
-      Placeholder::reveal(entryPath, entry);
+      const std::lock_guard lock(mutex_);
+      if (!isConcealing_) Placeholder::reveal(entryPath, entry);
       const bool isForeign = maker == Maker::somebodyElse;
       if (isForeign && Placeholder::ofPath(entryPath, entry) == Placeholder::State::placeholder) {
         Placeholder::setLocal(entryPath, true);
       }
-      const std::lock_guard lock(mutex_);
       if (examineLocked(entryPath, entry, true)) {
         ++scan.placeholders;
       } else if (isForeign) {
@@ -201,21 +201,27 @@ bool MarkedTrees::hasChanged(const struct stat& status) {
   return !isNew && std::exchange(entry->second, time) != time;
 }
 
-std::size_t MarkedTrees::concealAll() {
+std::size_t MarkedTrees::conceal(std::vector<std::string> directories) {
+  {
+    const std::lock_guard lock(mutex_);
+    isConcealing_ = true;
+  }
   std::size_t concealed = 0;
-  const std::lock_guard lock(mutex_);
-  for (const auto& entry : directories_) {
-    const std::string& directory = entry.second;
+  while (!directories.empty()) {
+    const std::string directory = std::move(directories.back());
+    directories.pop_back();
     const FileDescriptor descriptor = openDirectory(directory);
     if (!descriptor) continue;
     eachEntry(descriptor, [&](const char* name, ino_t) {
       struct stat status;
       const std::string path = directory + "/" + name;
-      if (lstat(path.c_str(), &status) != 0 ||
-          Placeholder::ofPath(path, status) == Placeholder::State::content) {
-        return;
+      if (lstat(path.c_str(), &status) != 0) return;
+      if (S_ISDIR(status.st_mode)) {
+        directories.push_back(path);
+      } else if (Placeholder::ofPath(path, status) != Placeholder::State::content &&
+                 Placeholder::conceal(path, status)) {
+        ++concealed;
       }
-      if (Placeholder::conceal(path, status)) ++concealed;
     });
   }
   return concealed;

@@ -64,8 +64,9 @@ class MarkedTrees {
   /// looked at; false for a file seen for the first time.
   bool hasChanged(const struct stat& status);
 
-  /// Makes all placeholders unreadable; returns how many.
-  std::size_t concealAll();
+  /// Makes the placeholders in the directories and below unreadable, whether marks have come to
+  /// them or not, and for good: mark() makes none readable any more. Returns how many.
+  std::size_t conceal(std::vector<std::string> directories);
 
  private:
   std::uint64_t markDirectory(int directory, int& errnum);
@@ -81,6 +82,7 @@ class MarkedTrees {
   std::map<FileIdentity, std::string> directories_;  // the same, by identity
   std::map<FileIdentity, std::string> placeholders_;
   std::map<FileIdentity, std::pair<std::int64_t, std::int64_t>> times_;
+  bool isConcealing_ = false;
 };
 
 }  // namespace qx::kernel
