@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "acl/DSAccessControlStore.h"
+#include "platform/files/FileManager.h"
 #include "platform/log/Log.h"
 #include "platform/queue/WorkQueue.h"
 #include "providers/DSExtensionDocSource.h"
@@ -52,6 +53,14 @@ void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
     provider = DSExtensionDocSource::providerForURL(url);
     if (!provider) error = DSNotFoundErrorURL(url);
   }
+  // What the client may write must be what the provider is asked about, although a link on the way
+  // may lead elsewhere at each look: from here on it is the item under the provider's own name.
+  std::optional<qx::URL> item;
+  if (!error) {
+    item = qx::FileManager::itemURLBelowDirectory(provider->providedItemsURL(), url);
+    const bool isTheSame = item && item->absoluteString() == url->absoluteString();
+    if (!item || (!isTheSame && !clientHasSandboxAccessToFile(item))) error = DSNotPermittedError();
+  }
   if (error) {
     DS_LOG(
         "[ERROR] Could not extend bookmark privileges for URL %@ from bundle %@ to consumer ID %@, "
@@ -64,7 +73,7 @@ void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
   }
 
   provider->itemIDForURL_completionHandler(
-      url,
+      item,
       [completion = std::move(completion), self = shared_from_this(), provider, consumerID, url](
           const std::optional<qx::Error>& lookupError, const std::optional<std::string>& itemID) {
         if (lookupError) {

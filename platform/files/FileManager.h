@@ -40,6 +40,12 @@ std::unique_ptr<std::istream> inputStream(const std::string& path);
 Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
     const std::optional<URL>& directory, const std::optional<URL>& item);
 
+/// The item as the directory's own URL and the names below it, all links and ".." resolved: nobody
+/// can lead this URL elsewhere who may not change the directory. Absent when the item is not there
+/// or not below the directory.
+std::optional<URL> itemURLBelowDirectory(const std::optional<URL>& directory,
+                                         const std::optional<URL>& item);
+
 /// Removes a file or a whole tree without following links. ENOENT is no error.
 std::optional<Error> removeTree(const std::string& path);
 

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -142,6 +143,25 @@ Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
     return fileError(failed == ENOENT ? ESTALE : failed, item);
   }
   return walk.relationshipOf({status.st_dev, status.st_ino});
+}
+
+std::optional<URL> itemURLBelowDirectory(const std::optional<URL>& directory,
+                                         const std::optional<URL>& item) {
+  const auto directoryPath = directory ? directory->path() : std::nullopt;
+  const auto itemPath = item ? item->path() : std::nullopt;
+  if (!directoryPath || !itemPath) return std::nullopt;
+  std::error_code problem;
+  const auto root = std::filesystem::canonical(*directoryPath, problem);
+  if (problem) return std::nullopt;
+  const auto there = std::filesystem::canonical(*itemPath, problem);
+  if (problem) return std::nullopt;
+  const auto below = there.lexically_relative(root);
+  if (below.empty() || below == "." || *below.begin() == "..") return std::nullopt;
+  // A URL that says so already stays as it is written.
+  const auto direct = std::filesystem::path(*directoryPath) / below;
+  std::filesystem::path given = *itemPath;
+  if (!given.has_filename()) given = given.parent_path();
+  return direct == given ? item : URL::fileURL(direct.string());
 }
 
 }  // namespace qx::FileManager

@@ -161,6 +161,29 @@ TEST_F(RelationshipTest, EverythingElseThatFailsIsAnotherError) {
   }
 }
 
+TEST_F(RelationshipTest, AnItemBelowADirectoryHasOneNameThere) {
+  const auto below = [this](const std::string& directory, const std::string& item) {
+    const auto url = FileManager::itemURLBelowDirectory(URL::fileURL(root / directory),
+                                                        URL::fileURL(root / item));
+    return url ? url->absoluteString() : "";
+  };
+  const auto text = [this](const std::string& name) {
+    return URL::fileURL(root / name).absoluteString();
+  };
+  EXPECT_EQ(below("Documents", "Documents/file"), text("Documents/file"));
+  EXPECT_EQ(below("Documents", "Documents/folder/"), text("Documents/folder/"));
+  EXPECT_EQ(below("Documents", "Documents/inFile"), text("Documents/file"));
+  EXPECT_EQ(below("Documents", "alias/file"), text("Documents/file"));
+  EXPECT_EQ(below("alias", "Documents/file"), text("alias/file"));
+  EXPECT_EQ(below("alias", "alias/file"), text("alias/file"));
+  EXPECT_EQ(below("Documents", "Outside/../Documents/file"), text("Documents/file"));
+  for (const char* item : {"Documents", "alias", "Documents/outFile", "Outside/file", "Documents2",
+                           "Documents/missing", "Documents/loop", "Documents/inDangling"}) {
+    EXPECT_EQ(below("Documents", item), "") << item;
+  }
+  EXPECT_EQ(below("missing", "Documents/file"), "");
+}
+
 TEST_F(RelationshipTest, ADirectoryThatMayNotBeSearchedGivesNoAnswer) {
   ASSERT_EQ(::chmod(root.path().c_str(), 0755), 0);
   ASSERT_EQ(::chmod((root / "Outside").c_str(), 0), 0);

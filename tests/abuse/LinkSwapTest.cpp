@@ -1,0 +1,137 @@
+// A directory that becomes a link to another one and back, again and again, while the daemons are
+// asked about what lies in it: what is opened and granted is what was checked.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tests/abuse/Abuse.h"
+#include "tests/support/BundleMaker.h"
+#include "tests/support/Installation.h"
+
+namespace qx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class LinkSwap : public Abuse {
+ protected:
+  /// The client's own directory "folder" and a link to somebody else's change places, for as long
+  /// as this lives.
+  class Swapping {
+   public:
+    Swapping(const std::string& place, const std::string& target)
+        : folder_(place + "/folder"), link_(place + "/link") {
+      fs::create_directories(folder_);
+      fs::create_directory_symlink(target, link_);
+      thread_ = std::thread([this] {
+        while (!over_) {
+          if (renameat2(AT_FDCWD, folder_.c_str(), AT_FDCWD, link_.c_str(), RENAME_EXCHANGE) != 0) {
+            std::abort();
+          }
+          for (auto pause = pause_.load(); pause > 0; --pause) over_.load();
+        }
+      });
+    }
+    ~Swapping() {
+      over_ = true;
+      thread_.join();
+    }
+    Swapping(const Swapping&) = delete;
+    Swapping& operator=(const Swapping&) = delete;
+
+    /// Another rhythm.
+    void change() { pause_ = randomBelow(30000); }
+
+   private:
+    const std::string folder_;
+    const std::string link_;
+    std::atomic<bool> over_ = false;
+    std::atomic<std::size_t> pause_ = 0;
+    std::thread thread_;
+  };
+
+  static void put(const std::string& path, const char* text) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path) << text;
+  }
+
+  const std::string place_ = root_ + "/place";
+  const std::string victim_ = root_ + "/victim";
+};
+
+TEST_F(LinkSwap, ATokenOpensTheFileThatItWasIssuedFor) {
+  Tally tally("links swapped in while tokens are issued and redeemed");
+  put(place_ + "/folder/document", "mine");
+  put(victim_ + "/document", "secret");
+  start();
+  Daemon redeemer("platformd", root_, {{"DOCSOURCE_LOG", "fault"}});
+  ASSERT_TRUE(eventually([] { return connect(sandboxService).socket() >= 0; }));
+  Wire asking = connect();
+  Wire redeeming = connect(sandboxService);
+  const URL url = URL::fileURL(place_ + "/folder/document");
+  // Issued while nothing moves.
+  const auto granted = asking.call(extendSandbox, {url, "com.example.p", app});
+  const auto* token = granted.at<Bytes>(1);
+  ASSERT_TRUE(token);
+  std::size_t opened = 0;
+  {
+    Swapping swapping(place_, victim_);
+    for (std::size_t i = 0; i < tries(100000, 1000); ++i) {
+      if (i % 100 == 0) swapping.change();
+      const auto answer = redeeming.call("consumeExtension:completion:", {*token});
+      ++tally.tries;
+      const auto* file = answer.at<SharedDescriptor>(1);
+      if (!file) continue;
+      std::array<char, 4> text{};
+      if (pread((*file)->get(), text.data(), text.size(), 0) != 4 ||
+          std::string_view(text.data(), 4) != "mine") {
+        ++tally.faults;
+      }
+      ++opened;
+    }
+  }
+  EXPECT_GT(opened, 0U);
+  tally.note = std::to_string(opened) + " opened";
+}
+
+TEST_F(LinkSwap, ABookmarkIsForTheDocumentThatTheClientMayWrite) {
+  Tally tally("links swapped in while bookmarks are extended");
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to have a client that may not open everything";
+  // The provider's directory is closed to the client, which has a document of the same name.
+  put(provider_.storage() + "/document", "secret");
+  put(place_ + "/folder/document", "mine");
+  fs::permissions(provider_.storage(), fs::perms(0700));
+  fs::permissions(place_ + "/folder/document", fs::perms(0666));
+  for (const auto& open : {root_, root_ + "/run"}) fs::permissions(open, fs::perms(0755));
+  const auto bundle = Places::applications() + "/nobody.app";
+  makeBundle(bundle, "com.example.nobody", builtProgram("scripted-consumer"));
+  start();
+  const Consumer nobody(root_, "com.example.nobody", bundle + "/program", true);
+  Wire wire = nobody.connect();
+  ASSERT_EQ(wire.call(extendBookmark, {provider_.url("document"), app}).outcome(),
+            "DSErrorDomain 3");
+  const URL url = URL::fileURL(place_ + "/folder/document");
+  {
+    Swapping swapping(place_, provider_.storage());
+    for (std::size_t i = 0; i < tries(100000, 3000); ++i) {
+      if (i % 100 == 0) swapping.change();
+      const auto answer = wire.call(extendBookmark, {url, app});
+      ++tally.tries;
+      if (answer.outcome() == "success") ++tally.faults;
+    }
+  }
+  const auto held = grantsOnDisk();
+  if (!held || !held->empty()) ++tally.losses;
+}
+
+}  // namespace
+}  // namespace qx::test
