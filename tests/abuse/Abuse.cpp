@@ -13,11 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t divisor = 4;
-#else
-constexpr std::size_t divisor = 1;
-#endif
+constexpr std::size_t divisor = isSanitized ? 4 : 1;
 
 std::size_t entries(const std::string& directory) {
   std::error_code gone;

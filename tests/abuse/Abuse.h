@@ -23,6 +23,12 @@
 
 namespace qx::test {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool isSanitized = true;
+#else
+inline constexpr bool isSanitized = false;
+#endif
+
 /// Whether the long forms are to run (`./dev soak`), and not those that every run of the tests has
 /// time for.
 bool isSoak();

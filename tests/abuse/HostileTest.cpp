@@ -55,7 +55,9 @@ class Hostile : public Abuse {
     const Usage after = Usage::of(daemon_->id());
     tally.note =
         "bystander " + latency.text() + "; before " + before.text() + "; after " + after.text();
-    EXPECT_LE(after.residentKiB, before.residentKiB + (128U << 10U));
+    if (!isSanitized) {
+      EXPECT_LE(after.residentKiB, before.residentKiB + (128U << 10U));
+    }
   }
 
   static RawPeer rawPeer(const std::string& service = dsDaemonServiceName) {
@@ -97,7 +99,7 @@ TEST_F(Hostile, FramesCostTheirConnectionAlone) {
       {RawPeer::frame(std::vector<std::uint8_t>(1 << 20)), true},
       {frameOf({1, 1, megabyte, Array()}), false}};
   attack(tally, [&] {
-    for (std::size_t round = 0; round < tries(300, 3); ++round) {
+    for (std::size_t round = 0; round < tries(60, 1); ++round) {
       for (const auto& [frame, closes] : frames) {
         RawPeer peer = rawPeer();
         peer.sendBytes(frame);
