@@ -7,6 +7,7 @@
 #include <span>
 #include <string_view>
 
+#include "platform/base/Value.h"
 #include "platform/log/Log.h"
 
 /// What the fuzzers share. A fuzzer is one function that gets bytes, does with them what the system
@@ -24,6 +25,12 @@ inline void require(bool holds, const char* what) {
 
 inline std::string_view textOf(std::span<const std::uint8_t> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+/// A value that holds, somewhere, a real that is no number is not.
+inline bool isEqualToItself(const Value& value) {
+  const Value& same = value;
+  return value == same;
 }
 
 /// Messages are put together at every level as they are in the daemon, and go nowhere.

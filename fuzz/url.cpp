@@ -36,6 +36,20 @@ void checkComponent(const URL& url, const std::string& component) {
   require(entry == *path + (isClosed ? "" : "/") + component, "an entry is in its directory");
 }
 
+/// Whether ".." follows a name that does not exist. What that means is a matter of taste: here the
+/// name is taken back and what follows is looked up, the standard library only takes it back.
+bool leavesTheMissing(const fs::path& path) {
+  fs::path prefix;
+  bool isMissing = false;
+  std::error_code ignored;
+  for (const auto& component : path) {
+    prefix /= component;
+    if (isMissing && component == "..") return true;
+    isMissing = isMissing || !fs::exists(prefix, ignored);
+  }
+  return false;
+}
+
 /// The same question to the standard library, for a tree in which no link leads to nothing.
 void checkRelationship(const URL& url) {
   const auto path = url.path();
@@ -44,6 +58,7 @@ void checkRelationship(const URL& url) {
       FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(directory, url);
   if (!relationship) return;
   require(path.has_value(), "only a path lies to a directory");
+  if (leavesTheMissing(*path)) return;
   std::error_code failed;
   auto resolved = fs::weakly_canonical(*path, failed).string();
   if (failed) return;
