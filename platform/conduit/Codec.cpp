@@ -99,12 +99,68 @@ const cbor_callbacks& callbacks() {
   return table;
 }
 
+/// What a value takes in a container, with a small allocation of its own; what the node of an entry
+/// takes besides; and what an error does, which always has an info dictionary with a description.
+constexpr std::size_t valueCost = sizeof(Value) + 32;
+constexpr std::size_t entryCost = valueCost + sizeof(std::string) + 64;
+constexpr std::size_t errorCost = 512;
+
 /// What the rules want of the next item, while a frame is checked.
 struct Level {
   enum class Kind { array, map, error };
   Kind kind;
   std::uint64_t remaining;  // items; a pair of a map counts as two
-  std::vector<std::string_view> keys;
+  std::size_t firstKey;     // of a map, among the open keys
+  bool keysAscend = true;
+};
+
+/// The keys of the maps that are open while a frame is checked, those of the innermost last. A
+/// frame may hold millions: each is only its place, and only keys out of order are sorted.
+class OpenKeys {
+ public:
+  explicit OpenKeys(std::span<const std::uint8_t> frame) : frame_(frame) {}
+
+  std::size_t count() const { return keys_.size(); }
+
+  /// False when it is the same as the one before.
+  bool add(Level& level, std::string_view text) {
+    if (keys_.size() > level.firstKey) {
+      const int order = textOf(keys_.back()).compare(text);
+      if (order == 0) return false;
+      if (order > 0) level.keysAscend = false;
+    }
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    keys_.push_back({static_cast<std::uint32_t>(bytes - frame_.data()),
+                     static_cast<std::uint32_t>(text.size())});
+    return true;
+  }
+
+  /// Forgets the keys of a map that ends; false when one came twice.
+  bool close(const Level& level) {
+    const auto first = keys_.begin() + static_cast<std::ptrdiff_t>(level.firstKey);
+    bool areUnique = true;
+    if (!level.keysAscend) {
+      std::sort(first, keys_.end(), [this](Key a, Key b) { return textOf(a) < textOf(b); });
+      areUnique = std::adjacent_find(first, keys_.end(), [this](Key a, Key b) {
+                    return textOf(a) == textOf(b);
+                  }) == keys_.end();
+    }
+    keys_.erase(first, keys_.end());
+    return areUnique;
+  }
+
+ private:
+  struct Key {
+    std::uint32_t begin, size;  // a frame is no larger
+  };
+
+  std::string_view textOf(Key key) const {
+    const auto text = frame_.subspan(key.begin, key.size);
+    return {reinterpret_cast<const char*>(text.data()), text.size()};
+  }
+
+  std::span<const std::uint8_t> frame_;
+  std::vector<Key> keys_;
 };
 
 std::string withoutInvalidUTF8(std::string_view text) {
@@ -286,6 +342,17 @@ std::optional<std::uint64_t> Decoder::peekArray() const {
   return item->count;
 }
 
+bool Decoder::peekError() const {
+  Decoder ahead = *this;
+  return takeTag(ahead, errorTag);
+}
+
+bool Decoder::spend(std::size_t count, std::size_t each) {
+  if (count > left_ / each) return false;
+  left_ -= count * each;
+  return true;
+}
+
 bool Decoder::skip() {
   for (std::uint64_t pending = 1; pending > 0; --pending) {
     auto item = next();
@@ -306,6 +373,7 @@ bool isWellFormed(std::span<const std::uint8_t> data, std::size_t descriptorCoun
                   bool* speaksOfDescriptors) {
   Decoder decoder(data, {});
   std::vector<Level> levels;
+  OpenKeys keys(data);
   bool complete = false;
   while (!complete) {
     auto item = decoder.next();
@@ -316,8 +384,7 @@ bool isWellFormed(std::span<const std::uint8_t> data, std::size_t descriptorCoun
       Level& level = levels.back();
       bool isKey = level.kind == Level::Kind::map && level.remaining % 2 == 0;
       if (isKey) {
-        if (item->kind != Item::Kind::string) return false;
-        level.keys.push_back(item->content);
+        if (item->kind != Item::Kind::string || !keys.add(level, item->content)) return false;
       }
       // The array of an error: domain, code, info.
       if (level.kind == Level::Kind::error) {
@@ -360,14 +427,11 @@ bool isWellFormed(std::span<const std::uint8_t> data, std::size_t descriptorCoun
       levels.push_back({isErrorBody ? Level::Kind::error
                         : isMap     ? Level::Kind::map
                                     : Level::Kind::array,
-                        isMap ? item->count * 2 : item->count,
-                        {}});
+                        isMap ? item->count * 2 : item->count, keys.count()});
     }
 
     while (!levels.empty() && levels.back().remaining == 0) {
-      auto& keys = levels.back().keys;
-      std::sort(keys.begin(), keys.end());
-      if (std::adjacent_find(keys.begin(), keys.end()) != keys.end()) return false;
+      if (!keys.close(levels.back())) return false;
       levels.pop_back();
     }
     complete = levels.empty();
@@ -492,8 +556,8 @@ bool decode(Decoder& from, std::optional<Error>& value) {
   std::string domain;
   std::int64_t code = 0;
   Dictionary info;
-  if (!takeTag(from, errorTag) || !from.takeArray(3) || !takeText(from, domain) ||
-      !decode(from, code) || !decode(from, info)) {
+  if (!from.spend(1, errorCost) || !takeTag(from, errorTag) || !from.takeArray(3) ||
+      !takeText(from, domain) || !decode(from, code) || !decode(from, info)) {
     return false;
   }
   value.emplace(std::move(domain), code, std::move(info));
@@ -502,7 +566,7 @@ bool decode(Decoder& from, std::optional<Error>& value) {
 
 bool decode(Decoder& from, Dictionary& value) {
   auto item = from.next();
-  if (!item || item->kind != Item::Kind::map) return false;
+  if (!item || item->kind != Item::Kind::map || !from.spend(item->count, entryCost)) return false;
   value.clear();
   for (std::uint64_t i = 0; i < item->count; ++i) {
     std::string key;
@@ -515,8 +579,9 @@ bool decode(Decoder& from, Dictionary& value) {
 
 bool decode(Decoder& from, Array& value) {
   auto item = from.next();
-  if (!item || item->kind != Item::Kind::array) return false;
+  if (!item || item->kind != Item::Kind::array || !from.spend(item->count, valueCost)) return false;
   value.clear();
+  value.reserve(item->count);
   for (std::uint64_t i = 0; i < item->count; ++i) {
     if (!decode(from, value.emplace_back())) return false;
   }

@@ -23,6 +23,9 @@ inline constexpr std::size_t frameHeaderSize = 4;
 inline constexpr std::size_t maximumFrameSize = 16U << 20U;
 inline constexpr std::size_t maximumDescriptors = 16;
 inline constexpr std::size_t maximumNesting = 32;
+/// What the values of one frame may take in memory. A value of one byte in a frame takes a hundred
+/// once it stands in a container; a frame that would take more than this is not of the wanted type.
+inline constexpr std::size_t maximumDecodedSize = 256U << 20U;
 
 /// The classes of values that cross a conduit, as a set of bits.
 enum class ValueClass : std::uint32_t {
@@ -125,6 +128,11 @@ class Decoder {
   bool skip();
   /// The next item is another array's count without taking it; absent when it is no array.
   std::optional<std::uint64_t> peekArray() const;
+  /// Whether the next item is an error.
+  bool peekError() const;
+
+  /// Counts what a container is about to take; false when that is too much for one frame.
+  bool spend(std::size_t count, std::size_t each);
 
   bool atEnd() const { return position_ == data_.size(); }
   std::size_t remaining() const { return data_.size() - position_; }
@@ -134,6 +142,7 @@ class Decoder {
   std::span<const std::uint8_t> data_;
   std::span<const SharedDescriptor> descriptors_;
   std::size_t position_ = 0;
+  std::size_t left_ = maximumDecodedSize;
 };
 
 /// Whether the bytes hold exactly one item that keeps every rule of the conduit: definite lengths,

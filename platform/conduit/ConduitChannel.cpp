@@ -345,8 +345,7 @@ bool ConduitChannel::handleCall(Decoder& decoder, bool hasRequest) {
 bool ConduitChannel::handleReply(Decoder& decoder, bool isFailure) {
   std::uint64_t id = 0;
   if (!takeID(decoder, id)) return false;
-  std::optional<Error> failure;
-  if (isFailure ? !decode(decoder, failure) || !failure : !decoder.peekArray()) return false;
+  if (isFailure ? !decoder.peekError() : !decoder.peekArray()) return false;
 
   PendingCall call;
   {
@@ -356,12 +355,13 @@ bool ConduitChannel::handleReply(Decoder& decoder, bool isFailure) {
     call = std::move(found->second);
     calls_.erase(found);
   }
-  if (isFailure) {
-    if (call.onError) call.onError(*failure);
-  } else if (!call.onReply(decoder) && call.onError) {
-    call.onError(conduitError(ConduitErrorCode::replyDoesNotMatch,
-                              "The reply is not of the declared types."));
+  // Nothing is built for an answer that nobody waits for.
+  std::optional<Error> failure;
+  if (isFailure ? !decode(decoder, failure) : !call.onReply(decoder)) {
+    failure = conduitError(ConduitErrorCode::replyDoesNotMatch,
+                           "The reply is not of the declared types.");
   }
+  if (failure && call.onError) call.onError(*failure);
   return true;
 }
 

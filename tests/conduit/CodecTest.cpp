@@ -1,6 +1,7 @@
 #include "platform/conduit/Codec.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cmath>
 #include <limits>
@@ -221,6 +222,61 @@ TEST(Codec, MalformedItemsAreRefused) {
   EXPECT_TRUE(wellFormed("d9464400", 1));
   EXPECT_TRUE(wellFormed("d946440f", 16));
   EXPECT_FALSE(wellFormed("d9464410", 16));
+}
+
+TEST(Codec, KeysComeOnceInAnyOrderAndAtEachDepth) {
+  // {"b": {"a": null, "b": null}, "a": null, "": null}, and the same with a key that comes again.
+  EXPECT_TRUE(wellFormed("a36162a26161f66162f66161f660f6"));
+  EXPECT_FALSE(wellFormed("a36162a26161f66162f66161f66162f6"));
+  EXPECT_FALSE(wellFormed("a36162a36161f66162f66161f66161f660f6"));
+  EXPECT_FALSE(wellFormed("a260f660f6"));
+  EXPECT_FALSE(wellFormed("a36161f66162f66162f6"));
+}
+
+/// The most that this process has taken in memory so far, in MiB.
+long peakMemory() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss / 1024;
+}
+
+// The smallest values of a frame grow the most when they are built.
+TEST(Codec, AFrameIsNotBuiltBeyondAMeasure) {
+  Encoder encoder;
+  encoder.array(15U << 20U);
+  for (std::size_t i = 0; i < 15U << 20U; ++i) encoder.null();
+  const auto large = bodyOf(encoder);
+  ASSERT_TRUE(isWellFormed(large, 0));
+  const long before = peakMemory();
+  Decoder decoder(large, {});
+  Value value;
+  EXPECT_FALSE(decode(decoder, value));
+  EXPECT_LT(peakMemory() - before, 100);
+
+  // In pieces it is the same.
+  Encoder inPieces;
+  inPieces.array(1U << 20U);
+  for (std::size_t i = 0; i < 1U << 20U; ++i) {
+    inPieces.array(7);
+    for (int j = 0; j < 7; ++j) inPieces.array(0);
+  }
+  const auto pieces = bodyOf(inPieces);
+  ASSERT_TRUE(isWellFormed(pieces, 0));
+  Decoder second(pieces, {});
+  EXPECT_FALSE(decode(second, value));
+
+  // What is large and not made of crumbs comes whole.
+  Dictionary dictionary;
+  for (int i = 0; i < 200'000; ++i) {
+    dictionary.emplace("com.example.provider." + std::to_string(i), "file:///some/where/else");
+  }
+  Encoder ordinary;
+  encode(ordinary, dictionary);
+  const auto body = bodyOf(ordinary);
+  Decoder third(body, {});
+  Dictionary again;
+  EXPECT_TRUE(decode(third, again));
+  EXPECT_EQ(again, dictionary);
 }
 
 TEST(Codec, NestingEndsAtThirtyTwo) {

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <set>
 
@@ -145,6 +146,34 @@ TEST(Caller, GetsEachReplyThatDoesNotMatchAsErrorThree) {
   served.peer.sendBytes(answer(3, 4711, DSNotPermittedError()));
   EXPECT_TRUE(echoes(served.peer));
   EXPECT_TRUE(errors->all().empty());
+}
+
+// An error of many small values, as the reply to nothing at all.
+TEST(Caller, BuildsNothingForAnAnswerThatNobodyWaitsFor) {
+  Served served = Served::make();
+  qx::conduit::Encoder failure;
+  failure.array(3);
+  failure.integer(3);
+  failure.integer(4711);
+  failure.tag(17746);
+  failure.array(3);
+  failure.string("Domain");
+  failure.integer(1);
+  failure.map(1);
+  failure.string("values");
+  constexpr std::size_t count = 3'000'000;
+  failure.array(count);
+  for (std::size_t i = 0; i < count; ++i) failure.null();
+  const auto frame = failure.takeFrame();
+  const auto peak = [] {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss / 1024;
+  };
+  const long before = peak();
+  ASSERT_TRUE(served.peer.sendBytes(frame));
+  EXPECT_TRUE(echoes(served.peer));
+  EXPECT_LT(peak() - before, 100);  // MiB; the values alone take 160
 }
 
 TEST(Caller, MayAllowClassesInOneReplyArgument) {
