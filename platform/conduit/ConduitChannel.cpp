@@ -322,6 +322,7 @@ bool ConduitChannel::handleMessage(std::span<const std::uint8_t> body,
 }
 
 bool ConduitChannel::handleCall(Decoder& decoder, bool hasRequest) {
+  const std::size_t size = decoder.remaining();
   std::uint64_t id = 0;
   if (!takeID(decoder, id)) return false;
   auto operation = decoder.next();
@@ -336,8 +337,9 @@ bool ConduitChannel::handleCall(Decoder& decoder, bool hasRequest) {
     std::lock_guard lock(mutex_);
     delegate = delegate_.lock();
     ++unanswered_;
+    unansweredSize_ += size;
   }
-  auto call = std::make_shared<IncomingCall>(weak_from_this(), id);
+  auto call = std::make_shared<IncomingCall>(weak_from_this(), id, size);
   if (delegate) delegate->receivedCall(std::move(call), operation->content, arguments, request);
   return true;
 }
@@ -365,16 +367,17 @@ bool ConduitChannel::handleReply(Decoder& decoder, bool isFailure) {
   return true;
 }
 
-/// Past the limit of unanswered calls nothing more is taken from the connection.
+/// Past the limits of unanswered calls nothing more is taken from the connection.
 bool ConduitChannel::mayTakeCall() {
   std::lock_guard lock(mutex_);
-  paused_ = unanswered_ >= maximumUnanswered;
+  paused_ = unanswered_ >= maximumUnanswered || unansweredSize_ >= maximumUnansweredSize;
   return !paused_;
 }
 
-void ConduitChannel::callEnded() {
+void ConduitChannel::callEnded(std::size_t size) {
   std::lock_guard lock(mutex_);
   --unanswered_;
+  unansweredSize_ -= size;
   if (!paused_ || closed_) return;
   paused_ = false;
   // Frames may wait in our own buffer, of which the kernel knows nothing: being writable wakes the
@@ -538,7 +541,7 @@ void ConduitChannel::failCallsOfRequest(const UUID& request, const Error& error)
 // Calls of the peer.
 
 IncomingCall::~IncomingCall() {
-  if (auto channel = channel_.lock()) channel->callEnded();
+  if (auto channel = channel_.lock()) channel->callEnded(size_);
 }
 
 Encoder IncomingCall::beginReply() const {

@@ -52,6 +52,8 @@ class ConduitChannel final : public ReactorHandler,
   using ErrorHandler = std::function<void(const Error&)>;
 
   static constexpr std::size_t maximumUnanswered = 1024;
+  /// What the unanswered calls may hold together, by the size of their messages.
+  static constexpr std::size_t maximumUnansweredSize = 64U << 20U;
   static constexpr std::size_t maximumUnsent = 64U << 20U;
 
   /// Takes a connected AF_UNIX stream socket. Silent until start().
@@ -117,7 +119,7 @@ class ConduitChannel final : public ReactorHandler,
   bool handleCall(Decoder& decoder, bool hasRequest);
   bool handleReply(Decoder& decoder, bool isFailure);
   bool mayTakeCall();
-  void callEnded();
+  void callEnded(std::size_t size);
   void refuse(std::string_view why);
 
   void sendRequest(std::int64_t kind, const UUID& request);
@@ -135,6 +137,7 @@ class ConduitChannel final : public ReactorHandler,
   bool paused_ = false;
   bool kicked_ = false;
   std::size_t unanswered_ = 0;
+  std::size_t unansweredSize_ = 0;
   std::uint64_t lastCallID_ = 0;
   std::unordered_map<std::uint64_t, PendingCall> calls_;
   std::set<UUID> openRequests_;
@@ -148,8 +151,8 @@ class ConduitChannel final : public ReactorHandler,
 
 class IncomingCall {
  public:
-  IncomingCall(std::weak_ptr<ConduitChannel> channel, std::uint64_t id)
-      : channel_(std::move(channel)), id_(id) {}
+  IncomingCall(std::weak_ptr<ConduitChannel> channel, std::uint64_t id, std::size_t size)
+      : channel_(std::move(channel)), id_(id), size_(size) {}
   ~IncomingCall();
   IncomingCall(const IncomingCall&) = delete;
   IncomingCall& operator=(const IncomingCall&) = delete;
@@ -162,6 +165,7 @@ class IncomingCall {
  private:
   std::weak_ptr<ConduitChannel> channel_;
   std::uint64_t id_;
+  std::size_t size_;  // of its message
 };
 
 }  // namespace qx::conduit

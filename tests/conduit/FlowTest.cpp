@@ -76,6 +76,24 @@ TEST(Flow, PastTheLimitOfUnansweredCallsNothingIsReadUntilSomeAreAnswered) {
   EXPECT_EQ(served.object->numbers.all(), expected);
 }
 
+TEST(Flow, PastTheLimitOfWhatUnansweredCallsHoldNothingIsReadUntilSomeAreAnswered) {
+  Served served = Served::make();
+  const std::string large(ConduitChannel::maximumUnansweredSize / 8, 'x');
+  for (int i = 1; i <= 8; ++i) {
+    ASSERT_TRUE(served.peer.sendBytes(RawPeer::call(i, "keep:completion:", [&](Encoder& to) {
+      qx::conduit::encodeList(to, std::optional(large));
+    })));
+  }
+  fill(served.peer);
+  ASSERT_TRUE(served.object->numbers.waitForCount(8));
+  EXPECT_EQ(served.object->numbers.all(),
+            std::vector<std::int64_t>(8, static_cast<std::int64_t>(large.size())));
+
+  served.object->takeHeld().front()(1);
+  ASSERT_TRUE(served.object->numbers.waitForCount(9));
+  EXPECT_EQ(served.object->numbers.all()[8], limit + 1);
+}
+
 TEST(Flow, ThePeerOfAConnectionThatIsNotReadMayGo) {
   Served served = Served::make();
   for (std::int64_t i = 1; i <= limit; ++i) ASSERT_TRUE(served.peer.sendBytes(holdCall(i)));

@@ -15,6 +15,7 @@
 #define QX_TRIAL(OPERATION)                                                             \
   OPERATION(echo_completion, (std::string), (std::string))                              \
   OPERATION(hold_completion, (std::int64_t), (std::int64_t))                            \
+  OPERATION(keep_completion, (std::string), (std::int64_t))                             \
   OPERATION(blockCompletion, (), ())                                                    \
   OPERATION(take_and_completion, (qx::SharedDescriptor, qx::SharedDescriptor), (std::int64_t)) \
   OPERATION(listCompletion, (), (qx::Dictionary, qx::Error))
@@ -34,11 +35,11 @@ class TrialObject final : public Trial {
   }
   void hold_completion(const std::optional<std::int64_t>& number,
                        Completion<std::int64_t> completion) override {
-    {
-      std::lock_guard lock(mutex_);
-      held_.push_back(std::move(completion));
-    }
-    numbers.put(number.value_or(-1));
+    hold(number.value_or(-1), std::move(completion));
+  }
+  void keep_completion(const std::optional<std::string>& text,
+                       Completion<std::int64_t> completion) override {
+    hold(text ? static_cast<std::int64_t>(text->size()) : -1, std::move(completion));
   }
   void blockCompletion(Completion<> completion) override {
     entered.pass();
@@ -71,6 +72,14 @@ class TrialObject final : public Trial {
   Gate listed;
 
  private:
+  void hold(std::int64_t number, Completion<std::int64_t> completion) {
+    {
+      std::lock_guard lock(mutex_);
+      held_.push_back(std::move(completion));
+    }
+    numbers.put(number);
+  }
+
   std::mutex mutex_;
   std::vector<Completion<std::int64_t>> held_;
 };
