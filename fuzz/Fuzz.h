@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -27,10 +29,20 @@ inline std::string_view textOf(std::span<const std::uint8_t> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-/// A value that holds, somewhere, a real that is no number is not.
-inline bool isEqualToItself(const Value& value) {
-  const Value& same = value;
-  return value == same;
+/// Whether the value holds, somewhere, a real that is no number, and is not equal to itself.
+inline bool holdsNaN(const Value& value) {
+  const auto holds = [](const auto& entry) { return holdsNaN(entry.second); };
+  if (const auto* real = value.as<double>()) return std::isnan(*real);
+  if (const auto* array = value.as<Array>()) {
+    return std::any_of(array->begin(), array->end(), holdsNaN);
+  }
+  if (const auto* dictionary = value.as<Dictionary>()) {
+    return std::any_of(dictionary->begin(), dictionary->end(), holds);
+  }
+  if (const auto* error = value.as<Error>()) {
+    return std::any_of(error->info().begin(), error->info().end(), holds);
+  }
+  return false;
 }
 
 /// Messages are put together at every level as they are in the daemon, and go nowhere.

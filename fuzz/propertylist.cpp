@@ -53,8 +53,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     require(written.ok(), "what was read can be written");
     const auto again = PropertyList::read(*written);
     require(again.ok(), "what was written can be read");
-    require(*again == *whole || !fuzz::isEqualToItself(*whole),
-            "what was written is what was read");
+    require(*again == *whole || fuzz::holdsNaN(*whole), "what was written is what was read");
     require(*PropertyList::write(*again) == *written, "equal lists are equal files");
   }
 
