@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -187,12 +188,17 @@ void removeServiceSocket(const std::string& serviceName) {
   unlink((Places::sandboxServices() + "/" + serviceName).c_str());
 }
 
-Result<FileDescriptor> connectToServiceSocket(const std::string& serviceName) {
+Result<FileDescriptor> connectToServiceSocket(const std::string& serviceName,
+                                              std::chrono::milliseconds longest) {
   auto address = addressOf(serviceName);
   if (!address) return address.error();
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) return posixError(errno, "A socket cannot be made");
-  // Blocking: a full backlog is waited for. Non-blocking from here on.
+  // Blocking: a full backlog is waited for, as long as a send would be (socket(7)). Non-blocking
+  // from here on.
+  const timeval limit{longest / std::chrono::seconds(1),
+                      longest % std::chrono::seconds(1) / std::chrono::microseconds(1)};
+  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   int result = 0;
   do {
     result = connect(socket.get(), generic(*address), address->size);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -37,7 +38,9 @@ void removeServiceSocket(const std::string& serviceName);
 /// be there before any listener, whoever starts an application does it.
 std::optional<Error> offerServiceSocketToSandboxes(const std::string& serviceName);
 
-/// A connected, non-blocking socket.
-Result<FileDescriptor> connectToServiceSocket(const std::string& serviceName);
+/// A connected, non-blocking socket. Where more clients wait than the service's socket holds,
+/// waits for a place among them, for so long at most.
+Result<FileDescriptor> connectToServiceSocket(
+    const std::string& serviceName, std::chrono::milliseconds longest = std::chrono::seconds(30));
 
 }  // namespace qx

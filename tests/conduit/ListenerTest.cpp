@@ -1,12 +1,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <thread>
+#include <vector>
 
 #include "platform/base/Errors.h"
 #include "platform/conduit/ServiceSocket.h"
@@ -56,6 +59,30 @@ TEST_F(Listener, LetsClientsWaitUntilItIsResumed) {
   trial.delegate->refuses = true;
   RawPeer refused = connected();
   EXPECT_TRUE(refused.isClosedByPeer());
+}
+
+TEST_F(Listener, KeepsNobodyForEverWhoFindsItsQueueFull) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  TrialListener trial(service);
+  std::vector<qx::FileDescriptor> waiting;
+  for (;;) {
+    auto socket = qx::connectToServiceSocket(service, std::chrono::milliseconds(10));
+    if (socket) {
+      waiting.push_back(std::move(*socket));
+      continue;
+    }
+    if (socket.error().code() == EMFILE) GTEST_SKIP() << "too few descriptors to fill the queue";
+    EXPECT_EQ(socket.error().code(), EAGAIN) << socket.error().text();
+    break;
+  }
+  // Whoever got in is served.
+  trial.listener.resume();
+  fcntl(waiting.back().get(), F_SETFL, 0);
+  RawPeer last(std::move(waiting.back()));
+  EXPECT_TRUE(echoes(last));
 }
 
 TEST_F(Listener, ForgetsAConnectionThatEndsAndEndsThoseThatItHas) {
