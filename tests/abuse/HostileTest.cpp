@@ -8,7 +8,6 @@
 
 #include <array>
 #include <atomic>
-#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -19,8 +18,6 @@
 
 namespace qx::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Hostile : public Abuse {
  protected:
