@@ -1,5 +1,6 @@
 // Programs that know nothing of documents get at placeholders.
 
+#include "platform/platformd/kernel/MarkedTrees.h"
 #include "tests/kernel/Fixture.h"
 
 namespace {
@@ -115,6 +116,29 @@ TEST_F(KernelTest, OneProvideForAllReadersAndNothingForWarmOnes) {
   source->behave(nullptr);
   EXPECT_EQ(run(reader("read", item("wanted"))).line, "right");
   EXPECT_EQ(source->provides.all().size(), 2u);
+}
+
+TEST_F(KernelTest, FilesThatCameAndWentAreForgotten) {
+  const auto accesses = qx::kernel::AccessGroup::create();
+  const auto changes = qx::kernel::ChangeGroup::create();
+  qx::kernel::MarkedTrees trees(*accesses, *changes, qx::kernel::preAccess);
+  // Nobody answers for these groups: nothing here gets at content once it is marked.
+  fs::create_directories(item("gone"));
+  for (const auto& path : {item("gone/placeholder"), item("kept")}) {
+    std::ofstream(path) << "the first block";
+    setxattr(path.c_str(), "user.docsource.placeholder", "", 0, 0);
+  }
+  EXPECT_EQ(trees.mark(items()).placeholders, 2u);
+  for (std::size_t i = 0; i < qx::kernel::MarkedTrees::leastCrowd; ++i) {
+    const std::string path = item("gone/" + std::to_string(i));
+    std::ofstream{path};
+    trees.examine(path, false);
+  }
+  fs::remove_all(item("gone"));
+  EXPECT_TRUE(trees.isCrowded());
+  EXPECT_FALSE(trees.isCrowded());
+  trees.forgetGone();
+  EXPECT_EQ(trees.countOfFiles(), 1u);
 }
 
 TEST_F(KernelTest, NoNameAndNoMountLeadsAroundTheWatch) {

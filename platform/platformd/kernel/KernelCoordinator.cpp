@@ -418,6 +418,9 @@ void KernelCoordinator::look(const std::string& directory, std::optional<pid_t> 
 
 void KernelCoordinator::changed() {
   for (const auto& change : changes_.read()) apply(change);
+  if (trees_.isCrowded()) {
+    WorkQueue::global().async([self = shared_from_this()] { self->trees_.forgetGone(); });
+  }
 }
 
 void KernelCoordinator::apply(const ChangeEvent& change) {

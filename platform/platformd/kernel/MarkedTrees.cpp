@@ -6,9 +6,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <limits>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -155,7 +157,7 @@ std::optional<std::string> MarkedTrees::pathOf(int file, const struct stat& stat
 
 bool MarkedTrees::examineLocked(const std::string& path, const struct stat& status, bool isClosed) {
   const FileIdentity identity = identityOf(status);
-  times_[identity] = {status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+  times_[identity] = {{status.st_mtim.tv_sec, status.st_mtim.tv_nsec}, round_};
   if (Placeholder::ofPath(path, status) == Placeholder::State::content) {
     placeholders_.erase(identity);
     return false;
@@ -197,8 +199,51 @@ void MarkedTrees::settle(int file, const struct stat& status, std::uint64_t mask
 bool MarkedTrees::hasChanged(const struct stat& status) {
   const std::pair<std::int64_t, std::int64_t> time{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
   const std::lock_guard lock(mutex_);
-  const auto [entry, isNew] = times_.try_emplace(identityOf(status), time);
-  return !isNew && std::exchange(entry->second, time) != time;
+  const auto [entry, isNew] = times_.try_emplace(identityOf(status), Time{time, round_});
+  return !isNew && std::exchange(entry->second.modified, time) != time;
+}
+
+bool MarkedTrees::isCrowded() {
+  const std::lock_guard lock(mutex_);
+  if (times_.size() < crowd_) return false;
+  crowd_ = std::numeric_limits<std::size_t>::max();
+  return true;
+}
+
+void MarkedTrees::forgetGone() {
+  std::map<FileIdentity, std::string> directories;
+  {
+    const std::lock_guard lock(mutex_);
+    directories = directories_;
+    ++round_;
+  }
+  std::set<FileIdentity> living;
+  for (const auto& [identity, path] : directories) {
+    if (!leadsTo(path, identity)) continue;
+    living.insert(identity);
+    eachEntry(openDirectory(path), [&](const char*, ino_t inode) {
+      living.insert({identity.device, inode});
+    });
+  }
+  const std::lock_guard lock(mutex_);
+  std::erase_if(times_, [&](const auto& entry) {
+    return entry.second.round != round_ && !living.contains(entry.first);
+  });
+  for (const auto& [identity, path] : directories) {
+    const auto known = directories_.find(identity);
+    if (living.contains(identity) || known == directories_.end() || known->second != path) continue;
+    directories_.erase(known);
+    std::erase_if(paths_, [&](const auto& entry) { return entry.second == path; });
+  }
+  std::erase_if(placeholders_, [&](const auto& entry) {
+    return !living.contains(entry.first) && !leadsTo(entry.second, entry.first);
+  });
+  crowd_ = std::max(leastCrowd, 2 * times_.size());
+}
+
+std::size_t MarkedTrees::countOfFiles() const {
+  const std::lock_guard lock(mutex_);
+  return times_.size();
 }
 
 std::size_t MarkedTrees::conceal(std::vector<std::string> directories) {

@@ -25,6 +25,8 @@ namespace qx::kernel {
 /// Any thread; blocks on the file system.
 class MarkedTrees {
  public:
+  static constexpr std::size_t leastCrowd = 5000;
+
   /// The groups must outlive this. `best` is what to mark for where the file system has it:
   /// preAccess or openPermission.
   MarkedTrees(const AccessGroup& accesses, const ChangeGroup& changes, std::uint64_t best)
@@ -68,6 +70,12 @@ class MarkedTrees {
   /// them or not, and for good: mark() makes none readable any more. Returns how many.
   std::size_t conceal(std::vector<std::string> directories);
 
+  /// Whether so many files are known that it is time to forgetGone(); says it once for each time.
+  bool isCrowded();
+  /// Forgets files and directories that are not there any more: nothing tells of their end.
+  void forgetGone();
+  std::size_t countOfFiles() const;
+
  private:
   std::uint64_t markDirectory(int directory, int& errnum);
   bool examineLocked(const std::string& path, const struct stat& status, bool isClosed);
@@ -81,7 +89,13 @@ class MarkedTrees {
   std::map<std::string, std::string> paths_;         // of directories, by their key
   std::map<FileIdentity, std::string> directories_;  // the same, by identity
   std::map<FileIdentity, std::string> placeholders_;
-  std::map<FileIdentity, std::pair<std::int64_t, std::int64_t>> times_;
+  struct Time {
+    std::pair<std::int64_t, std::int64_t> modified;
+    std::uint64_t round = 0;  // in which it was learnt
+  };
+  std::map<FileIdentity, Time> times_;
+  std::size_t crowd_ = leastCrowd;
+  std::uint64_t round_ = 0;  // counts the times of forgetting
   bool isConcealing_ = false;
 };
 
