@@ -59,6 +59,7 @@ class RawPeer {
         std::memcpy(CMSG_DATA(header), descriptors.data(), sizeof(int) * descriptors.size());
       }
       ssize_t count = sendmsg(socket_.get(), &message, MSG_NOSIGNAL | flags);
+      if (count < 0 && errno == EINTR) continue;
       if (count < 0) return false;
       descriptors.clear();
       bytes = bytes.subspan(static_cast<std::size_t>(count));
@@ -143,6 +144,8 @@ class RawPeer {
   bool readWhole(std::span<std::uint8_t> bytes) {
     while (!bytes.empty()) {
       ssize_t count = recv(socket_.get(), bytes.data(), bytes.size(), 0);
+      // With a limit on the time a signal always interrupts (signal(7)).
+      if (count < 0 && errno == EINTR) continue;
       if (count <= 0) return false;
       bytes = bytes.subspan(static_cast<std::size_t>(count));
     }
