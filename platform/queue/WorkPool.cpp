@@ -42,7 +42,11 @@ void WorkPool::submit(Job job) {
 }
 
 void WorkPool::provideThread() {
-  if (idle_ > 0) jobsArrived_.notify_one();
+  if (!sleepers_.empty()) {
+    sleepers_.back()->isWoken = true;
+    sleepers_.back()->wake.notify_one();
+    sleepers_.pop_back();
+  }
   if (!isShortOfThreads()) return;
   if (mayGrow(size_)) {
     startWorker();
@@ -83,9 +87,12 @@ void WorkPool::work() {
       continue;
     }
     ++idle_;
-    const bool found = jobsArrived_.wait_for(lock, idleTime, [this] { return !jobs_.empty(); });
+    Sleeper sleeper;
+    sleepers_.push_back(&sleeper);
+    const bool found = sleeper.wake.wait_for(lock, idleTime, [&] { return sleeper.isWoken; });
+    if (!found) std::erase(sleepers_, &sleeper);
     --idle_;
-    if (!found && threads_ - waiting_ > size_) {
+    if (!found && jobs_.empty() && threads_ - waiting_ > size_) {
       --threads_;
       return;
     }

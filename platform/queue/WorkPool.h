@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace qx {
 
@@ -46,6 +47,14 @@ class WorkPool {
     std::function<void()> task;
   };
 
+  /// A thread without a job. Each has a condition variable of its own: one that several wait for
+  /// may, in C libraries before 2.41, miss a signal, and then holds up who signals next, with the
+  /// mutex held, until a wait times out (glibc bug 25847).
+  struct Sleeper {
+    std::condition_variable wake;
+    bool isWoken = false;
+  };
+
   WorkPool();
   void submit(Job job);
   bool isShortOfThreads() const { return jobs_.size() > idle_; }
@@ -57,7 +66,7 @@ class WorkPool {
   void watch();
 
   std::mutex mutex_;
-  std::condition_variable jobsArrived_;
+  std::vector<Sleeper*> sleepers_;
   std::condition_variable backlogArose_;
   std::deque<Job> jobs_;
   std::uint64_t begun_ = 0;
