@@ -7,6 +7,7 @@
 
 #include "acl/DSAccessControlStore.h"
 #include "daemon/DSServer.h"
+#include "platform/base/Memory.h"
 #include "platform/conduit/ServiceSocket.h"
 #include "platform/extension/ExtensionHost.h"
 #include "platform/log/Log.h"
@@ -14,6 +15,7 @@
 
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
+  qx::returnLargeBlocks();
   qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
   if (auto taken = qx::claimService(dsDaemonServiceName)) {
     std::fprintf(stderr, "docsourced: %s\n", taken->description().c_str());

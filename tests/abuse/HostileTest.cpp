@@ -53,7 +53,7 @@ class Hostile : public Abuse {
     tally.note =
         "bystander " + latency.text() + "; before " + before.text() + "; after " + after.text();
     if (!isSanitized) {
-      EXPECT_LE(after.residentKiB, before.residentKiB + (128U << 10U));
+      EXPECT_LE(after.residentKiB, before.residentKiB + (32U << 10U));
     }
   }
 
