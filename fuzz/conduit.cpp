@@ -150,10 +150,14 @@ class Expectation {
   std::vector<std::int64_t> calls;
   bool isClosed = false;
   /// Whether a frame speaks of descriptors. Those belong to the frame that arrives with them, which
-  /// the one who sends cannot foretell; from then on it may also have been closed.
+  /// the one who sends cannot foretell; from then on it may also have been closed. The same holds
+  /// once descriptors came that belong to no frame.
   bool isUncertain = false;
 
-  void sent(std::span<const std::uint8_t> bytes) {
+  void sent(std::span<const std::uint8_t> bytes, std::size_t descriptors) {
+    // Too many, or in the middle of a frame, where they belong to none.
+    const bool isBetweenFrames = position_ == stream_.size();
+    if (descriptors > (isBetweenFrames ? conduit::maximumDescriptors : 0)) isUncertain = true;
     stream_.insert(stream_.end(), bytes.begin(), bytes.end());
     while (!isClosed && stream_.size() - position_ >= conduit::frameHeaderSize) {
       std::size_t size = 0;
@@ -257,8 +261,7 @@ void send(test::RawPeer& peer, fuzz::Input& input, Expectation& expected) {
     auto part = (flags & fuzz::rawPart) != 0 ? std::vector<std::uint8_t>(bytes.begin(), bytes.end())
                                              : test::RawPeer::frame(bytes);
     const std::vector<int> descriptors(flags & fuzz::descriptorsOfPart, null);
-    if (descriptors.size() > conduit::maximumDescriptors) expected.isUncertain = true;
-    expected.sent(part);
+    expected.sent(part, descriptors.size());
     if (!peer.sendBytes(part, descriptors)) {
       require(expected.isClosed || expected.isUncertain, "only what is malformed ends it");
       return;
