@@ -7,6 +7,7 @@
 
 #include "acl/DSAccessControlStore.h"
 #include "daemon/DSServer.h"
+#include "platform/base/FileDescriptor.h"
 #include "platform/base/Memory.h"
 #include "platform/conduit/ServiceSocket.h"
 #include "platform/extension/ExtensionHost.h"
@@ -15,6 +16,7 @@
 
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
+  qx::fillStandardDescriptors();
   qx::returnLargeBlocks();
   qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
   if (auto taken = qx::claimService(dsDaemonServiceName)) {

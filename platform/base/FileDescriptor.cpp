@@ -22,4 +22,12 @@ FileDescriptor FileDescriptor::duplicate() const {
   return FileDescriptor(fd_ < 0 ? -1 : ::fcntl(fd_, F_DUPFD_CLOEXEC, 0));
 }
 
+void fillStandardDescriptors() {
+  // open(2) gives the lowest number that is free.
+  while (FileDescriptor file{::open("/dev/null", O_RDWR)}) {
+    if (file.get() > STDERR_FILENO) return;
+    file.release();
+  }
+}
+
 }  // namespace qx

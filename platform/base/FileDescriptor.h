@@ -30,4 +30,8 @@ class FileDescriptor {
   int fd_ = -1;
 };
 
+/// Opens /dev/null where standard input, output or error is closed, so that no other file gets one
+/// of their numbers and the log written into it. For main, before anything is opened.
+void fillStandardDescriptors();
+
 }  // namespace qx

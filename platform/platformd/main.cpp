@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/FileDescriptor.h"
 #include "platform/conduit/ServiceSocket.h"
 #include "platform/coordination/CoordinationState.h"
 #include "platform/files/Places.h"
@@ -138,6 +139,7 @@ CoordinationMechanism wantedMechanism() {
 
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
+  qx::fillStandardDescriptors();
   if (arguments.size() == 2 && std::string_view(arguments[1]) == EventHolder::workerOption) {
     return work();
   }

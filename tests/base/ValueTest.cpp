@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/base/Errors.h"
@@ -127,6 +128,19 @@ TEST(FileDescriptorTest, IsClosedOnceAndDuplicatesCloseOnExec) {
   EXPECT_EQ(::read(reader.get(), &byte, 1), 1);
   EXPECT_EQ(::read(reader.get(), &byte, 1), 0);
   EXPECT_FALSE(FileDescriptor().duplicate());
+}
+
+TEST(FileDescriptorTest, TakesThePlaceOfClosedStandardDescriptors) {
+  FileDescriptor(STDIN_FILENO).reset();
+  fillStandardDescriptors();
+  struct stat input, null;
+  ASSERT_EQ(::fstat(STDIN_FILENO, &input), 0);
+  ASSERT_EQ(::stat("/dev/null", &null), 0);
+  EXPECT_EQ(input.st_rdev, null.st_rdev);
+  const FileDescriptor next(::open("/", O_PATH));
+  EXPECT_GT(next.get(), STDERR_FILENO);
+  fillStandardDescriptors();
+  EXPECT_EQ(FileDescriptor(::open("/", O_PATH)).get(), next.get() + 1);
 }
 
 }  // namespace
