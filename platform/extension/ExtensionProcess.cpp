@@ -39,8 +39,15 @@ constexpr seconds timeToEnd{2};
 constexpr seconds timeToBeKilled{5};
 constexpr int connectionNumber = 3;
 
+/// A root relative to our working directory, which is not the extension's.
+bool isRootRelative() {
+  const auto& root = Places::rootOverride();
+  return root && !root->starts_with('/');
+}
+
 /// What belongs to this daemon's own start by a service manager and must not be passed on.
 bool isInherited(std::string_view variable) {
+  if (variable.starts_with("DOCSOURCE_ROOT=") && isRootRelative()) return false;
   for (std::string_view name : {"NOTIFY_SOCKET=", "LISTEN_PID=", "LISTEN_FDS=", "LISTEN_FDNAMES=",
                                 "WATCHDOG_PID=", "WATCHDOG_USEC=", "QX_EXTENSION_CONNECTION=",
                                 "QX_EXTENSION_IDENTIFIER=", "QX_DOCUMENT_STORAGE="}) {
@@ -73,6 +80,7 @@ std::vector<std::string> environmentOf(const std::shared_ptr<const Bundle>& bund
   for (char** variable = environ; *variable; ++variable) {
     if (isInherited(*variable)) environment.emplace_back(*variable);
   }
+  if (isRootRelative()) environment.push_back("DOCSOURCE_ROOT=" + Places::root());
   environment.push_back("QX_EXTENSION_CONNECTION=" + std::to_string(connectionNumber));
   environment.push_back("QX_EXTENSION_IDENTIFIER=" + bundle->identifier);
   if (auto storage = prepareContainers(bundle)) {

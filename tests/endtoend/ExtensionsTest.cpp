@@ -42,7 +42,9 @@ TEST_F(Extensions, AreStartedWithNothingButWhatIsTheirs) {
   sigaddset(&blocked, SIGUSR2);
   sigaddset(&blocked, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-  launch({{"KEPT", "for all"}});
+  // A root relative to the daemon's directory is another place in theirs.
+  std::filesystem::current_path("/");
+  launch({{"KEPT", "for all"}, {"DOCSOURCE_ROOT", installation_.root().substr(1)}});
   pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
   ASSERT_TRUE(installation_.becomesServed(docSourceService));
 
