@@ -34,8 +34,8 @@ Result<ListFile> readList(const std::string& path) {
   if (!file) return failure(errno);
   struct stat status;
   if (fstat(file.get(), &status) != 0) return failure(errno);
-  if (!S_ISREG(status.st_mode)) return broken(path + " is not a regular file");
-  if (status.st_size > largestList) return broken(path + " is too large");
+  if (!S_ISREG(status.st_mode)) return broken(path + " is not a regular file.");
+  if (status.st_size > largestList) return broken(path + " is too large.");
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
   std::size_t length = 0;
   while (length < text.size()) {
@@ -49,7 +49,7 @@ Result<ListFile> readList(const std::string& path) {
   auto value = PropertyList::read(std::string_view(text));
   if (!value) return broken(path + ": " + value.error().description());
   auto* dictionary = value->as<Dictionary>();
-  if (!dictionary) return broken(path + " does not hold a dictionary");
+  if (!dictionary) return broken(path + " does not hold a dictionary.");
   return ListFile{std::move(*dictionary), status};
 }
 
@@ -81,8 +81,8 @@ BundleInspection inspectBundle(BundleKind kind, const std::string& path) {
   auto info = readList(path + "/Info.plist");
   if (!info) return {info.error(), {}, {}, false};
   auto* executable = nonEmptyString(info->content, "QXBundleExecutable");
-  if (!executable) return {broken("Info.plist has no QXBundleExecutable"), {}, {}, false};
-  BundleInspection found{broken("Info.plist has no QXBundleIdentifier"), *executable, {}, false};
+  if (!executable) return {broken("Info.plist has no QXBundleExecutable."), {}, {}, false};
+  BundleInspection found{broken("Info.plist has no QXBundleIdentifier."), *executable, {}, false};
   auto* identifier = nonEmptyString(info->content, "QXBundleIdentifier");
   if (!identifier) return found;
 
@@ -93,7 +93,7 @@ BundleInspection inspectBundle(BundleKind kind, const std::string& path) {
     return found;
   }
   if (!S_ISREG(status.st_mode) || !(status.st_mode & 0111)) {
-    found.bundle = broken(program + " is not an executable file");
+    found.bundle = broken(program + " is not an executable file.");
     return found;
   }
 

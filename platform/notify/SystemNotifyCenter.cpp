@@ -97,7 +97,7 @@ void addObserver(const std::string& name, std::function<void()> callback) {
 
 std::optional<Error> post(const std::string& name) {
   if (name.empty() || name.starts_with('.') || name.find('/') != std::string::npos) {
-    return posixError(EINVAL, "posting a notification");
+    return posixError(EINVAL, "The notification cannot be posted");
   }
   if (auto error = FileManager::createDirectory(Places::notifications())) return error;
   return FileManager::replaceFile(Places::notifications() + "/" + name, "");

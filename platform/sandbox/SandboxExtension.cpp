@@ -101,7 +101,9 @@ std::optional<std::string> canonicalEntry(const std::string& path) {
   return canonical;
 }
 
-qx::Error invalid() { return qx::posixError(EBADMSG, "checking a sandbox extension"); }
+qx::Error invalid() {
+  return qx::posixError(EBADMSG, "The sandbox extension is forged, altered or stale");
+}
 
 }  // namespace
 
