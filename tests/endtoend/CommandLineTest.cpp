@@ -150,6 +150,7 @@ TEST_F(CommandLine, RefusesWhatIsNoCommand) {
     EXPECT_EQ(outcome.output, "");
     EXPECT_NE(outcome.errors, "");
   }
+  EXPECT_EQ(run({"device", "explode"}).errors.find("There is no command \"explode\"."), 0U);
   EXPECT_NE(ask({"--help"}).find("extend-sandbox"), std::string::npos);
 }
 
@@ -418,6 +419,7 @@ TEST_F(CommandLine, ListsTheGrantsOfAnyAccessControlFile) {
   const auto unreadable = run({"grants"});
   EXPECT_EQ(unreadable.status, 1);
   EXPECT_EQ(unreadable.output, "");
+  EXPECT_EQ(unreadable.errors.find(installation_.accessControlFile()), 0U) << unreadable.errors;
 }
 
 TEST_F(CommandLine, InstallsAndRemovesBundles) {

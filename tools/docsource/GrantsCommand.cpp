@@ -1,6 +1,8 @@
 // The grants as they stand in the access-control file: provider, consumer, "AllowedItemIDs". What
 // in the file has another shape is no grant, and is not shown.
 
+#include <cstdio>
+
 #include "platform/base/Errors.h"
 #include "platform/files/Places.h"
 #include "platform/plist/PropertyList.h"
@@ -46,7 +48,10 @@ int grants(const Arguments& arguments) {
   const std::string path = qx::Places::home() + "/Library/DocSource/AccessControl.plist";
   const auto list = qx::PropertyList::readFile(path);
   const bool isMissing = !list && list.error().is(QXStandardErrorDomain, qx::fileNoSuchFileError);
-  if (!list && !isMissing) return fail(list.error());
+  if (!list && !isMissing) {
+    std::fprintf(stderr, "%s: ", onOneLine(path).c_str());
+    return fail(list.error());
+  }
   Grants grants = isMissing ? Grants() : grantsIn(*list);
   return answer(arguments.json, {{"grants", std::move(grants.array)}},
                 table({"PROVIDER", "CONSUMER", "ITEM"}, grants.rows));

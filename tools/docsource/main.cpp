@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -107,6 +108,16 @@ void add(CLI::App& app, const Command& command, Arguments& arguments, const Comm
   entry->callback([&chosen, &command] { chosen = &command; });
 }
 
+/// What stands where the name of a command should; the library only says that one is missing.
+std::optional<std::string> unknownCommand(const CLI::App& app, const CLI::ParseError& error) {
+  const auto rest = app.remaining(true);
+  if (!std::string_view(error.what()).starts_with("A subcommand is required") || rest.empty() ||
+      rest.front().starts_with('-')) {
+    return std::nullopt;
+  }
+  return rest.front();
+}
+
 /// Cuts off what is for the program that is to be run, so that it reaches that program as it is.
 int cutArguments(int argc, const char* const* argv, Arguments& arguments) {
   const auto* const end = argv + argc;
@@ -135,6 +146,11 @@ int interpret(int argc, const char* const* argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (const auto unknown = unknownCommand(app, error)) {
+      std::fprintf(stderr, "There is no command \"%s\".\nRun with --help for more information.\n",
+                   onOneLine(*unknown).c_str());
+      return wrongUsage;
+    }
     return app.exit(error) == 0 ? success : wrongUsage;
   }
   if (chosen->run != run && !arguments.rest.empty()) {
