@@ -22,6 +22,7 @@
 #include "platform/base/Errors.h"
 #include "platform/identity/AuditToken.h"
 #include "platform/log/Log.h"
+#include "platform/queue/WorkPool.h"
 #include "platform/queue/WorkQueue.h"
 
 namespace qx::conduit {
@@ -270,6 +271,7 @@ void ConduitChannel::dropPassedDescriptors(std::uint64_t streamPosition) {
 }
 
 bool ConduitChannel::handleFrame(std::span<const std::uint8_t> body, std::uint64_t streamPosition) {
+  WorkPool::releaseHeldBack();
   dropPassedDescriptors(streamPosition);
   auto batch = batches_.begin();
   while (batch != batches_.end() && batch->begin > streamPosition) ++batch;
@@ -340,7 +342,12 @@ bool ConduitChannel::handleCall(Decoder& decoder, bool hasRequest) {
     unansweredSize_ += size;
   }
   auto call = std::make_shared<IncomingCall>(weak_from_this(), id, size);
-  if (delegate) delegate->receivedCall(std::move(call), operation->content, arguments, request);
+  if (delegate) {
+    // An answer that is left to the global queue is given by this thread, when it has armed the
+    // connection again, unless more is to be read before.
+    const WorkPool::HoldBack holdBack;
+    delegate->receivedCall(std::move(call), operation->content, arguments, request);
+  }
   return true;
 }
 

@@ -26,7 +26,9 @@
 ///
 /// Threads: any thread may call anything. Calls of the peer run on a thread of the reactor, one at
 /// a time and in order; replies to our calls and error handlers on a thread of the reactor or on
-/// the global queue.
+/// the global queue. While it carries a call out, the exported object must not wait for a task that
+/// it submitted to a queue, other than by a synchronous submission: the task may be left for its
+/// own thread.
 class QXConduitConnection final : public qx::conduit::ConduitChannel::Delegate,
                                   public std::enable_shared_from_this<QXConduitConnection> {
  public:

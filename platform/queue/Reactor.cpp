@@ -18,6 +18,7 @@
 #include <unordered_map>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/queue/WorkPool.h"
 
 namespace qx {
 namespace {
@@ -110,6 +111,7 @@ class EpollReactor final : public Reactor {
       }
       if (handler) handler->ready(event.events);
       handler.reset();
+      WorkPool::runHeldBack();
       waiting_.fetch_add(1);
     }
   }

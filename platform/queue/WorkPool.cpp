@@ -18,6 +18,9 @@ constexpr std::chrono::milliseconds patience{10};
 constexpr unsigned defaultCap = 64;
 
 thread_local bool isWorker = false;
+/// The calling thread is within the scope in which it may hold a job back, and has done so.
+thread_local bool mayHoldBack = false;
+thread_local bool holdsBack = false;
 
 }  // namespace
 
@@ -38,7 +41,32 @@ void WorkPool::setSize(unsigned size, unsigned cap) {
 void WorkPool::submit(Job job) {
   const std::lock_guard lock(mutex_);
   jobs_.push_back(std::move(job));
+  if (mayHoldBack && !holdsBack && holdingBack_ < size_) {
+    holdsBack = true;
+    ++holdingBack_;
+    return;
+  }
   provideThread();
+}
+
+WorkPool::HoldBack::HoldBack() { mayHoldBack = true; }
+WorkPool::HoldBack::~HoldBack() { mayHoldBack = false; }
+
+void WorkPool::releaseHeldBack() {
+  if (!std::exchange(holdsBack, false)) return;
+  auto& pool = shared();
+  const std::lock_guard lock(pool.mutex_);
+  --pool.holdingBack_;
+  pool.provideThread();
+}
+
+void WorkPool::runHeldBack() {
+  if (!std::exchange(holdsBack, false)) return;
+  auto& pool = shared();
+  std::unique_lock lock(pool.mutex_);
+  // Others may have taken all there was.
+  if (!pool.jobs_.empty()) pool.runNext(lock);
+  --pool.holdingBack_;
 }
 
 void WorkPool::provideThread() {
@@ -68,22 +96,26 @@ void WorkPool::startWorker() {
   ++threads_;
 }
 
+void WorkPool::runNext(std::unique_lock<std::mutex>& lock) {
+  Job job = std::move(jobs_.front());
+  jobs_.pop_front();
+  ++begun_;
+  lock.unlock();
+  if (job.work) {
+    job.work->runInPool();
+  } else {
+    job.task();
+  }
+  job = {};
+  lock.lock();
+}
+
 void WorkPool::work() {
   isWorker = true;
   std::unique_lock lock(mutex_);
   for (;;) {
     if (!jobs_.empty()) {
-      Job job = std::move(jobs_.front());
-      jobs_.pop_front();
-      ++begun_;
-      lock.unlock();
-      if (job.work) {
-        job.work->runInPool();
-      } else {
-        job.task();
-      }
-      job = {};
-      lock.lock();
+      runNext(lock);
       continue;
     }
     ++idle_;
@@ -115,6 +147,7 @@ void WorkPool::watch() {
 }
 
 WorkPool::Waiting::Waiting() {
+  releaseHeldBack();
   if (!isWorker) return;
   auto& pool = shared();
   const std::lock_guard lock(pool.mutex_);

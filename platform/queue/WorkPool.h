@@ -23,6 +23,10 @@ class PoolWork {
 /// and none has been begun for a while, because all threads are held up by tasks that block, the
 /// pool grows further, one thread at a time, up to its cap. Threads beyond the size end when they
 /// have been idle for some seconds. Any thread may call.
+///
+/// A thread of the reactor may keep a job for itself (HoldBack): the job is on the list like any
+/// other, but nobody is woken for it, since the thread will take one itself in a moment. That saves
+/// two switches of threads for a call that is answered from the global queue.
 class WorkPool {
  public:
   static WorkPool& shared();
@@ -31,6 +35,20 @@ class WorkPool {
   void submit(std::shared_ptr<PoolWork> work) { submit(Job{std::move(work), nullptr}); }
 
   void setSize(unsigned size, unsigned cap);
+
+  /// While it exists, nobody is woken for the first job that the calling thread submits. The thread
+  /// must call runHeldBack() soon, and must not wait for the job before; where it waits inside a
+  /// queue, or calls releaseHeldBack(), others are woken for the job after all. No more threads
+  /// than the size of the pool hold jobs back at a time.
+  class HoldBack {
+   public:
+    HoldBack();
+    ~HoldBack();
+    HoldBack(const HoldBack&) = delete;
+    HoldBack& operator=(const HoldBack&) = delete;
+  };
+  static void runHeldBack();
+  static void releaseHeldBack();
 
   /// While it exists the calling thread, if it is one of the pool's, counts as waiting.
   class Waiting {
@@ -57,6 +75,8 @@ class WorkPool {
 
   WorkPool();
   void submit(Job job);
+  /// Takes the next job and runs it, and comes back with the mutex held.
+  void runNext(std::unique_lock<std::mutex>& lock);
   bool isShortOfThreads() const { return jobs_.size() > idle_; }
   bool mayGrow(unsigned limit) const { return threads_ - waiting_ < limit; }
   /// With the mutex held.
@@ -75,6 +95,7 @@ class WorkPool {
   unsigned threads_ = 0;
   unsigned idle_ = 0;
   unsigned waiting_ = 0;
+  unsigned holdingBack_ = 0;
   bool watcherStarted_ = false;
   bool watcherIdle_ = false;
 };
