@@ -1,7 +1,7 @@
 // One conduit socket.
 //
 // The socket is one source of the reactor, armed for what is wanted next: input, unless a thread is
-// reading already or too many calls are unanswered; output, while something is unsent. The thread
+// reading already or too many calls are unanswered; output, while the socket is full. The thread
 // that reads keeps the input to itself (`reading_`), so calls are delivered one at a time and in
 // order, while another thread can still flush output.
 //
@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -36,6 +37,7 @@ constexpr std::int64_t endRequestMessage = 5;
 
 constexpr std::size_t readSize = 64U << 10U;
 constexpr std::size_t maximumBatches = 4;
+constexpr std::size_t maximumParts = 16;
 
 std::uint32_t frameLength(const std::uint8_t* header) {
   return std::uint32_t{header[0]} << 24U | std::uint32_t{header[1]} << 16U |
@@ -271,7 +273,6 @@ void ConduitChannel::dropPassedDescriptors(std::uint64_t streamPosition) {
 }
 
 bool ConduitChannel::handleFrame(std::span<const std::uint8_t> body, std::uint64_t streamPosition) {
-  WorkPool::releaseHeldBack();
   dropPassedDescriptors(streamPosition);
   auto batch = batches_.begin();
   while (batch != batches_.end() && batch->begin > streamPosition) ++batch;
@@ -301,6 +302,8 @@ bool ConduitChannel::handleMessage(std::span<const std::uint8_t> body,
   auto head = decoder.next();
   std::int64_t kind = 0;
   if (!head || head->kind != Item::Kind::array || !takeInteger(decoder, kind)) return false;
+  // The answer to the call before must not wait for what this message sets going.
+  if (kind <= failureMessage) WorkPool::releaseHeldBack();
   switch (kind) {
     case callMessage:
       return (head->count == 4 || head->count == 5) && handleCall(decoder, head->count == 5);
@@ -395,40 +398,45 @@ void ConduitChannel::callEnded(std::size_t size) {
 
 // Writing.
 
-void ConduitChannel::send(Encoder message) {
+void ConduitChannel::send(Encoder message, bool withTheNext) {
   bool over = false;
   {
     std::lock_guard lock(mutex_);
     if (closed_) return;
     Output output{message.takeFrame(), 0, message.takeDescriptors()};
     unsent_ += output.frame.size();
-    const bool wasIdle = output_.empty();
+    const bool mayWrite = !full_ && !withTheNext;
     output_.push_back(std::move(output));
-    if (wasIdle) over = !flushLocked();
+    if (mayWrite) over = !flushLocked();
     if (!over && unsent_ > maximumUnsent) {
       over = true;
       refuse("it does not read what it is sent");
     }
-    if (!over && wasIdle && !output_.empty()) armLocked();
+    if (!over && mayWrite && full_) armLocked();
   }
   if (over) close();
 }
 
-/// Writes what the socket takes; false when the peer is gone.
+/// Writes what the socket takes, several frames at a time; false when the peer is gone.
 bool ConduitChannel::flushLocked() {
   while (!output_.empty()) {
-    Output& next = output_.front();
-    iovec part{next.frame.data() + next.sent, next.frame.size() - next.sent};
+    std::array<iovec, maximumParts> parts;
+    std::size_t partCount = 0;
+    for (Output& next : output_) {
+      // Descriptors travel with the first byte of their frame.
+      const bool wantsItsOwnMessage = partCount != 0 && !next.descriptors.empty();
+      if (partCount == parts.size() || wantsItsOwnMessage) break;
+      parts[partCount++] = {next.frame.data() + next.sent, next.frame.size() - next.sent};
+    }
     msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    message.msg_iov = parts.data();
+    message.msg_iovlen = partCount;
     ControlBuffer control;
-    if (!next.descriptors.empty()) {
+    auto& descriptors = output_.front().descriptors;
+    if (!descriptors.empty()) {
       std::array<int, maximumDescriptors> numbers;
-      std::size_t size = sizeof(int) * next.descriptors.size();
-      for (std::size_t i = 0; i < next.descriptors.size(); ++i) {
-        numbers[i] = next.descriptors[i]->get();
-      }
+      std::size_t size = sizeof(int) * descriptors.size();
+      for (std::size_t i = 0; i < descriptors.size(); ++i) numbers[i] = descriptors[i]->get();
       message.msg_control = control.bytes.data();
       message.msg_controllen = CMSG_SPACE(size);
       cmsghdr* header = CMSG_FIRSTHDR(&message);
@@ -440,13 +448,20 @@ bool ConduitChannel::flushLocked() {
     const ssize_t count = sendmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count < 0) {
       if (errno == EINTR) continue;
-      return errno == EAGAIN || errno == EWOULDBLOCK;
+      full_ = errno == EAGAIN || errno == EWOULDBLOCK;
+      return full_;
     }
-    next.descriptors.clear();
-    next.sent += static_cast<std::size_t>(count);
+    descriptors.clear();
     unsent_ -= static_cast<std::size_t>(count);
-    if (next.sent == next.frame.size()) output_.pop_front();
+    for (auto left = static_cast<std::size_t>(count); left > 0;) {
+      Output& next = output_.front();
+      const std::size_t taken = std::min(left, next.frame.size() - next.sent);
+      next.sent += taken;
+      left -= taken;
+      if (next.sent == next.frame.size()) output_.pop_front();
+    }
   }
+  full_ = false;
   return true;
 }
 
@@ -454,7 +469,7 @@ void ConduitChannel::armLocked() {
   if (source_ == 0) return;
   std::uint32_t events = 0;
   if (!reading_ && !paused_) events |= EPOLLIN;
-  if (!output_.empty() || (kicked_ && !reading_)) events |= EPOLLOUT;
+  if (full_ || (kicked_ && !reading_)) events |= EPOLLOUT;
   // A connection that is not read is armed all the same: its peer's end is always reported.
   if (events != 0 || (paused_ && !reading_)) Reactor::shared().arm(source_, socket_.get(), events);
 }
@@ -504,7 +519,7 @@ void ConduitChannel::beginRequest(const UUID& request) {
     std::lock_guard lock(mutex_);
     openRequests_.insert(request);
   }
-  sendRequest(beginRequestMessage, request);
+  send(requestMessage(beginRequestMessage, request), true);
 }
 
 void ConduitChannel::endRequest(const UUID& request) {
@@ -512,15 +527,15 @@ void ConduitChannel::endRequest(const UUID& request) {
     std::lock_guard lock(mutex_);
     openRequests_.erase(request);
   }
-  sendRequest(endRequestMessage, request);
+  send(requestMessage(endRequestMessage, request));
 }
 
-void ConduitChannel::sendRequest(std::int64_t kind, const UUID& request) {
+Encoder ConduitChannel::requestMessage(std::int64_t kind, const UUID& request) {
   Encoder message;
   message.array(2);
   message.integer(kind);
   encode(message, request);
-  send(std::move(message));
+  return message;
 }
 
 void ConduitChannel::failCallsOfRequest(const UUID& request, const Error& error) {

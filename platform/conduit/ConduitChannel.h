@@ -77,7 +77,8 @@ class ConduitChannel final : public ReactorHandler,
   void sendCall(std::uint64_t id, Encoder message, const std::optional<UUID>& request,
                 ReplyReader onReply, ErrorHandler onError);
 
-  /// Only a request that was begun and not ended takes calls.
+  /// Only a request that was begun and not ended takes calls. The peer learns of the beginning
+  /// together with what is sent next.
   void beginRequest(const UUID& request);
   void endRequest(const UUID& request);
   /// Fails the calls in flight that name the request, and those to come.
@@ -122,8 +123,8 @@ class ConduitChannel final : public ReactorHandler,
   void callEnded(std::size_t size);
   void refuse(std::string_view why);
 
-  void sendRequest(std::int64_t kind, const UUID& request);
-  void send(Encoder message);
+  static Encoder requestMessage(std::int64_t kind, const UUID& request);
+  void send(Encoder message, bool withTheNext = false);
   bool flushLocked();
   void armLocked();
 
@@ -143,6 +144,7 @@ class ConduitChannel final : public ReactorHandler,
   std::set<UUID> openRequests_;
   std::deque<Output> output_;
   std::size_t unsent_ = 0;
+  bool full_ = false;  // the socket takes nothing now
   // Of the thread that reads.
   std::vector<std::uint8_t> input_;
   std::uint64_t streamPosition_ = 0;  // of the first byte in input_
