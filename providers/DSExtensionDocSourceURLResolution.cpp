@@ -21,11 +21,11 @@ std::shared_ptr<DSExtensionDocSource> DSExtensionDocSource::providerForURL_outEx
     const std::optional<qx::URL>& url, bool* outExcludedURL) {
   std::shared_ptr<DSExtensionDocSource> owner;
   bool isExcluded = false;
+  qx::FileManager::ItemPlace item(url);
   registry().registryQueue->sync([&] {
     for (const auto& [key, instance] : registry().instances) {
       const auto directory = instance->providedItemsURL();
-      const auto relationship =
-          qx::FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(directory, url);
+      const auto relationship = item.relationshipToDirectoryAtURL(directory);
       if (relationship) {
         if (*relationship == qx::DirectoryRelationship::contains) {
           DS_LOG("[INFO] Resolved URL to provider %@.", instance->identifier());

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <iosfwd>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/base/Error.h"
 #include "platform/base/FileDescriptor.h"
@@ -45,6 +48,31 @@ Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
 /// or not below the directory.
 std::optional<URL> itemURLBelowDirectory(const std::optional<URL>& directory,
                                          const std::optional<URL>& item);
+
+/// The same question about one item and any number of directories: the way to the item is walked
+/// once, at the first question that comes so far.
+class ItemPlace {
+ public:
+  explicit ItemPlace(const std::optional<URL>& item)
+      : item_(item), path_(item ? item->path() : std::nullopt) {}
+  Result<DirectoryRelationship> relationshipToDirectoryAtURL(const std::optional<URL>& directory);
+
+ private:
+  struct Identity {
+    dev_t device;
+    ino_t inode;
+    friend bool operator==(const Identity&, const Identity&) = default;
+  };
+  class Walk;
+  /// The errno of what stood in the way, or 0.
+  int walk();
+
+  const std::optional<URL> item_;
+  const std::optional<std::string> path_;
+  std::optional<int> walked_;          // what walk() returned
+  std::vector<Identity> directories_;  // from the root to the last one on the way
+  std::size_t namesBelow_ = 0;         // names after it that are no directories
+};
 
 /// Removes a file or a whole tree without following links. ENOENT is no error.
 std::optional<Error> removeTree(const std::string& path);

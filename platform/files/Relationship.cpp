@@ -27,13 +27,9 @@ namespace {
 /// As many links as the kernel follows (path_resolution(7)).
 constexpr int maximumLinks = 40;
 
-struct Identity {
-  dev_t device;
-  ino_t inode;
-  friend bool operator==(const Identity&, const Identity&) = default;
-};
+}  // namespace
 
-class Walk {
+class ItemPlace::Walk {
  public:
   /// Walks an absolute path; the errno of what stood in the way, or 0.
   int run(const std::string& path) {
@@ -51,12 +47,8 @@ class Walk {
     return 0;
   }
 
-  DirectoryRelationship relationshipOf(const Identity& directory) const {
-    const auto found = std::find(directories_.begin(), directories_.end(), directory);
-    if (found == directories_.end()) return DirectoryRelationship::other;
-    const bool isLast = found + 1 == directories_.end() && namesBelow_ == 0;
-    return isLast ? DirectoryRelationship::same : DirectoryRelationship::contains;
-  }
+  std::vector<Identity> takeDirectories() { return std::move(directories_); }
+  std::size_t namesBelow() const { return namesBelow_; }
 
  private:
   int toRoot() {
@@ -68,6 +60,9 @@ class Walk {
   int enter(FileDescriptor directory) {
     struct stat status;
     if (!directory || ::fstat(directory.get(), &status) != 0) return errno;
+    return enter(std::move(directory), status);
+  }
+  int enter(FileDescriptor directory, const struct stat& status) {
     directories_.push_back({status.st_dev, status.st_ino});
     current_ = std::move(directory);
     return 0;
@@ -97,7 +92,7 @@ class Walk {
     struct stat status;
     if (::fstat(entry.get(), &status) != 0) return errno;
     if (S_ISLNK(status.st_mode)) return follow(entry);
-    if (S_ISDIR(status.st_mode)) return enter(std::move(entry));
+    if (S_ISDIR(status.st_mode)) return enter(std::move(entry), status);
     // A file is a name in its directory; nothing below it can exist.
     ++namesBelow_;
     return 0;
@@ -124,25 +119,39 @@ class Walk {
   int links_ = 0;
 };
 
-}  // namespace
+int ItemPlace::walk() {
+  Walk walk;
+  const int failed = walk.run(*path_);
+  directories_ = walk.takeDirectories();
+  namesBelow_ = walk.namesBelow();
+  return failed;
+}
+
+Result<DirectoryRelationship> ItemPlace::relationshipToDirectoryAtURL(
+    const std::optional<URL>& directory) {
+  const auto directoryPath = directory ? directory->path() : std::nullopt;
+  if (!directoryPath) return fileError(EINVAL, directory);
+  if (!path_) return fileError(EINVAL, item_);
+
+  struct stat status;
+  if (::stat(directoryPath->c_str(), &status) != 0) return fileError(errno, directory);
+  if (!S_ISDIR(status.st_mode)) return fileError(ENOTDIR, directory);
+
+  if (!walked_) walked_ = walk();
+  if (*walked_ != 0) {
+    // "No such file" is kept for the directory; here it means that one went during the walk.
+    return fileError(*walked_ == ENOENT ? ESTALE : *walked_, item_);
+  }
+  const auto found =
+      std::find(directories_.begin(), directories_.end(), Identity{status.st_dev, status.st_ino});
+  if (found == directories_.end()) return DirectoryRelationship::other;
+  const bool isLast = found + 1 == directories_.end() && namesBelow_ == 0;
+  return isLast ? DirectoryRelationship::same : DirectoryRelationship::contains;
+}
 
 Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
     const std::optional<URL>& directory, const std::optional<URL>& item) {
-  const auto directoryPath = directory ? directory->path() : std::nullopt;
-  if (!directoryPath) return fileError(EINVAL, directory);
-  const auto itemPath = item ? item->path() : std::nullopt;
-  if (!itemPath) return fileError(EINVAL, item);
-
-  const FileDescriptor opened(::open(directoryPath->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  struct stat status;
-  if (!opened || ::fstat(opened.get(), &status) != 0) return fileError(errno, directory);
-
-  Walk walk;
-  if (const int failed = walk.run(*itemPath)) {
-    // "No such file" is kept for the directory; here it means that one went during the walk.
-    return fileError(failed == ENOENT ? ESTALE : failed, item);
-  }
-  return walk.relationshipOf({status.st_dev, status.st_ino});
+  return ItemPlace(item).relationshipToDirectoryAtURL(directory);
 }
 
 std::optional<URL> itemURLBelowDirectory(const std::optional<URL>& directory,
