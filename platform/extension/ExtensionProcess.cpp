@@ -201,7 +201,6 @@ std::optional<UUID> ExtensionProcess::beginRequest() {
   std::lock_guard lock(mutex_);
   if (over_ || retired_ || connection_->isInvalid()) return std::nullopt;
   requests_.emplace(request, std::move(context));
-  if (idleTimer_ != 0) Clock::current().cancel(std::exchange(idleTimer_, 0));
   connection_->beginRequest(request);
   return request;
 }
@@ -229,16 +228,23 @@ void ExtensionProcess::requestEnded(const UUID& request) {
   endRequest(request);
 }
 
+/// A timer that runs already is left to run: it looks at its end how long nothing was open. So a
+/// request that comes and goes sets no timer.
 void ExtensionProcess::becameIdleLocked() {
-  if (over_ || idleTimer_ != 0) return;
-  // A timer that has begun to run cannot be cancelled any more; it then sees that it is outdated.
-  idleTimer_ = Clock::current().schedule(idleTime, [self = weak_from_this(), turn = ++idleTurn_] {
+  idleSince_ = Clock::current().now();
+  if (!over_ && idleTimer_ == 0) watchIdlenessLocked(idleTime);
+}
+
+void ExtensionProcess::watchIdlenessLocked(Clock::Duration time) {
+  idleTimer_ = Clock::current().schedule(time, [self = weak_from_this()] {
     auto process = self.lock();
     if (!process) return;
     {
       std::lock_guard lock(process->mutex_);
-      if (process->idleTurn_ != turn || !process->requests_.empty()) return;
       process->idleTimer_ = 0;
+      if (process->over_ || !process->requests_.empty()) return;
+      const auto left = process->idleSince_ + idleTime - Clock::current().now();
+      if (left > Clock::Duration::zero()) return process->watchIdlenessLocked(left);
       process->retired_ = true;
     }
     DS_LOG("[INFO] Extension %@ is idle; ending it.", process->bundle_->identifier);

@@ -61,6 +61,7 @@ class ExtensionProcess final : public ReactorHandler,
   std::optional<Error> spawn();
   void requestEnded(const UUID& request);
   void becameIdleLocked();
+  void watchIdlenessLocked(Clock::Duration time);
   void sendSignal(int signal);
   void reap();
 
@@ -75,7 +76,7 @@ class ExtensionProcess final : public ReactorHandler,
   // Under the mutex.
   std::map<UUID, std::shared_ptr<QXExtensionContext>> requests_;
   Clock::TimerID idleTimer_ = 0;
-  std::uint64_t idleTurn_ = 0;
+  Clock::Duration idleSince_{};
   std::set<int> sentSignals_;
   Clock::TimerID terminateTimer_ = 0;
   Clock::TimerID killTimer_ = 0;
