@@ -97,6 +97,24 @@ TEST(PropertyListTest, EveryStringComesOutAsItWentIn) {
   EXPECT_EQ(*back, value);
 }
 
+TEST(PropertyListTest, EveryByteComesOutFromEveryPlace) {
+  for (std::size_t size = 1; size <= 20; ++size) {
+    for (std::size_t place = 0; place < size; ++place) {
+      Array strings;
+      for (int c = 0; c < 256; ++c) {
+        std::string text(size, 'x');
+        text[place] = static_cast<char>(c);
+        strings.emplace_back(std::move(text));
+      }
+      const auto text = PropertyList::write(Value(strings));
+      ASSERT_TRUE(text.ok());
+      const auto back = PropertyList::read(*text);
+      ASSERT_TRUE(back.ok()) << size << " " << place;
+      EXPECT_EQ(*back, Value(strings)) << size << " " << place;
+    }
+  }
+}
+
 TEST(PropertyListTest, NumbersAndDatesComeOutAsTheyWentIn) {
   Array values;
   for (const std::int64_t number : {std::numeric_limits<std::int64_t>::min(), std::int64_t{-1},
