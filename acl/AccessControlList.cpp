@@ -47,7 +47,8 @@ class ValueBuilder {
 
 }  // namespace
 
-/// Knows at which level of the list the reader is, and what to put an event into.
+/// Knows at which level of the list the reader is, and what to put an event into. No key comes
+/// twice in a dictionary, so whatever begins is new.
 class AccessControlList::Reader : public qx::PropertyList::Handler {
  public:
   AccessControlList list;
@@ -59,11 +60,11 @@ class AccessControlList::Reader : public qx::PropertyList::Handler {
         level_ = Level::root;
         return;
       case Level::root:
-        provider_ = &list.providers_.findOrAdd(key_);
+        provider_ = &list.providers_.add(key_);
         level_ = Level::provider;
         return;
       case Level::provider:
-        consumer_ = &provider_->consumers.findOrAdd(key_);
+        consumer_ = &provider_->consumers.add(key_);
         level_ = Level::consumer;
         return;
       case Level::consumer:
@@ -119,10 +120,10 @@ class AccessControlList::Reader : public qx::PropertyList::Handler {
         list.foreign_ = std::move(owned);
         return;
       case Level::root:
-        list.providers_.findOrAdd(key_).foreign = std::move(owned);
+        list.providers_.add(key_).foreign = std::move(owned);
         return;
       case Level::provider:
-        provider_->consumers.findOrAdd(key_).foreign = std::move(owned);
+        provider_->consumers.add(key_).foreign = std::move(owned);
         return;
       case Level::consumer:
         if (!consumer_->otherKeys) consumer_->otherKeys = std::make_unique<qx::Dictionary>();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,7 +15,7 @@
 /// identifiers. The order is worked out when it is wanted and then kept up, so that neither
 /// reading a file nor adding to a large table sorts anything again.
 ///
-/// An entry stays where it is until another one is added or erased.
+/// An entry stays where it is until one is erased.
 template <class Entry>
 class IdentifierTable {
  public:
@@ -29,7 +30,12 @@ class IdentifierTable {
   }
 
   Entry& findOrAdd(std::string_view identifier) {
-    if (Entry* entry = find(identifier)) return *entry;
+    Entry* entry = find(identifier);
+    return entry ? *entry : add(identifier);
+  }
+
+  /// One that is not there.
+  Entry& add(std::string_view identifier) {
     nodes_.push_back({std::string(identifier), Entry()});
     indexFrom(index_.isEmpty() ? 0 : nodes_.size() - 1);
     return nodes_.back().entry;
@@ -109,7 +115,7 @@ class IdentifierTable {
     std::inplace_merge(order_.begin(), middle, order_.end(), isBefore);
   }
 
-  std::vector<Node> nodes_;
+  std::deque<Node> nodes_;  // grows without being moved, and without room to spare
   PositionIndex index_;
   std::vector<std::uint32_t> order_;  // positions by identifier; of all nodes but the newest
 };

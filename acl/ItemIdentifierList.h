@@ -29,20 +29,20 @@ class ItemIdentifierList {
   void append(std::string_view identifier);
   void appendForeign(qx::Value element);
 
-  bool isEmpty() const { return ends_.empty() && !foreign_; }
+  bool isEmpty() const { return count_ == 0 && !foreign_; }
 
   /// In order: `identifier(std::string_view)` and `foreign(const qx::Value&)`. Goes on as long as
   /// they return true; returns whether all did.
   template <class Identifier, class Foreign>
   bool forEach(Identifier&& identifier, Foreign&& foreign) const {
     std::size_t nextForeign = 0;
-    for (std::size_t position = 0; position <= ends_.size(); ++position) {
+    for (std::size_t position = 0; position <= count_; ++position) {
       for (; foreign_ && nextForeign < foreign_->size() &&
              (*foreign_)[nextForeign].identifiersBefore == position;
            ++nextForeign) {
         if (!foreign((*foreign_)[nextForeign].element)) return false;
       }
-      if (position < ends_.size() && !identifier(at(position))) return false;
+      if (position < count_ && !identifier(at(position))) return false;
     }
     return true;
   }
@@ -54,13 +54,16 @@ class ItemIdentifierList {
   };
 
   std::string_view at(std::size_t position) const {
-    const std::size_t begin = position == 0 ? 0 : ends_[position - 1];
-    return std::string_view(bytes_).substr(begin, ends_[position] - begin);
+    const std::size_t begin = position == 0 ? 0 : begins_[position - 1];
+    const std::size_t end = position + 1 == count_ ? bytes_.size() : begins_[position];
+    return std::string_view(bytes_).substr(begin, end - begin);
   }
   void indexLast();
 
+  // Many lists hold one identifier, and take no memory but for its bytes then.
   std::string bytes_;
-  std::vector<std::size_t> ends_;  // of each identifier in bytes_
-  PositionIndex index_;            // first occurrences
+  std::vector<std::size_t> begins_;  // of each identifier in bytes_ but the first
+  std::size_t count_ = 0;
+  std::unique_ptr<PositionIndex> index_;  // first occurrences; null up to the length without
   std::unique_ptr<std::vector<ForeignElement>> foreign_;
 };
