@@ -145,13 +145,14 @@ class PooledQueue final : public WorkQueue, public PoolWork {
   }
 
   bool enterAsReader(State obstacles) {
-    State state = state_.load(std::memory_order_relaxed);
-    while ((state & obstacles) == 0) {
+    // Idle most of the time, and quicker to try than to look first.
+    State state = 0;
+    do {
       if (state_.compare_exchange_weak(state, state + oneReader, std::memory_order_acquire,
                                        std::memory_order_relaxed)) {
         return true;
       }
-    }
+    } while ((state & obstacles) == 0);
     return false;
   }
 
