@@ -79,17 +79,16 @@ std::optional<std::string> URL::path() const {
 
   std::string path;
   path.reserve(rest.size());
-  for (std::size_t i = 0; i < rest.size(); ++i) {
-    char c = rest[i];
-    if (c == '%') {
-      const auto byte = hexDecode(rest.substr(i + 1, 2));
-      if (!byte || byte->size() != 1) return std::nullopt;
-      c = static_cast<char>(byte->front());
-      i += 2;
-    }
-    if (c == '\0') return std::nullopt;
-    path += c;
+  for (;;) {
+    const std::size_t escape = rest.find('%');
+    path += rest.substr(0, escape);
+    if (escape == std::string_view::npos) break;
+    const auto byte = hexDecode(rest.substr(escape + 1, 2));
+    if (!byte || byte->size() != 1) return std::nullopt;
+    path += static_cast<char>(byte->front());
+    rest.remove_prefix(escape + 3);
   }
+  if (path.find('\0') != std::string::npos) return std::nullopt;
   return path;
 }
 
