@@ -45,6 +45,31 @@ TEST(Flow, CallsRunInTheirOrder) {
   EXPECT_EQ(served.object->echoed.all(), expected);
 }
 
+TEST(Flow, AnAnswerLeftToTheGlobalQueueWaitsForNoCallBehindIt) {
+  Served served = Served::make();
+  auto frames = plainCall(1, "answerLaterCompletion:");
+  const auto block = plainCall(2, "blockCompletion:");
+  frames.insert(frames.end(), block.begin(), block.end());
+  ASSERT_TRUE(served.peer.sendBytes(frames));
+  EXPECT_EQ(served.peer.readMessage()->id, 1);
+  served.object->unblock.pass();
+  EXPECT_EQ(served.peer.readMessage()->id, 2);
+}
+
+TEST(Flow, AnAnswerLeftToTheGlobalQueueIsGivenWhileItsCallWaitsInAQueue) {
+  Served served = Served::make();
+  const auto queue = qx::WorkQueue::serial("occupied until the answer is given");
+  const auto occupied = std::make_shared<Gate>();
+  queue->async([occupied, answered = served.object->answeredLater] {
+    occupied->pass();
+    answered->wait();
+  });
+  occupied->wait();
+  served.object->beforeItReturns = [queue] { queue->sync([] {}); };
+  ASSERT_TRUE(served.peer.sendBytes(plainCall(1, "answerLaterCompletion:")));
+  EXPECT_EQ(served.peer.readMessage()->id, 1);
+}
+
 TEST(Flow, PastTheLimitOfUnansweredCallsNothingIsReadUntilSomeAreAnswered) {
   Served served = Served::make();
   for (std::int64_t i = 1; i <= limit; ++i) ASSERT_TRUE(served.peer.sendBytes(holdCall(i)));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "platform/conduit/QXConduitConnection.h"
+#include "platform/queue/WorkQueue.h"
 #include "tests/support/Gate.h"
 #include "tests/support/Mailbox.h"
 #include "tests/support/RawPeer.h"
@@ -17,6 +19,7 @@
   OPERATION(hold_completion, (std::int64_t), (std::int64_t))                            \
   OPERATION(keep_completion, (std::string), (std::int64_t))                             \
   OPERATION(blockCompletion, (), ())                                                    \
+  OPERATION(answerLaterCompletion, (), ())                                              \
   OPERATION(take_and_completion, (qx::SharedDescriptor, qx::SharedDescriptor), (std::int64_t)) \
   OPERATION(listCompletion, (), (qx::Dictionary, qx::Error))
 // clang-format on
@@ -46,6 +49,13 @@ class TrialObject final : public Trial {
     unblock.wait();
     completion();
   }
+  void answerLaterCompletion(Completion<> completion) override {
+    WorkQueue::global().async([completion = std::move(completion), answered = answeredLater] {
+      completion();
+      answered->pass();
+    });
+    if (beforeItReturns) beforeItReturns();
+  }
   void take_and_completion(const std::optional<SharedDescriptor>& first,
                            const std::optional<SharedDescriptor>& second,
                            Completion<std::int64_t> completion) override {
@@ -66,6 +76,8 @@ class TrialObject final : public Trial {
   Mailbox<std::int64_t> numbers;
   Gate entered;
   Gate unblock;
+  const std::shared_ptr<Gate> answeredLater = std::make_shared<Gate>();
+  std::function<void()> beforeItReturns;
   bool keepDescriptors = false;
   Mailbox<std::pair<SharedDescriptor, SharedDescriptor>> descriptors;
   Dictionary list;
@@ -114,6 +126,10 @@ inline std::vector<std::uint8_t> echoCall(std::int64_t id, const std::string& te
   return RawPeer::call(id, "echo:completion:", [&](conduit::Encoder& message) {
     conduit::encodeList(message, std::optional(text));
   });
+}
+/// Of an operation without arguments.
+inline std::vector<std::uint8_t> plainCall(std::int64_t id, std::string_view operation) {
+  return RawPeer::call(id, operation, [](conduit::Encoder& message) { message.array(0); });
 }
 inline std::vector<std::uint8_t> holdCall(std::int64_t id) {
   return RawPeer::call(id, "hold:completion:", [&](conduit::Encoder& message) {
