@@ -3,10 +3,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +21,7 @@
 #include "platform/plist/PropertyList.h"
 #include "tests/endtoend/Broker.h"
 #include "tests/support/BundleMaker.h"
+#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {
@@ -62,28 +61,13 @@ class CommandLine : public Broker {
   /// Runs the tool to its end; on a terminal where one is named, which then gets the errors.
   Outcome run(std::vector<std::string> arguments, const std::string& terminal = "") const {
     const std::string output = installation_ / "output", errors = installation_ / "errors";
-    const std::string root = "DOCSOURCE_ROOT=" + installation_.root();
-    arguments.insert(arguments.begin(), {"/usr/bin/env", root, builtProgram("docsource")});
-    std::vector<char*> pointers;
-    for (auto& argument : arguments) pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), flags, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), flags, 0600);
-    if (!terminal.empty()) {
-      posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, terminal.c_str(),
-                                       O_WRONLY | O_NOCTTY, 0);
-    }
-    posix_spawn_file_actions_addchdir_np(&actions, directory_.c_str());
-    pid_t id = -1;
-    const int failed = posix_spawn(&id, pointers[0], &actions, nullptr, pointers.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    if (failed || waitpid(id, &status, 0) < 0) return {};
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, content(output), content(errors)};
+    arguments.insert(
+        arguments.begin(),
+        {"env", "-C", directory_, "DOCSOURCE_ROOT=" + installation_.root(), "OUTPUT=" + output,
+         "ERRORS=" + (terminal.empty() ? errors : terminal), "sh", "-c",
+         "exec \"$@\" < /dev/null > \"$OUTPUT\" 2> \"$ERRORS\"", "sh", builtProgram("docsource")});
+    const int status = ChildProcess(std::move(arguments)).wait();
+    return {status, content(output), terminal.empty() ? content(errors) : ""};
   }
 
   /// The output of a run that must succeed and say nothing else.
@@ -92,6 +76,14 @@ class CommandLine : public Broker {
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "");
     return outcome.output;
+  }
+
+  /// Expects a run that fails, with this among what it says.
+  void fails(std::vector<std::string> arguments, const std::string& reason, int status = 1) const {
+    const auto outcome = run(std::move(arguments));
+    EXPECT_EQ(outcome.status, status) << reason;
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors.find(reason), std::string::npos) << outcome.errors;
   }
 
   /// The tool as it is installed.
@@ -139,16 +131,12 @@ TEST_F(CommandLine, RefusesWhatIsNoCommand) {
            {"run", "com.example.app", "argument"},
            {"status"},
            {"evict"},
-           {"evict", "/x", "/y"},
            {"extend-bookmark", "/x", "--provider", "p", "--consumer", "c"},
            {"wake-up", "--timeout", "0"},
-           {"wake-up", "--timeout", "-1"},
            {"wake-up", "--timeout", "soon"},
            {"wake-up", "--timeout", "nan"}}) {
-    const auto outcome = run(wrong);
-    EXPECT_EQ(outcome.status, 2) << describe(Array(wrong.begin(), wrong.end()));
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_NE(outcome.errors, "");
+    SCOPED_TRACE(describe(Array(wrong.begin(), wrong.end())));
+    fails(wrong, "\n", 2);
   }
   EXPECT_EQ(run({"device", "explode"}).errors.find("There is no command \"explode\"."), 0U);
   EXPECT_NE(ask({"--help"}).find("extend-sandbox"), std::string::npos);
@@ -157,10 +145,7 @@ TEST_F(CommandLine, RefusesWhatIsNoCommand) {
 TEST_F(CommandLine, TellsThatAServiceIsAway) {
   for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
            {"wake-up"}, {"providers", "--json"}, {"consume", "token"}, {"read", "/etc/passwd"}}) {
-    const auto outcome = run(command);
-    EXPECT_EQ(outcome.status, 3) << command.front();
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_NE(outcome.errors.find("cannot be reached"), std::string::npos) << outcome.errors;
+    fails(command, "cannot be reached", 3);
   }
 }
 
@@ -184,10 +169,8 @@ TEST_F(CommandLine, CarriesOutTheItemRequests) {
   const auto request = [&](const std::string& command, const std::string& document) {
     return run({command, document, "--provider", provider, "--consumer", "com.example.app"});
   };
-  const auto refused = request("start", "other.txt");
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_EQ(refused.output, "");
-  EXPECT_EQ(refused.errors, "DSErrorDomain 3: The operation is not permitted.\n");
+  EXPECT_EQ(request("start", "other.txt").errors,
+            "DSErrorDomain 3: The operation is not permitted.\n");
 
   const auto url = installed.url("50% of über.txt").absoluteString();
   const auto extended = request("extend-sandbox", "./50% of über.txt");
@@ -224,12 +207,8 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
               R"({"documents": [{"occupied": )" + std::to_string(occupied) + R"(, "path": ")" +
                   path + R"(", "size": 100000, "state": ")" + name + "\"}]}\n");
   };
-  const std::vector<std::string> of{"--provider", "com.example.folders", "--consumer",
-                                    "com.example.app"};
   const auto request = [&](const std::string& command) {
-    std::vector<std::string> arguments{command, "a.txt"};
-    arguments.insert(arguments.end(), of.begin(), of.end());
-    ask(arguments);
+    ask({command, "a.txt", "--provider", "com.example.folders", "--consumer", "com.example.app"});
   };
   request("extend-sandbox");
   state("placeholder");
@@ -238,10 +217,7 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
 
   // Given back only where nothing speaks against it, and the reason is told.
   const auto kept = [&](const std::string& reason) {
-    const auto outcome = run({"evict", "a.txt"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_NE(outcome.errors.find(reason), std::string::npos) << outcome.errors;
+    fails({"evict", "a.txt"}, reason);
     state("present");
   };
   {
@@ -271,9 +247,7 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
             std::string::npos)
       << several.output;
   EXPECT_NE(several.errors.find("none"), std::string::npos);
-  const auto nobodys = run({"evict", origin + "/a.txt"});
-  EXPECT_EQ(nobodys.status, 1);
-  EXPECT_NE(nobodys.errors.find("belongs to no provider"), std::string::npos) << nobodys.errors;
+  fails({"evict", origin + "/a.txt"}, "belongs to no provider");
 }
 
 TEST_F(CommandLine, ShowsOnATerminalHowFarADocumentHasArrived) {
@@ -341,20 +315,14 @@ TEST_F(CommandLine, CopiesDocumentsAsTheyAre) {
   EXPECT_TRUE(ask({"consume", token, "--json"}) == R"({"content": ")" + base64Encode(raw) +
                                                        R"(", "encoding": "base64", "size": 400001})"
                                                        "\n");
-  const auto altered = run({"consume", token + "0"});
-  EXPECT_EQ(altered.status, 1);
-  EXPECT_EQ(altered.output, "");
+  fails({"consume", token + "0"}, "");
 
   // A coordinated read goes through the provider, which fails here once.
   installed.behave({{vendorStart, Array{"error once"}}});
-  const auto failed = run({"read", "A.txt"});
-  EXPECT_EQ(failed.status, 1);
-  EXPECT_EQ(failed.output, "");
-  EXPECT_NE(failed.errors.find("ScriptedProvider 7: error once"), std::string::npos)
-      << failed.errors;
+  fails({"read", "A.txt"}, "ScriptedProvider 7: error once");
   EXPECT_EQ(ask({"read", "A.txt"}), "content of item/a");
   EXPECT_EQ(installed.calls(vendorStart), 2U);
-  EXPECT_EQ(run({"read", "missing.txt"}).status, 1);
+  fails({"read", "missing.txt"}, "");
 }
 
 TEST_F(CommandLine, MakesAndResolvesBookmarks) {
@@ -373,9 +341,7 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   EXPECT_EQ(ask({"bookmark", "A.txt", "--json"}),
             R"({"bookmark": "docsource:com.example.provider/a \"b\"\u000a\u0001 c\\d é"})"
             "\n");
-  const auto ungranted = run({"resolve", bookmark});
-  EXPECT_EQ(ungranted.status, 1);
-  EXPECT_EQ(ungranted.errors, "DSErrorDomain 3: The operation is not permitted.\n");
+  fails({"resolve", bookmark}, "DSErrorDomain 3: The operation is not permitted.\n");
   EXPECT_EQ(ask({"extend-bookmark", "A.txt", "--consumer", toolIdentifier}), bookmark + "\n");
   const auto resolved = ask({"resolve", bookmark});
   EXPECT_EQ(answer(resolved, "document"), installed.url("A.txt").absoluteString());
@@ -384,17 +350,10 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   const auto table = ask({"grants"});
   EXPECT_NE(table.find("a \"b\"\\x0a\\x01 c\\d é\n"), std::string::npos) << table;
 
-  const auto nobodys = run({"bookmark", "/etc/passwd"});
-  EXPECT_EQ(nobodys.status, 1);
-  EXPECT_EQ(nobodys.output, "");
-  EXPECT_NE(nobodys.errors.find("belongs to no provider"), std::string::npos) << nobodys.errors;
+  fails({"bookmark", "/etc/passwd"}, "belongs to no provider");
 
   // Granted, but its provider is not installed: that is never answered.
-  const auto unanswered = run({"--timeout", "0.2", "resolve", "docsource:com.example.gone/x"});
-  EXPECT_EQ(unanswered.status, 1);
-  EXPECT_EQ(unanswered.output, "");
-  EXPECT_NE(unanswered.errors.find("did not answer in time"), std::string::npos)
-      << unanswered.errors;
+  fails({"--timeout", "0.2", "resolve", "docsource:com.example.gone/x"}, "did not answer in time");
 }
 
 TEST_F(CommandLine, ListsTheGrantsOfAnyAccessControlFile) {
@@ -416,10 +375,7 @@ TEST_F(CommandLine, ListsTheGrantsOfAnyAccessControlFile) {
   grant(Array{"of another shape"});
   EXPECT_EQ(ask({"grants", "--json"}), "{\"grants\": []}\n");
   std::ofstream(installation_.accessControlFile()) << "<plist";
-  const auto unreadable = run({"grants"});
-  EXPECT_EQ(unreadable.status, 1);
-  EXPECT_EQ(unreadable.output, "");
-  EXPECT_EQ(unreadable.errors.find(installation_.accessControlFile()), 0U) << unreadable.errors;
+  fails({"grants"}, installation_.accessControlFile());
 }
 
 TEST_F(CommandLine, InstallsAndRemovesBundles) {
@@ -455,9 +411,7 @@ TEST_F(CommandLine, InstallsAndRemovesBundles) {
 
   EXPECT_EQ(ask({"uninstall", "com.example.app"}), "removed " + place + "\n");
   EXPECT_EQ(applications(), std::vector<std::string>{"Broken.app"});
-  const auto again = run({"uninstall", "com.example.app"});
-  EXPECT_EQ(again.status, 1);
-  EXPECT_NE(again.errors.find("com.example.app"), std::string::npos);
+  fails({"uninstall", "com.example.app"}, "com.example.app");
 }
 
 TEST_F(CommandLine, RefusesBundlesThatWouldNotWork) {
@@ -477,10 +431,8 @@ TEST_F(CommandLine, RefusesBundlesThatWouldNotWork) {
        {withoutExecutable, withoutInfo, withPipe, leaning,
         makeApplication("App.bundle", "com.example.app"), std::string("/nowhere.app"),
         makeApplication("App.app", "com.example.another")}) {
-    const auto outcome = run({"install", broken});
-    EXPECT_EQ(outcome.status, 1) << broken;
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_NE(outcome.errors, "");
+    SCOPED_TRACE(broken);
+    fails({"install", broken}, "\n");
     EXPECT_EQ(applications(), std::vector<std::string>{"App.app"});
   }
   EXPECT_EQ(content(installation_ / "Applications/App.app/Info.plist"),

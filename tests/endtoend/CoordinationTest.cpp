@@ -1,10 +1,7 @@
-// docsourced and platformd together: coordinated reads and writes reach the providers, tokens are
-// redeemed, and either may come and go.
-
-#include <unistd.h>
+// docsourced and platformd together: coordinated reads and writes reach the providers, and either
+// may come and go.
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fstream>
 
@@ -15,9 +12,6 @@ namespace qx::test {
 namespace {
 
 const char* const app = "com.example.app";
-const char* const coordinateReading = "coordinateReadingItemAtURL:completion:";
-const char* const finishedWriting = "didFinishWritingItemAtURL:completion:";
-const char* const consumeExtension = "consumeExtension:completion:";
 
 class Coordination : public Broker {
  protected:
@@ -63,19 +57,11 @@ TEST_F(Coordination, BringsContentInBeforeAReadAndReportsAWrite) {
   EXPECT_EQ(read(URL::fileURL(installation_ / "Home/letter")), "success");
   provider_.behave({{vendorStart, "error"}});
   EXPECT_EQ(read(provider_.url("B c.txt")), "DSErrorDomain 8 (ScriptedProvider 7)");
-  provider_.behave({{vendorIdentifier, "refuse"}});
-  EXPECT_EQ(read(provider_.url("B c.txt")), "DSErrorDomain 8 (QXConduitErrorDomain 4)");
   provider_.behave({{vendorStart, "crash"}});
   EXPECT_EQ(read(provider_.url("B c.txt")), "DSErrorDomain 8 (QXConduitErrorDomain 4)");
   provider_.behave({});
   EXPECT_EQ(read(provider_.url("B c.txt")), "success");
   EXPECT_EQ(content("B c.txt"), "content of item b");
-
-  // One who has no such right cannot put itself in the provider's place.
-  EXPECT_EQ(wire.call("addDocSource:providedItemsURL:completion:",
-                      {"com.example.p", URL::fileURL(provider_.storage(), true)})
-                .outcome(),
-            "DSErrorDomain 6");
 
   installation_.remove(provider_.bundle());
   std::filesystem::resize_file(provider_.document("A.txt"), 0);
@@ -84,40 +70,6 @@ TEST_F(Coordination, BringsContentInBeforeAReadAndReportsAWrite) {
   }));
   EXPECT_TRUE(eventually([&] { return read(provider_.url("A.txt")) == "success"; }));
   EXPECT_EQ(content("A.txt"), "");
-}
-
-TEST_F(Coordination, RedeemsTheTokensOfTheBroker) {
-  startPlatform();
-  start();
-  const Array arguments{provider_.url("A.txt"), "com.example.p", app};
-  Wire wire = consumer_.connect();
-  ASSERT_EQ(wire.call(extendSandbox, arguments).outcome(), "success");
-  ASSERT_EQ(wire.call(providePlaceholder, arguments).outcome(), "success");
-  ASSERT_EQ(wire.call(startProviding, arguments).outcome(), "success");
-  const auto extended = wire.call(extendSandbox, arguments);
-  ASSERT_TRUE(extended.at<Bytes>(1) && extended.at<Bytes>(3));
-
-  Wire sandbox = consumer_.connect(sandboxService);
-  const auto redeemed = sandbox.call(consumeExtension, {*extended.at<Bytes>(1)});
-  ASSERT_TRUE(redeemed.at<SharedDescriptor>(1)) << redeemed.outcome();
-  const int descriptor = (*redeemed.at<SharedDescriptor>(1))->get();
-  std::array<char, 64> buffer{};
-  const ssize_t size = pread(descriptor, buffer.data(), buffer.size(), 0);
-  EXPECT_EQ(std::string(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))),
-            "content of item/a");
-  EXPECT_EQ(pwrite(descriptor, "C", 1, 0), 1);
-  EXPECT_EQ(content("A.txt"), "Content of item/a");
-  EXPECT_TRUE(sandbox.call(consumeExtension, {*extended.at<Bytes>(3)}).at<SharedDescriptor>(1));
-
-  Bytes altered = *extended.at<Bytes>(1);
-  altered.back() = altered.back() == '0' ? '1' : '0';
-  const auto refused = sandbox.call(consumeExtension, {altered});
-  EXPECT_NE(refused.outcome(), "success");
-  EXPECT_TRUE(refused.isAbsent(1));
-  // A link in the document's place leads nowhere.
-  std::filesystem::rename(provider_.document("A.txt"), provider_.document("aside"));
-  std::filesystem::create_symlink("aside", provider_.document("A.txt"));
-  EXPECT_NE(sandbox.call(consumeExtension, {*extended.at<Bytes>(1)}).outcome(), "success");
 }
 
 TEST_F(Coordination, StandsAgainWhenEitherSideComesBack) {

@@ -73,22 +73,6 @@ TEST_F(Extensions, AreStartedWithNothingButWhatIsTheirs) {
   EXPECT_TRUE(descriptors.at(connection).as<std::string>()->starts_with("socket:"));
 }
 
-TEST_F(Extensions, HaveNoStorageWithoutAGroupOfTheirs) {
-  auto provider = installation_.installProvider("com.example.p", {{"items", Dictionary()}});
-  writeList(provider.bundle() + "/Info.plist",
-            Installation::extensionInfo("com.example.p", "group.of.others"));
-  start();
-  EXPECT_TRUE(daemon_->logs("[ERROR] Cannot deduce the provided items URL for com.example.p"));
-  const auto processes = provider.processes();
-  ASSERT_EQ(processes.size(), 1U);
-  EXPECT_FALSE(processes.begin()
-                   ->second.at("environment")
-                   .as<Dictionary>()
-                   ->contains("QX_DOCUMENT_STORAGE"));
-  Wire wire = consumer_.connect();
-  EXPECT_EQ(listing(wire), (Dictionary{{"com.example.p", Dictionary()}}));
-}
-
 TEST_F(Extensions, ComeChangeAndGoWhileTheDaemonRuns) {
   start();
   Wire wire = consumer_.connect();
@@ -130,34 +114,14 @@ TEST_F(Extensions, ComeChangeAndGoWhileTheDaemonRuns) {
   EXPECT_TRUE(eventually([&] { return provider.running() == -1; }));
 }
 
-TEST_F(Extensions, FinishWhatTheyWereAskedBeforeTheyWereRemoved) {
-  const auto provider = installation_.installProvider("com.example.p");
-  start();
-  Wire wire = consumer_.connect();
-  EXPECT_EQ(grantDocument(wire, provider), "success");
-  provider.behave({{vendorStart, "hold"}});
-  const auto call = wire.begin(startProviding, {provider.url("A.txt"), provider.identifier(), app});
-  ASSERT_TRUE(eventually([&] { return provider.calls(vendorStart) == 1; }));
-  const std::string removed = installation_.remove(provider.bundle());
-  Wire second = consumer_.connect();
-  EXPECT_TRUE(eventually([&] { return listing(second).empty(); }));
-  EXPECT_GT(provider.running(), 0);
-  writeList(removed + "/Script.plist", Dictionary{{"items", Dictionary{{"A.txt", "item/a"}}}});
-  EXPECT_EQ(wire.answer(call).outcome(), "success");
-  EXPECT_TRUE(eventually([&] { return provider.running() == -1; }));
-}
-
-struct Misbehaviour {
-  std::string how;
-  /// What the client gets to a start that the provider meets like that.
-  std::string outcome;
-  /// Whether the process lives on.
-  bool survives;
-};
-
-class MisbehavingExtensions : public Extensions {};
-
-TEST_F(MisbehavingExtensions, CostTheCallAndNothingElse) {
+TEST_F(Extensions, ThatMisbehaveCostTheCallAndNothingElse) {
+  struct Misbehaviour {
+    std::string how;
+    /// What the client gets to a start that the provider meets like that.
+    std::string outcome;
+    /// Whether the process lives on.
+    bool survives;
+  };
   const std::string lost = "DSErrorDomain 8 (QXConduitErrorDomain 4)";
   const std::string mismatch = "DSErrorDomain 8 (QXConduitErrorDomain 3)";
   const std::vector<Misbehaviour> cases{{"refuse", lost, true},
@@ -193,78 +157,14 @@ TEST_F(MisbehavingExtensions, CostTheCallAndNothingElse) {
   // Killed from outside between two calls, or with one open.
   EXPECT_EQ(kill(provider.running(), SIGKILL), 0);
   EXPECT_TRUE(eventually([&] { return startDocument(wire, provider) == "success"; }));
+  const auto starts = provider.calls(vendorStart);
   provider.behave({{vendorStart, "never"}});
   const auto call = wire.begin(startProviding, {provider.url("A.txt"), provider.identifier(), app});
-  const auto starts = provider.calls(vendorStart);
-  EXPECT_TRUE(eventually([&] { return provider.calls(vendorStart) >= starts; }));
   EXPECT_EQ(startDocument(wire, bystander), "success");
-  ASSERT_TRUE(eventually([&] {
-    const auto lines = provider.callLines();
-    return !lines.empty() && lines.back().starts_with(vendorStart);
-  }));
+  ASSERT_TRUE(eventually([&] { return provider.calls(vendorStart) == starts + 1; }));
   EXPECT_EQ(kill(provider.running(), SIGKILL), 0);
   EXPECT_EQ(wire.answer(call).outcome(), lost);
   stop();
-}
-
-TEST_F(MisbehavingExtensions, AreSetUpAgainAndServedEvenIfThatFails) {
-  const auto late = installation_.installProvider(
-      "com.example.late", {{vendorSetUp, Array{"error of the first time", "crash"}}});
-  start();
-  EXPECT_EQ(daemon_->count("[NOTICE] Trying to register doc source extension com.example.late "
-                           "again. Tries left: 2"),
-            1U);
-  EXPECT_EQ(daemon_->count("[NOTICE] Trying to register doc source extension com.example.late "
-                           "again. Tries left: 1"),
-            1U);
-  EXPECT_EQ(daemon_->count("fault: [ERROR] Doc source extension com.example.late failed to "
-                           "initialize. Error: ScriptedProvider 7: error of the first time."),
-            1U);
-  EXPECT_TRUE(isRegistered(late));
-  EXPECT_EQ(late.calls(vendorSetUp), 3U);
-}
-
-TEST_F(MisbehavingExtensions, ThatCannotRunDoNotStopTheDaemon) {
-  const auto brief = installation_.installProvider("com.example.brief", {{"launch", "exit"}});
-  start();
-  EXPECT_TRUE(daemon_->logs("[ERROR] Could not register doc source com.example.brief. Error: "));
-  EXPECT_EQ(brief.processes().size(), 3U);
-  Wire wire = consumer_.connect();
-  EXPECT_EQ(listing(wire).size(), 1U);
-  // Gone before it got the call, before its proxy was asked for, or before its request was opened.
-  const auto outcome = grantDocument(wire, brief);
-  EXPECT_TRUE(outcome == "DSErrorDomain 8 (DSErrorDomain 8 (QXConduitErrorDomain 4))" ||
-              outcome == "DSErrorDomain 8 (DSErrorDomain 8 (DSErrorDomain 7))" ||
-              outcome == "DSErrorDomain 8 (DSErrorDomain 8 (QXExtensionErrorDomain 2))")
-      << outcome;
-
-  // Later it can.
-  brief.behave({});
-  std::filesystem::create_directories(brief.storage());
-  std::ofstream(brief.document("A.txt")).flush();
-  EXPECT_EQ(grantDocument(wire, brief), "success");
-}
-
-TEST_F(MisbehavingExtensions, WithoutAProgramAreReported) {
-  const auto provider = installation_.installProvider("com.example.p");
-  start();
-  Wire wire = consumer_.connect();
-  ASSERT_EQ(grantDocument(wire, provider), "success");
-  const pid_t running = provider.running();
-  // No program any more, but text; the process that runs is of the old one.
-  const std::string program = provider.bundle() + "/program";
-  std::filesystem::create_hard_link(program, program + ".old");
-  std::ofstream(program + ".new") << "not a program";
-  std::filesystem::permissions(program + ".new", std::filesystem::perms(0755));
-  std::filesystem::rename(program + ".new", program);
-  EXPECT_EQ(kill(running, SIGKILL), 0);
-  EXPECT_TRUE(eventually([&] { return provider.running() == -1; }));
-  EXPECT_TRUE(eventually([&] {
-    return startDocument(wire, provider) ==
-           "DSErrorDomain 8 (DSErrorDomain 8 (QXExtensionErrorDomain 2 (QXPOSIXErrorDomain 8)))";
-  }));
-  std::filesystem::rename(program + ".old", program);
-  EXPECT_TRUE(eventually([&] { return startDocument(wire, provider) == "success"; }));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
@@ -99,16 +100,13 @@ class SandboxedApplication : public Broker {
     std::string url, token, siblingURL, siblingToken;
   };
   static Resolved resolve(ChildProcess& sandboxed, const std::string& bookmark) {
-    std::vector<std::string> parts(1);
-    for (const char character : sandboxed.ask("resolve\t" + bookmark)) {
-      if (character == '\t') {
-        parts.emplace_back();
-      } else {
-        parts.back() += character;
-      }
+    std::istringstream answer(sandboxed.ask("resolve\t" + bookmark));
+    Resolved resolved;
+    for (auto* part :
+         {&resolved.url, &resolved.token, &resolved.siblingURL, &resolved.siblingToken}) {
+      std::getline(answer, *part, '\t');
     }
-    parts.resize(4);
-    return {parts[0], parts[1], parts[2], parts[3]};
+    return resolved;
   }
 
   std::optional<Daemon> platform_;
@@ -215,19 +213,12 @@ TEST_F(SandboxedApplication, GetsNothingWithoutAGrantOrByAFalseToken) {
   renamed.replace(renamed.find("A.txt"), 1, "B");
   EXPECT_EQ(sandboxed.ask("redeem\t" + renamed), "error QXPOSIXErrorDomain 74");
 
-  // A link in the document's place, or in that of a directory above it.
+  // A link in the document's place.
   const std::string document = provider_.document("A.txt");
   fs::rename(document, document + ".moved");
   fs::create_symlink(provider_.document("B c.txt"), document);
   EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXStandardErrorDomain 256");
-  fs::remove(document);
-  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXStandardErrorDomain 260");
   fs::rename(document + ".moved", document);
-  fs::rename(provider_.storage(), provider_.storage() + ".moved");
-  fs::create_directory_symlink(provider_.storage() + ".moved", provider_.storage());
-  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "error QXStandardErrorDomain 256");
-  fs::remove(provider_.storage());
-  fs::rename(provider_.storage() + ".moved", provider_.storage());
   EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "content of A");
 
   // The next boot has another key. It is as hidden as the one before.

@@ -112,17 +112,6 @@ TEST_F(StartUp, LeavesTheRootToTheDaemonThatHasIt) {
   }
 }
 
-TEST_F(StartUp, ReplacesWhatADeadDaemonLeft) {
-  const auto consumer = readerAndWriter();
-  start();
-  Wire wire = consumer.connect();
-  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
-  EXPECT_TRUE(wire.isClosedByPeer());
-  EXPECT_TRUE(std::filesystem::exists(installation_ / ("run/" + std::string(docSourceService))));
-  start();
-  EXPECT_EQ(consumer.connect().call(wakeUp, {}).outcome(), "success");
-}
-
 TEST_F(StartUp, EndsWithItsExtensionsAndClients) {
   const auto gentle = installation_.installProvider("com.example.gentle");
   const auto stubborn =
@@ -145,35 +134,6 @@ TEST_F(StartUp, EndsWithItsExtensionsAndClients) {
   EXPECT_EQ(daemon_->end(SIGINT), 0);
 }
 
-TEST_F(StartUp, LogsOneLineForOneMessage) {
-  const auto provider = installation_.installProvider("com.example.p");
-  const auto consumer = readerAndWriter();
-  start();
-  Wire wire = consumer.connect();
-  wire.call(documentURL, {"a\nb\tc\x7f\x01"});
-  wire.call(startProviding, {URL("file:///nowhere"), "com.example.p\n2026 fault", "x"});
-  const std::string process = "docsourced[" + std::to_string(daemon_->id()) + "]";
-  stop();
-  const auto lines = daemon_->log().all();
-  ASSERT_GT(lines.size(), 4U);
-  const std::regex form(
-      R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z docsourced\[\d+\] (fault: \[ERROR\]|default: \[NOTICE\]|info: \[INFO\]|debug: \[DEBUG\]) .+)");
-  for (const auto& line : lines) {
-    EXPECT_TRUE(std::regex_match(line, form)) << line;
-    EXPECT_NE(line.find(process), std::string::npos) << line;
-  }
-  EXPECT_TRUE(lines[0].ends_with("default: [NOTICE] " + builtProgram("docsourced") + " starting."));
-  EXPECT_TRUE(lines[1].ends_with("debug: [DEBUG] Debug logging enabled."));
-  EXPECT_EQ(daemon_->count("string: “a\\x0ab\\x09c\\x7f\\x01”."), 1U);
-  EXPECT_EQ(daemon_->count("from provider ID com.example.p\\x0a2026 fault to consumer ID x"), 1U);
-
-  start({{"DOCSOURCE_LOG", "default"}});
-  consumer.connect().call(documentURL, {"x"});
-  stop();
-  EXPECT_EQ(daemon_->count("[DEBUG]") + daemon_->count("[INFO]"), 0U);
-  EXPECT_EQ(daemon_->count("docsourced starting."), 1U);
-}
-
 TEST(StartUpFarBelow, WorksWhereNoSocketAddressReaches) {
   Installation installation(std::string(120, 'd') + "/" + std::string(120, 'e'));
   const auto provider = installation.installProvider("com.example.p");
@@ -186,10 +146,9 @@ TEST(StartUpFarBelow, WorksWhereNoSocketAddressReaches) {
   EXPECT_EQ(answer.outcome(), "success");
   ASSERT_TRUE(answer.at<Bytes>(1));
   ASSERT_TRUE(installation.becomesServed(sandboxService));
-  EXPECT_EQ(consumer.connect(sandboxService)
-                .call("consumeExtension:completion:", {*answer.at<Bytes>(1)})
-                .outcome(),
-            "success");
+  EXPECT_EQ(
+      consumer.connect(sandboxService).call(consumeExtension, {*answer.at<Bytes>(1)}).outcome(),
+      "success");
 }
 
 }  // namespace

@@ -30,4 +30,8 @@ inline const char* const vendorStop = "_stopProvidingItemAtURL:completion:";
 inline const char* const vendorIdentifier = "_identifierForItemAtURL:completion:";
 inline const char* const vendorURL = "_URLForItemIdentifier:completion:";
 
+inline const char* const coordinateReading = "coordinateReadingItemAtURL:completion:";
+inline const char* const finishedWriting = "didFinishWritingItemAtURL:completion:";
+inline const char* const consumeExtension = "consumeExtension:completion:";
+
 }  // namespace qx::test

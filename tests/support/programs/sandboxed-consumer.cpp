@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -94,16 +93,6 @@ std::string processes(const Words&) {
 /// The descriptors that were open before any was opened here.
 std::string descriptors;
 
-std::string environment(const Words&) {
-  Words names;
-  for (char** each = environ; *each; ++each) {
-    const std::string text(*each);
-    names.push_back(text.substr(0, text.find('=')));
-  }
-  std::sort(names.begin(), names.end());
-  return join(names);
-}
-
 std::string variable(const Words& words) {
   const char* value = std::getenv(words[1].c_str());
   return value ? value : "error unset";
@@ -165,7 +154,6 @@ int main(int argc, char** argv) {
       {"processes", processes},
       {"descriptors", [](const Words&) { return descriptors; }},
       {"arguments", [&](const Words&) { return join(arguments); }},
-      {"environment", environment},
       {"variable", variable},
       {"resolve", resolve},
       {"redeem", redeem},

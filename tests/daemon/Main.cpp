@@ -1,5 +1,0 @@
-// The tests of the server; the program is its own client, and the extension that it starts.
-
-#include "tests/support/SelfProvider.h"
-
-int main(int count, char** arguments) { return qx::test::mainOfProviderOrTests(count, arguments); }
