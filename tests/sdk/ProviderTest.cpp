@@ -6,27 +6,24 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <functional>
 #include <future>
-#include <memory>
-#include <thread>
+#include <optional>
 
-#include "platform/base/Errors.h"
-#include "platform/conduit/QXConduitConnection.h"
-#include "providers/_QXDocSourceVendor.h"
-#include "tests/sdk/ProviderBroker.h"
 #include "tests/support/Gate.h"
+#include "tests/support/Operations.h"
+#include "tests/support/RawPeer.h"
+#include "tests/support/Wire.h"
 
-using docsource::Error;
-using docsource::Result;
-using qx::test::Gate;
-using sdk::test::Broker;
-
+namespace qx::test {
 namespace {
+
+using docsource::Result;
+
+const Value absent;
 
 /// Its operations do what the test says.
 class TestProvider final : public docsource::Provider {
@@ -52,7 +49,7 @@ class TestProvider final : public docsource::Provider {
   }
 };
 
-class ProviderTest : public ::testing::Test {
+class ProviderTest : public testing::Test {
  protected:
   ProviderTest() {
     ::setenv("QX_EXTENSION_IDENTIFIER", "org.example.provider", 1);
@@ -65,25 +62,30 @@ class ProviderTest : public ::testing::Test {
   }
 
   /// Runs the provider on a thread of its own, the way main() would.
-  Broker& start(TestProvider& provider) {
-    int ends[2];
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    ::setenv("QX_EXTENSION_CONNECTION", std::to_string(ends[1]).c_str(), 1);
-    broker_.emplace(qx::FileDescriptor(ends[0]));
+  Wire& start(TestProvider& provider) {
+    auto [mine, theirs] = socketPair();
+    ::setenv("QX_EXTENSION_CONNECTION", std::to_string(theirs.release()).c_str(), 1);
+    wire_.emplace(std::move(mine));
     status_ = std::async(std::launch::async, [&provider] { return provider.run(); });
-    return *broker_;
-  }
-  int endAndWait() {
-    broker_->close();
-    return status_.get();
+    return *wire_;
   }
   int wait() { return status_.get(); }
+  int endAndWait() {
+    wire_->close();
+    return wait();
+  }
   bool hasEnded() const {
     return status_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
   }
 
+  const URL url{"file:///s/a%20b"};
+  /// Each operation with its argument.
+  const std::vector<std::pair<const char*, Array>> operations{
+      {vendorSetUp, {}},   {vendorPlaceholder, {url}}, {vendorStart, {url}}, {vendorChanged, {url}},
+      {vendorStop, {url}}, {vendorIdentifier, {url}},  {vendorURL, {"i d"}}};
+
  private:
-  std::optional<Broker> broker_;
+  std::optional<Wire> wire_;
   std::future<int> status_;
 };
 
@@ -94,46 +96,39 @@ TEST_F(ProviderTest, AllSevenOperationsReachTheProviderAndAreAnswered) {
     acts.push_back(operation + " " + path);
     return Result<void>();
   };
-  Broker& broker = start(provider);
-  const auto setup = broker.setUp();
-  EXPECT_FALSE(setup.error);
-  EXPECT_EQ(setup.text, "org.example.provider");
-  EXPECT_EQ(setup.url, qx::URL("file:///group/Doc%20Source%20Storage/"));
-  EXPECT_EQ(provider.documentStorage(), "/group/Doc Source Storage");
-  const qx::URL url("file:///s/a%20b");
-  EXPECT_EQ(broker.placeholder(url).url, url);
-  EXPECT_FALSE(broker.start(url).error);
-  EXPECT_FALSE(broker.changed(url).error);
-  EXPECT_FALSE(broker.stop(url).error);
-  EXPECT_EQ(broker.identifier(url).text, "/s/a b!");
-  EXPECT_EQ(broker.url("i d").url, qx::URL("file:///i%20d%21"));
+  Wire& broker = start(provider);
+  Array replies;
+  for (const auto& [operation, with] : operations) {
+    replies.emplace_back(broker.call(operation, with).values);
+  }
+  EXPECT_EQ(
+      replies,
+      (Array{Array{"org.example.provider", URL("file:///group/Doc%20Source%20Storage/"), absent},
+             Array{url, absent}, Array{absent}, Array{absent}, Array{absent},
+             Array{absent, "/s/a b!"}, Array{absent, URL("file:///i%20d%21")}}));
   EXPECT_EQ(acts, (std::vector<std::string>{"setup ", "placeholder /s/a b", "start /s/a b",
                                             "changed /s/a b", "stop /s/a b"}));
+  EXPECT_EQ(provider.documentStorage(), "/group/Doc Source Storage");
   EXPECT_EQ(endAndWait(), 0);
 }
 
 TEST_F(ProviderTest, ErrorsOfTheProviderKeepWhatTheySay) {
   TestProvider provider;
-  const Error refusal("Org", 5, "Not today.", {{"URL", "file:///s/a"}, {"why", "rain"}},
-                      Error::posix(EIO, "It rains"));
+  const docsource::Error refusal("Org", 5, "Not today.", {{"URL", "file:///s/a"}, {"why", "rain"}},
+                                 docsource::Error::posix(EIO, "It rains"));
   provider.act = [&](const std::string&, const std::string&) { return Result<void>(refusal); };
   provider.look = [&](const std::string&) { return Result<std::string>(refusal); };
-  Broker& broker = start(provider);
-  const qx::URL url("file:///s/a");
-  for (const auto& answer :
-       {broker.setUp(), broker.placeholder(url), broker.start(url), broker.changed(url),
-        broker.stop(url), broker.identifier(url), broker.url("x")}) {
-    ASSERT_TRUE(answer.error);
-    EXPECT_FALSE(answer.text);
-    EXPECT_FALSE(answer.url);
-    EXPECT_EQ(answer.error->text(), refusal.text());
-    const auto* named = qx::find<qx::URL>(answer.error->info(), "URL");
-    ASSERT_TRUE(named);
-    EXPECT_EQ(*named, url);
-    const auto* why = qx::find<std::string>(answer.error->info(), "why");
-    ASSERT_TRUE(why);
-    EXPECT_EQ(*why, "rain");
-    EXPECT_TRUE(answer.error->underlyingError()->is("QXPOSIXErrorDomain", EIO));
+  Wire& broker = start(provider);
+  for (const auto& [operation, with] : operations) {
+    const auto answer = broker.call(operation, with);
+    const auto error = answer.error();
+    ASSERT_TRUE(error) << operation;
+    EXPECT_EQ(std::count(answer.values.begin(), answer.values.end(), absent),
+              static_cast<std::ptrdiff_t>(answer.values.size()) - 1);
+    EXPECT_EQ(error->text(), refusal.text());
+    EXPECT_EQ(error->info().at("URL"), Value(URL("file:///s/a")));
+    EXPECT_EQ(error->info().at("why"), Value("rain"));
+    EXPECT_TRUE(error->underlyingError()->is("QXPOSIXErrorDomain", EIO));
   }
   EXPECT_EQ(endAndWait(), 0);
 }
@@ -144,16 +139,14 @@ TEST_F(ProviderTest, WhatIsNoFileNeverReachesTheProvider) {
     ADD_FAILURE() << path;
     return {};
   };
-  Broker& broker = start(provider);
-  for (const auto& url : {std::optional(qx::URL("http://host/a")), std::optional<qx::URL>(),
-                          std::optional(qx::URL("file:///a%00b"))}) {
-    for (const auto& answer : {broker.placeholder(url), broker.start(url), broker.changed(url),
-                               broker.stop(url), broker.identifier(url)}) {
-      ASSERT_TRUE(answer.error);
-      EXPECT_TRUE(answer.error->is("DSErrorDomain", 4)) << answer.error->text();
+  Wire& broker = start(provider);
+  for (const Value& none : {Value(URL("http://host/a")), absent, Value(URL("file:///a%00b"))}) {
+    for (const char* operation :
+         {vendorPlaceholder, vendorStart, vendorChanged, vendorStop, vendorIdentifier}) {
+      EXPECT_EQ(broker.call(operation, {none}).outcome(), "DSErrorDomain 4") << operation;
     }
   }
-  EXPECT_TRUE(broker.url(std::nullopt).error->is("DSErrorDomain", 4));
+  EXPECT_EQ(broker.call(vendorURL, {absent}).outcome(), "DSErrorDomain 4");
   EXPECT_EQ(endAndWait(), 0);
 }
 
@@ -169,15 +162,14 @@ TEST_F(ProviderTest, SerialOperationsRunOneAtATimeInOrder) {
     --running;
     return Result<void>();
   };
-  Broker& broker = start(provider);
-  Gate answered;
+  Wire& broker = start(provider);
+  std::vector<std::int64_t> calls;
   std::vector<std::string> expected;
   for (int i = 0; i < 100; ++i) {
     expected.push_back("/" + std::to_string(i));
-    broker.vendor()->_startProvidingItemAtURL_completion(qx::URL::fileURL(expected.back()),
-                                                         [&](const auto&) { answered.pass(); });
+    calls.push_back(broker.begin(vendorStart, {URL::fileURL(expected.back())}));
   }
-  answered.wait(expected.size());
+  for (const auto call : calls) EXPECT_EQ(broker.answer(call).outcome(), "success");
   EXPECT_EQ(order, expected);
   EXPECT_EQ(most, 1);
   EXPECT_EQ(endAndWait(), 0);
@@ -191,13 +183,10 @@ TEST_F(ProviderTest, ConcurrentOperationsDoNotWaitForOneAnother) {
     together.wait(3);
     return Result<void>();
   };
-  Broker& broker = start(provider);
-  Gate answered;
-  for (const char* path : {"/a", "/b", "/c"}) {
-    broker.vendor()->_startProvidingItemAtURL_completion(qx::URL::fileURL(path),
-                                                         [&](const auto&) { answered.pass(); });
-  }
-  answered.wait(3);
+  Wire& broker = start(provider);
+  std::vector<std::int64_t> calls;
+  for (int i = 0; i < 3; ++i) calls.push_back(broker.begin(vendorStart, {url}));
+  for (const auto call : calls) EXPECT_EQ(broker.answer(call).outcome(), "success");
   EXPECT_EQ(endAndWait(), 0);
 }
 
@@ -211,24 +200,16 @@ TEST_F(ProviderTest, RequestsBeginAndEndAroundOperationsAsTheyLike) {
     }
     return Result<void>();
   };
-  Broker& broker = start(provider);
-  const qx::UUID request = qx::UUID::random();
-  broker.connection().beginRequest(request);
-  std::atomic<int> answers = 0;
-  auto auxiliary = broker.connection().auxiliaryConnection(
-      request, QXConduitInterface::interfaceWithProtocol<_QXDocSourceVendor>());
-  auxiliary
-      ->remoteObjectProxyWithErrorHandler<_QXDocSourceVendor>([&](const qx::Error&) { ++answers; })
-      ->_startProvidingItemAtURL_completion(qx::URL("file:///given-up"),
-                                            [&](const auto&) { ++answers; });
+  Wire& broker = start(provider);
+  const auto request = UUID::random();
+  broker.send({4, request});
+  broker.send({1, 99, vendorStart, Array{URL("file:///given-up")}, request});
   begun.wait();
-  broker.connection().endRequest(request);
-  broker.connection().failRequest(request);
-  EXPECT_FALSE(broker.start(qx::URL("file:///other")).error);
+  broker.send({5, request});
+  EXPECT_EQ(broker.call(vendorStart, {url}).outcome(), "success");
   goOn.pass();
-  EXPECT_FALSE(broker.start(qx::URL("file:///third")).error);
+  EXPECT_EQ(broker.call(vendorStart, {url}).outcome(), "success");
   EXPECT_EQ(endAndWait(), 0);
-  EXPECT_EQ(answers, 1) << "it failed when it was given up, and what came later was dropped";
 }
 
 TEST_F(ProviderTest, EndsAfterTheOperationThatRuns) {
@@ -243,10 +224,8 @@ TEST_F(ProviderTest, EndsAfterTheOperationThatRuns) {
       ++finished;
       return Result<void>();
     };
-    Broker& broker = start(provider);
-    std::promise<bool> answered;
-    broker.vendor()->_stopProvidingItemAtURL_completion(
-        qx::URL("file:///a"), [&](const auto& error) { answered.set_value(!error); });
+    Wire& broker = start(provider);
+    const auto call = broker.begin(vendorStop, {url});
     begun.wait();
     if (terminated) {
       ASSERT_EQ(::kill(::getpid(), SIGTERM), 0);
@@ -257,13 +236,12 @@ TEST_F(ProviderTest, EndsAfterTheOperationThatRuns) {
     goOn.pass();
     EXPECT_EQ(wait(), 0);
     EXPECT_EQ(finished, 1);
-    if (terminated) {
-      EXPECT_TRUE(answered.get_future().get()) << "the answer of what had begun still goes out";
-      sigset_t termination;
-      sigemptyset(&termination);
-      sigaddset(&termination, SIGTERM);
-      EXPECT_EQ(::sigwaitinfo(&termination, nullptr), SIGTERM);
-    }
+    if (!terminated) continue;
+    EXPECT_EQ(broker.answer(call).outcome(), "success") << "what had begun is still answered";
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGTERM);
+    EXPECT_EQ(::sigwaitinfo(&termination, nullptr), SIGTERM);
   }
 }
 
@@ -277,3 +255,4 @@ TEST_F(ProviderTest, RefusesToRunWithoutItsBroker) {
 }
 
 }  // namespace
+}  // namespace qx::test
