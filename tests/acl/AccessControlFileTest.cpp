@@ -16,7 +16,7 @@ TEST_F(AccessControlFile, isNotThereAtTheFirstStart) {
   auto store = std::make_shared<Store>();
   EXPECT_TRUE(std::filesystem::is_directory(directory()));
   EXPECT_FALSE(std::filesystem::exists(path()));
-  EXPECT_EQ(takeLines(), std::vector<Line>());
+  EXPECT_EQ(takeLines(), Lines());
   EXPECT_FALSE(isAllowed(*store, "p", "i", "c"));
 
   allow(*store, "p", "i", "c");
@@ -31,42 +31,31 @@ TEST_F(AccessControlFile, isNotThereAtTheFirstStart) {
   takeLines();
 
   auto restarted = std::make_shared<Store>();
-  EXPECT_EQ(takeLines(), (std::vector<Line>{{info, readFromDisk}}));
+  EXPECT_EQ(takeLines(), (Lines{readFromDisk}));
   EXPECT_TRUE(isAllowed(*restarted, "p", "i", "c"));
 }
 
 TEST_F(AccessControlFile, thatIsCorruptEmptiesTheListAndIsWrittenOver) {
-  putFile("<plist version=\"1.0\"><dict><key>p</key>");
   auto store = std::make_shared<Store>();
-  auto lines = takeLines();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0].first, fault);
-  EXPECT_TRUE(lines[0].second.starts_with(cannotRead)) << lines[0].second;
-  EXPECT_GT(lines[0].second.size(), std::string_view(cannotRead).size());
-
-  allow(*store, "q", "i", "c");
-  EXPECT_EQ(fileList(), qx::Value(qx::Dictionary{{"q", entry("c", {"i"})}}));
-
   std::string deep;
   for (int i = 0; i < 100'000; ++i) deep += "<array>";
-  const std::vector<std::string> texts{
-      "",
-      "not a property list",
-      "<plist version=\"1.0\"><dict><key>a</key><integer>99999999999999999999</integer></dict>"
-      "</plist>",
-      "<plist version=\"1.0\"><dict><key>a</key><dict/><key>a</key><dict/></dict></plist>",
-      "<plist version=\"1.0\">" + deep,
-      "<plist version=\"1.0\"><dict><key>a</key><dict><key>b</key><dict><key>AllowedItemIDs</key>"
-      "<array><string>c</string>" +
-          deep,
-  };
-  for (const auto& text : texts) {
+  for (const std::string& text :
+       {std::string(), std::string("not a property list"),
+        std::string("<plist version=\"1.0\"><dict><key>p</key>"),
+        std::string("<plist version=\"1.0\"><dict><key>a</key><dict/><key>a</key><dict/></dict>"
+                    "</plist>"),
+        "<plist version=\"1.0\">" + deep,
+        "<plist version=\"1.0\"><dict><key>a</key><dict><key>b</key><dict><key>AllowedItemIDs"
+        "</key><array><string>c</string>" +
+            deep}) {
     allow(*store, "p", "i", "c");
     putFile(text);
+    takeLines();
     reread(*store);
-    lines = takeLines();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_TRUE(lines.back().second.starts_with(cannotRead)) << lines.back().second;
+    const auto lines = takeLines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(lines[0].starts_with(cannotRead)) << lines[0];
+    EXPECT_GT(lines[0].size(), std::string_view(cannotRead).size());
     EXPECT_FALSE(isAllowed(*store, "p", "i", "c"));
     EXPECT_FALSE(isAllowed(*store, "a", "c", "b"));
   }
@@ -80,7 +69,7 @@ TEST_F(AccessControlFile, thatIsMissingLeavesTheListAsItIs) {
   takeLines();
   std::filesystem::remove(path());
   reread(*store);
-  EXPECT_EQ(takeLines(), std::vector<Line>());
+  EXPECT_EQ(takeLines(), Lines());
   EXPECT_TRUE(isAllowed(*store, "p", "i", "c"));
 
   // The directory is made once in the life of a process.
@@ -90,28 +79,17 @@ TEST_F(AccessControlFile, thatIsMissingLeavesTheListAsItIs) {
   EXPECT_TRUE(isAllowed(*store, "p", "i", "c"));
 }
 
-TEST_F(AccessControlFile, isReplacedByWhatAReReadFinds) {
-  auto store = std::make_shared<Store>();
-  allow(*store, "p", "i", "c");
-  putList(
-      "<dict><key>p</key><dict><key>c</key><dict><key>AllowedItemIDs</key>"
-      "<array><string>j</string></array></dict></dict></dict>");
-  reread(*store);
-  EXPECT_FALSE(isAllowed(*store, "p", "i", "c"));
-  EXPECT_TRUE(isAllowed(*store, "p", "j", "c"));
-}
-
 TEST_F(AccessControlFile, thatCannotBeWrittenLeavesTheGrantInMemory) {
   auto store = std::make_shared<Store>();
   allow(*store, "p", "0", "c");
   const std::string before = fileText();
-  const Line couldNotWrite{fault, "[ERROR] Could not write to " + path()};
+  const std::string couldNotWrite = "[ERROR] Could not write to " + path();
   const auto expectFailure = [&](const std::string& item) {
     takeLines();
     allow(*store, "p", item, "c");
     const auto lines = takeLines();
     ASSERT_EQ(lines.size(), 3U);
-    EXPECT_EQ(lines[1], Line(info, committing));
+    EXPECT_EQ(lines[1], committing);
     EXPECT_EQ(lines[2], couldNotWrite);
     EXPECT_TRUE(isAllowed(*store, "p", item, "c"));
   };
@@ -158,33 +136,21 @@ TEST_F(AccessControlFile, hasAPathEvenWhereItsDirectoryCannotBeMade) {
   auto store = std::make_shared<Store>();
   const auto lines = takeLines();
   ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0].first, fault);
-  EXPECT_TRUE(
-      lines[0].second.starts_with("[ERROR] Cannot create access control directory. Error: QX"))
-      << lines[0].second;
+  EXPECT_TRUE(lines[0].starts_with("[ERROR] Cannot create access control directory. Error: QX"))
+      << lines[0];
 
   allow(*store, "p", "i", "c");
-  EXPECT_EQ(takeLines().back(), Line(fault, "[ERROR] Could not write to " + path()));
+  EXPECT_EQ(takeLines().back(), "[ERROR] Could not write to " + path());
   EXPECT_TRUE(isAllowed(*store, "p", "i", "c"));
 
   // Said once, not at every reading.
   reread(*store);
   auto second = std::make_shared<Store>();
-  EXPECT_EQ(takeLines(), std::vector<Line>());
-}
-
-TEST_F(AccessControlFile, whoseDirectoryIsAFileIsMissing) {
-  std::filesystem::create_directories(root / "Home/Library");
-  std::ofstream(directory()) << "in the way";
-  auto store = std::make_shared<Store>();
-  EXPECT_EQ(takeLines(), std::vector<Line>());
-  allow(*store, "p", "i", "c");
-  EXPECT_EQ(takeLines().back(), Line(fault, "[ERROR] Could not write to " + path()));
+  EXPECT_EQ(takeLines(), Lines());
 }
 
 TEST_F(AccessControlFile, ofAnotherShapeWorksWhereItIsRightAndLosesNothing) {
-  const std::string date = "<date>2026-11-21T10:15:30Z</date>";
-  const std::string list =
+  putList(
       "<dict>"
       "<key>arrayProvider</key><array><string>x</string><dict/></array>"
       "<key>emptyProvider</key><dict/>"
@@ -192,46 +158,34 @@ TEST_F(AccessControlFile, ofAnotherShapeWorksWhereItIsRightAndLosesNothing) {
       "<key>app</key><dict><key>A</key><integer>-7</integer>"
       "<key>AllowedItemIDs</key><array><string>two</string><integer>1</integer><dict>"
       "<key>AllowedItemIDs</key><array><string>nested</string></array></dict>"
-      "<string>one</string><string>two</string><true/><string>1</string><array/>" +
-      date +
-      "<data>AAEC</data></array>"
+      "<string>one</string><string>two</string><true/><string>1</string><array/></array>"
       "<key>Note</key><dict><key>deep</key><array><real>1.5</real></array></dict></dict>"
       "<key>emptyApp</key><dict/>"
-      "<key>emptyList</key><dict><key>AllowedItemIDs</key><array/></dict>"
       "<key>noList</key><dict><key>allowedItemIDs</key><array><string>x</string></array></dict>"
       "<key>stringApp</key><string>x</string>"
-      "<key>stringList</key><dict><key>AllowedItemIDs</key><string>x</string>"
-      "<key>Other</key><false/></dict>"
       "<key>dictList</key><dict><key>AllowedItemIDs</key><dict><key>x</key><true/></dict></dict>"
       "</dict>"
-      "<key>numberProvider</key><integer>3</integer>"
-      "</dict>";
-  putList(list);
+      "</dict>");
   const qx::Value before = fileList();
   ASSERT_FALSE(before.isNull());
   auto store = std::make_shared<Store>();
-  EXPECT_EQ(takeLines(), (std::vector<Line>{{info, readFromDisk}}));
-
-  EXPECT_TRUE(isAllowed(*store, "good", "one", "app"));
-  EXPECT_TRUE(isAllowed(*store, "good", "two", "app"));
-  EXPECT_TRUE(isAllowed(*store, "good", "1", "app"));
-  for (const char* item : {"nested", "x", "true", "", "-7", "A", "AAEC"}) {
-    for (const char* provider :
-         {"good", "arrayProvider", "emptyProvider", "numberProvider", "missing"}) {
-      for (const char* consumer : {"app", "emptyApp", "emptyList", "noList", "stringApp",
-                                   "stringList", "dictList", "missing"}) {
+  EXPECT_EQ(takeLines(), (Lines{readFromDisk}));
+  for (const char* item : {"one", "two", "1"}) EXPECT_TRUE(isAllowed(*store, "good", item, "app"));
+  for (const char* item : {"nested", "x", "true", "", "A"}) {
+    for (const char* provider : {"good", "arrayProvider", "emptyProvider", "missing"}) {
+      for (const char* consumer :
+           {"app", "emptyApp", "noList", "stringApp", "dictList", "missing"}) {
         EXPECT_FALSE(isAllowed(*store, provider, item, consumer)) << provider << item << consumer;
         disallow(*store, provider, item, consumer);
       }
     }
   }
-  EXPECT_EQ(takeLines(), std::vector<Line>());
+  EXPECT_EQ(takeLines(), Lines());
 
   // A grant and its removal elsewhere rewrite the file twice and change nothing.
   allow(*store, "new", "i", "c");
   disallow(*store, "new", "i", "c");
   EXPECT_EQ(fileList(), before);
-  EXPECT_EQ(fileText(), *qx::PropertyList::write(before));
 
   // Each grant replaces what stands in its own way, and that alone.
   qx::Value expected = before;
@@ -240,8 +194,7 @@ TEST_F(AccessControlFile, ofAnotherShapeWorksWhereItIsRightAndLosesNothing) {
   const auto items = [](qx::Value& consumer) -> qx::Value& {
     return (*consumer.as<qx::Dictionary>())["AllowedItemIDs"];
   };
-  for (const char* consumer :
-       {"stringApp", "stringList", "dictList", "noList", "emptyApp", "emptyList", "app"}) {
+  for (const char* consumer : {"stringApp", "dictList", "noList", "emptyApp", "app"}) {
     allow(*store, "good", "i", consumer);
     EXPECT_TRUE(isAllowed(*store, "good", "i", consumer));
     if (good[consumer].as<std::string>()) good[consumer] = qx::Dictionary{};
@@ -249,7 +202,7 @@ TEST_F(AccessControlFile, ofAnotherShapeWorksWhereItIsRightAndLosesNothing) {
     items(good[consumer]).as<qx::Array>()->push_back("i");
     EXPECT_EQ(fileList(), expected) << consumer;
   }
-  for (const char* provider : {"arrayProvider", "numberProvider", "emptyProvider"}) {
+  for (const char* provider : {"arrayProvider", "emptyProvider"}) {
     allow(*store, provider, "i", "c");
     providers[provider] = entry("c", {"i"});
     EXPECT_EQ(fileList(), expected) << provider;
@@ -257,16 +210,11 @@ TEST_F(AccessControlFile, ofAnotherShapeWorksWhereItIsRightAndLosesNothing) {
 
   // Every occurrence goes; what is no identifier keeps its place, and keeps the entry.
   for (const char* item : {"two", "one", "1", "i"}) disallow(*store, "good", item, "app");
-  auto& array = *items(good["app"]).as<qx::Array>();
-  std::erase_if(array, [](const qx::Value& element) { return element.as<std::string>(); });
-  EXPECT_EQ(array.size(), 6U);
-  EXPECT_EQ(fileList(), expected);
-  disallow(*store, "good", "i", "stringList");
-  good["stringList"].as<qx::Dictionary>()->erase("AllowedItemIDs");
+  std::erase_if(*items(good["app"]).as<qx::Array>(),
+                [](const qx::Value& element) { return element.as<std::string>(); });
   disallow(*store, "good", "i", "stringApp");
   good.erase("stringApp");
   EXPECT_EQ(fileList(), expected);
-
   auto restarted = std::make_shared<Store>();
   EXPECT_TRUE(isAllowed(*restarted, "good", "i", "noList"));
   EXPECT_FALSE(isAllowed(*restarted, "good", "two", "app"));
@@ -278,7 +226,7 @@ TEST_F(AccessControlFile, whoseRootIsNoDictionaryGrantsNothing) {
     putList(value);
     const std::string before = fileText();
     auto store = std::make_shared<Store>();
-    EXPECT_EQ(takeLines(), (std::vector<Line>{{info, readFromDisk}}));
+    EXPECT_EQ(takeLines(), (Lines{readFromDisk}));
     EXPECT_FALSE(isAllowed(*store, "p", "i", "c"));
     disallow(*store, "p", "i", "c");
     EXPECT_EQ(fileText(), before);

@@ -80,30 +80,6 @@ TEST(AccessControlList, doesWhatAPlainModelDoes) {
   EXPECT_EQ(textOf(list), textOf(empty));
 }
 
-// Were any of it to walk along the list, this would run into the limit of time for a test.
-TEST(AccessControlList, doesNotSlowDownWithItsSize) {
-#ifdef __SANITIZE_THREAD__
-  constexpr int count = 20'000;  // everything is slow here
-#else
-  constexpr int count = 200'000;
-#endif
-  AccessControlList list;
-  for (int i = 0; i < count; ++i) {
-    const std::string name = std::to_string(i);
-    ASSERT_TRUE(list.allow("p", name, "c"));
-    ASSERT_TRUE(list.allow("p", "item", name));
-    ASSERT_TRUE(list.allow(name, "item", "c"));
-  }
-  list = listOf(textOf(list));
-  for (int i = 0; i < count; ++i) {
-    const std::string name = std::to_string(i);
-    ASSERT_FALSE(list.allow("p", name, "c"));
-    ASSERT_TRUE(list.isAllowed("p", "item", name));
-    ASSERT_TRUE(list.isAllowed(name, "item", "c"));
-    ASSERT_FALSE(list.isAllowed("p", name, "d"));
-  }
-}
-
 TEST(AccessControlList, keepsForeignElementsInPlaceInLongLists) {
   qx::Array items;
   for (int i = 0; i < 100; ++i) {

@@ -3,19 +3,17 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "acl/DSAccessControlStore.h"
 #include "platform/files/FileManager.h"
-#include "platform/log/Log.h"
 #include "platform/plist/PropertyList.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
 
 /// A root of its own and the messages that were logged; the store is made by the test, once the
@@ -27,12 +25,7 @@ class StoreFixture : public testing::Test {
   StoreFixture() {
     ::setenv("DOCSOURCE_ROOT", root.path().c_str(), 1);
     ds_default_log().setLowestLevel(qx::LogLevel::debug);
-    ds_default_log().setSink([](qx::LogLevel level, const std::string& text) {
-      const std::lock_guard guard(messages().mutex);
-      messages().lines.emplace_back(level, text);
-    });
   }
-  ~StoreFixture() override { ds_default_log().setSink(nullptr); }
 
   std::string directory() const { return root / "Home/Library/DocSource"; }
   std::string path() const { return directory() + "/AccessControl.plist"; }
@@ -91,30 +84,12 @@ class StoreFixture : public testing::Test {
     store.syncQueue()->sync([] {});
   }
 
-  using Line = std::pair<qx::LogLevel, std::string>;
-  static std::vector<Line> takeLines() {
-    const std::lock_guard guard(messages().mutex);
-    return std::exchange(messages().lines, {});
-  }
-  static std::size_t count(const std::vector<Line>& lines, std::string_view text) {
-    return static_cast<std::size_t>(std::count_if(
-        lines.begin(), lines.end(), [&](const Line& line) { return line.second == text; }));
-  }
+  using Lines = std::vector<std::string>;
+  static Lines takeLines() { return qx::test::LogCapture::mailbox().take(); }
 
-  static constexpr auto info = qx::LogLevel::info;
-  static constexpr auto fault = qx::LogLevel::fault;
   static constexpr auto committing = "[INFO] Committing access control list";
   static constexpr auto readFromDisk = "[INFO] Successfully read access control from disk.";
 
   const qx::test::TemporaryDirectory root;
-
- private:
-  struct Messages {
-    std::mutex mutex;
-    std::vector<Line> lines;
-  };
-  static Messages& messages() {
-    static auto& messages = *new Messages;
-    return messages;
-  }
+  const qx::test::LogCapture log;
 };
