@@ -32,9 +32,6 @@ class BookmarksTest : public ServicerFixture {
     });
   }
   static URLAnswer only(const qx::Error& error) { return {{}, {}, {}, {}, error}; }
-  static bool logged(const std::string& line) {
-    return count(LogCapture::mailbox().all(), line) == 1;
-  }
   const qx::Error no{"ProviderDomain", 7, "no"};
 };
 

@@ -92,8 +92,10 @@ class ServicerFixture : public testing::Test {
     return answers->all().front();
   }
 
-  static std::size_t count(const Lines& lines, const std::string& line) {
-    return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
+  /// Whether a line was logged, once.
+  static bool logged(const std::string& line) {
+    const auto lines = LogCapture::mailbox().all();
+    return std::count(lines.begin(), lines.end(), line) == 1;
   }
   static std::string text(const Error& error) { return error ? error->text() : "(null)"; }
 

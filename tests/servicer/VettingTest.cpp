@@ -79,23 +79,17 @@ TEST_F(VettingTest, TheListingIsForReaders) {
     return answerOf<qx::Error, qx::Dictionary>(
         [&](auto completion) { servicer->providersCompletionHandler(completion); });
   };
+  using Answer = std::tuple<Error, std::optional<qx::Dictionary>>;
   const std::string serving = "[DEBUG] Serving: providersCompletionHandler:";
-  auto [none, empty] = list();
-  EXPECT_EQ(none, std::nullopt);
-  EXPECT_EQ(empty, qx::Dictionary());
+  EXPECT_EQ(list(), Answer(std::nullopt, qx::Dictionary()));
   EXPECT_EQ(LogCapture::mailbox().all(),
             (Lines{serving, "[DEBUG] providersCompletionHandler:: returning providers {}"}));
-
   startProviders();
-  auto [error, listing] = list();
-  EXPECT_EQ(error, std::nullopt);
-  EXPECT_EQ(listing, DSExtensionDocSource::providersInfo());
-  EXPECT_EQ(listing->size(), 2U);
+  EXPECT_EQ(list(), Answer(std::nullopt, DSExtensionDocSource::providersInfo()));
+  EXPECT_EQ(DSExtensionDocSource::providersInfo().size(), 2U);
 
   entitle({});
-  auto [refusal, nothing] = list();
-  EXPECT_EQ(refusal, DSClientLacksEntitlement(std::nullopt));
-  EXPECT_EQ(nothing, std::nullopt);
+  EXPECT_EQ(list(), Answer(DSClientLacksEntitlement(std::nullopt), std::nullopt));
   const auto lines = LogCapture::mailbox().all();
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[0], serving);
