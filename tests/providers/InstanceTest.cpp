@@ -34,20 +34,15 @@ TEST_F(InstanceTest, KnowsTheDirectoryThatItsBundleNames) {
   EXPECT_TRUE(url.absoluteString().ends_with("/Doc%20Source%20Storage/"));
   EXPECT_FALSE(std::filesystem::exists(bundle.storage()));
   EXPECT_EQ(provider->_fileReactorID(), "com.example.a b");
-  EXPECT_EQ(provider->operationQueue()->name(), "Operation queue for com.example.a b");
-  EXPECT_EQ(provider->_providedItemsOperationQueue(), provider->operationQueue());
-  EXPECT_EQ(provider->memberQueue()->label(),
-            "DSExtensionDocSource concurrent member queue for com.example.a b");
   EXPECT_EQ(log.count(""), 0U);
 }
 
 TEST_F(InstanceTest, WithoutADirectorySaysWhyOnce) {
-  const ProviderBundle noGroup("no-group"), number("number"), foreign("foreign"), bare("bare");
-  noGroup.install(Value());
-  number.install(Value(17));
-  foreign.install(Value("group.of.another"));
-  makeBundle(bare.path(), "bare");
-  ProviderBundle text("text");
+  ProviderBundle("no-group").install(Value());
+  ProviderBundle("number").install(Value(17));
+  ProviderBundle("foreign").install(Value("group.of.another"));
+  makeBundle(ProviderBundle("bare").path(), "bare");
+  const ProviderBundle text("text");
   makeBundle(text.path(), "text");
   auto info = bundleInfo("text", "program");
   info.emplace("QXExtension", "no dictionary");
@@ -102,24 +97,6 @@ TEST_F(InstanceTest, GuardedPropertiesAreBarriersNobodyWaitsFor) {
   EXPECT_EQ(provider->identifier(), "other");
   provider->setProvidedItemsURL(std::nullopt);
   EXPECT_EQ(provider->providedItemsURL(), std::nullopt);
-}
-
-TEST_F(InstanceTest, ManyThreadsReadAndWrite) {
-  LogCapture log;
-  const auto provider = instance("x");
-  std::vector<std::future<void>> threads;
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.push_back(std::async(std::launch::async, [&, thread] {
-      for (int round = 0; round < 200; ++round) {
-        const URL url("file:///" + std::to_string(thread) + "/" + std::to_string(round));
-        provider->setProvidedItemsURL(url);
-        // Another thread's write may have come after ours; a torn or lost one may not.
-        const auto read = provider->providedItemsURL();
-        EXPECT_TRUE(read && read->absoluteString().starts_with("file:///"));
-      }
-    }));
-  }
-  for (auto& thread : threads) thread.get();
 }
 
 }  // namespace

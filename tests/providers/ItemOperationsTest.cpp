@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-
-#include "providers/DSExtensionDocSource.h"
-#include "tests/support/FakeExtension.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryRoot.h"
+#include "tests/providers/FakeExtensionFixture.h"
 
 namespace {
 
@@ -87,107 +82,87 @@ std::vector<Operation> operations() {
   };
 }
 
-class ItemOperationsTest : public testing::Test {
+class ItemOperationsTest : public FakeExtensionFixture {
  protected:
-  void SetUp() override {
-    temporaryRoot();
-    ds_default_log().setLowestLevel(qx::LogLevel::debug);
-    renew();
-  }
-  /// A fresh extension and an empty log.
+  /// A fresh extension, an empty log and no outcomes.
   void renew() {
-    extension = std::make_shared<FakeExtension>("com.example.fake");
-    provider = DSExtensionDocSource::initWithExtension(extension);
+    FakeExtensionFixture::renew();
     outcomes = std::make_shared<Mailbox<Outcome>>();
-    LogCapture::mailbox().take();
   }
   static std::string entry(const std::string& method) {
     return "[DEBUG] -[DSExtensionDocSource " + method + "]";
   }
+  /// Waits for the answer to an operation, the only one, and for the end of so many requests.
+  Outcome outcome(std::size_t ended) {
+    EXPECT_TRUE(outcomes->waitForCount(1));
+    EXPECT_TRUE(extension->cancelled.waitForCount(ended));
+    EXPECT_EQ(outcomes->all().size(), 1U);
+    EXPECT_EQ(extension->cancelled.all().size(), ended);
+    return outcomes->all().empty() ? Outcome() : outcomes->all().front();
+  }
   static constexpr auto begins = "[DEBUG] Beginning extension request.";
-  using Lines = std::vector<std::string>;
-
-  LogCapture log;
-  std::shared_ptr<FakeExtension> extension;
-  std::shared_ptr<DSExtensionDocSource> provider;
-  Outcomes outcomes;
+  Outcomes outcomes = std::make_shared<Mailbox<Outcome>>();
 };
 
-TEST_F(ItemOperationsTest, SuccessReachesTheCaller) {
+TEST_F(ItemOperationsTest, AnswerOnceHoweverTheyEnd) {
+  const auto refusal = qx::extensionError(qx::ExtensionErrorCode::notInstalled, "com.example.fake");
   for (const auto& operation : operations()) {
+    SCOPED_TRACE(operation.method);
     renew();
     operation.call(*provider, outcomes);
-    ASSERT_TRUE(extension->cancelled.waitForCount(1)) << operation.method;
-    ASSERT_EQ(outcomes->all().size(), 1U) << operation.method;
-    EXPECT_EQ(outcomes->all().front().error, std::nullopt);
-    EXPECT_EQ(outcomes->all().front().value.find("(null)"), std::string::npos);
-    EXPECT_EQ(outcomes->all().front().value, operation.value);
+    const auto success = outcome(1);
+    EXPECT_EQ(success.error, std::nullopt);
+    EXPECT_EQ(success.value, operation.value);
     EXPECT_EQ(extension->vendor().calls.all(), Lines{operation.vendorCall});
     EXPECT_EQ(extension->cancelled.all().front(), extension->opened.all().front());
     EXPECT_EQ(LogCapture::mailbox().all(),
               (Lines{entry(operation.method), begins, operation.success}));
-  }
-}
 
-TEST_F(ItemOperationsTest, AFailureOfTheProviderIsWrapped) {
-  for (const auto& operation : operations()) {
+    // A failure of the provider is wrapped, and has no value beside it.
     renew();
-    extension->vendor().answerNext({ScriptedVendor::Answer{providerFailure(), "x", item}});
+    extension->vendor().answerNext({failure});
     operation.call(*provider, outcomes);
-    ASSERT_TRUE(extension->cancelled.waitForCount(1)) << operation.method;
-    ASSERT_EQ(outcomes->all().size(), 1U) << operation.method;
-    EXPECT_EQ(outcomes->all().front().error, DSPluginOperationFailedError(providerFailure()));
-    // No value beside an error.
-    EXPECT_EQ(outcomes->all().front().value, operation.value.empty() ? "" : "(null)");
+    const auto failed = outcome(1);
+    EXPECT_EQ(failed.error, DSPluginOperationFailedError(providerFailure()));
+    EXPECT_EQ(failed.value, operation.value.empty() ? "" : "(null)");
     EXPECT_EQ(
         LogCapture::mailbox().all(),
         (Lines{entry(operation.method), begins, operation.replyError + providerFailure().text()}));
-  }
-}
 
-TEST_F(ItemOperationsTest, ARequestThatCannotBeOpenedIsNotEnded) {
-  const auto refusal = qx::extensionError(qx::ExtensionErrorCode::notInstalled, "com.example.fake");
-  for (const auto& operation : operations()) {
+    // A request that cannot be opened is not ended.
     renew();
     extension->refuseRequests(refusal);
     operation.call(*provider, outcomes);
-    ASSERT_TRUE(outcomes->waitForCount(1)) << operation.method;
-    EXPECT_EQ(outcomes->all().front().error, DSPluginOperationFailedError(refusal));
-    EXPECT_TRUE(extension->cancelled.all().empty());
+    EXPECT_EQ(outcome(0).error, DSPluginOperationFailedError(refusal));
     EXPECT_EQ(LogCapture::mailbox().all(),
               (Lines{entry(operation.method), begins,
                      "[ERROR] Extension request failed. Error: " + refusal.text(),
                      operation.requestError + refusal.text()}));
-  }
-}
 
-TEST_F(ItemOperationsTest, AConnectionLostInBetweenAnswersOnce) {
-  for (const auto& operation : operations()) {
+    // Nor is one whose connection was lost in between.
     renew();
     extension->vendor().answerNext({std::nullopt});
     operation.call(*provider, outcomes);
-    ASSERT_TRUE(extension->vendor().calls.waitForCount(1)) << operation.method;
+    ASSERT_TRUE(extension->vendor().calls.waitForCount(1));
     extension->breakConnection();
-    ASSERT_TRUE(outcomes->waitForCount(1)) << operation.method;
-    const auto error = outcomes->all().front().error;
+    const auto error = outcome(0).error;
     ASSERT_TRUE(error && error->is(DSErrorDomain, 8) && error->underlyingError());
     EXPECT_TRUE(error->underlyingError()->is(QXConduitErrorDomain, 4));
     EXPECT_EQ(LogCapture::mailbox().all().back(),
               operation.requestError + error->underlyingError()->text());
-    EXPECT_TRUE(extension->cancelled.all().empty());
   }
 }
 
 TEST_F(ItemOperationsTest, WithoutACompletionEverythingElseHappens) {
   for (const auto& operation : operations()) {
+    SCOPED_TRACE(operation.method);
     renew();
-    extension->vendor().answerNext(
-        {ScriptedVendor::Answer{providerFailure(), std::nullopt, std::nullopt}});
+    extension->vendor().answerNext({failure});
     operation.call(*provider, nullptr);
-    ASSERT_TRUE(extension->cancelled.waitForCount(1)) << operation.method;
+    ASSERT_TRUE(extension->cancelled.waitForCount(1));
     EXPECT_TRUE(LogCapture::mailbox().waitFor(operation.replyError + providerFailure().text()));
     operation.call(*provider, nullptr);
-    ASSERT_TRUE(extension->cancelled.waitForCount(2)) << operation.method;
+    ASSERT_TRUE(extension->cancelled.waitForCount(2));
     EXPECT_TRUE(LogCapture::mailbox().waitFor(operation.success));
     extension->refuseRequests(providerFailure());
     operation.call(*provider, nullptr);
@@ -203,8 +178,7 @@ TEST_F(ItemOperationsTest, AChangedItemIsAnnouncedAndItsRequestAlwaysEnded) {
   EXPECT_EQ(LogCapture::mailbox().all(), (Lines{method, begins}));
 
   renew();
-  extension->vendor().answerNext(
-      {ScriptedVendor::Answer{providerFailure(), std::nullopt, std::nullopt}});
+  extension->vendor().answerNext({failure});
   provider->itemChangedAtURL(item);
   ASSERT_TRUE(extension->cancelled.waitForCount(1));
   EXPECT_EQ(LogCapture::mailbox().all().back(),
@@ -230,8 +204,7 @@ TEST_F(ItemOperationsTest, AChangedItemIsAnnouncedAndItsRequestAlwaysEnded) {
 }
 
 TEST_F(ItemOperationsTest, TheDeprecatedWayToProvideIsTheOtherWithoutAReader) {
-  extension->vendor().answerNext(
-      {ScriptedVendor::Answer{providerFailure(), std::nullopt, std::nullopt}});
+  extension->vendor().answerNext({failure});
   provider->_provideItemAtURL_completionHandler(item, into<>(outcomes));
   ASSERT_TRUE(outcomes->waitForCount(1));
   // The error is the one of the look-up, not wrapped again.

@@ -1,34 +1,26 @@
-#include <gtest/gtest.h>
-
 #include "platform/queue/Clock.h"
-#include "providers/DSExtensionDocSource.h"
+#include "tests/providers/FakeExtensionFixture.h"
 #include "tests/support/CoordinationRecorder.h"
-#include "tests/support/FakeExtension.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryRoot.h"
 
 namespace {
 
 using namespace qx::test;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using Answer = ScriptedVendor::Answer;
-using Outcomes = Mailbox<std::optional<qx::Error>>;
+using Error = std::optional<qx::Error>;
+using Outcomes = Mailbox<Error>;
 
 const std::string begins =
     "[DEBUG] -[DSExtensionDocSource registerWithFileCoordinatorRetryCount:completion:]";
 
-class RegistrationTest : public testing::Test {
+class RegistrationTest : public FakeExtensionFixture {
  protected:
   void SetUp() override {
-    temporaryRoot();
+    FakeExtensionFixture::SetUp();
     qx::Clock::setCurrent(clock());
     recorder = std::make_unique<CoordinationRecorder>();
-    extension = std::make_shared<FakeExtension>("com.example.fake");
-    provider = DSExtensionDocSource::initWithExtension(extension);
     provider->setProvidedItemsURL(qx::URL("file:///documents/"));
     LogCapture::mailbox().take();
-    ds_default_log().setLowestLevel(qx::LogLevel::debug);
   }
   /// One for the life of the process, as a clock has to be.
   static qx::ManualClock& clock() {
@@ -60,55 +52,47 @@ class RegistrationTest : public testing::Test {
   }
   const std::string registered =
       "[INFO] Registered doc source extension com.example.fake for path file:///documents/";
-  const Answer failure{providerFailure(), std::nullopt, std::nullopt};
 
-  LogCapture log;
   std::unique_ptr<CoordinationRecorder> recorder;
   std::shared_ptr<Outcomes> outcomes = std::make_shared<Outcomes>();
-  std::shared_ptr<FakeExtension> extension;
-  std::shared_ptr<DSExtensionDocSource> provider;
 };
 
-TEST_F(RegistrationTest, FailsTwiceAndThenSucceeds) {
-  extension->vendor().answerNext({failure, failure});
-  registerProvider(3);
-  for (std::size_t attempt = 1; attempt <= 2; ++attempt) {
-    clock().waitForScheduled(1);
-    // Each attempt ends its request before the next one begins.
-    ASSERT_TRUE(extension->cancelled.waitForCount(attempt));
-    clock().advance(milliseconds(1999));
-    EXPECT_EQ(extension->opened.all().size(), attempt);
-    clock().advance(milliseconds(1));
-    ASSERT_TRUE(extension->vendor().calls.waitForCount(attempt + 1));
+/// The last of three attempts succeeds or fails.
+TEST_F(RegistrationTest, IsTriedThreeTimesTwoSecondsApart) {
+  for (const bool succeeds : {true, false}) {
+    SCOPED_TRACE(succeeds);
+    outcomes->take();
+    extension->opened.take();
+    extension->cancelled.take();
+    extension->vendor().calls.take();
+    LogCapture::mailbox().take();
+    extension->vendor().answerNext({failure, failure});
+    if (!succeeds) extension->vendor().answerNext({failure, failure, failure});
+    registerProvider(3);
+    for (std::size_t attempt = 1; attempt <= 2; ++attempt) {
+      clock().waitForScheduled(1);
+      // Each attempt ends its request before the next one begins.
+      ASSERT_TRUE(extension->cancelled.waitForCount(attempt));
+      clock().advance(milliseconds(1999));
+      EXPECT_EQ(extension->opened.all().size(), attempt);
+      clock().advance(milliseconds(1));
+      ASSERT_TRUE(extension->vendor().calls.waitForCount(attempt + 1));
+    }
+    ASSERT_TRUE(outcomes->waitForCount(1));
+    EXPECT_TRUE(extension->cancelled.waitForCount(3));
+    // An error is as the extension put it.
+    EXPECT_EQ(outcomes->all(), std::vector{succeeds ? std::nullopt : Error(providerFailure())});
+    EXPECT_EQ(lines(),
+              (std::vector<std::string>{begins, failed(), again(2), begins, failed(), again(1),
+                                        begins, succeeds ? registered : failed()}));
+    EXPECT_EQ(clock().scheduledCount(), 0U);
+    if (succeeds) {
+      EXPECT_TRUE(recorder->events().waitFor("add com.example.fake"));
+      provider->unregisterFromFileCoordinator();
+      EXPECT_TRUE(recorder->events().waitFor("remove com.example.fake"));
+    }
+    EXPECT_EQ(recorder->events().all().size(), 2U);
   }
-  ASSERT_TRUE(outcomes->waitForCount(1));
-  EXPECT_EQ(outcomes->all().front(), std::nullopt);
-  EXPECT_TRUE(extension->cancelled.waitForCount(3));
-  EXPECT_TRUE(recorder->events().waitFor("add com.example.fake"));
-  EXPECT_EQ(lines(), (std::vector<std::string>{begins, failed(), again(2), begins, failed(),
-                                               again(1), begins, registered}));
-
-  provider->unregisterFromFileCoordinator();
-  EXPECT_TRUE(recorder->events().waitFor("remove com.example.fake"));
-  EXPECT_EQ(recorder->events().all().size(), 2U);
-}
-
-TEST_F(RegistrationTest, ThreeFailuresAreTheEnd) {
-  extension->vendor().answerNext({failure, failure, failure});
-  registerProvider(3);
-  for (std::size_t attempt = 1; attempt <= 2; ++attempt) {
-    clock().waitForScheduled(1);
-    clock().advance(seconds(2));
-    ASSERT_TRUE(extension->vendor().calls.waitForCount(attempt + 1));
-  }
-  ASSERT_TRUE(outcomes->waitForCount(1));
-  ASSERT_TRUE(extension->cancelled.waitForCount(3));
-  // As the extension put it, and only once.
-  EXPECT_EQ(outcomes->all().front(), providerFailure());
-  EXPECT_EQ(lines(), (std::vector<std::string>{begins, failed(), again(2), begins, failed(),
-                                               again(1), begins, failed()}));
-  EXPECT_EQ(clock().scheduledCount(), 0U);
-  EXPECT_TRUE(recorder->events().all().empty());
 }
 
 TEST_F(RegistrationTest, CountsThatLeaveNoRetry) {
@@ -130,6 +114,10 @@ TEST_F(RegistrationTest, CountsThatLeaveNoRetry) {
   EXPECT_EQ(outcomes->take().front(), providerFailure());
   EXPECT_EQ(lines(), (std::vector<std::string>{begins, failed(), begins, failed()}));
   EXPECT_EQ(clock().scheduledCount(), 0U);
+
+  // Nobody has to listen.
+  provider->registerWithFileCoordinatorRetryCount_completion(1, nullptr);
+  EXPECT_TRUE(LogCapture::mailbox().waitFor(registered));
 }
 
 TEST_F(RegistrationTest, ARequestThatCannotBeOpenedIsAnAttemptToo) {
@@ -162,18 +150,6 @@ TEST_F(RegistrationTest, AConnectionLostDuringSetUpIsRetriedToo) {
   clock().advance(seconds(2));
   ASSERT_TRUE(outcomes->waitForCount(1));
   EXPECT_TRUE(outcomes->all().front()->is(QXConduitErrorDomain, 4));
-}
-
-TEST_F(RegistrationTest, NobodyHasToListen) {
-  extension->vendor().answerNext({failure});
-  provider->registerWithFileCoordinatorRetryCount_completion(2, nullptr);
-  clock().waitForScheduled(1);
-  clock().advance(seconds(2));
-  EXPECT_TRUE(LogCapture::mailbox().waitFor(registered));
-  EXPECT_TRUE(recorder->events().waitFor("add com.example.fake"));
-  extension->vendor().answerNext({failure});
-  provider->registerWithFileCoordinatorRetryCount_completion(1, nullptr);
-  EXPECT_TRUE(extension->cancelled.waitForCount(3));
 }
 
 }  // namespace

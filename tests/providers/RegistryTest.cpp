@@ -131,16 +131,6 @@ TEST_F(RegistryTest, FollowsTheInstalledExtensions) {
   EXPECT_EQ(first->identifier(), "A");
 }
 
-TEST_F(RegistryTest, NoExtensionIsAnAnswerToo) {
-  begin();
-  LogCapture::mailbox().take();
-  EXPECT_TRUE(Registry::providersInfo().empty());
-  bool isExcluded = true;
-  EXPECT_FALSE(Registry::providerForURL_outExcludedURL(URL("file:///tmp"), &isExcluded));
-  EXPECT_FALSE(isExcluded);
-  EXPECT_EQ(log.count(""), 0U);
-}
-
 TEST_F(RegistryTest, OfTwoWithOneIdentifierTheLaterCountsAndBothAreRegistered) {
   const ProviderBundle one("A", "1"), two("A", "2");
   one.install();

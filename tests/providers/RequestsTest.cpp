@@ -1,29 +1,18 @@
-#include <gtest/gtest.h>
-
-#include "providers/DSExtensionDocSource.h"
-#include "tests/support/FakeExtension.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryRoot.h"
+#include "tests/providers/FakeExtensionFixture.h"
 
 namespace {
 
 using namespace qx::test;
 using Callback = DSExtensionDocSource::Callback;
 
-class RequestsTest : public testing::Test {
+class RequestsTest : public FakeExtensionFixture {
  protected:
-  struct Answer {
+  struct Performed {
     std::optional<qx::Error> error;
     std::shared_ptr<_QXDocSourceVendor> proxy;
     Callback done;
   };
 
-  void SetUp() override {
-    temporaryRoot();
-    extension = std::make_shared<FakeExtension>("com.example.fake");
-    provider = DSExtensionDocSource::initWithExtension(extension);
-    LogCapture::mailbox().take();
-  }
   void perform() {
     provider->performExtensionRequest(
         [this](const auto& error, const auto& proxy, const Callback& done) {
@@ -31,29 +20,8 @@ class RequestsTest : public testing::Test {
         });
   }
 
-  LogCapture log;
-  Mailbox<Answer> answers;
-  std::shared_ptr<FakeExtension> extension;
-  std::shared_ptr<DSExtensionDocSource> provider;
+  Mailbox<Performed> answers;
 };
-
-TEST_F(RequestsTest, GivesAProxyThatSpeaksUntilItIsDone) {
-  perform();
-  ASSERT_TRUE(answers.waitForCount(1));
-  const auto answer = answers.all().front();
-  ASSERT_TRUE(answer.proxy && !answer.error && answer.done);
-  Mailbox<std::string> replies;
-  answer.proxy->_identifierForItemAtURL_completion(
-      qx::URL("file:///a"), [&](const auto& error, const auto& item) {
-        replies.put(error ? error->text() : item.value_or("(null)"));
-      });
-  EXPECT_TRUE(replies.waitFor("the item"));
-  EXPECT_TRUE(extension->vendor().calls.waitFor("identifier file:///a"));
-  EXPECT_TRUE(extension->cancelled.all().empty());
-  answer.done();
-  EXPECT_EQ(extension->cancelled.all(),
-            std::vector<std::optional<qx::UUID>>{extension->opened.all().front()});
-}
 
 TEST_F(RequestsTest, TheRequestIsCancelledWithTheExtensionOfThatMoment) {
   perform();
@@ -63,27 +31,6 @@ TEST_F(RequestsTest, TheRequestIsCancelledWithTheExtensionOfThatMoment) {
   answers.all().front().done();
   EXPECT_TRUE(extension->cancelled.all().empty());
   EXPECT_EQ(replacement->cancelled.all().size(), 1U);
-}
-
-TEST_F(RequestsTest, ARefusalStillHasItsDoneCallback) {
-  for (const auto& request : {std::optional<qx::UUID>(), std::optional(qx::UUID::random())}) {
-    answers.take();
-    extension->cancelled.take();
-    LogCapture::mailbox().take();
-    const auto refusal =
-        qx::extensionError(qx::ExtensionErrorCode::couldNotLaunch, "com.example.fake");
-    extension->refuseRequests(refusal, request);
-    perform();
-    ASSERT_EQ(answers.all().size(), 1U);
-    EXPECT_EQ(answers.all().front().error, refusal);
-    EXPECT_FALSE(answers.all().front().proxy);
-    EXPECT_EQ(
-        LogCapture::mailbox().all(),
-        std::vector<std::string>{"[ERROR] Extension request failed. Error: " + refusal.text()});
-    EXPECT_TRUE(extension->cancelled.all().empty());
-    answers.all().front().done();
-    EXPECT_EQ(extension->cancelled.all(), std::vector{request});
-  }
 }
 
 TEST_F(RequestsTest, WithoutAContextThereIsNoProxy) {
@@ -132,22 +79,6 @@ TEST_F(RequestsTest, ABrokenConnectionCallsBackOnceMoreForEachCall) {
   ASSERT_TRUE(deaf);
   deaf->_startProvidingItemAtURL_completion(qx::URL("file:///c"), nullptr);
   EXPECT_TRUE(LogCapture::mailbox().waitForCount(3));
-}
-
-TEST_F(RequestsTest, TheInterfacesAreMadeOnce) {
-  using Context = _QXDocSourceExtensionHostContext;
-  EXPECT_EQ(Context::_extensionAuxiliaryVendorProtocol().get(),
-            Context::_extensionAuxiliaryVendorProtocol().get());
-  EXPECT_EQ(Context::_extensionAuxiliaryHostProtocol().get(),
-            Context::_extensionAuxiliaryHostProtocol().get());
-  for (const char* message :
-       {"_performInitialSetupWithCompletion:", "_providePlaceholderAtURL:completion:",
-        "_startProvidingItemAtURL:completion:", "_itemChangedAtURL:completion:",
-        "_stopProvidingItemAtURL:completion:", "_identifierForItemAtURL:completion:",
-        "_URLForItemIdentifier:completion:"}) {
-    EXPECT_TRUE(Context::_extensionAuxiliaryVendorProtocol()->find(message)) << message;
-    EXPECT_FALSE(Context::_extensionAuxiliaryHostProtocol()->find(message)) << message;
-  }
 }
 
 }  // namespace
