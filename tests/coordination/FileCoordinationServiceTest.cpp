@@ -12,8 +12,11 @@
 namespace {
 
 using namespace qx::test;
-using qx::Error;
+using qx::Array;
 using qx::URL;
+using qx::Value;
+
+const Value absent;
 
 class FileCoordinationServiceTest : public CoordinationTest {
  protected:
@@ -21,131 +24,124 @@ class FileCoordinationServiceTest : public CoordinationTest {
     CoordinationTest::SetUp();
     service = startService();
   }
+  std::string provideCall(const std::string& source, const std::string& path,
+                          const std::string& reader) const {
+    return "docSource:provideItemAtURL:toReaderWithID:completionHandler: (" + source + ", " +
+           URL::fileURL(path).absoluteString() + ", " + reader + ")";
+  }
   std::shared_ptr<FileCoordinationService> service;
 };
 
 TEST_F(FileCoordinationServiceTest, AReadReachesTheOwnerAndItsAnswerTheReader) {
   Client provider, reader;
-  ASSERT_FALSE(provider.add("com.example.source", directory));
-  auto outcome = reader.read(items / "document");
-  auto provide = provider.nextProvide();
-  EXPECT_EQ(provide.docSource, "com.example.source");
-  EXPECT_EQ(provide.url, URL::fileURL(items / "document").absoluteString());
-  EXPECT_EQ(provide.reader, "com.example.tests");
-  EXPECT_FALSE(outcome.isThere());
-  provide.completion(std::nullopt);
-  EXPECT_FALSE(outcome.get());
+  ASSERT_EQ(provider.add("source", directory), success);
+  auto read = reader.beginRead(items / "document");
+  EXPECT_EQ(provider.nextCall(), provideCall("source", items / "document", "com.example.tests"));
+  EXPECT_FALSE(reader.hasInput());
+  const qx::Error failure("VendorDomain", -7, qx::Dictionary{{"description", "No."}, {"more", 1}});
+  provider.reply(failure);
+  EXPECT_EQ(reader.answer(read).error(), failure);
 
-  const Error failure("VendorDomain", -7, qx::Dictionary{{"description", "No."}, {"more", 1}});
-  outcome = reader.read(items / "document");
-  provider.nextProvide().completion(failure);
-  EXPECT_EQ(outcome.get(), failure);
-
-  // Of a reader that belongs to no bundle.
+  // A reader that belongs to no bundle.
   uninstallProgram();
-  outcome = reader.read(items / "document");
-  provide = provider.nextProvide();
-  EXPECT_EQ(provide.reader, "pid:" + std::to_string(getpid()));
-  provide.completion(std::nullopt);
-  EXPECT_FALSE(outcome.get());
+  read = reader.beginRead(items / "document");
+  EXPECT_EQ(provider.nextCall(),
+            provideCall("source", items / "document", "pid:" + std::to_string(getpid())));
+  provider.reply();
+  EXPECT_EQ(reader.end(read), success);
 }
 
 TEST_F(FileCoordinationServiceTest, WhatNobodyOwnsIsReadAtOnce) {
   Client provider, reader;
   TemporaryDirectory elsewhere;
   std::ofstream(elsewhere / "file") << "x";
-  EXPECT_FALSE(reader.read(items / "document").get());
-  ASSERT_FALSE(provider.add("com.example.source", directory));
-  EXPECT_FALSE(reader.read(elsewhere / "file").get());
-  EXPECT_FALSE(reader.read(items.path()).get());
+  EXPECT_EQ(reader.read(items / "document"), success);
+  ASSERT_EQ(provider.add("source", directory), success);
   // A link that leads out, and one that leads in.
   std::filesystem::create_symlink(elsewhere / "file", items / "out");
   std::filesystem::create_symlink(items / "document", elsewhere / "in");
-  EXPECT_FALSE(reader.read(items / "out").get());
-  EXPECT_FALSE(reader.read(items / "../" + elsewhere.path().substr(5) + "/file").get());
-  EXPECT_EQ(provider.provideCount(), 0u);
-  auto outcome = reader.read(elsewhere / "in");
-  provider.nextProvide().completion(std::nullopt);
-  EXPECT_FALSE(outcome.get());
-  EXPECT_FALSE(provider.remove("com.example.source"));
-  EXPECT_FALSE(reader.read(items / "document").get());
+  for (const auto& path : {elsewhere / "file", items.path(), items / "out",
+                           items / "../" + elsewhere.path().substr(5) + "/file"}) {
+    EXPECT_EQ(reader.read(path), success) << path;
+  }
+  EXPECT_FALSE(provider.hasInput());
+  const auto read = reader.beginRead(elsewhere / "in");
+  EXPECT_EQ(provider.provideNext(), "source");
+  EXPECT_EQ(reader.end(read), success);
+  EXPECT_EQ(provider.remove("source"), success);
+  EXPECT_EQ(reader.read(items / "document"), success);
 }
 
 TEST_F(FileCoordinationServiceTest, TheInnermostDirectoryOwns) {
   Client provider, reader;
   std::filesystem::create_directory(items / "inner");
   write("inner/document");
-  ASSERT_FALSE(provider.add("b", directory));
-  ASSERT_FALSE(provider.add("a", URL::fileURL(items / "inner", true)));
-  ASSERT_FALSE(provider.add("c", URL::fileURL(items / "missing", true)));
-  auto inner = reader.read(items / "inner/document");
-  auto provide = provider.nextProvide();
-  EXPECT_EQ(provide.docSource, "a");
-  auto outer = reader.read(items / "document");
-  EXPECT_EQ(provider.nextProvide().docSource, "b");
+  ASSERT_EQ(provider.add("b", directory), success);
+  ASSERT_EQ(provider.add("a", URL::fileURL(items / "inner", true)), success);
+  ASSERT_EQ(provider.add("c", URL::fileURL(items / "missing", true)), success);
+  reader.beginRead(items / "inner/document");
+  EXPECT_EQ(provider.provideNext(), "a");
+  reader.beginRead(items / "document");
+  EXPECT_EQ(provider.provideNext(), "b");
 }
 
 TEST_F(FileCoordinationServiceTest, ReadersOfOneFileShareOneProvide) {
-  Client provider, first, second;
+  Client provider, second;
+  auto first = std::make_unique<Client>();
   std::filesystem::create_symlink(items / "document", items / "link");
-  ASSERT_FALSE(provider.add("com.example.source", directory));
-  auto one = first.read(items / "document");
-  auto provide = provider.nextProvide();
-  auto two = first.read(items / "link");
-  auto three = second.read(items / "./document");
+  ASSERT_EQ(provider.add("source", directory), success);
+  first->beginRead(items / "document");
+  EXPECT_EQ(provider.nextCall(), provideCall("source", items / "document", "com.example.tests"));
+  first->beginRead(items / "link");
+  const auto shared = second.beginRead(items / "./document");
   // Answered in order on each connection: by then those two have arrived.
-  EXPECT_FALSE(first.read(std::string("/")).get());
-  EXPECT_FALSE(second.read(std::string("/")).get());
-  EXPECT_EQ(provider.provideCount(), 0u);
-  // Another file does not wait for it.
-  auto other = second.read(items / "other");
-  provider.nextProvide().completion(std::nullopt);
-  EXPECT_FALSE(other.get());
-  EXPECT_FALSE(one.isThere() || two.isThere() || three.isThere());
+  EXPECT_EQ(first->read("/"), success);
+  EXPECT_EQ(second.read("/"), success);
+  EXPECT_FALSE(provider.hasInput());
   // A reader that goes away takes nothing from the others.
-  first.connection->invalidate();
-  provide.completion(DSNotPermittedError());
-  EXPECT_EQ(three.get(), DSNotPermittedError());
-  EXPECT_EQ(one.get()->code(), 4);
+  first.reset();
+  provider.reply(DSNotPermittedError());
+  EXPECT_EQ(second.end(shared), "DSErrorDomain 3");
 
-  auto again = second.read(items / "document");
-  provider.nextProvide().completion(std::nullopt);
-  EXPECT_FALSE(again.get());
+  // Afterwards it is asked for again, and another file does not wait for it.
+  const auto again = second.beginRead(items / "document");
+  provider.nextCall();
+  const auto other = second.beginRead(items / "other");
+  provider.provideNext();
+  EXPECT_EQ(second.end(other), success);
+  EXPECT_FALSE(second.hasInput());
+  provider.close();
+  EXPECT_EQ(second.end(again), lost);
 }
 
 TEST_F(FileCoordinationServiceTest, ALostConnectionForgetsItsSourcesAndFailsItsReaders) {
-  Client reader;
-  auto provider = std::make_unique<Client>();
-  Client survivor;
+  Client provider, reader, survivor;
   TemporaryDirectory elsewhere;
   std::ofstream(elsewhere / "file") << "x";
-  ASSERT_FALSE(provider->add("com.example.source", directory));
-  ASSERT_FALSE(survivor.add("com.example.survivor", URL::fileURL(elsewhere.path(), true)));
-  auto waiting = reader.read(items / "document");
-  auto alsoWaiting = reader.read(items / "other");
-  ASSERT_TRUE(provider->waitForProvides(2));
+  ASSERT_EQ(provider.add("source", directory), success);
+  ASSERT_EQ(survivor.add("survivor", URL::fileURL(elsewhere.path(), true)), success);
+  const auto waiting = reader.beginRead(items / "document");
+  const auto alsoWaiting = reader.beginRead(items / "other");
+  provider.nextCall();
+  provider.nextCall();
   LogCapture log;
-  provider.reset();
-  for (const auto& outcome : {waiting, alsoWaiting}) {
-    auto error = outcome.get();
-    ASSERT_TRUE(error);
-    EXPECT_TRUE(error->is(QXConduitErrorDomain, 4));
-  }
-  ASSERT_TRUE(log.mailbox().waitFor(
-      "[NOTICE] Doc source com.example.source is gone: its connection was lost."));
-  EXPECT_FALSE(reader.read(items / "document").get());
-  auto outcome = reader.read(elsewhere / "file");
-  survivor.nextProvide().completion(std::nullopt);
-  EXPECT_FALSE(outcome.get());
-  ASSERT_FALSE(survivor.add("com.example.source", directory));
-  outcome = reader.read(items / "document");
-  EXPECT_EQ(survivor.nextProvide().docSource, "com.example.source");
+  provider.close();
+  EXPECT_EQ(reader.end(waiting), lost);
+  EXPECT_EQ(reader.end(alsoWaiting), lost);
+  ASSERT_TRUE(
+      log.mailbox().waitFor("[NOTICE] Doc source source is gone: its connection was lost."));
+  EXPECT_EQ(reader.read(items / "document"), success);
+  auto read = reader.beginRead(elsewhere / "file");
+  EXPECT_EQ(survivor.provideNext(), "survivor");
+  EXPECT_EQ(reader.end(read), success);
+  ASSERT_EQ(survivor.add("source", directory), success);
+  read = reader.beginRead(items / "document");
+  EXPECT_EQ(survivor.provideNext(), "source");
 }
 
 TEST_F(FileCoordinationServiceTest, AddingTakesTheEntitlementAsANumberThatIsTrue) {
   Client client;
-  const Error lacking = DSClientLacksEntitlement("com.veltro.file-coordination.host");
-  EXPECT_FALSE(client.add("a", directory));
+  EXPECT_EQ(client.add("a", directory), success);
   for (const auto& entitlements : {qx::Dictionary{},
                                    {{fileCoordinationHostEntitlement, false}},
                                    {{fileCoordinationHostEntitlement, 0}},
@@ -153,65 +149,76 @@ TEST_F(FileCoordinationServiceTest, AddingTakesTheEntitlementAsANumberThatIsTrue
                                    {{fileCoordinationHostEntitlement, qx::Array{true}}},
                                    {{"com.veltro.file-coordination", true}}}) {
     installProgram(entitlements);
-    EXPECT_EQ(client.add("b", directory), lacking);
-    EXPECT_EQ(client.add(std::nullopt, std::nullopt), lacking);
+    EXPECT_EQ(client.call("addDocSource:providedItemsURL:completion:", {"b", directory}).error(),
+              DSClientLacksEntitlement("com.veltro.file-coordination.host"));
+    EXPECT_EQ(client.add(absent, absent), "DSErrorDomain 6");
   }
   uninstallProgram();
-  EXPECT_EQ(client.add("b", directory), lacking);
+  EXPECT_EQ(client.add("b", directory), "DSErrorDomain 6");
   // Not needed to read, nor to remove what one has added.
-  EXPECT_EQ(client.remove("b"), DSNotFoundError("b"));
-  EXPECT_FALSE(client.remove("a"));
+  EXPECT_EQ(client.remove("b"), "DSErrorDomain 1");
+  EXPECT_EQ(client.remove("a"), success);
   installProgram({{fileCoordinationHostEntitlement, 1}});
-  EXPECT_FALSE(client.add("b", directory));
+  EXPECT_EQ(client.add("b", directory), success);
 }
 
 TEST_F(FileCoordinationServiceTest, ASourceBelongsToTheConnectionThatAddedItLast) {
   Client first, second, reader;
-  ASSERT_FALSE(first.add("a", directory));
-  EXPECT_EQ(second.remove("a"), DSNotPermittedError());
-  EXPECT_EQ(first.remove("A"), DSNotFoundError("A"));
-  ASSERT_FALSE(second.add("a", directory));
-  EXPECT_EQ(first.remove("a"), DSNotPermittedError());
-  auto outcome = reader.read(items / "document");
-  second.nextProvide().completion(std::nullopt);
-  EXPECT_FALSE(outcome.get());
+  ASSERT_EQ(first.add("a", directory), success);
+  EXPECT_EQ(second.remove("a"), "DSErrorDomain 3");
+  EXPECT_EQ(first.remove("A"), "DSErrorDomain 1");
+  ASSERT_EQ(second.add("a", directory), success);
+  EXPECT_EQ(first.remove("a"), "DSErrorDomain 3");
   // The end of the first takes nothing from the second.
-  first.connection->invalidate();
-  outcome = reader.read(items / "document");
-  second.nextProvide().completion(std::nullopt);
-  EXPECT_FALSE(outcome.get());
+  first.close();
+  for (int round = 0; round < 2; ++round) {
+    const auto read = reader.beginRead(items / "document");
+    EXPECT_EQ(second.provideNext(), "a");
+    EXPECT_EQ(reader.end(read), success);
+  }
   // Added again with another directory, it does not own the first one any more.
-  ASSERT_FALSE(second.add("a", URL::fileURL(items / "elsewhere", true)));
-  EXPECT_FALSE(reader.read(items / "document").get());
-  EXPECT_FALSE(second.remove("a"));
+  ASSERT_EQ(second.add("a", URL::fileURL(items / "elsewhere", true)), success);
+  EXPECT_EQ(reader.read(items / "document"), success);
+  EXPECT_EQ(second.remove("a"), success);
 }
 
 TEST_F(FileCoordinationServiceTest, AbsentAndImpossibleArgumentsAreNamed) {
   Client client;
   const URL web("https://example.com/a");
-  EXPECT_EQ(client.add(std::nullopt, directory), DSInvalidParameterError("identifier", {}));
-  EXPECT_EQ(client.add("a", std::nullopt), DSInvalidParameterError("URL", {}));
-  EXPECT_EQ(client.add("a", web), DSInvalidParameterError("URL", web.absoluteString()));
-  EXPECT_EQ(client.remove(std::nullopt), DSInvalidParameterError("identifier", {}));
-  EXPECT_EQ(client.read(std::optional<URL>()).get(), DSInvalidParameterError("URL", {}));
-  EXPECT_EQ(client.read(web).get(), DSInvalidParameterError("URL", web.absoluteString()));
-  EXPECT_EQ(client.wrote(std::nullopt), DSInvalidParameterError("URL", {}));
+  const std::string add = "addDocSource:providedItemsURL:completion:",
+                    remove = "removeDocSource:completion:";
+  const std::optional<std::string> none;
+  struct Case {
+    std::string operation;
+    Array arguments;
+    qx::Error error;
+  };
+  for (const auto& [operation, arguments, error] :
+       {Case{add, {absent, directory}, DSInvalidParameterError("identifier", none)},
+        Case{add, {"a", absent}, DSInvalidParameterError("URL", none)},
+        Case{add, {"a", web}, DSInvalidParameterError("URL", web.absoluteString())},
+        Case{remove, {absent}, DSInvalidParameterError("identifier", none)},
+        Case{coordinateReading, {absent}, DSInvalidParameterError("URL", none)},
+        Case{coordinateReading, {web}, DSInvalidParameterError("URL", web.absoluteString())},
+        Case{finishedWriting, {absent}, DSInvalidParameterError("URL", none)}}) {
+    EXPECT_EQ(client.call(operation, arguments).error(), error) << operation;
+  }
 }
 
 TEST_F(FileCoordinationServiceTest, WhoMayNotReachTheFileIsToldWhy) {
   Client provider, reader;
-  ASSERT_FALSE(provider.add("com.example.source", directory));
-  const auto missing = URL::fileURL(items / "no directory/document");
-  EXPECT_EQ(reader.read(missing).get(), qx::fileError(ENOENT, missing));
-  EXPECT_EQ(reader.wrote(missing), qx::fileError(ENOENT, missing));
-  const auto through = URL::fileURL(items / "document/inside");
-  EXPECT_EQ(reader.read(through).get(), qx::fileError(ENOTDIR, through));
-  EXPECT_EQ(reader.wrote(through), qx::fileError(ENOTDIR, through));
-  EXPECT_EQ(provider.provideCount(), 0u);
+  ASSERT_EQ(provider.add("source", directory), success);
+  for (const auto& [name, problem] :
+       {std::pair("no directory/document", ENOENT), {"document/inside", ENOTDIR}}) {
+    const auto url = URL::fileURL(items / name);
+    EXPECT_EQ(reader.call(coordinateReading, {url}).error(), qx::fileError(problem, url));
+    EXPECT_EQ(reader.call(finishedWriting, {url}).error(), qx::fileError(problem, url));
+  }
+  EXPECT_FALSE(provider.hasInput());
   // What does not exist yet in a directory that does may be asked for.
-  auto outcome = reader.read(items / "to come");
-  provider.nextProvide().completion(std::nullopt);
-  EXPECT_FALSE(outcome.get());
+  const auto read = reader.beginRead(items / "to come");
+  provider.provideNext();
+  EXPECT_EQ(reader.end(read), success);
 }
 
 TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
@@ -225,12 +232,12 @@ TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
   EXPECT_EQ(inChild([&] {
               if (!dropPrivileges()) return 1;
               Client client;
-              const auto secret = URL::fileURL(items / "document");
-              const auto readable = URL::fileURL(items / "other");
-              EXPECT_EQ(client.read(secret).get(), qx::fileError(EACCES, secret));
-              EXPECT_EQ(client.wrote(secret), qx::fileError(EACCES, secret));
-              EXPECT_FALSE(client.read(readable).get());
-              EXPECT_EQ(client.wrote(readable), qx::fileError(EACCES, readable));
+              const auto refused = qx::fileError(EACCES, URL::fileURL(items / "document"));
+              const Array document{URL::fileURL(items / "document")};
+              EXPECT_EQ(client.call(coordinateReading, document).error(), refused);
+              EXPECT_EQ(client.call(finishedWriting, document).error(), refused);
+              EXPECT_EQ(client.read(items / "other"), success);
+              EXPECT_NE(client.wrote(items / "other"), success);
               return testing::Test::HasFailure() ? 2 : 0;
             }),
             0);
@@ -238,18 +245,13 @@ TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
 
 TEST_F(FileCoordinationServiceTest, AFinishedWriteIsPassedOn) {
   Client provider, writer;
-  ASSERT_FALSE(provider.add("com.example.source", directory));
-  const auto url = URL::fileURL(items / "document");
-  EXPECT_FALSE(writer.wrote(URL::fileURL("/dev/null")));
-  EXPECT_FALSE(writer.wrote(url));
-  ASSERT_TRUE(provider.writes().waitForCount(1));
-  uninstallProgram();
-  EXPECT_FALSE(writer.wrote(url));
-  ASSERT_TRUE(provider.writes().waitForCount(2));
-  const std::string end = " " + url.absoluteString();
-  EXPECT_EQ(provider.writes().all(),
-            (std::vector<std::string>{"com.example.source com.example.tests" + end,
-                                      "com.example.source pid:" + std::to_string(getpid()) + end}));
+  ASSERT_EQ(provider.add("source", directory), success);
+  EXPECT_EQ(writer.wrote("/dev/null"), success);
+  EXPECT_EQ(writer.wrote(items / "document"), success);
+  EXPECT_EQ(provider.nextCall(),
+            "docSource:writerWithID:didFinishWritingForURL:completionHandler: (source, "
+            "com.example.tests, " +
+                URL::fileURL(items / "document").absoluteString() + ")");
 }
 
 }  // namespace

@@ -5,20 +5,20 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 
 #include "platform/base/Errors.h"
-#include "platform/conduit/QXConduitConnection.h"
+#include "platform/conduit/ServiceSocket.h"
 #include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/platformd/FileCoordinationService.h"
 #include "tests/support/BundleMaker.h"
-#include "tests/support/Gate.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Mailbox.h"
+#include "tests/support/Operations.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TemporaryRoot.h"
+#include "tests/support/Wire.h"
 
 namespace qx::test {
 
@@ -36,115 +36,53 @@ inline void installProgram(const Dictionary& entitlements) {
 inline void uninstallProgram() {
   std::filesystem::remove_all(temporaryRoot() + "/Applications/Tests.app");
 }
-inline void beHost() { installProgram({{fileCoordinationHostEntitlement, true}}); }
 
-/// Waits for the one error, or its absence, that an operation answers with.
-class Outcome {
+inline Wire connectTo(const std::string& service) {
+  auto socket = connectToServiceSocket(service);
+  EXPECT_TRUE(socket);
+  return Wire(socket ? std::move(*socket) : FileDescriptor());
+}
+
+/// A client of the service: what it asks comes to an outcome, and it is asked for items.
+class Client : public Wire {
  public:
-  Completion<Error> completion() const {
-    return [box = box_](const std::optional<Error>& error) { box->put(error); };
+  Client() : Wire(connectTo(coordinationService)) {}
+
+  std::string add(const Value& id, const Value& url) {
+    return call("addDocSource:providedItemsURL:completion:", {id, url}).outcome();
   }
-  QXConduitConnection::ErrorHandler errorHandler() const {
-    return [box = box_](const Error& error) { box->put(error); };
+  std::string remove(const Value& id) {
+    return call("removeDocSource:completion:", {id}).outcome();
   }
-  bool isThere() const { return !box_->all().empty(); }
-  std::optional<Error> get() const {
-    EXPECT_TRUE(box_->waitForCount(1)) << "no answer";
-    auto all = box_->all();
-    EXPECT_LE(all.size(), 1u);
-    return all.empty() ? conduitError(ConduitErrorCode::connectionLost, "no answer") : all.front();
+  std::int64_t beginRead(const std::string& path) {
+    return begin(coordinateReading, {URL::fileURL(path)});
+  }
+  std::string end(std::int64_t read) { return answer(read).outcome(); }
+  std::string read(const std::string& path) { return end(beginRead(path)); }
+  std::string wrote(const std::string& path) {
+    return call(finishedWriting, {URL::fileURL(path)}).outcome();
+  }
+
+  /// Waits for the next call of the service; its operation and arguments.
+  std::string nextCall() {
+    const auto message = receive();
+    EXPECT_TRUE(message && message->size() == 4 && message->front() == Value(1));
+    if (!message || message->size() != 4) return "";
+    called_ = *(*message)[1].as<std::int64_t>();
+    return *(*message)[2].as<std::string>() + " " + describe((*message)[3]);
+  }
+  /// Ends what the last call asked for.
+  void reply(const Value& error = Value()) { send({2, called_, Array{error}}); }
+  /// Provides what the service asks for next; the doc source that it asks.
+  std::string provideNext() {
+    const auto call = nextCall();
+    reply();
+    const auto begin = call.find('(') + 1;
+    return call.substr(begin, call.find(',') - begin);
   }
 
  private:
-  std::shared_ptr<Mailbox<std::optional<Error>>> box_ =
-      std::make_shared<Mailbox<std::optional<Error>>>();
-};
-
-/// A client of the service, and what it is called back.
-class Client {
- public:
-  struct Provide {
-    std::string docSource, url, reader;
-    Completion<Error> completion;
-  };
-
-  Client() {
-    auto connected = QXConduitConnection::connectToService(fileCoordinationServiceName);
-    EXPECT_TRUE(connected);
-    if (!connected) return;
-    connection = *connected;
-    connection->setExportedInterface(
-        QXConduitInterface::interfaceWithProtocol<QXFileCoordinationHost>());
-    connection->setExportedObject<QXFileCoordinationHost>(host_);
-    connection->setRemoteObjectInterface(
-        QXConduitInterface::interfaceWithProtocol<QXFileCoordination>());
-    connection->resume();
-  }
-
-  std::optional<Error> add(const std::optional<std::string>& id, const std::optional<URL>& url) {
-    return call([&](auto& service, auto done) {
-             service.addDocSource_providedItemsURL_completion(id, url, done);
-           })
-        .get();
-  }
-  std::optional<Error> remove(const std::optional<std::string>& id) {
-    return call([&](auto& service, auto done) { service.removeDocSource_completion(id, done); })
-        .get();
-  }
-  Outcome read(const std::optional<URL>& url) {
-    return call([&](auto& service, auto done) {
-      service.coordinateReadingItemAtURL_completion(url, done);
-    });
-  }
-  Outcome read(const std::string& path) { return read(URL::fileURL(path)); }
-  std::optional<Error> wrote(const std::optional<URL>& url) {
-    return call([&](auto& service, auto done) {
-             service.didFinishWritingItemAtURL_completion(url, done);
-           })
-        .get();
-  }
-
-  /// The next item that the service asks of this client.
-  Provide nextProvide() {
-    EXPECT_TRUE(host_->provides.waitForCount(1));
-    auto all = host_->provides.take();
-    EXPECT_EQ(all.size(), 1u);
-    return all.empty() ? Provide{} : all.front();
-  }
-  bool waitForProvides(std::size_t count) const { return host_->provides.waitForCount(count); }
-  std::size_t provideCount() const { return host_->provides.all().size(); }
-  Mailbox<std::string>& writes() { return host_->writes; }
-
-  std::shared_ptr<QXConduitConnection> connection;
-
- private:
-  class Host final : public QXFileCoordinationHost {
-   public:
-    void docSource_provideItemAtURL_toReaderWithID_completionHandler(
-        const std::optional<std::string>& docSource, const std::optional<URL>& url,
-        const std::optional<std::string>& reader, Completion<Error> completion) override {
-      provides.put({*docSource, url->absoluteString(), *reader, std::move(completion)});
-    }
-    void docSource_writerWithID_didFinishWritingForURL_completionHandler(
-        const std::optional<std::string>& docSource, const std::optional<std::string>& writer,
-        const std::optional<URL>& url, Completion<> completion) override {
-      completion();
-      writes.put(*docSource + " " + *writer + " " + url->absoluteString());
-    }
-    Mailbox<Provide> provides;
-    Mailbox<std::string> writes;
-  };
-
-  template <class Operation>
-  Outcome call(Operation operation) {
-    Outcome outcome;
-    auto service =
-        connection->remoteObjectProxyWithErrorHandler<QXFileCoordination>(outcome.errorHandler());
-    operation(*service, outcome.completion());
-    return outcome;
-  }
-
-  std::shared_ptr<Host> host_ = std::make_shared<Host>();
+  std::int64_t called_ = 0;
 };
 
 inline std::shared_ptr<FileCoordinationService> startService() {
@@ -158,12 +96,13 @@ class CoordinationTest : public testing::Test {
  protected:
   void SetUp() override {
     temporaryRoot();
-    beHost();
+    installProgram({{fileCoordinationHostEntitlement, true}});
     write("document");
     write("other");
   }
   void write(const std::string& name) { std::ofstream(items / name) << "content"; }
 
+  const std::string success = "success", lost = "QXConduitErrorDomain 4";
   TemporaryDirectory items;
   URL directory = URL::fileURL(items.path(), true);
 };

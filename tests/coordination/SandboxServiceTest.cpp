@@ -12,59 +12,32 @@ namespace {
 
 using namespace qx::test;
 
-class SandboxServiceTest : public CoordinationTest {
- protected:
-  using Answer = std::pair<std::optional<qx::Error>, std::optional<qx::SharedDescriptor>>;
-
-  void SetUp() override {
-    CoordinationTest::SetUp();
-    service->resume();
-    auto connected = QXConduitConnection::connectToService(std::string(qx::sandboxServiceName));
-    ASSERT_TRUE(connected);
-    connection = *connected;
-    connection->setRemoteObjectInterface(QXConduitInterface::interfaceWithProtocol<QXSandbox>());
-    connection->resume();
-  }
-
-  Answer redeem(const std::optional<qx::Bytes>& token) {
-    auto answers = std::make_shared<Mailbox<Answer>>();
-    connection
-        ->remoteObjectProxyWithErrorHandler<QXSandbox>([answers](const qx::Error& error) {
-          answers->put({error, std::nullopt});
-        })
-        ->consumeExtension_completion(token, [answers](const auto& error, const auto& descriptor) {
-          answers->put({error, descriptor});
-        });
-    EXPECT_TRUE(answers->waitForCount(1));
-    return answers->all().front();
-  }
-
-  std::shared_ptr<SandboxService> service = (temporaryRoot(), SandboxService::make());
-  std::shared_ptr<QXConduitConnection> connection;
-};
-
-TEST_F(SandboxServiceTest, HandsOverTheDescriptorForAGoodTokenAlone) {
+TEST_F(CoordinationTest, ADescriptorIsHandedOverForAGoodTokenAlone) {
+  const auto service = SandboxService::make();
+  service->resume();
+  Wire wire = connectTo(sandboxService);
   auto token = SandboxIssueFileExtension(qx::sandboxExtensionRead, items / "document", 0);
   ASSERT_TRUE(token);
-  qx::Bytes bytes(token->begin(), token->end());
-  auto [error, descriptor] = redeem(bytes);
-  EXPECT_FALSE(error);
-  ASSERT_TRUE(descriptor && *descriptor);
+  const qx::Bytes good(token->begin(), token->end());
+  const auto redeemed = wire.call(consumeExtension, {good});
+  ASSERT_TRUE(redeemed.at<qx::SharedDescriptor>(1)) << redeemed.outcome();
+  const int descriptor = (*redeemed.at<qx::SharedDescriptor>(1))->get();
   std::array<char, 16> content{};
-  EXPECT_EQ(::read((*descriptor)->get(), content.data(), content.size()), 7);
+  EXPECT_EQ(::read(descriptor, content.data(), content.size()), 7);
   EXPECT_STREQ(content.data(), "content");
-  EXPECT_LT(::write((*descriptor)->get(), "x", 1), 0);
+  EXPECT_LT(::write(descriptor, "x", 1), 0);
 
-  auto altered = bytes;
+  auto altered = good;
   altered[altered.size() / 2] ^= 1;
   std::filesystem::rename(items / "document", items / "moved");
-  for (const auto& bad : {std::optional(bytes), std::optional(altered), std::optional(qx::Bytes()),
-                          std::optional(qx::Bytes(1 << 20, 'x')), std::optional<qx::Bytes>()}) {
-    auto refused = redeem(bad);
-    EXPECT_TRUE(refused.first);
-    EXPECT_FALSE(refused.second);
+  for (const qx::Value& bad : {qx::Value(good), qx::Value(altered), qx::Value(qx::Bytes()),
+                               qx::Value(qx::Bytes(1 << 20, 'x')), qx::Value()}) {
+    const auto refused = wire.call(consumeExtension, {bad});
+    EXPECT_TRUE(refused.error());
+    EXPECT_TRUE(refused.isAbsent(1));
   }
-  EXPECT_EQ(redeem(std::nullopt).first, DSInvalidParameterError("token", std::nullopt));
+  EXPECT_EQ(wire.call(consumeExtension, {qx::Value()}).error(),
+            DSInvalidParameterError("token", std::nullopt));
 }
 
 }  // namespace
