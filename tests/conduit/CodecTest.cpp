@@ -125,98 +125,31 @@ TEST(Codec, OnlyTheDeclaredTypeIsTaken) {
 }
 
 TEST(Codec, MalformedItemsAreRefused) {
-  for (const std::string hex : {
-           // Not whole, or more than one.
-           "",
-           "19",
-           "1901",
-           "6261",
-           "8201",
-           "a1",
-           "a16161",
-           "d820",
-           "f6f6",
-           "80f6",
-           // Indefinite lengths.
-           "9fff",
-           "9f01ff",
-           "bfff",
-           "7f6161ff",
-           "5f4161ff",
-           "ff",
-           "81ff",
-           // No values of ours: undefined, simple values, reserved heads.
-           "f7",
-           "e0",
-           "f3",
-           "f820",
-           "f8ff",
-           "1c",
-           "1d",
-           "1e",
-           "3c",
-           "5c",
-           "7d",
-           "9e",
-           "dc",
-           "fc",
-           // Integers out of 64 bits with a sign.
-           "1b8000000000000000",
-           "1bffffffffffffffff",
-           "3b8000000000000000",
-           "3bffffffffffffffff",
-           // Text that is not UTF-8, keys too: stray byte, overlong, surrogate, past U+10FFFF.
-           "61ff",
-           "62c328",
-           "62c080",
-           "63eda080",
-           "64f4908080",
-           "a161ff01",
-           "d82061ff",
-           // Keys: twice, apart too and in every depth, or no strings.
-           "a2616101616102",
-           "a3616101616202616103",
-           "81a2616101616102",
-           "a10101",
-           "a1416101",
-           "a1d820616101",
-           "a1f601",
-           // Tags that there are not, or on something else.
-           "c06161",
-           "c101",
-           "d9d9f701",
-           "d82001",
-           "d8204161",
-           "d820d8206161",
-           "d8254101",
-           "d8255000",
-           "d825506161",
-           "d8254f000102030405060708090a0b0c0d0e",
-           "d82551000102030405060708090a0b0c0d0e0f10",
-           "d82570303132333435363738393a3b3c3d3e3f",
-           "d945528261440c",
-           "d94552a0",
-           "d9455284614401a0f6",
-           "d94552830101a0",
-           "d945528361446131a0",
-           "d9455283614401f6",
-           "d945528361440180",
-           "d945528341440100",
-           // Descriptors that did not come.
-           "d9464400",
-           "d946446130",
-           "d9464420",
-           // Counts that promise more than there is.
-           "9bffffffffffffffff",
-           "bbffffffffffffffff",
-           "bb8000000000000000",
-           "bb7fffffffffffffff",
-           "5bffffffffffffffff",
-           "7bffffffffffffffff",
-           "9a00ffffff",
-           "ba00ffffff",
-           "7affffffff",
-       }) {
+  for (const std::string hex :
+       {// Not whole, or more than one.
+        "", "19", "1901", "6261", "8201", "a1", "a16161", "d820", "f6f6", "80f6",
+        // Indefinite lengths.
+        "9fff", "9f01ff", "bfff", "7f6161ff", "5f4161ff", "ff", "81ff",
+        // No values of ours: undefined, simple values, reserved heads.
+        "f7", "e0", "f3", "f820", "f8ff", "1c", "1d", "1e", "3c", "5c", "7d", "9e", "dc", "fc",
+        // Integers out of 64 bits with a sign.
+        "1b8000000000000000", "1bffffffffffffffff", "3b8000000000000000", "3bffffffffffffffff",
+        // Text that is not UTF-8, keys too: stray byte, overlong, surrogate, past U+10FFFF.
+        "61ff", "62c328", "62c080", "63eda080", "64f4908080", "a161ff01", "d82061ff",
+        // Keys: twice, apart too and in every depth, or no strings.
+        "a2616101616102", "a3616101616202616103", "81a2616101616102", "a10101", "a1416101",
+        "a1d820616101", "a1f601",
+        // Tags that there are not, or on something else.
+        "c06161", "c101", "d9d9f701", "d82001", "d8204161", "d820d8206161", "d8254101", "d8255000",
+        "d825506161", "d8254f000102030405060708090a0b0c0d0e",
+        "d82551000102030405060708090a0b0c0d0e0f10", "d82570303132333435363738393a3b3c3d3e3f",
+        "d945528261440c", "d94552a0", "d9455284614401a0f6", "d94552830101a0", "d945528361446131a0",
+        "d9455283614401f6", "d945528361440180", "d945528341440100",
+        // Descriptors that did not come.
+        "d9464400", "d946446130", "d9464420",
+        // Counts that promise more than there is.
+        "9bffffffffffffffff", "bbffffffffffffffff", "bb8000000000000000", "bb7fffffffffffffff",
+        "5bffffffffffffffff", "7bffffffffffffffff", "9a00ffffff", "ba00ffffff", "7affffffff"}) {
     EXPECT_FALSE(wellFormed(hex)) << hex;
   }
   EXPECT_TRUE(wellFormed("d9464400", 1));

@@ -36,55 +36,32 @@ std::vector<std::uint8_t> answer(std::int64_t kind, std::int64_t id, const Value
 
 TEST(BadPeer, IsDisconnectedWithOneLineForWhatIsNoMessage) {
   const std::string uuid = "d82550000102030405060708090a0b0c0d0e0f";
-  for (const std::string hex : {
-           // Lengths.
-           "00000000",
-           "01000001",
-           "ffffffff",
-           // Malformed.
-           "00000001ff",
-           "000000029f01",
-           "00000002f6f6",
-       }) {
-    LogCapture log;
-    Served served = Served::make();
-    served.peer.sendBytes(bytesOf(hex));
-    EXPECT_TRUE(served.peer.isClosedByPeer()) << hex;
-    served.ended->wait();
-    EXPECT_EQ(log.count("[NOTICE] Closing the connection to PID "), 1u) << hex;
-    EXPECT_EQ(log.count(""), 1u) << hex;
+  std::vector<std::vector<std::uint8_t>> frames;
+  // Lengths, and what is malformed.
+  for (const std::string hex :
+       {"00000000", "01000001", "ffffffff", "00000001ff", "000000029f01", "00000002f6f6"}) {
+    frames.push_back(bytesOf(hex));
   }
-  const std::vector<std::string> bodies{"f6",
-                                        "a0",
-                                        "80",
-                                        "8101",
-                                        "8301006178",
-                                        "840120617880",
-                                        "84016130617880",
-                                        "8401000180",
-                                        "8401006178a0",
-                                        "850100617880f6",
-                                        "860100617880" + uuid + "f6",
-                                        "820200",
-                                        "830200a0",
-                                        "830300f6",
-                                        "83030080",
-                                        "8303006178",
-                                        "8104",
-                                        "82046178",
-                                        "8204" + uuid,
-                                        "8205" + uuid,
-                                        "83060080",
-                                        "8361310080",
-                                        "83200080"};
-  for (const std::string& body : bodies) {
+  for (const std::string& body : std::vector<std::string>{
+           // No messages, messages without a number, calls,
+           "f6", "a0", "80", "8101", "8301006178", "840120617880", "84016130617880", "8401000180",
+           "8401006178a0", "850100617880f6", "860100617880" + uuid + "f6",
+           // replies, failures,
+           "820200", "830200a0", "830300f6", "83030080", "8303006178",
+           // requests, and other kinds.
+           "8104", "82046178", "8204" + uuid, "8205" + uuid, "83060080", "8361310080",
+           "83200080"}) {
+    frames.push_back(RawPeer::frame(bytesOf(body)));
+  }
+  for (const auto& frame : frames) {
+    SCOPED_TRACE(qx::hexEncode(frame));
     LogCapture log;
     Served served = Served::make();
-    served.peer.sendBytes(RawPeer::frame(bytesOf(body)));
-    EXPECT_TRUE(served.peer.isClosedByPeer()) << body;
+    served.peer.sendBytes(frame);
+    EXPECT_TRUE(served.peer.isClosedByPeer());
     served.ended->wait();
-    EXPECT_EQ(log.count("[NOTICE] Closing the connection to PID "), 1u) << body;
-    EXPECT_EQ(log.count(""), 1u) << body;
+    EXPECT_EQ(log.count("[NOTICE] Closing the connection to PID "), 1u);
+    EXPECT_EQ(log.count(""), 1u);
     EXPECT_TRUE(served.object->echoed.all().empty());
   }
 }
@@ -199,23 +176,15 @@ TEST(Caller, MayAllowClassesInOneReplyArgument) {
   ASSERT_TRUE(replies.waitForCount(1));
   EXPECT_EQ(replies.all().front(), object->list);
 
-  object->list["n"] = 1;
-  proxy->listCompletion([&](const auto&...) { ADD_FAILURE(); });
-  ASSERT_TRUE(errors.waitForCount(1));
-  EXPECT_EQ(errors.take().front().code(), 3);
-
-  object->list = Dictionary{{"large", std::string(qx::conduit::maximumFrameSize, 'x')}};
-  proxy->listCompletion([&](const auto&...) { ADD_FAILURE(); });
-  ASSERT_TRUE(errors.waitForCount(1));
-  EXPECT_EQ(errors.take().front().code(), 5);
-
-  object->list = Dictionary{{"when", qx::Date()}};
-  proxy->listCompletion([&](const auto&...) { ADD_FAILURE(); });
-  ASSERT_TRUE(errors.waitForCount(1));
-  EXPECT_EQ(errors.take().front().code(), 3);
-
-  proxy->echo_completion(std::string(qx::conduit::maximumFrameSize, 'x'),
-                         [&](const auto&) { ADD_FAILURE(); });
+  const std::string large(qx::conduit::maximumFrameSize, 'x');
+  for (const auto& [value, code] :
+       {std::pair(Value(1), 3), {Value(large), 5}, {Value(qx::Date()), 3}}) {
+    object->list = Dictionary{{"k", value}};
+    proxy->listCompletion([&](const auto&...) { ADD_FAILURE(); });
+    ASSERT_TRUE(errors.waitForCount(1));
+    EXPECT_EQ(errors.take().front().code(), code);
+  }
+  proxy->echo_completion(large, [&](const auto&) { ADD_FAILURE(); });
   ASSERT_TRUE(errors.waitForCount(1));
   EXPECT_EQ(errors.take().front().code(), 5);
 
@@ -315,26 +284,6 @@ TEST(Requests, AreNamedByTheirCallsAndFailAlone) {
   EXPECT_EQ(served.peer.readMessage()->kind, 5);
   EXPECT_TRUE(echoes(served.peer));
   EXPECT_EQ(errors->all().size(), 1u);
-}
-
-TEST(Requests, OfThePeerReachTheHandler) {
-  Served served = Served::make(false);
-  Mailbox<std::pair<bool, qx::UUID>> told;
-  served.connection->setRequestHandler([&](bool begins, const qx::UUID& request) {
-    told.put({begins, request});
-  });
-  served.connection->resume();
-  const auto request = *qx::UUID::parse("00010203-0405-0607-0809-0A0B0C0D0E0F");
-  const std::string uuid = "d82550000102030405060708090a0b0c0d0e0f";
-  served.peer.sendBytes(RawPeer::frame(bytesOf("8204" + uuid)));
-  // A call of the request: [1, 9, "echo:completion:", ["r"], request].
-  served.peer.sendBytes(
-      RawPeer::frame(bytesOf("850109706563686f3a636f6d706c6574696f6e3a816172" + uuid)));
-  served.peer.sendBytes(RawPeer::frame(bytesOf("8205" + uuid)));
-  EXPECT_EQ(served.peer.readMessage()->first, Value("r"));
-  ASSERT_TRUE(told.waitForCount(2));
-  EXPECT_EQ(told.all()[0], std::pair(true, request));
-  EXPECT_EQ(told.all()[1], std::pair(false, request));
 }
 
 }  // namespace

@@ -30,21 +30,6 @@ std::int64_t fill(RawPeer& peer) {
   }
 }
 
-TEST(Flow, CallsRunInTheirOrder) {
-  Served served = Served::make();
-  std::vector<std::uint8_t> frames;
-  std::vector<std::string> expected;
-  for (int i = 0; i < 3000; ++i) {
-    expected.push_back(std::to_string(i));
-    auto frame = echoCall(i, expected.back());
-    frames.insert(frames.end(), frame.begin(), frame.end());
-  }
-  ASSERT_TRUE(served.peer.sendBytes(frames));
-  for (int i = 0; i < 3000; ++i) ASSERT_EQ(served.peer.readMessage()->id, i);
-  ASSERT_TRUE(served.object->echoed.waitForCount(3000));
-  EXPECT_EQ(served.object->echoed.all(), expected);
-}
-
 TEST(Flow, AnAnswerLeftToTheGlobalQueueWaitsForNoCallBehindIt) {
   Served served = Served::make();
   auto frames = plainCall(1, "answerLaterCompletion:");
@@ -296,35 +281,6 @@ TEST(Descriptors, StayWithALargeFrameOverManyReads) {
   auto failure = served.peer.readMessage();
   ASSERT_TRUE(failure && failure->error);
   EXPECT_EQ(failure->error->code(), 2);
-  EXPECT_TRUE(witness.isClosedEverywhere());
-}
-
-TEST(Descriptors, AreSentToTheOtherEnd) {
-  auto [near, far] = socketPair();
-  auto server = QXConduitConnection::overSocket(std::move(near));
-  auto client = QXConduitConnection::overSocket(std::move(far));
-  auto object = std::make_shared<TrialObject>();
-  object->keepDescriptors = true;
-  auto interface = QXConduitInterface::interfaceWithProtocol<Trial>();
-  server->setExportedInterface(interface);
-  server->setExportedObject<Trial>(object);
-  client->setRemoteObjectInterface(interface);
-  server->resume();
-  client->resume();
-  Witness witness;
-  {
-    auto given = std::make_shared<const qx::FileDescriptor>(dup(witness.writing()));
-    Gate answered;
-    client->remoteObjectProxyWithErrorHandler<Trial>({})->take_and_completion(
-        given, std::nullopt, [&](const auto& count) {
-          EXPECT_EQ(count, 1);
-          answered.pass();
-        });
-    answered.wait();
-  }
-  ASSERT_TRUE(object->descriptors.waitForCount(1));
-  EXPECT_TRUE(witness.isOpenSomewhere());
-  object->descriptors.take();
   EXPECT_TRUE(witness.isClosedEverywhere());
 }
 

@@ -1,9 +1,7 @@
 // The tests of the conduit, and the small programs that they start in processes of their own:
 //
-//   claim NAME     claims a service; status 0, or 1 and the reason on standard output
 //   serve NAME     serves it until standard input ends; says "ready" or "nothing"
 //   activated NAME the same with a socket handed over as the service manager does it
-//   talk NAME      serves it and calls it once; status 0 when the answer came
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -21,12 +19,6 @@
 namespace {
 
 using namespace qx::test;
-
-int claim(const std::string& name) {
-  auto error = qx::claimService(name);
-  if (error) std::printf("%s\n", error->description().c_str());
-  return error ? 1 : 0;
-}
 
 int serve(const std::string& name) {
   TrialListener listener(name);
@@ -57,20 +49,12 @@ int activated(const std::string& name, char** arguments) {
   return 1;
 }
 
-int talk(const std::string& name) {
-  TrialListener listener(name);
-  listener.listener.resume();
-  return callsThrough(name) ? 0 : 1;
-}
-
 }  // namespace
 
 int main(int count, char** arguments) {
   const std::string mode = count == 3 ? arguments[1] : "";
-  if (mode == "claim") return claim(arguments[2]);
   if (mode == "serve") return serve(arguments[2]);
   if (mode == "activated") return activated(arguments[2], arguments);
-  if (mode == "talk") return talk(arguments[2]);
   testing::InitGoogleTest(&count, arguments);
   return RUN_ALL_TESTS();
 }
