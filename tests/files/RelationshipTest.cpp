@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <ostream>
 
 #include "platform/base/Errors.h"
@@ -59,66 +60,35 @@ class RelationshipTest : public testing::Test {
 };
 
 TEST_F(RelationshipTest, FollowsWhereThingsAre) {
-  EXPECT_EQ(query("Documents/file"), contains);
-  EXPECT_EQ(query("Documents/folder/"), contains);
-  EXPECT_EQ(query("Documents"), same);
-  EXPECT_EQ(query("Documents/"), same);
-  EXPECT_EQ(query("Documents//./"), same);
-  EXPECT_EQ(query("Documents2"), other);
-  EXPECT_EQ(query("Outside/file"), other);
-  EXPECT_EQ(query(""), other);
-  EXPECT_EQ(query("../../../../../.."), other);
-}
+  const auto expect = [this](DirectoryRelationship expected,
+                             std::initializer_list<const char*> items) {
+    for (const char* item : items) EXPECT_EQ(query(item), expected) << item;
+  };
+  expect(contains, {"Documents/file", "Documents/folder/", "Outside/../Documents/file"});
+  expect(same, {"Documents", "Documents/", "Documents//./", "Documents/folder/.."});
+  expect(other, {"Documents2", "Outside/file", "", "../../../../../..", "Documents/..",
+                 "Documents/folder/../../Outside/file"});
 
-TEST_F(RelationshipTest, LinksCountAsWhereTheyLead) {
-  EXPECT_EQ(query("Documents/out"), other);
-  EXPECT_EQ(query("Documents/out/file"), other);
-  EXPECT_EQ(query("Documents/outFile"), other);
-  EXPECT_EQ(query("Documents/out/missing/x"), other);
-  EXPECT_EQ(query("Documents/outDangling"), other);
-  EXPECT_EQ(query("Documents/inDangling"), contains);
-  EXPECT_EQ(query("Documents/inFile"), contains);
-  EXPECT_EQ(query("Documents/parent"), other);
-  EXPECT_EQ(query("Documents/parent/Documents"), same);
-  EXPECT_EQ(query("alias"), same);
-  EXPECT_EQ(query("alias/file"), contains);
-  EXPECT_EQ(query("alias/missing"), contains);
+  // Links count as where they lead, and ".." as the parent of that.
+  expect(contains, {"Documents/inDangling", "Documents/inFile", "alias/file", "alias/missing",
+                    "Documents/out/../Documents/file", "aliasOfFolder/../file"});
+  expect(same, {"alias", "Documents/parent/Documents", "aliasOfFolder/.."});
+  expect(other, {"Documents/out", "Documents/out/file", "Documents/outFile",
+                 "Documents/out/missing/x", "Documents/outDangling", "Documents/parent",
+                 "Documents/out/../file", "aliasOfFolder/../.."});
   EXPECT_EQ(query("slash" + root.path() + "/Documents/file"), contains);
   EXPECT_EQ(query("Documents/file", "alias"), contains);
   EXPECT_EQ(query("Documents", "alias"), same);
   EXPECT_EQ(query("Documents/file", "aliasOfFolder"), other);
-  EXPECT_EQ(query("Documents/folder/x", "aliasOfFolder"), contains);
-}
 
-TEST_F(RelationshipTest, DotDotLeavesWhatItReallyStandsIn) {
-  EXPECT_EQ(query("Documents/folder/.."), same);
-  EXPECT_EQ(query("Documents/.."), other);
-  EXPECT_EQ(query("Documents/folder/../../Outside/file"), other);
-  EXPECT_EQ(query("Outside/../Documents/file"), contains);
-  // The parent of what a link leads to, not of the link.
-  EXPECT_EQ(query("Documents/out/../file"), other);
-  EXPECT_EQ(query("Documents/out/../Documents/file"), contains);
-  EXPECT_EQ(query("aliasOfFolder/../file"), contains);
-  EXPECT_EQ(query("aliasOfFolder/.."), same);
-  EXPECT_EQ(query("aliasOfFolder/../.."), other);
-}
-
-TEST_F(RelationshipTest, WhatDoesNotExistLiesBelowItsDeepestAncestor) {
-  EXPECT_EQ(query("Documents/missing"), contains);
-  EXPECT_EQ(query("Documents/missing/a/b/"), contains);
-  EXPECT_EQ(query("missing"), other);
-  EXPECT_EQ(query("missing/Documents"), other);
-  EXPECT_EQ(query("Documents/missing/.."), same);
-  EXPECT_EQ(query("Documents/missing/../x"), contains);
-  EXPECT_EQ(query("Documents/missing/a/../.."), same);
-  EXPECT_EQ(query("Documents/missing/../../Outside/file"), other);
-  EXPECT_EQ(query("Documents/missing/../out/file"), other);
-  EXPECT_EQ(query("Documents/missing/../../../x"), other);
-  EXPECT_EQ(query("missing/../Documents/x"), contains);
-  // Nothing is below a file; its name still has a place.
-  EXPECT_EQ(query("Documents/file/below"), contains);
-  EXPECT_EQ(query("Documents/file/.."), same);
-  EXPECT_EQ(query("Documents/file/../../Outside"), other);
+  // What does not exist lies below its deepest ancestor; nothing is below a file, but its name
+  // still has a place.
+  expect(contains, {"Documents/missing", "Documents/missing/a/b/", "Documents/missing/../x",
+                    "missing/../Documents/x", "Documents/file/below"});
+  expect(same, {"Documents/missing/..", "Documents/missing/a/../..", "Documents/file/.."});
+  expect(other, {"missing", "missing/Documents", "Documents/missing/../../Outside/file",
+                 "Documents/missing/../out/file", "Documents/missing/../../../x",
+                 "Documents/file/../../Outside"});
 }
 
 TEST_F(RelationshipTest, AMissingDirectoryIsToldByItsURL) {
