@@ -43,37 +43,4 @@ TEST(MonotonicClock, RunsActionsInOrderOfTimeAndNotTooEarly) {
   clock.cancel(clock.schedule(Clock::Duration::max(), [] {}));
 }
 
-TEST(ManualClock, MovesOnlyWhenTold) {
-  ManualClock clock;
-  std::vector<std::pair<char, Clock::Duration>> ran;
-  const auto record = [&](char name) { return [&, name] { ran.emplace_back(name, clock.now()); }; };
-  clock.schedule(5s, record('c'));
-  clock.schedule(1s, [&] {
-    ran.emplace_back('a', clock.now());
-    clock.schedule(1s, record('b'));
-    clock.schedule(60s, record('z'));
-  });
-  const auto cancelled = clock.schedule(3s, record('x'));
-  clock.cancel(cancelled);
-  EXPECT_EQ(clock.scheduledCount(), 2U);
-  clock.advance(0s);
-  EXPECT_TRUE(ran.empty());
-  clock.advance(5s);
-  EXPECT_EQ(ran, (std::vector<std::pair<char, Clock::Duration>>{{'a', 1s}, {'b', 2s}, {'c', 5s}}));
-  EXPECT_EQ(clock.now(), 5s);
-  EXPECT_EQ(clock.scheduledCount(), 1U);
-}
-
-TEST(ManualClock, WaitsForTheCodeUnderTest) {
-  ManualClock clock;
-  bool ran = false;
-  std::jthread code([&] {
-    clock.schedule(1s, [&] { ran = true; });
-    clock.schedule(2s, [] {});
-  });
-  clock.waitForScheduled(2);
-  clock.advance(1s);
-  EXPECT_TRUE(ran);
-}
-
 }  // namespace

@@ -3,17 +3,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <numeric>
 #include <thread>
 #include <vector>
 
 #include "platform/queue/Clock.h"
 #include "platform/queue/Once.h"
-#include "platform/queue/OperationQueue.h"
 #include "platform/queue/WorkPool.h"
 #include "tests/support/Gate.h"
 
@@ -92,58 +91,18 @@ TEST(SerialQueue, DestroysTaskOutsideItsLocks) {
   done.wait();
 }
 
-TEST(ConcurrentQueue, ReadersRunInParallelAndBarriersAlone) {
+TEST(ConcurrentQueue, ReadersRunInParallel) {
   qx::setWorkPoolSize(4);
   const auto queue = WorkQueue::concurrent("queue");
   // Four readers that each wait for all the others can only pass together.
   Gate together;
-  for (int i = 0; i < 3; ++i) {
-    queue->async([&] {
-      together.pass();
-      together.wait(4);
-    });
-  }
-  queue->sync([&] {
+  const auto meet = [&] {
     together.pass();
     together.wait(4);
-  });
-
-  std::atomic<int> readers{0};
-  std::atomic<int> barriers{0};
-  std::atomic<int> violations{0};
-  const auto read = [&] {
-    ++readers;
-    if (barriers != 0) ++violations;
-    --readers;
   };
-  const auto exclude = [&] {
-    if (++barriers != 1 || readers != 0) ++violations;
-    if (--barriers != 0 || readers != 0) ++violations;
-  };
-  std::vector<std::jthread> threads;
-  for (int thread = 0; thread < 6; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (int i = 0; i < 10000; ++i) {
-        switch ((i + thread) % 8) {
-          case 0:
-            queue->barrierAsync(exclude);
-            break;
-          case 1:
-            queue->barrierSync(exclude);
-            break;
-          case 2:
-          case 3:
-            queue->async(read);
-            break;
-          default:
-            queue->sync(read);
-        }
-      }
-    });
-  }
-  threads.clear();
+  for (int i = 0; i < 3; ++i) queue->async(meet);
+  queue->sync(meet);
   queue->barrierSync([] {});
-  EXPECT_EQ(violations, 0);
 }
 
 TEST(ConcurrentQueue, BarriersKeepTheirPlace) {
@@ -301,42 +260,6 @@ TEST(SmallPool, WaitingThreadDrainsAQueueThatNobodyElseDrains) {
   release->pass();
 }
 
-TEST(SmallPool, ChainsOfQueuesWithAllThreadsWaitingComeThrough) {
-  qx::WorkPool::shared().setSize(1, 1);
-  std::vector<std::shared_ptr<WorkQueue>> queues;
-  for (int i = 0; i < 12; ++i) {
-    queues.push_back(i % 2 ? WorkQueue::concurrent("concurrent") : WorkQueue::serial("serial"));
-  }
-  std::atomic<int> reached{0};
-  // Each level has asynchronous work in front of what the level above waits for.
-  std::function<void(std::size_t)> descend = [&](std::size_t level) {
-    if (level == queues.size()) {
-      ++reached;
-      return;
-    }
-    auto& queue = *queues[level];
-    queue.async([&, level] {
-      if (level + 1 < queues.size()) queues[level + 1]->barrierSync([] {});
-    });
-    if (level % 3 == 0) {
-      queue.barrierSync([&] { descend(level + 1); });
-    } else {
-      queue.sync([&] { descend(level + 1); });
-    }
-  };
-  Gate done;
-  for (int i = 0; i < 50; ++i) {
-    WorkQueue::global().async([&] {
-      descend(0);
-      done.pass();
-    });
-  }
-  descend(0);
-  done.wait(50);
-  for (const auto& queue : queues) queue->barrierSync([] {});
-  EXPECT_EQ(reached, 51);
-}
-
 TEST(SmallPool, WaitingForASuspendedQueueLeavesItsThreadToOthers) {
   qx::WorkPool::shared().setSize(1, 1);
   const auto queue = WorkQueue::serial("queue");
@@ -404,79 +327,77 @@ TEST(After, RunsWhenTheDelayHasPassedAndKeepsTheQueue) {
   done.wait(2);
 }
 
-TEST(Stress, EveryItemRunsOnceUnderEveryMixture) {
+TEST(Stress, EveryItemRunsOnceAndBarriersAloneUnderEveryMixture) {
   qx::setWorkPoolSize(3);
-  const std::vector<std::shared_ptr<WorkQueue>> queues{
-      WorkQueue::serial("a"), WorkQueue::concurrent("b"), WorkQueue::concurrent("c")};
-  std::vector<long> plain(queues.size());
-  std::atomic<long> counted{0};
-  std::atomic<long> expected{0};
-  std::vector<long> expectedPlain(queues.size());
-  std::mutex expectedMutex;
+  struct Line {
+    explicit Line(std::shared_ptr<WorkQueue> itsQueue) : queue(std::move(itsQueue)) {}
+    void read() {
+      ++readers;
+      if (barriers != 0) ++violations;
+      ++reads;
+      --readers;
+    }
+    void exclude() {
+      if (++barriers != 1 || readers != 0) ++violations;
+      ++exclusions;
+      if (--barriers != 0 || readers != 0) ++violations;
+    }
+    const std::shared_ptr<WorkQueue> queue;
+    std::atomic<int> readers{0}, barriers{0}, violations{0};
+    std::atomic<long> reads{0}, expectedReads{0}, expectedExclusions{0};
+    long exclusions = 0;  // kept by the barriers alone
+  };
+  std::array<Line, 3> lines{Line(WorkQueue::concurrent("a")), Line(WorkQueue::concurrent("b")),
+                            Line(WorkQueue::serial("c"))};
   std::vector<std::jthread> threads;
   for (unsigned thread = 0; thread < 8; ++thread) {
     threads.emplace_back([&, thread] {
-      std::vector<long> submitted(queues.size());
       unsigned random = thread + 1;
       for (int i = 0; i < 10000; ++i) {
         random = random * 1664525 + 1013904223;
-        const std::size_t at = (random >> 8) % queues.size();
-        auto& queue = *queues[at];
-        const auto exclusive = [&plain, at] { ++plain[at]; };
-        const auto shared = [&counted] { ++counted; };
-        switch ((random >> 16) % 7) {
+        const std::size_t at = (random >> 8) % lines.size();
+        Line& line = lines[at];
+        const auto read = [&line] { line.read(); };
+        const auto exclude = [&line] { line.exclude(); };
+        const auto kind = (random >> 16) % 7;
+        ++(kind < 2 ? line.expectedExclusions : line.expectedReads);
+        switch (kind) {
           case 0:
-            queue.barrierAsync(exclusive);
-            ++submitted[at];
+            line.queue->barrierAsync(exclude);
             break;
           case 1:
-            queue.barrierSync(exclusive);
-            ++submitted[at];
+            line.queue->barrierSync(exclude);
             break;
           case 2:
-            queue.async(shared);
-            ++expected;
+            line.queue->async(read);
             break;
           case 3:
-            queue.suspend();
-            queue.async(shared);
-            ++expected;
-            queue.resume();
+            line.queue->suspend();
+            line.queue->async(read);
+            line.queue->resume();
             break;
           case 4:
             // From one queue into a later one only, so that no two wait for each other.
-            queue.async([&queues, at, shared] {
-              if (at + 1 < queues.size()) queues[at + 1]->sync(shared);
+            line.queue->async([&lines, at, read] {
+              read();
+              if (at + 1 == lines.size()) return;
+              ++lines[at + 1].expectedReads;
+              lines[at + 1].queue->sync([&next = lines[at + 1]] { next.read(); });
             });
-            if (at + 1 < queues.size()) ++expected;
             break;
           default:
-            queue.sync(shared);
-            ++expected;
+            line.queue->sync(read);
         }
       }
-      const std::lock_guard lock(expectedMutex);
-      for (std::size_t at = 0; at < queues.size(); ++at) expectedPlain[at] += submitted[at];
     });
   }
   threads.clear();
-  for (const auto& queue : queues) queue->barrierSync([] {});
-  EXPECT_EQ(counted, expected);
-  EXPECT_EQ(plain, expectedPlain);
-}
-
-TEST(OperationQueue, StartsOperationsInParallel) {
-  qx::OperationQueue queue;
-  queue.setName("operations");
-  EXPECT_EQ(queue.name(), "operations");
-  const auto together = std::make_shared<Gate>();
-  for (int i = 0; i < 2; ++i) {
-    queue.addOperation([together] {
-      together->pass();
-      together->wait(2);
-    });
+  for (auto& line : lines) {
+    line.queue->barrierSync([] {});
+    EXPECT_EQ(line.reads, line.expectedReads);
+    EXPECT_EQ(line.exclusions, line.expectedExclusions);
+    EXPECT_EQ(line.violations, 0);
   }
-  together->wait(2);
 }
 
 TEST(OnceGuard, RunsOnceAndAllWaitForIt) {
