@@ -148,12 +148,6 @@ TEST_F(ExtensionHostTest, MatchesInOrderAndAgainAtEveryChange) {
   EXPECT_EQ(waitForArray(3).size(), 2U);
 }
 
-TEST_F(ExtensionHostTest, NobodyToMatchIsAnArrayToo) {
-  match();
-  EXPECT_TRUE(matched->waitForCount(1));
-  EXPECT_TRUE(matched->all().front().empty());
-}
-
 TEST_F(ExtensionHostTest, RequestsShareAProcessUntilItIsIdle) {
   const auto extension = installAndMatch();
   const auto one = begin(*extension), two = begin(*extension);
@@ -194,19 +188,6 @@ TEST_F(ExtensionHostTest, RequestsShareAProcessUntilItIsIdle) {
   EXPECT_NE(next, process);
 }
 
-TEST_F(ExtensionHostTest, ADeafOneIsTerminatedAfterTwoSeconds) {
-  const auto extension = installAndMatch("deaf");
-  const auto request = begin(*extension);
-  const pid_t process = processOf(*extension, request);
-  extension->cancelExtensionRequestWithIdentifier(request.id);
-  clock.advance(seconds(10));
-  clock.advance(milliseconds(1999));
-  EXPECT_EQ(log.count("sending it signal"), 0U);
-  clock.advance(milliseconds(1));
-  EXPECT_TRUE(waitForLine(process, "does not end; sending it signal 15."));
-  EXPECT_TRUE(waitForLine(process, "was ended by signal 15."));
-}
-
 TEST_F(ExtensionHostTest, AStubbornOneIsKilledAfterFiveSeconds) {
   const auto extension = installAndMatch("stubborn");
   std::ofstream(path("E") + "/deaf").put(' ');
@@ -225,20 +206,6 @@ TEST_F(ExtensionHostTest, AStubbornOneIsKilledAfterFiveSeconds) {
   clock.advance(milliseconds(1));
   EXPECT_TRUE(waitForLine(process, "was ended by signal 9."));
   EXPECT_EQ(processOf(*extension, next), other);
-}
-
-TEST_F(ExtensionHostTest, ACrashFailsWhatIsOpenAndTheNextRequestStartsAnother) {
-  const auto extension = installAndMatch();
-  const auto one = begin(*extension), two = begin(*extension);
-  const pid_t process = processOf(*extension, one);
-  proxy(*extension, one)->hangCompletion(nullptr);
-  proxy(*extension, two)->crashCompletion(nullptr);
-  EXPECT_TRUE(waitForLostCalls(2));
-  EXPECT_TRUE(waitForLine(process, "was ended by signal 9."));
-  EXPECT_FALSE(extension->_extensionContextForUUID(one.id));
-  const pid_t next = processOf(*extension, begin(*extension));
-  EXPECT_GT(next, 0);
-  EXPECT_NE(next, process);
 }
 
 TEST_F(ExtensionHostTest, ARequestThatIsGivenUpFailsAlone) {
@@ -287,17 +254,6 @@ TEST_F(ExtensionHostTest, AReplacedOneEndsWithItsLastRequest) {
   old->cancelExtensionRequestWithIdentifier(request.id);
   EXPECT_TRUE(waitForLine(process, "ended with status 0."));
   EXPECT_EQ(processOf(*extensions.front(), next), other);
-}
-
-TEST_F(ExtensionHostTest, ARemovedOneEndsWithItsLastRequest) {
-  const auto extension = installAndMatch();
-  const auto request = begin(*extension);
-  const pid_t process = processOf(*extension, request);
-  fs::rename(path("E"), temporaryRoot() + "/removed");
-  ASSERT_TRUE(matched->waitForCount(2));
-  EXPECT_EQ(processOf(*extension, request), process);
-  extension->cancelExtensionRequestWithIdentifier(request.id);
-  EXPECT_TRUE(waitForLine(process, "ended with status 0."));
 }
 
 TEST_F(ExtensionHostTest, ShutdownEndsAllAndStartsNoneAnyMore) {

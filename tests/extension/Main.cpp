@@ -21,7 +21,6 @@ class TrialProvider final : public TrialVendor {
                                 qx::Completion<qx::Error> /*reply*/) override {
     connection_.endRequest(*request);
   }
-  void crashCompletion(qx::Completion<> /*reply*/) override { raise(SIGKILL); }
   void hangCompletion(qx::Completion<> /*reply*/) override {}
 
  private:

@@ -11,7 +11,6 @@
 #define TRIAL_VENDOR(OPERATION)                                  \
   OPERATION(processCompletion, (), (std::int64_t))               \
   OPERATION(giveUpRequest_completion, (qx::UUID), (qx::Error))   \
-  OPERATION(crashCompletion, (), ())                             \
   OPERATION(hangCompletion, (), ())
 #define TRIAL_HOST(OPERATION)
 // clang-format on

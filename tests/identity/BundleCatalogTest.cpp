@@ -116,21 +116,6 @@ TEST_F(BundleCatalogTest, TakesDirectoriesAndLinksToThem) {
   EXPECT_EQ(identityOf(process), "nobody");
 }
 
-TEST_F(BundleCatalogTest, TheFolderMayComeAndGo) {
-  fs::remove_all(qx::Places::applications());
-  EXPECT_EQ(identifiers(), "");
-  makeBundle(application("one"), "com.example.one");
-  EXPECT_EQ(identifiers(), "com.example.one ");
-  auto away = temporaryRoot() + "/away";
-  fs::remove_all(away);
-  fs::rename(qx::Places::applications(), away);
-  EXPECT_EQ(identifiers(), "");
-  makeBundle(away + "/two.app", "com.example.two");
-  EXPECT_EQ(identifiers(), "");
-  fs::rename(away, qx::Places::applications());
-  EXPECT_EQ(identifiers(), "com.example.one com.example.two ");
-}
-
 TEST_F(BundleCatalogTest, ABrokenBundleIsSkippedWithOneLineForEachState) {
   LogCapture log;
   makeBundle(application("good"), "com.example.good");
