@@ -13,6 +13,10 @@ class RequestsTest : public FakeExtensionFixture {
     Callback done;
   };
 
+  void SetUp() override {
+    FakeExtensionFixture::SetUp();
+    ds_default_log().setLowestLevel(qx::LogLevel::standard);
+  }
   void perform() {
     provider->performExtensionRequest(
         [this](const auto& error, const auto& proxy, const Callback& done) {
