@@ -38,6 +38,7 @@ TEST_F(StartUp, ServesNobodyBeforeTheProvidersAreRegistered) {
   const auto call = early.begin(listProviders, {});
   provider.behave({});
   const auto listing = early.answer(call);
+  EXPECT_TRUE(daemon_->logs("[INFO] New connection accepted."));
   EXPECT_EQ(daemon_->count("[INFO] Registered doc source extension com.example.p for path file://"),
             1U);
   ASSERT_EQ(listing.outcome(), "success");
