@@ -321,6 +321,7 @@ TEST(After, RunsWhenTheDelayHasPassedAndKeepsTheQueue) {
   EXPECT_EQ(clock.scheduledCount(), 1U);
   due = true;
   clock.advance(1ns);
+  EXPECT_EQ(clock.now(), 2s);
   done.wait();
   WorkQueue::global().after(1s, [&] { done.pass(); });
   clock.advance(1s);

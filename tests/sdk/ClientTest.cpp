@@ -2,6 +2,7 @@
 
 #include "docsource/client.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -276,10 +277,14 @@ TEST_F(ClientTest, ACoordinatedReadOpensWhatWasProvided) {
                                    return Array{refuses ? Value(DSNotPermittedError()) : absent};
                                  });
   Client client(10s);
-  const auto file =
-      through<docsource::Descriptor>([&](auto done) { client.openForReading(url, done); });
+  auto file = through<docsource::Descriptor>([&](auto done) { client.openForReading(url, done); });
   ASSERT_TRUE(file) << file.error().text();
   EXPECT_EQ(*FileManager::readFile("/proc/self/fd/" + std::to_string(file->get())), "provided");
+  EXPECT_NE(::fcntl(file->get(), F_GETFD) & FD_CLOEXEC, 0);
+  auto second = client.openForReading(url).value();
+  const int number = second.get();
+  second = std::move(*file);
+  EXPECT_EQ(::fcntl(number, F_GETFD), -1) << "what it held before is closed";
   EXPECT_TRUE(client.finishedWriting(url));
   EXPECT_TRUE(client.openForReading(docsource::fileURL(path + ".no"))
                   .error()
