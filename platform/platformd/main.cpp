@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/base/Memory.h"
 #include "platform/conduit/ServiceSocket.h"
 #include "platform/coordination/CoordinationState.h"
 #include "platform/files/Places.h"
@@ -140,6 +141,7 @@ CoordinationMechanism wantedMechanism() {
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
   qx::fillStandardDescriptors();
+  qx::returnLargeBlocks();
   if (arguments.size() == 2 && std::string_view(arguments[1]) == EventHolder::workerOption) {
     return work();
   }
