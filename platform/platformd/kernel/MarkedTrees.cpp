@@ -218,22 +218,25 @@ void MarkedTrees::forgetGone() {
     ++round_;
   }
   std::set<FileIdentity> living;
-  for (const auto& [identity, path] : directories) {
-    if (!leadsTo(path, identity)) continue;
-    living.insert(identity);
-    eachEntry(openDirectory(path), [&](const char*, ino_t inode) {
-      living.insert({identity.device, inode});
+  for (const auto& entry : directories) {
+    const FileIdentity& directory = entry.first;
+    if (!leadsTo(entry.second, directory)) continue;
+    living.insert(directory);
+    eachEntry(openDirectory(entry.second), [&](const char*, ino_t inode) {
+      living.insert({directory.device, inode});
     });
   }
   const std::lock_guard lock(mutex_);
   std::erase_if(times_, [&](const auto& entry) {
     return entry.second.round != round_ && !living.contains(entry.first);
   });
-  for (const auto& [identity, path] : directories) {
-    const auto known = directories_.find(identity);
-    if (living.contains(identity) || known == directories_.end() || known->second != path) continue;
+  for (const auto& directory : directories) {
+    const auto known = directories_.find(directory.first);
+    if (living.contains(directory.first) || known == directories_.end() || *known != directory) {
+      continue;
+    }
     directories_.erase(known);
-    std::erase_if(paths_, [&](const auto& entry) { return entry.second == path; });
+    std::erase_if(paths_, [&](const auto& entry) { return entry.second == directory.second; });
   }
   std::erase_if(placeholders_, [&](const auto& entry) {
     return !living.contains(entry.first) && !leadsTo(entry.second, entry.first);
