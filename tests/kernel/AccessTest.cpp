@@ -131,7 +131,7 @@ TEST_F(KernelTest, FilesThatCameAndWentAreForgotten) {
   EXPECT_EQ(trees.mark(items()).placeholders, 2u);
   for (std::size_t i = 0; i < qx::kernel::MarkedTrees::leastCrowd; ++i) {
     const std::string path = item("gone/" + std::to_string(i));
-    std::ofstream{path};
+    std::ofstream(path).flush();
     trees.examine(path, false);
   }
   fs::remove_all(item("gone"));
