@@ -12,7 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using qx::Clock;
-using qx::ManualClock;
 using qx::test::Gate;
 
 TEST(MonotonicClock, RunsActionsInOrderOfTimeAndNotTooEarly) {
