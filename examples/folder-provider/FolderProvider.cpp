@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <functional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -77,18 +76,19 @@ bool setTimes(const Descriptor& file, const struct stat& like) {
   return ::futimens(file.get(), times) == 0;
 }
 
-/// The whole of `from`, from its beginning, piece by piece.
-using Sink = std::function<Result<void>(std::string_view)>;
-Result<void> copyContent(const Descriptor& from, const std::string& path, const Sink& sink) {
+/// The whole of `from`, from its beginning, to the end of `to`.
+Result<void> copyContent(const Descriptor& from, const std::string& fromPath, const Descriptor& to,
+                         const std::string& toPath) {
   std::string buffer(1U << 20U, '\0');
   off_t position = 0;
   while (true) {
     const ssize_t count = ::pread(from.get(), buffer.data(), buffer.size(), position);
     if (count == 0) return {};
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Error::file(errno, path);
-    auto taken = sink({buffer.data(), static_cast<std::size_t>(count)});
-    if (!taken) return taken;
+    if (count < 0) return Error::file(errno, fromPath);
+    if (!writeAll(to.get(), buffer.data(), static_cast<std::size_t>(count))) {
+      return Error::file(errno, toPath);
+    }
     position += count;
   }
 }
@@ -256,10 +256,7 @@ Result<void> FolderProvider::writeBack(const Places& places, const Tree& origin,
     const Descriptor copy = origin.openItem(side, O_RDWR | O_CREAT | O_EXCL, 0600);
     if (!copy) return failed();
     const auto copied =
-        copyContent(item, places.storage.pathOf(relative), [&](std::string_view bytes) {
-          if (writeAll(copy.get(), bytes.data(), bytes.size())) return Result<void>();
-          return Result<void>(failed());
-        });
+        copyContent(item, places.storage.pathOf(relative), copy, origin.pathOf(target));
     if (!copied) {
       origin.remove(side);
       return copied.error();
