@@ -84,12 +84,13 @@ class QXConduitListener::State final : public qx::ReactorHandler,
   }
 
   void accept(qx::FileDescriptor socket) {
+    // Let go after the lock: it may own the listener, and this may be the last reference to it.
+    std::shared_ptr<QXConduitListenerDelegate> delegate;
     std::lock_guard accepting(acceptMutex_);
     auto connection = QXConduitConnection::overSocket(std::move(socket));
     connection->forget_ = [self = weak_from_this(), ended = std::weak_ptr(connection)] {
       if (auto state = self.lock()) state->forget(ended.lock());
     };
-    std::shared_ptr<QXConduitListenerDelegate> delegate;
     {
       std::lock_guard lock(mutex_);
       if (stopped_) return;

@@ -61,6 +61,37 @@ TEST_F(Listener, LetsClientsWaitUntilItIsResumed) {
   EXPECT_TRUE(refused.isClosedByPeer());
 }
 
+/// Owns the listener that asks it, as the services do.
+struct Owner final : QXConduitListenerDelegate {
+  bool listener_shouldAcceptNewConnection(QXConduitListener&,
+                                          const std::shared_ptr<QXConduitConnection>&) override {
+    self.reset();
+    return false;
+  }
+  /// The last member to go.
+  struct Ended {
+    ~Ended() { gate->pass(); }
+    std::shared_ptr<Gate> gate = std::make_shared<Gate>();
+  } ended;
+  std::shared_ptr<Owner> self;
+  QXConduitListener listener{service};
+};
+
+TEST_F(Listener, EndsWhileItsOwnerIsAsked) {
+  std::shared_ptr<Gate> ended;
+  {
+    auto owner = std::make_shared<Owner>();
+    ended = owner->ended.gate;
+    owner->self = owner;
+    owner->listener.setDelegate(owner);
+    owner->listener.resume();
+  }
+  RawPeer peer = connected();
+  EXPECT_TRUE(peer.isClosedByPeer());
+  ended->wait();
+  EXPECT_FALSE(socketFileExists());
+}
+
 TEST_F(Listener, KeepsNobodyForEverWhoFindsItsQueueFull) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);

@@ -80,7 +80,7 @@ TEST_F(QXFileCoordinatorTest, RegistersEverythingWheneverTheServiceIsThere) {
       return static_cast<std::size_t>(std::count(
                  lines.begin(), lines.end(),
                  "[NOTICE] The connection to the file-coordination service was lost.")) == round;
-    }));
+    })) << testing::PrintToString(log.mailbox().all());
   }
   EXPECT_EQ(log.count("[NOTICE] The file-coordination service is not there yet"), 1u);
   EXPECT_EQ(log.count("[NOTICE] The file-coordination service is there."), 3u);
