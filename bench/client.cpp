@@ -10,7 +10,9 @@
 
 #include <cstdio>
 #include <deque>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 
@@ -221,9 +223,20 @@ void exportDocument(int, Arguments arguments) {
   std::printf("{\"id\": \"%s\"}\n", addDocument(peer, arguments[0], "").c_str());
 }
 
-ino_t inodeOf(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+/// Waits until the file has been replaced by one that holds the text.
+void awaitText(const std::string& path, const std::string& text) {
+  timespec seen{};
+  for (;;) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 ||
+        (status.st_ctim.tv_sec == seen.tv_sec && status.st_ctim.tv_nsec == seen.tv_nsec)) {
+      continue;
+    }
+    seen = status.st_ctim;
+    std::ifstream file(path);
+    const std::string content(std::istreambuf_iterator<char>(file), {});
+    if (content.find(text) != std::string::npos) return;
+  }
 }
 
 /// New grants into lists of 1,000; ours are durable when they are answered, the portal's when its
@@ -247,12 +260,10 @@ void grants(int rounds, Arguments arguments) {
     figures.add("ours", secondsOf([&] { ours.roundTrip(frame); }));
     if (!ours.lastSucceeded()) fail("the document cannot be granted");
     if (!peer) continue;
-    const ino_t before = inodeOf(portalFile);
     double answered = 0;
     const double durable = secondsOf([&] {
       answered = secondsOf([&] { addDocument(*peer, document, "org.example.Consumer"); });
-      while (inodeOf(portalFile) == before) {
-      }
+      awaitText(portalFile, document);
     });
     figures.add("peer answered", answered);
     figures.add("peer", durable);

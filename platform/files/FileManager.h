@@ -80,7 +80,7 @@ std::optional<Error> removeTree(const std::string& path);
 /// The whole file, or the error.
 Result<std::string> readFile(const std::string& path);
 
-/// Replaces the file atomically and durably: a side file in the same directory, written, synced,
+/// Replaces the file atomically and durably: a side file in the same directory, written out,
 /// renamed over the old one, the directory synced. A reader sees the old file or the new one,
 /// whatever happens to the process or the machine. A failed write leaves the old file and no side
 /// file. `write` is handed a function that appends text; when it returns false nothing is replaced

@@ -2,12 +2,21 @@
 // the disk, so a process that is killed while it writes leaves nothing behind (O_TMPFILE, open(2)).
 // A file system that has no files without names gets a side file that is unlinked on failure. Its
 // name begins with a full stop, which whoever looks through a directory passes over.
+//
+// What makes it last are two commits of the file system's journal, one for the file and one for the
+// directory, and each waits for the disk. Where one journal holds both, in order, the second is
+// enough: the content is written out first, so it lies on the disk before anything that is
+// committed later, the new name among it.
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 
@@ -19,6 +28,25 @@ namespace qx::FileManager {
 namespace {
 
 constexpr std::size_t bufferSize = 65536;
+
+/// Whether one journal brings all changes to the file system to the disk in the order in which they
+/// were made: ext4 that has a journal (ext4(5), /sys/fs/ext4/<disk>/journal_task). Anything else is
+/// taken to have no order.
+bool isOrdered(int file) {
+  struct statfs system;
+  struct stat status;
+  if (::fstatfs(file, &system) != 0 || system.f_type != EXT4_SUPER_MAGIC) return false;
+  if (::fstat(file, &status) != 0) return false;
+  const std::string device = "/sys/dev/block/" + std::to_string(major(status.st_dev)) + ":" +
+                             std::to_string(minor(status.st_dev));
+  std::array<char, 256> target;
+  const ssize_t size = ::readlink(device.c_str(), target.data(), target.size());
+  if (size <= 0) return false;
+  const std::string_view disk(target.data(), static_cast<std::size_t>(size));
+  const std::string journal =
+      "/sys/fs/ext4/" + std::string(disk.substr(disk.rfind('/') + 1)) + "/journal_task";
+  return ::access(journal.c_str(), F_OK) == 0;
+}
 
 class SideFile {
  public:
@@ -48,7 +76,7 @@ class SideFile {
   /// Puts the file in the place of `name`.
   void replace(const std::string& name) {
     flush();
-    if (failed_ == 0 && ::fsync(file_.get()) != 0) fail();
+    if (failed_ == 0 && !settle()) fail();
     if (failed_ == 0 && !isNamed_) giveName();
     // A file system that delays writing may report a failure as late as here.
     if (failed_ != 0) return;
@@ -63,6 +91,16 @@ class SideFile {
   int failed() const { return failed_; }
 
  private:
+  /// Sees to it that no crash leaves the new name without the content.
+  bool settle() {
+    if (!isOrdered(file_.get())) return ::fsync(file_.get()) == 0;
+    // Waits until the blocks are written and what says that they are is in the journal; a disk that
+    // keeps them in a cache is made to write them before the next commit (sync_file_range(2)).
+    constexpr unsigned all =
+        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    return ::sync_file_range(file_.get(), 0, 0, all) == 0;
+  }
+
   void fail() {
     if (failed_ == 0) failed_ = errno;
   }
