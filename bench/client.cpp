@@ -226,7 +226,8 @@ void exportDocument(int, Arguments arguments) {
 /// Waits until the file has been replaced by one that holds the text.
 void awaitText(const std::string& path, const std::string& text) {
   timespec seen{};
-  for (;;) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0 ||
         (status.st_ctim.tv_sec == seen.tv_sec && status.st_ctim.tv_nsec == seen.tv_nsec)) {
@@ -237,6 +238,7 @@ void awaitText(const std::string& path, const std::string& text) {
     const std::string content(std::istreambuf_iterator<char>(file), {});
     if (content.find(text) != std::string::npos) return;
   }
+  fail(path + " does not come to hold " + text);
 }
 
 /// New grants into lists of 1,000; ours are durable when they are answered, the portal's when its
