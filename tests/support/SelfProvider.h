@@ -26,12 +26,13 @@ namespace qx::test {
 inline std::string ownProgram() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
 /// Items are named by their file name; "fail..." fails, "nameless" has no identifier, "hang..." is
-/// never provided.
+/// never provided, and nothing that is asked about "silent" is answered.
 class SelfProvider final : public _QXDocSourceVendor {
  public:
   void _performInitialSetupWithCompletion(Completion<std::string, URL, Error> reply) override {
     std::string end = "ok";
     if (std::filesystem::exists("setup")) std::getline(std::ifstream("setup"), end);
+    if (end == "crash") _exit(1);
     if (end != "ok") return reply(std::nullopt, std::nullopt, Error("ProviderDomain", 7, end));
     if (const char* storage = std::getenv("QX_DOCUMENT_STORAGE");
         storage && !std::filesystem::exists("no-storage")) {
@@ -41,42 +42,46 @@ class SelfProvider final : public _QXDocSourceVendor {
   }
   void _providePlaceholderAtURL_completion(const std::optional<URL>& url,
                                            Completion<URL, Error> reply) override {
-    reply(url, failureOf(url));
+    answer(url, [&](const auto& error, const auto&) { reply(url, error); });
   }
   void _startProvidingItemAtURL_completion(const std::optional<URL>& url,
                                            Completion<Error> reply) override {
-    if (nameOf(url).starts_with("hang")) return;
-    reply(failureOf(url));
+    answer(url, [&](const auto& error, const std::string& name) {
+      if (!name.starts_with("hang")) reply(error);
+    });
   }
   void _itemChangedAtURL_completion(const std::optional<URL>& url,
                                     Completion<Error> reply) override {
     if (std::filesystem::exists("changed")) std::ofstream("changed") << url->absoluteString();
-    reply(failureOf(url));
+    answer(url, [&](const auto& error, const auto&) { reply(error); });
   }
   void _stopProvidingItemAtURL_completion(const std::optional<URL>& url,
                                           Completion<Error> reply) override {
-    reply(failureOf(url));
+    answer(url, [&](const auto& error, const auto&) { reply(error); });
   }
   void _identifierForItemAtURL_completion(const std::optional<URL>& url,
                                           Completion<Error, std::string> reply) override {
-    const auto name = nameOf(url);
-    if (auto failure = failureOf(url)) return reply(failure, std::nullopt);
-    reply(std::nullopt, name == "nameless" ? std::nullopt : std::optional(name));
+    answer(url, [&](const auto& error, const std::string& name) {
+      const bool hasNone = error || name == "nameless";
+      reply(error, hasNone ? std::nullopt : std::optional(name));
+    });
   }
   void _URLForItemIdentifier_completion(const std::optional<std::string>& itemID,
                                         Completion<Error, URL> reply) override {
     const auto url = URL::fileURL(std::getenv("QX_DOCUMENT_STORAGE") + ("/" + *itemID));
-    if (auto failure = failureOf(url)) return reply(failure, std::nullopt);
-    reply(std::nullopt, nameOf(url) == "nameless" ? std::nullopt : std::optional(url));
+    answer(url, [&](const auto& error, const std::string& name) {
+      const bool hasNone = error || name == "nameless";
+      reply(error, hasNone ? std::nullopt : std::optional(url));
+    });
   }
 
  private:
-  static std::string nameOf(const std::optional<URL>& url) {
-    return std::filesystem::path(url->path().value_or("")).filename();
-  }
-  static std::optional<Error> failureOf(const std::optional<URL>& url) {
-    if (!nameOf(url).starts_with("fail")) return std::nullopt;
-    return Error("ProviderDomain", 7, "no");
+  template <class Reply>
+  static void answer(const std::optional<URL>& url, Reply reply) {
+    const std::string name = std::filesystem::path(url->path().value_or("")).filename();
+    if (name == "silent") return;
+    const bool fails = name.starts_with("fail");
+    reply(fails ? std::optional(Error("ProviderDomain", 7, "no")) : std::nullopt, name);
   }
 };
 
