@@ -3,12 +3,7 @@
 // the provider, that is, it is never answered; every other one is refused, as no bookmarkable
 // string or as one of an item that was not granted.
 
-#include <unistd.h>
-
-#include <condition_variable>
-#include <filesystem>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <regex>
 #include <string>
@@ -18,9 +13,9 @@
 #include "fuzz/Fuzz.h"
 #include "platform/base/Errors.h"
 #include "platform/conduit/QXConduitConnection.h"
-#include "platform/files/Places.h"
 #include "servicer/DSConduitServicer.h"
 #include "tests/support/BundleMaker.h"
+#include "tests/support/Gate.h"
 #include "tests/support/RawPeer.h"
 #include "tests/support/TemporaryRoot.h"
 
@@ -41,10 +36,7 @@ const std::vector<std::pair<std::string, std::string>>& grantedItems() {
 std::shared_ptr<DSConduitServicer> makeServicer() {
   fuzz::muteLog();
   test::temporaryRoot();
-  const auto bundle = Places::applications() + "/fuzz.app";
-  std::filesystem::create_directories(bundle);
-  const auto program = std::filesystem::read_symlink("/proc/self/exe").string();
-  test::writeList(bundle + "/Info.plist", test::bundleInfo(client, program));
+  test::beApplication(client, {});
   for (const auto& [provider, item] : grantedItems()) {
     DSAccessControlStore::sharedStore()
         ->allowProviderWithIdentifier_toProvideItemID_toConsumerWithIdentifier(provider, item,
@@ -58,42 +50,25 @@ std::shared_ptr<DSConduitServicer> makeServicer() {
 }
 
 /// What a call came to: the error of its answer, or absent when it was dropped unanswered.
-class Outcome {
- public:
-  std::optional<Error> wait() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return over_; });
-    return error_;
-  }
-  void answered(const std::optional<Error>& error) {
-    std::lock_guard lock(mutex_);
-    require(!error_, "a call is answered once");
-    require(error.has_value(), "there is no provider that could have answered");
-    error_ = error;
-  }
-  void dropped() {
-    std::lock_guard lock(mutex_);
-    over_ = true;
-    changed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool over_ = false;
-  std::optional<Error> error_;
-};
-
 std::optional<Error> outcomeOf(DSConduitServicer& servicer, const std::string& string) {
-  auto outcome = std::make_shared<Outcome>();
+  struct Outcome {
+    std::optional<Error> error;
+    test::Gate dropped;
+  };
+  const auto outcome = std::make_shared<Outcome>();
   {
     // Called when the last copy of the completion is gone.
-    const std::shared_ptr<void> end(nullptr, [outcome](void*) { outcome->dropped(); });
+    const std::shared_ptr<void> end(nullptr, [outcome](void*) { outcome->dropped.pass(); });
     servicer.documentURLFromBookmarkableString_completion(
         string, [outcome, end](const auto&, const auto&, const auto&, const auto&,
-                               const std::optional<Error>& error) { outcome->answered(error); });
+                               const std::optional<Error>& error) {
+          require(!outcome->error, "a call is answered once");
+          require(error.has_value(), "there is no provider that could have answered");
+          outcome->error = error;
+        });
   }
-  return outcome->wait();
+  outcome->dropped.wait();
+  return outcome->error;
 }
 
 bool isGranted(const std::string& string) {

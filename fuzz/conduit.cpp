@@ -7,10 +7,9 @@
 //  - each call of ours comes to exactly one end;
 //  - another connection to the same object still answers.
 //
-// The first byte chooses the exported interface, ConduitScript.h tells how the rest is read.
+// ConduitScript.h tells how the input is read.
 
 #include <fcntl.h>
-#include <sys/socket.h>
 
 #include <atomic>
 #include <memory>
@@ -19,11 +18,8 @@
 
 #include "fuzz/ConduitScript.h"
 #include "fuzz/Fuzz.h"
-#include "platform/base/Errors.h"
 #include "platform/conduit/QXConduitConnection.h"
 #include "platform/sandbox/SandboxProtocol.h"
-#include "providers/_QXDocSourceVendor.h"
-#include "servicer/DSDaemon.h"
 #include "tests/support/Gate.h"
 #include "tests/support/RawPeer.h"
 
@@ -34,10 +30,13 @@ using fuzz::require;
 
 // Every class of value as an argument, and back.
 // clang-format off
-#define FUZZ_ECHO(OPERATION)                                                              \
-  OPERATION(a_b_c_, (qx::Dictionary, qx::Array, qx::Error), (qx::Dictionary, qx::Array, qx::Error)) \
-  OPERATION(d_e_f_, (qx::SharedDescriptor, qx::UUID, qx::Bytes), (qx::SharedDescriptor, qx::UUID, qx::Bytes)) \
-  OPERATION(g_h_i_, (bool, std::int64_t, double), (bool, std::int64_t, double))
+#define FUZZ_ECHO(OPERATION)                                              \
+  OPERATION(a_b_c_, (qx::Dictionary, qx::Array, qx::Error),               \
+            (qx::Dictionary, qx::Array, qx::Error))                       \
+  OPERATION(d_e_f_, (qx::SharedDescriptor, qx::UUID, qx::Bytes),          \
+            (qx::SharedDescriptor, qx::UUID, qx::Bytes))                  \
+  OPERATION(g_h_i_, (bool, std::int64_t, double), (bool, std::int64_t, double)) \
+  OPERATION(j_k_, (qx::URL, std::string), (qx::URL, std::string))
 // clang-format on
 QX_PROTOCOL(FuzzEcho, FUZZ_ECHO)
 
@@ -59,78 +58,33 @@ class Echo final : public FuzzEcho {
               Completion<bool, std::int64_t, double> reply) override {
     reply(a, b, c);
   }
-};
-
-/// The daemon's interface; touches nothing and answers at once.
-class Harmless final : public DSDaemon {
- public:
-  using Text = std::optional<std::string>;
-  using Place = std::optional<URL>;
-
-  void wakeUpCompletion(Completion<> reply) override { reply(); }
-  void extendSandboxForFileURL_fromProviderID_toConsumerID_completionHandler(
-      const Place& url, const Text& provider, const Text&,
-      Completion<Error, Bytes, URL, Bytes> reply) override {
-    reply(DSNotFoundError(provider), std::nullopt, url, Bytes{1});
-  }
-  void providePlaceholderForItemAtURL_fromProviderID_forConsumerID_completionHandler(
-      const Place& url, const Text&, const Text&, Completion<Error> reply) override {
-    reply(DSNotFoundErrorURL(url));
-  }
-  void startProvidingItemAtURL_fromProviderID_forConsumerID_completionHandler(
-      const Place&, const Text&, const Text& consumer, Completion<Error> reply) override {
-    reply(DSInvalidParameterError("consumerID", consumer));
-  }
-  void stopProvidingItemAtURL_fromProviderID_forConsumerID_completionHandler(
-      const Place&, const Text&, const Text&, Completion<Error> reply) override {
-    reply(std::nullopt);
-  }
-  void providersCompletionHandler(Completion<Error, Dictionary> reply) override {
-    reply(std::nullopt, Dictionary{{"provider", Dictionary{{"key", "value"}}}});
-  }
-  void extendBookmarkForFileURL_toConsumerID_completionHandler(
-      const Place& url, const Text&, Completion<std::string, Error> reply) override {
-    reply(url ? Text(url->path()) : Text(), std::nullopt);
-  }
-  void bookmarkableStringFromDocumentURL_completion(const Place&,
-                                                    Completion<std::string, Error> reply) override {
-    reply(std::nullopt, std::nullopt);
-  }
-  void documentURLFromBookmarkableString_completion(
-      const Text& text, Completion<URL, Bytes, URL, Bytes, Error> reply) override {
-    reply(text ? URL::parse(*text) : Place(), Bytes(), std::nullopt, std::nullopt, std::nullopt);
+  void j_k_(const std::optional<URL>& a, const std::optional<std::string>& b,
+            Completion<URL, std::string> reply) override {
+    reply(a, b);
   }
 };
 
-/// Calls of ours; each must end once, with a reply or an error.
+/// Calls of ours, with a request and without; each must end once, with a reply or an error.
 class OwnCalls {
  public:
-  static constexpr int count = 6;
-
   void make(QXConduitConnection& connection) {
-    const auto ends = ends_;
-    const auto one = [&ends](int call) {
-      return [ends, call](auto&&...) { (*ends)[static_cast<std::size_t>(call)].fetch_add(1); };
+    const auto one = [ends = ends_](std::size_t call) {
+      return [ends, call](auto&&...) { (*ends)[call].fetch_add(1); };
     };
-    const UUID request = UUID::random();
-    requests_.push_back(connection.auxiliaryConnection(request, dsDaemonInterface()));
-    connection.beginRequest(request);
-    auto& ofRequest = *requests_.back();
     connection.remoteObjectProxyWithErrorHandler<QXSandbox>(one(0))->consumeExtension_completion(
         Bytes{1}, one(0));
-    ofRequest.remoteObjectProxyWithErrorHandler<DSDaemon>(one(1))->providersCompletionHandler(
-        one(1));
-    ofRequest.remoteObjectProxyWithErrorHandler<DSDaemon>(one(2))
-        ->documentURLFromBookmarkableString_completion("docsource:P/i", one(2));
-    ofRequest.remoteObjectProxyWithErrorHandler<DSDaemon>(one(3))->wakeUpCompletion(one(3));
-
-    requests_.push_back(connection.auxiliaryConnection(
-        request, QXConduitInterface::interfaceWithProtocol<_QXDocSourceVendor>()));
-    auto& ofVendor = *requests_.back();
-    ofVendor.remoteObjectProxyWithErrorHandler<_QXDocSourceVendor>(one(4))
-        ->_identifierForItemAtURL_completion(URL("file:///x"), one(4));
-    ofVendor.remoteObjectProxyWithErrorHandler<_QXDocSourceVendor>(one(5))
-        ->_providePlaceholderAtURL_completion(URL("file:///x"), one(5));
+    const UUID id = UUID::random();
+    request_ = connection.auxiliaryConnection(id, echoInterface());
+    connection.beginRequest(id);
+    const auto proxy = [&](std::size_t call) {
+      return request_->remoteObjectProxyWithErrorHandler<FuzzEcho>(one(call));
+    };
+    proxy(1)->a_b_c_(Dictionary{{"key", 1}}, std::nullopt, std::nullopt, one(1));
+    proxy(2)->g_h_i_(true, 7, std::nullopt, one(2));
+    proxy(3)->j_k_(URL("file:///x"), "text", one(3));
+  }
+  static std::shared_ptr<const QXConduitInterface> echoInterface() {
+    return QXConduitInterface::interfaceWithProtocol<FuzzEcho>();
   }
 
   bool allEndedOnce() const {
@@ -138,9 +92,9 @@ class OwnCalls {
   }
 
  private:
-  std::shared_ptr<std::array<std::atomic<int>, count>> ends_ =
-      std::make_shared<std::array<std::atomic<int>, count>>();
-  std::vector<std::shared_ptr<QXConduitConnection>> requests_;
+  using Ends = std::array<std::atomic<int>, 4>;
+  std::shared_ptr<Ends> ends_ = std::make_shared<Ends>();
+  std::shared_ptr<QXConduitConnection> request_;
 };
 
 /// What the other end must make of the bytes that it is sent, frame by frame.
@@ -219,17 +173,11 @@ class Expectation {
 
 /// An exported object's connection and the far end.
 struct Pair {
-  explicit Pair(bool ofDaemon) : Pair(ofDaemon, test::socketPair()) {}
-  Pair(bool ofDaemon, std::pair<FileDescriptor, FileDescriptor> ends)
+  explicit Pair(std::pair<FileDescriptor, FileDescriptor> ends = test::socketPair())
       : connection(QXConduitConnection::overSocket(std::move(ends.first))),
         peer(std::move(ends.second)) {
-    if (ofDaemon) {
-      connection->setExportedInterface(dsDaemonInterface());
-      connection->setExportedObject<DSDaemon>(std::make_shared<Harmless>());
-    } else {
-      connection->setExportedInterface(QXConduitInterface::interfaceWithProtocol<FuzzEcho>());
-      connection->setExportedObject<FuzzEcho>(std::make_shared<Echo>());
-    }
+    connection->setExportedInterface(OwnCalls::echoInterface());
+    connection->setExportedObject<FuzzEcho>(std::make_shared<Echo>());
     connection->setRemoteObjectInterface(QXConduitInterface::interfaceWithProtocol<QXSandbox>());
     connection->setInvalidationHandler([gate = ended] { gate->pass(); });
     connection->resume();
@@ -270,9 +218,10 @@ void send(test::RawPeer& peer, fuzz::Input& input, Expectation& expected) {
 }
 
 void checkAnother() {
-  static auto& another = *new Pair(true);
-  const auto call = test::RawPeer::call(
-      1, "wakeUpCompletion:", [](conduit::Encoder& message) { conduit::encodeList(message); });
+  static auto& another = *new Pair;
+  const auto call = test::RawPeer::call(1, "j:k:", [](conduit::Encoder& message) {
+    conduit::encodeList(message, std::optional<URL>(), std::optional<std::string>());
+  });
   require(another.peer.sendBytes(call) && nextAnswer(another.peer) == 1,
           "another connection still answers");
 }
@@ -282,7 +231,7 @@ void checkAnother() {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   [[maybe_unused]] static const bool isMuted = (fuzz::muteLog(), true);
   fuzz::Input input(data, size);
-  Pair pair(input.byte() % 2 == 0);
+  Pair pair;
   OwnCalls ours;
   ours.make(*pair.connection);
 

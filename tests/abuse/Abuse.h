@@ -16,7 +16,6 @@
 #include "servicer/DSDaemon.h"
 #include "tests/support/Daemons.h"
 #include "tests/support/Operations.h"
-#include "tests/support/SelfClient.h"
 #include "tests/support/SelfProvider.h"
 #include "tests/support/TemporaryRoot.h"
 #include "tests/support/Wire.h"

@@ -43,7 +43,7 @@ TEST_F(FileCoordinationServiceTest, AReadReachesTheOwnerAndItsAnswerTheReader) {
   EXPECT_EQ(reader.answer(read).error(), failure);
 
   // A reader that belongs to no bundle.
-  uninstallProgram();
+  beNobody();
   read = reader.beginRead(items / "document");
   EXPECT_EQ(provider.nextCall(),
             provideCall("source", items / "document", "pid:" + std::to_string(getpid())));
@@ -148,17 +148,17 @@ TEST_F(FileCoordinationServiceTest, AddingTakesTheEntitlementAsANumberThatIsTrue
                                    {{fileCoordinationHostEntitlement, "true"}},
                                    {{fileCoordinationHostEntitlement, qx::Array{true}}},
                                    {{"com.veltro.file-coordination", true}}}) {
-    installProgram(entitlements);
+    entitle(entitlements);
     EXPECT_EQ(client.call("addDocSource:providedItemsURL:completion:", {"b", directory}).error(),
               DSClientLacksEntitlement("com.veltro.file-coordination.host"));
     EXPECT_EQ(client.add(absent, absent), "DSErrorDomain 6");
   }
-  uninstallProgram();
+  beNobody();
   EXPECT_EQ(client.add("b", directory), "DSErrorDomain 6");
   // Not needed to read, nor to remove what one has added.
   EXPECT_EQ(client.remove("b"), "DSErrorDomain 1");
   EXPECT_EQ(client.remove("a"), success);
-  installProgram({{fileCoordinationHostEntitlement, 1}});
+  entitle({{fileCoordinationHostEntitlement, 1}});
   EXPECT_EQ(client.add("b", directory), success);
 }
 
@@ -222,7 +222,7 @@ TEST_F(FileCoordinationServiceTest, WhoMayNotReachTheFileIsToldWhy) {
 }
 
 TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
-  ChildProcess service({programPath(), "serve", "-"});
+  ChildProcess service({ownProgram(), "serve", "-"});
   ASSERT_EQ(service.readLine(), "ready");
   for (const std::string& path : {temporaryRoot(), qx::Places::runtimeDirectory(), items.path()}) {
     chmod(path.c_str(), 0755);

@@ -22,21 +22,6 @@
 
 namespace qx::test {
 
-inline std::string programPath() {
-  return std::filesystem::read_symlink("/proc/self/exe").string();
-}
-
-/// The application that this program belongs to.
-inline void installProgram(const Dictionary& entitlements) {
-  const std::string bundle = temporaryRoot() + "/Applications/Tests.app";
-  std::filesystem::create_directories(bundle);
-  writeList(bundle + "/Entitlements.plist", entitlements);
-  writeList(bundle + "/Info.plist", bundleInfo("com.example.tests", programPath()));
-}
-inline void uninstallProgram() {
-  std::filesystem::remove_all(temporaryRoot() + "/Applications/Tests.app");
-}
-
 inline Wire connectTo(const std::string& service) {
   auto socket = connectToServiceSocket(service);
   EXPECT_TRUE(socket);
@@ -96,9 +81,12 @@ class CoordinationTest : public testing::Test {
  protected:
   void SetUp() override {
     temporaryRoot();
-    installProgram({{fileCoordinationHostEntitlement, true}});
+    entitle({{fileCoordinationHostEntitlement, true}});
     write("document");
     write("other");
+  }
+  static void entitle(const Dictionary& entitlements) {
+    beApplication("com.example.tests", entitlements);
   }
   void write(const std::string& name) { std::ofstream(items / name) << "content"; }
 

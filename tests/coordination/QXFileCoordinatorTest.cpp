@@ -110,7 +110,7 @@ TEST_F(QXFileCoordinatorTest, RemovesOnlyTheObjectThatHasTheIdentifier) {
 }
 
 TEST_F(QXFileCoordinatorTest, ARefusalIsLogged) {
-  uninstallProgram();
+  beNobody();
   auto service = startService();
   add("com.example.source");
   EXPECT_TRUE(log.mailbox().waitUntil([](const auto& lines) {

@@ -145,20 +145,12 @@ class KernelTest : public testing::Test {
   void SetUp() override {
     if (const auto reason = reasonNotToWatch()) GTEST_SKIP() << *reason;
     temporaryRoot();
-    installAsHost();
+    beApplication("com.example.tests", {{fileCoordinationHostEntitlement, true}});
     fs::create_directories(items());
     start();
   }
   void TearDown() override {
     for (auto& source : sources_) QXFileCoordinator::_removeDocSource(source);
-  }
-
-  static void installAsHost() {
-    const std::string bundle = temporaryRoot() + "/Applications/Tests.app";
-    fs::create_directories(bundle);
-    writeList(bundle + "/Entitlements.plist", Dictionary{{fileCoordinationHostEntitlement, true}});
-    writeList(bundle + "/Info.plist",
-              bundleInfo("com.example.tests", fs::read_symlink("/proc/self/exe").string()));
   }
 
   void start(std::map<std::string, std::string> environment = {}) {
@@ -212,7 +204,7 @@ inline Ran shell(const std::string& command) { return run({"/bin/sh", "-c", comm
 
 /// This program as a reader of one file (see Main.cpp): "right" or what was wrong.
 inline std::vector<std::string> reader(const std::string& how, const std::string& path) {
-  return {fs::read_symlink("/proc/self/exe").string(), how, path};
+  return {ownProgram(), how, path};
 }
 
 }  // namespace qx::test

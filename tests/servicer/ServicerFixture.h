@@ -15,7 +15,7 @@
 #include "servicer/DSConduitServicer.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RawPeer.h"
-#include "tests/support/SelfClient.h"
+#include "tests/support/SelfProvider.h"
 #include "tests/support/TemporaryRoot.h"
 
 /// A servicer whose client is this very process, the shared store, and two providers, "A" and "B",

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/base/Value.h"
+#include "platform/files/Places.h"
 #include "platform/plist/PropertyList.h"
 
 namespace qx::test {
@@ -32,5 +33,20 @@ inline void makeBundle(const std::string& path, const std::string& identifier,
   if (!entitlements.empty()) writeList(path + "/Entitlements.plist", entitlements);
   writeList(path + "/Info.plist", bundleInfo(identifier, "program"));
 }
+
+/// The program of the test itself.
+inline std::string ownProgram() { return std::filesystem::read_symlink("/proc/self/exe"); }
+
+/// Makes the test program itself an installed application with these entitlements, so that it is
+/// the client of what it tests.
+inline void beApplication(const std::string& identifier, const Dictionary& entitlements) {
+  const auto path = Places::applications() + "/self.app";
+  std::filesystem::create_directories(path);
+  writeList(path + "/Entitlements.plist", entitlements);
+  writeList(path + "/Info.plist", bundleInfo(identifier, ownProgram()));
+}
+
+/// Nobody any more.
+inline void beNobody() { std::filesystem::remove_all(Places::applications() + "/self.app"); }
 
 }  // namespace qx::test

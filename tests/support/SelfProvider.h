@@ -23,8 +23,6 @@
 /// it reads how its set-up ends, "changed" where it writes the URL of a changed item.
 namespace qx::test {
 
-inline std::string ownProgram() { return std::filesystem::read_symlink("/proc/self/exe"); }
-
 /// Items are named by their file name; "fail..." fails, "nameless" has no identifier, "hang..." is
 /// never provided, and nothing that is asked about "silent" is answered.
 class SelfProvider final : public _QXDocSourceVendor {
