@@ -97,24 +97,6 @@ TEST(PropertyListTest, EveryStringComesOutAsItWentIn) {
   EXPECT_EQ(*back, value);
 }
 
-TEST(PropertyListTest, EveryByteComesOutFromEveryPlace) {
-  for (std::size_t size = 1; size <= 20; ++size) {
-    for (std::size_t place = 0; place < size; ++place) {
-      Array strings;
-      for (int c = 0; c < 256; ++c) {
-        std::string text(size, 'x');
-        text[place] = static_cast<char>(c);
-        strings.emplace_back(std::move(text));
-      }
-      const auto text = PropertyList::write(Value(strings));
-      ASSERT_TRUE(text.ok());
-      const auto back = PropertyList::read(*text);
-      ASSERT_TRUE(back.ok()) << size << " " << place;
-      EXPECT_EQ(*back, Value(strings)) << size << " " << place;
-    }
-  }
-}
-
 TEST(PropertyListTest, NumbersAndDatesComeOutAsTheyWentIn) {
   using namespace std::chrono;  // NOLINT: literals of dates
   using Integer = std::numeric_limits<std::int64_t>;
@@ -322,54 +304,6 @@ TEST(PropertyListTest, ReadsStreamsOfAnySize) {
   const auto read = PropertyList::read(stream);
   ASSERT_TRUE(read.ok());
   EXPECT_EQ(*read, Value(strings));
-}
-
-/// Writes down what it is told.
-class Recorder : public PropertyList::Handler {
- public:
-  std::string text;
-
- private:
-  void beginDictionary() override { text += "{"; }
-  void endDictionary() override { text += "}"; }
-  void beginArray() override { text += "["; }
-  void endArray() override { text += "]"; }
-  void key(std::string_view key) override { text += std::string(key) + ":"; }
-  void string(std::string_view string) override { text += "\"" + std::string(string) + "\","; }
-  void scalar(Value&& value) override { text += describe(value) + ","; }
-};
-
-TEST(PropertyListTest, AHandlerIsToldUpToWhatIsRefused) {
-  const std::string begin =
-      "<dict><key>a</key><array><string>x</string><integer>1</integer></array>"
-      "<key>a2</key><dict/><key>A</key><false/>";
-  Recorder whole;
-  EXPECT_EQ(PropertyList::parse(document(begin + "</dict>"), whole), std::nullopt);
-  EXPECT_EQ(whole.text, "{a:[\"x\",1,]a2:{}A:false,}");
-  Recorder refused;
-  EXPECT_TRUE(PropertyList::parse(document(begin + "<key>a2</key><true/></dict>"), refused));
-  EXPECT_EQ(refused.text, "{a:[\"x\",1,]a2:{}A:false,");
-}
-
-TEST(PropertyListTest, PiecesWrittenOneByOneAreTheSameFile) {
-  std::string text;
-  PropertyList::Writer writer([&text](std::string_view piece) { text += piece; });
-  Array strings;
-  writer.beginDictionary();
-  writer.key("list");
-  writer.beginArray();
-  for (int i = 0; i < 10000; ++i) {
-    strings.emplace_back(std::to_string(i) + "\x02");
-    writer.string(*strings.back().as<std::string>());
-  }
-  writer.endArray();
-  writer.key("none");
-  writer.beginArray();
-  writer.endArray();
-  writer.endDictionary();
-  writer.finish();
-  EXPECT_EQ(text,
-            *PropertyList::write(Dictionary{{"list", Value(strings)}, {"none", Value(Array{})}}));
 }
 
 }  // namespace
