@@ -98,6 +98,13 @@ void Abuse::start(const std::string& level) {
   }
 }
 
+std::unique_ptr<Daemon> Abuse::startRedeemer() const {
+  auto redeemer = std::make_unique<Daemon>(
+      "platformd", root_, std::map<std::string, std::string>{{"DOCSOURCE_LOG", "fault"}});
+  EXPECT_TRUE(eventually([] { return connect(sandboxService).socket() >= 0; }));
+  return redeemer;
+}
+
 Wire Abuse::connect(const std::string& service) {
   auto socket = connectToServiceSocket(service);
   return Wire(socket ? std::move(*socket) : FileDescriptor());

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <random>
 #include <string>
@@ -79,6 +78,8 @@ class Abuse : public testing::Test {
 
   /// Starts docsourced and waits until it serves; what it logs below `level` nobody wants.
   void start(const std::string& level = "fault");
+  /// platformd, which redeems tokens.
+  std::unique_ptr<Daemon> startRedeemer() const;
   void kill() { EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL); }
 
   /// A new connection; one that is over from the start when nobody serves.

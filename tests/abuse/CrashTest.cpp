@@ -9,7 +9,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -97,15 +96,10 @@ TEST_F(Crash, LosesNoGrantThatWasAcknowledged) {
                " side files left";
 }
 
-/// One way for a disk to fail when the list is written, and the end of that.
-struct DiskFault {
-  const char* name;
-  std::function<void(std::size_t size)> inflict;
-  std::function<void()> relieve;
-};
-
 class FailingDisk : public Crash, public testing::WithParamInterface<const char*> {
  protected:
+  static bool is(std::string_view disk) { return GetParam() == disk; }
+
   /// A file system of 1 MiB for the list alone, which nobody but this process and its children
   /// sees.
   static bool mountSmallDisk() {
@@ -115,24 +109,29 @@ class FailingDisk : public Crash, public testing::WithParamInterface<const char*
            mount("none", directory().c_str(), "tmpfs", 0, "size=1m") == 0;
   }
 
-  DiskFault fault() const {
-    const std::string ballast = directory() + "/ballast";
-    if (GetParam() == std::string("Full")) {
-      // Room for a part of the list, or for all of it.
-      return {GetParam(),
-              [=](std::size_t size) {
-                const auto room = fs::space(directory()).available;
-                std::ofstream(ballast)
-                    << std::string(room - std::min(room, randomBelow(size + size / 2)), 'x');
-              },
-              [=] { fs::remove(ballast); }};
+  /// Lets the writing of a list of this size fail, or a part of it.
+  void inflict(std::size_t size) const {
+    if (is("Full")) {
+      const auto room = fs::space(directory()).available;
+      std::ofstream(ballast_) << std::string(room - std::min(room, randomBelow(size + size / 2)),
+                                             'x');
+    } else if (is("ReadOnly")) {
+      remount(MS_RDONLY);
+    } else {
+      limitFiles(randomBelow(size));
     }
-    if (GetParam() == std::string("ReadOnly")) {
-      return {GetParam(), [](std::size_t) { remount(MS_RDONLY); }, [] { remount(0); }};
-    }
-    return {GetParam(), [this](std::size_t size) { limitFiles(randomBelow(size)); },
-            [this] { limitFiles(RLIM_INFINITY); }};
   }
+  void relieve() const {
+    if (is("Full")) {
+      fs::remove(ballast_);
+    } else if (is("ReadOnly")) {
+      remount(0);
+    } else {
+      limitFiles(RLIM_INFINITY);
+    }
+  }
+
+ private:
   static void remount(unsigned long flags) {
     EXPECT_EQ(mount(nullptr, directory().c_str(), nullptr, MS_REMOUNT | flags, nullptr), 0);
   }
@@ -140,14 +139,15 @@ class FailingDisk : public Crash, public testing::WithParamInterface<const char*
     const rlimit limit{size, RLIM_INFINITY};
     EXPECT_EQ(prlimit(daemon_->id(), RLIMIT_FSIZE, &limit, nullptr), 0);
   }
+
+  const std::string ballast_ = directory() + "/ballast";
 };
 
 TEST_P(FailingDisk, KeepsTheOldFileAndIsWrittenOnceItCanBe) {
-  if (GetParam() != std::string("Limited") && !mountSmallDisk()) {
+  if (!is("Limited") && !mountSmallDisk()) {
     GTEST_SKIP() << "mounting a small file system is not permitted here";
   }
   Tally tally(std::string("grants on a disk that fails: ") + GetParam());
-  const auto disk = fault();
   start();
   Wire wire = connect();
   std::vector<std::string> granted;
@@ -161,7 +161,7 @@ TEST_P(FailingDisk, KeepsTheOldFileAndIsWrittenOnceItCanBe) {
   for (std::size_t round = 0; round < rounds; ++round) {
     const auto before = FileManager::readFile(accessControlFile());
     const auto reported = daemon_->count("[ERROR] Could not write to ");
-    disk.inflict(before.ok() ? before->size() : 1);
+    inflict(before.ok() ? before->size() : 1);
     add();
     const auto after = FileManager::readFile(accessControlFile());
     ++tally.tries;
@@ -176,7 +176,7 @@ TEST_P(FailingDisk, KeepsTheOldFileAndIsWrittenOnceItCanBe) {
     }
     const bool isUsable = use(wire, granted.back()) == "success";
     if (!isUsable) ++tally.losses;
-    disk.relieve();
+    relieve();
     if (sideFiles() != 0) ++tally.faults;
     add();
     tally.losses += missing(granted, tally);

@@ -2,11 +2,7 @@
 // by more than the load test allows: a bystander calls all the while.
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -14,7 +10,6 @@
 #include "platform/conduit/Codec.h"
 #include "tests/abuse/Abuse.h"
 #include "tests/abuse/Bystander.h"
-#include "tests/support/RawPeer.h"
 
 namespace qx::test {
 namespace {
@@ -62,13 +57,6 @@ class Hostile : public Abuse {
     }
   }
 
-  static RawPeer rawPeer(const std::string& service = dsDaemonServiceName) {
-    auto socket = connectToServiceSocket(service);
-    if (!socket) return RawPeer(FileDescriptor());
-    fcntl(socket->get(), F_SETFL, 0);
-    return RawPeer(std::move(*socket));
-  }
-
   static std::vector<std::uint8_t> frameOf(const Array& message) {
     conduit::Encoder encoder;
     conduit::encode(encoder, message);
@@ -103,13 +91,13 @@ TEST_F(Hostile, FramesCostTheirConnectionAlone) {
   attack(tally, [&] {
     for (std::size_t round = 0; round < tries(60, 1); ++round) {
       for (const auto& [frame, closes] : frames) {
-        RawPeer peer = rawPeer();
+        Wire peer = connect();
         peer.sendBytes(frame);
         ++tally.tries;
         if (closes ? !peer.isClosedByPeer() : !peer.readMessage()->error) ++tally.faults;
       }
       // Half a frame of the full length, for as long as the others go on.
-      RawPeer half = rawPeer();
+      Wire half = connect();
       half.sendBytes(std::span(frames.front().first).first(1 << 20));
     }
   });
@@ -127,11 +115,11 @@ TEST_F(Hostile, DescriptorsAreNotKept) {
   attack(tally, [&] {
     for (std::size_t round = 0; round < tries(200, 5); ++round) {
       // With frames that do not speak of them, and with the first bytes of frames that never end.
-      RawPeer careless = rawPeer();
+      Wire careless = connect();
       for (int i = 0; i < 50 && careless.sendBytes(call, sixteen); ++i) ++tally.tries;
-      std::vector<RawPeer> bombs;
+      std::vector<Wire> bombs;
       for (int i = 0; i < 20; ++i) {
-        bombs.push_back(rawPeer());
+        bombs.push_back(connect());
         bombs.back().sendBytes(std::span(call).first(5), sixteen, MSG_DONTWAIT);
         for (int more = 0; more < 3; ++more) {
           bombs.back().sendBytes(std::span(call).subspan(5U + static_cast<unsigned>(more), 1),
@@ -182,9 +170,7 @@ TEST_F(Hostile, ProvidersThatAreNotInstalledCostNothing) {
 
 TEST_F(Hostile, TokensPathsAndIdentifiersMayBeLong) {
   Tally tally("tokens, paths and identifiers of 1 MiB");
-  Daemon redeemer("platformd", root_, {{"DOCSOURCE_LOG", "fault"}});
-  const std::string service(sandboxService);
-  ASSERT_TRUE(eventually([&] { return connect(service).socket() >= 0; }));
+  const auto redeemer = startRedeemer();
   const std::string x(1 << 20, 'x');
   std::string deep;
   while (deep.size() < x.size()) deep += "/..";
@@ -217,10 +203,9 @@ TEST_F(Hostile, TokensPathsAndIdentifiersMayBeLong) {
         if (found != outcome) ++tally.faults;
         EXPECT_EQ(found, outcome) << operation << " " << describe(Value(arguments)).substr(0, 60);
       }
-      Wire redeeming = connect(service);
+      Wire redeeming = connect(sandboxService);
       for (const auto& token : {x, "1:com.veltro.sandbox.read-write:00:/" + x + ":00"}) {
-        const auto answer =
-            redeeming.call("consumeExtension:completion:", {Bytes(token.begin(), token.end())});
+        const auto answer = redeeming.call(consumeExtension, {Bytes(token.begin(), token.end())});
         ++tally.tries;
         if (answer.outcome() != "QXPOSIXErrorDomain 74" || !answer.isAbsent(1)) ++tally.faults;
       }

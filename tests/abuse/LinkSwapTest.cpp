@@ -73,8 +73,7 @@ TEST_F(LinkSwap, ATokenOpensTheFileThatItWasIssuedFor) {
   put(place_ + "/folder/document", "mine");
   put(victim_ + "/document", "secret");
   start();
-  Daemon redeemer("platformd", root_, {{"DOCSOURCE_LOG", "fault"}});
-  ASSERT_TRUE(eventually([] { return connect(sandboxService).socket() >= 0; }));
+  const auto redeemer = startRedeemer();
   Wire asking = connect();
   Wire redeeming = connect(sandboxService);
   const URL url = URL::fileURL(place_ + "/folder/document");
@@ -87,7 +86,7 @@ TEST_F(LinkSwap, ATokenOpensTheFileThatItWasIssuedFor) {
     Swapping swapping(place_, victim_);
     for (std::size_t i = 0; i < tries(100000, 1000); ++i) {
       if (i % 100 == 0) swapping.change();
-      const auto answer = redeeming.call("consumeExtension:completion:", {*token});
+      const auto answer = redeeming.call(consumeExtension, {*token});
       ++tally.tries;
       const auto* file = answer.at<SharedDescriptor>(1);
       if (!file) continue;

@@ -11,8 +11,9 @@
 #include "platform/extension/ExtensionHost.h"
 #include "platform/queue/Clock.h"
 #include "providers/DSExtensionDocSource.h"
-#include "tests/support/CoordinationRecorder.h"
+#include "tests/support/FakeService.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Operations.h"
 #include "tests/support/SelfProvider.h"
 #include "tests/support/TemporaryRoot.h"
 
@@ -31,7 +32,12 @@ class ProvidersTest : public testing::Test {
   }
   void SetUp() override {
     ds_default_log().setLowestLevel(qx::LogLevel::debug);
-    recorder = std::make_unique<qx::test::CoordinationRecorder>();
+    service = std::make_unique<qx::test::FakeService>(
+        qx::test::coordinationService, [this](const std::string& operation, const qx::Array& with) {
+          const bool adds = operation.starts_with("addDocSource:");
+          events.put((adds ? "add " : "remove ") + qx::describe(with.front()));
+          return qx::Array{qx::Value()};
+        });
   }
   void TearDown() override { qx::ExtensionHost::shared().shutdown(); }
 
@@ -55,5 +61,9 @@ class ProvidersTest : public testing::Test {
 
   static inline qx::ManualClock& clock = *new qx::ManualClock;
   LogCapture log;
-  std::unique_ptr<qx::test::CoordinationRecorder> recorder;
+  /// What the file-coordination service hears: "add identifier", "remove identifier".
+  qx::test::Mailbox<std::string> events;
+
+ private:
+  std::unique_ptr<qx::test::FakeService> service;
 };

@@ -45,7 +45,7 @@ TEST_F(RegistryTest, RegistersOneAfterTheOtherWhateverFails) {
   b.endSetup("ok");
   ASSERT_TRUE(called.waitFor("first"));
   ASSERT_TRUE(LogCapture::mailbox().waitFor(registered(late, "L")));
-  EXPECT_TRUE(recorder->events().waitFor("add L"));
+  EXPECT_TRUE(events.waitFor("add L"));
 
   const auto lines = LogCapture::mailbox().all();
   const auto at = [&](const std::string& line) {
@@ -77,14 +77,14 @@ TEST_F(RegistryTest, FollowsTheInstalledExtensions) {
   EXPECT_EQ(count(LogCapture::mailbox().all(), registered(a, "A")), 1);
 
   a.remove();
-  ASSERT_TRUE(recorder->events().waitFor("remove A"));
+  ASSERT_TRUE(events.waitFor("remove A"));
   EXPECT_FALSE(Registry::providerWithIdentifier("A"));
   EXPECT_EQ(Registry::providerWithIdentifier("B"), replacement);
-  recorder->events().take();
+  events.take();
   b.remove();
-  ASSERT_TRUE(recorder->events().waitFor("remove B"));
+  ASSERT_TRUE(events.waitFor("remove B"));
   EXPECT_TRUE(Registry::providersInfo().empty());
-  EXPECT_EQ(recorder->events().all().size(), 1U);
+  EXPECT_EQ(events.all().size(), 1U);
   // One that is gone still knows what it was.
   EXPECT_EQ(first->identifier(), "A");
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,33 @@
 #include "platform/base/FileDescriptor.h"
 
 namespace qx::test {
+
+/// Starts a program with one of these descriptors at each number, and in the environment of the
+/// test or in another; -1 when it cannot be executed.
+inline pid_t spawn(std::vector<std::string> arguments,
+                   const std::vector<std::pair<int, int>>& descriptors,
+                   std::optional<std::vector<std::string>> environment = std::nullopt) {
+  const auto pointersTo = [](std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (auto& text : texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+  };
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (const auto& [descriptor, number] : descriptors) {
+    posix_spawn_file_actions_adddup2(&actions, descriptor, number);
+  }
+  pid_t id = -1;
+  auto words = pointersTo(arguments);
+  auto variables = environment ? pointersTo(*environment) : std::vector<char*>();
+  if (posix_spawnp(&id, words[0], &actions, nullptr, words.data(),
+                   environment ? variables.data() : environ) != 0) {
+    id = -1;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  return id;
+}
 
 /// A program run by a test, which talks to it through its standard input and output. Ended at the
 /// latest with this object.
@@ -28,15 +56,8 @@ class ChildProcess {
     FileDescriptor childIn(in[0]), childOut(out[1]);
     toChild_.reset(in[1]);
     fromChild_.reset(out[0]);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, childIn.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, childOut.get(), STDOUT_FILENO);
-    std::vector<char*> pointers;
-    for (auto& argument : arguments) pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    if (posix_spawnp(&id_, pointers[0], &actions, nullptr, pointers.data(), environ) != 0) id_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    id_ = spawn(std::move(arguments),
+                {{childIn.get(), STDIN_FILENO}, {childOut.get(), STDOUT_FILENO}});
   }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;

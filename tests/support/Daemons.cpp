@@ -2,21 +2,20 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <utility>
+
+#include "tests/support/BundleMaker.h"
+#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {
@@ -40,10 +39,7 @@ bool eventually(const std::function<bool()>& condition) {
 }
 
 std::string builtProgram(const std::string& name) {
-  std::array<char, 4096> path{};
-  const ssize_t size = readlink("/proc/self/exe", path.data(), path.size());
-  const std::string own(path.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-  return own.substr(0, own.rfind('/') + 1) + name;
+  return std::filesystem::path(ownProgram()).parent_path() / name;
 }
 
 Daemon::Daemon(const std::string& program, const std::string& root,
@@ -62,35 +58,25 @@ Daemon::Daemon(const std::string& program, const std::string& root,
   for (const auto& [name, value] : environment) variables[name] = value;
   std::vector<std::string> texts;
   for (const auto& [name, value] : variables) texts.push_back(name + "=" + value);
-  std::vector<char*> pointers;
-  for (auto& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
 
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) std::abort();
   state_->stream.reset(ends[0]);
   state_->stop.reset(eventfd(0, EFD_CLOEXEC));
-  const FileDescriptor theirs(ends[1]);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDERR_FILENO);
-  std::string path = builtProgram(program);
-  std::array<char*, 2> arguments{path.data(), nullptr};
-  if (posix_spawn(&id_, path.c_str(), &actions, nullptr, arguments.data(), pointers.data()) != 0) {
-    id_ = -1;
-    state_->lines.put(path + " cannot be started");
-  }
-  posix_spawn_file_actions_destroy(&actions);
+  const FileDescriptor theirs(ends[1]), null(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  const std::string path = builtProgram(program);
+  id_ = spawn(
+      {path},
+      {{null.get(), STDIN_FILENO}, {theirs.get(), STDOUT_FILENO}, {theirs.get(), STDERR_FILENO}},
+      texts);
+  if (id_ < 0) state_->lines.put(path + " cannot be started");
   reader_ = std::thread([state = state_] { readLog(*state); });
 }
 
 Daemon::~Daemon() {
   EXPECT_EQ(end(SIGTERM), 0);
   // What it started may still be at its end, which is the concern of the tests of that.
-  const std::uint64_t one = 1;
-  if (write(state_->stop.get(), &one, sizeof one) < 0) std::abort();
+  eventfd_write(state_->stop.get(), 1);
   reader_.join();
   const auto lines = state_->lines.all();
   const auto report = std::find_if(lines.begin(), lines.end(), [](const auto& line) {

@@ -1,12 +1,6 @@
 #include "tests/support/Installation.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstring>
@@ -14,6 +8,7 @@
 #include <fstream>
 
 #include "tests/support/BundleMaker.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Daemons.h"
 
 namespace qx::test {
@@ -160,19 +155,8 @@ Consumer::Consumer(const std::string& root, std::string identifier, const std::s
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) std::abort();
   control_.reset(ends[0]);
   const FileDescriptor theirs(ends[1]);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDIN_FILENO);
-  std::string path = program;
-  std::string mode = asNobody ? "nobody" : "";
-  std::array<char*, 3> arguments{path.data(), mode.data(), nullptr};
-  std::string place = "DOCSOURCE_ROOT=" + root;
-  std::array<char*, 2> environment{place.data(), nullptr};
-  if (posix_spawn(&id_, path.c_str(), &actions, nullptr, arguments.data(), environment.data()) !=
-      0) {
-    id_ = -1;
-  }
-  posix_spawn_file_actions_destroy(&actions);
+  id_ = spawn({program, asNobody ? "nobody" : ""}, {{theirs.get(), STDIN_FILENO}},
+              std::vector{"DOCSOURCE_ROOT=" + root});
 }
 
 Consumer::Consumer(Consumer&& other) noexcept

@@ -1,9 +1,8 @@
 #pragma once
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -31,13 +30,19 @@ inline std::pair<FileDescriptor, FileDescriptor> socketPair() {
 class RawPeer {
  public:
   explicit RawPeer(FileDescriptor socket) : socket_(std::move(socket)) {
-    timeval limit{patience.count(), 0};
+    fcntl(socket_.get(), F_SETFL, 0);
+    const timeval limit{patience.count(), 0};
     setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   }
 
   int socket() const { return socket_.get(); }
   void close() { socket_.reset(); }
+  /// Without patience from now on: for programs that serve.
+  void waitForever() {
+    const timeval none{};
+    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
+  }
 
   /// Bytes as they are, in one write as long as the socket takes them; false when the other end
   /// is gone.
@@ -90,16 +95,19 @@ class RawPeer {
     return message.takeFrame();
   }
 
-  /// The body of the next frame; absent when the connection is over.
+  /// The body of the next frame, and the descriptors that came with it; absent when the connection
+  /// is over.
   std::optional<std::vector<std::uint8_t>> readFrame() {
+    received.clear();
     std::array<std::uint8_t, conduit::frameHeaderSize> header;
     if (!readWhole(header)) return std::nullopt;
     std::size_t size = 0;
     for (std::uint8_t byte : header) size = size << 8U | byte;
     std::vector<std::uint8_t> body(size);
-    if (!readWhole(body)) return std::nullopt;
+    if (size > conduit::maximumFrameSize || !readWhole(body)) return std::nullopt;
     return body;
   }
+  std::vector<SharedDescriptor> received;
 
   struct Message {
     std::int64_t kind = 0;
@@ -143,10 +151,25 @@ class RawPeer {
  private:
   bool readWhole(std::span<std::uint8_t> bytes) {
     while (!bytes.empty()) {
-      ssize_t count = recv(socket_.get(), bytes.data(), bytes.size(), 0);
+      iovec part{bytes.data(), bytes.size()};
+      std::array<char, CMSG_SPACE(sizeof(int) * conduit::maximumDescriptors)> control{};
+      msghdr message{};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+      const ssize_t count = recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC);
       // With a limit on the time a signal always interrupts (signal(7)).
       if (count < 0 && errno == EINTR) continue;
       if (count <= 0) return false;
+      for (auto* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_type != SCM_RIGHTS) continue;
+        for (std::size_t at = CMSG_LEN(0); at < header->cmsg_len; at += sizeof(int)) {
+          int descriptor = -1;
+          std::memcpy(&descriptor, reinterpret_cast<char*>(header) + at, sizeof descriptor);
+          received.push_back(std::make_shared<const FileDescriptor>(descriptor));
+        }
+      }
       bytes = bytes.subspan(static_cast<std::size_t>(count));
     }
     return true;

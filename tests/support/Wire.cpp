@@ -1,33 +1,8 @@
 #include "tests/support/Wire.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstring>
-
-#include "platform/conduit/Codec.h"
-#include "tests/support/Mailbox.h"
 
 namespace qx::test {
-
-Wire::Wire(FileDescriptor socket) : socket_(std::move(socket)) {
-  fcntl(socket_.get(), F_SETFL, 0);
-  timeval limit{patience.count(), 0};
-  setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-}
-
-void Wire::waitForever() {
-  const timeval none{};
-  setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
-}
-
-void Wire::finish() { shutdown(socket_.get(), SHUT_WR); }
 
 bool Wire::send(const Array& message) {
   conduit::Encoder encoder;
@@ -35,66 +10,17 @@ bool Wire::send(const Array& message) {
   return sendBytes(encoder.takeFrame());
 }
 
-bool Wire::sendBytes(std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (count < 0) return false;
-    bytes = bytes.subspan(static_cast<std::size_t>(count));
-  }
-  return true;
-}
-
-bool Wire::readWhole(std::span<std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    iovec part{bytes.data(), bytes.size()};
-    std::array<char, CMSG_SPACE(sizeof(int) * conduit::maximumDescriptors)> control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t count = recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC);
-    if (count <= 0) return false;
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header;
-         header = CMSG_NXTHDR(&message, header)) {
-      if (header->cmsg_type != SCM_RIGHTS) continue;
-      for (std::size_t at = CMSG_LEN(0); at < header->cmsg_len; at += sizeof(int)) {
-        int descriptor = -1;
-        std::memcpy(&descriptor, reinterpret_cast<char*>(header) + at, sizeof descriptor);
-        descriptors_.push_back(std::make_shared<const FileDescriptor>(descriptor));
-      }
-    }
-    bytes = bytes.subspan(static_cast<std::size_t>(count));
-  }
-  return true;
-}
-
 std::optional<Array> Wire::receive() {
-  descriptors_.clear();
-  std::array<std::uint8_t, conduit::frameHeaderSize> header{};
-  if (!readWhole(header)) return std::nullopt;
-  std::size_t size = 0;
-  for (const std::uint8_t byte : header) size = size << 8U | byte;
-  if (size > conduit::maximumFrameSize) return std::nullopt;
-  std::vector<std::uint8_t> body(size);
-  if (!readWhole(body) || !conduit::isWellFormed(body, descriptors_.size())) return std::nullopt;
-  conduit::Decoder decoder(body, descriptors_);
+  const auto body = readFrame();
+  if (!body || !conduit::isWellFormed(*body, received.size())) return std::nullopt;
+  conduit::Decoder decoder(*body, received);
   Array message;
   if (!conduit::decode(decoder, message)) return std::nullopt;
   return message;
 }
 
-bool Wire::isClosedByPeer() {
-  std::array<char, 4096> buffer{};
-  for (;;) {
-    const ssize_t count = recv(socket_.get(), buffer.data(), buffer.size(), 0);
-    if (count == 0) return true;
-    if (count < 0) return errno == ECONNRESET;
-  }
-}
-
 bool Wire::hasInput() const {
-  pollfd entry{socket_.get(), POLLIN, 0};
+  pollfd entry{socket(), POLLIN, 0};
   return poll(&entry, 1, 0) > 0;
 }
 

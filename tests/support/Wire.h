@@ -3,37 +3,24 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "platform/base/FileDescriptor.h"
 #include "platform/base/Value.h"
+#include "tests/support/RawPeer.h"
 
 namespace qx::test {
 
 /// One end of a conduit that speaks in values and knows no interface: what is sent is what the
-/// test wrote, right or wrong. Blocking, with the patience of the tests. One thread.
-class Wire {
+/// test wrote, right or wrong. One thread.
+class Wire : public RawPeer {
  public:
-  explicit Wire(FileDescriptor socket);
+  using RawPeer::RawPeer;
 
-  int socket() const { return socket_.get(); }
-  void close() { socket_.reset(); }
-  /// No more from us; what is on its way to us still arrives.
-  void finish();
-  /// Without patience from now on: for programs that serve.
-  void waitForever();
-
-  /// Each false when the other end is gone.
+  /// False when the other end is gone.
   bool send(const Array& message);
-  bool sendBytes(std::span<const std::uint8_t> bytes);
-
   /// The next message; absent when the connection is over, and for what is malformed.
   std::optional<Array> receive();
-  /// Whether the other end closed the connection; reads what it sent before.
-  bool isClosedByPeer();
   /// Whether something can be read now.
   bool hasInput() const;
 
@@ -68,10 +55,6 @@ class Wire {
   }
 
  private:
-  bool readWhole(std::span<std::uint8_t> bytes);
-
-  FileDescriptor socket_;
-  std::vector<SharedDescriptor> descriptors_;
   std::int64_t last_ = 0;
   std::map<std::int64_t, Answer> early_;
 };
