@@ -44,7 +44,7 @@ class ExtensionHostTest : public testing::Test {
   }
   static void install(const std::string& name, const char* behaviour = nullptr,
                       const std::string& point = pointName,
-                      const std::string& program = fs::read_symlink("/proc/self/exe")) {
+                      const std::string& program = ownProgram()) {
     fs::create_directories(path(name));
     if (behaviour) std::ofstream(path(name) + "/" + behaviour).put(' ');
     auto info = bundleInfo(name, program);

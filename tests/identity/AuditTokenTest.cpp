@@ -16,7 +16,7 @@ using qx::AuditToken;
 using qx::FileDescriptor;
 using qx::test::ChildProcess;
 
-/// A listener and a forked process that has connected to it.
+/// A process at the other end of a connection that it made itself.
 class Peer {
  public:
   Peer() {
@@ -27,55 +27,39 @@ class Peer {
     FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(bind(listener.get(), generic, sizeof address), 0);
     EXPECT_EQ(listen(listener.get(), 1), 0);
-    id_ = fork();
-    if (id_ == 0) {
-      int own = socket(AF_UNIX, SOCK_STREAM, 0);
-      if (connect(own, generic, sizeof address) != 0) _exit(1);
+    id = fork();
+    if (id == 0) {
+      if (connect(socket(AF_UNIX, SOCK_STREAM, 0), generic, sizeof address) != 0) _exit(1);
       for (;;) pause();
     }
     connection.reset(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   }
-  ~Peer() {
-    die();
-    reap();
-  }
 
-  pid_t id() const { return id_; }
-
-  /// Ends it and leaves it unreaped.
-  void die() {
-    if (id_ < 0) return;
-    kill(id_, SIGKILL);
-    siginfo_t info;
-    waitid(P_PID, static_cast<id_t>(id_), &info, WEXITED | WNOWAIT);
-  }
-  void reap() {
-    if (id_ > 0) waitpid(std::exchange(id_, -1), nullptr, 0);
-  }
-
+  pid_t id = -1;
   FileDescriptor connection;
 
  private:
   qx::test::TemporaryDirectory directory_;
-  pid_t id_ = -1;
 };
 
 TEST(AuditTokenTest, NamesThePeerUntilItEnds) {
   Peer peer;
   auto token = AuditToken::ofPeer(peer.connection.get());
-  EXPECT_EQ(token.processIdentifier(), peer.id());
+  EXPECT_EQ(token.processIdentifier(), peer.id);
   EXPECT_EQ(token.effectiveUser(), geteuid());
   EXPECT_EQ(token.effectiveGroup(), getegid());
   EXPECT_TRUE(token.isAlive());
   EXPECT_FALSE(token.isNobody());
-  EXPECT_EQ(AuditToken::ofProcess(peer.id()), token);
+  EXPECT_EQ(AuditToken::ofProcess(peer.id), token);
 
   // Ended and not yet reaped it identifies nobody, and neither does what it left behind.
-  peer.die();
+  kill(peer.id, SIGKILL);
+  siginfo_t info;
+  waitid(P_PID, static_cast<id_t>(peer.id), &info, WEXITED | WNOWAIT);
   EXPECT_FALSE(token.isAlive());
   EXPECT_TRUE(AuditToken::ofPeer(peer.connection.get()).isNobody());
-  EXPECT_TRUE(AuditToken::ofProcess(peer.id()).isNobody());
-  peer.reap();
+  EXPECT_TRUE(AuditToken::ofProcess(peer.id).isNobody());
+  waitpid(peer.id, nullptr, 0);
   EXPECT_FALSE(token.isAlive());
   EXPECT_TRUE(AuditToken::ofPeer(peer.connection.get()).isNobody());
 }
