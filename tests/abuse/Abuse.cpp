@@ -6,8 +6,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/plist/PropertyList.h"
-
 namespace qx::test {
 namespace {
 
@@ -101,27 +99,8 @@ void Abuse::start(const std::string& level) {
 std::unique_ptr<Daemon> Abuse::startRedeemer() const {
   auto redeemer = std::make_unique<Daemon>(
       "platformd", root_, std::map<std::string, std::string>{{"DOCSOURCE_LOG", "fault"}});
-  EXPECT_TRUE(eventually([] { return connect(sandboxService).socket() >= 0; }));
+  EXPECT_TRUE(eventually([] { return connectTo(sandboxService).socket() >= 0; }));
   return redeemer;
-}
-
-Wire Abuse::connect(const std::string& service) {
-  auto socket = connectToServiceSocket(service);
-  return Wire(socket ? std::move(*socket) : FileDescriptor());
-}
-
-std::optional<std::vector<std::string>> Abuse::grantsOnDisk() {
-  std::vector<std::string> identifiers;
-  if (!fs::exists(accessControlFile())) return identifiers;
-  auto list = PropertyList::readFile(accessControlFile());
-  if (!list) return std::nullopt;
-  const auto* root = list->as<Dictionary>();
-  const auto* provider = root ? find<Dictionary>(*root, "com.example.p") : nullptr;
-  const auto* consumer = provider ? find<Dictionary>(*provider, app) : nullptr;
-  const auto* allowed = consumer ? find<Array>(*consumer, "AllowedItemIDs") : nullptr;
-  if (!allowed) return identifiers;
-  for (const Value& identifier : *allowed) identifiers.push_back(*identifier.as<std::string>());
-  return identifiers;
 }
 
 }  // namespace qx::test

@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "platform/conduit/ServiceSocket.h"
-#include "servicer/DSDaemon.h"
 #include "tests/support/Daemons.h"
+#include "tests/support/Grants.h"
 #include "tests/support/Operations.h"
 #include "tests/support/SelfProvider.h"
 #include "tests/support/TemporaryRoot.h"
@@ -82,8 +82,7 @@ class Abuse : public testing::Test {
   std::unique_ptr<Daemon> startRedeemer() const;
   void kill() { EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL); }
 
-  /// A new connection; one that is over from the start when nobody serves.
-  static Wire connect(const std::string& service = dsDaemonServiceName);
+  static Wire connect() { return connectTo(docSourceService); }
 
   std::string grant(Wire& wire, const std::string& name) const {
     return wire.call(extendSandbox, {provider_.url(name), "com.example.p", app}).outcome();
@@ -95,9 +94,14 @@ class Abuse : public testing::Test {
   static std::string accessControlFile() {
     return Places::home() + "/Library/DocSource/AccessControl.plist";
   }
-  /// The identifiers of com.example.p that the file grants to the application; absent when the
-  /// file cannot be parsed.
-  static std::optional<std::vector<std::string>> grantsOnDisk();
+  /// What the file grants, as "com.example.p com.example.app item"; absent when it cannot be
+  /// parsed.
+  static std::optional<std::set<std::string>> grantsOnDisk() {
+    return grantsIn(accessControlFile());
+  }
+  static std::string grantOf(const std::string& item) {
+    return "com.example.p com.example.app " + item;
+  }
 
   // First of all: the places are under it.
   const std::string root_ = temporaryRoot();

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include "platform/files/FileManager.h"
@@ -37,10 +36,9 @@ class Crash : public Abuse {
   static std::size_t missing(const std::vector<std::string>& names, Tally& tally) {
     const auto found = grantsOnDisk();
     if (!found) ++tally.faults;
-    std::set<std::string> held;
-    if (found) held.insert(found->begin(), found->end());
-    return static_cast<std::size_t>(std::count_if(
-        names.begin(), names.end(), [&](const auto& name) { return !held.contains(name); }));
+    return static_cast<std::size_t>(
+        std::count_if(names.begin(), names.end(),
+                      [&](const auto& name) { return !found || !found->contains(grantOf(name)); }));
   }
 };
 

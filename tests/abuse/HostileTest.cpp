@@ -203,7 +203,7 @@ TEST_F(Hostile, TokensPathsAndIdentifiersMayBeLong) {
         if (found != outcome) ++tally.faults;
         EXPECT_EQ(found, outcome) << operation << " " << describe(Value(arguments)).substr(0, 60);
       }
-      Wire redeeming = connect(sandboxService);
+      Wire redeeming = connectTo(sandboxService);
       for (const auto& token : {x, "1:com.veltro.sandbox.read-write:00:/" + x + ":00"}) {
         const auto answer = redeeming.call(consumeExtension, {Bytes(token.begin(), token.end())});
         ++tally.tries;

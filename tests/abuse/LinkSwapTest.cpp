@@ -75,7 +75,7 @@ TEST_F(LinkSwap, ATokenOpensTheFileThatItWasIssuedFor) {
   start();
   const auto redeemer = startRedeemer();
   Wire asking = connect();
-  Wire redeeming = connect(sandboxService);
+  Wire redeeming = connectTo(sandboxService);
   const URL url = URL::fileURL(place_ + "/folder/document");
   // Issued while nothing moves.
   const auto granted = asking.call(extendSandbox, {url, "com.example.p", app});

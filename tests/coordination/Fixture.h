@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "platform/base/Errors.h"
-#include "platform/conduit/ServiceSocket.h"
 #include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/platformd/FileCoordinationService.h"
 #include "tests/support/BundleMaker.h"
@@ -21,12 +20,6 @@
 #include "tests/support/Wire.h"
 
 namespace qx::test {
-
-inline Wire connectTo(const std::string& service) {
-  auto socket = connectToServiceSocket(service);
-  EXPECT_TRUE(socket);
-  return Wire(socket ? std::move(*socket) : FileDescriptor());
-}
 
 /// A client of the service: what it asks comes to an outcome, and it is asked for items.
 class Client : public Wire {

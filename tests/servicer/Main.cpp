@@ -1,4 +1,5 @@
-// The tests of the servicer; the program is its own client, and the extension that it starts.
+// The tests of the servicer; the program is its own client, and the extension that the daemon
+// starts.
 
 #include "tests/support/SelfProvider.h"
 

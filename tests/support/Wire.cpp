@@ -2,6 +2,8 @@
 
 #include <poll.h>
 
+#include "platform/conduit/ServiceSocket.h"
+
 namespace qx::test {
 
 bool Wire::send(const Array& message) {
@@ -73,6 +75,11 @@ Wire::Answer Wire::answer(std::int64_t id) {
     }
     early_.emplace(*of, std::move(answer));
   }
+}
+
+Wire connectTo(const std::string& service) {
+  auto socket = connectToServiceSocket(service);
+  return Wire(socket ? std::move(*socket) : FileDescriptor());
 }
 
 }  // namespace qx::test

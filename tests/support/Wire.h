@@ -59,4 +59,7 @@ class Wire : public RawPeer {
   std::map<std::int64_t, Answer> early_;
 };
 
+/// A new connection to a service of this root; one that is over from the start when nobody serves.
+Wire connectTo(const std::string& service);
+
 }  // namespace qx::test
