@@ -37,16 +37,18 @@ class Ordering : public Abuse {
     }
     for (auto& each : running) each.join();
   }
-  static void pause(std::uint64_t random) {
-    for (auto times = random % 4; times > 2; --times) std::this_thread::yield();
-  }
+
+  static void useQueues(std::size_t rounds, std::size_t count, bool isDisturbed, Tally& tally);
 };
 
-TEST_F(Ordering, QueuesKeepItWhateverTheSchedule) {
-  Tally tally("queues under random schedules");
-  for (std::size_t round = 0; round < tries(500, 12); ++round) {
+/// A mixture of all that can be submitted to queues, by several threads.
+void Ordering::useQueues(std::size_t rounds, std::size_t count, bool isDisturbed, Tally& tally) {
+  for (std::size_t round = 0; round < rounds; ++round) {
     const auto seed = randomness()();
-    const Shaking shaking(getpid(), seed);
+    const auto shaking = isDisturbed ? std::make_unique<Shaking>(getpid(), seed) : nullptr;
+    const auto pause = [isDisturbed](std::uint64_t chance) {
+      if (isDisturbed && chance % 4 == 3) std::this_thread::yield();
+    };
     const auto serial = WorkQueue::serial("serial");
     const auto concurrent = WorkQueue::concurrent("concurrent");
     // Plain variables: what the queues do not keep apart the sanitizer sees.
@@ -55,7 +57,6 @@ TEST_F(Ordering, QueuesKeepItWhateverTheSchedule) {
     std::size_t second = 0;
     std::atomic<std::size_t> faults = 0;
     std::atomic<std::size_t> ran = 0;
-    constexpr std::size_t count = 200;
     together(seed, [&](std::size_t number, std::mt19937_64& random) {
       for (std::size_t i = 1; i <= count; ++i) {
         const auto ordered = [&, number, i, chance = random()] {
@@ -99,6 +100,16 @@ TEST_F(Ordering, QueuesKeepItWhateverTheSchedule) {
     tally.losses += threads * count - ran;
     tally.tries += threads * count;
   }
+}
+
+TEST_F(Ordering, QueuesKeepItWhateverTheSchedule) {
+  Tally tally("queues under random schedules");
+  useQueues(tries(500, 12), 200, true, tally);
+}
+
+TEST_F(Ordering, QueuesKeepItAtFullSpeed) {
+  Tally tally("queues at full speed");
+  useQueues(tries(100, 4), 5000, false, tally);
 }
 
 TEST_F(Ordering, TheStoreLosesNoChangeWhateverTheSchedule) {
