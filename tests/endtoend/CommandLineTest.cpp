@@ -178,6 +178,14 @@ TEST_F(CommandLine, CarriesOutTheItemRequests) {
   EXPECT_EQ(answer(extended.output, "sibling"), installed.url(".50% of über.txt").absoluteString());
   EXPECT_EQ(answer(extended.output, "sibling token"), "none");
 
+  // A link is no document; whoever names one means what it leads to.
+  const std::string link = installation_ / "link";
+  fs::create_symlink(installed.document("other.txt"), link);
+  const auto behindLink = request("extend-sandbox", link);
+  EXPECT_NE(answer(behindLink.output, "token"), "none") << behindLink.errors;
+  EXPECT_NE(answer(behindLink.output, "token"), "");
+  EXPECT_EQ(answer(behindLink.output, "sibling"), installed.url(".other.txt").absoluteString());
+
   // The same document as relative path, as absolute path and as URL.
   EXPECT_EQ(request("placeholder", "50% of über.txt").status, 0);
   EXPECT_EQ(request("start", installed.document("50% of über.txt")).status, 0);

@@ -49,7 +49,11 @@ std::string absolutePath(std::string_view path) {
 
 std::string urlFromArgument(std::string_view argument) {
   if (isURL(argument)) return std::string(argument);
-  return docsource::fileURL(absolutePath(argument));
+  const std::string path = absolutePath(argument);
+  std::error_code failed;
+  const auto document = std::filesystem::canonical(path, failed);
+  const bool isThere = !failed && std::filesystem::is_regular_file(document, failed);
+  return docsource::fileURL(isThere ? document.string() : path);
 }
 
 std::string readable(const std::string& url) { return docsource::pathOfURL(url).value_or(url); }

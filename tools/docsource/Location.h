@@ -6,8 +6,9 @@
 namespace tool {
 
 /// The URL that a person means: a URL as it stands, anything else as a path, from the current
-/// directory when it is relative. Of a path "." and doubled separators go, ".." stays, since it
-/// may follow a link.
+/// directory when it is relative. A path that leads to a file through symbolic links, one in its
+/// last place included, means that file: links are no documents. Of another path "." and doubled
+/// separators go, ".." stays, since it may follow a link.
 std::string urlFromArgument(std::string_view argument);
 
 /// The absolute path that a person means by a path.
