@@ -186,6 +186,29 @@ TEST_F(PlaceholderTest, IsFilledFromAnotherFile) {
   }
 }
 
+TEST_F(PlaceholderTest, ALargeFileIsCopiedInPiecesAndGivenBackWhole) {
+  constexpr std::size_t size = (40U << 20U) + 5;
+  std::string text(size, ' ');
+  for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + (i >> 12U) % 26);
+  std::ofstream(root / "source") << text;
+  const auto source = open(root / "source", O_RDONLY);
+  succeeds(Placeholder::make(path, {size, longAgo, std::nullopt}));
+  const auto file = open(path);
+  {
+    auto writer = Placeholder(file.get()).fill();
+    ASSERT_TRUE(writer.ok());
+    succeeds(writer->copy(source.get()));
+    EXPECT_TRUE(read(file.get()) == text);
+  }
+  expectPlaceholder(size);
+  auto writer = Placeholder(file.get()).fill();
+  ASSERT_TRUE(writer.ok());
+  succeeds(writer->copy(source.get()));
+  succeeds(writer->finish({size, longAgo, std::nullopt}));
+  EXPECT_TRUE(read(file.get()) == text);
+  EXPECT_LE(query(path).occupied, size + 8192);
+}
+
 TEST_F(PlaceholderTest, GivesUpWithoutATrace) {
   succeeds(Placeholder::make(path, {content.size(), longAgo, std::nullopt}));
   const auto file = open(path);
