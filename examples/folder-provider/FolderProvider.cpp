@@ -31,6 +31,8 @@ constexpr const char* originMark = "origin";
 constexpr const char* pathPrefix = "path:";
 constexpr const char* sidePrefix = ".docsource-";
 constexpr int attempts = 3;
+/// Placeholders that set-up makes durable together.
+constexpr std::size_t mostAside = 2000;
 
 Error configurationError(std::string description) {
   return {folderProviderErrorDomain, static_cast<std::int64_t>(FolderProviderError::notConfigured),
@@ -70,6 +72,16 @@ std::string versionOf(const Descriptor& file) {
 }
 
 bool isSideFile(const std::string& relative) { return nameOf(relative).starts_with(sidePrefix); }
+
+/// Whether a placeholder is as reset() leaves it; what a crash has left may occupy more.
+bool shows(const Descriptor& placeholder, const Placeholder::Shape& shape) {
+  constexpr blkcnt_t blockUnit = 512;
+  struct stat status {};
+  const auto now = Placeholder::shapeOf(placeholder.get());
+  return now && now->size == shape.size && now->modified == shape.modified &&
+         ::fstat(placeholder.get(), &status) == 0 &&
+         status.st_blocks * blockUnit <= 2 * status.st_blksize;  // the first, and the attributes
+}
 
 bool setTimes(const Descriptor& file, const struct stat& like) {
   const timespec times[2] = {like.st_atim, like.st_mtim};
@@ -175,36 +187,55 @@ Result<FolderProvider::OriginFile> FolderProvider::originOf(
   return Error::file(there ? ENOENT : problem, origin.pathOf(relative));
 }
 
+Result<FolderProvider::SideFile> FolderProvider::makeAside(const Places& places, const Marks& marks,
+                                                           const std::string& relative,
+                                                           const Descriptor& originFile,
+                                                           const std::string& identifier) const {
+  const std::string path = places.storage.pathOf(relative);
+  const ItemMarks itemMarks(marks, relative);
+  struct stat status {};
+  const auto shape = Placeholder::shapeOf(originFile.get());
+  SideFile side{"side-" + randomText(8), {}};
+  if (!shape) return shape.error();
+  if (::fstat(originFile.get(), &status) != 0) return Error::file(errno, path);
+  side.file = places.hidden.openItem(side.name, O_RDWR | O_CREAT | O_EXCL, status.st_mode & 0777U);
+  if (!side.file) return Error::file(errno, path);
+  const auto shown = Placeholder(side.file.get(), itemMarks).reset(*shape);
+  if (shown && ::fchmod(side.file.get(), (status.st_mode & 0777U) | S_IRUSR | S_IWUSR) == 0 &&
+      marks.set(side.file.get(), relative, identifierMark, identifier)) {
+    return side;
+  }
+  const auto error = shown ? Error::file(errno, path) : shown.error();
+  places.hidden.remove(side.name);
+  return error;
+}
+
+Result<void> FolderProvider::putInPlace(const Places& places, const std::string& side,
+                                        const std::string& relative) const {
+  if (places.storage.makeDirectories(parentOf(relative)) &&
+      places.hidden.move(side, places.storage, relative, false)) {
+    return {};
+  }
+  const int problem = errno;
+  places.hidden.remove(side);
+  if (problem == EEXIST) return {};
+  return Error::file(problem, places.storage.pathOf(relative));
+}
+
 Result<void> FolderProvider::makePlaceholder(const Places& places, const std::string& relative,
                                              const Descriptor& originFile,
                                              const std::string& identifier) const {
   // Made aside, marked, and only then put in its place: nobody sees an empty file that passes for
   // a document.
   const Marks marks(places.hidden, places.useAttributes);
-  const std::string path = places.storage.pathOf(relative);
-  const ItemMarks itemMarks(marks, relative);
-  struct stat status {};
-  const auto shape = Placeholder::shapeOf(originFile.get());
-  const std::string side = "side-" + randomText(8);
-  if (!shape) return shape.error();
-  if (::fstat(originFile.get(), &status) != 0 ||
-      !places.storage.makeDirectories(parentOf(relative))) {
-    return Error::file(errno, path);
+  const auto side = makeAside(places, marks, relative, originFile, identifier);
+  if (!side) return side.error();
+  if (::fsync(side->file.get()) != 0) {
+    const auto error = Error::file(errno, places.storage.pathOf(relative));
+    places.hidden.remove(side->name);
+    return error;
   }
-  const Descriptor made =
-      places.hidden.openItem(side, O_RDWR | O_CREAT | O_EXCL, status.st_mode & 0777U);
-  if (!made) return Error::file(errno, path);
-  const auto shown = Placeholder(made.get(), itemMarks).reset(*shape);
-  if (shown && ::fchmod(made.get(), (status.st_mode & 0777U) | S_IRUSR | S_IWUSR) == 0 &&
-      marks.set(made.get(), relative, identifierMark, identifier) && ::fsync(made.get()) == 0 &&
-      places.hidden.move(side, places.storage, relative, false)) {
-    return {};
-  }
-  const int problem = errno;
-  places.hidden.remove(side);
-  if (!shown) return shown.error();
-  if (problem == EEXIST) return {};
-  return Error::file(problem, path);
+  return putInPlace(places, side->name, relative);
 }
 
 Result<void> FolderProvider::bringIn(const Places& places, const std::string& relative,
@@ -382,18 +413,39 @@ Result<void> FolderProvider::reconcile(const Places& places, const Tree& origin)
 
   std::map<std::string, std::string> index;
   std::optional<Error> failure;
+  const auto note = [&failure](const Result<void>& result) {
+    if (!result && !failure) failure = result.error();
+    return result.ok();
+  };
+
+  // New ones are made aside, many of them, made durable together, and then put in their places.
+  const Marks newMarks(places.hidden, places.useAttributes, Marks::Durable::later);
+  std::map<std::string, std::string> aside;  // path to side file
+  const auto putAllInPlace = [&] {
+    const bool isDurable = aside.empty() || places.hidden.syncAll();
+    if (!isDurable) note(Error::file(errno, places.hidden.path()));
+    for (const auto& [relative, side] : aside) {
+      if (!isDurable) {
+        places.hidden.remove(side);
+      } else if (note(putInPlace(places, side, relative))) {
+        index.emplace(identifiers.at(relative), relative);
+      }
+    }
+    aside.clear();
+  };
   for (const auto& [relative, identifier] : identifiers) {
     const Descriptor file = origin.openFile(relative, O_RDONLY);
     if (!file) continue;
     const Descriptor item = places.storage.openFile(relative, O_RDWR);
     if (!item) {
       if (errno != ENOENT) continue;  // something else stands in its place
-      const auto made = makePlaceholder(places, relative, file, identifier);
-      if (made) {
-        index.emplace(identifier, relative);
-      } else if (!failure) {
-        failure = made.error();
+      const auto side = makeAside(places, newMarks, relative, file, identifier);
+      if (side) {
+        aside.emplace(relative, side->name);
+      } else {
+        note(side.error());
       }
+      if (aside.size() >= mostAside) putAllInPlace();
       continue;
     }
     const bool isPlaceholder = marks.get(item.get(), relative, placeholderMark).has_value();
@@ -406,10 +458,11 @@ Result<void> FolderProvider::reconcile(const Places& places, const Tree& origin)
     if (isPlaceholder) {
       const ItemMarks itemMarks(marks, relative);
       const auto shape = Placeholder::shapeOf(file.get());
-      const auto shown = shape ? Placeholder(item.get(), itemMarks).reset(*shape) : shape.error();
-      if (!shown && !failure) failure = shown.error();
+      if (shape && shows(item, *shape)) continue;
+      note(shape ? Placeholder(item.get(), itemMarks).reset(*shape) : shape.error());
     }
   }
+  putAllInPlace();
 
   // Placeholders of what is no more go; content stays, it may be the only one left.
   if (complete) {

@@ -59,6 +59,11 @@ class FolderProvider final : public docsource::Provider {
     std::string relative;
     docsource::Descriptor file;
   };
+  /// A file in the hidden directory.
+  struct SideFile {
+    std::string name;
+    docsource::Descriptor file;
+  };
 
   docsource::Result<Places> places() const;
   docsource::Result<Tree> origin() const;
@@ -73,6 +78,14 @@ class FolderProvider final : public docsource::Provider {
   docsource::Result<void> makePlaceholder(const Places& places, const std::string& relative,
                                           const docsource::Descriptor& originFile,
                                           const std::string& identifier) const;
+  /// In two steps, for many: a file aside, which is durable when its maker sees to it,
+  docsource::Result<SideFile> makeAside(const Places& places, const Marks& marks,
+                                        const std::string& relative,
+                                        const docsource::Descriptor& originFile,
+                                        const std::string& identifier) const;
+  /// then its move to where nothing is yet. What is there already stays.
+  docsource::Result<void> putInPlace(const Places& places, const std::string& side,
+                                     const std::string& relative) const;
   docsource::Result<void> bringIn(const Places& places, const std::string& relative,
                                   const docsource::Descriptor& item, const OriginFile& from) const;
   docsource::Result<void> writeBack(const Places& places, const Tree& origin,

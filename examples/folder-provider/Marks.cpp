@@ -55,11 +55,13 @@ bool writeAll(int file, const char* bytes, std::size_t count) {
 }
 
 std::string randomText(std::size_t count) {
+  std::string bytes(count, '\0');
+  // Whole for so few (getrandom(2)).
+  while (::getrandom(bytes.data(), count, 0) != static_cast<ssize_t>(count)) {
+  }
   std::string text;
-  for (std::size_t i = 0; i < count; ++i) {
-    unsigned char byte = 0;
-    while (::getrandom(&byte, 1, 0) != 1) {
-    }
+  for (const char each : bytes) {
+    const auto byte = static_cast<unsigned char>(each);
     std::array<char, 3> digits{};
     std::snprintf(digits.data(), digits.size(), "%02x", byte);
     text += digits.data();
@@ -95,8 +97,10 @@ bool Marks::set(int file, const std::string& relative, const std::string& mark,
   const std::string side = "side-" + randomText(8);
   const std::string text = inodeLine(file) + value;
   const auto written = hidden_.openItem(side, O_WRONLY | O_CREAT | O_EXCL, 0600);
-  if (written && writeAll(written.get(), text.data(), text.size()) && ::fsync(written.get()) == 0 &&
-      hidden_.move(side, hidden_, kept, true) && hidden_.syncParent(kept)) {
+  const bool isNow = durable_ == Durable::now;
+  if (written && writeAll(written.get(), text.data(), text.size()) &&
+      (!isNow || ::fsync(written.get()) == 0) && hidden_.move(side, hidden_, kept, true) &&
+      (!isNow || hidden_.syncParent(kept))) {
     return true;
   }
   const int problem = errno;

@@ -13,11 +13,15 @@ namespace folder {
 /// about a file that took the item's place.
 class Marks {
  public:
-  Marks(const Tree& hidden, bool useAttributes) : hidden_(hidden), useAttributes_(useAttributes) {}
+  /// When what is set is certain to be kept: at once, or after Tree::syncAll().
+  enum class Durable { now, later };
+
+  Marks(const Tree& hidden, bool useAttributes, Durable durable = Durable::now)
+      : hidden_(hidden), useAttributes_(useAttributes), durable_(durable) {}
 
   std::optional<std::string> get(int file, const std::string& relative,
                                  const std::string& mark) const;
-  /// False, with errno set, when the mark is not certain to be kept.
+  /// False, with errno set, when the mark could not be set.
   bool set(int file, const std::string& relative, const std::string& mark,
            const std::string& value) const;
   bool clear(int file, const std::string& relative, const std::string& mark) const;
@@ -29,6 +33,7 @@ class Marks {
  private:
   const Tree& hidden_;
   const bool useAttributes_;
+  const Durable durable_;
 };
 
 /// The extended attribute of the mark alone; absent where there is none.

@@ -92,6 +92,8 @@ bool Tree::syncParent(const std::string& relative) const {
   return parent && ::fsync(parent.get()) == 0;
 }
 
+bool Tree::syncAll() const { return ::syncfs(directory_.get()) == 0; }
+
 bool Tree::walk(const Visitor& visitor) const { return walkDirectory("", visitor); }
 
 bool Tree::walkDirectory(const std::string& relative, const Visitor& visitor) const {

@@ -36,6 +36,8 @@ class Tree {
   bool remove(const std::string& relative) const;
   /// Makes the directory that holds the item durable.
   bool syncParent(const std::string& relative) const;
+  /// Makes everything durable that is on the file system of this tree.
+  bool syncAll() const;
 
   /// Tells of every regular file and directory below, a directory before what is in it; other
   /// things are passed over. False when a part could not be read.

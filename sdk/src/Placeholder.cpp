@@ -295,6 +295,7 @@ Result<void> Placeholder::make(const std::string& path, const Shape& shape, unsi
       ::open(directory.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, static_cast<mode_t>(mode)));
   if (!made) return Error::file(errno, path);
   if (auto reset = Placeholder(made.get()).reset(shape); !reset) return reset;
+  if (::fsync(made.get()) != 0) return Error::file(errno, path);
   const std::string link = "/proc/self/fd/" + std::to_string(made.get());
   if (::linkat(AT_FDCWD, link.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
     return Error::file(errno, path);
@@ -309,9 +310,14 @@ PlaceholderState Placeholder::state() const {
 }
 
 Result<void> Placeholder::reset(const Shape& shape) const {
+  struct stat status {};
+  if (::fstat(file_, &status) != 0) return error(errno);
+  // A file that is being made has nothing yet that could go before the mark is durable.
+  const bool isNew =
+      status.st_size == 0 && !marks_->get(file_, PlaceholderMarks::provided).has_value();
   if (marks_->get(file_, PlaceholderMarks::placeholder) != placeholderText &&
       (!marks_->set(file_, PlaceholderMarks::placeholder, placeholderText) ||
-       ::fsync(file_) != 0)) {
+       (!isNew && ::fsync(file_) != 0))) {
     return error(errno);
   }
   if (!makeSparse(file_, shape) || !marks_->clear(file_, PlaceholderMarks::provided)) {

@@ -103,7 +103,8 @@ class DOCSOURCE_API Placeholder {
   /// first holds zeros, and is there for programs that copy files: they skip holes without reading,
   /// and would not wait for the content). For a new file before it gets its name, for a
   /// placeholder whose document has changed, for what a crash has left. The file is never smaller
-  /// than both sizes meanwhile.
+  /// than both sizes meanwhile. A new, empty file is not made durable: do that before it gets its
+  /// name, for many files at once (syncfs(2)) or for one (fsync(2)).
   Result<void> reset(const Shape& shape) const;
 
   /// Begins to bring the content in: in place, so that whoever has the file open, or waits to read
