@@ -146,6 +146,16 @@ Result<std::string> FolderProvider::relativePath(const Places& places,
   return relative;
 }
 
+Result<FolderProvider::Item> FolderProvider::itemAt(const std::string& path) {
+  std::shared_lock layout(layout_);
+  auto here = places();
+  if (!here) return here.error();
+  auto relative = relativePath(*here, path);
+  if (!relative) return relative.error();
+  std::unique_lock lock(lockFor(*relative));
+  return Item{std::move(layout), *std::move(here), *std::move(relative), std::move(lock)};
+}
+
 std::mutex& FolderProvider::lockFor(const std::string& relative) {
   return itemLocks_[std::hash<std::string>()(relative) % itemLocks_.size()];
 }
@@ -488,36 +498,32 @@ Result<void> FolderProvider::reconcile(const Places& places, const Tree& origin)
 }
 
 Result<void> FolderProvider::providePlaceholder(const std::string& path) {
-  const std::shared_lock layout(layout_);
-  const auto here = places();
-  if (!here) return here.error();
-  const auto relative = relativePath(*here, path);
-  if (!relative) return relative.error();
-  const std::lock_guard item(lockFor(*relative));
-  if (here->storage.openItem(*relative, O_PATH)) return {};
+  const auto found = itemAt(path);
+  if (!found) return found.error();
+  const Places& here = found->places;
+  const std::string& relative = found->relative;
+  if (here.storage.openItem(relative, O_PATH)) return {};
   if (errno != ENOENT) return Error::file(errno, path);
   const auto from = origin();
   if (!from) return from.error();
-  const auto file = originOf(*here, *from, *relative, std::nullopt);
+  const auto file = originOf(here, *from, relative, std::nullopt);
   if (!file) return file.error();
-  return makePlaceholder(*here, *relative, file->file,
-                         identifierOf(*here, file->file, *relative, true));
+  return makePlaceholder(here, relative, file->file,
+                         identifierOf(here, file->file, relative, true));
 }
 
 Result<void> FolderProvider::startProviding(const std::string& path) {
-  const std::shared_lock layout(layout_);
-  const auto here = places();
-  if (!here) return here.error();
-  const auto relative = relativePath(*here, path);
-  if (!relative) return relative.error();
-  const std::lock_guard itemLock(lockFor(*relative));
-  const Marks marks(here->hidden, here->useAttributes);
+  const auto found = itemAt(path);
+  if (!found) return found.error();
+  const Places& here = found->places;
+  const std::string& relative = found->relative;
+  const Marks marks(here.hidden, here.useAttributes);
 
-  Descriptor item = here->storage.openFile(*relative, O_RDWR);
+  Descriptor item = here.storage.openFile(relative, O_RDWR);
   if (!item && errno != ENOENT) return Error::file(errno, path);
   const bool isThere = static_cast<bool>(item);
-  const bool isPlaceholder = isThere && marks.get(item.get(), *relative, placeholderMark);
-  const ItemMarks itemMarks(marks, *relative);
+  const bool isPlaceholder = isThere && marks.get(item.get(), relative, placeholderMark);
+  const ItemMarks itemMarks(marks, relative);
   // What was made or changed here is newer than the origin and is there already.
   if (isThere && !isPlaceholder && Placeholder(item.get(), itemMarks).isChanged()) return {};
 
@@ -527,101 +533,95 @@ Result<void> FolderProvider::startProviding(const std::string& path) {
     if (isThere && !isPlaceholder) return {};
     return from.error();
   }
-  const auto identifier = isThere ? marks.get(item.get(), *relative, identifierMark) : std::nullopt;
-  const auto file = originOf(*here, *from, *relative, identifier);
+  const auto identifier = isThere ? marks.get(item.get(), relative, identifierMark) : std::nullopt;
+  const auto file = originOf(here, *from, relative, identifier);
   if (!file) {
     if (isThere && !isPlaceholder) return {};
     return file.error();
   }
   if (isThere && !isPlaceholder &&
-      marks.get(item.get(), *relative, originMark) == versionOf(file->file)) {
+      marks.get(item.get(), relative, originMark) == versionOf(file->file)) {
     return {};
   }
   if (!isThere) {
-    const auto made = makePlaceholder(*here, *relative, file->file,
-                                      identifierOf(*here, file->file, *relative, true));
+    const auto made =
+        makePlaceholder(here, relative, file->file, identifierOf(here, file->file, relative, true));
     if (!made) return made.error();
-    item = here->storage.openFile(*relative, O_RDWR);
+    item = here.storage.openFile(relative, O_RDWR);
     if (!item) return Error::file(errno, path);
   }
-  return bringIn(*here, *relative, item, *file);
+  return bringIn(here, relative, item, *file);
 }
 
 Result<void> FolderProvider::itemChanged(const std::string& path) {
-  const std::shared_lock layout(layout_);
-  const auto here = places();
-  if (!here) return here.error();
-  const auto relative = relativePath(*here, path);
-  if (!relative) return relative.error();
-  const std::lock_guard itemLock(lockFor(*relative));
-  const Descriptor item = here->storage.openFile(*relative, O_RDWR);
+  const auto found = itemAt(path);
+  if (!found) return found.error();
+  const Places& here = found->places;
+  const std::string& relative = found->relative;
+  const Descriptor item = here.storage.openFile(relative, O_RDWR);
   if (!item) return Error::file(errno, path);
-  const Marks marks(here->hidden, here->useAttributes);
-  if (marks.get(item.get(), *relative, placeholderMark)) return {};
+  const Marks marks(here.hidden, here.useAttributes);
+  if (marks.get(item.get(), relative, placeholderMark)) return {};
   const auto to = origin();
   if (!to) return to.error();
-  return writeBack(*here, *to, *relative, item);
+  return writeBack(here, *to, relative, item);
 }
 
 Result<void> FolderProvider::stopProviding(const std::string& path) {
-  const std::shared_lock layout(layout_);
-  const auto here = places();
-  if (!here) return here.error();
-  const auto relative = relativePath(*here, path);
-  if (!relative) return relative.error();
-  const std::lock_guard itemLock(lockFor(*relative));
-  const Descriptor item = here->storage.openFile(*relative, O_RDWR);
+  const auto found = itemAt(path);
+  if (!found) return found.error();
+  const Places& here = found->places;
+  const std::string& relative = found->relative;
+  const Descriptor item = here.storage.openFile(relative, O_RDWR);
   if (!item) return Error::file(errno, path);
-  const Marks marks(here->hidden, here->useAttributes);
-  if (marks.get(item.get(), *relative, placeholderMark)) return {};
+  const Marks marks(here.hidden, here.useAttributes);
+  if (marks.get(item.get(), relative, placeholderMark)) return {};
 
   const auto from = origin();
   if (!from) return {};  // the only content left is this one
   const auto file =
-      originOf(*here, *from, *relative, marks.get(item.get(), *relative, identifierMark));
+      originOf(here, *from, relative, marks.get(item.get(), relative, identifierMark));
   if (!file) return {};
   const auto shape = Placeholder::shapeOf(file->file.get());
   if (!shape) return shape.error();
   // What was changed stays, and who has it open goes on reading what is there.
-  const ItemMarks itemMarks(marks, *relative);
+  const ItemMarks itemMarks(marks, relative);
   const auto evicted = Placeholder(item.get(), itemMarks).evict(*shape);
   if (!evicted) return evicted.error();
   return {};
 }
 
 Result<std::string> FolderProvider::identifierForItem(const std::string& path) {
-  const std::shared_lock layout(layout_);
-  const auto here = places();
-  if (!here) return here.error();
-  const auto relative = relativePath(*here, path);
-  if (!relative) return relative.error();
-  const std::lock_guard itemLock(lockFor(*relative));
-  const Marks marks(here->hidden, here->useAttributes);
+  const auto found = itemAt(path);
+  if (!found) return found.error();
+  const Places& here = found->places;
+  const std::string& relative = found->relative;
+  const Marks marks(here.hidden, here.useAttributes);
   const auto known = [&](std::string identifier) {
     const std::lock_guard lock(indexMutex_);
-    index_[identifier] = *relative;
+    index_[identifier] = relative;
     return identifier;
   };
 
-  const Descriptor item = here->storage.openFile(*relative, O_RDONLY);
-  if (!item && errno == EISDIR) return pathPrefix + *relative;
+  const Descriptor item = here.storage.openFile(relative, O_RDONLY);
+  if (!item && errno == EISDIR) return pathPrefix + relative;
   if (!item && errno != ENOENT) return Error::file(errno, path);
   if (item) {
-    if (auto identifier = marks.get(item.get(), *relative, identifierMark)) {
+    if (auto identifier = marks.get(item.get(), relative, identifierMark)) {
       return known(*std::move(identifier));
     }
   }
   const auto from = origin();
   const auto file =
-      from ? originOf(*here, *from, *relative, std::nullopt) : Result<OriginFile>(from.error());
+      from ? originOf(here, *from, relative, std::nullopt) : Result<OriginFile>(from.error());
   if (!item && !file) return file.error();
-  std::string identifier = pathPrefix + *relative;
+  std::string identifier = pathPrefix + relative;
   if (file) {
-    identifier = identifierOf(*here, file->file, *relative, true);
-  } else if (here->useAttributes) {
+    identifier = identifierOf(here, file->file, relative, true);
+  } else if (here.useAttributes) {
     identifier = randomText(16);  // made here, not in the origin yet
   }
-  if (item && !marks.set(item.get(), *relative, identifierMark, identifier)) {
+  if (item && !marks.set(item.get(), relative, identifierMark, identifier)) {
     return Error::file(errno, path);
   }
   return known(std::move(identifier));

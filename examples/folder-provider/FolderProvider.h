@@ -54,6 +54,13 @@ class FolderProvider final : public docsource::Provider {
     Tree hidden;
     bool useAttributes;
   };
+  /// An item that an operation has to itself: set-up and the item's other operations wait.
+  struct Item {
+    std::shared_lock<std::shared_mutex> layout;
+    Places places;
+    std::string relative;
+    std::unique_lock<std::mutex> lock;
+  };
   /// A file of the origin.
   struct OriginFile {
     std::string relative;
@@ -68,6 +75,7 @@ class FolderProvider final : public docsource::Provider {
   docsource::Result<Places> places() const;
   docsource::Result<Tree> origin() const;
   docsource::Result<std::string> relativePath(const Places& places, const std::string& path) const;
+  docsource::Result<Item> itemAt(const std::string& path);
 
   /// The origin of the item: the file of the same path, or the one of that identifier elsewhere.
   docsource::Result<OriginFile> originOf(const Places& places, const Tree& origin,
