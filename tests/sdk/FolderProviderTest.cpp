@@ -173,6 +173,33 @@ TEST_P(FolderProviderTest, SetUpShowsEveryDocumentAndLeadsNowhereElse) {
   EXPECT_EQ(read(root / "secret"), "secret");
 }
 
+TEST_P(FolderProviderTest, ASetUpThatIsKilledIsDoneWithByTheNext) {
+  constexpr int documents = 1000;
+  for (int i = 0; i < documents; ++i) write(origin + "/many" + std::to_string(i), "document");
+  const auto shown = [&] {
+    const auto names = fs::directory_iterator(storage);
+    return std::count_if(begin(names), end(names), [](const auto& entry) {
+      return entry.path().filename().string().starts_with("many");
+    });
+  };
+  const auto aside = [&] {
+    const auto names = fs::directory_iterator(fs::path(storage).parent_path() / ".folder-provider");
+    return std::count_if(begin(names), end(names), [](const auto& entry) {
+      return entry.path().filename().string().starts_with("side-");
+    });
+  };
+  provider->broker().begin(vendorSetUp, {});
+  while (aside() == 0 && shown() == 0) ::sched_yield();
+  provider->kill();
+  EXPECT_LT(shown(), documents);
+  EXPECT_GT(aside(), 0);
+  start();
+  EXPECT_EQ(setUp(), "success");
+  EXPECT_EQ(shown(), documents);
+  EXPECT_EQ(aside(), 0);
+  for (int i = 0; i < documents; i += 100) expectPlaceholder("many" + std::to_string(i));
+}
+
 TEST_P(FolderProviderTest, ContentComesAndGoesInPlace) {
   const std::string path = storage + "/letters/old/c.txt";
   const auto inode = status(path).st_ino;
