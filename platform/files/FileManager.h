@@ -50,7 +50,7 @@ std::optional<URL> itemURLBelowDirectory(const std::optional<URL>& directory,
                                          const std::optional<URL>& item);
 
 /// The same question about one item and any number of directories: the way to the item is walked
-/// once, at the first question that comes so far.
+/// once, at the first question that comes so far, and looked at only as far up as the answers need.
 class ItemPlace {
  public:
   explicit ItemPlace(const std::optional<URL>& item)
@@ -66,12 +66,18 @@ class ItemPlace {
   class Walk;
   /// The errno of what stood in the way, or 0.
   int walk();
+  /// Takes a path on which there are no links; false when it is not known to be one.
+  bool goStraight();
+  /// Looks at the next directory above; false when there is none.
+  Result<bool> climb();
 
   const std::optional<URL> item_;
   const std::optional<std::string> path_;
   std::optional<int> walked_;          // what walk() returned
-  std::vector<Identity> directories_;  // from the root to the last one on the way
-  std::size_t namesBelow_ = 0;         // names after it that are no directories
+  std::vector<Identity> directories_;  // from the last one on the way up, as far as was looked
+  std::size_t namesBelow_ = 0;         // names after the last one that are no directories
+  FileDescriptor bottom_;              // while there may be more above: where it is looked from
+  std::string above_;                  // the way from there to the next one
 };
 
 /// Removes a file or a whole tree without following links. ENOENT is no error.

@@ -4,11 +4,17 @@
 // directory off. The first component that does not exist ends what can be looked up; what follows
 // is counted by name, and a ".." there takes the last name back before it leaves a directory that
 // exists. At the end the stack says whether the directory is on the way to the item.
+//
+// Most paths are plain: no links, nothing missing but perhaps the last name. The kernel walks such
+// a path in one step (openat2(2)), and the directories are looked at from its end upwards, one
+// after the other, until one of them is the directory asked for.
 
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/magic.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -33,7 +39,6 @@ class ItemPlace::Walk {
  public:
   /// Walks an absolute path; the errno of what stood in the way, or 0.
   int run(const std::string& path) {
-    if (path.size() >= PATH_MAX) return ENAMETOOLONG;
     if (const int failed = toRoot()) return failed;
     left_ = path;
     while (!left_.empty()) {
@@ -119,10 +124,56 @@ class ItemPlace::Walk {
   int links_ = 0;
 };
 
+bool ItemPlace::goStraight() {
+  const std::size_t end = path_->find_last_not_of('/');
+  if (path_->front() != '/' || end == std::string::npos) return false;
+  const std::size_t slash = path_->rfind('/', end);
+  const std::string name = path_->substr(slash + 1, end - slash);
+  if (name == "." || name == "..") return false;
+  // Fails for whatever is not plain, an older kernel included (openat2(2)).
+  const std::string parent = path_->substr(0, slash + 1);
+  open_how how{O_PATH | O_DIRECTORY | O_CLOEXEC, 0, RESOLVE_NO_SYMLINKS};
+  FileDescriptor directory(
+      static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, parent.c_str(), &how, sizeof how)));
+  if (!directory) return false;
+  struct stat status;
+  if (::fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno != ENOENT) return false;
+    namesBelow_ = 1;
+  } else if (S_ISLNK(status.st_mode)) {
+    return false;
+  } else if (S_ISDIR(status.st_mode)) {
+    directories_.push_back({status.st_dev, status.st_ino});
+  } else {
+    namesBelow_ = 1;
+  }
+  bottom_ = std::move(directory);
+  above_ = ".";
+  return true;
+}
+
+Result<bool> ItemPlace::climb() {
+  if (!bottom_) return false;
+  struct stat status;
+  if (::fstatat(bottom_.get(), above_.c_str(), &status, 0) != 0) return fileError(errno, item_);
+  const Identity next{status.st_dev, status.st_ino};
+  // The root directory is its own parent.
+  if (above_ != "." && next == directories_.back()) {
+    bottom_.reset();
+    return false;
+  }
+  directories_.push_back(next);
+  above_ += "/..";
+  return true;
+}
+
 int ItemPlace::walk() {
+  if (path_->size() >= PATH_MAX) return ENAMETOOLONG;
+  if (goStraight()) return 0;
   Walk walk;
   const int failed = walk.run(*path_);
   directories_ = walk.takeDirectories();
+  std::reverse(directories_.begin(), directories_.end());
   namesBelow_ = walk.namesBelow();
   return failed;
 }
@@ -142,11 +193,18 @@ Result<DirectoryRelationship> ItemPlace::relationshipToDirectoryAtURL(
     // "No such file" is kept for the directory; here it means that one went during the walk.
     return fileError(*walked_ == ENOENT ? ESTALE : *walked_, item_);
   }
-  const auto found =
-      std::find(directories_.begin(), directories_.end(), Identity{status.st_dev, status.st_ino});
-  if (found == directories_.end()) return DirectoryRelationship::other;
-  const bool isLast = found + 1 == directories_.end() && namesBelow_ == 0;
-  return isLast ? DirectoryRelationship::same : DirectoryRelationship::contains;
+  const Identity wanted{status.st_dev, status.st_ino};
+  for (std::size_t i = 0;; ++i) {
+    if (i == directories_.size()) {
+      const auto isThereMore = climb();
+      if (!isThereMore) return isThereMore.error();
+      if (!*isThereMore) return DirectoryRelationship::other;
+    }
+    if (directories_[i] == wanted) {
+      return i == 0 && namesBelow_ == 0 ? DirectoryRelationship::same
+                                        : DirectoryRelationship::contains;
+    }
+  }
 }
 
 Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
