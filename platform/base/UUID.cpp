@@ -3,6 +3,7 @@
 #include <sodium.h>
 
 #include <algorithm>
+#include <array>
 
 #include "platform/base/Text.h"
 
@@ -11,7 +12,15 @@ namespace qx {
 UUID UUID::random() {
   [[maybe_unused]] static const int initialised = sodium_init();
   UUID uuid;
-  randombytes_buf(uuid.bytes.data(), uuid.bytes.size());
+  // The system is asked for many at a time.
+  thread_local std::array<std::uint8_t, 64 * sizeof uuid.bytes> random;
+  thread_local std::size_t left = 0;
+  if (left == 0) {
+    randombytes_buf(random.data(), random.size());
+    left = random.size();
+  }
+  left -= uuid.bytes.size();
+  std::copy_n(random.data() + left, uuid.bytes.size(), uuid.bytes.begin());
   uuid.bytes[6] = static_cast<std::uint8_t>((uuid.bytes[6] & 0x0f) | 0x40);
   uuid.bytes[8] = static_cast<std::uint8_t>((uuid.bytes[8] & 0x3f) | 0x80);
   return uuid;

@@ -25,6 +25,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <vector>
 
 #include "platform/base/Errors.h"
 #include "platform/files/Inotify.h"
@@ -88,6 +89,36 @@ struct Folder {
   std::map<std::string, unsigned> identifiers;
 };
 
+/// The processes that were asked about last. Their directories are held open, which is cheaper than
+/// making sure each time that a number still means the same process.
+class RecentProcesses {
+ public:
+  std::optional<FileIdentity> executableOf(const AuditToken& token) {
+    auto found = std::find_if(known_.begin(), known_.end(),
+                              [&](const Known& known) { return known.token == token; });
+    if (found == known_.end()) {
+      auto directory = ProcessDirectory::open(token);
+      if (!directory) return std::nullopt;
+      if (known_.size() == most) known_.pop_back();
+      found = known_.insert(known_.begin(), {token, std::move(*directory)});
+    } else if (found != known_.begin()) {
+      std::rotate(known_.begin(), found, found + 1);
+      found = known_.begin();
+    }
+    auto executable = found->directory.executable();
+    if (!executable) known_.erase(found);
+    return executable;
+  }
+
+ private:
+  static constexpr std::size_t most = 16;
+  struct Known {
+    AuditToken token;
+    ProcessDirectory directory;
+  };
+  std::vector<Known> known_;  // the last one first
+};
+
 class WatchingCatalog final : public BundleCatalog {
  public:
   WatchingCatalog() : changed_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
@@ -113,10 +144,8 @@ class WatchingCatalog final : public BundleCatalog {
   }
 
   std::shared_ptr<const Bundle> bundleOfProcess(const AuditToken& token) override {
-    auto process = ProcessDirectory::open(token);
-    if (!process) return nullptr;
     Answer answer(*this);
-    auto executable = process->executable();
+    auto executable = processes_.executableOf(token);
     if (!executable) return nullptr;
     auto claimants = claimantsOf(*executable);
     bool isStale = std::any_of(claimants.begin(), claimants.end(),
@@ -407,6 +436,7 @@ class WatchingCatalog final : public BundleCatalog {
   };
 
   std::mutex mutex_;
+  RecentProcesses processes_;
   Inotify inotify_;
   std::array<Folder, 2> folders_{
       Folder(BundleKind::application, ".app", inotify_, Places::applications()),
