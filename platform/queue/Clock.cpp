@@ -38,7 +38,10 @@ class TimerTable {
   }
 
   bool empty() const { return actions_.empty(); }
-  std::size_t size() const { return actions_.size(); }
+  bool holds(Clock::Duration due) const {
+    const auto next = actions_.lower_bound(Key{due, 0});
+    return next != actions_.end() && next->first.first == due;
+  }
   Clock::TimerID first() const { return actions_.begin()->first.second; }
   Clock::Duration firstDue() const { return actions_.begin()->first.first; }
 
@@ -158,14 +161,9 @@ void ManualClock::advance(Duration duration) {
   state->now = std::max(state->now, end);
 }
 
-void ManualClock::waitForScheduled(std::size_t count) const {
+void ManualClock::waitForActionIn(Duration duration) const {
   std::unique_lock lock(state_->mutex);
-  state_->added.wait(lock, [&] { return state_->timers.size() >= count; });
-}
-
-std::size_t ManualClock::scheduledCount() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->timers.size();
+  state_->added.wait(lock, [&] { return state_->timers.holds(state_->now + duration); });
 }
 
 }  // namespace qx

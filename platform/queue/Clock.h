@@ -47,10 +47,9 @@ class ManualClock final : public Clock {
   /// also what those actions schedule for within the span.
   void advance(Duration duration);
 
-  /// Waits until at least `count` actions are scheduled; for a test that must not move the clock
+  /// Waits until an action falls due in exactly that time; for a test that must not move the clock
   /// before the code under test has begun its delay.
-  void waitForScheduled(std::size_t count) const;
-  std::size_t scheduledCount() const;
+  void waitForActionIn(Duration duration) const;
 
  private:
   struct State;

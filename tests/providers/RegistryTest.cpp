@@ -36,6 +36,7 @@ TEST_F(RegistryTest, RegistersOneAfterTheOtherWhateverFails) {
   // Three times, two seconds apart; a crash is an attempt too.
   for (const auto& [left, how] : {std::pair("2", "crash"), {"1", "no"}}) {
     ASSERT_TRUE(LogCapture::mailbox().waitFor(again + left));
+    clock.waitForActionIn(std::chrono::seconds(2));
     EXPECT_FALSE(b.isBeingSetUp());
     clock.advance(std::chrono::milliseconds(1999));
     EXPECT_FALSE(a.isBeingSetUp());
