@@ -66,7 +66,7 @@ void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
         "[ERROR] Could not extend bookmark privileges for URL %@ from bundle %@ to consumer ID %@, "
         "error: %@",
         url, clientID, consumerID, error);
-    qx::WorkQueue::global().async([completion = std::move(completion), error] {
+    qx::answerFromGlobalQueue([completion = std::move(completion), error] {
       if (completion) completion(std::nullopt, error);
     });
     return;
@@ -94,7 +94,7 @@ void DSConduitServicer::bookmarkableStringFromDocumentURL_completion(
   if (!provider) {
     DS_LOG("[INFO] Could not find the provider for URL %@", url);
     if (!completion) return;
-    qx::WorkQueue::global().async(
+    qx::answerFromGlobalQueue(
         [completion = std::move(completion)] { completion(std::nullopt, std::nullopt); });
     return;
   }
@@ -120,7 +120,7 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
   DS_LOG("[DEBUG] Getting URL from bookmarkable string: “%@”.", string);
   const auto refuse = [&completion](const qx::Error& error) {
     if (!completion) return;
-    qx::WorkQueue::global().async([completion = std::move(completion), error] {
+    qx::answerFromGlobalQueue([completion = std::move(completion), error] {
       completion(std::nullopt, std::nullopt, std::nullopt, std::nullopt, error);
     });
   };

@@ -52,7 +52,7 @@ qx::Result<Provider> providerOwningURLOf(const ItemRequest& request,
 
 /// Answers from the global queue, as every early answer is given.
 void answerEarly(qx::Completion<qx::Error> completion, const qx::Error& error) {
-  qx::WorkQueue::global().async([completion = std::move(completion), error] {
+  qx::answerFromGlobalQueue([completion = std::move(completion), error] {
     if (completion) completion(error);
   });
 }

@@ -14,7 +14,7 @@ void DSConduitServicer::providersCompletionHandler(
   if (clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
     // The registry as it is at the moment of the call, not at that of the answer.
     auto providers = DSExtensionDocSource::providersInfo();
-    qx::WorkQueue::global().async(
+    qx::answerFromGlobalQueue(
         [completion = std::move(completion), providers = std::move(providers), operation] {
           DS_LOG("[DEBUG] %@: returning providers %@", operation, qx::Value(providers));
           if (completion) completion(std::nullopt, providers);
@@ -23,7 +23,7 @@ void DSConduitServicer::providersCompletionHandler(
   }
   DS_LOG("[DEBUG] %@: Client is missing entitlement", operation);
   if (!completion) return;
-  qx::WorkQueue::global().async([completion = std::move(completion)] {
+  qx::answerFromGlobalQueue([completion = std::move(completion)] {
     completion(DSClientLacksEntitlement(std::nullopt), std::nullopt);
   });
 }

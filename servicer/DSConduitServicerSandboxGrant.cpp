@@ -41,7 +41,7 @@ void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_comp
     qx::Completion<qx::Error, qx::Bytes, qx::URL, qx::Bytes> completion) {
   DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
   const auto refuse = [&completion](const qx::Error& error) {
-    qx::WorkQueue::global().async([completion = std::move(completion), error] {
+    qx::answerFromGlobalQueue([completion = std::move(completion), error] {
       if (completion) completion(error, std::nullopt, std::nullopt, std::nullopt);
     });
   };

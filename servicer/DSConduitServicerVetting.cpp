@@ -70,5 +70,5 @@ bool DSConduitServicer::isAllowed(const std::optional<std::string>& providerID,
 
 void DSConduitServicer::wakeUpCompletion(qx::Completion<> completion) {
   DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
-  qx::WorkQueue::global().async(std::move(completion));
+  qx::answerFromGlobalQueue(std::move(completion));
 }

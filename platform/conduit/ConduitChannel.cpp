@@ -302,7 +302,7 @@ bool ConduitChannel::handleMessage(std::span<const std::uint8_t> body,
   auto head = decoder.next();
   std::int64_t kind = 0;
   if (!head || head->kind != Item::Kind::array || !takeInteger(decoder, kind)) return false;
-  // The answer to the call before must not wait for what this message sets going.
+  // The call before must not wait for what this message sets going.
   if (kind <= failureMessage) WorkPool::releaseHeldBack();
   switch (kind) {
     case callMessage:
@@ -346,8 +346,8 @@ bool ConduitChannel::handleCall(Decoder& decoder, bool hasRequest) {
   }
   auto call = std::make_shared<IncomingCall>(weak_from_this(), id, size);
   if (delegate) {
-    // An answer that is left to the global queue is given by this thread, when it has armed the
-    // connection again, unless more is to be read before.
+    // What is left to the global queue is done by this thread: an answer when the call has
+    // returned, anything else when the connection is armed again, unless more is to be read before.
     const WorkPool::HoldBack holdBack;
     delegate->receivedCall(std::move(call), operation->content, arguments, request);
   }
@@ -527,7 +527,25 @@ void ConduitChannel::endRequest(const UUID& request) {
     std::lock_guard lock(mutex_);
     openRequests_.erase(request);
   }
-  send(requestMessage(endRequestMessage, request));
+  // Nobody waits for it: it need not wake the peer by itself.
+  send(requestMessage(endRequestMessage, request), true);
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_ || std::exchange(isPutOff_, true)) return;
+  }
+  Reactor::shared().soon(shared_from_this());
+}
+
+void ConduitChannel::late() {
+  bool over = false;
+  {
+    std::lock_guard lock(mutex_);
+    isPutOff_ = false;
+    if (closed_ || full_) return;
+    over = !flushLocked();
+    if (full_) armLocked();
+  }
+  if (over) close();
 }
 
 Encoder ConduitChannel::requestMessage(std::int64_t kind, const UUID& request) {

@@ -78,7 +78,7 @@ class ConduitChannel final : public ReactorHandler,
                 ReplyReader onReply, ErrorHandler onError);
 
   /// Only a request that was begun and not ended takes calls. The peer learns of the beginning
-  /// together with what is sent next.
+  /// together with what is sent next, of the end likewise or a moment later.
   void beginRequest(const UUID& request);
   void endRequest(const UUID& request);
   /// Fails the calls in flight that name the request, and those to come.
@@ -88,6 +88,7 @@ class ConduitChannel final : public ReactorHandler,
 
   // ReactorHandler
   void ready(std::uint32_t events) override;
+  void late() override;
 
  private:
   friend class IncomingCall;
@@ -144,7 +145,8 @@ class ConduitChannel final : public ReactorHandler,
   std::set<UUID> openRequests_;
   std::deque<Output> output_;
   std::size_t unsent_ = 0;
-  bool full_ = false;  // the socket takes nothing now
+  bool full_ = false;      // the socket takes nothing now
+  bool isPutOff_ = false;  // something unsent waits for late()
   // Of the thread that reads.
   std::vector<std::uint8_t> input_;
   std::uint64_t streamPosition_ = 0;  // of the first byte in input_

@@ -23,6 +23,7 @@
 #include "platform/base/Errors.h"
 #include "platform/base/Text.h"
 #include "platform/files/FileManager.h"
+#include "platform/queue/WorkPool.h"
 
 namespace qx::FileManager {
 namespace {
@@ -76,6 +77,7 @@ class SideFile {
   /// Puts the file in the place of `name`.
   void replace(const std::string& name) {
     flush();
+    const WorkPool::Waiting waiting;
     if (failed_ == 0 && !settle()) fail();
     if (failed_ == 0 && !isNamed_) giveName();
     // A file system that delays writing may report a failure as late as here.

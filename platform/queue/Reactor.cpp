@@ -1,29 +1,35 @@
 // The reactor: an epoll set and the threads that wait in it.
 //
 // Events carry the number of their source, not a pointer, so an event that was already on its way
-// when its source was removed finds nothing. A thread that takes an event and leaves nobody waiting
-// starts another thread before it calls the handler; that is what lets a handler block. More than
-// `kept` idle threads end after `idleTime`.
+// when its source was removed finds nothing.
+//
+// One thread waits for events as a rule; it handles what it takes and waits again, so that a stream
+// of events that are quickly handled wakes nobody else. The others are in reserve. One is called,
+// or started, when nobody waits for events because a handler waits inside a queue or for the disk
+// (it says so), or because no event was taken for a moment (a watcher sees it). Who comes back and
+// finds somebody waiting goes into the reserve, where more than `kept` threads end after
+// `idleTime`. The watcher also does what was put off to have company.
 
 #include "platform/queue/Reactor.h"
 
-#include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/queue/Thread.h"
 #include "platform/queue/WorkPool.h"
 
 namespace qx {
 namespace {
 
-class EpollReactor final : public Reactor {
+class EpollReactor final : public Reactor, private ThreadOwner {
  public:
   EpollReactor() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {}
 
@@ -40,7 +46,10 @@ class EpollReactor final : public Reactor {
       return 0;
     }
     std::call_once(started_, [this] {
-      for (unsigned i = 0; i < kept; ++i) startThread();
+      callPoller();
+      if (auto watcher = startThread("reactor-watch", [this] { watch(); }); watcher.joinable()) {
+        watcher.detach();
+      }
     });
     return source;
   }
@@ -62,9 +71,26 @@ class EpollReactor final : public Reactor {
     epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
   }
 
+  void soon(std::shared_ptr<ReactorHandler> handler) override {
+    bool isAwake = true;
+    {
+      std::lock_guard lock(watcherMutex_);
+      late_.push_back(std::move(handler));
+      isAwake = !watcherIsIdle_.exchange(false);
+    }
+    if (!isAwake) watcherWakes_.notify_one();
+  }
+
  private:
   static constexpr unsigned kept = 3;
-  static constexpr int idleMilliseconds = 10'000;
+  static constexpr std::chrono::seconds idleTime{10};
+  static constexpr std::chrono::milliseconds patience{1};
+
+  /// A thread in reserve. Each has a condition variable of its own (see WorkPool).
+  struct Sleeper {
+    std::condition_variable wake;
+    bool isWoken = false;
+  };
 
   bool control(int operation, SourceID source, int fd, std::uint32_t events) {
     epoll_event event{};
@@ -73,33 +99,39 @@ class EpollReactor final : public Reactor {
     return epoll_ctl(epoll_.get(), operation, fd, &event) == 0;
   }
 
-  void startThread() {
-    // Counted before it runs, so that a burst of events does not start one thread for each.
-    waiting_.fetch_add(1);
-    threads_.fetch_add(1);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    try {
-      std::thread([this] { serve(); }).detach();
-    } catch (const std::system_error&) {
-      // No thread to be had; those that run go on serving.
-      waiting_.fetch_sub(1);
-      threads_.fetch_sub(1);
+  /// Has one thread more wait for events. It counts from now on, so that many who find nobody
+  /// waiting do not call one each.
+  void callPoller() {
+    pollers_.fetch_add(1);
+    {
+      std::lock_guard lock(reserveMutex_);
+      if (!reserve_.empty()) {
+        reserve_.back()->isWoken = true;
+        reserve_.back()->wake.notify_one();
+        reserve_.pop_back();
+        return;
+      }
+      ++threads_;
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    auto thread = startThread("reactor", [this] { serve(); });
+    if (thread.joinable()) {
+      thread.detach();
+      return;
+    }
+    // No thread to be had; those that run go on serving.
+    pollers_.fetch_sub(1);
+    std::lock_guard lock(reserveMutex_);
+    --threads_;
   }
 
   void serve() {
-    for (;;) {
+    WorkPool::setOwnerOfThread(this);
+    do {
       epoll_event event{};
-      int count = epoll_wait(epoll_.get(), &event, 1, idleMilliseconds);
-      if (count <= 0) {
-        if (count == 0 && mayEnd()) return;
-        continue;
+      while (epoll_wait(epoll_.get(), &event, 1, -1) <= 0) {
       }
-      if (waiting_.fetch_sub(1) == 1) startThread();
+      taken_.fetch_add(1, std::memory_order_relaxed);
+      if (pollers_.fetch_sub(1) == 1) wakeWatcher();
       armed_.load(std::memory_order_acquire);
       // A copy: the kernel's structure is packed, and nothing may refer into it.
       const SourceID source = event.data.u64;
@@ -112,26 +144,73 @@ class EpollReactor final : public Reactor {
       if (handler) handler->ready(event.events);
       handler.reset();
       WorkPool::runHeldBack();
-      waiting_.fetch_add(1);
-    }
+    } while (becomePoller());
   }
 
-  bool mayEnd() {
-    unsigned threads = threads_.load();
-    while (threads > kept) {
-      if (threads_.compare_exchange_weak(threads, threads - 1)) {
-        waiting_.fetch_sub(1);
-        return true;
+  /// Returns when the calling thread is to wait for events; false when it is to end.
+  bool becomePoller() {
+    unsigned none = 0;
+    if (pollers_.compare_exchange_strong(none, 1)) return true;
+    Sleeper sleeper;
+    std::unique_lock lock(reserveMutex_);
+    reserve_.push_back(&sleeper);
+    while (!sleeper.wake.wait_for(lock, idleTime, [&] { return sleeper.isWoken; })) {
+      if (threads_ <= kept) continue;
+      std::erase(reserve_, &sleeper);
+      --threads_;
+      return false;
+    }
+    return true;
+  }
+
+  // ThreadOwner
+  void threadBeginsToWait() override {
+    if (pollers_.load() == 0) callPoller();
+  }
+  void threadGoesOn() override {}
+
+  void wakeWatcher() {
+    if (!watcherIsIdle_.load() || !watcherIsIdle_.exchange(false)) return;
+    std::lock_guard lock(watcherMutex_);
+    watcherWakes_.notify_one();
+  }
+
+  void watch() {
+    std::unique_lock lock(watcherMutex_);
+    for (;;) {
+      watcherIsIdle_ = true;
+      if (pollers_.load() == 0 || !late_.empty()) watcherIsIdle_ = false;
+      watcherWakes_.wait(lock, [this] { return !watcherIsIdle_.load(); });
+      for (bool isNeeded = true; isNeeded;) {
+        auto late = std::exchange(late_, {});
+        const auto before = taken_.load(std::memory_order_relaxed);
+        const auto deadline = std::chrono::steady_clock::now() + patience;
+        while (watcherWakes_.wait_until(lock, deadline) != std::cv_status::timeout) {
+        }
+        // While events come, it stays: being woken costs who wakes it.
+        const bool hasMoved = taken_.load(std::memory_order_relaxed) != before;
+        lock.unlock();
+        if (!hasMoved && pollers_.load() == 0) callPoller();
+        for (const auto& handler : late) handler->late();
+        late.clear();
+        lock.lock();
+        isNeeded = hasMoved || pollers_.load() == 0 || !late_.empty();
       }
     }
-    return false;
   }
 
   FileDescriptor epoll_;
   std::once_flag started_;
-  std::atomic<unsigned> waiting_{0};
-  std::atomic<unsigned> threads_{0};
+  std::atomic<unsigned> pollers_{0};  // threads that wait for events
+  std::atomic<unsigned> taken_{0};
   std::atomic<unsigned> armed_{0};
+  std::mutex reserveMutex_;
+  std::vector<Sleeper*> reserve_;  // under the reserve's mutex, like threads_
+  unsigned threads_ = 0;
+  std::mutex watcherMutex_;
+  std::condition_variable watcherWakes_;
+  std::atomic<bool> watcherIsIdle_{false};
+  std::vector<std::shared_ptr<ReactorHandler>> late_;  // under the watcher's mutex
   std::mutex mutex_;
   SourceID lastSource_ = 0;
   std::unordered_map<SourceID, std::shared_ptr<ReactorHandler>> handlers_;

@@ -10,16 +10,18 @@ class ReactorHandler {
  public:
   virtual ~ReactorHandler() = default;
   /// Runs on a thread of the reactor with the epoll events (epoll_ctl(2)) that are ready. May
-  /// block: the reactor adds a thread when none is left waiting.
+  /// block: then another thread takes the events.
   virtual void ready(std::uint32_t events) = 0;
+  /// What soon() asked for. Must not block.
+  virtual void late() {}
 };
 
 /// The threads that wait for descriptors, over one epoll set (epoll(7)).
 ///
 /// A source is one-shot: after ready() was called it stays silent until it is armed again, so a
 /// handler that arms only at its end is never run twice at a time. EPOLLHUP and EPOLLERR are
-/// always reported to an armed source. When every thread is busy another is started, and surplus
-/// threads end when they have waited in vain, so no handler holds another one up.
+/// always reported to an armed source. A handler that waits inside a queue or for the disk holds
+/// nobody up, any other one that blocks for a millisecond or two: then another thread goes on.
 class Reactor {
  public:
   /// The one of this process.
@@ -35,6 +37,9 @@ class Reactor {
   /// No call begins after the return; one that has begun may still be running. Unknown sources
   /// are ignored, so that the first of several who remove wins.
   virtual void remove(SourceID source, int fd) = 0;
+  /// Has late() called once, after a millisecond or two. For what can wait for company, so that
+  /// many such things cost one wake-up.
+  virtual void soon(std::shared_ptr<ReactorHandler> handler) = 0;
 
  protected:
   virtual ~Reactor() = default;

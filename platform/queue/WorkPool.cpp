@@ -17,9 +17,11 @@ constexpr std::chrono::seconds idleTime{5};
 constexpr std::chrono::milliseconds patience{10};
 constexpr unsigned defaultCap = 64;
 
-thread_local bool isWorker = false;
-/// The calling thread is within the scope in which it may hold a job back, and has done so.
+thread_local ThreadOwner* owner = nullptr;
+/// Of the calling thread: whether it is within the scope in which it may keep work, the answers
+/// that it keeps, and whether it holds a job back.
 thread_local bool mayHoldBack = false;
+thread_local std::vector<std::function<void()>> answers;
 thread_local bool holdsBack = false;
 
 }  // namespace
@@ -49,12 +51,25 @@ void WorkPool::submit(Job job) {
   provideThread();
 }
 
+void WorkPool::submitAnswer(std::function<void()> task) {
+  if (mayHoldBack) {
+    answers.push_back(std::move(task));
+  } else {
+    submit(std::move(task));
+  }
+}
+
 WorkPool::HoldBack::HoldBack() { mayHoldBack = true; }
-WorkPool::HoldBack::~HoldBack() { mayHoldBack = false; }
+
+WorkPool::HoldBack::~HoldBack() {
+  mayHoldBack = false;
+  for (const auto& answer : std::exchange(answers, {})) answer();
+}
 
 void WorkPool::releaseHeldBack() {
-  if (!std::exchange(holdsBack, false)) return;
   auto& pool = shared();
+  for (auto& answer : std::exchange(answers, {})) pool.submit(std::move(answer));
+  if (!std::exchange(holdsBack, false)) return;
   const std::lock_guard lock(pool.mutex_);
   --pool.holdingBack_;
   pool.provideThread();
@@ -111,7 +126,7 @@ void WorkPool::runNext(std::unique_lock<std::mutex>& lock) {
 }
 
 void WorkPool::work() {
-  isWorker = true;
+  setOwnerOfThread(this);
   std::unique_lock lock(mutex_);
   for (;;) {
     if (!jobs_.empty()) {
@@ -146,20 +161,26 @@ void WorkPool::watch() {
   }
 }
 
+void WorkPool::setOwnerOfThread(ThreadOwner* newOwner) { owner = newOwner; }
+
 WorkPool::Waiting::Waiting() {
   releaseHeldBack();
-  if (!isWorker) return;
-  auto& pool = shared();
-  const std::lock_guard lock(pool.mutex_);
-  ++pool.waiting_;
-  if (pool.isShortOfThreads() && pool.mayGrow(pool.size_)) pool.startWorker();
+  if (owner) owner->threadBeginsToWait();
 }
 
 WorkPool::Waiting::~Waiting() {
-  if (!isWorker) return;
-  auto& pool = shared();
-  const std::lock_guard lock(pool.mutex_);
-  --pool.waiting_;
+  if (owner) owner->threadGoesOn();
+}
+
+void WorkPool::threadBeginsToWait() {
+  const std::lock_guard lock(mutex_);
+  ++waiting_;
+  if (isShortOfThreads() && mayGrow(size_)) startWorker();
+}
+
+void WorkPool::threadGoesOn() {
+  const std::lock_guard lock(mutex_);
+  --waiting_;
 }
 
 }  // namespace qx

@@ -18,16 +18,27 @@ class PoolWork {
   virtual void runInPool() = 0;
 };
 
-/// The threads behind the queues; internal to platform/queue. Threads are started on demand, up to
+/// Who runs a thread: told, on that thread, when it begins to wait and when it goes on.
+class ThreadOwner {
+ public:
+  virtual void threadBeginsToWait() = 0;
+  virtual void threadGoesOn() = 0;
+
+ protected:
+  ~ThreadOwner() = default;
+};
+
+/// The threads behind the queues; internal to the platform. Threads are started on demand, up to
 /// the size of the pool plus one for each of its threads that waits inside a queue. When jobs wait
 /// and none has been begun for a while, because all threads are held up by tasks that block, the
 /// pool grows further, one thread at a time, up to its cap. Threads beyond the size end when they
 /// have been idle for some seconds. Any thread may call.
 ///
-/// A thread of the reactor may keep a job for itself (HoldBack): the job is on the list like any
-/// other, but nobody is woken for it, since the thread will take one itself in a moment. That saves
-/// two switches of threads for a call that is answered from the global queue.
-class WorkPool {
+/// A thread of the reactor may keep work for itself (HoldBack), because it will be free in a
+/// moment: what only answers the call that it has just read, and the first other job. The job is on
+/// the list like any other, but nobody is woken for it. That saves two switches of threads for
+/// each.
+class WorkPool final : private ThreadOwner {
  public:
   static WorkPool& shared();
 
@@ -36,10 +47,14 @@ class WorkPool {
 
   void setSize(unsigned size, unsigned cap);
 
-  /// While it exists, nobody is woken for the first job that the calling thread submits. The thread
-  /// must call runHeldBack() soon, and must not wait for the job before; where it waits inside a
-  /// queue, or calls releaseHeldBack(), others are woken for the job after all. No more threads
-  /// than the size of the pool hold jobs back at a time.
+  /// Takes a task that only answers a call and so waits for nothing.
+  void submitAnswer(std::function<void()> task);
+
+  /// While it exists, the calling thread keeps the answers that it submits and gives them at the
+  /// end, when what submitted them has returned; and nobody is woken for the first job that it
+  /// submits. The thread must call runHeldBack() soon, and must not wait for the job before; where
+  /// it waits inside a queue, or calls releaseHeldBack(), others are left the answers and woken for
+  /// the job after all. No more threads than the size of the pool hold jobs back at a time.
   class HoldBack {
    public:
     HoldBack();
@@ -50,7 +65,10 @@ class WorkPool {
   static void runHeldBack();
   static void releaseHeldBack();
 
-  /// While it exists the calling thread, if it is one of the pool's, counts as waiting.
+  /// Says who runs the calling thread; the owner outlives it.
+  static void setOwnerOfThread(ThreadOwner* owner);
+
+  /// While it exists the calling thread counts as waiting: inside a queue, or for the disk.
   class Waiting {
    public:
     Waiting();
@@ -74,6 +92,8 @@ class WorkPool {
   };
 
   WorkPool();
+  void threadBeginsToWait() override;
+  void threadGoesOn() override;
   void submit(Job job);
   /// Takes the next job and runs it, and comes back with the mutex held.
   void runNext(std::unique_lock<std::mutex>& lock);

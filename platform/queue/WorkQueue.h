@@ -84,6 +84,11 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   std::string label_;
 };
 
+/// Submits to the global queue what only answers a call, and so waits for nothing: when the call
+/// was read from a connection, the thread that read it gives the answer itself as soon as the call
+/// has returned.
+void answerFromGlobalQueue(WorkQueue::Task task);
+
 /// How many threads the pool behind the queues may use before it stops adding more of its own
 /// accord (it still adds one for each that waits inside a queue). For tests; takes effect on new
 /// submissions.

@@ -58,10 +58,10 @@ TEST(Flow, AnAnswerLeftToTheGlobalQueueIsGivenWhileItsCallWaitsInAQueue) {
 TEST(Flow, PastTheLimitOfUnansweredCallsNothingIsReadUntilSomeAreAnswered) {
   Served served = Served::make();
   for (std::int64_t i = 1; i <= limit; ++i) ASSERT_TRUE(served.peer.sendBytes(holdCall(i)));
+  ASSERT_TRUE(served.object->numbers.waitForCount(static_cast<std::size_t>(limit)));
   // The socket fills up, because nobody reads it.
   const std::int64_t last = fill(served.peer);
   EXPECT_GT(last, limit);
-  ASSERT_TRUE(served.object->numbers.waitForCount(static_cast<std::size_t>(limit)));
   EXPECT_EQ(served.object->numbers.all().size(), static_cast<std::size_t>(limit));
 
   // One answered, one never to be answered: two places, taken in order.
