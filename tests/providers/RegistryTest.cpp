@@ -36,6 +36,14 @@ TEST_F(RegistryTest, RegistersOneAfterTheOtherWhateverFails) {
   // Three times, two seconds apart; a crash is an attempt too.
   for (const auto& [left, how] : {std::pair("2", "crash"), {"1", "no"}}) {
     ASSERT_TRUE(LogCapture::mailbox().waitFor(again + left));
+    // The process that crashed is given two seconds as well, until it is seen to be gone.
+    if (left == std::string("1")) {
+      ASSERT_TRUE(LogCapture::mailbox().waitUntil([](const auto& lines) {
+        return std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+          return line.ends_with("ended with status 1.");
+        });
+      }));
+    }
     clock.waitForActionIn(std::chrono::seconds(2));
     EXPECT_FALSE(b.isBeingSetUp());
     clock.advance(std::chrono::milliseconds(1999));
