@@ -17,6 +17,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <limits>
 #include <memory>
@@ -141,23 +142,28 @@ bool writeAt(int file, off_t offset, std::string_view bytes) {
   return true;
 }
 
-constexpr std::size_t largePiece = 16U << 20U;
-constexpr std::size_t smallPiece = 1U << 20U;
+/// What is copied in one call grows while that takes less than a moment.
+constexpr off_t smallestPiece = 1 << 20U;
+constexpr off_t largestPiece = 16 << 20U;
+constexpr std::chrono::milliseconds moment{20};
+/// Room is found for so many pieces at once: few, lest who looks at the blocks sees none come, and
+/// many, since that waits for what goes to disk meanwhile.
+constexpr off_t piecesWithRoom = 16;
 
-/// Finds room for a piece at once, which is cheaper than page by page. Where it cannot be done the
-/// copying finds it, or finds none.
+/// Finds room, which is cheaper than page by page. Where it cannot be done the copying finds it, or
+/// finds none.
 void reserve(int file, off_t offset, off_t count) {
-  if (count > 0) ::fallocate(file, FALLOC_FL_KEEP_SIZE, offset, count);
+  if (count >= smallestPiece) ::fallocate(file, FALLOC_FL_KEEP_SIZE, offset, count);
 }
 
 /// A piece of one file to the same place in another: how much, 0 at the end, or -1 with errno set.
-ssize_t copyPiece(int source, int file, off_t offset) {
+ssize_t copyPiece(int source, int file, off_t offset, off_t most) {
   off_t from = offset;
   off_t to = offset;
-  ssize_t count = ::copy_file_range(source, &from, file, &to, largePiece, 0);
+  ssize_t count = ::copy_file_range(source, &from, file, &to, static_cast<std::size_t>(most), 0);
   if (count > 0 || (count < 0 && (errno == EINTR || errno == ENOSPC))) return count;
   // The end, or two files between which the kernel does not copy.
-  std::string buffer(smallPiece, '\0');
+  std::string buffer(std::size_t{smallestPiece}, '\0');
   count = ::pread(source, buffer.data(), buffer.size(), offset);
   if (count <= 0) return count;
   buffer.resize(static_cast<std::size_t>(count));
@@ -406,17 +412,25 @@ Result<void> PlaceholderWriter::copy(int source) {
   struct stat status {};
   if (::fstat(source, &status) != 0) return placeholder_.error(errno);
   const WriteBehind disk(file);
+  off_t piece = smallestPiece;
+  off_t reserved = 0;
   position_ = 0;
   while (true) {
+    const auto begin = std::chrono::steady_clock::now();
     const auto offset = static_cast<off_t>(position_);
-    reserve(file, offset, std::min<off_t>(largePiece, status.st_size - offset));
-    const ssize_t count = copyPiece(source, file, offset);
+    if (offset >= reserved) {
+      reserved = std::min(offset + piecesWithRoom * piece, status.st_size);
+      reserve(file, offset, reserved - offset);
+    }
+    const ssize_t count = copyPiece(source, file, offset, piece);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return placeholder_.error(errno);
     if (count == 0) return {};
     // No thread is woken for what finish() has on disk as soon.
-    if (static_cast<std::size_t>(count) >= smallPiece) disk.begin(offset, count);
+    if (count >= smallestPiece) disk.begin(offset, count);
     position_ += static_cast<std::uint64_t>(count);
+    const bool isQuick = std::chrono::steady_clock::now() - begin < moment;
+    if (isQuick) piece = std::min(2 * piece, largestPiece);
   }
 }
 
