@@ -80,27 +80,4 @@ TEST(AccessControlList, doesWhatAPlainModelDoes) {
   EXPECT_EQ(textOf(list), textOf(empty));
 }
 
-TEST(AccessControlList, keepsForeignElementsInPlaceInLongLists) {
-  qx::Array items;
-  for (int i = 0; i < 100; ++i) {
-    items.push_back("item " + std::to_string(i % 30));
-    if (i % 7 == 0) items.push_back(i);
-  }
-  const auto textWith = [](const qx::Array& array) {
-    return *qx::PropertyList::write(
-        qx::Dictionary{{"p", qx::Dictionary{{"c", qx::Dictionary{{"AllowedItemIDs", array}}}}}});
-  };
-  auto list = listOf(textWith(items));
-  EXPECT_EQ(textOf(list), textWith(items));
-  for (int i = 0; i < 30; i += 2) {
-    const std::string item = "item " + std::to_string(i);
-    EXPECT_TRUE(list.disallow("p", item, "c"));
-    EXPECT_FALSE(list.isAllowed("p", item, "c"));
-    EXPECT_FALSE(list.disallow("p", item, "c"));
-    std::erase(items, qx::Value(item));
-    ASSERT_EQ(textOf(list), textWith(items));
-  }
-  EXPECT_TRUE(list.isAllowed("p", "item 29", "c"));
-}
-
 }  // namespace

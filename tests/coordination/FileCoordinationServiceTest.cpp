@@ -74,15 +74,18 @@ TEST_F(FileCoordinationServiceTest, WhatNobodyOwnsIsReadAtOnce) {
 
 TEST_F(FileCoordinationServiceTest, TheInnermostDirectoryOwns) {
   Client provider, reader;
-  std::filesystem::create_directory(items / "inner");
+  std::filesystem::create_directories(items / "inner/most");
   write("inner/document");
+  write("inner/most/document");
   ASSERT_EQ(provider.add("b", directory), success);
-  ASSERT_EQ(provider.add("a", URL::fileURL(items / "inner", true)), success);
-  ASSERT_EQ(provider.add("c", URL::fileURL(items / "missing", true)), success);
-  reader.beginRead(items / "inner/document");
-  EXPECT_EQ(provider.provideNext(), "a");
-  reader.beginRead(items / "document");
-  EXPECT_EQ(provider.provideNext(), "b");
+  ASSERT_EQ(provider.add("c", URL::fileURL(items / "inner", true)), success);
+  ASSERT_EQ(provider.add("a", URL::fileURL(items / "inner/most", true)), success);
+  ASSERT_EQ(provider.add("d", URL::fileURL(items / "missing", true)), success);
+  for (const auto& [name, owner] :
+       {std::pair("document", "b"), {"inner/document", "c"}, {"inner/most/document", "a"}}) {
+    reader.beginRead(items / name);
+    EXPECT_EQ(provider.provideNext(), owner);
+  }
 }
 
 TEST_F(FileCoordinationServiceTest, ReadersOfOneFileShareOneProvide) {

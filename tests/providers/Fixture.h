@@ -36,7 +36,8 @@ class ProvidersTest : public testing::Test {
         qx::test::coordinationService, [this](const std::string& operation, const qx::Array& with) {
           const bool adds = operation.starts_with("addDocSource:");
           events.put((adds ? "add " : "remove ") + qx::describe(with.front()));
-          return qx::Array{qx::Value()};
+          const bool isRefused = with.front() == qx::Value("refused");
+          return qx::Array{isRefused ? qx::Value(DSNotPermittedError()) : qx::Value()};
         });
   }
   void TearDown() override { qx::ExtensionHost::shared().shutdown(); }
@@ -61,7 +62,8 @@ class ProvidersTest : public testing::Test {
 
   static inline qx::ManualClock& clock = *new qx::ManualClock;
   LogCapture log;
-  /// What the file-coordination service hears: "add identifier", "remove identifier".
+  /// What the file-coordination service hears: "add identifier", "remove identifier". It takes
+  /// every provider but "refused".
   qx::test::Mailbox<std::string> events;
 
  private:

@@ -121,6 +121,14 @@ TEST_F(RegistryTest, TheListingEndsAtTheFirstAbsentValue) {
                       {"B", qx::Dictionary{}}}));
 }
 
+TEST_F(RegistryTest, ARefusalOfTheCoordinationServiceIsLogged) {
+  ProviderBundle("refused").install();
+  begin();
+  EXPECT_TRUE(waitForLine(
+      "[ERROR] Could not add doc source refused to the file-coordination service. Error: " +
+      DSNotPermittedError().text()));
+}
+
 TEST_F(RegistryTest, ACountThatLeavesNoAttemptIsAFailure) {
   const ProviderBundle a("A");
   a.install();

@@ -176,12 +176,11 @@ TEST_F(ClientTest, ErrorsKeepWhatTheySay) {
   check(client.extendBookmark(document, "c"));
   check(client.bookmarkableString(document));
   check(client.resolveBookmark("s"));
-}
 
-TEST_F(ClientTest, AnswersWithoutValueOrErrorAreToldApart) {
+  // Without an error and a value they are told apart.
+  stopServing();
   for (auto& [operation, values] : answers) values.assign(values.size(), absent);
   serve();
-  Client client(10s);
   const auto none = client.bookmarkableString(document);
   ASSERT_TRUE(none);
   EXPECT_FALSE(*none);
@@ -207,6 +206,14 @@ TEST_F(ClientTest, WhatIsNotAnsweredTimesOutAndIsOver) {
   EXPECT_TRUE(client.providers(10s));
   EXPECT_TRUE(client.bookmarkableString(document, Client::noTimeout));
   EXPECT_EQ(callback.calls(), 1);
+  // Going away fails what is in flight.
+  Awaited<void> inFlight;
+  {
+    Client leaving(Client::noTimeout);
+    leaving.wakeUp(inFlight.callback());
+    arrived.wait(6);
+  }
+  EXPECT_TRUE(inFlight.get().error().is("QXConduitErrorDomain", 4));
 }
 
 TEST_F(ClientTest, FindsTheDaemonAgainAfterItWasAway) {
@@ -250,18 +257,6 @@ TEST_F(ClientTest, CallbacksMayWaitForFurtherCalls) {
   }
   done.wait(count);
   EXPECT_EQ(succeeded, count);
-}
-
-TEST_F(ClientTest, GoingAwayFailsTheCallsInFlight) {
-  answers.erase(wakeUp);
-  serve();
-  Awaited<void> inFlight;
-  {
-    Client client(Client::noTimeout);
-    client.wakeUp(inFlight.callback());
-    arrived.wait();
-  }
-  EXPECT_TRUE(inFlight.get().error().is("QXConduitErrorDomain", 4));
 }
 
 TEST_F(ClientTest, ACoordinatedReadOpensWhatWasProvided) {
