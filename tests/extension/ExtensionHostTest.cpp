@@ -8,9 +8,9 @@
 
 #include "platform/base/Errors.h"
 #include "platform/queue/Clock.h"
-#include "tests/extension/Trial.h"
-#include "tests/support/BundleMaker.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Mailbox.h"
+#include "tests/support/SelfProvider.h"
 #include "tests/support/TemporaryRoot.h"
 
 namespace {
@@ -23,7 +23,6 @@ using qx::UUID;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr auto pointName = "com.example.trial";
 using Extensions = std::vector<std::shared_ptr<QXExtension>>;
 
 /// Real processes, and a clock that the test moves.
@@ -32,29 +31,17 @@ class ExtensionHostTest : public testing::Test {
   ExtensionHostTest() {
     temporaryRoot();
     qx::Clock::setCurrent(clock);
-    static const auto& point =
-        *new QXExtensionPoint(QXExtensionPoint::withContext<TrialContext>(pointName));
-    static_cast<void>(point);
     ds_default_log().setLowestLevel(qx::LogLevel::info);
   }
   void TearDown() override { ExtensionHost::shared().shutdown(); }
 
-  static std::string path(const std::string& name) {
-    return qx::Places::extensions() + "/" + name + ".docext";
-  }
-  static void install(const std::string& name, const char* behaviour = nullptr,
-                      const std::string& point = pointName,
-                      const std::string& program = ownProgram()) {
-    fs::create_directories(path(name));
-    if (behaviour) std::ofstream(path(name) + "/" + behaviour).put(' ');
-    auto info = bundleInfo(name, program);
-    info.emplace("QXExtension", Dictionary{{"QXExtensionPointName", point}});
-    writeList(path(name) + "/Info.plist", info);
-  }
+  static void install(const std::string& name) { ProviderBundle(name).install(); }
+  static std::string path(const std::string& name) { return ProviderBundle(name).path(); }
+
   /// Matches from now on; every array that comes is kept.
   void match() {
     QXExtension::beginMatchingExtensionsWithAttributes_completion(
-        {{QXExtensionPointName, pointName}},
+        {{QXExtensionPointName, docSourceExtensionPoint}},
         [matched = matched](Extensions extensions, const auto& error) {
           EXPECT_FALSE(error);
           matched->put(std::move(extensions));
@@ -64,8 +51,11 @@ class ExtensionHostTest : public testing::Test {
     if (!matched->waitForCount(number)) return {};
     return matched->all()[number - 1];
   }
-  std::shared_ptr<QXExtension> installAndMatch(const char* behaviour = nullptr) {
-    install("E", behaviour);
+  /// Of an extension that behaves as these files in its bundle say.
+  std::shared_ptr<QXExtension> installAndMatch(const std::vector<const char*>& behaviours = {}) {
+    fs::create_directories(path("E"));
+    for (const char* behaviour : behaviours) std::ofstream(path("E") + "/" + behaviour).put(' ');
+    install("E");
     match();
     const auto extensions = waitForArray(1);
     return extensions.empty() ? nullptr : extensions.front();
@@ -85,10 +75,10 @@ class ExtensionHostTest : public testing::Test {
     return answers.all().front();
   }
   /// A proxy for an open request; what fails on it is kept.
-  std::shared_ptr<TrialVendor> proxy(QXExtension& extension, const Request& request) {
+  std::shared_ptr<_QXDocSourceVendor> proxy(QXExtension& extension, const Request& request) {
     const auto context = extension._extensionContextForUUID(request.id);
     if (!context) return nullptr;
-    return context->_auxiliaryConnection()->remoteObjectProxyWithErrorHandler<TrialVendor>(
+    return context->_auxiliaryConnection()->remoteObjectProxyWithErrorHandler<_QXDocSourceVendor>(
         [failures = failures](const qx::Error& error) { failures->put(error.text()); });
   }
   /// The number of the process that answers; 0 when none does.
@@ -96,8 +86,8 @@ class ExtensionHostTest : public testing::Test {
     const auto vendor = proxy(extension, request);
     if (!vendor) return 0;
     Mailbox<pid_t> answers;
-    vendor->processCompletion(
-        [&](const auto& process) { answers.put(static_cast<pid_t>(process.value_or(0))); });
+    vendor->_performInitialSetupWithCompletion(
+        [&](const auto& process, const auto&, const auto&) { answers.put(std::stoi(*process)); });
     return answers.waitForCount(1) ? answers.all().front() : 0;
   }
   bool waitForLostCalls(std::size_t number) const {
@@ -127,7 +117,7 @@ TEST_F(ExtensionHostTest, MatchesInOrderAndAgainAtEveryChange) {
   install("b");
   install("B");
   install("a");
-  install("another", nullptr, "com.example.other");
+  makeBundle(path("no extension"), "no extension");
   match();
   const auto first = waitForArray(1);
   ASSERT_EQ(first.size(), 3U);
@@ -137,7 +127,7 @@ TEST_F(ExtensionHostTest, MatchesInOrderAndAgainAtEveryChange) {
   EXPECT_EQ(logText(*first[2]), "b (" + path("b") + ")");
 
   // What does not match changes nothing, so the next array is the one without "a".
-  install("yet another", nullptr, "com.example.other");
+  makeBundle(path("none either"), "none either");
   install("b");
   const auto second = waitForArray(2);
   ASSERT_EQ(second.size(), 3U);
@@ -166,7 +156,8 @@ TEST_F(ExtensionHostTest, RequestsShareAProcessUntilItIsIdle) {
   const auto kept = proxy(*extension, one);
   extension->cancelExtensionRequestWithIdentifier(one.id);
   EXPECT_FALSE(extension->_extensionContextForUUID(one.id));
-  kept->processCompletion([](const auto&) { ADD_FAILURE() << "the request is over"; });
+  kept->_stopProvidingItemAtURL_completion(
+      qx::URL("file:///x"), [](const auto&) { ADD_FAILURE() << "the request is over"; });
   EXPECT_TRUE(waitForLostCalls(1));
 
   // An open request keeps it, however long; and another one within the time begins it anew.
@@ -189,8 +180,7 @@ TEST_F(ExtensionHostTest, RequestsShareAProcessUntilItIsIdle) {
 }
 
 TEST_F(ExtensionHostTest, AStubbornOneIsKilledAfterFiveSeconds) {
-  const auto extension = installAndMatch("stubborn");
-  std::ofstream(path("E") + "/deaf").put(' ');
+  const auto extension = installAndMatch({"stubborn", "deaf"});
   const auto request = begin(*extension);
   const pid_t process = processOf(*extension, request);
   extension->cancelExtensionRequestWithIdentifier(request.id);
@@ -208,23 +198,13 @@ TEST_F(ExtensionHostTest, AStubbornOneIsKilledAfterFiveSeconds) {
   EXPECT_EQ(processOf(*extension, next), other);
 }
 
-TEST_F(ExtensionHostTest, ARequestThatIsGivenUpFailsAlone) {
-  const auto extension = installAndMatch();
-  const auto one = begin(*extension), two = begin(*extension);
-  const pid_t process = processOf(*extension, two);
-  const auto vendor = proxy(*extension, one);
-  vendor->giveUpRequest_completion(one.id, nullptr);
-  EXPECT_TRUE(waitForLostCalls(1));
-  vendor->processCompletion([](const auto&) { ADD_FAILURE() << "the request is over"; });
-  EXPECT_TRUE(waitForLostCalls(2));
-  EXPECT_EQ(processOf(*extension, two), process);
-}
-
 TEST_F(ExtensionHostTest, WhatCannotBeStartedSaysWhy) {
   // A file that may be executed, but is no program.
-  install("bad", nullptr, pointName, "garbage");
-  std::ofstream(path("bad") + "/garbage") << "?";
-  fs::permissions(path("bad") + "/garbage", fs::perms::owner_all);
+  makeBundle(path("bad"), "bad");
+  std::ofstream(path("bad") + "/program") << "?";
+  auto info = bundleInfo("bad", "program");
+  info.emplace("QXExtension", Dictionary{{"QXExtensionPointName", docSourceExtensionPoint}});
+  writeList(path("bad") + "/Info.plist", info);
   match();
   ASSERT_TRUE(matched->waitUntil(
       [](const auto& arrays) { return !arrays.empty() && arrays.back().size() == 1; }));
@@ -257,10 +237,11 @@ TEST_F(ExtensionHostTest, AReplacedOneEndsWithItsLastRequest) {
 }
 
 TEST_F(ExtensionHostTest, ShutdownEndsAllAndStartsNoneAnyMore) {
-  const auto extension = installAndMatch("deaf");
+  const auto extension = installAndMatch({"deaf"});
   const auto request = begin(*extension);
   const pid_t process = processOf(*extension, request);
-  proxy(*extension, request)->hangCompletion(nullptr);
+  proxy(*extension, request)
+      ->_stopProvidingItemAtURL_completion(qx::URL("file:///silent"), nullptr);
   ExtensionHost::shared().shutdown();
   EXPECT_FALSE(isRunning(process));
   EXPECT_TRUE(waitForLostCalls(1));

@@ -20,7 +20,8 @@
 
 /// A provider extension that is the test program itself, started once more by the extension host.
 /// What it is to do lies in its bundle: pipes (fifo(7)) in which it meets the test, "setup" where
-/// it reads how its set-up ends, "changed" where it writes the URL of a changed item.
+/// it reads how its set-up ends, "changed" where it writes the URL of a changed item; a file "deaf"
+/// lets it ignore the end of its connection, a file "stubborn" SIGTERM.
 namespace qx::test {
 
 /// Items are named by their file name; "fail..." fails, "nameless" has no identifier, "hang..." is
@@ -36,7 +37,7 @@ class SelfProvider final : public _QXDocSourceVendor {
         storage && !std::filesystem::exists("no-storage")) {
       std::filesystem::create_directories(storage);
     }
-    reply("ready", std::nullopt, std::nullopt);
+    reply(std::to_string(getpid()), std::nullopt, std::nullopt);
   }
   void _providePlaceholderAtURL_completion(const std::optional<URL>& url,
                                            Completion<URL, Error> reply) override {
@@ -95,7 +96,10 @@ inline int mainOfProviderOrTests(int count, char** arguments) {
       _QXDocSourceExtensionHostContext::_extensionAuxiliaryVendorProtocol());
   connection->setExportedObject<_QXDocSourceVendor>(std::make_shared<SelfProvider>());
   connection->setRequestHandler([](bool, const UUID&) {});
-  connection->setInvalidationHandler([] { _exit(0); });
+  if (std::filesystem::exists("stubborn")) signal(SIGTERM, SIG_IGN);
+  connection->setInvalidationHandler([] {
+    if (!std::filesystem::exists("deaf")) _exit(0);
+  });
   connection->resume();
   for (;;) pause();
 }
