@@ -81,8 +81,7 @@ Abuse::Abuse() {
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = limit.rlim_max;
   setrlimit(RLIMIT_NOFILE, &limit);
-  beApplication(
-      app, {{"com.veltro.docsource.acl-read", true}, {"com.veltro.docsource.acl-write", true}});
+  beApplication(app, {{readEntitlement, true}, {writeEntitlement, true}});
   provider_.install();
 }
 

@@ -91,9 +91,7 @@ class Abuse : public testing::Test {
     return wire.call(startProviding, {provider_.url(name), "com.example.p", app}).outcome();
   }
 
-  static std::string accessControlFile() {
-    return Places::home() + "/Library/DocSource/AccessControl.plist";
-  }
+  static std::string accessControlFile() { return accessControlFileOf(temporaryRoot()); }
   /// What the file grants, as "com.example.p com.example.app item"; absent when it cannot be
   /// parsed.
   static std::optional<std::set<std::string>> grantsOnDisk() {

@@ -1,6 +1,3 @@
-#include <future>
-
-#include "platform/notify/SystemNotifyCenter.h"
 #include "tests/acl/StoreFixture.h"
 
 namespace {
@@ -82,23 +79,6 @@ TEST_F(AccessControlGrants, takeAnyIdentifierThroughFileAndRestart) {
     EXPECT_TRUE(isAllowed(*restarted, identifier, identifier, identifier));
     EXPECT_FALSE(isAllowed(*restarted, identifier, identifier + "x", identifier));
   }
-}
-
-TEST_F(AccessControlGrants, areReadAgainAtTheFirstUnlock) {
-  auto store = Store::sharedStore();
-  allow(*store, "p", "earlier", "c");
-  putList(
-      "<dict><key>p</key><dict><key>c</key><dict><key>AllowedItemIDs</key>"
-      "<array><string>later</string></array></dict></dict></dict>");
-  EXPECT_FALSE(isAllowed(*store, "p", "later", "c"));
-  static std::promise<void> wasRead;
-  ds_default_log().setSink([](qx::LogLevel, const std::string& text) {
-    if (text == readFromDisk) wasRead.set_value();
-  });
-  ASSERT_EQ(qx::SystemNotifyCenter::post("com.veltro.mobile.lockwardd.first_unlock"), nullopt);
-  ASSERT_EQ(wasRead.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
-  EXPECT_TRUE(isAllowed(*store, "p", "later", "c"));
-  EXPECT_FALSE(isAllowed(*store, "p", "earlier", "c"));
 }
 
 }  // namespace

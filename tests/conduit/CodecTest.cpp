@@ -157,15 +157,6 @@ TEST(Codec, MalformedItemsAreRefused) {
   EXPECT_FALSE(wellFormed("d9464410", 16));
 }
 
-TEST(Codec, KeysComeOnceInAnyOrderAndAtEachDepth) {
-  // {"b": {"a": null, "b": null}, "a": null, "": null}, and the same with a key that comes again.
-  EXPECT_TRUE(wellFormed("a36162a26161f66162f66161f660f6"));
-  EXPECT_FALSE(wellFormed("a36162a26161f66162f66161f66162f6"));
-  EXPECT_FALSE(wellFormed("a36162a36161f66162f66161f66161f660f6"));
-  EXPECT_FALSE(wellFormed("a260f660f6"));
-  EXPECT_FALSE(wellFormed("a36161f66162f66162f6"));
-}
-
 /// The most that this process has taken in memory so far, in MiB.
 long peakMemory() {
   rusage usage{};
@@ -253,17 +244,6 @@ TEST(Codec, WhatAPeerWouldRefuseIsNotSent) {
   EXPECT_TRUE(descriptors.fits());
   descriptors.descriptor(some);
   EXPECT_FALSE(descriptors.fits());
-}
-
-TEST(Codec, HoldsOnlyLooksAtEveryDepth) {
-  const ClassSet allowed{ValueClass::dictionary, ValueClass::string, ValueClass::url};
-  EXPECT_TRUE(holdsOnly(Dictionary{{"a", Dictionary{{"b", "c"}, {"u", qx::URL("x:")}}}}, allowed));
-  EXPECT_TRUE(holdsOnly(Dictionary{{"a", Value()}}, allowed));
-  EXPECT_FALSE(holdsOnly(Dictionary{{"a", Dictionary{{"b", 1}}}}, allowed));
-  EXPECT_FALSE(holdsOnly(Dictionary{{"a", qx::Array()}}, allowed));
-  EXPECT_TRUE(holdsOnly(Dictionary(), ClassSet()));
-  EXPECT_FALSE(holdsOnly(Dictionary{{"a", "b"}}, ClassSet()));
-  EXPECT_FALSE(holdsOnly(qx::Array{qx::Array{true}}, {ValueClass::array}));
 }
 
 }  // namespace

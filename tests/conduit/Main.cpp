@@ -1,7 +1,5 @@
-// The tests of the conduit, and the small programs that they start in processes of their own:
-//
-//   serve NAME     serves it until standard input ends; says "ready" or "nothing"
-//   activated NAME the same with a socket handed over as the service manager does it
+// The tests of the conduit. As "activated NAME" the program is a service that is handed its socket
+// by the service manager; it says "ready" or "nothing", and serves until standard input ends.
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/files/FileManager.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryRoot.h"
 
@@ -31,14 +30,6 @@ TEST_F(KeyStateTest, IsReadFromItsLine) {
   EXPECT_EQ(DeviceLockState(), 3);
   EXPECT_EQ(DeviceUnlockedSinceBoot(), 0);
   EXPECT_EQ(qx::test::LogCapture::mailbox().all().size(), 0u);
-
-  EXPECT_FALSE(qx::writeKeyState({1, true}));
-  auto text = qx::FileManager::readFile(qx::Places::keyState());
-  ASSERT_TRUE(text);
-  EXPECT_EQ(*text, "lock-state=1 unlocked-since-boot=1\n");
-  EXPECT_FALSE(qx::writeKeyState({0, false}));
-  EXPECT_EQ(DeviceLockState(), 0);
-  EXPECT_EQ(DeviceUnlockedSinceBoot(), 0);
 }
 
 TEST_F(KeyStateTest, WhatCannotBeUnderstoodIsLocked) {

@@ -236,17 +236,4 @@ TEST_F(ExtensionHostTest, AReplacedOneEndsWithItsLastRequest) {
   EXPECT_EQ(processOf(*extensions.front(), next), other);
 }
 
-TEST_F(ExtensionHostTest, ShutdownEndsAllAndStartsNoneAnyMore) {
-  const auto extension = installAndMatch({"deaf"});
-  const auto request = begin(*extension);
-  const pid_t process = processOf(*extension, request);
-  proxy(*extension, request)
-      ->_stopProvidingItemAtURL_completion(qx::URL("file:///silent"), nullptr);
-  ExtensionHost::shared().shutdown();
-  EXPECT_FALSE(isRunning(process));
-  EXPECT_TRUE(waitForLostCalls(1));
-  EXPECT_TRUE(begin(*extension).error->is(QXExtensionErrorDomain, 2));
-  EXPECT_EQ(log.count("sending it signal"), 1U);
-}
-
 }  // namespace

@@ -293,30 +293,4 @@ TEST_F(BundleCatalogTest, ObserversHearOfEveryChangeOneAtATime) {
   }
 }
 
-/// Not a test of its own: what the next one runs, as a program beside one called "docsourced".
-TEST(HostEntitlement, DISABLED_Inside) {
-  temporaryRoot();
-  auto own = fs::path(ownProgram()).parent_path().string();
-  auto hasIt = [](const ChildProcess& process) {
-    return qx::entitlementOfProcess(AuditToken::ofProcess(process.id()),
-                                    "com.veltro.file-coordination.host") == qx::Value(true);
-  };
-  ChildProcess daemon({own + "/docsourced"});
-  ChildProcess other({own + "/other"});
-  EXPECT_TRUE(hasIt(daemon));
-  EXPECT_FALSE(hasIt(other));
-  EXPECT_EQ(BundleIdentifierFromAuditToken(AuditToken::ofProcess(daemon.id())), std::nullopt);
-}
-
-TEST(HostEntitlement, BelongsToTheDaemonBesideTheProgram) {
-  TemporaryDirectory directory;
-  fs::copy_file("/proc/self/exe", directory / "platformd");
-  fs::copy_file("/bin/cat", directory / "docsourced");
-  fs::copy_file("/bin/cat", directory / "other");
-  EXPECT_EQ(ChildProcess({directory / "platformd", "--gtest_filter=HostEntitlement.DISABLED_Inside",
-                          "--gtest_also_run_disabled_tests"})
-                .wait(),
-            0);
-}
-
 }  // namespace

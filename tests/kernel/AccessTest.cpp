@@ -266,15 +266,4 @@ TEST_F(KernelTest, DirectoriesThatComeLaterAreWatched) {
   EXPECT_EQ(run(reader("read", item("made/elsewhere/moved"))).line, "right");
 }
 
-TEST_F(KernelTest, AThousandPlaceholdersForSixteenReaders) {
-  for (int i = 0; i < 1000; ++i) makePlaceholder(item(std::to_string(i)), 1000 + i * 7, i % 2 == 0);
-  const auto source = add();
-  std::vector<std::unique_ptr<ChildProcess>> readers;
-  for (int i = 0; i < 16; ++i) {
-    readers.push_back(std::make_unique<ChildProcess>(reader("each", items())));
-  }
-  for (auto& each : readers) EXPECT_EQ(each->readLine(), "right");
-  EXPECT_EQ(source->provides.all().size(), 1000u);
-}
-
 }  // namespace

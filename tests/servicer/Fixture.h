@@ -24,8 +24,6 @@ inline const Value absent;
 class ServicerTest : public testing::Test {
  protected:
   static constexpr auto self = "com.example.self";
-  static constexpr auto readEntitlement = "com.veltro.docsource.acl-read";
-  static constexpr auto writeEntitlement = "com.veltro.docsource.acl-write";
 
   void SetUp() override {
     entitle({{writeEntitlement, true}});
@@ -43,13 +41,11 @@ class ServicerTest : public testing::Test {
   }
 
   static void entitle(const Dictionary& entitlements) { beApplication(self, entitlements); }
-  static std::string accessControlFile() {
-    return Places::home() + "/Library/DocSource/AccessControl.plist";
+  /// Absent when the file cannot be parsed.
+  std::optional<std::set<std::string>> grants() const {
+    return grantsIn(accessControlFileOf(root));
   }
-  static bool isGranted(const std::string& grant) {
-    const auto grants = grantsIn(accessControlFile());
-    return grants && grants->contains(grant);
-  }
+  bool isGranted(const std::string& grant) const { return grants().value().contains(grant); }
   static void put(const URL& url) { std::ofstream(*url.path()) << "x"; }
 
   Wire::Answer call(const std::string& operation, const Array& arguments) {

@@ -64,7 +64,7 @@ TEST_F(Grants, AreRefusedWithAReason) {
   }
   beNobody();
   refused({url, "C"}, "(null)", DSNotPermittedError());
-  EXPECT_EQ(grantsIn(accessControlFile()), std::set<std::string>());
+  EXPECT_EQ(grants(), std::set<std::string>());
 }
 
 TEST_F(Grants, GiveTokensInTheDocumentsFolderAlone) {
@@ -107,7 +107,7 @@ TEST_F(Grants, OfABookmarkAreTheConsumersAlone) {
   logs("[DEBUG] Extending bookmark privileges for URL: “" + text(url) +
        "” from bundle com.example.self to C.");
   logs("[DEBUG] Successfully generated bookmarkable string “docsource:A/x” from URL " + text(url));
-  EXPECT_EQ(grantsIn(accessControlFile()), std::set<std::string>{"A C x"});
+  EXPECT_EQ(grants(), std::set<std::string>{"A C x"});
   EXPECT_EQ(outcome(documentURL, {"docsource:A/x"}), "DSErrorDomain 3");
   EXPECT_EQ(outcome(extendBookmark, {a.url("fail"), "C"}), failure);
 
@@ -143,7 +143,7 @@ TEST_F(Grants, TurnAStringIntoItsDocument) {
     logs("[ERROR] Provider ID A is not allowed to provide item ID “" + text(item) +
          "” to consumer ID com.example.self");
   }
-  writeList(accessControlFile(),
+  writeList(accessControlFileOf(root),
             Dictionary{{"A", Dictionary{{self, Dictionary{{"AllowedItemIDs", items}}}}}});
   start();
   put(a.url("x"));

@@ -9,6 +9,11 @@
 
 namespace qx::test {
 
+/// Where the daemon of a root keeps its grants.
+inline std::string accessControlFileOf(const std::string& root) {
+  return root + "/Home/Library/DocSource/AccessControl.plist";
+}
+
 /// What an access-control file grants, each as "provider consumer item"; nothing when there is no
 /// file, absent when it cannot be parsed.
 inline std::optional<std::set<std::string>> grantsIn(const std::string& path) {

@@ -12,6 +12,7 @@
 
 #include "platform/base/URL.h"
 #include "platform/base/Value.h"
+#include "tests/support/Grants.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Wire.h"
 
@@ -19,9 +20,6 @@ namespace qx::test {
 
 class Consumer;
 class ScriptedProvider;
-
-inline const char* const readEntitlement = "com.veltro.docsource.acl-read";
-inline const char* const writeEntitlement = "com.veltro.docsource.acl-write";
 
 /// A root of its own for one test, with the bundles that the test puts into it. Bundles come and
 /// go the way an installer does it: whole.
@@ -32,9 +30,7 @@ class Installation {
 
   const std::string& root() const { return root_; }
   std::string operator/(const std::string& name) const { return root_ + "/" + name; }
-  std::string accessControlFile() const {
-    return root_ + "/Home/Library/DocSource/AccessControl.plist";
-  }
+  std::string accessControlFile() const { return accessControlFileOf(root_); }
 
   /// A provider extension that behaves as `script` says; "items" has two documents where the
   /// script names none. Replaces one of that identifier.

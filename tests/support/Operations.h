@@ -1,11 +1,14 @@
 #pragma once
 
-/// The services and operations by their names on the wire.
+/// The services and operations by their names on the wire, and what it takes to be served.
 namespace qx::test {
 
 inline const char* const docSourceService = "com.veltro.DocSource";
 inline const char* const coordinationService = "com.veltro.FileCoordination";
 inline const char* const sandboxService = "com.veltro.Sandbox";
+
+inline const char* const readEntitlement = "com.veltro.docsource.acl-read";
+inline const char* const writeEntitlement = "com.veltro.docsource.acl-write";
 
 inline const char* const wakeUp = "wakeUpCompletion:";
 inline const char* const extendSandbox =
