@@ -7,7 +7,9 @@
 #include <fstream>
 
 #include "platform/base/Errors.h"
+#include "platform/identity/Bundles.h"
 #include "platform/queue/Clock.h"
+#include "tests/support/Gate.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Mailbox.h"
 #include "tests/support/SelfProvider.h"
@@ -127,7 +129,13 @@ TEST_F(ExtensionHostTest, MatchesInOrderAndAgainAtEveryChange) {
   EXPECT_EQ(logText(*first[2]), "b (" + path("b") + ")");
 
   // What does not match changes nothing, so the next array is the one without "a".
-  makeBundle(path("none either"), "none either");
+  auto& changes = *new Gate;
+  qx::BundleCatalog::shared().observeChanges([&changes] { changes.pass(); });
+  for (std::size_t i = 1; i <= 5; ++i) {
+    const auto name = "no extension " + std::to_string(i);
+    makeBundle(path(name), name);
+    changes.wait(i);
+  }
   install("b");
   const auto second = waitForArray(2);
   ASSERT_EQ(second.size(), 3U);

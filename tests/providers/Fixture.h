@@ -47,6 +47,8 @@ class ProvidersTest : public testing::Test {
     std::promise<void> called;
     Registry::createInstancesCompletion([&] { called.set_value(); });
     called.get_future().wait();
+    // The last that is logged of its own accord.
+    EXPECT_TRUE(waitForLine("[INFO] Connected to the file-coordination service."));
   }
   static std::string registered(const ProviderBundle& bundle, const std::string& identifier) {
     return "[INFO] Registered doc source extension " + identifier + " for path " +

@@ -1,5 +1,4 @@
-// The tests of the servicer; the program is its own client, and the extension that the daemon
-// starts.
+// The entry point of tests whose program is also the provider extension that is started.
 
 #include "tests/support/SelfProvider.h"
 
