@@ -91,12 +91,19 @@ std::optional<std::vector<std::uint8_t>> hexDecode(std::string_view text) {
   std::vector<std::uint8_t> bytes;
   bytes.reserve(text.size() / 2);
   for (std::size_t i = 0; i < text.size(); i += 2) {
-    const int high = hexDigit(text[i]);
-    const int low = hexDigit(text[i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    bytes.push_back(static_cast<std::uint8_t>(high << 4 | low));
+    const auto byte = hexByte(text.substr(i, 2));
+    if (!byte) return std::nullopt;
+    bytes.push_back(*byte);
   }
   return bytes;
+}
+
+std::optional<std::uint8_t> hexByte(std::string_view digits) {
+  if (digits.size() != 2) return std::nullopt;
+  const int high = hexDigit(digits[0]);
+  const int low = hexDigit(digits[1]);
+  if (high < 0 || low < 0) return std::nullopt;
+  return static_cast<std::uint8_t>(high << 4 | low);
 }
 
 std::string base64Encode(std::span<const std::uint8_t> bytes) {

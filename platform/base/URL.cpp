@@ -83,9 +83,9 @@ std::optional<std::string> URL::path() const {
     const std::size_t escape = rest.find('%');
     path += rest.substr(0, escape);
     if (escape == std::string_view::npos) break;
-    const auto byte = hexDecode(rest.substr(escape + 1, 2));
-    if (!byte || byte->size() != 1) return std::nullopt;
-    path += static_cast<char>(byte->front());
+    const auto byte = hexByte(rest.substr(escape + 1, 2));
+    if (!byte) return std::nullopt;
+    path += static_cast<char>(*byte);
     rest.remove_prefix(escape + 3);
   }
   if (path.find('\0') != std::string::npos) return std::nullopt;
