@@ -48,8 +48,9 @@ TEST_F(WritesTest, EachClosingOfAModifiedFileIsTold) {
                   item("edited") + "; exec 3>> " + item("edited"))
                 .status,
             0);
-  std::ofstream(item("edited")) << "by the provider";
   EXPECT_EQ(writesUpTo(item("x5")), std::vector<std::string>());
+  std::ofstream(item("edited")) << "by the provider";
+  EXPECT_EQ(writesUpTo(item("x6")), std::vector<std::string>());
   EXPECT_TRUE(source_->writers.all().front().starts_with("pid:"));
 }
 
