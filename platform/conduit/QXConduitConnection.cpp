@@ -1,5 +1,7 @@
 #include "platform/conduit/QXConduitConnection.h"
 
+#include <poll.h>
+
 #include <utility>
 
 #include "platform/base/Errors.h"
@@ -65,6 +67,11 @@ void QXConduitConnection::setRequestHandler(RequestHandler handler) {
 void QXConduitConnection::resume() { channel_->start(); }
 
 void QXConduitConnection::invalidate() { channel_->close(); }
+
+bool QXConduitConnection::isGone() const {
+  pollfd hangUp{channel_->socket(), POLLRDHUP, 0};
+  return isInvalid() || ::poll(&hangUp, 1, 0) != 0;
+}
 
 std::shared_ptr<QXConduitConnection> QXConduitConnection::auxiliaryConnection(
     const qx::UUID& request, std::shared_ptr<const QXConduitInterface> remoteInterface) const {

@@ -66,6 +66,8 @@ class QXConduitConnection final : public qx::conduit::ConduitChannel::Delegate,
   /// Ends the connection; calls in flight get QXConduitErrorDomain 4.
   void invalidate();
   bool isInvalid() const { return channel_->isClosed(); }
+  /// The same, or the peer has hung up and nobody has come to notice it yet (POLLRDHUP, poll(2)).
+  bool isGone() const;
 
   /// A proxy for the peer's object. `onError` is called once for each call of this proxy that
   /// fails (QXConduitErrorDomain), never from within the call.

@@ -103,7 +103,8 @@ class Service {
  private:
   Result<std::shared_ptr<QXConduitConnection>> connected() {
     const std::lock_guard lock(mutex_);
-    if (connection_ && !connection_->isInvalid()) return connection_;
+    // A service that was started anew between two calls is no error.
+    if (connection_ && !connection_->isGone()) return connection_;
     auto made = QXConduitConnection::connectToService(name_);
     if (!made) {
       return Error(LibraryError::serviceUnavailable, "The service " + name_ + " cannot be reached.",
