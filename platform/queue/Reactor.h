@@ -21,7 +21,8 @@ class ReactorHandler {
 /// A source is one-shot: after ready() was called it stays silent until it is armed again, so a
 /// handler that arms only at its end is never run twice at a time. EPOLLHUP and EPOLLERR are
 /// always reported to an armed source. A handler that waits inside a queue or for the disk holds
-/// nobody up, any other one that blocks for a millisecond or two: then another thread goes on.
+/// nobody else up, since another thread takes the events first; one that blocks otherwise holds
+/// others up until the reactor notices, a millisecond or two later.
 class Reactor {
  public:
   /// The one of this process.
