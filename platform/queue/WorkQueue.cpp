@@ -72,8 +72,7 @@ class ItemList {
 
 class PooledQueue final : public WorkQueue, public PoolWork {
  public:
-  PooledQueue(std::string label, bool isSerial)
-      : WorkQueue(std::move(label)), isSerial_(isSerial) {}
+  PooledQueue(std::string label, Kind kind) : WorkQueue(std::move(label), kind) {}
 
   /// What is left is left because the queue is suspended for ever.
   ~PooledQueue() override {
@@ -83,7 +82,7 @@ class PooledQueue final : public WorkQueue, public PoolWork {
     }
   }
 
-  void async(Task task) override { enqueue(std::move(task), isSerial_); }
+  void async(Task task) override { enqueue(std::move(task), isBarrier(false)); }
   void barrierAsync(Task task) override { enqueue(std::move(task), true); }
 
   void suspend() override {
@@ -117,66 +116,7 @@ class PooledQueue final : public WorkQueue, public PoolWork {
   }
 
  protected:
-  void syncErased(void (*function)(void*), void* context, bool barrier) override {
-    barrier = barrier || isSerial_;
-    if (!enter(barrier)) waitForTurn(barrier);
-    function(context);
-    leave(barrier);
-  }
-
- private:
-  using State = std::uint64_t;
-  static constexpr State barrierRuns = 1;
-  static constexpr State queued = 2;
-  static constexpr State suspended = 4;
-  static constexpr State oneReader = 8;
-  static constexpr int itemsPerTurn = 64;
-
-  static State readers(State state) { return state / oneReader; }
-  static State shareOf(bool barrier) { return barrier ? barrierRuns : oneReader; }
-
-  bool enter(bool barrier) {
-    if (barrier) {
-      State idle = 0;
-      return state_.compare_exchange_strong(idle, barrierRuns, std::memory_order_acquire,
-                                            std::memory_order_relaxed);
-    }
-    return enterAsReader(barrierRuns | queued | suspended);
-  }
-
-  bool enterAsReader(State obstacles) {
-    // Idle most of the time, and quicker to try than to look first.
-    State state = 0;
-    do {
-      if (state_.compare_exchange_weak(state, state + oneReader, std::memory_order_acquire,
-                                       std::memory_order_relaxed)) {
-        return true;
-      }
-    } while ((state & obstacles) == 0);
-    return false;
-  }
-
-  void leave(bool barrier) {
-    const State before = state_.fetch_sub(shareOf(barrier), std::memory_order_acq_rel);
-    if ((before & queued) == 0) return;
-    // A resume() or the last of the readers looks after the list.
-    if ((before & suspended) != 0 || (!barrier && readers(before) > 1)) return;
-    const std::lock_guard lock(mutex_);
-    grantWhatMayRun();
-    callForHelp();
-  }
-
-  void enqueue(Task task, bool barrier) {
-    auto* item = new Item;
-    item->isBarrier = barrier;
-    item->task = std::move(task);
-    const std::lock_guard lock(mutex_);
-    append(*item);
-    grantWhatMayRun();
-    callForHelp();
-  }
-
-  void waitForTurn(bool barrier) {
+  void waitForTurn(bool barrier) override {
     std::unique_lock lock(mutex_);
     // Readers pass the asynchronous readers that wait for a thread; only a barrier holds them up.
     if (!barrier && barriersQueued_ == 0 && enterAsReader(barrierRuns | suspended)) return;
@@ -198,6 +138,29 @@ class PooledQueue final : public WorkQueue, public PoolWork {
         sleep(submission, lock);
       }
     }
+  }
+
+  void lookAfterTheList(bool barrier, State before) override {
+    // A resume() or the last of the readers does.
+    if ((before & suspended) != 0 || (!barrier && readers(before) > 1)) return;
+    const std::lock_guard lock(mutex_);
+    grantWhatMayRun();
+    callForHelp();
+  }
+
+ private:
+  static constexpr int itemsPerTurn = 64;
+
+  static State readers(State state) { return state / oneReader; }
+
+  void enqueue(Task task, bool barrier) {
+    auto* item = new Item;
+    item->isBarrier = barrier;
+    item->task = std::move(task);
+    const std::lock_guard lock(mutex_);
+    append(*item);
+    grantWhatMayRun();
+    callForHelp();
   }
 
   /// The rest runs with the mutex held, but for run().
@@ -319,9 +282,6 @@ class PooledQueue final : public WorkQueue, public PoolWork {
     state_.fetch_sub(shareOf(barrier), std::memory_order_acq_rel);
   }
 
-  const bool isSerial_;
-  std::atomic<State> state_{0};
-
   std::mutex mutex_;
   ItemList items_;
   std::size_t barriersQueued_ = 0;
@@ -338,7 +298,7 @@ class PooledQueue final : public WorkQueue, public PoolWork {
 /// The global queue: nothing stands in the way of anything, so all of it goes to the pool at once.
 class GlobalQueue final : public WorkQueue {
  public:
-  GlobalQueue() : WorkQueue("global") {}
+  GlobalQueue() : WorkQueue("global", Kind::global) {}
 
   void async(Task task) override { WorkPool::shared().submit(std::move(task)); }
   void barrierAsync(Task task) override { async(std::move(task)); }
@@ -346,17 +306,18 @@ class GlobalQueue final : public WorkQueue {
   void resume() override {}
 
  protected:
-  void syncErased(void (*function)(void*), void* context, bool) override { function(context); }
+  void waitForTurn(bool) override {}
+  void lookAfterTheList(bool, State) override {}
 };
 
 }  // namespace
 
 std::shared_ptr<WorkQueue> WorkQueue::serial(std::string label) {
-  return std::make_shared<PooledQueue>(std::move(label), true);
+  return std::make_shared<PooledQueue>(std::move(label), Kind::serial);
 }
 
 std::shared_ptr<WorkQueue> WorkQueue::concurrent(std::string label) {
-  return std::make_shared<PooledQueue>(std::move(label), false);
+  return std::make_shared<PooledQueue>(std::move(label), Kind::concurrent);
 }
 
 WorkQueue& WorkQueue::global() {

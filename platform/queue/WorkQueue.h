@@ -1,11 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
-#include <type_traits>
 #include <utility>
 
 namespace qx {
@@ -45,11 +45,13 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   /// Submits, waits until it has run, and returns what it returned.
   template <class F>
   auto sync(F&& work) {
-    return wait(std::forward<F>(work), false);
+    const Turn turn(*this, false);
+    return std::forward<F>(work)();
   }
   template <class F>
   auto barrierSync(F&& work) {
-    return wait(std::forward<F>(work), true);
+    const Turn turn(*this, true);
+    return std::forward<F>(work)();
   }
 
   /// Submits `task` asynchronously when `delay` has passed on Clock::current().
@@ -61,26 +63,74 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   virtual void resume() = 0;
 
  protected:
-  explicit WorkQueue(std::string label) : label_(std::move(label)) {}
+  enum class Kind { serial, concurrent, global };
 
-  /// Runs `function(context)` and returns when it has run.
-  virtual void syncErased(void (*function)(void*), void* context, bool barrier) = 0;
+  /// What runs, and what closes the short way: one atomic word, which is all that a synchronous
+  /// submission to an idle queue touches. Flags, and above them how many readers run: items that
+  /// are no barriers.
+  using State = std::uint64_t;
+  static constexpr State barrierRuns = 1;
+  /// There is a list of items that wait.
+  static constexpr State queued = 2;
+  static constexpr State suspended = 4;
+  static constexpr State oneReader = 8;
 
- private:
-  template <class F>
-  auto wait(F&& work, bool barrier) {
-    using Returned = std::invoke_result_t<F&>;
-    if constexpr (std::is_void_v<Returned>) {
-      auto body = [&work] { work(); };
-      syncErased([](void* context) { (*static_cast<decltype(body)*>(context))(); }, &body, barrier);
-    } else {
-      std::optional<Returned> returned;
-      auto body = [&work, &returned] { returned.emplace(work()); };
-      syncErased([](void* context) { (*static_cast<decltype(body)*>(context))(); }, &body, barrier);
-      return std::move(*returned);
-    }
+  WorkQueue(std::string label, Kind kind) : kind_(kind), label_(std::move(label)) {}
+
+  /// On a serial queue every item is a barrier, on the global one none.
+  bool isBarrier(bool asked) const {
+    return kind_ == Kind::serial || (asked && kind_ == Kind::concurrent);
+  }
+  static State shareOf(bool barrier) { return barrier ? barrierRuns : oneReader; }
+
+  bool enterAsReader(State obstacles) {
+    // Idle most of the time, and quicker to try than to look first.
+    State state = 0;
+    do {
+      if (state_.compare_exchange_weak(state, state + oneReader, std::memory_order_acquire,
+                                       std::memory_order_relaxed)) {
+        return true;
+      }
+    } while ((state & obstacles) == 0);
+    return false;
   }
 
+  /// Returns when the item of the calling thread counts as running.
+  virtual void waitForTurn(bool barrier) = 0;
+  /// After an item has left the queue in the state `before`, while others waited.
+  virtual void lookAfterTheList(bool barrier, State before) = 0;
+
+  std::atomic<State> state_{0};
+
+ private:
+  /// An item that runs on the thread that submits it, for as long as this exists.
+  class Turn {
+   public:
+    Turn(WorkQueue& queue, bool barrier) : queue_(queue), barrier_(queue.isBarrier(barrier)) {
+      if (!queue_.enter(barrier_)) queue_.waitForTurn(barrier_);
+    }
+    ~Turn() { queue_.leave(barrier_); }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+   private:
+    WorkQueue& queue_;
+    const bool barrier_;
+  };
+
+  bool enter(bool barrier) {
+    if (!barrier) return enterAsReader(barrierRuns | queued | suspended);
+    State idle = 0;
+    return state_.compare_exchange_strong(idle, barrierRuns, std::memory_order_acquire,
+                                          std::memory_order_relaxed);
+  }
+
+  void leave(bool barrier) {
+    const State before = state_.fetch_sub(shareOf(barrier), std::memory_order_acq_rel);
+    if ((before & queued) != 0) lookAfterTheList(barrier, before);
+  }
+
+  const Kind kind_;
   std::string label_;
 };
 
