@@ -29,6 +29,8 @@ namespace qx::FileManager {
 namespace {
 
 constexpr std::size_t bufferSize = 65536;
+/// How much the disk is given at a time.
+constexpr off_t share = 1 << 20;
 
 /// Whether one journal brings all changes to the file system to the disk in the order in which they
 /// were made: ext4 that has a journal (ext4(5), /sys/fs/ext4/<disk>/journal_task). Anything else is
@@ -144,14 +146,24 @@ class SideFile {
       const ssize_t count = ::write(file_.get(), text.data(), text.size());
       if (count > 0) {
         text.remove_prefix(static_cast<std::size_t>(count));
+        written_ += count;
+        if (written_ - begun_ >= share) beginWriting();
       } else if (count == 0 || errno != EINTR) {
         fail();
       }
     }
   }
 
+  /// Has the disk begin with what is complete while the rest is being made (sync_file_range(2)).
+  void beginWriting() {
+    ::sync_file_range(file_.get(), begun_, written_ - begun_, SYNC_FILE_RANGE_WRITE);
+    begun_ = written_;
+  }
+
   FileDescriptor directory_;
   FileDescriptor file_;
+  off_t written_ = 0;
+  off_t begun_ = 0;
   std::string name_;
   bool isNamed_ = false;
   std::string buffer_;

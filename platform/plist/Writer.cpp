@@ -13,7 +13,7 @@
 namespace qx::PropertyList {
 namespace {
 
-constexpr std::size_t pieceSize = 65536;
+constexpr std::size_t pieceSize = 1 << 18;
 
 /// What stands for a byte in the text of an element.
 enum class Form : std::uint8_t {
