@@ -17,6 +17,7 @@
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
   qx::fillStandardDescriptors();
+  qx::raiseDescriptorLimit();
   qx::returnLargeBlocks();
   qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
   if (auto taken = qx::claimService(dsDaemonServiceName)) {

@@ -1,11 +1,18 @@
 #include "platform/base/FileDescriptor.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 
 namespace qx {
+namespace {
+
+std::optional<rlimit> limitBeforeRaise;
+
+}  // namespace
 
 void FileDescriptor::reset(int fd) {
   if (fd_ >= 0) {
@@ -28,6 +35,20 @@ void fillStandardDescriptors() {
     if (file.get() > STDERR_FILENO) return;
     file.release();
   }
+}
+
+std::size_t raiseDescriptorLimit() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  if (!limitBeforeRaise) limitBeforeRaise = limit;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_cur;
+}
+
+void restoreDescriptorLimit(pid_t child) {
+  if (limitBeforeRaise) ::prlimit(child, RLIMIT_NOFILE, &*limitBeforeRaise, nullptr);
 }
 
 }  // namespace qx

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <utility>
 
 namespace qx {
@@ -33,5 +36,14 @@ class FileDescriptor {
 /// Opens /dev/null where standard input, output or error is closed, so that no other file gets one
 /// of their numbers and the log written into it. For main, before anything is opened.
 void fillStandardDescriptors();
+
+/// Lets this process have as many descriptors as it may ask for, and returns how many that are
+/// (getrlimit(2)): every client costs one, and what a login gives is a thousand. For main, before
+/// other threads exist; a second call changes nothing.
+std::size_t raiseDescriptorLimit();
+
+/// Gives a child the limit that this process was started with: a program that uses select(2) counts
+/// on numbers below 1024.
+void restoreDescriptorLimit(pid_t child);
 
 }  // namespace qx

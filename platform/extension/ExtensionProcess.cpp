@@ -162,6 +162,7 @@ std::optional<Error> ExtensionProcess::spawn() {
     process_ = -1;
     return posixError(errnum, executable + " cannot be started");
   }
+  restoreDescriptorLimit(process_);
   descriptor_.reset(static_cast<int>(syscall(SYS_pidfd_open, process_, 0)));
   if (!descriptor_) {
     // Nobody would learn of its end.

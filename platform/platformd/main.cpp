@@ -141,6 +141,7 @@ CoordinationMechanism wantedMechanism() {
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
   qx::fillStandardDescriptors();
+  qx::raiseDescriptorLimit();
   qx::returnLargeBlocks();
   if (arguments.size() == 2 && std::string_view(arguments[1]) == EventHolder::workerOption) {
     return work();

@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -21,6 +20,7 @@
 #include <utility>
 
 #include "platform/base/Errors.h"
+#include "platform/base/FileDescriptor.h"
 #include "platform/files/Places.h"
 #include "platform/log/Log.h"
 
@@ -54,20 +54,10 @@ bool store(int descriptor, const char* name) {
   return sd_pid_notify_with_fds(0, 0, text.c_str(), &descriptor, 1) > 0;
 }
 
-/// As many as it may have: every program that waits costs one.
-rlim_t raiseDescriptorLimit() {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
-  getrlimit(RLIMIT_NOFILE, &limit);
-  return limit.rlim_cur;
-}
-
 }  // namespace
 
 Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
-  const rlim_t limit = raiseDescriptorLimit();
+  const std::size_t limit = raiseDescriptorLimit();
   FileDescriptor accesses = storedDescriptor(accessesName);
   FileDescriptor changes = storedDescriptor(changesName);
   // Version 254 and later says how many descriptors it would store.
@@ -77,7 +67,7 @@ Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
     Groups groups{AccessGroup(std::move(accesses)), ChangeGroup(std::move(changes)), wanted, keeps};
     if (!groups.accesses.knowsAccess(Places::root())) groups.mask = openPermission;
     // The files of these are not known any more; the numbers are enough to end the wait.
-    const int most = static_cast<int>(std::min<rlim_t>(limit, 1U << 20U));
+    const int most = static_cast<int>(std::min<std::size_t>(limit, 1U << 20U));
     int ended = 0;
     for (int number = 0; number < most; ++number) {
       if (groups.accesses.answer(number, EAGAIN)) ++ended;
