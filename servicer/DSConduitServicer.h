@@ -11,6 +11,7 @@
 #include "servicer/DSDaemon.h"
 
 class DSAccessControlStore;
+class DSExtensionDocSource;
 
 /// Where a servicer finds the daemon's access control store. What the daemon's server is to its
 /// servicers.
@@ -84,6 +85,17 @@ class DSConduitServicer final : public DSDaemon,
   bool isAllowed(const std::optional<std::string>& providerID,
                  const std::optional<std::string>& itemID,
                  const std::optional<std::string>& consumerID) const;
+
+  using ItemOperation = void (DSExtensionDocSource::*)(const std::optional<qx::URL>& url,
+                                                       qx::Completion<qx::Error> completion);
+  /// Asks the provider for the item's identifier, and then for the operation when the consumer was
+  /// granted the item.
+  void forwardIfGranted(ItemOperation operation,
+                        const std::shared_ptr<DSExtensionDocSource>& provider,
+                        const std::optional<qx::URL>& url,
+                        const std::optional<std::string>& providerID,
+                        const std::optional<std::string>& consumerID,
+                        qx::Completion<qx::Error> completion);
 
   std::weak_ptr<DSAccessControlStoreOwner> server_;
   std::weak_ptr<QXConduitConnection> connection_;

@@ -57,30 +57,30 @@ void answerEarly(qx::Completion<qx::Error> completion, const qx::Error& error) {
   });
 }
 
-/// Asks the provider for the item's identifier and whether the consumer was granted the item, and
-/// goes on with `forward` when it was.
-void whenGranted(const Provider& provider, const ItemRequest& request,
-                 const std::function<bool(const std::optional<std::string>& itemID)>& isAllowed,
-                 const qx::Completion<qx::Error>& completion,
-                 const std::function<void()>& forward) {
+}  // namespace
+
+void DSConduitServicer::forwardIfGranted(ItemOperation operation,
+                                         const std::shared_ptr<DSExtensionDocSource>& provider,
+                                         const std::optional<qx::URL>& url,
+                                         const std::optional<std::string>& providerID,
+                                         const std::optional<std::string>& consumerID,
+                                         qx::Completion<qx::Error> completion) {
   provider->itemIDForURL_completionHandler(
-      request.url,
-      [request, isAllowed, completion, forward](const std::optional<qx::Error>& error,
+      url, [self = shared_from_this(), operation, provider, url, providerID, consumerID,
+            completion = std::move(completion)](const std::optional<qx::Error>& error,
                                                 const std::optional<std::string>& itemID) {
         if (error) {
           if (completion) completion(DSPluginOperationFailedError(error));
-        } else if (isAllowed(itemID)) {
-          forward();
+        } else if (self->isAllowed(providerID, itemID, consumerID)) {
+          ((*provider).*operation)(url, completion);
         } else {
           DS_LOG(
               "[ERROR] Consumer ID %@ is not allowed to access item ID “%@” from provider ID %@.",
-              request.consumerID, itemID, request.providerID);
+              consumerID, itemID, providerID);
           if (completion) completion(DSNotPermittedError());
         }
       });
 }
-
-}  // namespace
 
 void DSConduitServicer::
     providePlaceholderForItemAtURL_fromProviderID_forConsumerID_completionHandler(
@@ -101,15 +101,8 @@ void DSConduitServicer::
     answerEarly(std::move(completion), provider.error());
     return;
   }
-  whenGranted(
-      *provider, request,
-      [self = shared_from_this(), providerID, consumerID](const auto& itemID) {
-        return self->isAllowed(providerID, itemID, consumerID);
-      },
-      completion,
-      [provider = *provider, url, completion] {
-        provider->providePlaceholderForItemAtURL_completionHandler(url, completion);
-      });
+  forwardIfGranted(&DSExtensionDocSource::providePlaceholderForItemAtURL_completionHandler,
+                   *provider, url, providerID, consumerID, std::move(completion));
 }
 
 void DSConduitServicer::startProvidingItemAtURL_fromProviderID_forConsumerID_completionHandler(
@@ -128,15 +121,8 @@ void DSConduitServicer::startProvidingItemAtURL_fromProviderID_forConsumerID_com
     answerEarly(std::move(completion), DSNotFoundError(providerID));
     return;
   }
-  whenGranted(
-      *provider, request,
-      [self = shared_from_this(), providerID, consumerID](const auto& itemID) {
-        return self->isAllowed(providerID, itemID, consumerID);
-      },
-      completion,
-      [provider = *provider, url, completion] {
-        provider->startProvidingItemAtURL_completionHandler(url, completion);
-      });
+  forwardIfGranted(&DSExtensionDocSource::startProvidingItemAtURL_completionHandler, *provider, url,
+                   providerID, consumerID, std::move(completion));
 }
 
 void DSConduitServicer::stopProvidingItemAtURL_fromProviderID_forConsumerID_completionHandler(
