@@ -18,7 +18,7 @@ int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
   qx::fillStandardDescriptors();
   qx::raiseDescriptorLimit();
-  qx::returnLargeBlocks();
+  qx::keepFreeMemorySmall();
   qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
   if (auto taken = qx::claimService(dsDaemonServiceName)) {
     std::fprintf(stderr, "docsourced: %s\n", taken->description().c_str());

@@ -142,7 +142,7 @@ int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
   qx::fillStandardDescriptors();
   qx::raiseDescriptorLimit();
-  qx::returnLargeBlocks();
+  qx::keepFreeMemorySmall();
   if (arguments.size() == 2 && std::string_view(arguments[1]) == EventHolder::workerOption) {
     return work();
   }

@@ -8,7 +8,8 @@
 // or started, when nobody waits for events because a handler waits inside a queue or for the disk
 // (it says so), or because no event was taken for a moment (a watcher sees it). Who comes back and
 // finds somebody waiting goes into the reserve, where more than `kept` threads end after
-// `idleTime`. The watcher also does what was put off to have company.
+// `idleTime`; as a peak is over then, memory is given back. The watcher also does what was put off
+// to have company.
 
 #include "platform/queue/Reactor.h"
 
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/base/Memory.h"
 #include "platform/queue/Thread.h"
 #include "platform/queue/WorkPool.h"
 
@@ -154,12 +156,17 @@ class EpollReactor final : public Reactor, private ThreadOwner {
     Sleeper sleeper;
     std::unique_lock lock(reserveMutex_);
     reserve_.push_back(&sleeper);
-    while (!sleeper.wake.wait_for(lock, idleTime, [&] { return sleeper.isWoken; })) {
-      if (threads_ <= kept) continue;
+    const auto isWoken = [&] { return sleeper.isWoken; };
+    // Those that are kept sleep until they are needed: an idle process has nothing to wake up for.
+    while (threads_ > kept && !sleeper.isWoken) {
+      if (sleeper.wake.wait_for(lock, idleTime, isWoken) || threads_ <= kept) continue;
       std::erase(reserve_, &sleeper);
       --threads_;
+      lock.unlock();
+      giveFreeMemoryBack();
       return false;
     }
+    sleeper.wake.wait(lock, isWoken);
     return true;
   }
 

@@ -134,16 +134,27 @@ void WorkPool::work() {
       continue;
     }
     ++idle_;
-    Sleeper sleeper;
-    sleepers_.push_back(&sleeper);
-    const bool found = sleeper.wake.wait_for(lock, idleTime, [&] { return sleeper.isWoken; });
-    if (!found) std::erase(sleepers_, &sleeper);
+    const bool isNeeded = sleep(lock);
     --idle_;
-    if (!found && jobs_.empty() && threads_ - waiting_ > size_) {
+    if (!isNeeded) {
       --threads_;
       return;
     }
   }
+}
+
+bool WorkPool::sleep(std::unique_lock<std::mutex>& lock) {
+  Sleeper sleeper;
+  sleepers_.push_back(&sleeper);
+  const auto isWoken = [&] { return sleeper.isWoken; };
+  // Only what is too much looks at the clock: an idle process has nothing to wake up for.
+  while (isTooMany() && !sleeper.isWoken) {
+    if (sleeper.wake.wait_for(lock, idleTime, isWoken) || !isTooMany()) continue;
+    std::erase(sleepers_, &sleeper);
+    return !jobs_.empty();
+  }
+  sleeper.wake.wait(lock, isWoken);
+  return true;
 }
 
 void WorkPool::watch() {

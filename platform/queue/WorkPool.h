@@ -99,10 +99,13 @@ class WorkPool final : private ThreadOwner {
   void runNext(std::unique_lock<std::mutex>& lock);
   bool isShortOfThreads() const { return jobs_.size() > idle_; }
   bool mayGrow(unsigned limit) const { return threads_ - waiting_ < limit; }
+  bool isTooMany() const { return threads_ - waiting_ > size_; }
   /// With the mutex held.
   void provideThread();
   void startWorker();
   void work();
+  /// Until there is a job, or, where there are too many threads, for a while; whether to go on.
+  bool sleep(std::unique_lock<std::mutex>& lock);
   void watch();
 
   std::mutex mutex_;
