@@ -20,10 +20,11 @@ std::string makeLocation() {
       DS_LOG("[ERROR] Cannot create access control directory. Error: %@", *error);
     }
   }
+  qx::FileManager::removeSideFiles(directory);
   return directory + "/AccessControl.plist";
 }
 
-/// Made up, and its directory created, once per process.
+/// Made up, and its directory created or cleared of what a killed process left, once per process.
 const std::string& filePath() {
   static const auto& path = *new std::string(makeLocation());
   return path;

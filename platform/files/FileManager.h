@@ -99,5 +99,9 @@ std::optional<Error> replaceFile(
 std::optional<Error> replaceFile(const std::string& path, std::string_view text,
                                  unsigned mode = 0600);
 
+/// Removes the side files of processes that were killed between giving one a name and renaming it.
+/// For a directory in which nobody replaces a file meanwhile.
+void removeSideFiles(const std::string& directory);
+
 }  // namespace FileManager
 }  // namespace qx

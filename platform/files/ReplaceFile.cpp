@@ -19,6 +19,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 
 #include "platform/base/Errors.h"
 #include "platform/base/Text.h"
@@ -28,6 +29,7 @@
 namespace qx::FileManager {
 namespace {
 
+constexpr std::string_view sidePrefix = ".side-";
 constexpr std::size_t bufferSize = 65536;
 /// How much the disk is given at a time.
 constexpr off_t share = 1 << 20;
@@ -113,7 +115,8 @@ class SideFile {
     std::uint64_t number = 0;
     while (::getrandom(&number, sizeof number, 0) < 0 && errno == EINTR) {
     }
-    name_ = ".side-" + hexEncode({reinterpret_cast<const std::uint8_t*>(&number), sizeof number});
+    name_ = sidePrefix;
+    name_ += hexEncode({reinterpret_cast<const std::uint8_t*>(&number), sizeof number});
   }
 
   void openNamed(mode_t mode) {
@@ -200,6 +203,16 @@ std::optional<Error> replaceFile(const std::string& path, std::string_view text,
         return true;
       },
       mode);
+}
+
+void removeSideFiles(const std::string& directory) {
+  std::error_code problem;
+  std::filesystem::directory_iterator entry(directory, problem);
+  for (; !problem && entry != end(entry); entry.increment(problem)) {
+    const auto& path = entry->path();
+    std::error_code ignored;
+    if (path.filename().string().starts_with(sidePrefix)) std::filesystem::remove(path, ignored);
+  }
 }
 
 }  // namespace qx::FileManager
