@@ -86,6 +86,13 @@ class DSConduitServicer final : public DSDaemon,
                  const std::optional<std::string>& itemID,
                  const std::optional<std::string>& consumerID) const;
 
+  using ItemIDReply = qx::Completion<qx::Error, std::string>;
+  /// Asks the provider for the item's identifier. The answer is taken further on the global queue:
+  /// what waits for the list or the disk then must not hold up the thread that reads what the
+  /// provider answers to others.
+  static void lookUpItemID(const std::shared_ptr<DSExtensionDocSource>& provider,
+                           const std::optional<qx::URL>& url, ItemIDReply reply);
+
   using ItemOperation = void (DSExtensionDocSource::*)(const std::optional<qx::URL>& url,
                                                        qx::Completion<qx::Error> completion);
   /// Asks the provider for the item's identifier, and then for the operation when the consumer was

@@ -72,8 +72,8 @@ void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
     return;
   }
 
-  provider->itemIDForURL_completionHandler(
-      item,
+  lookUpItemID(
+      provider, item,
       [completion = std::move(completion), self = shared_from_this(), provider, consumerID, url](
           const std::optional<qx::Error>& lookupError, const std::optional<std::string>& itemID) {
         if (lookupError) {

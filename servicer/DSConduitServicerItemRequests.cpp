@@ -65,10 +65,11 @@ void DSConduitServicer::forwardIfGranted(ItemOperation operation,
                                          const std::optional<std::string>& providerID,
                                          const std::optional<std::string>& consumerID,
                                          qx::Completion<qx::Error> completion) {
-  provider->itemIDForURL_completionHandler(
-      url, [self = shared_from_this(), operation, provider, url, providerID, consumerID,
-            completion = std::move(completion)](const std::optional<qx::Error>& error,
-                                                const std::optional<std::string>& itemID) {
+  lookUpItemID(
+      provider, url,
+      [self = shared_from_this(), operation, provider, url, providerID, consumerID,
+       completion = std::move(completion)](const std::optional<qx::Error>& error,
+                                           const std::optional<std::string>& itemID) {
         if (error) {
           if (completion) completion(DSPluginOperationFailedError(error));
         } else if (self->isAllowed(providerID, itemID, consumerID)) {

@@ -71,37 +71,38 @@ void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_comp
     return;
   }
 
-  provider->itemIDForURL_completionHandler(url, [self = shared_from_this(),
-                                                 completion = std::move(completion), providerID,
-                                                 consumerID,
-                                                 url](const std::optional<qx::Error>& lookupError,
-                                                      const std::optional<std::string>& itemID) {
-    if (lookupError) {
-      if (completion) {
-        completion(DSPluginOperationFailedError(lookupError), std::nullopt, std::nullopt,
-                   std::nullopt);
-      }
-      return;
-    }
-    self->allow(providerID, itemID, consumerID);
-    std::optional<qx::Bytes> token;
-    std::optional<qx::URL> siblingURL;
-    std::optional<qx::Bytes> siblingToken;
-    std::optional<qx::Error> issueError;
-    if (issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError)) {
-      DS_LOG(
-          "[INFO] Successfully extended sandbox for URL %@ from provider ID %@ to consumer ID "
-          "%@.",
-          url, providerID, consumerID);
-      if (completion) completion(std::nullopt, token, siblingURL, siblingToken);
-    } else {
-      DS_LOG("[ERROR] Failed to extend sandbox for URL %@ from provider ID %@ to consumer ID %@.",
-             url, providerID, consumerID);
-      if (completion) {
-        completion(DSSandboxExtensionFailedError(url), std::nullopt, std::nullopt, std::nullopt);
-      }
-    }
-  });
+  lookUpItemID(
+      provider, url,
+      [self = shared_from_this(), completion = std::move(completion), providerID, consumerID, url](
+          const std::optional<qx::Error>& lookupError, const std::optional<std::string>& itemID) {
+        if (lookupError) {
+          if (completion) {
+            completion(DSPluginOperationFailedError(lookupError), std::nullopt, std::nullopt,
+                       std::nullopt);
+          }
+          return;
+        }
+        self->allow(providerID, itemID, consumerID);
+        std::optional<qx::Bytes> token;
+        std::optional<qx::URL> siblingURL;
+        std::optional<qx::Bytes> siblingToken;
+        std::optional<qx::Error> issueError;
+        if (issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError)) {
+          DS_LOG(
+              "[INFO] Successfully extended sandbox for URL %@ from provider ID %@ to consumer ID "
+              "%@.",
+              url, providerID, consumerID);
+          if (completion) completion(std::nullopt, token, siblingURL, siblingToken);
+        } else {
+          DS_LOG(
+              "[ERROR] Failed to extend sandbox for URL %@ from provider ID %@ to consumer ID %@.",
+              url, providerID, consumerID);
+          if (completion) {
+            completion(DSSandboxExtensionFailedError(url), std::nullopt, std::nullopt,
+                       std::nullopt);
+          }
+        }
+      });
 }
 
 std::optional<qx::URL> hiddenSiblingURLForURL(const qx::URL& url) {

@@ -1,5 +1,12 @@
 // Who may ask, the listing, and the requests that a provider act on an item.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/base/FileDescriptor.h"
 #include "tests/servicer/Fixture.h"
 
 namespace qx::test {
@@ -117,6 +124,29 @@ TEST_F(Requests, ReachTheProviderForWhatWasGranted) {
   const auto once = DSPluginOperationFailedError(Error("ProviderDomain", 7, "no"));
   logs("[ERROR] Could not ask provider ID A to stop providing item at URL " + text(a.url("fail")) +
        ". Error: " + once->text());
+}
+
+TEST_F(Requests, WaitForAListThatHangsAloneAndHoldNobodyElseUp) {
+  ASSERT_EQ(outcome(extendSandbox, {a.url("x"), "A", "C"}), "success");
+  // The next reading of the list waits for somebody to write it.
+  const auto list = accessControlFileOf(root);
+  std::filesystem::remove(list);
+  ASSERT_EQ(mkfifo(list.c_str(), 0600), 0);
+  std::ofstream(root + "/run/notify/com.veltro.mobile.lockwardd.first_unlock").flush();
+  FileDescriptor writer;
+  ASSERT_TRUE(eventually([&] {
+    writer.reset(open(list.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    return static_cast<bool>(writer);
+  }));
+  Wire waiting = connectTo(docSourceService), other = connectTo(docSourceService);
+  const auto call = waiting.begin(startProviding, {a.url("x"), "A", "C"});
+  for (const auto& url : {a.url("x"), b.url("x")}) {
+    EXPECT_EQ(other.call(bookmarkableString, {url}).outcome(), "success");
+  }
+  EXPECT_EQ(other.call(listProviders, {}).outcome(), "success");
+  EXPECT_FALSE(waiting.hasInput());
+  writer.reset();
+  EXPECT_EQ(waiting.answer(call).outcome(), "DSErrorDomain 3");
 }
 
 }  // namespace
