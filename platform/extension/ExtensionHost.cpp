@@ -164,18 +164,21 @@ std::shared_ptr<ExtensionProcess> ExtensionHost::processOf(const Bundle& bundle)
   return found->second;
 }
 
-Result<UUID> ExtensionHost::beginRequest(const std::shared_ptr<const Bundle>& bundle) {
-  if (auto process = processOf(*bundle)) {
+Result<UUID> ExtensionHost::beginRequest(const std::shared_ptr<const Bundle>& asked) {
+  if (auto process = processOf(*asked)) {
     if (auto request = process->beginRequest()) return *request;
   }
   std::lock_guard starting(starting_);
+  // Who was replaced and has not been told yet means what is installed in its place.
+  const auto installed = BundleCatalog::shared().bundles(BundleKind::extension);
+  const auto found = std::find_if(installed.begin(), installed.end(), [&asked](const auto& each) {
+    return each->identifier == asked->identifier && each->path == asked->path;
+  });
+  const bool isInstalled = found != installed.end();
+  const auto& bundle = isInstalled ? *found : asked;
   if (auto process = processOf(*bundle)) {
     if (auto request = process->beginRequest()) return *request;
   }
-  const auto installed = BundleCatalog::shared().bundles(BundleKind::extension);
-  const bool isInstalled =
-      std::any_of(installed.begin(), installed.end(),
-                  [&bundle](const auto& each) { return isSameInstallation(*each, *bundle); });
   const QXExtensionPoint* point = nullptr;
   {
     std::lock_guard lock(mutex_);

@@ -22,7 +22,7 @@ class ExtensionHost {
                                       QXExtension::MatchingCallback callback);
 
   /// In the process of this very installation, started when it does not run.
-  Result<UUID> beginRequest(const std::shared_ptr<const Bundle>& bundle);
+  Result<UUID> beginRequest(const std::shared_ptr<const Bundle>& asked);
   /// Unknown requests are ignored.
   void endRequest(const Bundle& bundle, const UUID& request);
   std::shared_ptr<QXExtensionContext> context(const Bundle& bundle, const UUID& request);
