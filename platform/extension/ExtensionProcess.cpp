@@ -297,8 +297,7 @@ void ExtensionProcess::sendSignal(int signal) {
   if (reaped_ || !sentSignals_.insert(signal).second) return;
   DS_LOG("[NOTICE] Extension %@ (process %d) does not end; sending it signal %d.",
          bundle_->identifier, process_, signal);
-  // Not reaped yet, so the number still means this process.
-  kill(process_, signal);
+  syscall(SYS_pidfd_send_signal, descriptor_.get(), signal, nullptr, 0);
 }
 
 void ExtensionProcess::ready(std::uint32_t /*events*/) {
@@ -312,8 +311,9 @@ void ExtensionProcess::reap() {
   {
     std::lock_guard lock(mutex_);
     if (reaped_) return;
-    if (waitid(P_PID, static_cast<id_t>(process_), &info, WEXITED | WNOHANG) != 0 ||
-        info.si_pid == 0) {
+    const bool isGone = waitid(P_PID, static_cast<id_t>(process_), &info, WEXITED | WNOHANG) != 0 &&
+                        errno == ECHILD;
+    if (!isGone && info.si_pid == 0) {
       if (source_ != 0) Reactor::shared().arm(source_, descriptor_.get(), EPOLLIN);
       return;
     }
@@ -323,7 +323,9 @@ void ExtensionProcess::reap() {
     if (killTimer_ != 0) clock.cancel(killTimer_);
     if (source_ != 0) Reactor::shared().remove(source_, descriptor_.get());
   }
-  if (info.si_code == CLD_EXITED) {
+  if (info.si_pid == 0) {
+    DS_LOG("[NOTICE] Extension %@ (process %d) ended.", bundle_->identifier, process_);
+  } else if (info.si_code == CLD_EXITED) {
     DS_LOG("[INFO] Extension %@ (process %d) ended with status %d.", bundle_->identifier, process_,
            info.si_status);
   } else {

@@ -84,6 +84,7 @@ void RunLoop::stopOnSignals(std::initializer_list<int> signals) {
   // the program.
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);
+  ::signal(SIGCHLD, SIG_DFL);
 }
 
 void RunLoop::run() {

@@ -13,7 +13,8 @@ class RunLoop {
   static RunLoop& main();
 
   /// Blocks these signals in the calling thread (and so in all that it starts) and takes their
-  /// arrival as stop(); SIGPIPE and SIGXFSZ are ignored from here on. Call first thing in main,
+  /// arrival as stop(); SIGPIPE and SIGXFSZ are ignored from here on, and SIGCHLD is not, which who
+  /// started us may have left so, and no child could be waited for. Call first thing in main,
   /// before any other thread exists (signalfd(2)).
   void stopOnSignals(std::initializer_list<int> signals);
 

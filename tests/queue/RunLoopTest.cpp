@@ -6,6 +6,8 @@
 
 #include <thread>
 
+#include "tests/support/InChild.h"
+
 namespace {
 
 TEST(RunLoop, EndsOnASignalOrAStopWhetherItComesBeforeOrDuringRun) {
@@ -22,6 +24,12 @@ TEST(RunLoop, EndsOnASignalOrAStopWhetherItComesBeforeOrDuringRun) {
     loop.perform([&] { sender = std::jthread([signal] { kill(getpid(), signal); }); });
     loop.run();
   }
+}
+
+TEST(RunLoop, ChildrenCanBeWaitedForWhoeverIgnoredThemBefore) {
+  signal(SIGCHLD, SIG_IGN);
+  qx::RunLoop::main().stopOnSignals({});
+  EXPECT_EQ(qx::test::inChild([] { return 7; }), 7);
 }
 
 }  // namespace
