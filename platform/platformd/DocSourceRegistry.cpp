@@ -6,8 +6,12 @@
 #include "platform/base/Errors.h"
 #include "platform/files/FileManager.h"
 #include "platform/log/Log.h"
+#include "platform/queue/WorkQueue.h"
 
 namespace {
+
+/// Of one provider. A connection takes 1,024 calls without an answer.
+constexpr std::size_t mostUnderWay = 64;
 
 bool contains(const qx::URL& directory, const qx::URL& item) {
   auto relationship =
@@ -91,29 +95,57 @@ void DocSourceRegistry::provide(const qx::URL& url, const std::string& readerID,
     completion(std::nullopt);
     return;
   }
-  const Item item{owner->number, resolved(url)};
+  const Provide provide{{owner->number, resolved(url)}, owner, url, readerID};
   {
     std::lock_guard lock(mutex_);
-    auto& readers = underWay_[item];
+    auto& readers = readers_[provide.item];
     readers.push_back(std::move(completion));
     if (readers.size() > 1) return;
+    Turns& turns = turns_[owner->number];
+    if (turns.underWay == mostUnderWay) {
+      turns.waiting.push_back(provide);
+      return;
+    }
+    ++turns.underWay;
   }
-  DS_LOG("[INFO] Doc source %@ is to provide %@ to %@.", owner->identifier, url, readerID);
-  owner->host->provideItem(
-      owner->identifier, url, readerID,
-      [self = shared_from_this(), item, owner, url](const std::optional<qx::Error>& error) {
-        if (error) {
-          DS_LOG("[NOTICE] Doc source %@ did not provide %@. Error: %@", owner->identifier, url,
-                 *error);
-        }
-        std::vector<qx::Completion<qx::Error>> readers;
-        {
-          std::lock_guard lock(self->mutex_);
-          auto node = self->underWay_.extract(item);
-          if (node) readers = std::move(node.mapped());
-        }
-        for (const auto& reader : readers) reader(error);
+  ask(provide);
+}
+
+void DocSourceRegistry::ask(const Provide& provide) {
+  DS_LOG("[INFO] Doc source %@ is to provide %@ to %@.", provide.owner->identifier, provide.url,
+         provide.readerID);
+  provide.owner->host->provideItem(
+      provide.owner->identifier, provide.url, provide.readerID,
+      [self = shared_from_this(), provide](const std::optional<qx::Error>& error) {
+        self->answered(provide, error);
       });
+}
+
+void DocSourceRegistry::answered(const Provide& provide, const std::optional<qx::Error>& error) {
+  if (error) {
+    DS_LOG("[NOTICE] Doc source %@ did not provide %@. Error: %@", provide.owner->identifier,
+           provide.url, *error);
+  }
+  std::vector<qx::Completion<qx::Error>> readers;
+  std::optional<Provide> next;
+  {
+    std::lock_guard lock(mutex_);
+    if (auto node = readers_.extract(provide.item)) readers = std::move(node.mapped());
+    auto turns = turns_.find(provide.owner->number);
+    auto& waiting = turns->second.waiting;
+    if (!waiting.empty()) {
+      next = std::move(waiting.front());
+      waiting.pop_front();
+    } else if (--turns->second.underWay == 0) {
+      turns_.erase(turns);
+    }
+  }
+  // From a queue, as a host that is lost answers at once, and a thousand may be waiting.
+  if (next) {
+    qx::WorkQueue::global().async(
+        [self = shared_from_this(), next = *std::move(next)] { self->ask(next); });
+  }
+  for (const auto& reader : readers) reader(error);
 }
 
 void DocSourceRegistry::didFinishWriting(const qx::URL& url, const std::string& writerID) {

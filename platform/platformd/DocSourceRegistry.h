@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -71,9 +73,14 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   /// Forgets all doc sources of a host. Its provides that are under way end through their host.
   void forget(const std::shared_ptr<DocSourceHost>& host);
 
+  /// Whether the item belongs to a doc source.
+  bool owns(const qx::URL& url) const { return ownerOf(url) != nullptr; }
+
   /// Has the item brought in for a reader. Called back once: at once and without error when no doc
   /// source owns the item, else when its provider has answered. While a provide of a file is under
   /// way, further readers of it wait for the same answer, and the provider hears of the first one.
+  /// A provider is asked for 64 files at a time; others wait their turn, so that one that does not
+  /// answer leaves room on a connection that it shares with others.
   void provide(const qx::URL& url, const std::string& readerID,
                qx::Completion<qx::Error> completion);
 
@@ -84,12 +91,27 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   using SourcePointer = std::shared_ptr<const DocSource>;
   /// A file while it is being provided.
   using Item = std::pair<std::uint64_t, std::string>;
+  /// What a provider is asked.
+  struct Provide {
+    Item item;
+    SourcePointer owner;
+    qx::URL url;
+    std::string readerID;
+  };
+  /// What one is being asked, and has yet to be asked.
+  struct Turns {
+    std::size_t underWay = 0;
+    std::deque<Provide> waiting;
+  };
 
   SourcePointer ownerOf(const qx::URL& url) const;
+  void ask(const Provide& provide);
+  void answered(const Provide& provide, const std::optional<qx::Error>& error);
 
   std::weak_ptr<DocSourceObserver> observer_;
   mutable std::mutex mutex_;
   std::uint64_t lastNumber_ = 0;
   std::map<std::string, SourcePointer, std::less<>> sources_;
-  std::map<Item, std::vector<qx::Completion<qx::Error>>> underWay_;
+  std::map<Item, std::vector<qx::Completion<qx::Error>>> readers_;
+  std::map<std::uint64_t, Turns> turns_;  // by the number of the doc source
 };

@@ -109,7 +109,9 @@ class FileCoordinationClient final : public QXFileCoordination {
     auto connection = connection_.lock();
     if (!connection) return;
     if (auto error = refusal(*connection, "file-read-data", url)) {
-      completion(*error);
+      // What is nowhere has nobody to bring it in.
+      const bool isNowhere = error->is(QXStandardErrorDomain, qx::fileNoSuchFileError);
+      completion(isNowhere && !registry_->owns(*url) ? std::nullopt : error);
     } else {
       registry_->provide(*url, identifierOf(*connection), std::move(completion));
     }

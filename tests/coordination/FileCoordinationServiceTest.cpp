@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <map>
+#include <vector>
 
 #include "tests/coordination/Fixture.h"
 #include "tests/support/ChildProcess.h"
@@ -60,7 +63,7 @@ TEST_F(FileCoordinationServiceTest, WhatNobodyOwnsIsReadAtOnce) {
   // A link that leads out, and one that leads in.
   std::filesystem::create_symlink(elsewhere / "file", items / "out");
   std::filesystem::create_symlink(items / "document", elsewhere / "in");
-  for (const auto& path : {elsewhere / "file", items.path(), items / "out",
+  for (const auto& path : {elsewhere / "file", items.path(), items / "out", elsewhere / "no/where",
                            items / "../" + elsewhere.path().substr(5) + "/file"}) {
     EXPECT_EQ(reader.read(path), success) << path;
   }
@@ -115,6 +118,43 @@ TEST_F(FileCoordinationServiceTest, ReadersOfOneFileShareOneProvide) {
   EXPECT_FALSE(second.hasInput());
   provider.close();
   EXPECT_EQ(second.end(again), lost);
+}
+
+TEST_F(FileCoordinationServiceTest, AProviderThatDoesNotAnswerLeavesRoomForOthers) {
+  Client provider, reader;
+  TemporaryDirectory elsewhere;
+  std::ofstream(elsewhere / "file") << "x";
+  ASSERT_EQ(provider.add("hung", directory), success);
+  ASSERT_EQ(provider.add("other", URL::fileURL(elsewhere.path(), true)), success);
+  // More than a connection takes without an answer.
+  std::array<Client, 2> waiting;
+  std::vector<std::int64_t> reads;
+  for (int i = 0; i < 700; ++i) {
+    for (Client& client : waiting) {
+      reads.push_back(client.beginRead(items / std::to_string(reads.size())));
+    }
+  }
+  for (Client& client : waiting) EXPECT_EQ(client.read("/"), success);
+  std::size_t asked = 0;
+  const auto nextOfOther = [&] {
+    for (;; ++asked) {
+      const auto call = provider.nextCall();
+      if (!call.starts_with("docSource:provideItemAtURL") || call.find("(hung, ") == call.npos) {
+        return call;
+      }
+      // Each answer is another one's turn.
+      if (asked < 10) provider.reply();
+    }
+  };
+  const auto read = reader.beginRead(elsewhere / "file");
+  EXPECT_EQ(nextOfOther(), provideCall("other", elsewhere / "file", "com.example.tests"));
+  provider.reply();
+  EXPECT_EQ(reader.end(read), success);
+  provider.close();
+  std::map<std::string, std::size_t> outcomes;
+  for (std::size_t i = 0; i < reads.size(); ++i) ++outcomes[waiting[i % 2].end(reads[i])];
+  EXPECT_EQ(outcomes[success], 10U);
+  EXPECT_EQ(outcomes[lost], reads.size() - 10);
 }
 
 TEST_F(FileCoordinationServiceTest, ALostConnectionForgetsItsSourcesAndFailsItsReaders) {
