@@ -10,6 +10,7 @@
 #include "platform/base/FileDescriptor.h"
 #include "platform/base/Memory.h"
 #include "platform/conduit/ServiceSocket.h"
+#include "platform/coordination/QXFileCoordinator.h"
 #include "platform/extension/ExtensionHost.h"
 #include "platform/log/Log.h"
 #include "platform/queue/RunLoop.h"
@@ -35,6 +36,7 @@ int main(int argc, char* argv[]) {
 
   // No new calls, no extension left running, no write under way.
   server.reset();
+  QXFileCoordinator::leave();
   qx::ExtensionHost::shared().shutdown();
   store->syncQueue()->sync([] {});
   return 0;

@@ -8,7 +8,9 @@
 #include "platform/coordination/QXFileCoordinator.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -19,6 +21,7 @@
 #include "platform/files/DirectoryWatch.h"
 #include "platform/files/Places.h"
 #include "platform/log/Log.h"
+#include "platform/queue/WorkPool.h"
 #include "platform/queue/WorkQueue.h"
 
 namespace {
@@ -34,15 +37,35 @@ class Coordinator {
   }
 
   void add(const SourcePointer& source) {
-    queue_->async([this, source] {
+    const auto answer = std::make_shared<Answer>();
+    queue_->async([this, source, answer] {
+      if (hasLeft_) return answer->give();
       watchForService();
-      if (auto identifier = source->_fileReactorID()) {
+      const auto identifier = source->_fileReactorID();
+      if (identifier) {
         sources_[*identifier] = source;
         if (connection_) sendAdd(*identifier, *source);
       } else {
         nameless_.insert(source);
       }
       connect();
+      if (connection_ && !isSlow_ && identifier && sent_.contains(*identifier)) {
+        awaited_.emplace(*identifier, answer);
+      } else {
+        answer->give();
+      }
+    });
+    if (answer->wait(patience)) return;
+    queue_->async([this] { isSlow_ = true; });
+  }
+
+  void leave() {
+    queue_->sync([this] {
+      hasLeft_ = true;
+      sources_.clear();
+      nameless_.clear();
+      releaseAll();
+      if (const auto connection = std::exchange(connection_, nullptr)) connection->invalidate();
     });
   }
 
@@ -67,6 +90,27 @@ class Coordinator {
   }
 
  private:
+  /// What a thread waits for.
+  class Answer {
+   public:
+    void give() {
+      const std::lock_guard lock(mutex_);
+      isThere_ = true;
+      came_.notify_one();
+    }
+    bool wait(std::chrono::seconds time) {
+      const qx::WorkPool::Waiting waiting;
+      std::unique_lock lock(mutex_);
+      return came_.wait_for(lock, time, [this] { return isThere_; });
+    }
+
+   private:
+    std::mutex mutex_;
+    std::condition_variable came_;
+    bool isThere_ = false;
+  };
+  static constexpr std::chrono::seconds patience{10};
+
   void watchForService() {
     if (watch_) return;
     watch_ =
@@ -84,6 +128,15 @@ class Coordinator {
   void lost(const QXConduitConnection* connection);
   void sendAdd(const std::string& identifier, QXDocSource& source);
   void sendRemove(const std::string& identifier);
+  void release(const std::string& identifier) {
+    for (auto [each, end] = awaited_.equal_range(identifier); each != end;
+         each = awaited_.erase(each)) {
+      each->second->give();
+    }
+  }
+  void releaseAll() {
+    for (const auto& [identifier, answer] : std::exchange(awaited_, {})) answer->give();
+  }
 
   std::shared_ptr<QXFileCoordination> service(QXConduitConnection::ErrorHandler onError) {
     return connection_->remoteObjectProxyWithErrorHandler<QXFileCoordination>(std::move(onError));
@@ -96,8 +149,11 @@ class Coordinator {
   std::set<SourcePointer> nameless_;
   ConnectionPointer connection_;
   std::set<std::string> sent_;
+  std::multimap<std::string, std::shared_ptr<Answer>> awaited_;
   bool hasAnswered_ = false;  // over this connection
+  bool isSlow_ = false;       // over this connection
   bool isMissed_ = false;
+  bool hasLeft_ = false;
 };
 
 /// What the service calls back.
@@ -143,7 +199,7 @@ void Coordinator::connect() {
     return;
   }
   connection_ = std::move(*connected);
-  hasAnswered_ = false;
+  hasAnswered_ = isSlow_ = false;
   connection_->setExportedInterface(
       QXConduitInterface::interfaceWithProtocol<QXFileCoordinationHost>());
   connection_->setExportedObject<QXFileCoordinationHost>(std::make_shared<CoordinationHost>());
@@ -165,6 +221,7 @@ void Coordinator::lost(const QXConduitConnection* connection) {
   if (connection_.get() != connection) return;
   connection_.reset();
   sent_.clear();
+  releaseAll();
   isMissed_ = true;
   DS_LOG("[NOTICE] The connection to the file-coordination service was lost.");
   if (hasAnswered_) {
@@ -187,7 +244,8 @@ void Coordinator::sendAdd(const std::string& identifier, QXDocSource& source) {
     DS_LOG("[ERROR] Could not add doc source %@ to the file-coordination service. Error: %@",
            identifier, error);
   };
-  service([refused](const qx::Error& error) {
+  service([this, identifier, refused](const qx::Error& error) {
+    queue_->async([this, identifier] { release(identifier); });
     // A connection that is lost has a line of its own, and a next one is made.
     if (!error.is(QXConduitErrorDomain,
                   static_cast<std::int64_t>(qx::ConduitErrorCode::connectionLost))) {
@@ -196,10 +254,13 @@ void Coordinator::sendAdd(const std::string& identifier, QXDocSource& source) {
   })
       ->addDocSource_providedItemsURL_completion(
           identifier, *url,
-          [this, refused, connection = connection_.get()](const std::optional<qx::Error>& error) {
+          [this, identifier, refused,
+           connection = connection_.get()](const std::optional<qx::Error>& error) {
             if (error) refused(*error);
-            queue_->async([this, connection] {
-              if (connection_.get() == connection) hasAnswered_ = true;
+            queue_->async([this, connection, identifier] {
+              if (connection_.get() != connection) return;
+              hasAnswered_ = true;
+              release(identifier);
             });
           });
 }
@@ -221,6 +282,8 @@ void Coordinator::sendRemove(const std::string& identifier) {
 void QXFileCoordinator::_addDocSource(const std::shared_ptr<QXDocSource>& source) {
   Coordinator::shared().add(source);
 }
+
+void QXFileCoordinator::leave() { Coordinator::shared().leave(); }
 
 void QXFileCoordinator::_removeDocSource(const std::shared_ptr<QXDocSource>& source) {
   Coordinator::shared().remove(source);

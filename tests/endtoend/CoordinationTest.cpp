@@ -89,27 +89,33 @@ TEST_F(Coordination, StandsAgainWhenEitherSideComesBack) {
   startPlatform();
   EXPECT_TRUE(isCoordinated("A.txt"));
 
-  // The daemon goes: its doc sources are forgotten, its clients get the news.
-  Wire reader = consumer_.connect(coordinationService);
-  provider_.behave({{vendorStart, "never"}});
-  const auto pending = reader.begin(coordinateReading, {provider_.url("B c.txt")});
-  const auto call = broker.begin(stopProviding, {provider_.url("A.txt"), "com.example.p", app});
-  EXPECT_EQ(broker.answer(call).outcome(), "success");
-  ASSERT_TRUE(eventually([&] {
-    const auto lines = provider_.callLines();
-    return std::any_of(lines.begin(), lines.end(), [](const auto& line) {
-      return line.starts_with(vendorStart) && line.ends_with("B%20c.txt");
-    });
-  }));
-  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
-  EXPECT_EQ(reader.answer(pending).error()->domain(), "QXConduitErrorDomain");
-  EXPECT_TRUE(broker.isClosedByPeer());
-  EXPECT_EQ(read(provider_.url("A.txt")), "success");
-  EXPECT_EQ(content("A.txt"), "");
+  // The daemon goes, asked to or not: its doc sources are forgotten, its clients get the news.
+  std::ptrdiff_t asked = 0;
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    Wire reader = consumer_.connect(coordinationService);
+    Wire client = consumer_.connect();
+    provider_.behave({{vendorStart, "never"}});
+    const auto pending = reader.begin(coordinateReading, {provider_.url("B c.txt")});
+    const auto call = client.begin(stopProviding, {provider_.url("A.txt"), "com.example.p", app});
+    EXPECT_EQ(client.answer(call).outcome(), "success");
+    ++asked;
+    ASSERT_TRUE(eventually([&] {
+      const auto lines = provider_.callLines();
+      return asked == std::count_if(lines.begin(), lines.end(), [](const auto& line) {
+               return line.starts_with(vendorStart) && line.ends_with("B%20c.txt");
+             });
+    }));
+    EXPECT_EQ(daemon_->end(signal), signal == SIGTERM ? 0 : -SIGKILL);
+    EXPECT_EQ(reader.answer(pending).error()->domain(), "QXConduitErrorDomain");
+    EXPECT_TRUE(client.isClosedByPeer());
+    std::filesystem::resize_file(provider_.document("A.txt"), 0);
+    EXPECT_EQ(read(provider_.url("A.txt")), "success");
+    EXPECT_EQ(content("A.txt"), "");
 
-  provider_.behave({});
-  start();
-  EXPECT_TRUE(isCoordinated("A.txt"));
+    provider_.behave({});
+    start();
+    EXPECT_TRUE(isCoordinated("A.txt"));
+  }
   EXPECT_EQ(consumer_.connect().call(listProviders, {}).outcome(), "success");
   stop();
   EXPECT_EQ(platform_->end(SIGTERM), 0);
