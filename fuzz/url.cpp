@@ -36,7 +36,7 @@ void checkComponent(const URL& url, const std::string& component) {
   require(entry == *path + (isClosed ? "" : "/") + component, "an entry is in its directory");
 }
 
-/// Whether ".." follows a name that does not exist. What that means is a matter of taste: here the
+/// Whether ".." follows a name that is no directory. What that means is a matter of taste: here the
 /// name is taken back and what follows is looked up, the standard library only takes it back.
 bool leavesTheMissing(const fs::path& path) {
   fs::path prefix;
@@ -45,7 +45,7 @@ bool leavesTheMissing(const fs::path& path) {
   for (const auto& component : path) {
     prefix /= component;
     if (isMissing && component == "..") return true;
-    isMissing = isMissing || !fs::exists(prefix, ignored);
+    isMissing = isMissing || !fs::is_directory(prefix, ignored);
   }
   return false;
 }

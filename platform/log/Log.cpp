@@ -4,6 +4,7 @@
 #include "platform/log/Log.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -12,6 +13,9 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -22,6 +26,7 @@ namespace qx {
 
 namespace {
 
+std::atomic<int> patienceMilliseconds = 5000;
 constexpr std::array levels{LogLevel::fault, LogLevel::standard, LogLevel::info, LogLevel::debug};
 
 std::string_view levelName(LogLevel level) {
@@ -82,19 +87,68 @@ std::string timeText() {
   return text;
 }
 
-/// The whole line in one write(2), so that lines of several threads and processes stay apart; what
-/// a signal or a full pipe left over follows.
-void writeLine(std::string_view line) {
-  while (!line.empty()) {
-    const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
-    if (written >= 0) {
-      line.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno == EAGAIN) {
-      pollfd standardError{STDERR_FILENO, POLLOUT, 0};
-      ::poll(&standardError, 1, -1);
-    } else if (errno != EINTR) {
-      return;
+/// Whether standard error takes some more. A pipe that nobody reads must not bring the program to a
+/// stand: it is waited for once, and not again until it has taken something.
+bool isTaken() {
+  static std::atomic<bool> isStuck = false;
+  pollfd standardError{STDERR_FILENO, POLLOUT, 0};
+  int ready = 0;
+  do {
+    ready = ::poll(&standardError, 1, isStuck ? 0 : patienceMilliseconds.load());
+  } while (ready < 0 && errno == EINTR);
+  isStuck = ready == 0;
+  return ready != 0;
+}
+
+/// As much as can be written at a time without being held up in the middle: what a pipe keeps
+/// together anyhow (pipe(7)), and anything where it goes to a file.
+std::size_t pieceSizeFor(std::string_view line) {
+  struct stat status;
+  const bool isSmall = line.size() <= PIPE_BUF;
+  if (isSmall || (fstat(STDERR_FILENO, &status) == 0 && S_ISREG(status.st_mode))) {
+    return line.size();
+  }
+  return PIPE_BUF;
+}
+
+/// The whole line in one write(2) where that is possible, so that lines of several threads and
+/// processes stay apart. False when it could not be written.
+bool writeLine(std::string line) {
+  static std::atomic<bool> isCut = false;
+  if (isCut) line.insert(0, 1, '\n');
+  const std::size_t pieceSize = pieceSizeFor(line);
+  for (std::string_view rest = line; !rest.empty();) {
+    if (!isTaken()) {
+      isCut = isCut || rest.size() < line.size();
+      return false;
     }
+    const ssize_t written = ::write(STDERR_FILENO, rest.data(), std::min(rest.size(), pieceSize));
+    if (written >= 0) {
+      rest.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR && errno != EAGAIN) {
+      break;
+    }
+  }
+  isCut = false;
+  return true;
+}
+
+std::string lineOf(LogLevel level, const std::string& message) {
+  std::string line = timeText() + " " + program_invocation_short_name;
+  line += "[" + std::to_string(getpid()) + "] ";
+  line += levelName(level);
+  line += ": " + message + "\n";
+  return line;
+}
+
+void writeToStandardError(LogLevel level, const std::string& message) {
+  static std::atomic<std::size_t> lost = 0;
+  if (!writeLine(lineOf(level, message))) {
+    ++lost;
+  } else if (const std::size_t count = lost.exchange(0); count > 0) {
+    writeLine(lineOf(LogLevel::standard, "[NOTICE] " + std::to_string(count) +
+                                             " messages before this one were lost: nobody read "
+                                             "what is written here."));
   }
 }
 
@@ -156,13 +210,13 @@ void Log::writeFilled(LogLevel level, std::string_view text,
   if (const Sink sink = sink_.load()) {
     sink(level, message);
   } else if (!standardErrorIsJournal() || !sendToJournal(level, message)) {
-    std::string line = timeText() + " " + program_invocation_short_name;
-    line += "[" + std::to_string(getpid()) + "] ";
-    line += levelName(level);
-    line += ": " + message + "\n";
-    writeLine(line);
+    writeToStandardError(level, message);
   }
   errno = savedError;
+}
+
+void Log::setPatience(std::chrono::milliseconds patience) {
+  patienceMilliseconds = static_cast<int>(patience.count());
 }
 
 }  // namespace qx

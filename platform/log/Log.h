@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -96,6 +97,10 @@ class Log {
   /// `text` is the filled-in message without time, name and level.
   using Sink = void (*)(LogLevel level, const std::string& text);
   void setSink(Sink sink) { sink_.store(sink); }
+
+  /// How long to wait for a standard error that takes no more, a pipe that nobody reads, before
+  /// messages are dropped until it does; five seconds, but for tests. Their number is logged then.
+  static void setPatience(std::chrono::milliseconds patience);
 
   Log();
 

@@ -42,6 +42,12 @@ class CapturedStandardError {
     return readUntilClosed();
   }
 
+  std::string readWhatIsThere() {
+    std::string text(1 << 20, '\0');
+    text.resize(static_cast<std::size_t>(::read(readEnd_.get(), text.data(), text.size())));
+    return text;
+  }
+
   /// Until somebody else has redirected standard error.
   std::string readUntilClosed() {
     std::string text;
@@ -175,6 +181,34 @@ TEST(Log, LongLineSurvivesAPipeThatFills) {
   }
   EXPECT_GE(std::count(text.begin(), text.end(), 'x'), 1 << 20);
   EXPECT_TRUE(text.ends_with("x\n"));
+}
+
+TEST(Log, APipeThatNobodyReadsCostsMessagesAndNothingElse) {
+  const Log log;
+  Log::setPatience(std::chrono::milliseconds(1));
+  CapturedStandardError captured;
+  for (int i = 0; i < 100; ++i) log.write(LogLevel::fault, "[ERROR] %s", std::string(i * 30, 'x'));
+  const auto kept = linesOf(captured.readWhatIsThere());
+  log.write(LogLevel::fault, "[ERROR] more");
+  const auto more = linesOf(captured.readWhatIsThere());
+  // One that is cut off is ended before the next.
+  log.write(LogLevel::fault, "[ERROR] %s", std::string(1 << 20, 'y'));
+  EXPECT_TRUE(captured.readWhatIsThere().ends_with("yyy"));
+  log.write(LogLevel::fault, "[ERROR] again");
+  const auto again = linesOf(captured.read());
+  Log::setPatience(std::chrono::seconds(5));
+
+  ASSERT_EQ(more.size(), 2U);
+  EXPECT_TRUE(more[0].ends_with("fault: [ERROR] more"));
+  std::smatch lost;
+  ASSERT_TRUE(std::regex_search(
+      more[1], lost,
+      std::regex(R"(default: \[NOTICE\] (\d+) messages before this one were lost)")));
+  EXPECT_GT(kept.size(), 5U);
+  EXPECT_EQ(kept.size() + std::stoul(lost[1]), 100U);
+  ASSERT_EQ(again.size(), 3U);
+  EXPECT_EQ(again[0], "");
+  EXPECT_TRUE(again[1].ends_with("fault: [ERROR] again"));
 }
 
 TEST(Log, JournalGetsMessagesNativelyWhenStandardErrorLeadsThere) {
