@@ -26,7 +26,7 @@ namespace qx {
 
 namespace {
 
-std::atomic<int> patienceMilliseconds = 5000;
+std::atomic<int> patienceMilliseconds = 2000;
 constexpr std::array levels{LogLevel::fault, LogLevel::standard, LogLevel::info, LogLevel::debug};
 
 std::string_view levelName(LogLevel level) {

@@ -99,7 +99,7 @@ class Log {
   void setSink(Sink sink) { sink_.store(sink); }
 
   /// How long to wait for a standard error that takes no more, a pipe that nobody reads, before
-  /// messages are dropped until it does; five seconds, but for tests. Their number is logged then.
+  /// messages are dropped until it does; two seconds, but for tests. Their number is logged then.
   static void setPatience(std::chrono::milliseconds patience);
 
   Log();

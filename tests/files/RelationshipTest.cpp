@@ -80,9 +80,9 @@ TEST_F(RelationshipTest, FollowsWhereThingsAre) {
 
   // What does not exist lies below its deepest ancestor; nothing is below a file, but its name
   // still has a place.
-  expect(contains, {"Documents/missing", "Documents/missing/a/b/", "Documents/missing/../x",
-                    "missing/../Documents/x", "Documents/file/below",
-                    "Outside/file/../../alias/missing/x"});
+  expect(contains,
+         {"Documents/missing", "Documents/missing/a/b/", "Documents/missing/../x",
+          "missing/../Documents/x", "Documents/file/below", "Outside/file/../../alias/missing/x"});
   expect(same, {"Documents/missing/..", "Documents/missing/a/../..", "Documents/file/.."});
   expect(other, {"missing", "missing/Documents", "Documents/missing/../../Outside/file",
                  "Documents/missing/../out/file", "Documents/missing/../../../x",

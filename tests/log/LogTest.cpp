@@ -196,7 +196,7 @@ TEST(Log, APipeThatNobodyReadsCostsMessagesAndNothingElse) {
   EXPECT_TRUE(captured.readWhatIsThere().ends_with("yyy"));
   log.write(LogLevel::fault, "[ERROR] again");
   const auto again = linesOf(captured.read());
-  Log::setPatience(std::chrono::seconds(5));
+  Log::setPatience(std::chrono::seconds(2));
 
   ASSERT_EQ(more.size(), 2U);
   EXPECT_TRUE(more[0].ends_with("fault: [ERROR] more"));
