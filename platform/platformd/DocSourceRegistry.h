@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -45,7 +46,9 @@ struct DocSource {
 class DocSourceObserver {
  public:
   virtual ~DocSourceObserver() = default;
-  virtual void docSourceAdded(const DocSource& source) = 0;
+  /// `onWatched` is called once, when everything that the directory holds now is watched, or it is
+  /// known that it cannot be.
+  virtual void docSourceAdded(const DocSource& source, std::function<void()> onWatched) = 0;
   virtual void docSourceRemoved(const DocSource& source) = 0;
   /// Its host is gone; it may come back.
   virtual void docSourceLost(const DocSource& source) = 0;
@@ -64,9 +67,10 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   /// Before the first doc source. Held weakly.
   void setObserver(const std::weak_ptr<DocSourceObserver>& observer) { observer_ = observer; }
 
-  /// Adds a doc source, in the place of one with the same identifier.
+  /// Adds a doc source, in the place of one with the same identifier. Called back once: when the
+  /// observer watches the directory, or at once where there is none.
   void add(const std::string& identifier, const qx::URL& providedItemsURL,
-           const std::shared_ptr<DocSourceHost>& host);
+           const std::shared_ptr<DocSourceHost>& host, std::function<void()> completion);
   /// DSNotFoundError for an unknown identifier, DSNotPermittedError for one of another host.
   std::optional<qx::Error> remove(const std::string& identifier,
                                   const std::shared_ptr<DocSourceHost>& host);

@@ -88,10 +88,9 @@ class FileCoordinationClient final : public QXFileCoordination {
     } else if (!providedItemsURL || !providedItemsURL->path()) {
       completion(invalidURL(providedItemsURL));
     } else {
-      registry_->add(*identifier, *providedItemsURL, host_);
+      registry_->add(*identifier, *providedItemsURL, host_, [completion] { completion({}); });
       // A connection that ended meanwhile has had its doc sources forgotten before this one came.
       if (connection->isInvalid()) registry_->forget(host_);
-      completion(std::nullopt);
     }
   }
 

@@ -1,13 +1,18 @@
 // Programs that know nothing of documents get at placeholders.
 
+#include "platform/conduit/ServiceSocket.h"
 #include "platform/platformd/kernel/MarkedTrees.h"
 #include "tests/kernel/Fixture.h"
+#include "tests/support/Wire.h"
 
 namespace {
 
 using namespace qx::test;
+using qx::Array;
 using qx::Error;
 using qx::FileDescriptor;
+using qx::URL;
+using qx::Value;
 
 TEST_F(KernelTest, EveryWayToTheContentBringsItIn) {
   const auto source = add();
@@ -239,6 +244,104 @@ TEST_F(KernelTest, TheProvidersOwnProcessesAreLetThrough) {
   // Another extension is a program like any other.
   EXPECT_EQ(shell("env QX_EXTENSION_IDENTIFIER=com.example.other sh " + script).line, "8");
   EXPECT_EQ(source->provides.all().size(), 1u);
+}
+
+/// A provider that speaks for itself.
+class WireHost : public Wire {
+ public:
+  WireHost() : Wire(serviceSocket()) {}
+
+  std::int64_t beginToAdd(const std::string& identifier, const std::string& directory = items()) {
+    return begin("addDocSource:providedItemsURL:completion:",
+                 {identifier, URL::fileURL(directory, true)});
+  }
+  std::string add(const std::string& identifier, const std::string& directory = items()) {
+    return answer(beginToAdd(identifier, directory)).outcome();
+  }
+  /// Fills what it is asked for next.
+  void provideNext() {
+    auto asked = receive();
+    while (asked && asked->size() != 4) asked = receive();
+    if (!asked) {
+      close();  // lest the reader wait for it
+      FAIL() << "nobody asks";
+    }
+    fill(*asked->back().as<Array>()->at(1).as<URL>()->path());
+    send({2, (*asked)[1], Array{Value()}});
+  }
+
+  static std::string items() { return temporaryRoot() + "/Items"; }
+
+ private:
+  static FileDescriptor serviceSocket() {
+    FileDescriptor socket;
+    // platformd says what it does a moment before it listens.
+    EXPECT_TRUE(eventually([&] {
+      auto connected = qx::connectToServiceSocket(fileCoordinationServiceName);
+      if (connected) socket = std::move(*connected);
+      return connected.ok();
+    }));
+    return socket;
+  }
+};
+
+/// As many directories, with a placeholder in each.
+std::string document(int i) { return WireHost::items() + "/" + std::to_string(i) + "/document"; }
+void makeDocuments(int count) {
+  for (int i = 0; i < count; ++i) {
+    fs::create_directories(fs::path(document(i)).parent_path());
+    makePlaceholder(document(i), 5000);
+  }
+}
+
+TEST_F(KernelTest, ADocSourceIsAddedWhenItsWholeTreeIsWatched) {
+  constexpr int count = 1500;
+  makeDocuments(count);
+  std::optional<WireHost> host(std::in_place);
+  ASSERT_EQ(host->add("com.example.source"), "success");
+  for (const int i : {0, count / 2, count - 1}) {
+    ChildProcess reading(reader("read", document(i)));
+    host->provideNext();
+    EXPECT_EQ(reading.readLine(), "right");
+  }
+  // Nothing there yet to watch, and nothing that could ever be.
+  EXPECT_EQ(host->add("com.example.later", temporaryRoot() + "/Later"), "success");
+  EXPECT_EQ(host->add("com.example.never", document(0)), "success");
+
+  // The marks outlive the worker.
+  kill(worker(), SIGKILL);
+  ChildProcess waiting(reader("read", document(1)));
+  host.reset();
+  ASSERT_TRUE(platformd_->logs("[ERROR] Worker "));
+  host.emplace();
+  host->beginToAdd("com.example.source");
+  host->provideNext();
+  EXPECT_EQ(waiting.readLine(), "right");
+}
+
+TEST_F(KernelTest, ATreeIsWatchedAlthoughWhoAddedItGoes) {
+  constexpr int count = 300;
+  makeDocuments(count);
+  // Removed by the one who has just added it: both are answered.
+  WireHost fickle;
+  const auto adding = fickle.beginToAdd("com.example.source");
+  const auto removing = fickle.begin("removeDocSource:completion:", {"com.example.source"});
+  EXPECT_EQ(fickle.answer(adding).outcome(), "success");
+  EXPECT_EQ(fickle.answer(removing).outcome(), "success");
+  for (const int i : {0, count - 1}) {
+    EXPECT_EQ(run(reader("read", document(i))).line, "Resource temporarily unavailable");
+  }
+  // Lost before it was answered: who reads waits for the next.
+  std::optional<WireHost> lost(std::in_place);
+  lost->beginToAdd("com.example.source");
+  ASSERT_TRUE(platformd_->logs("for doc source com.example.source.", 2));
+  lost.reset();
+  ASSERT_TRUE(platformd_->logs("Doc source com.example.source is gone"));
+  ChildProcess waiting(reader("read", document(0)));
+  WireHost next;
+  next.beginToAdd("com.example.source");
+  next.provideNext();
+  EXPECT_EQ(waiting.readLine(), "right");
 }
 
 TEST_F(KernelTest, DirectoriesThatComeLaterAreWatched) {

@@ -327,10 +327,13 @@ void KernelCoordinator::finish(const FileIdentity& identity, int errnum) {
   for (auto& request : node.mapped().requests) answer(std::move(request), errnum);
 }
 
-void KernelCoordinator::docSourceAdded(const DocSource& source) {
-  queue_->async([self = shared_from_this(), source] {
+void KernelCoordinator::docSourceAdded(const DocSource& source, std::function<void()> onWatched) {
+  queue_->async([self = shared_from_this(), source, onWatched = std::move(onWatched)] {
     const auto known = self->sources_.find(source.identifier);
-    if (known != self->sources_.end() && known->second.source.number > source.number) return;
+    if (known != self->sources_.end() && known->second.source.number > source.number) {
+      onWatched();
+      return;
+    }
     Tree tree{source, canonical(source.directory), false, nullptr};
     std::erase(self->removed_, tree.directory);
     tree.watch =
@@ -341,7 +344,7 @@ void KernelCoordinator::docSourceAdded(const DocSource& source) {
                                 if (coordinator && name.empty()) coordinator->lookThrough(source);
                               });
     self->sources_.insert_or_assign(source.identifier, std::move(tree));
-    self->lookThrough(source);
+    self->lookThrough(source, onWatched);
     self->askAgain();
   });
 }
@@ -370,14 +373,16 @@ void KernelCoordinator::docSourceLost(const DocSource& source) {
   });
 }
 
-/// Marks a doc source's tree.
-void KernelCoordinator::lookThrough(const DocSource& source) {
-  WorkQueue::global().async([self = shared_from_this(), source] {
+/// Marks a doc source's tree. What becomes of the doc source meanwhile changes nothing in that: the
+/// marks keep readers from zeros whether it is there or not.
+void KernelCoordinator::lookThrough(const DocSource& source, std::function<void()> onWatched) {
+  WorkQueue::global().async([self = shared_from_this(), source, onWatched = std::move(onWatched)] {
     const std::string directory = canonical(source.directory);
     const auto scan = self->trees_.mark(directory);
     if (scan.mask == 0 && scan.errnum == ENOENT) {
       DS_LOG("[INFO] %@ is watched for doc source %@ when it appears.", directory,
              source.identifier);
+      if (onWatched) onWatched();
       return;
     }
     if (scan.mask == 0) {
@@ -393,13 +398,14 @@ void KernelCoordinator::lookThrough(const DocSource& source) {
       DS_LOG("[INFO] Watching %d directories with %d placeholders of doc source %@.",
              scan.directories, scan.placeholders, source.identifier);
     }
-    self->queue_->async([self, source, directory] {
+    self->queue_->async([self, source, directory, onWatched] {
       const auto known = self->sources_.find(source.identifier);
       if (known != self->sources_.end() && known->second.source.number == source.number) {
         known->second.directory = directory;
       }
       for (const auto& change : std::exchange(self->unplaced_, {})) self->apply(change);
       self->askAgain();
+      if (onWatched) onWatched();
     });
   });
 }

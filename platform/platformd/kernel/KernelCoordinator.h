@@ -53,7 +53,7 @@ class KernelCoordinator final : public DocSourceObserver,
   void stop();
 
   // DocSourceObserver
-  void docSourceAdded(const DocSource& source) override;
+  void docSourceAdded(const DocSource& source, std::function<void()> onWatched) override;
   void docSourceRemoved(const DocSource& source) override;
   void docSourceLost(const DocSource& source) override;
 
@@ -100,7 +100,7 @@ class KernelCoordinator final : public DocSourceObserver,
   /// The innermost tree that holds the path, or null.
   Tree* treeWith(const std::string& path);
   void look(const std::string& directory, std::optional<pid_t> maker);
-  void lookThrough(const DocSource& source);
+  void lookThrough(const DocSource& source, std::function<void()> onWatched = {});
 
   const std::shared_ptr<DocSourceRegistry> registry_;
   const EventChannel holder_;
