@@ -36,6 +36,9 @@ constexpr std::int64_t beginRequestMessage = 4;
 constexpr std::int64_t endRequestMessage = 5;
 
 constexpr std::size_t readSize = 64U << 10U;
+/// What is read at a time unless a longer frame is on its way: some nine small calls. Then others
+/// have their turn.
+constexpr std::size_t turnSize = 1U << 8U;
 constexpr std::size_t maximumBatches = 4;
 constexpr std::size_t maximumParts = 16;
 
@@ -161,7 +164,6 @@ void ConduitChannel::ready(std::uint32_t events) {
     close();
     return;
   }
-  // A flood gives the thread back now and then.
   Progress progress = Progress::again;
   for (int i = 0; i < 16 && progress == Progress::again; ++i) progress = readSome();
   if (progress == Progress::over) {
@@ -189,8 +191,13 @@ ConduitChannel::Progress ConduitChannel::readSome() {
   }
 
   thread_local std::vector<std::uint8_t> scratch(readSize);
+  std::size_t wanted = turnSize;
+  if (input_.size() >= frameHeaderSize) {
+    const std::size_t missing = frameHeaderSize + frameLength(input_.data()) - input_.size();
+    wanted = std::clamp(missing, turnSize, readSize);
+  }
   ControlBuffer control;
-  iovec part{scratch.data(), scratch.size()};
+  iovec part{scratch.data(), wanted};
   msghdr message{};
   message.msg_iov = &part;
   message.msg_iovlen = 1;
@@ -241,8 +248,9 @@ ConduitChannel::Progress ConduitChannel::readSome() {
     std::lock_guard lock(mutex_);
     if (paused_) return Progress::wait;
   }
-  // A short read emptied the socket; the reactor tells when there is more.
-  return received == readSize ? Progress::again : Progress::wait;
+  // The reactor tells when there is more. A long frame is gone on with.
+  return wanted > turnSize && received == wanted && !input_.empty() ? Progress::again
+                                                                    : Progress::wait;
 }
 
 std::optional<std::size_t> ConduitChannel::handleFrames(std::span<const std::uint8_t> bytes) {
