@@ -36,9 +36,9 @@ constexpr std::int64_t beginRequestMessage = 4;
 constexpr std::int64_t endRequestMessage = 5;
 
 constexpr std::size_t readSize = 64U << 10U;
-/// What is read at a time unless a longer frame is on its way: some nine small calls. Then others
+/// What is read at a time unless a longer frame is on its way: some twenty small calls. Then others
 /// have their turn.
-constexpr std::size_t turnSize = 1U << 8U;
+constexpr std::size_t turnSize = 1U << 9U;
 constexpr std::size_t maximumBatches = 4;
 constexpr std::size_t maximumParts = 16;
 
@@ -375,6 +375,7 @@ bool ConduitChannel::handleReply(Decoder& decoder, bool isFailure) {
     call = std::move(found->second);
     calls_.erase(found);
   }
+  const WorkPool::HoldBack holdBack;
   // Nothing is built for an answer that nobody waits for.
   std::optional<Error> failure;
   if (isFailure ? !decode(decoder, failure) : !call.onReply(decoder)) {
