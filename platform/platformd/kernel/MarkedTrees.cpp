@@ -15,6 +15,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/base/Errors.h"
+#include "platform/log/Log.h"
 #include "platform/platformd/kernel/Placeholder.h"
 
 namespace qx::kernel {
@@ -65,19 +67,27 @@ std::uint64_t MarkedTrees::markDirectory(int directory, int& errnum) {
 
 MarkedTrees::Scan MarkedTrees::mark(const std::string& directory, Maker maker) {
   Scan scan;
+  const auto leaveOut = [&](const std::string& path, int errnum) {
+    if (path == directory) {
+      scan.errnum = errnum;
+    } else if (errnum != ENOENT && errnum != ENOTDIR && errnum != ELOOP) {  // it is there
+      DS_LOG("[ERROR] A directory of documents is not watched. Error: %@",
+             posixError(errnum, path + " cannot be marked"));
+    }
+  };
   std::vector<std::string> open{directory};
   while (!open.empty()) {
     const std::string path = std::move(open.back());
     open.pop_back();
     const FileDescriptor descriptor = openDirectory(path);
     if (!descriptor) {
-      if (path == directory) scan.errnum = errno;
+      leaveOut(path, errno);
       continue;
     }
     int errnum = 0;
     const std::uint64_t mask = markDirectory(descriptor.get(), errnum);
     if (mask == 0) {
-      if (scan.errnum == 0) scan.errnum = errnum;
+      leaveOut(path, errnum);
       continue;
     }
     if (path == directory) scan.mask = mask;
