@@ -39,10 +39,12 @@ void DocSourceRegistry::add(const std::string& identifier, const qx::URL& provid
         DocSource{++lastNumber_, identifier, providedItemsURL, host});
     sources_[identifier] = source;
   }
-  const auto observer = observer_.lock();
-  if (observer) observer->docSourceAdded(*source, std::move(completion));
   DS_LOG("[INFO] Coordinating %@ for doc source %@.", providedItemsURL, identifier);
-  if (!observer) completion();
+  if (const auto observer = observer_.lock()) {
+    observer->docSourceAdded(*source, std::move(completion));
+  } else {
+    completion();
+  }
 }
 
 std::optional<qx::Error> DocSourceRegistry::remove(const std::string& identifier,

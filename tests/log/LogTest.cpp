@@ -187,7 +187,9 @@ TEST(Log, APipeThatNobodyReadsCostsMessagesAndNothingElse) {
   const Log log;
   Log::setPatience(std::chrono::milliseconds(1));
   CapturedStandardError captured;
-  for (int i = 0; i < 100; ++i) log.write(LogLevel::fault, "[ERROR] %s", std::string(i * 30, 'x'));
+  for (std::size_t i = 0; i < 100; ++i) {
+    log.write(LogLevel::fault, "[ERROR] %s", std::string(i * 30, 'x'));
+  }
   const auto kept = linesOf(captured.readWhatIsThere());
   log.write(LogLevel::fault, "[ERROR] more");
   const auto more = linesOf(captured.readWhatIsThere());
