@@ -45,12 +45,17 @@ TEST_F(SystemNotifyCenterTest, EveryPostingReachesTheObserversOfItsName) {
   EXPECT_EQ(ChildProcess({"/bin/sh", "-c", "echo > '" + file + "'"}).wait(), 0);
   EXPECT_TRUE(first.waitForCount(4));
 
-  // A file that goes says nothing; what is posted after it shows that it was seen.
-  fs::remove(file);
+  // A file that goes says nothing, as what is posted before and after it shows. (The first posting
+  // of all may be told twice: the directory comes with it.)
   EXPECT_FALSE(SystemNotifyCenter::post("com.example.two"));
   EXPECT_TRUE(other.waitForCount(1));
-  EXPECT_EQ(first.all().size(), 4u);
-  EXPECT_EQ(other.all().size(), 1u);
+  const auto told = first.all().size();
+  EXPECT_LE(told, 5U);
+  fs::remove(file);
+  EXPECT_FALSE(SystemNotifyCenter::post("com.example.two"));
+  EXPECT_TRUE(other.waitForCount(2));
+  EXPECT_EQ(first.all().size(), told);
+  EXPECT_EQ(other.all().size(), 2U);
 
   for (const char* name : {"", "../key-state", ".", "..", "a/b"}) {
     EXPECT_TRUE(SystemNotifyCenter::post(name)) << name;
