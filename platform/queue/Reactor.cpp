@@ -8,8 +8,7 @@
 // or started, when nobody waits for events because a handler waits inside a queue or for the disk
 // (it says so), or because no event was taken for a moment (a watcher sees it). Who comes back and
 // finds somebody waiting goes into the reserve, where more than `kept` threads end after
-// `idleTime`; as a peak is over then, memory is given back. The watcher also does what was put off
-// to have company.
+// `idleTime`. The watcher also does what was put off to have company.
 
 #include "platform/queue/Reactor.h"
 
@@ -24,7 +23,6 @@
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
-#include "platform/base/Memory.h"
 #include "platform/queue/Thread.h"
 #include "platform/queue/WorkPool.h"
 
@@ -162,8 +160,6 @@ class EpollReactor final : public Reactor, private ThreadOwner {
       if (sleeper.wake.wait_for(lock, idleTime, isWoken) || threads_ <= kept) continue;
       std::erase(reserve_, &sleeper);
       --threads_;
-      lock.unlock();
-      giveFreeMemoryBack();
       return false;
     }
     sleeper.wake.wait(lock, isWoken);
