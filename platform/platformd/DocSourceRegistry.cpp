@@ -31,7 +31,7 @@ std::string resolved(const qx::URL& url) {
 
 void DocSourceRegistry::add(const std::string& identifier, const qx::URL& providedItemsURL,
                             const std::shared_ptr<DocSourceHost>& host,
-                            std::function<void()> completion) {
+                            const std::function<void()>& completion) {
   SourcePointer source;
   {
     std::lock_guard lock(mutex_);
@@ -39,12 +39,10 @@ void DocSourceRegistry::add(const std::string& identifier, const qx::URL& provid
         DocSource{++lastNumber_, identifier, providedItemsURL, host});
     sources_[identifier] = source;
   }
+  const auto observer = observer_.lock();
+  if (observer) observer->docSourceAdded(*source, completion);
   DS_LOG("[INFO] Coordinating %@ for doc source %@.", providedItemsURL, identifier);
-  if (const auto observer = observer_.lock()) {
-    observer->docSourceAdded(*source, std::move(completion));
-  } else {
-    completion();
-  }
+  if (!observer) completion();
 }
 
 std::optional<qx::Error> DocSourceRegistry::remove(const std::string& identifier,

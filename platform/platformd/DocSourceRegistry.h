@@ -70,7 +70,7 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   /// Adds a doc source, in the place of one with the same identifier. Called back once: when the
   /// observer watches the directory, or at once where there is none.
   void add(const std::string& identifier, const qx::URL& providedItemsURL,
-           const std::shared_ptr<DocSourceHost>& host, std::function<void()> completion);
+           const std::shared_ptr<DocSourceHost>& host, const std::function<void()>& completion);
   /// DSNotFoundError for an unknown identifier, DSNotPermittedError for one of another host.
   std::optional<qx::Error> remove(const std::string& identifier,
                                   const std::shared_ptr<DocSourceHost>& host);

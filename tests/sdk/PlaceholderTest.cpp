@@ -85,7 +85,10 @@ class PlaceholderTest : public ::testing::Test {
     const auto status = query(path);
     EXPECT_EQ(status.state, PlaceholderState::placeholder);
     EXPECT_EQ(status.size, size);
-    EXPECT_EQ(status.occupied, size < 512 ? 0U : 4096U);  // the first block
+    const std::uint64_t firstBlock = size < 512 ? 0 : 4096;
+    EXPECT_GE(status.occupied, firstBlock);
+    // A file that lay in many places keeps a block in which they were listed.
+    EXPECT_LE(status.occupied, size < 1'000'000 ? firstBlock : firstBlock + 4096);
     const auto here = statusOf(path);
     EXPECT_EQ(here.st_mtim.tv_sec, -86400);
     EXPECT_EQ(here.st_mtim.tv_nsec, 123456789);
@@ -206,7 +209,7 @@ TEST_F(PlaceholderTest, ALargeFileIsCopiedInPiecesAndGivenBackWhole) {
   succeeds(writer->copy(source.get()));
   succeeds(writer->finish({size, longAgo, std::nullopt}));
   EXPECT_TRUE(read(file.get()) == text);
-  EXPECT_LE(query(path).occupied, size + 8192);
+  EXPECT_LE(query(path).occupied, size + 16384);
 }
 
 TEST_F(PlaceholderTest, GivesUpWithoutATrace) {
