@@ -29,7 +29,8 @@ class DSAccessControlStoreOwner {
 /// cannot reach any more it treats as having nothing: no entitlement, no grant.
 ///
 /// Operations run on the thread on which the connection delivers them. Early answers are given
-/// from the global queue, later ones on whatever thread the provider instance calls back on.
+/// from the global queue, later ones there too or on whatever thread the provider instance calls
+/// back on.
 ///
 /// The source files are named after the concerns: client vetting, sandbox grant, item requests,
 /// bookmarkable strings, provider listing.

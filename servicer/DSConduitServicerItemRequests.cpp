@@ -59,6 +59,15 @@ void answerEarly(qx::Completion<qx::Error> completion, const qx::Error& error) {
 
 }  // namespace
 
+void DSConduitServicer::lookUpItemID(const std::shared_ptr<DSExtensionDocSource>& provider,
+                                     const std::optional<qx::URL>& url, ItemIDReply reply) {
+  provider->itemIDForURL_completionHandler(
+      url, [reply = std::move(reply)](const std::optional<qx::Error>& error,
+                                      const std::optional<std::string>& itemID) {
+        qx::WorkQueue::global().async([reply, error, itemID] { reply(error, itemID); });
+      });
+}
+
 void DSConduitServicer::forwardIfGranted(ItemOperation operation,
                                          const std::shared_ptr<DSExtensionDocSource>& provider,
                                          const std::optional<qx::URL>& url,

@@ -8,7 +8,6 @@
 #include "platform/log/Log.h"
 #include "platform/queue/WorkQueue.h"
 #include "platform/sandbox/Sandbox.h"
-#include "providers/DSExtensionDocSource.h"
 #include "servicer/DSConduitServicer.h"
 
 const std::vector<std::string> dsReadOrWriteEntitlements{"com.veltro.docsource.acl-read",
@@ -72,13 +71,4 @@ bool DSConduitServicer::isAllowed(const std::optional<std::string>& providerID,
 void DSConduitServicer::wakeUpCompletion(qx::Completion<> completion) {
   DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
   qx::answerFromGlobalQueue(std::move(completion));
-}
-
-void DSConduitServicer::lookUpItemID(const std::shared_ptr<DSExtensionDocSource>& provider,
-                                     const std::optional<qx::URL>& url, ItemIDReply reply) {
-  provider->itemIDForURL_completionHandler(
-      url, [reply = std::move(reply)](const std::optional<qx::Error>& error,
-                                      const std::optional<std::string>& itemID) {
-        qx::WorkQueue::global().async([reply, error, itemID] { reply(error, itemID); });
-      });
 }

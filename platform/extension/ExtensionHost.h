@@ -21,7 +21,8 @@ class ExtensionHost {
   std::shared_ptr<void> beginMatching(const Dictionary& attributes,
                                       QXExtension::MatchingCallback callback);
 
-  /// In the process of this very installation, started when it does not run.
+  /// In the process of this very installation, or of the one that is there now under its identifier
+  /// and path; started when it does not run.
   Result<UUID> beginRequest(const std::shared_ptr<const Bundle>& asked);
   /// Unknown requests are ignored.
   void endRequest(const Bundle& bundle, const UUID& request);
