@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <utility>
 #include <vector>
 
 #include "platform/files/FileManager.h"
@@ -43,23 +44,43 @@ std::string normalised(const std::string& path) {
   return absolute;
 }
 
+/// lib/docsource beside the directory that this program is in.
+std::string bundlesBesideProgram() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  return (program.parent_path().parent_path() / "lib/docsource").string();
+}
+
 struct Directories {
   std::optional<std::string> rootOverride = environment("DOCSOURCE_ROOT");
+  std::optional<std::string> machineOverride = environment("DOCSOURCE_MACHINE");
   std::string root;
   std::string runtime;
+  std::optional<std::string> machineRuntime;
+  std::optional<std::string> machineState;
+  std::string machineBundles;
 
   Directories() {
     if (rootOverride) {
       root = normalised(*rootOverride);
       runtime = (root == "/" ? "" : root) + "/run";
-    } else if (::geteuid() == 0) {
-      root = "/var/lib/docsource";
-      runtime = "/run/docsource";
     } else {
       const auto data = xdgDirectory("XDG_DATA_HOME");
       const auto run = xdgDirectory("XDG_RUNTIME_DIR");
       root = normalised(data ? *data : homeOfUser() + "/.local/share") + "/docsource";
       runtime = normalised(run ? *run : "/run/user/" + std::to_string(::geteuid())) + "/docsource";
+    }
+    if (machineOverride) {
+      const std::string machine = normalised(*machineOverride);
+      machineRuntime = machine + "/run";
+      machineState = machine + "/state";
+      machineBundles = machine + "/lib";
+    } else {
+      machineBundles = bundlesBesideProgram();
+      if (!rootOverride) {
+        machineRuntime = "/run/docsource";
+        machineState = "/var/lib/docsource";
+      }
     }
   }
 };
@@ -79,13 +100,18 @@ int make(const std::string& path) {
   return error ? numberOf(*error) : 0;
 }
 
-/// The mode is the runtime directory's own, whatever the umask; one that is there is left alone.
-int makeRuntimeDirectory(const std::string& path) {
+/// The mode is the directory's own, whatever the umask; one that is there is left alone.
+int makeWithMode(const std::string& path, mode_t mode) {
   if (FileManager::fileExists(path)) return make(path);
   if (const int failed = make(std::filesystem::path(path).parent_path().string())) return failed;
-  const mode_t mode = ::geteuid() == 0 ? 0755 : 0700;
   if (::mkdir(path.c_str(), 0700) != 0) return errno == EEXIST ? make(path) : errno;
   return ::chmod(path.c_str(), mode) == 0 ? 0 : errno;
+}
+
+/// Where what all users of the machine share is.
+const std::string& sharedRuntimeDirectory() {
+  const auto& machine = machineRuntimeDirectory();
+  return machine && FileManager::fileExists(*machine) ? *machine : runtimeDirectory();
 }
 
 }  // namespace
@@ -93,6 +119,12 @@ int makeRuntimeDirectory(const std::string& path) {
 const std::string& root() { return directories().root; }
 const std::string& runtimeDirectory() { return directories().runtime; }
 const std::optional<std::string>& rootOverride() { return directories().rootOverride; }
+const std::optional<std::string>& machineOverride() { return directories().machineOverride; }
+const std::optional<std::string>& machineRuntimeDirectory() { return directories().machineRuntime; }
+const std::optional<std::string>& machineState() { return directories().machineState; }
+const std::string& machineBundles() { return directories().machineBundles; }
+
+bool servesMachine() { return ::geteuid() == 0 && machineRuntimeDirectory().has_value(); }
 
 std::string applications() { return root() + "/Applications"; }
 std::string extensions() { return root() + "/Extensions"; }
@@ -102,9 +134,9 @@ std::string home() { return root() + "/Home"; }
 std::string serviceSocket(const std::string& serviceName) {
   return runtimeDirectory() + "/" + serviceName;
 }
-std::string notifications() { return runtimeDirectory() + "/notify"; }
-std::string keyState() { return runtimeDirectory() + "/key-state"; }
 std::string sandboxKey() { return runtimeDirectory() + "/sandbox.key"; }
+std::string notifications() { return sharedRuntimeDirectory() + "/notify"; }
+std::string keyState() { return sharedRuntimeDirectory() + "/key-state"; }
 std::string sandboxServices() { return runtimeDirectory() + "/sandbox"; }
 
 int prepare() {
@@ -112,9 +144,19 @@ int prepare() {
        {root(), applications(), extensions(), groupContainers(), home()}) {
     if (const int failed = make(path)) return failed;
   }
-  if (const int failed = makeRuntimeDirectory(runtimeDirectory())) return failed;
-  if (const int failed = make(notifications())) return failed;
-  return make(sandboxServices());
+  for (const auto& [path, mode] :
+       {std::pair<std::string, mode_t>(runtimeDirectory(), 0700),
+        std::pair<std::string, mode_t>(runtimeDirectory() + "/notify", 0700),
+        std::pair<std::string, mode_t>(sandboxServices(), 0700)}) {
+    if (const int failed = makeWithMode(path, mode)) return failed;
+  }
+  return 0;
+}
+
+int prepareMachine() {
+  if (const int failed = makeWithMode(*machineRuntimeDirectory(), 0755)) return failed;
+  if (const int failed = makeWithMode(notifications(), 0755)) return failed;
+  return makeWithMode(*machineState(), 0700);
 }
 
 }  // namespace qx::Places

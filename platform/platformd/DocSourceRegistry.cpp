@@ -35,8 +35,8 @@ void DocSourceRegistry::add(const std::string& identifier, const qx::URL& provid
   SourcePointer source;
   {
     std::lock_guard lock(mutex_);
-    source = std::make_shared<const DocSource>(
-        DocSource{++lastNumber_, identifier, providedItemsURL, host});
+    source = std::make_shared<const DocSource>(DocSource{
+        ++lastNumber_, host->process().effectiveUser(), identifier, providedItemsURL, host});
     sources_[identifier] = source;
   }
   const auto observer = observer_.lock();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -36,6 +38,7 @@ class DocSourceHost {
 /// A doc source that is registered.
 struct DocSource {
   std::uint64_t number;  // tells one registration from the next
+  uid_t owner;  // whose it is; identifiers of different users have nothing to do with each other
   std::string identifier;
   qx::URL directory;
   std::shared_ptr<DocSourceHost> host;

@@ -41,8 +41,8 @@ TEST(PlacesTest, EverythingLiesUnderTheRootThatIsGiven) {
          {"/Applications", "/Extensions", "/Containers/Group", "/Home", "/run/notify"}) {
       EXPECT_TRUE(std::filesystem::is_directory(root + name)) << name;
     }
-    EXPECT_EQ(std::filesystem::status(root + "/run").permissions(),
-              std::filesystem::perms(::geteuid() == 0 ? 0755 : 0700));
+    EXPECT_EQ(std::filesystem::status(root + "/run").permissions(), std::filesystem::perms(0700));
+    EXPECT_FALSE(Places::servesMachine());
   });
 }
 
@@ -60,11 +60,23 @@ TEST(PlacesTest, WithoutARootTheUserDecides) {
                         : "/run/user/" + std::to_string(::geteuid()) + "/docsource");
     });
   }
+}
+
+TEST(PlacesTest, TheMachineIsWhatTheVariableSays) {
   inProcessOfItsOwn([] {
-    ::unsetenv("DOCSOURCE_ROOT");
-    if (::geteuid() != 0) return;
-    EXPECT_EQ(Places::root(), "/var/lib/docsource");
-    EXPECT_EQ(Places::runtimeDirectory(), "/run/docsource");
+    TemporaryDirectory directory;
+    ::setenv("DOCSOURCE_MACHINE", directory.path().c_str(), 1);
+    ::setenv("DOCSOURCE_ROOT", (directory / "user").c_str(), 1);
+    EXPECT_EQ(Places::machineBundles(), directory / "lib");
+    EXPECT_EQ(Places::notifications(), directory / "user/run/notify");
+    EXPECT_EQ(Places::prepareMachine(), 0);
+    EXPECT_EQ(Places::notifications(), directory / "run/notify");
+    EXPECT_EQ(Places::keyState(), directory / "run/key-state");
+    EXPECT_EQ(std::filesystem::status(directory / "run").permissions(),
+              std::filesystem::perms(0755));
+    EXPECT_EQ(std::filesystem::status(directory / "state").permissions(),
+              std::filesystem::perms(0700));
+    EXPECT_EQ(Places::servesMachine(), ::geteuid() == 0);
   });
 }
 

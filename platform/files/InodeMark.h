@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// Marks on files that hold for one inode only. Extended attributes are copied along with content
+/// (cp -a, rsync -X, tar --xattrs); a mark that names the inode it was made for means nothing on a
+/// copy.
+///
+/// A mark is words separated by single spaces. The word "inode:NUMBER", or
+/// "inode:NUMBER:SECONDS.NANOSECONDS" with the inode's time of birth (nine digits behind the point),
+/// names the inode; the birth tells an inode from a later one with the same number. The first such
+/// word counts. A word that begins with "inode:" and goes on otherwise names no inode that there is.
+namespace qx {
+
+/// What tells an inode from all others of its file system, present and past.
+struct InodeName {
+  struct Time {
+    std::int64_t seconds = 0;
+    std::uint32_t nanoseconds = 0;
+    friend bool operator==(const Time&, const Time&) = default;
+  };
+  std::uint64_t number = 0;
+  /// Absent where the file system keeps none (statx(2), STATX_BTIME).
+  std::optional<Time> birth;
+};
+
+/// Of an open file (O_PATH will do); absent with errno set when it cannot be asked.
+std::optional<InodeName> inodeNameOf(int file);
+/// Of an entry of a directory, itself if it is a link; AT_FDCWD stands for the working directory.
+std::optional<InodeName> inodeNameOf(int directory, const std::string& name);
+
+/// The word that names it.
+std::string markWord(const InodeName& inode);
+
+enum class MarkedInode {
+  none,   // the mark names no inode
+  this_,  // it names this one
+  other,
+};
+/// A mark without a birth names whatever inode has the number.
+MarkedInode markedInode(std::string_view mark, const InodeName& inode);
+
+}  // namespace qx
