@@ -118,8 +118,8 @@ void addTokens() {
   for (const std::string_view name : {sandboxExtensionRead, sandboxExtensionReadWrite}) {
     add("token",
         "\3"
-        "1:" +
-            std::string(name) + ":00112233445566778899aabbccddeeff:",
+        "2:" +
+            std::string(name) + ":00112233445566778899aabbccddeeff:999999999999999999:",
         {"@/f", "@/out/f", "@/up", "@/d", "@/%66", "@/f%", "@", "/dev/null"});
   }
 }

@@ -3,18 +3,15 @@
 // of the key could make it.
 
 #include <fcntl.h>
-#include <sodium.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "fuzz/Fuzz.h"
 #include "fuzz/Tree.h"
-#include "platform/base/Text.h"
 #include "platform/sandbox/Sandbox.h"
 #include "platform/sandbox/SandboxKey.h"
 
@@ -96,17 +93,15 @@ std::string altered(fuzz::Input& input) {
 /// Content that the key vouches for but that is nothing the system would have issued.
 void presentAuthentic(std::string_view content) {
   std::string token(content);
-  const auto key = readOrMakeSandboxKey();
-  std::array<std::uint8_t, crypto_auth_BYTES> code;
-  crypto_auth(code.data(), reinterpret_cast<const unsigned char*>(content.data()), content.size(),
-              key->data());
-  token += ":" + hexEncode(code);
+  const auto store = SandboxKeyStore::own();
+  const auto key = store->readOrMakeKey();
+  token += ":" + authenticationCode(*key, content);
   const auto file = consumeSandboxExtension(token);
   if (!file) return;
   struct stat status;
   require(fstat(file->get(), &status) == 0 && S_ISREG(status.st_mode), "a token opens files only");
-  const bool mayWrite = content.starts_with("1:" + std::string(sandboxExtensionReadWrite) + ":");
-  const bool mayRead = content.starts_with("1:" + std::string(sandboxExtensionRead) + ":");
+  const bool mayWrite = content.starts_with("2:" + std::string(sandboxExtensionReadWrite) + ":");
+  const bool mayRead = content.starts_with("2:" + std::string(sandboxExtensionRead) + ":");
   require(mayWrite || mayRead, "a token is of a version and class that there is");
   require(accessOf(*file) == (mayWrite ? O_RDWR : O_RDONLY), "a token gives what its class says");
 }

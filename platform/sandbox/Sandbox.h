@@ -10,6 +10,8 @@
 
 namespace qx {
 
+class SandboxKeyStore;
+
 enum class SandboxFilter : unsigned { path = 1 };
 /// Suppresses the sandbox's violation report.
 inline constexpr unsigned sandboxCheckNoReport = 0x40000000;
@@ -20,10 +22,14 @@ inline constexpr std::string_view sandboxExtensionRead = "com.veltro.sandbox.rea
 
 inline constexpr std::string_view sandboxServiceName = "com.veltro.Sandbox";
 
-/// Checks a token against the key of this boot and opens what it names (openat2(2) without
-/// following a symbolic link anywhere in the path): read-write or read-only as the token's class
-/// says, regular files only, never blocking. A forged, altered or stale token, or one for a file
-/// that is gone or was replaced by a link, gives an error. For the process that redeems.
+/// Checks a token against the user's key of this boot and opens what it names (openat2(2) without
+/// following a symbolic link anywhere in the path), with the identity of the calling thread:
+/// read-write or read-only as the token's class says, regular files only, never blocking. A forged,
+/// altered or stale token, or one that was taken back, gives EBADMSG; one for a file that is gone
+/// or was replaced by a link, a file error. For the process that redeems.
+Result<FileDescriptor> consumeSandboxExtension(std::string_view token,
+                                               const SandboxKeyStore& store);
+/// By the key of the user of this process's places.
 Result<FileDescriptor> consumeSandboxExtension(std::string_view token);
 
 }  // namespace qx
@@ -39,7 +45,16 @@ int SandboxCheckByAuditToken(const qx::AuditToken& token, std::string_view opera
                              qx::SandboxFilter filter, unsigned flags, const std::string& path);
 
 /// A printable token of at most 4096 characters that lets whoever redeems it open the file at
-/// `path` as `extensionClass` says; absent for a file that does not exist. Authenticated with the
-/// key of this boot, which is made when it is absent.
+/// `path` as `extensionClass` says; absent for what is not a regular file that is reached without a
+/// link, once the links of its directory are resolved. Authenticated with the key of this boot,
+/// which is made when it is absent. Any thread; blocks on the file system.
 std::optional<std::string> SandboxIssueFileExtension(std::string_view extensionClass,
                                                      const std::string& path, unsigned flags);
+
+/// Takes back every token for the document that was issued up to now: when this has returned
+/// without an error none of them redeems, for anybody, whatever other path of the same file it
+/// names. The document need not be there any more. A token that is issued afterwards is good again,
+/// so whoever decides about a token decides again once it is issued. Lasts as long as the boot
+/// (the file "sandbox.taken-back" in the runtime directory). Of one process for each user, the one
+/// that issues; any thread; blocks on the disk.
+std::optional<qx::Error> SandboxTakeBackFileExtensions(const std::string& path);

@@ -1,22 +1,63 @@
 #pragma once
 
 #include <sodium.h>
+#include <sys/types.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/base/FileDescriptor.h"
+#include "platform/base/Result.h"
+#include "platform/base/Value.h"
 
 namespace qx {
 
 using SandboxKey = std::array<std::uint8_t, crypto_auth_KEYBYTES>;
 
-/// The key of this boot, from the file "sandbox.key" in the runtime directory. Absent when there is
-/// none, and, with a line in the log, when the file is not what it must be: a regular file of
-/// exactly the key's size that nobody but its owner can read, owned by this user or, for root, by
-/// the owner of the runtime directory.
-std::optional<SandboxKey> readSandboxKey();
+/// What authenticates the sandbox extensions of one user: the key, the file "sandbox.key" in the
+/// user's runtime directory, and which extensions were taken back, see TakenBackExtensions.h.
+///
+/// The directory is held by a descriptor, so that it can be handed from the user's daemon to a
+/// service that serves all users. Whatever lies in it is believed only when it is a regular file
+/// that belongs to the user and that nobody else can use, opened beneath the directory without
+/// following a link (openat2(2)). Immutable; any thread.
+class SandboxKeyStore {
+ public:
+  /// The runtime directory of this process's places. Its owner is this process's user, or, for
+  /// root, whoever owns the directory.
+  static Result<SandboxKeyStore> own();
+  /// A directory that is `owner`'s; EPERM when it is not, ENOTDIR for what is no directory.
+  static Result<SandboxKeyStore> at(SharedDescriptor directory, uid_t owner);
 
-/// The same, but a missing key is made. Processes that make one at the same time agree.
-std::optional<SandboxKey> readOrMakeSandboxKey();
+  uid_t owner() const { return owner_; }
+  int directory() const { return directory_->get(); }
+
+  /// Absent when there is none, and, with a line in the log, when the file is not what it must be
+  /// or not exactly as long as a key.
+  std::optional<SandboxKey> readKey() const;
+  /// The same, but a missing key is made. Processes that make one at the same time agree. Only in
+  /// the runtime directory of this process's places.
+  std::optional<SandboxKey> readOrMakeKey() const;
+
+  /// The whole file; absent when there is none. Files longer than `longest` are refused.
+  Result<std::optional<std::string>> readFile(const char* name, std::size_t longest) const;
+
+ private:
+  SandboxKeyStore(SharedDescriptor directory, uid_t owner)
+      : directory_(std::move(directory)), owner_(owner) {}
+
+  SharedDescriptor directory_;
+  uid_t owner_;
+};
+
+/// Tells this boot from every other one (random(4)); text without spaces.
+const std::string& bootIdentifier();
+
+/// The authentication code of a text in this boot, in hexadecimal.
+std::string authenticationCode(const SandboxKey& key, std::string_view text);
 
 }  // namespace qx

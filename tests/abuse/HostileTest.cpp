@@ -204,7 +204,7 @@ TEST_F(Hostile, TokensPathsAndIdentifiersMayBeLong) {
         EXPECT_EQ(found, outcome) << operation << " " << describe(Value(arguments)).substr(0, 60);
       }
       Wire redeeming = connectTo(sandboxService);
-      for (const auto& token : {x, "1:com.veltro.sandbox.read-write:00:/" + x + ":00"}) {
+      for (const auto& token : {x, "2:com.veltro.sandbox.read-write:00:1:/" + x + ":00"}) {
         const auto answer = redeeming.call(consumeExtension, {Bytes(token.begin(), token.end())});
         ++tally.tries;
         if (answer.outcome() != "QXPOSIXErrorDomain 74" || !answer.isAbsent(1)) ++tally.faults;

@@ -241,7 +241,7 @@ TEST_F(SandboxedApplication, KeepsItsIdentityAndIsCheckedFromInside) {
             "error DSErrorDomain 3");
 
   // The entitlements are those of its bundle, at each question.
-  EXPECT_TRUE(sandboxed.ask("extend-sandbox\t" + url + "\t" + p + "\t" + other).starts_with("1:"));
+  EXPECT_TRUE(sandboxed.ask("extend-sandbox\t" + url + "\t" + p + "\t" + other).starts_with("2:"));
   fs::remove(bundleOf(app) + "/Entitlements.plist");
   EXPECT_EQ(sandboxed.ask("extend-sandbox\t" + url + "\t" + p + "\t" + other),
             "error DSErrorDomain 6");

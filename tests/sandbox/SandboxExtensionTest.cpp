@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "platform/base/Errors.h"
+#include "platform/files/FileManager.h"
 #include "platform/sandbox/Sandbox.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -79,12 +80,14 @@ TEST_F(SandboxExtensionTest, ATokenOpensItsFileAsItsClassSays) {
   }
 }
 
-TEST_F(SandboxExtensionTest, OnlyAFileThatExistsHasOne) {
+TEST_F(SandboxExtensionTest, OnlyARegularFileReachedWithoutALinkHasOne) {
   fs::create_symlink("document", files / "folder/link");
+  mkfifo((files / "folder/pipe").c_str(), 0600);
   fs::create_directory_symlink("folder", files / "other");
   for (const auto& none :
        {files / "folder/missing", files / "missing/document", files / "folder/link", path + "/",
-        std::string("document"), std::string(), path + '\0' + "x"}) {
+        files / "folder", files / "folder/pipe", std::string("document"), std::string(),
+        path + '\0' + "x"}) {
     EXPECT_FALSE(issue(none)) << none;
   }
   EXPECT_FALSE(issue(path, "com.veltro.sandbox.everything"));
@@ -146,6 +149,51 @@ TEST_F(SandboxExtensionTest, ATokenDiesWithItsKey) {
   EXPECT_EQ(failureOf(next), EBADMSG);
 }
 
+TEST_F(SandboxExtensionTest, WhatWasTakenBackIsGoneForEverybodyUnderEveryName) {
+  const auto otherName = files / "folder/other name", other = files / "folder/other";
+  fs::create_hard_link(path, otherName);
+  write(other, "other");
+  const auto token = *issue(path), linked = *issue(otherName), good = *issue(other);
+  const auto list = qx::Places::runtimeDirectory() + "/sandbox.taken-back";
+  ASSERT_FALSE(SandboxTakeBackFileExtensions(files / "folder/../folder/document"));
+  EXPECT_EQ(failureOf(token), EBADMSG);
+  EXPECT_EQ(failureOf(linked), EBADMSG);
+  EXPECT_TRUE(isRedeemed(good));
+  const auto anew = *issue(path);
+  EXPECT_TRUE(isRedeemed(anew)) << "who still has a grant gets another one";
+  // Saved as another file, and moved: it is what was at the path, and that file.
+  write(files / "new", "new");
+  fs::rename(path, files / "away");
+  fs::rename(files / "new", path);
+  EXPECT_EQ(failureOf(token), EBADMSG);
+  EXPECT_TRUE(isRedeemed(anew));
+  fs::remove(path);
+  ASSERT_FALSE(SandboxTakeBackFileExtensions(path)) << "that is not there any more";
+  write(path, "again");
+  EXPECT_EQ(failureOf(anew), EBADMSG);
+
+  // A list that grew too long takes older ones with it, and stays readable in one piece.
+  EXPECT_TRUE(isRedeemed(good));
+  for (int i = 0; i < 1100; ++i) {
+    ASSERT_FALSE(SandboxTakeBackFileExtensions(files / std::to_string(i)));
+  }
+  EXPECT_EQ(failureOf(good), EBADMSG);
+  EXPECT_LE(fs::file_size(list), 256U << 10U);
+  EXPECT_TRUE(isRedeemed(*issue(other)));
+
+  // What cannot be understood is not taken for an empty list; that of another boot is.
+  auto next = *issue(other);
+  write(list, qx::FileManager::readFile(list)->substr(0, 60));
+  LogCapture log;
+  EXPECT_EQ(failureOf(next), EBADMSG);
+  ASSERT_FALSE(SandboxTakeBackFileExtensions(path));
+  EXPECT_EQ(failureOf(next), EBADMSG);
+  next = *issue(other);
+  EXPECT_TRUE(isRedeemed(next));
+  write(list, "another boot\n99999999999999999\n");
+  EXPECT_TRUE(isRedeemed(next));
+}
+
 TEST_F(SandboxExtensionTest, OpensNothingButTheFileThatWasMeant) {
   auto token = *issue(path);
   auto secret = files / "secret";
@@ -204,7 +252,7 @@ TEST_F(SandboxExtensionTest, AKeyThatOthersCouldKnowIsRefused) {
     spoil();
     EXPECT_FALSE(issue(path)) << &spoil - spoilings;
     EXPECT_EQ(failureOf(token), EBADMSG) << &spoil - spoilings;
-    EXPECT_EQ(LogCapture::count("Refusing the sandbox key " + key), 2u) << &spoil - spoilings;
+    EXPECT_EQ(LogCapture::count("Refusing the sandbox key of user "), 2u) << &spoil - spoilings;
   }
 }
 
