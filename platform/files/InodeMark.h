@@ -10,9 +10,10 @@
 /// copy.
 ///
 /// A mark is words separated by single spaces. The word "inode:NUMBER", or
-/// "inode:NUMBER:SECONDS.NANOSECONDS" with the inode's time of birth (nine digits behind the point),
-/// names the inode; the birth tells an inode from a later one with the same number. The first such
-/// word counts. A word that begins with "inode:" and goes on otherwise names no inode that there is.
+/// "inode:NUMBER:SECONDS.NANOSECONDS" with the inode's time of birth (nine digits behind the
+/// point), names the inode; the birth tells an inode from a later one with the same number. The
+/// first such word counts. A word that begins with "inode:" and goes on otherwise names no inode
+/// that there is.
 namespace qx {
 
 /// What tells an inode from all others of its file system, present and past.
