@@ -153,37 +153,39 @@ qx::Result<AccessControlList> AccessControlList::read(std::istream& stream) {
   return std::move(reader.list);
 }
 
-bool AccessControlList::write(qx::PropertyList::Writer& writer) {
-  if (foreign_) return writer.value(*foreign_);
+// Whatever stands in the list came from a property list or is text, so every value has its form.
+void AccessControlList::write(qx::PropertyList::Writer& writer) {
+  if (foreign_) {
+    writer.value(*foreign_);
+    return;
+  }
   writer.beginDictionary();
-  const bool written = providers_.forEach([&](const std::string& provider, ProviderEntry& entry) {
+  providers_.forEach([&](const std::string& provider, ProviderEntry& entry) {
     writer.key(provider);
-    if (entry.foreign) return writer.value(*entry.foreign);
+    if (entry.foreign) {
+      writer.value(*entry.foreign);
+      return;
+    }
     writer.beginDictionary();
-    const bool consumersWritten =
-        entry.consumers.forEach([&](const std::string& consumer, const ConsumerEntry& ofConsumer) {
-          writer.key(consumer);
-          return write(ofConsumer, writer);
-        });
+    entry.consumers.forEach([&](const std::string& consumer, const ConsumerEntry& ofConsumer) {
+      writer.key(consumer);
+      write(ofConsumer, writer);
+    });
     writer.endDictionary();
-    return consumersWritten;
   });
   writer.endDictionary();
-  return written;
 }
 
-bool AccessControlList::write(const ConsumerEntry& entry, qx::PropertyList::Writer& writer) {
-  if (entry.foreign) return writer.value(*entry.foreign);
-  bool written = true;
+void AccessControlList::write(const ConsumerEntry& entry, qx::PropertyList::Writer& writer) {
+  if (entry.foreign) {
+    writer.value(*entry.foreign);
+    return;
+  }
   const auto writeItems = [&] {
     writer.key(allowedItemIDsKey);
     writer.beginArray();
-    written &= entry.allowedItems->forEach(
-        [&](std::string_view identifier) {
-          writer.string(identifier);
-          return true;
-        },
-        [&](const qx::Value& element) { return writer.value(element); });
+    entry.allowedItems->forEach([&](std::string_view identifier) { writer.string(identifier); },
+                                [&](const qx::Value& element) { writer.value(element); });
     writer.endArray();
   };
 
@@ -196,12 +198,11 @@ bool AccessControlList::write(const ConsumerEntry& entry, qx::PropertyList::Writ
         itemsAreDue = false;
       }
       writer.key(key);
-      written &= writer.value(value);
+      writer.value(value);
     }
   }
   if (itemsAreDue) writeItems();
   writer.endDictionary();
-  return written;
 }
 
 // A foreign entry is one whose table or list is empty, so that a query need not ask which it is.
@@ -242,4 +243,31 @@ bool AccessControlList::disallow(std::string_view provider, std::string_view ite
   providerEntry->consumers.erase(consumer);
   if (providerEntry->consumers.isEmpty()) providers_.erase(provider);
   return true;
+}
+
+std::vector<std::string> AccessControlList::itemsOf(std::string_view provider,
+                                                    std::string_view consumer) const {
+  std::vector<std::string> items;
+  const ProviderEntry* providerEntry = providers_.find(provider);
+  const ConsumerEntry* entry = providerEntry ? providerEntry->consumers.find(consumer) : nullptr;
+  if (entry && entry->allowedItems) {
+    entry->allowedItems->forEach([&](std::string_view item) { items.emplace_back(item); },
+                                 [](const qx::Value&) {});
+  }
+  return items;
+}
+
+std::vector<AccessControlList::Grant> AccessControlList::grants() {
+  std::vector<Grant> grants;
+  providers_.forEach([&](const std::string& provider, ProviderEntry& entry) {
+    entry.consumers.forEach([&](const std::string& consumer, const ConsumerEntry& ofConsumer) {
+      if (!ofConsumer.allowedItems) return;
+      ofConsumer.allowedItems->forEach(
+          [&](std::string_view item) {
+            grants.push_back({provider, std::string(item), consumer});
+          },
+          [](const qx::Value&) {});
+    });
+  });
+  return grants;
 }

@@ -3,7 +3,9 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "acl/IdentifierTable.h"
 #include "acl/ItemIdentifierList.h"
@@ -24,6 +26,12 @@
 /// Not safe for concurrent use: a list belongs to one queue.
 class AccessControlList {
  public:
+  struct Grant {
+    std::string provider;
+    std::string item;
+    std::string consumer;
+  };
+
   AccessControlList();
   AccessControlList(AccessControlList&&) noexcept;
   AccessControlList& operator=(AccessControlList&&) noexcept;
@@ -32,9 +40,8 @@ class AccessControlList {
   /// Whatever property list the stream holds, without ever building it as a Value.
   static qx::Result<AccessControlList> read(std::istream& stream);
 
-  /// The whole list, dictionaries in byte order. False when it holds something that property lists
-  /// cannot carry, which nothing that was read does.
-  bool write(qx::PropertyList::Writer& writer);
+  /// The whole list, dictionaries in byte order.
+  void write(qx::PropertyList::Writer& writer);
 
   bool isAllowed(std::string_view provider, std::string_view item, std::string_view consumer) const;
 
@@ -44,6 +51,12 @@ class AccessControlList {
   /// Takes a grant away, and what becomes empty by that: the list of items, then the consumer's
   /// entry, then the provider's. False when there was none.
   bool disallow(std::string_view provider, std::string_view item, std::string_view consumer);
+
+  /// What this consumer may have of this provider, in the order in which it was granted.
+  std::vector<std::string> itemsOf(std::string_view provider, std::string_view consumer) const;
+
+  /// Every grant: by provider, by consumer, in the order in which they were made.
+  std::vector<Grant> grants();
 
  private:
   class Reader;
@@ -60,7 +73,7 @@ class AccessControlList {
     std::unique_ptr<qx::Value> foreign;
   };
 
-  static bool write(const ConsumerEntry& entry, qx::PropertyList::Writer& writer);
+  static void write(const ConsumerEntry& entry, qx::PropertyList::Writer& writer);
 
   IdentifierTable<ProviderEntry> providers_;
   std::unique_ptr<qx::Value> foreign_;

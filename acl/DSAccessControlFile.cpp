@@ -50,17 +50,18 @@ void DSAccessControlStore::syncQueueReadAccessControl() {
   if (!syncQueueAccessControlDict) syncQueueAccessControlDict.emplace();
 }
 
-void DSAccessControlStore::syncQueueCommitAccessControl() {
+std::optional<qx::Error> DSAccessControlStore::syncQueueCommitAccessControl() {
   DS_LOG("[INFO] Committing access control list");
   const std::string& path = filePath();
   const auto error = qx::FileManager::replaceFile(
       path,
       [this](const std::function<void(std::string_view)>& append) {
         qx::PropertyList::Writer writer(append);
-        const bool written = syncQueueAccessControlDict->write(writer);
+        syncQueueAccessControlDict->write(writer);
         writer.finish();
-        return written;
       },
       0600);
   if (error) DS_LOG("[ERROR] Could not write to %@", path);
+  syncQueueFileIsBehind_ = error.has_value();
+  return error;
 }

@@ -48,17 +48,20 @@ void DSAccessControlStore::allowProviderWithIdentifier_toProvideItemID_toConsume
     const std::optional<std::string>& itemIdentifier,
     const std::optional<std::string>& consumerIdentifier) {
   if (!providerIdentifier || !itemIdentifier || !consumerIdentifier) return;
-  syncQueue_->sync([&] {
-    if (!syncQueueAccessControlDict->allow(*providerIdentifier, *itemIdentifier,
-                                           *consumerIdentifier)) {
-      DS_LOG("[INFO] Provider ID %@ is already allowed to provide item ID “%@” to consumer ID %@.",
-             *providerIdentifier, *itemIdentifier, *consumerIdentifier);
-      return;
-    }
-    DS_LOG("[INFO] Allowing provider ID %@ to provide item ID “%@” to consumer ID %@",
-           *providerIdentifier, *itemIdentifier, *consumerIdentifier);
-    syncQueueCommitAccessControl();
-  });
+  syncQueue_->sync(
+      [&] { syncQueueAllow(*providerIdentifier, *itemIdentifier, *consumerIdentifier); });
+}
+
+void DSAccessControlStore::syncQueueAllow(const std::string& provider, const std::string& item,
+                                          const std::string& consumer) {
+  if (!syncQueueAccessControlDict->allow(provider, item, consumer)) {
+    DS_LOG("[INFO] Provider ID %@ is already allowed to provide item ID “%@” to consumer ID %@.",
+           provider, item, consumer);
+    return;
+  }
+  DS_LOG("[INFO] Allowing provider ID %@ to provide item ID “%@” to consumer ID %@", provider, item,
+         consumer);
+  syncQueueCommitAccessControl();
 }
 
 void DSAccessControlStore::
@@ -68,14 +71,18 @@ void DSAccessControlStore::
         const std::optional<std::string>& consumerIdentifier) {
   if (!providerIdentifier || !itemIdentifier || !consumerIdentifier) return;
   syncQueue_->sync([&] {
-    if (!syncQueueAccessControlDict->disallow(*providerIdentifier, *itemIdentifier,
-                                              *consumerIdentifier)) {
-      return;
+    if (syncQueueDisallow(*providerIdentifier, *itemIdentifier, *consumerIdentifier)) {
+      syncQueueCommitAccessControl();
     }
-    DS_LOG("[INFO] No longer allowing provider ID %@ to provide item ID “%@” to consumer ID %@",
-           *providerIdentifier, *itemIdentifier, *consumerIdentifier);
-    syncQueueCommitAccessControl();
   });
+}
+
+bool DSAccessControlStore::syncQueueDisallow(const std::string& provider, const std::string& item,
+                                             const std::string& consumer) {
+  if (!syncQueueAccessControlDict->disallow(provider, item, consumer)) return false;
+  DS_LOG("[INFO] No longer allowing provider ID %@ to provide item ID “%@” to consumer ID %@",
+         provider, item, consumer);
+  return true;
 }
 
 void DSAccessControlStore::rereadAccessControl() {

@@ -1,8 +1,14 @@
 #pragma once
 
+#include <cstdint>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "acl/AccessControlList.h"
 #include "acl/DSAccessControl.h"
@@ -16,6 +22,9 @@
 /// from a task that runs on that queue. Queries and changes wait until they have run; a change
 /// returns after the file has been written. A write that fails is logged and the change stays in
 /// force in memory. Nothing is reported to the callers otherwise.
+///
+/// Taking a grant back is more than removing it: what is under way when it is taken back (a
+/// provider that was asked before it is granted) must not bring it to life again. See moment().
 ///
 /// Identifiers are opaque byte strings in UTF-8, compared exactly.
 ///
@@ -59,6 +68,40 @@ class DSAccessControlStore : public DSAccessControl,
       const std::optional<std::string>& itemIdentifier,
       const std::optional<std::string>& consumerIdentifier);
 
+  /// A point in time, kept by whoever is about to ask a provider before it makes or uses a grant:
+  /// what is taken back meanwhile stays taken back for it.
+  class Moment;
+  /// Any thread; never waits for the queue.
+  std::shared_ptr<const Moment> moment();
+
+  /// Whether such a grant was taken back since then. An absent argument means no grant.
+  bool wasRevokedSince(const Moment& moment, const std::optional<std::string>& providerIdentifier,
+                       const std::optional<std::string>& itemIdentifier,
+                       const std::optional<std::string>& consumerIdentifier) const;
+
+  /// Adds a grant as allowProvider... does, unless it was taken back since then: whether it is
+  /// there now.
+  bool allowUnlessRevokedSince(const Moment& moment,
+                               const std::optional<std::string>& providerIdentifier,
+                               const std::optional<std::string>& itemIdentifier,
+                               const std::optional<std::string>& consumerIdentifier);
+
+  using Grant = AccessControlList::Grant;
+  /// Every grant: by provider, by consumer, in the order in which they were made.
+  std::vector<Grant> grants();
+
+  struct Revocation {
+    /// The items whose grants are gone: the one that was asked for, or all there were.
+    std::vector<std::string> items;
+    /// Of the writing of the file: it may hold the grants still, and a restart bring them back.
+    std::optional<qx::Error> error;
+  };
+  /// Takes a grant back, or, without an item, every grant of the consumer from the provider. Unless
+  /// there is an error, the file is without them when this returns, whether they had been there or
+  /// not.
+  Revocation revoke(const std::string& provider, const std::optional<std::string>& item,
+                    const std::string& consumer);
+
   /// Has the file read again on the queue and returns at once. A file that is missing then leaves
   /// the list as it is; one that cannot be parsed empties it.
   void rereadAccessControl();
@@ -71,9 +114,45 @@ class DSAccessControlStore : public DSAccessControl,
 
   // These two take no lock: they run on the queue, the first reading in the constructor apart.
   void syncQueueReadAccessControl();
-  void syncQueueCommitAccessControl();
+  std::optional<qx::Error> syncQueueCommitAccessControl();
+  void syncQueueAllow(const std::string& provider, const std::string& item,
+                      const std::string& consumer);
+  /// Without writing the file; false when there was no such grant.
+  bool syncQueueDisallow(const std::string& provider, const std::string& item,
+                         const std::string& consumer);
 
   std::shared_ptr<qx::WorkQueue> syncQueue_;
   /// The list in memory; only on the queue. Absent only within a reading.
   std::optional<AccessControlList> syncQueueAccessControlDict;
+  /// The last writing failed; only on the queue.
+  bool syncQueueFileIsBehind_ = false;
+
+  /// What was taken back while requests were under way. Numbers count revocations.
+  struct TakenBack {
+    std::uint64_t number;
+    std::string provider;
+    std::optional<std::string> item;
+    std::string consumer;
+  };
+  void forget(std::uint64_t moment);
+  mutable std::mutex revocationsMutex_;
+  // Under that mutex.
+  std::uint64_t revocations_ = 0;
+  std::multiset<std::uint64_t> moments_;  // of the requests under way
+  std::deque<TakenBack> takenBack_;       // since the first of them
+};
+
+/// A number of revocations; the store is told when nobody keeps it any more.
+class DSAccessControlStore::Moment {
+ public:
+  Moment(std::shared_ptr<DSAccessControlStore> store, std::uint64_t revocations)
+      : store_(std::move(store)), revocations_(revocations) {}
+  ~Moment() { store_->forget(revocations_); }
+  Moment(const Moment&) = delete;
+  Moment& operator=(const Moment&) = delete;
+
+ private:
+  friend class DSAccessControlStore;
+  const std::shared_ptr<DSAccessControlStore> store_;
+  const std::uint64_t revocations_;
 };

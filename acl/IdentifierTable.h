@@ -57,15 +57,13 @@ class IdentifierTable {
     indexFrom(0);
   }
 
-  /// `visit(identifier, entry)` in byte order, as long as it returns true; returns whether it
-  /// always did.
+  /// `visit(identifier, entry)` in byte order.
   template <class Visit>
-  bool forEach(Visit&& visit) {
+  void forEach(Visit&& visit) {
     sortNewNodes();
     for (const std::uint32_t position : order_) {
-      if (!visit(std::as_const(nodes_[position].identifier), nodes_[position].entry)) return false;
+      visit(std::as_const(nodes_[position].identifier), nodes_[position].entry);
     }
-    return true;
   }
 
  private:

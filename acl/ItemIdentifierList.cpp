@@ -55,12 +55,8 @@ bool ItemIdentifierList::remove(std::string_view identifier) {
   forEach(
       [&](std::string_view other) {
         if (other != identifier) rest.append(other);
-        return true;
       },
-      [&](const qx::Value& element) {
-        rest.appendForeign(element);
-        return true;
-      });
+      [&](const qx::Value& element) { rest.appendForeign(element); });
   *this = std::move(rest);
   return true;
 }

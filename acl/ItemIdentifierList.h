@@ -31,20 +31,18 @@ class ItemIdentifierList {
 
   bool isEmpty() const { return count_ == 0 && !foreign_; }
 
-  /// In order: `identifier(std::string_view)` and `foreign(const qx::Value&)`. Goes on as long as
-  /// they return true; returns whether all did.
+  /// In order: `identifier(std::string_view)` and `foreign(const qx::Value&)`.
   template <class Identifier, class Foreign>
-  bool forEach(Identifier&& identifier, Foreign&& foreign) const {
+  void forEach(Identifier&& identifier, Foreign&& foreign) const {
     std::size_t nextForeign = 0;
     for (std::size_t position = 0; position <= count_; ++position) {
       for (; foreign_ && nextForeign < foreign_->size() &&
              (*foreign_)[nextForeign].identifiersBefore == position;
            ++nextForeign) {
-        if (!foreign((*foreign_)[nextForeign].element)) return false;
+        foreign((*foreign_)[nextForeign].element);
       }
-      if (position < count_ && !identifier(at(position))) return false;
+      if (position < count_) identifier(at(position));
     }
-    return true;
   }
 
  private:

@@ -7,6 +7,7 @@
 #include "platform/notify/SystemNotifyCenter.h"
 #include "platform/queue/WorkQueue.h"
 #include "providers/DSExtensionDocSource.h"
+#include "servicer/DSGrants.h"
 
 namespace {
 
@@ -21,6 +22,10 @@ void DSServer::startCompletion(std::function<void()> completion) {
   listenerDelegate_ = std::make_shared<DSConduitListenerDelegate>();
   listenerDelegate_->setServer(shared_from_this());
   listener_->setDelegate(listenerDelegate_);
+  grantsListener_ = std::make_shared<QXConduitListener>(dsGrantsServiceName);
+  grantsListenerDelegate_ = std::make_shared<DSGrantsListenerDelegate>();
+  grantsListenerDelegate_->setServer(shared_from_this());
+  grantsListener_->setDelegate(grantsListenerDelegate_);
 
   qx::SystemNotifyCenter::addObserver(
       firstUnlockNotification, [] { DSExtensionDocSource::createInstancesCompletion(nullptr); });
@@ -28,12 +33,17 @@ void DSServer::startCompletion(std::function<void()> completion) {
   if (DeviceLockState() == unlockedLockState || DeviceUnlockedSinceBoot() != 0) {
     DSExtensionDocSource::createInstancesCompletion(
         [self = weak_from_this(), completion = std::move(completion)] {
-          if (auto server = self.lock()) server->listener()->resume();
+          if (auto server = self.lock()) server->resumeListeners();
           if (completion) completion();
         });
     return;
   }
   DS_LOG("[INFO] Not instantiating doc sources until first unlock.");
-  listener_->resume();
+  resumeListeners();
   if (completion) qx::WorkQueue::global().async(std::move(completion));
+}
+
+void DSServer::resumeListeners() {
+  grantsListener_->resume();
+  listener_->resume();
 }

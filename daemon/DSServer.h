@@ -4,11 +4,13 @@
 #include <memory>
 
 #include "daemon/DSConduitListenerDelegate.h"
+#include "daemon/DSGrantsListenerDelegate.h"
 #include "platform/conduit/QXConduitListener.h"
 #include "servicer/DSConduitServicer.h"
 
-/// The daemon's server: the listener on "com.veltro.DocSource" and its delegate, and the order in
-/// which the first unlock of the device, the provider instances and the listener's resumption come.
+/// The daemon's server: the listener on "com.veltro.DocSource" with its delegate, the one on
+/// "com.veltro.DocSource.Grants" with its own, and the order in which the first unlock of the
+/// device, the provider instances and the listeners' resumption come.
 ///
 /// Owned by the entry point for the life of the process. Holds the access control store weakly; the
 /// store keeps itself alive. Used on the main thread; accessControlStore() on any.
@@ -35,7 +37,11 @@ class DSServer final : public DSAccessControlStoreOwner,
   void startCompletion(std::function<void()> completion);
 
  private:
+  void resumeListeners();
+
   std::shared_ptr<QXConduitListener> listener_;
   std::shared_ptr<DSConduitListenerDelegate> listenerDelegate_;
+  std::shared_ptr<QXConduitListener> grantsListener_;
+  std::shared_ptr<DSGrantsListenerDelegate> grantsListenerDelegate_;
   std::weak_ptr<DSAccessControlStore> accessControlStore_;
 };

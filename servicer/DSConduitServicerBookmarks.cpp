@@ -5,9 +5,8 @@
 #include <utility>
 
 #include "acl/DSAccessControlStore.h"
-#include "platform/files/FileManager.h"
+#include "platform/files/ItemGuard.h"
 #include "platform/log/Log.h"
-#include "platform/queue/WorkQueue.h"
 #include "providers/DSExtensionDocSource.h"
 #include "servicer/DSConduitServicer.h"
 
@@ -37,6 +36,43 @@ std::optional<Bookmark> parseBookmark(const std::optional<std::string>& string) 
   return Bookmark{std::string(rest.substr(0, separator)), std::string(item)};
 }
 
+void logExtendBookmarkFailure(const std::optional<qx::URL>& url,
+                              const std::optional<std::string>& clientID,
+                              const std::optional<std::string>& consumerID,
+                              const qx::Error& error) {
+  DS_LOG(
+      "[ERROR] Could not extend bookmark privileges for URL %@ from bundle %@ to consumer ID %@, "
+      "error: %@",
+      url, clientID, consumerID, error);
+}
+
+/// An extension that is permitted, and waits for the provider to say which item it is about.
+struct BookmarkExtension {
+  std::optional<qx::URL> url;
+  std::optional<std::string> clientID;
+  std::optional<std::string> consumerID;
+  std::shared_ptr<DSExtensionDocSource> provider;
+  std::shared_ptr<qx::ItemGuard> guard;
+  std::shared_ptr<DSAccessControlStore> store;  // null, like the next, when there is none any more
+  std::shared_ptr<const DSAccessControlStore::Moment> began;
+
+  void finish(const std::optional<std::string>& itemID, const std::optional<qx::URL>& itemURL,
+              const qx::Completion<std::string, qx::Error>& completion) const {
+    const auto providerID = provider->identifier();
+    const bool isThatFile = guard->isAlso(itemURL) && guard->isUntouched();
+    if (!isThatFile ||
+        (store && !store->allowUnlessRevokedSince(*began, providerID, itemID, consumerID))) {
+      const auto error = DSNotPermittedError();
+      logExtendBookmarkFailure(url, clientID, consumerID, error);
+      if (completion) completion(std::nullopt, error);
+      return;
+    }
+    const auto string = bookmarkableString(providerID, itemID);
+    DS_LOG("[DEBUG] Successfully generated bookmarkable string “%@” from URL %@.", string, url);
+    completion(string, std::nullopt);
+  }
+};
+
 }  // namespace
 
 void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
@@ -53,37 +89,41 @@ void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
     provider = DSExtensionDocSource::providerForURL(url);
     if (!provider) error = DSNotFoundErrorURL(url);
   }
-  // What the client may write must be what the provider is asked about, although a link on the way
-  // may lead elsewhere at each look: from here on it is the item under the provider's own name.
-  std::optional<qx::URL> item;
+  // The grant is to be for the file that the client may write, whatever happens to its name while
+  // the provider is asked: it is held on to before the client's access is looked at (again).
+  std::shared_ptr<qx::ItemGuard> guard;
   if (!error) {
-    item = qx::FileManager::itemURLBelowDirectory(provider->providedItemsURL(), url);
-    const bool isTheSame = item && item->absoluteString() == url->absoluteString();
-    if (!item || (!isTheSame && !clientHasSandboxAccessToFile(item))) error = DSNotPermittedError();
+    guard = qx::ItemGuard::hold(provider->providedItemsURL(), url);
+    if (!guard || !clientHasSandboxAccessToFile(guard->url())) error = DSNotPermittedError();
   }
   if (error) {
-    DS_LOG(
-        "[ERROR] Could not extend bookmark privileges for URL %@ from bundle %@ to consumer ID %@, "
-        "error: %@",
-        url, clientID, consumerID, error);
-    qx::answerFromGlobalQueue([completion = std::move(completion), error] {
-      if (completion) completion(std::nullopt, error);
-    });
+    logExtendBookmarkFailure(url, clientID, consumerID, *error);
+    answerEarly(std::move(completion), std::nullopt, error);
     return;
   }
 
-  lookUpItemID(
-      provider, item,
-      [completion = std::move(completion), self = shared_from_this(), provider, consumerID, url](
-          const std::optional<qx::Error>& lookupError, const std::optional<std::string>& itemID) {
+  const auto store = accessControlStore();
+  const BookmarkExtension extension{
+      url, clientID, consumerID, provider, guard, store, store ? store->moment() : nullptr};
+  provider->itemIDForURL_completionHandler(
+      guard->url(),
+      [completion = std::move(completion), extension](const std::optional<qx::Error>& lookupError,
+                                                      const std::optional<std::string>& itemID) {
         if (lookupError) {
           if (completion) completion(std::nullopt, DSPluginOperationFailedError(lookupError));
           return;
         }
-        self->allow(provider->identifier(), itemID, consumerID);
-        const auto string = bookmarkableString(provider->identifier(), itemID);
-        DS_LOG("[DEBUG] Successfully generated bookmarkable string “%@” from URL %@.", string, url);
-        completion(string, std::nullopt);
+        // The provider's word on which item that is does not make it so: the item's own URL must
+        // lead to the file that was held.
+        extension.provider->URLForItemID_completionHandler(
+            itemID, [completion, extension, itemID](const std::optional<qx::Error>& urlError,
+                                                    const std::optional<qx::URL>& itemURL) {
+              if (urlError) {
+                if (completion) completion(std::nullopt, DSPluginOperationFailedError(urlError));
+                return;
+              }
+              extension.finish(itemID, itemURL, completion);
+            });
       });
 }
 
@@ -93,9 +133,7 @@ void DSConduitServicer::bookmarkableStringFromDocumentURL_completion(
   const auto provider = DSExtensionDocSource::providerForURL(url);
   if (!provider) {
     DS_LOG("[INFO] Could not find the provider for URL %@", url);
-    if (!completion) return;
-    qx::answerFromGlobalQueue(
-        [completion = std::move(completion)] { completion(std::nullopt, std::nullopt); });
+    answerEarly(std::move(completion), std::nullopt, std::nullopt);
     return;
   }
   provider->itemIDForURL_completionHandler(url, [completion = std::move(completion), provider, url](
@@ -119,10 +157,8 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
     qx::Completion<qx::URL, qx::Bytes, qx::URL, qx::Bytes, qx::Error> completion) {
   DS_LOG("[DEBUG] Getting URL from bookmarkable string: “%@”.", string);
   const auto refuse = [&completion](const qx::Error& error) {
-    if (!completion) return;
-    qx::answerFromGlobalQueue([completion = std::move(completion), error] {
-      completion(std::nullopt, std::nullopt, std::nullopt, std::nullopt, error);
-    });
+    answerEarly(std::move(completion), std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                error);
   };
   const auto clientID = clientBundleIdentifier();
   if (!clientID) {
@@ -135,9 +171,12 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
     return;
   }
   const auto& [providerID, itemID] = *bookmark;
-  if (!DSAccessControlStore::sharedStore()
-           ->isProviderIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
-               providerID, itemID, clientID)) {
+  const auto isGranted = [providerID = providerID, itemID = itemID, clientID] {
+    return DSAccessControlStore::sharedStore()
+        ->isProviderIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(providerID, itemID,
+                                                                               clientID);
+  };
+  if (!isGranted()) {
     DS_LOG("[ERROR] Provider ID %@ is not allowed to provide item ID “%@” to consumer ID %@",
            providerID, itemID, clientID);
     refuse(DSNotPermittedError());
@@ -148,20 +187,23 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
   if (!provider) return;
 
   provider->URLForItemID_completionHandler(
-      itemID, [completion = std::move(completion), providerID = providerID, clientID](
+      itemID, [completion = std::move(completion), providerID = providerID, clientID, isGranted](
                   const std::optional<qx::Error>& lookupError, const std::optional<qx::URL>& url) {
-        if (lookupError) {
+        const auto fail = [&completion](const std::optional<qx::Error>& failure) {
           if (completion) {
-            completion(std::nullopt, std::nullopt, std::nullopt, std::nullopt,
-                       DSSandboxExtensionFailedError(url));
+            completion(std::nullopt, std::nullopt, std::nullopt, std::nullopt, failure);
           }
-          return;
-        }
+        };
+        if (lookupError) return fail(DSSandboxExtensionFailedError(url));
         std::optional<qx::Bytes> token;
         std::optional<qx::URL> siblingURL;
         std::optional<qx::Bytes> siblingToken;
         std::optional<qx::Error> issueError;
-        if (issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError)) {
+        const bool isIssued =
+            issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError);
+        // Tokens that are issued after the grant was taken back would be good.
+        if (!isGranted()) return fail(DSNotPermittedError());
+        if (isIssued) {
           DS_LOG(
               "[INFO] Successfully extended sandbox of URL %@ from provider ID %@ to consumer ID "
               "%@.",
@@ -172,9 +214,7 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
               "[ERROR] Failed to extend sandbox of URL %@ from provider ID %@ to consumer ID %@. "
               "Error: %@",
               url, providerID, clientID, issueError);
-          if (completion) {
-            completion(std::nullopt, std::nullopt, std::nullopt, std::nullopt, issueError);
-          }
+          fail(issueError);
         }
       });
 }

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "platform/log/Log.h"
-#include "platform/queue/WorkQueue.h"
 #include "providers/DSExtensionDocSource.h"
 #include "servicer/DSConduitServicer.h"
 
@@ -50,23 +49,7 @@ qx::Result<Provider> providerOwningURLOf(const ItemRequest& request,
   return provider;
 }
 
-/// Answers from the global queue, as every early answer is given.
-void answerEarly(qx::Completion<qx::Error> completion, const qx::Error& error) {
-  qx::answerFromGlobalQueue([completion = std::move(completion), error] {
-    if (completion) completion(error);
-  });
-}
-
 }  // namespace
-
-void DSConduitServicer::lookUpItemID(const std::shared_ptr<DSExtensionDocSource>& provider,
-                                     const std::optional<qx::URL>& url, ItemIDReply reply) {
-  provider->itemIDForURL_completionHandler(
-      url, [reply = std::move(reply)](const std::optional<qx::Error>& error,
-                                      const std::optional<std::string>& itemID) {
-        qx::WorkQueue::global().async([reply, error, itemID] { reply(error, itemID); });
-      });
-}
 
 void DSConduitServicer::forwardIfGranted(ItemOperation operation,
                                          const std::shared_ptr<DSExtensionDocSource>& provider,
@@ -74,11 +57,10 @@ void DSConduitServicer::forwardIfGranted(ItemOperation operation,
                                          const std::optional<std::string>& providerID,
                                          const std::optional<std::string>& consumerID,
                                          qx::Completion<qx::Error> completion) {
-  lookUpItemID(
-      provider, url,
-      [self = shared_from_this(), operation, provider, url, providerID, consumerID,
-       completion = std::move(completion)](const std::optional<qx::Error>& error,
-                                           const std::optional<std::string>& itemID) {
+  provider->itemIDForURL_completionHandler(
+      url, [self = shared_from_this(), operation, provider, url, providerID, consumerID,
+            completion = std::move(completion)](const std::optional<qx::Error>& error,
+                                                const std::optional<std::string>& itemID) {
         if (error) {
           if (completion) completion(DSPluginOperationFailedError(error));
         } else if (self->isAllowed(providerID, itemID, consumerID)) {
@@ -98,7 +80,7 @@ void DSConduitServicer::
         const std::optional<std::string>& consumerID, qx::Completion<qx::Error> completion) {
   DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
   if (!clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
-    if (completion) answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
+    answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
     return;
   }
   const ItemRequest request{url, providerID, consumerID};
@@ -120,7 +102,7 @@ void DSConduitServicer::startProvidingItemAtURL_fromProviderID_forConsumerID_com
     const std::optional<std::string>& consumerID, qx::Completion<qx::Error> completion) {
   DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
   if (!clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
-    if (completion) answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
+    answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
     return;
   }
   const ItemRequest request{url, providerID, consumerID};
@@ -140,7 +122,7 @@ void DSConduitServicer::stopProvidingItemAtURL_fromProviderID_forConsumerID_comp
     const std::optional<std::string>& consumerID, qx::Completion<qx::Error> completion) {
   DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
   if (!clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
-    if (completion) answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
+    answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt));
     return;
   }
   const auto provider = providerOwningURLOf({url, providerID, consumerID}, std::nullopt);

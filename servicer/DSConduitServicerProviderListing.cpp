@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "platform/log/Log.h"
-#include "platform/queue/WorkQueue.h"
 #include "providers/DSExtensionDocSource.h"
 #include "servicer/DSConduitServicer.h"
 
@@ -13,17 +12,15 @@ void DSConduitServicer::providersCompletionHandler(
   DS_LOG("[DEBUG] Serving: %@", operation);
   if (clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
     // The registry as it is at the moment of the call, not at that of the answer.
-    auto providers = DSExtensionDocSource::providersInfo();
-    qx::answerFromGlobalQueue(
-        [completion = std::move(completion), providers = std::move(providers), operation] {
-          DS_LOG("[DEBUG] %@: returning providers %@", operation, qx::Value(providers));
-          if (completion) completion(std::nullopt, providers);
-        });
+    qx::Completion<qx::Error, qx::Dictionary> logged =
+        [completion = std::move(completion), operation](
+            const std::optional<qx::Error>& error, const std::optional<qx::Dictionary>& providers) {
+          DS_LOG("[DEBUG] %@: returning providers %@", operation, qx::Value(*providers));
+          if (completion) completion(error, providers);
+        };
+    answerEarly(std::move(logged), std::nullopt, DSExtensionDocSource::providersInfo());
     return;
   }
   DS_LOG("[DEBUG] %@: Client is missing entitlement", operation);
-  if (!completion) return;
-  qx::answerFromGlobalQueue([completion = std::move(completion)] {
-    completion(DSClientLacksEntitlement(std::nullopt), std::nullopt);
-  });
+  answerEarly(std::move(completion), DSClientLacksEntitlement(std::nullopt), std::nullopt);
 }

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "acl/DSAccessControlStore.h"
 #include "platform/log/Log.h"
-#include "platform/queue/WorkQueue.h"
 #include "platform/sandbox/Sandbox.h"
 #include "providers/DSExtensionDocSource.h"
 #include "servicer/DSConduitServicer.h"
@@ -41,12 +41,10 @@ void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_comp
     qx::Completion<qx::Error, qx::Bytes, qx::URL, qx::Bytes> completion) {
   DS_LOG("[DEBUG] Serving: %@", qx::operationName(__func__));
   const auto refuse = [&completion](const qx::Error& error) {
-    qx::answerFromGlobalQueue([completion = std::move(completion), error] {
-      if (completion) completion(error, std::nullopt, std::nullopt, std::nullopt);
-    });
+    answerEarly(std::move(completion), error, std::nullopt, std::nullopt, std::nullopt);
   };
   if (!clientHasOneOfAllowedEntitlements(dsWriteEntitlements)) {
-    if (completion) refuse(DSClientLacksEntitlement(std::nullopt));
+    refuse(DSClientLacksEntitlement(std::nullopt));
     return;
   }
 
@@ -71,23 +69,28 @@ void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_comp
     return;
   }
 
-  lookUpItemID(
-      provider, url,
-      [self = shared_from_this(), completion = std::move(completion), providerID, consumerID, url](
-          const std::optional<qx::Error>& lookupError, const std::optional<std::string>& itemID) {
-        if (lookupError) {
-          if (completion) {
-            completion(DSPluginOperationFailedError(lookupError), std::nullopt, std::nullopt,
-                       std::nullopt);
-          }
-          return;
-        }
-        self->allow(providerID, itemID, consumerID);
+  const auto store = accessControlStore();
+  provider->itemIDForURL_completionHandler(
+      url, [completion = std::move(completion), providerID, consumerID, url, store,
+            began = store ? store->moment() : nullptr](const std::optional<qx::Error>& lookupError,
+                                                       const std::optional<std::string>& itemID) {
+        const auto fail = [&completion](const std::optional<qx::Error>& failure) {
+          if (completion) completion(failure, std::nullopt, std::nullopt, std::nullopt);
+        };
+        const auto wasRevoked = [&] {
+          return store && store->wasRevokedSince(*began, providerID, itemID, consumerID);
+        };
+        if (lookupError) return fail(DSPluginOperationFailedError(lookupError));
+        if (store) store->allowUnlessRevokedSince(*began, providerID, itemID, consumerID);
         std::optional<qx::Bytes> token;
         std::optional<qx::URL> siblingURL;
         std::optional<qx::Bytes> siblingToken;
         std::optional<qx::Error> issueError;
-        if (issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError)) {
+        const bool isIssued =
+            issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError);
+        // Tokens that are issued after the document's were taken back would be good.
+        if (wasRevoked()) return fail(DSNotPermittedError());
+        if (isIssued) {
           DS_LOG(
               "[INFO] Successfully extended sandbox for URL %@ from provider ID %@ to consumer ID "
               "%@.",
@@ -97,10 +100,7 @@ void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_comp
           DS_LOG(
               "[ERROR] Failed to extend sandbox for URL %@ from provider ID %@ to consumer ID %@.",
               url, providerID, consumerID);
-          if (completion) {
-            completion(DSSandboxExtensionFailedError(url), std::nullopt, std::nullopt,
-                       std::nullopt);
-          }
+          fail(DSSandboxExtensionFailedError(url));
         }
       });
 }
@@ -114,6 +114,14 @@ std::optional<qx::URL> hiddenSiblingURLForURL(const qx::URL& url) {
   sibling += '.';
   sibling += text.substr(nameStart);
   return qx::URL::parse(sibling);
+}
+
+std::optional<qx::Error> takeBackSandboxExtensionsForURL(const qx::URL& url) {
+  const auto path = url.path();
+  if (!path) return std::nullopt;
+  if (auto error = SandboxTakeBackFileExtensions(*path)) return error;
+  const auto sibling = pathOf(hiddenSiblingURLForURL(url));
+  return isHiddenBeside(sibling, *path) ? SandboxTakeBackFileExtensions(*sibling) : std::nullopt;
 }
 
 bool issueSandboxExtensionsForURL(const std::optional<qx::URL>& url,

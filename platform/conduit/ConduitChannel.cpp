@@ -3,7 +3,8 @@
 // The socket is one source of the reactor, armed for what is wanted next: input, unless a thread is
 // reading already or too many calls are unanswered; output, while the socket is full. The thread
 // that reads keeps the input to itself (`reading_`), so calls are delivered one at a time and in
-// order, while another thread can still flush output.
+// order, while another thread can still flush output. Replies wait until it has armed the socket
+// again, and hold nobody up then.
 //
 // Descriptors arrive somewhere within the bytes that one recvmsg() returned; they belong to the
 // frame that begins within those bytes and speaks of descriptors.
@@ -27,7 +28,6 @@
 #include "platform/identity/AuditToken.h"
 #include "platform/log/Log.h"
 #include "platform/queue/Clock.h"
-#include "platform/queue/WorkPool.h"
 #include "platform/queue/WorkQueue.h"
 
 namespace qx::conduit {
@@ -158,7 +158,7 @@ void ConduitChannel::close() {
 
 void ConduitChannel::refuse(std::string_view why) {
   DS_LOG("[NOTICE] Closing the connection to PID %d: %@.",
-         AuditToken::ofPeer(socket_.get()).processIdentifier(), why);
+         peerProcess_.value_or(AuditToken::ofPeer(socket_.get()).processIdentifier()), why);
 }
 
 // Reading.
@@ -185,13 +185,25 @@ void ConduitChannel::ready(std::uint32_t events) {
   }
   Progress progress = Progress::again;
   for (int i = 0; i < 16 && progress == Progress::again; ++i) progress = readSome();
+  Delivery own;
+  if (!deliveries_.empty()) {
+    own = std::move(deliveries_.back());
+    deliveries_.pop_back();
+    leaveDeliveriesToOthers();
+  }
   if (progress == Progress::over) {
     close();
-    return;
+  } else {
+    std::lock_guard lock(mutex_);
+    reading_ = false;
+    if (!closed_) armLocked();
   }
-  std::lock_guard lock(mutex_);
-  reading_ = false;
-  if (!closed_) armLocked();
+  if (own) own();
+}
+
+void ConduitChannel::leaveDeliveriesToOthers() {
+  for (auto& delivery : deliveries_) WorkQueue::global().async(std::move(delivery));
+  deliveries_.clear();
 }
 
 ConduitChannel::Progress ConduitChannel::readSome() {
@@ -329,8 +341,6 @@ bool ConduitChannel::handleMessage(std::span<const std::uint8_t> body,
   auto head = decoder.next();
   std::int64_t kind = 0;
   if (!head || head->kind != Item::Kind::array || !takeInteger(decoder, kind)) return false;
-  // The call before must not wait for what this message sets going.
-  if (kind <= failureMessage) WorkPool::releaseHeldBack();
   switch (kind) {
     case callMessage:
       return (head->count == 4 || head->count == 5) && handleCall(decoder, head->count == 5);
@@ -372,12 +382,9 @@ bool ConduitChannel::handleCall(Decoder& decoder, bool hasRequest) {
     unansweredSize_ += size;
   }
   auto call = std::make_shared<IncomingCall>(weak_from_this(), id, size);
-  if (delegate) {
-    // What is left to the global queue is done by this thread: an answer when the call has
-    // returned, anything else when the connection is armed again, unless more is to be read before.
-    const WorkPool::HoldBack holdBack;
-    delegate->receivedCall(std::move(call), operation->content, arguments, request);
-  }
+  // The call may wait for a reply that came before it.
+  leaveDeliveriesToOthers();
+  if (delegate) delegate->receivedCall(std::move(call), operation->content, arguments, request);
   return true;
 }
 
@@ -394,14 +401,19 @@ bool ConduitChannel::handleReply(Decoder& decoder, bool isFailure) {
     call = std::move(found->second);
     calls_.erase(found);
   }
-  const WorkPool::HoldBack holdBack;
   // Nothing is built for an answer that nobody waits for.
   std::optional<Error> failure;
-  if (isFailure ? !decode(decoder, failure) : !call.onReply(decoder)) {
+  Delivery delivery;
+  if (!isFailure) delivery = call.onReply(decoder);
+  if (isFailure ? !decode(decoder, failure) : !delivery) {
     failure = conduitError(ConduitErrorCode::replyDoesNotMatch,
                            "The reply is not of the declared types.");
   }
-  if (failure && call.onError) call.onError(*failure);
+  if (failure) {
+    if (!call.onError) return true;
+    delivery = [onError = std::move(call.onError), error = *std::move(failure)] { onError(error); };
+  }
+  deliveries_.push_back(std::move(delivery));
   return true;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -28,9 +30,11 @@ class IncomingCall;
 /// directions, and every limit of the protocol. QXConduitConnection gives it meaning.
 ///
 /// Threads: the reactor reads; calls are delivered to the delegate one at a time, in order, on the
-/// thread that read them; replies to our calls likewise. Whoever sends writes at once when the
-/// socket takes it, else the reactor goes on. Everything may be called from any thread, also from
-/// within a delivery.
+/// thread that read them. Replies to our calls are delivered in parallel and in any order, when the
+/// connection can be read by others again: whoever takes a reply may wait for whatever he wants and
+/// holds up no other reply. The thread that read delivers one of them, others have the rest.
+/// Whoever sends writes at once when the socket takes it, else the reactor goes on. Everything may
+/// be called from any thread, also from within a delivery.
 class ConduitChannel final : public ReactorHandler,
                              public std::enable_shared_from_this<ConduitChannel> {
  public:
@@ -47,8 +51,10 @@ class ConduitChannel final : public ReactorHandler,
     virtual void channelEnded() = 0;
   };
 
-  /// Takes the reply's arguments; false when they are not of the declared types.
-  using ReplyReader = std::function<bool(Decoder&)>;
+  using Delivery = std::function<void()>;
+  /// Takes the reply's arguments, once, and makes of them what hands them over; empty when they are
+  /// not of the declared types.
+  using ReplyReader = std::function<Delivery(Decoder&)>;
   using ErrorHandler = std::function<void(const Error&)>;
 
   static constexpr std::size_t maximumUnanswered = 1024;
@@ -61,6 +67,8 @@ class ConduitChannel final : public ReactorHandler,
   explicit ConduitChannel(FileDescriptor socket);
 
   void setDelegate(std::weak_ptr<Delegate> delegate);
+  /// Before start(): whom the log names where the kernel would say who made the socket pair.
+  void setPeerProcess(pid_t process) { peerProcess_ = process; }
   void start();
 
   /// Ends the channel: the error handler of each call in flight gets "connection lost", on the
@@ -114,6 +122,7 @@ class ConduitChannel final : public ReactorHandler,
   /// Handles the whole frames in the bytes and returns how many bytes they were; absent when the
   /// channel is over.
   std::optional<std::size_t> handleFrames(std::span<const std::uint8_t> bytes);
+  void leaveDeliveriesToOthers();
   void dropPassedDescriptors(std::uint64_t streamPosition);
   bool handleFrame(std::span<const std::uint8_t> body, std::uint64_t streamPosition);
   bool handleMessage(std::span<const std::uint8_t> body,
@@ -130,6 +139,7 @@ class ConduitChannel final : public ReactorHandler,
   void armLocked();
 
   const FileDescriptor socket_;
+  std::optional<pid_t> peerProcess_;
   mutable std::mutex mutex_;
   // Under the mutex.
   std::weak_ptr<Delegate> delegate_;
@@ -151,6 +161,7 @@ class ConduitChannel final : public ReactorHandler,
   std::vector<std::uint8_t> input_;
   std::uint64_t streamPosition_ = 0;  // of the first byte in input_
   std::vector<DescriptorBatch> batches_;
+  std::vector<Delivery> deliveries_;
 };
 
 class IncomingCall {

@@ -25,10 +25,9 @@
 /// the socket, not the connection.
 ///
 /// Threads: any thread may call anything. Calls of the peer run on a thread of the reactor, one at
-/// a time and in order; replies to our calls and error handlers on a thread of the reactor or on
-/// the global queue. While it carries a call out, the exported object must not wait for a task that
-/// it submitted to a queue, other than by a synchronous submission: the task may be left for its
-/// own thread.
+/// a time and in order; one that blocks holds up its own connection alone. Replies to our calls and
+/// error handlers run on a thread of the reactor or on the global queue, in parallel; one that
+/// blocks holds up nobody.
 class QXConduitConnection final : public qx::conduit::ConduitChannel::Delegate,
                                   public std::enable_shared_from_this<QXConduitConnection> {
  public:
@@ -59,6 +58,9 @@ class QXConduitConnection final : public qx::conduit::ConduitChannel::Delegate,
   void setInvalidationHandler(std::function<void()> handler);
   /// Called after the error handler of each call that fails.
   void setFailureHandler(std::function<void()> handler);
+  /// The process at the other end of a socket pair, of which the kernel knows only who made it
+  /// (SO_PEERCRED, unix(7)). For the log; says nothing about who may do what.
+  void setPeerProcess(pid_t process) { channel_->setPeerProcess(process); }
   /// Without one a peer that speaks of requests loses the connection.
   void setRequestHandler(RequestHandler handler);
 

@@ -74,12 +74,14 @@ class RemoteProxy {
     conduit::encodeList(message, arguments...);
     channel_->sendCall(
         id, std::move(message), request_,
-        [completion, interface = interface_, operation](conduit::Decoder& reply) {
+        [completion, interface = interface_,
+         operation](conduit::Decoder& reply) mutable -> conduit::ConduitChannel::Delivery {
           std::tuple<std::optional<Rs>...> values;
-          if (!conduit::decodeList(reply, values)) return false;
-          if (!interface->allowsReply(operation, values)) return false;
-          if (completion) std::apply(completion, std::move(values));
-          return true;
+          if (!conduit::decodeList(reply, values)) return {};
+          if (!interface->allowsReply(operation, values)) return {};
+          return [completion = std::move(completion), values = std::move(values)]() mutable {
+            if (completion) std::apply(completion, std::move(values));
+          };
         },
         onError_);
   }

@@ -46,9 +46,10 @@ class Handler final : public ReactorHandler {
       if (path_.isUnsettledBy(event)) {
         int before = path_.directory();
         path_.establish();
-        if (event.isOverflow() || path_.directory() != before) tell({});
+        if (event.isOverflow() || path_.directory() != before)
+          tell({}, DirectoryWatch::Change::unknown);
       } else if (event.watch == path_.directory() && !event.name.empty() && isComplete(event)) {
-        tell(event.name);
+        tell(event.name, changeOf(event));
       }
     }
     Reactor::shared().arm(source_, inotify_.descriptor(), EPOLLIN);
@@ -64,8 +65,13 @@ class Handler final : public ReactorHandler {
     return !S_ISREG(status.st_mode) || status.st_nlink > 1 || status.st_size > 0;
   }
 
-  void tell(const std::string& name) {
-    if (!ended_) callback_(name);
+  static DirectoryWatch::Change changeOf(const Inotify::Event& event) {
+    if (event.mask & (IN_DELETE | IN_MOVED_FROM)) return DirectoryWatch::Change::gone;
+    return event.mask & IN_CREATE ? DirectoryWatch::Change::made : DirectoryWatch::Change::complete;
+  }
+
+  void tell(const std::string& name, DirectoryWatch::Change change) {
+    if (!ended_) callback_(name, change);
   }
 
   Inotify inotify_;
@@ -90,6 +96,12 @@ std::unique_ptr<DirectoryWatch> DirectoryWatch::start(std::string directory, Cal
   auto handler = std::make_shared<Handler>(std::move(directory), std::move(callback));
   if (!handler->begin(handler)) return nullptr;
   return std::make_unique<InotifyDirectoryWatch>(std::move(handler));
+}
+
+std::unique_ptr<DirectoryWatch> DirectoryWatch::start(
+    std::string directory, std::function<void(const std::string& name)> callback) {
+  return start(std::move(directory), [callback = std::move(callback)](const std::string& name,
+                                                                      Change) { callback(name); });
 }
 
 }  // namespace qx

@@ -43,12 +43,6 @@ std::unique_ptr<std::istream> inputStream(const std::string& path);
 Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
     const std::optional<URL>& directory, const std::optional<URL>& item);
 
-/// The item as the directory's own URL and the names below it, all links and ".." resolved: nobody
-/// can lead this URL elsewhere who may not change the directory. Absent when the item is not there
-/// or not below the directory.
-std::optional<URL> itemURLBelowDirectory(const std::optional<URL>& directory,
-                                         const std::optional<URL>& item);
-
 /// The same question about one item and any number of directories: the way to the item is walked
 /// once, at the first question that comes so far, and looked at only as far up as the answers need.
 class ItemPlace {
@@ -89,12 +83,12 @@ Result<std::string> readFile(const std::string& path);
 /// Replaces the file atomically and durably: a side file in the same directory, written out,
 /// renamed over the old one, the directory synced. A reader sees the old file or the new one,
 /// whatever happens to the process or the machine. A failed write leaves the old file and no side
-/// file. `write` is handed a function that appends text; when it returns false nothing is replaced
-/// and the error is EINVAL's. A link at `path` is replaced, not followed; `mode` is less the umask.
-/// A file size limit (RLIMIT_FSIZE) is an error only where SIGXFSZ is ignored.
+/// file. `write` is handed a function that appends text. A link at `path` is replaced, not
+/// followed; `mode` is less the umask. A file size limit (RLIMIT_FSIZE) is an error only where
+/// SIGXFSZ is ignored.
 std::optional<Error> replaceFile(
     const std::string& path,
-    const std::function<bool(const std::function<void(std::string_view)>& append)>& write,
+    const std::function<void(const std::function<void(std::string_view)>& append)>& write,
     unsigned mode = 0600);
 std::optional<Error> replaceFile(const std::string& path, std::string_view text,
                                  unsigned mode = 0600);

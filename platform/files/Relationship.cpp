@@ -20,7 +20,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -210,25 +209,6 @@ Result<DirectoryRelationship> ItemPlace::relationshipToDirectoryAtURL(
 Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(
     const std::optional<URL>& directory, const std::optional<URL>& item) {
   return ItemPlace(item).relationshipToDirectoryAtURL(directory);
-}
-
-std::optional<URL> itemURLBelowDirectory(const std::optional<URL>& directory,
-                                         const std::optional<URL>& item) {
-  const auto directoryPath = directory ? directory->path() : std::nullopt;
-  const auto itemPath = item ? item->path() : std::nullopt;
-  if (!directoryPath || !itemPath) return std::nullopt;
-  std::error_code problem;
-  const auto root = std::filesystem::canonical(*directoryPath, problem);
-  if (problem) return std::nullopt;
-  const auto there = std::filesystem::canonical(*itemPath, problem);
-  if (problem) return std::nullopt;
-  const auto below = there.lexically_relative(root);
-  if (below.empty() || below == "." || *below.begin() == "..") return std::nullopt;
-  // A URL that says so already stays as it is written.
-  const auto direct = std::filesystem::path(*directoryPath) / below;
-  std::filesystem::path given = *itemPath;
-  if (!given.has_filename()) given = given.parent_path();
-  return direct == given ? item : URL::fileURL(direct.string());
 }
 
 }  // namespace qx::FileManager

@@ -177,7 +177,7 @@ class SideFile {
 
 std::optional<Error> replaceFile(
     const std::string& path,
-    const std::function<bool(const std::function<void(std::string_view)>& append)>& write,
+    const std::function<void(const std::function<void(std::string_view)>& append)>& write,
     unsigned mode) {
   const URL url = URL::fileURL(path);
   const std::size_t slash = path.rfind('/');
@@ -186,9 +186,7 @@ std::optional<Error> replaceFile(
 
   SideFile file(slash == std::string::npos ? "." : path.substr(0, slash + 1), mode);
   if (file.failed() == 0) {
-    if (!write([&file](std::string_view text) { file.append(text); })) {
-      return fileError(EINVAL, url);
-    }
+    write([&file](std::string_view text) { file.append(text); });
     file.replace(name);
   }
   if (file.failed() != 0) return fileError(file.failed(), url);
@@ -197,12 +195,7 @@ std::optional<Error> replaceFile(
 
 std::optional<Error> replaceFile(const std::string& path, std::string_view text, unsigned mode) {
   return replaceFile(
-      path,
-      [text](const std::function<void(std::string_view)>& append) {
-        append(text);
-        return true;
-      },
-      mode);
+      path, [text](const std::function<void(std::string_view)>& append) { append(text); }, mode);
 }
 
 void removeSideFiles(const std::string& directory) {

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/queue/Sleeper.h"
 #include "platform/queue/Thread.h"
 #include "platform/queue/WorkPool.h"
 
@@ -86,12 +87,6 @@ class EpollReactor final : public Reactor, private ThreadOwner {
   static constexpr std::chrono::seconds idleTime{10};
   static constexpr std::chrono::milliseconds patience{1};
 
-  /// A thread in reserve. Each has a condition variable of its own (see WorkPool).
-  struct Sleeper {
-    std::condition_variable wake;
-    bool isWoken = false;
-  };
-
   bool control(int operation, SourceID source, int fd, std::uint32_t events) {
     epoll_event event{};
     event.events = events | EPOLLONESHOT;
@@ -103,15 +98,19 @@ class EpollReactor final : public Reactor, private ThreadOwner {
   /// waiting do not call one each.
   void callPoller() {
     pollers_.fetch_add(1);
+    Sleeper* called = nullptr;
     {
       std::lock_guard lock(reserveMutex_);
-      if (!reserve_.empty()) {
-        reserve_.back()->isWoken = true;
-        reserve_.back()->wake.notify_one();
+      if (reserve_.empty()) {
+        ++threads_;
+      } else {
+        called = reserve_.back();
         reserve_.pop_back();
-        return;
       }
-      ++threads_;
+    }
+    if (called) {
+      called->wake();
+      return;
     }
     auto thread = startThread("reactor", [this] { serve(); });
     if (thread.joinable()) {
@@ -143,7 +142,6 @@ class EpollReactor final : public Reactor, private ThreadOwner {
       }
       if (handler) handler->ready(event.events);
       handler.reset();
-      WorkPool::runHeldBack();
     } while (becomePoller());
   }
 
@@ -154,15 +152,21 @@ class EpollReactor final : public Reactor, private ThreadOwner {
     Sleeper sleeper;
     std::unique_lock lock(reserveMutex_);
     reserve_.push_back(&sleeper);
-    const auto isWoken = [&] { return sleeper.isWoken; };
     // Those that are kept sleep until they are needed: an idle process has nothing to wake up for.
-    while (threads_ > kept && !sleeper.isWoken) {
-      if (sleeper.wake.wait_for(lock, idleTime, isWoken) || threads_ <= kept) continue;
-      std::erase(reserve_, &sleeper);
-      --threads_;
-      return false;
+    while (threads_ > kept) {
+      lock.unlock();
+      if (sleeper.sleepFor(idleTime)) return true;
+      lock.lock();
+      // Taken off the list meanwhile: the waking comes.
+      if (std::erase(reserve_, &sleeper) == 0) break;
+      if (threads_ > kept) {
+        --threads_;
+        return false;
+      }
+      reserve_.push_back(&sleeper);
     }
-    sleeper.wake.wait(lock, isWoken);
+    lock.unlock();
+    sleeper.sleep();
     return true;
   }
 

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <functional>
 #include <initializer_list>
 #include <memory>
 
 namespace qx {
 
-/// The main thread's run loop: waits for work submitted to it, and ends when it is stopped or when
-/// one of the signals given to stopOnSignals() arrives.
+/// The main thread's run loop: does nothing but wait, and ends when it is stopped or when one of
+/// the signals given to stopOnSignals() arrives.
 class RunLoop {
  public:
   static RunLoop& main();
@@ -23,9 +22,6 @@ class RunLoop {
 
   /// Makes run() return, now or, when it does not run yet, at once on entry. Any thread.
   void stop();
-
-  /// Runs `task` on the main thread, inside run(). Any thread; returns at once.
-  void perform(std::function<void()> task);
 
  private:
   RunLoop();

@@ -18,11 +18,6 @@ constexpr std::chrono::milliseconds patience{10};
 constexpr unsigned defaultCap = 64;
 
 thread_local ThreadOwner* owner = nullptr;
-/// Of the calling thread: whether it is within the scope in which it may keep work, the answers
-/// that it keeps, and whether it holds a job back.
-thread_local bool mayHoldBack = false;
-thread_local std::vector<std::function<void()>> answers;
-thread_local bool holdsBack = false;
 
 }  // namespace
 
@@ -41,56 +36,23 @@ void WorkPool::setSize(unsigned size, unsigned cap) {
 }
 
 void WorkPool::submit(Job job) {
-  const std::lock_guard lock(mutex_);
-  jobs_.push_back(std::move(job));
-  if (mayHoldBack && !holdsBack && holdingBack_ < size_) {
-    holdsBack = true;
-    ++holdingBack_;
-    return;
+  Sleeper* woken = nullptr;
+  {
+    const std::lock_guard lock(mutex_);
+    jobs_.push_back(std::move(job));
+    woken = provideThread();
   }
-  provideThread();
+  if (woken) woken->wake();
 }
 
-void WorkPool::submitAnswer(std::function<void()> task) {
-  if (mayHoldBack) {
-    answers.push_back(std::move(task));
-  } else {
-    submit(std::move(task));
-  }
-}
-
-WorkPool::HoldBack::HoldBack() { mayHoldBack = true; }
-
-WorkPool::HoldBack::~HoldBack() {
-  mayHoldBack = false;
-  for (const auto& answer : std::exchange(answers, {})) answer();
-}
-
-void WorkPool::releaseHeldBack() {
-  auto& pool = shared();
-  for (auto& answer : std::exchange(answers, {})) pool.submit(std::move(answer));
-  if (!std::exchange(holdsBack, false)) return;
-  const std::lock_guard lock(pool.mutex_);
-  --pool.holdingBack_;
-  pool.provideThread();
-}
-
-void WorkPool::runHeldBack() {
-  if (!std::exchange(holdsBack, false)) return;
-  auto& pool = shared();
-  std::unique_lock lock(pool.mutex_);
-  // Others may have taken all there was.
-  if (!pool.jobs_.empty()) pool.runNext(lock);
-  --pool.holdingBack_;
-}
-
-void WorkPool::provideThread() {
-  if (!sleepers_.empty()) {
-    sleepers_.back()->isWoken = true;
-    sleepers_.back()->wake.notify_one();
+Sleeper* WorkPool::provideThread() {
+  Sleeper* woken = nullptr;
+  if (!sleepers_.empty() && !isOneAwakening_) {
+    isOneAwakening_ = true;
+    woken = sleepers_.back();
     sleepers_.pop_back();
   }
-  if (!isShortOfThreads()) return;
+  if (!isShortOfThreads()) return woken;
   if (mayGrow(size_)) {
     startWorker();
   } else if (mayGrow(cap_)) {
@@ -102,6 +64,7 @@ void WorkPool::provideThread() {
       backlogArose_.notify_one();
     }
   }
+  return woken;
 }
 
 void WorkPool::startWorker() {
@@ -115,7 +78,9 @@ void WorkPool::runNext(std::unique_lock<std::mutex>& lock) {
   Job job = std::move(jobs_.front());
   jobs_.pop_front();
   ++begun_;
+  Sleeper* const woken = jobs_.empty() ? nullptr : provideThread();
   lock.unlock();
+  if (woken) woken->wake();
   if (job.work) {
     job.work->runInPool();
   } else {
@@ -146,14 +111,24 @@ void WorkPool::work() {
 bool WorkPool::sleep(std::unique_lock<std::mutex>& lock) {
   Sleeper sleeper;
   sleepers_.push_back(&sleeper);
-  const auto isWoken = [&] { return sleeper.isWoken; };
   // Only what is too much looks at the clock: an idle process has nothing to wake up for.
-  while (isTooMany() && !sleeper.isWoken) {
-    if (sleeper.wake.wait_for(lock, idleTime, isWoken) || !isTooMany()) continue;
-    std::erase(sleepers_, &sleeper);
-    return !jobs_.empty();
+  while (isTooMany()) {
+    lock.unlock();
+    const bool isWoken = sleeper.sleepFor(idleTime);
+    lock.lock();
+    if (isWoken) {
+      isOneAwakening_ = false;
+      return true;
+    }
+    // Taken off the list meanwhile: the waking comes.
+    if (std::erase(sleepers_, &sleeper) == 0) break;
+    if (isTooMany()) return !jobs_.empty();
+    sleepers_.push_back(&sleeper);
   }
-  sleeper.wake.wait(lock, isWoken);
+  lock.unlock();
+  sleeper.sleep();
+  lock.lock();
+  isOneAwakening_ = false;
   return true;
 }
 
@@ -175,7 +150,6 @@ void WorkPool::watch() {
 void WorkPool::setOwnerOfThread(ThreadOwner* newOwner) { owner = newOwner; }
 
 WorkPool::Waiting::Waiting() {
-  releaseHeldBack();
   if (owner) owner->threadBeginsToWait();
 }
 

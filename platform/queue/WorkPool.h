@@ -9,6 +9,8 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/queue/Sleeper.h"
+
 namespace qx {
 
 /// Something that has work for a thread of the pool.
@@ -34,10 +36,9 @@ class ThreadOwner {
 /// pool grows further, one thread at a time, up to its cap. Threads beyond the size end when they
 /// have been idle for some seconds. Any thread may call.
 ///
-/// A thread of the reactor may keep work for itself (HoldBack), because it will be free in a
-/// moment: what only answers the call that it has just read, and the first other job. The job is on
-/// the list like any other, but nobody is woken for it. That saves two switches of threads for
-/// each.
+/// A job wakes one idle thread, and that one, when it has come for it and there are more, wakes the
+/// next: of however many jobs that come at once only the first costs their submitter a wake-up, and
+/// quick ones are done by the thread that is awake already.
 class WorkPool final : private ThreadOwner {
  public:
   static WorkPool& shared();
@@ -46,24 +47,6 @@ class WorkPool final : private ThreadOwner {
   void submit(std::shared_ptr<PoolWork> work) { submit(Job{std::move(work), nullptr}); }
 
   void setSize(unsigned size, unsigned cap);
-
-  /// Takes a task that only answers a call and so waits for nothing.
-  void submitAnswer(std::function<void()> task);
-
-  /// While it exists, the calling thread keeps the answers that it submits and gives them at the
-  /// end, when what submitted them has returned; and nobody is woken for the first job that it
-  /// submits. The thread must call runHeldBack() soon, and must not wait for the job before; where
-  /// it waits inside a queue, or calls releaseHeldBack(), others are left the answers and woken for
-  /// the job after all. No more threads than the size of the pool hold jobs back at a time.
-  class HoldBack {
-   public:
-    HoldBack();
-    ~HoldBack();
-    HoldBack(const HoldBack&) = delete;
-    HoldBack& operator=(const HoldBack&) = delete;
-  };
-  static void runHeldBack();
-  static void releaseHeldBack();
 
   /// Says who runs the calling thread; the owner outlives it.
   static void setOwnerOfThread(ThreadOwner* owner);
@@ -83,14 +66,6 @@ class WorkPool final : private ThreadOwner {
     std::function<void()> task;
   };
 
-  /// A thread without a job. Each has a condition variable of its own: one that several wait for
-  /// may, in C libraries before 2.41, miss a signal, and then holds up who signals next, with the
-  /// mutex held, until a wait times out (glibc bug 25847).
-  struct Sleeper {
-    std::condition_variable wake;
-    bool isWoken = false;
-  };
-
   WorkPool();
   void threadBeginsToWait() override;
   void threadGoesOn() override;
@@ -100,16 +75,17 @@ class WorkPool final : private ThreadOwner {
   bool isShortOfThreads() const { return jobs_.size() > idle_; }
   bool mayGrow(unsigned limit) const { return threads_ - waiting_ < limit; }
   bool isTooMany() const { return threads_ - waiting_ > size_; }
-  /// With the mutex held.
-  void provideThread();
+  /// With the mutex held. The thread that is to be woken when it is not held any more, or null.
+  [[nodiscard]] Sleeper* provideThread();
   void startWorker();
   void work();
-  /// Until there is a job, or, where there are too many threads, for a while; whether to go on.
+  /// Until woken, or, where there are too many threads, for a while; whether to go on.
   bool sleep(std::unique_lock<std::mutex>& lock);
   void watch();
 
   std::mutex mutex_;
   std::vector<Sleeper*> sleepers_;
+  bool isOneAwakening_ = false;  // and has not come for its job yet
   std::condition_variable backlogArose_;
   std::deque<Job> jobs_;
   std::uint64_t begun_ = 0;
@@ -118,7 +94,6 @@ class WorkPool final : private ThreadOwner {
   unsigned threads_ = 0;
   unsigned idle_ = 0;
   unsigned waiting_ = 0;
-  unsigned holdingBack_ = 0;
   bool watcherStarted_ = false;
   bool watcherIdle_ = false;
 };

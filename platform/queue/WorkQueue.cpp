@@ -325,10 +325,6 @@ WorkQueue& WorkQueue::global() {
   return *queue;
 }
 
-void answerFromGlobalQueue(WorkQueue::Task task) {
-  WorkPool::shared().submitAnswer(std::move(task));
-}
-
 void WorkQueue::after(std::chrono::nanoseconds delay, Task task) {
   Clock::current().schedule(delay, [queue = shared_from_this(), task = std::move(task)]() mutable {
     queue->async(std::move(task));

@@ -20,7 +20,7 @@ namespace qx {
 /// blocked threads brings the process to a stand, whatever the size of the pool.
 ///
 /// A synchronous submission from a task that already runs on the same serial queue (or, on a
-/// concurrent one, from or of a barrier) waits for itself: never do that.
+/// concurrent one, from a barrier) waits for itself: never do that.
 ///
 /// The queue lives as long as somebody holds it or work is pending on it. Tasks must not throw.
 class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
@@ -45,12 +45,7 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   /// Submits, waits until it has run, and returns what it returned.
   template <class F>
   auto sync(F&& work) {
-    const Turn turn(*this, false);
-    return std::forward<F>(work)();
-  }
-  template <class F>
-  auto barrierSync(F&& work) {
-    const Turn turn(*this, true);
+    const Turn turn(*this);
     return std::forward<F>(work)();
   }
 
@@ -106,7 +101,7 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   /// An item that runs on the thread that submits it, for as long as this exists.
   class Turn {
    public:
-    Turn(WorkQueue& queue, bool barrier) : queue_(queue), barrier_(queue.isBarrier(barrier)) {
+    explicit Turn(WorkQueue& queue) : queue_(queue), barrier_(queue.isBarrier(false)) {
       if (!queue_.enter(barrier_)) queue_.waitForTurn(barrier_);
     }
     ~Turn() { queue_.leave(barrier_); }
@@ -133,11 +128,6 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   const Kind kind_;
   std::string label_;
 };
-
-/// Submits to the global queue what only answers a call, and so waits for nothing: when the call
-/// was read from a connection, the thread that read it gives the answer itself as soon as the call
-/// has returned.
-void answerFromGlobalQueue(WorkQueue::Task task);
 
 /// How many threads the pool behind the queues may use before it stops adding more of its own
 /// accord (it still adds one for each that waits inside a queue). For tests; takes effect on new

@@ -74,14 +74,11 @@ void Ordering::useQueues(std::size_t rounds, std::size_t count, bool isDisturbed
           if (first != second) ++faults;
         };
         random() % 3 == 0 ? serial->sync(ordered) : serial->async(ordered);
-        switch (random() % 5) {
+        switch (random() % 4) {
           case 0:
             concurrent->barrierAsync(write);
             break;
           case 1:
-            concurrent->barrierSync(write);
-            break;
-          case 2:
             concurrent->async(read);
             break;
           default:
@@ -95,7 +92,9 @@ void Ordering::useQueues(std::size_t rounds, std::size_t count, bool isDisturbed
       }
     });
     serial->sync([] {});
-    concurrent->barrierSync([] {});
+    Gate written;
+    concurrent->barrierAsync([&] { written.pass(); });
+    written.wait();
     tally.faults += faults;
     tally.losses += threads * count - ran;
     tally.tries += threads * count;

@@ -50,7 +50,7 @@ class TrialObject final : public Trial {
     completion();
   }
   void answerLaterCompletion(Completion<> completion) override {
-    answerFromGlobalQueue([completion = std::move(completion), answered = answeredLater] {
+    WorkQueue::global().async([completion = std::move(completion), answered = answeredLater] {
       completion();
       answered->pass();
     });

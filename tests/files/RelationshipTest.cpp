@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 
 #include <filesystem>
 #include <fstream>
@@ -7,6 +9,7 @@
 
 #include "platform/base/Errors.h"
 #include "platform/files/FileManager.h"
+#include "platform/files/ItemGuard.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace qx {
@@ -18,13 +21,13 @@ void PrintTo(DirectoryRelationship relationship, std::ostream* out) {
 
 namespace {
 
+namespace fs = std::filesystem;
 using enum DirectoryRelationship;
 
 /// A directory "Documents" with a file, a folder and links, and one "Outside" beside it.
 class RelationshipTest : public testing::Test {
  protected:
   RelationshipTest() {
-    namespace fs = std::filesystem;
     fs::create_directories(root / "Documents/folder");
     fs::create_directories(root / "Documents2");
     fs::create_directories(root / "Outside/deep");
@@ -129,27 +132,56 @@ TEST_F(RelationshipTest, EverythingElseThatFailsIsAnotherError) {
   }
 }
 
-TEST_F(RelationshipTest, AnItemBelowADirectoryHasOneNameThere) {
+TEST_F(RelationshipTest, AGuardedItemKeepsItsURLUnlessALinkLiesOnTheWay) {
   const auto text = [this](const std::string& name) {
     return URL::fileURL(root / name).absoluteString();
   };
-  const auto below = [this](const std::string& directory, const std::string& item) {
-    const auto url = FileManager::itemURLBelowDirectory(URL::fileURL(root / directory),
-                                                        URL::fileURL(root / item));
-    return url ? url->absoluteString() : "";
+  const auto held = [this](const std::string& directory, const std::string& item) {
+    const auto guard = ItemGuard::hold(URL::fileURL(root / directory), URL::fileURL(root / item));
+    return guard ? guard->url().absoluteString() : "";
   };
   for (const auto& [item, name] : {std::pair("Documents/file", "Documents/file"),
                                    {"Documents/folder/", "Documents/folder/"},
+                                   {"Documents/folder/../file", "Documents/folder/../file"},
                                    {"Documents/inFile", "Documents/file"},
                                    {"alias/file", "Documents/file"}}) {
-    EXPECT_EQ(below("Documents", item), text(name)) << item;
+    EXPECT_EQ(held("Documents", item), text(name)) << item;
   }
-  EXPECT_EQ(below("alias", "Documents/file"), text("alias/file"));
+  EXPECT_EQ(held("alias", "Documents/file"), text("Documents/file"));
   for (const char* item : {"Documents", "alias", "Documents/outFile", "Outside/file", "Documents2",
                            "Documents/missing", "Documents/loop", "Documents/inDangling"}) {
-    EXPECT_EQ(below("Documents", item), "") << item;
+    EXPECT_EQ(held("Documents", item), "") << item;
   }
-  EXPECT_EQ(below("missing", "Documents/file"), "");
+  EXPECT_EQ(held("missing", "Documents/file"), "");
+}
+
+TEST_F(RelationshipTest, AGuardNoticesWhatWasExchangedAndExchangedBack) {
+  const std::string documents = root / "Documents";
+  const auto exchange = [](const std::string& one, const std::string& other) {
+    ASSERT_EQ(::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE), 0);
+  };
+  std::ofstream(documents + "/folder/item") << "one";
+  std::ofstream(documents + "/folder/other") << "other";
+  std::ofstream(documents + "/folder/third") << "third";
+  fs::create_directory(documents + "/folder2");
+  const auto url = URL::fileURL(documents + "/folder/item");
+  const auto directory = URL::fileURL(documents);
+
+  const auto guard = ItemGuard::hold(directory, url);
+  ASSERT_TRUE(guard);
+  std::ofstream(documents + "/folder/item", std::ios::app) << "more";
+  exchange(documents + "/folder/other", documents + "/folder/third");
+  EXPECT_TRUE(guard->isUntouched()) << "neither its content nor its neighbours count";
+  EXPECT_TRUE(guard->isAlso(url));
+  EXPECT_FALSE(guard->isAlso(URL::fileURL(documents + "/folder/other")));
+  for (int i = 0; i < 2; ++i) exchange(documents + "/folder/item", documents + "/folder/other");
+  EXPECT_FALSE(guard->isUntouched());
+  EXPECT_FALSE(guard->isUntouched()) << "what was noticed stays noticed";
+
+  const auto further = ItemGuard::hold(directory, url);
+  ASSERT_TRUE(further);
+  for (int i = 0; i < 2; ++i) exchange(documents + "/folder", documents + "/folder2");
+  EXPECT_FALSE(further->isUntouched()) << "a directory on the way";
 }
 
 }  // namespace

@@ -20,8 +20,7 @@ TEST(RunLoop, EndsOnASignalOrAStopWhetherItComesBeforeOrDuringRun) {
   // The later of two calls adds to the first.
   loop.stopOnSignals({SIGHUP});
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    std::jthread sender;
-    loop.perform([&] { sender = std::jthread([signal] { kill(getpid(), signal); }); });
+    const std::jthread sender([signal] { kill(getpid(), signal); });
     loop.run();
   }
 }

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "servicer/DSGrants.h"
+#include "servicer/DSServicer.h"
+
+/// Carries out the interface to the grants for one connection.
+///
+/// When a revocation has answered without an error, the access-control file is without the grant,
+/// durably; bookmarks of that consumer for that item do not resolve; no token for the document that
+/// was issued before redeems, for anybody; and no request that was under way brings any of it back.
+/// With an error the grant may be gone already, and the rest be undone: whoever asks again begins
+/// where it stopped, but for grants of which "all" does not know any more.
+///
+/// Operations run on the thread on which the connection delivers them, and wait for the disk there;
+/// what has to be asked of providers is answered from theirs.
+class DSGrantsServicer final : public DSGrants, public DSServicer {
+ public:
+  void grantsCompletion(qx::Completion<qx::Error, qx::Array> completion) override;
+  void revokeItemWithID_ofProviderID_forConsumerID_completion(
+      const std::optional<std::string>& itemID, const std::optional<std::string>& providerID,
+      const std::optional<std::string>& consumerID, qx::Completion<qx::Error> completion) override;
+};

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "platform/base/Completion.h"
+#include "platform/conduit/QXConduitConnection.h"
+#include "platform/queue/WorkQueue.h"
+
+class DSAccessControlStore;
+
+/// Where a servicer finds the daemon's access control store. What the daemon's server is to its
+/// servicers.
+class DSAccessControlStoreOwner {
+ public:
+  virtual ~DSAccessControlStoreOwner() = default;
+  /// Null when the store is gone.
+  virtual std::shared_ptr<DSAccessControlStore> accessControlStore() const = 0;
+};
+
+/// What the servicers of the daemon's interfaces share: one connection, the server, the vetting of
+/// the client, and the one way in which an early answer is given.
+///
+/// The connection owns its servicer; the servicer holds server and connection weakly, and what it
+/// cannot reach any more it treats as having nothing: no entitlement, no grant.
+class DSServicer {
+ public:
+  std::shared_ptr<DSAccessControlStoreOwner> server() const { return server_.lock(); }
+  void setServer(const std::shared_ptr<DSAccessControlStoreOwner>& server) { server_ = server; }
+  std::shared_ptr<QXConduitConnection> connection() const { return connection_.lock(); }
+  void setConnection(const std::shared_ptr<QXConduitConnection>& connection) {
+    connection_ = connection;
+  }
+
+  /// Whether the client holds one of the entitlements: a number whose boolean value is true.
+  bool clientHasOneOfAllowedEntitlements(const std::vector<std::string>& names) const;
+
+ protected:
+  DSServicer() = default;
+  ~DSServicer() = default;
+
+  /// The server's store, or null.
+  std::shared_ptr<DSAccessControlStore> accessControlStore() const;
+  /// The client's audit token; nobody's when the connection is gone.
+  qx::AuditToken clientAuditToken() const;
+
+  /// Answers from the global queue, never on the calling thread. Every early answer is given so.
+  template <class... Values>
+  static void answerEarly(qx::Completion<Values...> completion,
+                          const std::optional<std::type_identity_t<Values>>&... values) {
+    if (!completion) return;
+    qx::WorkQueue::global().async(
+        [completion = std::move(completion), values...] { completion(values...); });
+  }
+
+ private:
+  std::weak_ptr<DSAccessControlStoreOwner> server_;
+  std::weak_ptr<QXConduitConnection> connection_;
+};
+
+/// The entitlements, and the lists in which the operations accept them.
+extern const std::vector<std::string> dsReadOrWriteEntitlements;
+extern const std::vector<std::string> dsWriteEntitlements;
