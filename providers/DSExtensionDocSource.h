@@ -122,7 +122,8 @@ class DSExtensionDocSource final : public QXDocSource,
   // Registration with the file-coordination service.
 
   /// Has the extension set itself up and adds the instance to the file coordinator: up to `count`
-  /// attempts, two seconds apart. The completion, which may be absent, is called once.
+  /// attempts, two seconds apart. The completion, which may be absent, is called once, from a
+  /// background thread.
   void registerWithFileCoordinatorRetryCount_completion(std::int32_t count,
                                                         qx::Completion<qx::Error> completion);
   void retryRegisterWithFileCoordinatorRetryCount_lastError_completion(
@@ -169,6 +170,8 @@ class DSExtensionDocSource final : public QXDocSource,
   static void updateProviderList(std::vector<std::shared_ptr<QXExtension>> extensions);
   static void refresh(const std::vector<std::shared_ptr<QXExtension>>& extensions);
   static void refreshEnded();
+
+  void attemptToRegister(std::int32_t count, const qx::Completion<qx::Error>& completion);
 
   /// The common shape of the item operations that answer.
   template <const auto& messages, class Subject, class... Values, class Send>

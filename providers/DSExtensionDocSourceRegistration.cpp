@@ -20,7 +20,14 @@ void DSExtensionDocSource::registerWithFileCoordinatorRetryCount_completion(
     return;
   }
   DS_LOG("[DEBUG] %s", qx::methodName("DSExtensionDocSource", __func__));
-  performExtensionRequest([self = shared_from_this(), completion = std::move(completion), count](
+  // A request that cannot be begun fails at once, and nothing completes before this has returned.
+  qx::WorkQueue::global().async([self = shared_from_this(), completion = std::move(completion),
+                                 count] { self->attemptToRegister(count, completion); });
+}
+
+void DSExtensionDocSource::attemptToRegister(std::int32_t count,
+                                             const qx::Completion<qx::Error>& completion) {
+  performExtensionRequest([self = shared_from_this(), completion, count](
                               const std::optional<qx::Error>& error,
                               const std::shared_ptr<_QXDocSourceVendor>& proxy,
                               const Callback& done) {

@@ -56,12 +56,7 @@ class InstalledExtension final : public QXExtension {
 
   void beginExtensionRequestWithInputItems_completion(const std::optional<Array>& /*inputItems*/,
                                                       Completion<UUID, Error> completion) override {
-    auto request = ExtensionHost::shared().beginRequest(bundle_);
-    if (request) {
-      completion(*request, std::nullopt);
-    } else {
-      completion(std::nullopt, request.error());
-    }
+    ExtensionHost::shared().beginRequest(bundle_, std::move(completion));
   }
 
   void cancelExtensionRequestWithIdentifier(const std::optional<UUID>& request) override {
@@ -83,6 +78,12 @@ bool isSameInstallation(const Bundle& a, const Bundle& b) {
   return a.identifier == b.identifier && a.path == b.path && a.infoStamp == b.infoStamp;
 }
 
+bool keepsRunning(const Bundle& bundle) {
+  const auto* extension = find<Dictionary>(bundle.info, "QXExtension");
+  const auto* keeps = extension ? find<bool>(*extension, "QXExtensionKeepsRunning") : nullptr;
+  return keeps && *keeps;
+}
+
 /// One matching that goes on: looks at the installed bundles when it is told to, and calls back
 /// when those that match are not the same any more.
 class ExtensionHost::Matching : public std::enable_shared_from_this<Matching> {
@@ -99,6 +100,7 @@ class ExtensionHost::Matching : public std::enable_shared_from_this<Matching> {
     std::vector<std::shared_ptr<QXExtension>> extensions;
     for (auto& bundle : BundleCatalog::shared().bundles(BundleKind::extension)) {
       if (matches(*bundle, attributes_)) {
+        if (keepsRunning(*bundle)) ExtensionHost::shared().keepRunning(*bundle);
         extensions.push_back(std::make_shared<InstalledExtension>(std::move(bundle)));
       }
     }
@@ -157,53 +159,117 @@ std::shared_ptr<void> ExtensionHost::beginMatching(const Dictionary& attributes,
 
 std::shared_ptr<ExtensionProcess> ExtensionHost::processOf(const Bundle& bundle) {
   std::lock_guard lock(mutex_);
-  auto found = processes_.find(bundle.path);
-  if (found == processes_.end() || !isSameInstallation(found->second->bundle(), bundle)) {
+  auto found = places_.find(bundle.path);
+  if (found == places_.end() || !found->second.process ||
+      !isSameInstallation(found->second.process->bundle(), bundle)) {
     return nullptr;
   }
-  return found->second;
+  return found->second.process;
 }
 
-Result<UUID> ExtensionHost::beginRequest(const std::shared_ptr<const Bundle>& asked) {
+void ExtensionHost::beginRequest(const std::shared_ptr<const Bundle>& asked,
+                                 Completion<UUID, Error> answer) {
   if (auto process = processOf(*asked)) {
-    if (auto request = process->beginRequest()) return *request;
+    if (auto request = process->beginRequest()) {
+      answer(*request, std::nullopt);
+      return;
+    }
   }
-  std::lock_guard starting(starting_);
+  std::lock_guard lock(mutex_);
+  Place& place = places_[asked->path];
+  place.waiting.push_back({asked, std::move(answer)});
+  startSoonLocked(asked->path, place);
+}
+
+void ExtensionHost::startSoonLocked(const std::string& path, Place& place) {
+  if (std::exchange(place.isStarting, true)) return;
+  ++starts_;
+  WorkQueue::global().async([this, path] { start(path); });
+}
+
+void ExtensionHost::start(const std::string& path) {
   // Who was replaced and has not been told yet means what is installed in its place.
   const auto installed = BundleCatalog::shared().bundles(BundleKind::extension);
-  const auto found = std::find_if(installed.begin(), installed.end(), [&asked](const auto& each) {
-    return each->identifier == asked->identifier && each->path == asked->path;
-  });
-  const bool isInstalled = found != installed.end();
-  const auto& bundle = isInstalled ? *found : asked;
-  if (auto process = processOf(*bundle)) {
-    if (auto request = process->beginRequest()) return *request;
+  const auto found = std::find_if(installed.begin(), installed.end(),
+                                  [&path](const auto& each) { return each->path == path; });
+  const auto bundle = found == installed.end() ? nullptr : *found;
+  const auto process =
+      bundle ? runningProcess(bundle) : extensionError(ExtensionErrorCode::notInstalled, path);
+  std::vector<Waiting> waiting;
+  {
+    std::lock_guard lock(mutex_);
+    Place& place = places_[path];
+    place.isStarting = false;
+    waiting.swap(place.waiting);
+    if (!process && bundle && keepsRunning(*bundle)) startLaterLocked(path, place);
+    if (!process && place.restart == 0 && !place.process) places_.erase(path);
+    --starts_;
+    startEnded_.notify_all();
   }
+  for (const auto& [asked, answer] : waiting) {
+    if (!bundle || bundle->identifier != asked->identifier) {
+      answer(std::nullopt, extensionError(ExtensionErrorCode::notInstalled, asked->identifier));
+    } else if (!process) {
+      answer(std::nullopt, process.error());
+    } else if (auto request = (*process)->beginRequest()) {
+      answer(*request, std::nullopt);
+    } else {
+      answer(std::nullopt, extensionError(ExtensionErrorCode::couldNotLaunch, asked->identifier));
+    }
+  }
+}
+
+Result<std::shared_ptr<ExtensionProcess>> ExtensionHost::runningProcess(
+    const std::shared_ptr<const Bundle>& bundle) {
+  if (auto process = processOf(*bundle); process && process->takesRequests()) return process;
   const QXExtensionPoint* point = nullptr;
   {
     std::lock_guard lock(mutex_);
     const std::string* name = pointName(*bundle);
     auto known = name ? points_.find(*name) : points_.end();
     if (known != points_.end()) point = known->second;
-    if (shutDown_) {
-      return extensionError(ExtensionErrorCode::couldNotLaunch, bundle->identifier);
-    }
+    if (shutDown_) return extensionError(ExtensionErrorCode::couldNotLaunch, bundle->identifier);
   }
-  if (!isInstalled || !point) {
-    return extensionError(ExtensionErrorCode::notInstalled, bundle->identifier);
-  }
+  if (!point) return extensionError(ExtensionErrorCode::notInstalled, bundle->identifier);
   auto process = ExtensionProcess::start(bundle, *point);
   if (!process) return process.error();
   std::shared_ptr<ExtensionProcess> replaced;
   {
     std::lock_guard lock(mutex_);
-    replaced = std::exchange(processes_[bundle->path], *process);
+    Place& place = places_[bundle->path];
+    replaced = std::exchange(place.process, *process);
+    place.startedAt = Clock::current().now();
+    if (place.restart != 0) Clock::current().cancel(std::exchange(place.restart, 0));
     std::erase_if(leaving_, [](const auto& each) { return each.expired(); });
     if (replaced) leaving_.push_back(replaced);
   }
   if (replaced) replaced->retire();
-  if (auto request = (*process)->beginRequest()) return *request;
-  return extensionError(ExtensionErrorCode::couldNotLaunch, bundle->identifier);
+  return process;
+}
+
+void ExtensionHost::keepRunning(const Bundle& bundle) {
+  if (auto process = processOf(bundle); process && process->takesRequests()) return;
+  std::lock_guard lock(mutex_);
+  Place& place = places_[bundle.path];
+  if (shutDown_ || place.restart != 0) return;
+  startSoonLocked(bundle.path, place);
+}
+
+void ExtensionHost::startLaterLocked(const std::string& path, Place& place) {
+  constexpr Clock::Duration first = std::chrono::seconds(1);
+  constexpr Clock::Duration longest = std::chrono::minutes(1);
+  if (shutDown_ || place.restart != 0) return;
+  const bool ranForLong = Clock::current().now() - place.startedAt >= longest;
+  if (place.nextDelay == Clock::Duration::zero() || (place.process && ranForLong)) {
+    place.nextDelay = first;
+  }
+  const auto delay = std::exchange(place.nextDelay, std::min(2 * place.nextDelay, longest));
+  place.restart = Clock::current().schedule(delay, [this, path] {
+    std::lock_guard lock(mutex_);
+    Place& due = places_[path];
+    due.restart = 0;
+    if (!shutDown_) startSoonLocked(path, due);
+  });
 }
 
 /// Null when the request is not open. A process that was replaced keeps its requests.
@@ -211,8 +277,10 @@ std::shared_ptr<ExtensionProcess> ExtensionHost::processWithRequest(const Bundle
                                                                     const UUID& request) {
   std::vector<std::shared_ptr<ExtensionProcess>> processes;  // released outside the lock
   std::lock_guard lock(mutex_);
-  auto current = processes_.find(bundle.path);
-  if (current != processes_.end()) processes.push_back(current->second);
+  auto current = places_.find(bundle.path);
+  if (current != places_.end() && current->second.process) {
+    processes.push_back(current->second.process);
+  }
   for (const auto& leaving : leaving_) {
     if (auto process = leaving.lock()) processes.push_back(std::move(process));
   }
@@ -235,10 +303,12 @@ std::shared_ptr<QXExtensionContext> ExtensionHost::context(const Bundle& bundle,
 void ExtensionHost::forget(const ExtensionProcess& process) {
   std::shared_ptr<ExtensionProcess> last;  // released outside the lock
   std::lock_guard lock(mutex_);
-  auto found = processes_.find(process.bundle().path);
-  if (found == processes_.end() || found->second.get() != &process) return;
-  last = std::move(found->second);
-  processes_.erase(found);
+  auto found = places_.find(process.bundle().path);
+  if (found == places_.end() || found->second.process.get() != &process) return;
+  Place& place = found->second;
+  if (keepsRunning(process.bundle())) startLaterLocked(found->first, place);
+  last = std::move(place.process);
+  if (!place.isStarting && place.restart == 0) places_.erase(found);
 }
 
 /// Processes of extensions that are not installed any more end with their last request.
@@ -247,7 +317,9 @@ void ExtensionHost::retireUninstalled() {
   std::vector<std::shared_ptr<ExtensionProcess>> running;
   {
     std::lock_guard lock(mutex_);
-    for (const auto& [path, process] : processes_) running.push_back(process);
+    for (const auto& [path, place] : places_) {
+      if (place.process) running.push_back(place.process);
+    }
   }
   for (const auto& process : running) {
     const bool isInstalled = std::any_of(
@@ -259,11 +331,14 @@ void ExtensionHost::retireUninstalled() {
 
 void ExtensionHost::shutdown() {
   std::vector<std::shared_ptr<ExtensionProcess>> running;
-  std::lock_guard starting(starting_);
   {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     shutDown_ = true;
-    for (const auto& [path, process] : processes_) running.push_back(process);
+    // A start that hangs is not worth the daemon's own end.
+    startEnded_.wait_for(lock, std::chrono::seconds(5), [this] { return starts_ == 0; });
+    for (const auto& [path, place] : places_) {
+      if (place.process) running.push_back(place.process);
+    }
     for (const auto& leaving : leaving_) {
       if (auto process = leaving.lock()) running.push_back(std::move(process));
     }

@@ -1,19 +1,29 @@
 #pragma once
 
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/base/Completion.h"
 #include "platform/base/Result.h"
 #include "platform/extension/ExtensionProcess.h"
 #include "platform/extension/QXExtension.h"
+#include "platform/queue/Clock.h"
 
 namespace qx {
 
 /// Starts, keeps and ends the processes of the installed extensions, one to each, and follows the
 /// installed bundles. What stands behind QXExtension. Any thread.
+///
+/// Processes are started on threads of the pool, one start at a time for each bundle and with no
+/// lock held, so that a slow one keeps nobody waiting but who asked for that extension.
+///
+/// An extension whose "QXExtension" dictionary has QXExtensionKeepsRunning true is started as soon
+/// as a matching finds it, and again when it has died: after a second, then after twice as long
+/// each time, up to a minute; one that ran for a minute begins with a second again.
 class ExtensionHost {
  public:
   static ExtensionHost& shared();
@@ -22,8 +32,9 @@ class ExtensionHost {
                                       QXExtension::MatchingCallback callback);
 
   /// In the process of this very installation, or of the one that is there now under its identifier
-  /// and path; started when it does not run.
-  Result<UUID> beginRequest(const std::shared_ptr<const Bundle>& asked);
+  /// and path. Answers once: on the calling thread when the process runs, else from the global
+  /// queue, when it has been started or could not be.
+  void beginRequest(const std::shared_ptr<const Bundle>& asked, Completion<UUID, Error> answer);
   /// Unknown requests are ignored.
   void endRequest(const Bundle& bundle, const UUID& request);
   std::shared_ptr<QXExtensionContext> context(const Bundle& bundle, const UUID& request);
@@ -40,17 +51,44 @@ class ExtensionHost {
  private:
   class Matching;
 
+  /// Who asked for a process that is being started.
+  struct Waiting {
+    std::shared_ptr<const Bundle> asked;
+    Completion<UUID, Error> answer;
+  };
+  /// What runs, or is to run, for one bundle path.
+  struct Place {
+    /// Of the installation that is there, or of the last one.
+    std::shared_ptr<ExtensionProcess> process;
+    bool isStarting = false;
+    std::vector<Waiting> waiting;  // for the start
+    // Of an extension that keeps running:
+    Clock::Duration startedAt{};
+    Clock::Duration nextDelay{};
+    Clock::TimerID restart = 0;
+  };
+
   ExtensionHost();
   std::shared_ptr<ExtensionProcess> processOf(const Bundle& bundle);
   std::shared_ptr<ExtensionProcess> processWithRequest(const Bundle& bundle, const UUID& request);
   void retireUninstalled();
+  void keepRunning(const Bundle& bundle);
 
-  std::mutex starting_;  // one start at a time; requests to what runs do not wait for it
+  /// Has the place's process started unless somebody does so already. With the mutex held.
+  void startSoonLocked(const std::string& path, Place& place);
+  /// Starts the process of whatever is installed there, if none runs, and answers who waits for it.
+  void start(const std::string& path);
+  Result<std::shared_ptr<ExtensionProcess>> runningProcess(
+      const std::shared_ptr<const Bundle>& bundle);
+  /// After a start that failed or a process that died. With the mutex held.
+  void startLaterLocked(const std::string& path, Place& place);
+
   std::mutex mutex_;
+  std::condition_variable startEnded_;
   // Under the mutex.
   std::map<std::string, const QXExtensionPoint*, std::less<>> points_;
-  /// By bundle path: the process of the installation that is there, or of the last one.
-  std::map<std::string, std::shared_ptr<ExtensionProcess>, std::less<>> processes_;
+  std::map<std::string, Place, std::less<>> places_;
+  unsigned starts_ = 0;  // under way
   /// Those that were replaced or ended, until they are reaped.
   std::vector<std::weak_ptr<ExtensionProcess>> leaving_;
   std::vector<std::shared_ptr<Matching>> matchings_;
@@ -59,5 +97,7 @@ class ExtensionHost {
 
 /// Whether both are the same installation.
 bool isSameInstallation(const Bundle& a, const Bundle& b);
+/// Whether the extension is to run all the time.
+bool keepsRunning(const Bundle& bundle);
 
 }  // namespace qx

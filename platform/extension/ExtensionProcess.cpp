@@ -28,6 +28,7 @@
 #include "platform/files/FileManager.h"
 #include "platform/files/Places.h"
 #include "platform/log/Log.h"
+#include "platform/queue/WorkPool.h"
 
 namespace qx {
 namespace {
@@ -122,6 +123,8 @@ ExtensionProcess::ExtensionProcess(std::shared_ptr<const Bundle> bundle,
     : bundle_(std::move(bundle)), point_(point) {}
 
 std::optional<Error> ExtensionProcess::spawn() {
+  // The program may lie where reading takes long.
+  const WorkPool::Waiting waiting;
   std::array<int, 2> ends{};
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     return posixError(errno, "A socket pair cannot be made");
@@ -174,6 +177,7 @@ std::optional<Error> ExtensionProcess::spawn() {
   DS_LOG("[INFO] Started extension %@ as process %d.", bundle_->identifier, process_);
 
   connection_ = QXConduitConnection::overSocket(std::move(ours));
+  connection_->setPeerProcess(process_);
   connection_->setExportedInterface(point_.hostProtocol);
   connection_->setRequestHandler([self = weak_from_this()](bool begins, const UUID& request) {
     auto process = self.lock();
@@ -200,7 +204,7 @@ std::optional<UUID> ExtensionProcess::beginRequest() {
   });
   context->setAuxiliaryConnection(std::move(auxiliary));
   std::lock_guard lock(mutex_);
-  if (over_ || retired_ || connection_->isInvalid()) return std::nullopt;
+  if (!takesRequestsLocked()) return std::nullopt;
   requests_.emplace(request, std::move(context));
   connection_->beginRequest(request);
   return request;
@@ -233,7 +237,7 @@ void ExtensionProcess::requestEnded(const UUID& request) {
 /// request that comes and goes sets no timer.
 void ExtensionProcess::becameIdleLocked() {
   idleSince_ = Clock::current().now();
-  if (!over_ && idleTimer_ == 0) watchIdlenessLocked(idleTime);
+  if (!over_ && idleTimer_ == 0 && !keepsRunning(*bundle_)) watchIdlenessLocked(idleTime);
 }
 
 void ExtensionProcess::watchIdlenessLocked(Clock::Duration time) {
@@ -269,9 +273,9 @@ void ExtensionProcess::retire() {
   if (idle) end();
 }
 
-bool ExtensionProcess::isOver() const {
+bool ExtensionProcess::takesRequests() const {
   std::lock_guard lock(mutex_);
-  return over_ || retired_ || connection_->isInvalid();
+  return takesRequestsLocked();
 }
 
 void ExtensionProcess::end() {

@@ -24,9 +24,10 @@ namespace qx {
 /// One running process of a provider extension, from its start to its reaping, with the requests
 /// that are open in it.
 ///
-/// It runs while requests are open and 10 seconds after the last one; then, or when its
-/// connection is lost, it is over: its connection is closed, on which it ends; after 2 seconds it
-/// is sent SIGTERM, after 5 SIGKILL. Delays come from Clock::current(). Any thread.
+/// It runs while requests are open and 10 seconds after the last one, or, where its bundle says so
+/// (keepsRunning()), until it ends itself; then, or when its connection is lost, it is over: its
+/// connection is closed, on which it ends; after 2 seconds it is sent SIGTERM, after 5 SIGKILL.
+/// Delays come from Clock::current(). Any thread.
 class ExtensionProcess final : public ReactorHandler,
                                public std::enable_shared_from_this<ExtensionProcess> {
  public:
@@ -48,7 +49,7 @@ class ExtensionProcess final : public ReactorHandler,
   void retire();
   /// Over now, whatever is open.
   void end();
-  bool isOver() const;
+  bool takesRequests() const;
 
   /// Waits until the process is reaped, helping with the signals on its schedule in real time; for
   /// the end of the program.
@@ -60,6 +61,7 @@ class ExtensionProcess final : public ReactorHandler,
  private:
   std::optional<Error> spawn();
   void requestEnded(const UUID& request);
+  bool takesRequestsLocked() const { return !over_ && !retired_ && !connection_->isInvalid(); }
   void becameIdleLocked();
   void watchIdlenessLocked(Clock::Duration time);
   void sendSignal(int signal);
