@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "platform/base/Errors.h"
@@ -48,6 +49,9 @@ struct Observer {
 
 struct Notification {
   Posting last;
+  /// A file that was told when it was made and that may have been open for writing still: its
+  /// closing is the same posting.
+  Posting toldAsMade;
   std::vector<Observer> observers;
 };
 
@@ -56,8 +60,9 @@ class Center {
   void add(const std::string& name, std::function<void()> callback) {
     std::lock_guard lock(mutex_);
     if (!watch_) {
-      watch_ = DirectoryWatch::start(Places::notifications(),
-                                     [this](const std::string& changed) { change(changed); });
+      watch_ = DirectoryWatch::start(
+          Places::notifications(),
+          [this](const std::string& changed, Change how) { change(changed, how); });
       if (!watch_) DS_LOG("[ERROR] Cannot watch for notifications in %@", Places::notifications());
     }
     auto [found, isNew] = notifications_.try_emplace(name);
@@ -68,19 +73,38 @@ class Center {
   }
 
  private:
+  using Change = DirectoryWatch::Change;
+
   /// An empty name: anything may have been posted.
-  void change(const std::string& changed) {
+  void change(const std::string& changed, Change how) {
     std::lock_guard lock(mutex_);
     for (auto& [name, notification] : notifications_) {
       if (!changed.empty() && name != changed) continue;
-      auto posting = lastPosting(name);
-      bool isPosted = posting.isThere() && (!changed.empty() || posting != notification.last);
-      notification.last = posting;
-      if (!isPosted) continue;
+      if (!isPosted(notification, lastPosting(name), how)) continue;
       for (const auto& observer : notification.observers) {
         observer.queue->async([callback = observer.callback] { (*callback)(); });
       }
     }
+  }
+
+  static bool isPosted(Notification& notification, const Posting& posting, Change how) {
+    const auto last = std::exchange(notification.last, posting);
+    const auto toldAsMade = std::exchange(notification.toldAsMade, Posting());
+    if (!posting.isThere()) return false;
+    switch (how) {
+      case Change::made:
+        notification.toldAsMade = posting;
+        return true;
+      case Change::complete:
+        return posting != toldAsMade;
+      case Change::gone:
+        // Another file may have taken its place already, and is told by itself.
+        notification.last = last;
+        return false;
+      case Change::unknown:
+        return posting != last;
+    }
+    return false;
   }
 
   std::mutex mutex_;
