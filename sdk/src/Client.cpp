@@ -24,6 +24,7 @@
 #include "platform/sandbox/SandboxProtocol.h"
 #include "sdk/src/Bridge.h"
 #include "servicer/DSDaemon.h"
+#include "servicer/DSGrants.h"
 
 namespace docsource {
 namespace {
@@ -266,6 +267,33 @@ class Client::Implementation {
     };
   }
 
+  Start<std::vector<Grant>> grants() {
+    return [this](const Sink<std::vector<Grant>>& sink) {
+      grants_.call(sink, [&](DSGrants& service) {
+        service.grantsCompletion(
+            [sink](const std::optional<qx::Error>& error, const std::optional<qx::Array>& listing) {
+              if (error) {
+                sink(bridge::fromPlatform(*error));
+              } else if (!listing) {
+                sink(emptyAnswer());
+              } else {
+                sink(grantsFrom(*listing));
+              }
+            });
+      });
+    };
+  }
+
+  Start<void> revoke(const std::optional<std::string>& item, const std::string& provider,
+                     const std::string& consumer) {
+    return [=, this](const Sink<void>& sink) {
+      grants_.call(sink, [&](DSGrants& service) {
+        service.revokeItemWithID_ofProviderID_forConsumerID_completion(item, provider, consumer,
+                                                                       errorOnly(sink));
+      });
+    };
+  }
+
   Start<Descriptor> redeem(const Token& token) {
     return [=, this](const Sink<Descriptor>& sink) {
       sandbox_.call(sink, [&](QXSandbox& sandbox) {
@@ -326,8 +354,25 @@ class Client::Implementation {
     return providers;
   }
 
+  static Result<std::vector<Grant>> grantsFrom(const qx::Array& listing) {
+    std::vector<Grant> grants;
+    for (const auto& value : listing) {
+      const auto* entry = value.as<qx::Dictionary>();
+      if (!entry) continue;
+      const auto* provider = qx::find<std::string>(*entry, "providerIdentifier");
+      const auto* item = qx::find<std::string>(*entry, "itemIdentifier");
+      const auto* consumer = qx::find<std::string>(*entry, "consumerIdentifier");
+      const auto* url = qx::find<qx::URL>(*entry, "URL");
+      if (!provider || !item || !consumer) continue;
+      grants.push_back(
+          {*provider, *item, *consumer, url ? std::optional(url->absoluteString()) : std::nullopt});
+    }
+    return grants;
+  }
+
   const milliseconds timeout_;
   Service<DSDaemon> daemon_{dsDaemonServiceName, dsDaemonInterface()};
+  Service<DSGrants> grants_{dsGrantsServiceName, dsGrantsInterface()};
   Service<QXSandbox> sandbox_{std::string(qx::sandboxServiceName),
                               QXConduitInterface::interfaceWithProtocol<QXSandbox>()};
   Service<QXFileCoordination> coordination_{
@@ -434,6 +479,23 @@ Result<ResolvedBookmark> Client::resolveBookmark(const std::string& bookmark, Ti
 void Client::resolveBookmark(const std::string& bookmark, Callback<ResolvedBookmark> callback,
                              Timeout timeout) {
   deliver(implementation_->resolveBookmark(bookmark), std::move(callback),
+          implementation_->timeout(timeout));
+}
+
+Result<std::vector<Grant>> Client::grants(Timeout timeout) {
+  return wait(implementation_->grants(), implementation_->timeout(timeout));
+}
+void Client::grants(Callback<std::vector<Grant>> callback, Timeout timeout) {
+  deliver(implementation_->grants(), std::move(callback), implementation_->timeout(timeout));
+}
+
+Result<void> Client::revoke(const std::optional<std::string>& item, const std::string& provider,
+                            const std::string& consumer, Timeout timeout) {
+  return wait(implementation_->revoke(item, provider, consumer), implementation_->timeout(timeout));
+}
+void Client::revoke(const std::optional<std::string>& item, const std::string& provider,
+                    const std::string& consumer, Callback<void> callback, Timeout timeout) {
+  deliver(implementation_->revoke(item, provider, consumer), std::move(callback),
           implementation_->timeout(timeout));
 }
 

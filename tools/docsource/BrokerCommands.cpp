@@ -108,6 +108,7 @@ int bookmark(const Arguments& arguments) {
   const auto bookmark = Client(arguments.timeout).bookmarkableString(url);
   if (!bookmark) return fail(arguments, bookmark.error());
   if (*bookmark) return printBookmark(arguments, **bookmark);
+  answer(arguments.json, {{"bookmark", qx::Value()}}, "");
   std::fprintf(stderr, "There is no bookmarkable string: %s belongs to no provider.\n",
                onOneLine(url).c_str());
   return operationFailed;

@@ -58,8 +58,11 @@ int evict(const Arguments& arguments);
 int consume(const Arguments& arguments);
 int read(const Arguments& arguments);
 
-// Administration, on the files of this root.
+// The grants: of the broker where it runs, else, to look at, as they stand in their file.
 int grants(const Arguments& arguments);
+int revoke(const Arguments& arguments);
+
+// Administration, on the files of this root.
 int install(const Arguments& arguments);
 int uninstall(const Arguments& arguments);
 int bundles(const Arguments& arguments);

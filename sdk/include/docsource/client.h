@@ -37,6 +37,15 @@ struct ProviderInfo {
   std::optional<std::string> documentStorageURL;
 };
 
+/// That a consumer may have an item of a provider.
+struct Grant {
+  std::string provider;
+  std::string item;
+  std::string consumer;
+  /// Where the item is; absent where its provider could not tell, or not in time.
+  std::optional<std::string> url;
+};
+
 /// A consumer's side of the document broker.
 ///
 /// URLs are file URLs as text (fileURL(), pathOfURL()); providers and consumers are named by their
@@ -128,6 +137,22 @@ class DOCSOURCE_API Client {
   Result<ResolvedBookmark> resolveBookmark(const std::string& bookmark, Timeout timeout = {});
   void resolveBookmark(const std::string& bookmark, Callback<ResolvedBookmark> callback,
                        Timeout timeout = {});
+
+  // The grants, service "com.veltro.DocSource.Grants", for holders of the entitlement
+  // "com.veltro.docsource.acl-write".
+
+  /// `grantsCompletion:`. By provider and consumer, in the order in which they were made.
+  Result<std::vector<Grant>> grants(Timeout timeout = {});
+  void grants(Callback<std::vector<Grant>> callback, Timeout timeout = {});
+
+  /// `revokeItemWithID:ofProviderID:forConsumerID:completion:`. Takes a grant back, or, without an
+  /// item, all that the consumer has of the provider. After success bookmarks of the consumer for
+  /// the item do not resolve, and tokens that were issued for the document before do not redeem,
+  /// for anybody. A grant that is not there is none to take back, and no error.
+  Result<void> revoke(const std::optional<std::string>& item, const std::string& provider,
+                      const std::string& consumer, Timeout timeout = {});
+  void revoke(const std::optional<std::string>& item, const std::string& provider,
+              const std::string& consumer, Callback<void> callback, Timeout timeout = {});
 
   // Sandbox extensions, service "com.veltro.Sandbox".
 
