@@ -6,7 +6,7 @@ set -euo pipefail
 
 build=$(readlink -f "${1:?usage: demo.sh BUILD-DIRECTORY}")
 docsource=$build/bin/docsource
-provider=org.example.folder-provider
+provider=org.example.provider
 consumer=org.example.consumer
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/docsource-demo.XXXXXX")
@@ -130,11 +130,11 @@ show "$docsource" install "$build/share/docsource.app"
 show "$docsource" install "$build/examples/Consumer.app"
 
 headline 'A provider extension is installed, discovered and registered'
-cp -r "$build/examples/FolderProvider.docext" "$work"
+cp -r "$build/examples/Provider.docext" "$work"
 sed -i "s|<string>/srv/documents</string>|<string>$origin</string>|" \
-  "$work/FolderProvider.docext/Info.plist"
-check 'its Info.plist names the origin' grep -qF "$origin" "$work/FolderProvider.docext/Info.plist"
-show "$docsource" install "$work/FolderProvider.docext"
+  "$work/Provider.docext/Info.plist"
+check 'its Info.plist names the origin' grep -qF "$origin" "$work/Provider.docext/Info.plist"
+show "$docsource" install "$work/Provider.docext"
 wait_until 'the daemon knows the provider' sees_provider
 show "$docsource" bundles
 

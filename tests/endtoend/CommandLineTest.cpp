@@ -200,7 +200,7 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
   const std::string content(100'000, 'c');
   const auto origin = installation_.staging();
   std::ofstream(origin + "/a.txt") << content;
-  const auto storage = installation_.installFolderProvider(origin);
+  const auto storage = installation_.installExampleProvider(origin);
   start();
   installTool();
   ASSERT_TRUE(eventually([&] { return fs::exists(storage + "/a.txt"); }));
@@ -215,7 +215,7 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
                   path + R"(", "size": 100000, "state": ")" + name + "\"}]}\n");
   };
   const auto request = [&](const std::string& command) {
-    ask({command, "a.txt", "--provider", "com.example.folders", "--consumer", "com.example.app"});
+    ask({command, "a.txt", "--provider", "com.example.provider", "--consumer", "com.example.app"});
   };
   request("extend-sandbox");
   state("placeholder");

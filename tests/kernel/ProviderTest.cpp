@@ -8,7 +8,7 @@ namespace {
 using namespace qx::test;
 using qx::URL;
 
-const char* const identifier = "com.example.folders";
+const char* const identifier = "com.example.provider";
 
 class ProviderTest : public Broker {
  protected:
@@ -23,7 +23,7 @@ class ProviderTest : public Broker {
     for (const auto& [name, size] : documents) {
       std::ofstream(origin_ + "/" + name) << contentOf(name, size);
     }
-    storage_ = installation_.installFolderProvider(origin_);
+    storage_ = installation_.installExampleProvider(origin_);
     start();
     ASSERT_TRUE(platformd_->logs(" placeholders of doc source " + std::string(identifier) + "."));
     application_.emplace(readerAndWriter());

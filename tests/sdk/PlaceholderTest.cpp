@@ -1,5 +1,5 @@
-// Placeholders on a real file system: what they show, what a crash leaves of them, and what keeps
-// a document from becoming one again.
+// Placeholders on a real file system, in both ways of keeping programs from reading what is not
+// there: what they show, what a crash leaves of them, and what keeps a document from becoming one.
 
 #include "docsource/placeholder.h"
 
@@ -16,12 +16,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
 
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/InChild.h"
+#include "tests/support/TemporaryRoot.h"
 
 namespace {
 
@@ -30,21 +30,28 @@ using docsource::Placeholder;
 using docsource::PlaceholderState;
 using Eviction = docsource::Placeholder::Eviction;
 
-constexpr const char* placeholderAttribute = "user.docsource.placeholder";
-constexpr const char* providedAttribute = "user.docsource.provided";
+constexpr const char* attribute = "user.docsource.placeholder";
 
 /// Before 1970, with nanoseconds: both are easily lost.
 const Placeholder::Time longAgo{std::chrono::nanoseconds(-86400'000000000LL + 123456789)};
 
-class PlaceholderTest : public ::testing::Test {
+class PlaceholderTest : public ::testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
     if (::setxattr(root.path().c_str(), "user.docsource.test", "1", 1, 0) != 0) {
       GTEST_SKIP() << "no extended attributes on " << root.path();
     }
+    ASSERT_EQ(::chmod(qx::test::temporaryRoot().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod((qx::test::temporaryRoot() + "/run").c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(root.path().c_str(), 0777), 0);
+    coordinate(GetParam());
   }
+  static void coordinate(const std::string& how) {
+    std::ofstream(qx::test::temporaryRoot() + "/run/coordination") << how << "\n";
+  }
+  static bool isCooperative() { return GetParam() == std::string("cooperative"); }
 
-  static Descriptor open(const std::string& path, int flags = O_RDWR) {
+  static Descriptor open(const std::string& path, int flags = O_PATH) {
     Descriptor file(::open(path.c_str(), flags | O_CLOEXEC));
     EXPECT_TRUE(file) << path << ": " << errno;
     return file;
@@ -69,29 +76,50 @@ class PlaceholderTest : public ::testing::Test {
   static void succeeds(const docsource::Result<void>& result) {
     EXPECT_TRUE(result.ok()) << result.error().text();
   }
-  static void fill(const Descriptor& file, const std::string& content,
-                   Placeholder::Time modified = longAgo) {
-    auto writer = Placeholder(file.get()).fill();
-    ASSERT_TRUE(writer.ok()) << writer.error().text();
-    succeeds(writer->write(content));
-    succeeds(writer->finish({content.size(), modified, std::nullopt}));
+  static bool isOver(const docsource::Error& error, int errnum) {
+    return error.underlying() && error.underlying()->is(docsource::posixErrorDomain, errnum);
   }
-  static Eviction evict(const Descriptor& file) {
-    const auto result = Placeholder(file.get()).evict();
+  static docsource::Result<void> fill(const std::string& path, const std::string& content) {
+    const auto file = open(path);
+    auto writer = Placeholder(file.get()).fill();
+    if (!writer) return writer.error();
+    if (auto written = writer->write(content); !written) return written;
+    return writer->finish({content.size(), longAgo});
+  }
+  docsource::Result<Eviction> tryToEvict(const Placeholder::Announcement& announce = {}) const {
+    const auto file = open(path);
+    return Placeholder(file.get()).evict({content.size(), longAgo}, std::nullopt, announce);
+  }
+  Eviction evict(const Placeholder::Announcement& announce = {}) const {
+    const auto result = tryToEvict(announce);
     EXPECT_TRUE(result.ok()) << result.error().text();
     return result ? *result : Eviction::notPresent;
   }
-  void expectPlaceholder(std::uint64_t size) {
+  void make(unsigned mode = 0644) const {
+    succeeds(Placeholder::make(path, {content.size(), longAgo, std::nullopt, mode}));
+  }
+  void makePresent(unsigned mode = 0644) const {
+    make(mode);
+    succeeds(fill(path, content));
+  }
+  void expectPlaceholder(std::uint64_t size, mode_t mode) const {
     const auto status = query(path);
     EXPECT_EQ(status.state, PlaceholderState::placeholder);
     EXPECT_EQ(status.size, size);
-    const std::uint64_t firstBlock = size < 512 ? 0 : 4096;
+    const std::uint64_t firstBlock = size < 512 || isCooperative() ? 0 : 4096;
     EXPECT_GE(status.occupied, firstBlock);
-    // A file that lay in many places keeps a block in which they were listed.
-    EXPECT_LE(status.occupied, size < 1'000'000 ? firstBlock : firstBlock + 4096);
+    // The attributes may take a block, and one in which the places of a large file were listed.
+    EXPECT_LE(status.occupied, firstBlock + 4096 + (size < 1'000'000 ? 0 : 4096));
     const auto here = statusOf(path);
     EXPECT_EQ(here.st_mtim.tv_sec, -86400);
     EXPECT_EQ(here.st_mtim.tv_nsec, 123456789);
+    EXPECT_EQ(here.st_mode & 07777U, isCooperative() ? 0 : mode);
+  }
+  void expectPresent(const std::string& expected, mode_t mode) const {
+    EXPECT_EQ(query(path).state, PlaceholderState::present);
+    EXPECT_LT(::getxattr(path.c_str(), attribute, nullptr, 0), 0);
+    EXPECT_EQ(statusOf(path).st_mode & 07777U, mode);
+    EXPECT_TRUE(read(open(path, O_RDONLY).get()) == expected);
   }
 
   const qx::test::TemporaryDirectory root;
@@ -100,133 +128,123 @@ class PlaceholderTest : public ::testing::Test {
   const std::string content = std::string(300'001, 'c') + "end";
 };
 
-TEST_F(PlaceholderTest, ShowsTheDocumentAndOccupiesNextToNothing) {
+INSTANTIATE_TEST_SUITE_P(, PlaceholderTest, testing::Values("access", "cooperative"),
+                         [](const auto& mode) { return std::string(mode.param); });
+
+TEST_P(PlaceholderTest, ShowsTheDocumentAndOccupiesNextToNothing) {
   constexpr std::uint64_t size = (5ULL << 30U) + 1;
-  succeeds(Placeholder::make(path, {size, longAgo, longAgo}, 0640));
-  expectPlaceholder(size);
+  succeeds(Placeholder::make(path, {size, longAgo, longAgo, 0640}));
+  expectPlaceholder(size, 0640);
   const auto made = statusOf(path);
-  EXPECT_EQ(made.st_mode & 0777U, 0640U);
   EXPECT_EQ(made.st_atim.tv_sec, -86400);
-  std::string state(100, ' ');
-  state.resize(static_cast<std::size_t>(
-      ::getxattr(path.c_str(), placeholderAttribute, state.data(), state.size())));
-  EXPECT_EQ(state, "placeholder");
+  EXPECT_EQ(*Placeholder::shapeOf(open(path).get())->mode, 0640U);
 
   // What is there already stays, be it a document.
-  const auto again = Placeholder::make(path, {1, longAgo, std::nullopt});
+  const auto again = Placeholder::make(path, {1, longAgo});
   ASSERT_FALSE(again.ok());
-  ASSERT_NE(again.error().underlying(), nullptr);
-  EXPECT_TRUE(again.error().underlying()->is(docsource::posixErrorDomain, EEXIST));
+  EXPECT_TRUE(isOver(again.error(), EEXIST));
   EXPECT_EQ(statusOf(path).st_ino, made.st_ino);
-  EXPECT_TRUE(Placeholder::make(root / "missing/document", {1, longAgo, std::nullopt})
+  EXPECT_TRUE(Placeholder::make(root / "missing/document", {1, longAgo})
                   .error()
                   .is(docsource::standardErrorDomain, 260));
 
   // The document has another size now.
-  const auto file = open(path);
   for (const std::uint64_t other : {std::uint64_t{17}, size, std::uint64_t{0}}) {
-    succeeds(Placeholder(file.get()).reset({other, longAgo, std::nullopt}));
-    expectPlaceholder(other);
+    succeeds(Placeholder(open(path).get()).reset({other, longAgo}));
+    expectPlaceholder(other, 0640);
   }
+  // So are the keepers of its readers.
+  const char* const ways[] = {"access", "cooperative"};
+  for (const char* way : {ways[isCooperative() ? 0 : 1], GetParam()}) {
+    coordinate(way);
+    succeeds(Placeholder(open(path).get()).adapt());
+    EXPECT_EQ(statusOf(path).st_mode & 07777U, way == std::string("cooperative") ? 0U : 0640U);
+    EXPECT_EQ(query(path).state, PlaceholderState::placeholder);
+  }
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.path()), {}), 1);
 }
 
-TEST_F(PlaceholderTest, IsFilledInPlace) {
-  succeeds(Placeholder::make(path, {content.size(), longAgo, std::nullopt}));
-  const auto reader = open(path, O_RDONLY);
-  const auto file = open(path);
+TEST_P(PlaceholderTest, IsFilledWhereItIsOrByAnotherFile) {
+  make(0440);
+  ::setxattr(path.c_str(), "user.colour", "red", 3, 0);
   const auto inode = statusOf(path).st_ino;
   {
+    const auto file = open(path);
     auto writer = Placeholder(file.get()).fill();
-    ASSERT_TRUE(writer.ok());
-    EXPECT_EQ(query(path).state, PlaceholderState::providing);
-    EXPECT_EQ(evict(file), Eviction::notPresent);
+    ASSERT_TRUE(writer.ok()) << writer.error().text();
+    EXPECT_EQ(query(path).state,
+              isCooperative() ? PlaceholderState::placeholder : PlaceholderState::providing);
+    EXPECT_EQ(evict(), Eviction::notPresent);
     const std::string_view bytes = content;
     succeeds(writer->writeAt(200'000, bytes.substr(200'000)));
     EXPECT_EQ(query(path).size, content.size());
     succeeds(writer->writeAt(0, bytes.substr(0, 100'000)));
     succeeds(writer->write(bytes.substr(100'000, 100'000)));
-    EXPECT_EQ(query(path).state, PlaceholderState::providing);
-    EXPECT_GE(query(path).occupied, 290'000U);
-    succeeds(writer->finish({content.size(), longAgo, std::nullopt}));
+    struct stat status {};
+    ASSERT_EQ(::fstat(writer->file(), &status), 0);
+    succeeds(writer->finish({content.size(), longAgo}));
+    EXPECT_EQ(statusOf(path).st_ino, status.st_ino);
+    EXPECT_EQ(status.st_ino == inode, !isCooperative());
   }
-  EXPECT_TRUE(read(reader.get()) == content);
-  EXPECT_EQ(statusOf(path).st_ino, inode);
+  expectPresent(content, 0440);
   EXPECT_EQ(statusOf(path).st_mtim.tv_nsec, 123456789);
-  EXPECT_LT(::getxattr(path.c_str(), placeholderAttribute, nullptr, 0), 0);
-  EXPECT_EQ(query(path).state, PlaceholderState::present);
-  EXPECT_EQ(query(path).changed, std::optional(false));
+  EXPECT_EQ(::getxattr(path.c_str(), "user.colour", nullptr, 0), 3);
 
-  // Brought up to date, to less and to more than there was, and to a document that has holes.
-  fill(file, "short");
-  EXPECT_EQ(read(reader.get()), "short");
+  // Brought up to date, to less than there was, and to a document that has holes.
+  succeeds(fill(path, "short"));
+  expectPresent("short", 0440);
+  const auto file = open(path);
   auto writer = Placeholder(file.get()).fill();
   ASSERT_TRUE(writer.ok());
   succeeds(writer->write("holes"));
-  succeeds(writer->finish({1 << 24U, longAgo, std::nullopt}));
+  succeeds(writer->finish({1 << 24U, longAgo, std::nullopt, 0600}));
   EXPECT_LT(query(path).occupied, query(path).size);
   EXPECT_EQ(query(path).state, PlaceholderState::present);
+  EXPECT_EQ(statusOf(path).st_mode & 07777U, 0600U);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.path()), {}), 1);
 }
 
-TEST_F(PlaceholderTest, IsFilledFromAnotherFile) {
-  std::ofstream(root / "source") << content;
+TEST_P(PlaceholderTest, IsFilledFromAnotherFile) {
+  std::string large((40U << 20U) + 5, ' ');
+  for (std::size_t i = 0; i < large.size(); ++i)
+    large[i] = static_cast<char>('a' + (i >> 12U) % 26);
+  std::ofstream(root / "source") << large;
   // The kernel copies from the first, not from the other, whose size it does not know either.
   for (const std::string& from : {root / "source", std::string("/proc/version")}) {
     const auto source = open(from, O_RDONLY);
-    std::ostringstream expectedText;
-    expectedText << std::ifstream(from).rdbuf();
-    const auto expected = expectedText.str();
+    std::ostringstream text;
+    text << std::ifstream(from).rdbuf();
+    const auto expected = text.str();
     ASSERT_FALSE(expected.empty());
-    const std::string copy = root / "copy";
-    std::filesystem::remove(copy);
-    succeeds(Placeholder::make(copy, {expected.size(), longAgo, std::nullopt}));
-    const auto file = open(copy);
-    auto writer = Placeholder(file.get()).fill();
-    ASSERT_TRUE(writer.ok());
-    succeeds(writer->copy(source.get()));
-    succeeds(writer->write("more"));
-    succeeds(writer->finish({expected.size() + 4, longAgo, std::nullopt}));
-    EXPECT_TRUE(read(file.get()) == expected + "more") << from;
+    std::filesystem::remove(path);
+    succeeds(Placeholder::make(path, {expected.size(), longAgo}));
+    for (const bool givesUp : {true, false}) {
+      const auto file = open(path);
+      auto writer = Placeholder(file.get()).fill();
+      ASSERT_TRUE(writer.ok());
+      succeeds(writer->copy(source.get()));
+      if (givesUp) continue;
+      succeeds(writer->write("more"));
+      succeeds(writer->finish({expected.size() + 4, longAgo}));
+    }
+    EXPECT_TRUE(read(open(path, O_RDONLY).get()) == expected + "more") << from;
+    EXPECT_LE(query(path).occupied, expected.size() + 16384);
   }
 }
 
-TEST_F(PlaceholderTest, ALargeFileIsCopiedInPiecesAndGivenBackWhole) {
-  constexpr std::size_t size = (40U << 20U) + 5;
-  std::string text(size, ' ');
-  for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + (i >> 12U) % 26);
-  std::ofstream(root / "source") << text;
-  const auto source = open(root / "source", O_RDONLY);
-  succeeds(Placeholder::make(path, {size, longAgo, std::nullopt}));
-  const auto file = open(path);
+TEST_P(PlaceholderTest, GivesUpWithoutATrace) {
+  make();
   {
-    auto writer = Placeholder(file.get()).fill();
-    ASSERT_TRUE(writer.ok());
-    succeeds(writer->copy(source.get()));
-    EXPECT_TRUE(read(file.get()) == text);
-  }
-  expectPlaceholder(size);
-  auto writer = Placeholder(file.get()).fill();
-  ASSERT_TRUE(writer.ok());
-  succeeds(writer->copy(source.get()));
-  succeeds(writer->finish({size, longAgo, std::nullopt}));
-  EXPECT_TRUE(read(file.get()) == text);
-  EXPECT_LE(query(path).occupied, size + 16384);
-}
-
-TEST_F(PlaceholderTest, GivesUpWithoutATrace) {
-  succeeds(Placeholder::make(path, {content.size(), longAgo, std::nullopt}));
-  const auto file = open(path);
-  {
+    const auto file = open(path);
     auto writer = Placeholder(file.get()).fill();
     ASSERT_TRUE(writer.ok());
     succeeds(writer->write(content + content));
     EXPECT_FALSE(writer->writeAt(~std::uint64_t{0}, "x").ok());
-    EXPECT_FALSE(writer->finish({~std::uint64_t{0}, longAgo, std::nullopt}).ok());
+    EXPECT_FALSE(writer->finish({~std::uint64_t{0}, longAgo}).ok());
   }
-  expectPlaceholder(content.size());
-}
+  expectPlaceholder(content.size(), 0644);
 
-TEST_F(PlaceholderTest, IsOneStillAfterACrashHalfWay) {
-  succeeds(Placeholder::make(path, {content.size(), longAgo, std::nullopt}));
+  // A process that dies in the middle.
   const pid_t child = ::fork();
   if (child == 0) {
     const auto file = open(path);
@@ -237,36 +255,31 @@ TEST_F(PlaceholderTest, IsOneStillAfterACrashHalfWay) {
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, WUNTRACED), child);
   ASSERT_TRUE(WIFSTOPPED(status));
-  EXPECT_EQ(query(path).state, PlaceholderState::providing);
   ::kill(child, SIGKILL);
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   EXPECT_EQ(query(path).state, PlaceholderState::placeholder);
   EXPECT_EQ(query(path).size, content.size());
-  EXPECT_GT(query(path).occupied, 0U);
-
-  // The next attempt sees nothing of it.
-  const auto file = open(path);
-  EXPECT_EQ(evict(file), Eviction::notPresent);
-  auto writer = Placeholder(file.get()).fill();
-  ASSERT_TRUE(writer.ok());
-  EXPECT_TRUE(read(file.get()) == std::string(content.size(), 0));
-  succeeds(writer->write(content));
-  succeeds(writer->finish({content.size(), longAgo, std::nullopt}));
-  EXPECT_TRUE(read(file.get()) == content);
+  EXPECT_EQ(evict(), Eviction::notPresent);
+  {
+    const auto file = open(path);
+    auto writer = Placeholder(file.get()).fill();
+    ASSERT_TRUE(writer.ok());
+    EXPECT_TRUE(read(writer->file()) == std::string(content.size(), 0));
+  }
+  succeeds(fill(path, content));
+  expectPresent(content, 0644);
 }
 
-TEST_F(PlaceholderTest, ContentThatSomebodyUsesOrChangedStays) {
-  succeeds(Placeholder::make(path, {content.size(), longAgo, std::nullopt}));
-  const auto file = open(path);
-  fill(file, content);
+TEST_P(PlaceholderTest, ContentThatSomebodyUsesOrChangedStays) {
+  makePresent(0640);
   const auto stays = [&](Eviction because, const std::string& bytes) {
-    EXPECT_EQ(evict(file), because);
-    EXPECT_EQ(query(path).state, PlaceholderState::present);
-    EXPECT_TRUE(read(file.get()) == bytes);
+    EXPECT_EQ(evict(), because);
+    expectPresent(bytes, 0640);
   };
   {
     const auto reader = open(path, O_RDONLY);
-    EXPECT_EQ(*docsource::isFileInUse(file.get()), true);
+    const auto own = open(path, O_RDONLY);
+    EXPECT_EQ(*docsource::isFileInUse(own.get()), true);
     stays(Eviction::inUse, content);
   }
   void* mapping = MAP_FAILED;
@@ -277,127 +290,172 @@ TEST_F(PlaceholderTest, ContentThatSomebodyUsesOrChangedStays) {
   ASSERT_NE(mapping, MAP_FAILED);
   stays(Eviction::inUse, content);
   ::munmap(mapping, content.size());
-  EXPECT_EQ(*docsource::isFileInUse(file.get()), false);
+  EXPECT_EQ(*docsource::isFileInUse(open(path, O_RDONLY).get()), false);
 
-  // One byte, the size as it was.
+  // One byte, the size as it was, in the same second.
   std::string changed = content;
   changed[1000] = 'X';
-  ASSERT_EQ(::pwrite(open(path).get(), "X", 1, 1000), 1);
-  EXPECT_EQ(query(path).changed, std::optional(true));
+  ASSERT_EQ(::pwrite(open(path, O_RDWR).get(), "X", 1, 1000), 1);
+  timespec times[2] = {{0, UTIME_OMIT}, {-86400, 123456788}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   stays(Eviction::changed, changed);
-  // The provider took it over.
-  const Placeholder document(file.get());
-  succeeds(document.setUnchanged(*document.version()));
-  EXPECT_FALSE(document.isChanged());
-  // Of another content than that which is there now.
-  succeeds(document.setUnchanged("0:0:0.0"));
-  stays(Eviction::changed, changed);
+  succeeds(fill(path, content));
 
-  // Nobody knows where it came from; neither does the attribute of a copy speak for it.
-  ::removexattr(path.c_str(), providedAttribute);
-  stays(Eviction::changed, changed);
-  fill(file, content);
-  ASSERT_EQ(std::system(("cp --preserve=all '" + path + "' '" + (root / "copy") + "'").c_str()), 0);
-  EXPECT_EQ(evict(open(root / "copy")), Eviction::changed);
+  // A provider that cannot note what becomes of it keeps it.
+  EXPECT_FALSE(tryToEvict([](int) { return docsource::Error::posix(EIO, "The database"); }).ok());
+  expectPresent(content, 0640);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.path()), {}), 1);
 
   // Metadata is not content.
   ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
   ASSERT_EQ(::rename(path.c_str(), (root / "renamed").c_str()), 0);
   ASSERT_EQ(::rename((root / "renamed").c_str(), path.c_str()), 0);
-  const auto inode = statusOf(path).st_ino;
-  EXPECT_EQ(evict(file), Eviction::evicted);
-  expectPlaceholder(content.size());
-  EXPECT_EQ(statusOf(path).st_ino, inode);
-  EXPECT_TRUE(read(file.get()) == std::string(content.size(), 0));
-  EXPECT_EQ(evict(file), Eviction::notPresent);
+  struct stat announced {};
+  EXPECT_EQ(evict([&](int file) {
+              EXPECT_EQ(::fstat(file, &announced), 0);
+              return docsource::Result<void>();
+            }),
+            Eviction::evicted);
+  expectPlaceholder(content.size(), 0600);
+  EXPECT_EQ(statusOf(path).st_ino, announced.st_ino);
+  EXPECT_TRUE(read(open(path, O_RDONLY).get()) == std::string(content.size(), 0));
+  EXPECT_EQ(evict(), Eviction::notPresent);
 }
 
-TEST_F(PlaceholderTest, NobodySeesContentGoWhileItCountsAsPresent) {
-  succeeds(Placeholder::make(path, {content.size(), longAgo, std::nullopt}));
-  const auto file = open(path);
+TEST_P(PlaceholderTest, WhoWaitsToOpenItGetsTheContent) {
+  makePresent();
+  sigset_t broken;
+  sigemptyset(&broken);
+  sigaddset(&broken, SIGURG);
+  ::pthread_sigmask(SIG_BLOCK, &broken, nullptr);
+  std::string seen;
+  std::thread program;
+  // Nothing has been lost by then, and the file is held.
+  EXPECT_EQ(evict([&](int) {
+              program = std::thread([&] { seen = read(open(path, O_RDONLY).get()); });
+              EXPECT_EQ(::sigwaitinfo(&broken, nullptr), SIGURG);
+              return docsource::Result<void>();
+            }),
+            Eviction::inUse);
+  program.join();
+  EXPECT_TRUE(seen == content);
+  expectPresent(content, 0644);
+  EXPECT_EQ(evict(), Eviction::evicted);
+}
+
+TEST_P(PlaceholderTest, NobodySeesContentGoWhileItCountsAsPresent) {
+  make();
   int evicted = 0, whole = 0, waited = 0;
   for (int round = 0; round < 60; ++round) {
-    if (Placeholder(file.get()).state() != PlaceholderState::present) fill(file, content);
+    if (query(path).state != PlaceholderState::present) succeeds(fill(path, content));
     std::thread program([&] {
       const auto reader = open(path, O_RDONLY);
       // Without the mark the content is there, and stays as long as the file is open.
-      if (::fgetxattr(reader.get(), placeholderAttribute, nullptr, 0) >= 0) {
+      if (::fgetxattr(reader.get(), attribute, nullptr, 0) >= 0) {
         ++waited;
       } else {
         EXPECT_TRUE(read(reader.get()) == content) << "round " << round;
         ++whole;
       }
     });
-    const bool gone = evict(file) == Eviction::evicted;
+    const bool gone = evict() == Eviction::evicted;
     program.join();
     if (gone) ++evicted;
   }
   EXPECT_EQ(whole + waited, 60);
   EXPECT_LE(waited, evicted);
   // Whoever comes while the mark is made durable is waited for; the file is his again at once.
-  EXPECT_EQ(*docsource::isFileInUse(file.get()), false);
+  EXPECT_EQ(*docsource::isFileInUse(open(path, O_RDONLY).get()), false);
 }
 
-TEST_F(PlaceholderTest, AnUnmarkedSparseFileCountsAsOneForOthers) {
-  const auto file = Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  EXPECT_EQ(query(path).state, PlaceholderState::present) << "an empty document";
-  ASSERT_EQ(::ftruncate(file.get(), 1 << 20U), 0);
-  EXPECT_EQ(query(path).state, PlaceholderState::placeholder);
-  EXPECT_EQ(query(path).changed, std::nullopt);
-  EXPECT_EQ(Placeholder(file.get()).state(), PlaceholderState::present);
-  ASSERT_EQ(::fsetxattr(file.get(), providedAttribute, "", 0, 0), 0);
-  EXPECT_EQ(query(path).state, PlaceholderState::present);
-  // Whatever the mark says, and whoever it names.
-  for (const std::string mark : {"", "absent", "providing", "providing 1", "providing 1 1",
-                                 "providing x y", "providing 99999999999999999999 1"}) {
-    ASSERT_EQ(::fsetxattr(file.get(), placeholderAttribute, mark.data(), mark.size(), 0), 0);
-    EXPECT_EQ(query(path).state, PlaceholderState::placeholder) << mark;
+TEST_P(PlaceholderTest, AMarkCountsOnTheInodeThatItWasMadeFor) {
+  make();
+  std::string mark(200, ' ');
+  mark.resize(
+      static_cast<std::size_t>(::getxattr(path.c_str(), attribute, mark.data(), mark.size())));
+  EXPECT_TRUE(mark.starts_with("placeholder inode:" + std::to_string(statusOf(path).st_ino)))
+      << mark;
+  const auto other = root / "other";
+  const auto set = [&](const std::string& value) {
+    ASSERT_EQ(::setxattr(other.c_str(), attribute, value.data(), value.size(), 0), 0);
+  };
+  // Beside content and beside holes.
+  for (const bool isSparse : {false, true}) {
+    std::filesystem::remove(other);
+    std::ofstream(other) << "content";
+    if (isSparse) std::filesystem::resize_file(other, 1 << 20U);
+    EXPECT_EQ(query(other).state, PlaceholderState::present);
+    set(mark);
+    EXPECT_EQ(query(other).state, PlaceholderState::present);
+    EXPECT_EQ(Placeholder(open(other).get()).state(), PlaceholderState::present);
+    // Whatever it says, and whoever it names.
+    for (const std::string unnamed : {"", "absent", "providing", "providing 1", "providing 1 1",
+                                      "providing x y", "providing 99999999999999999999 1"}) {
+      set(unnamed);
+      EXPECT_EQ(query(other).state,
+                isSparse ? PlaceholderState::placeholder : PlaceholderState::present)
+          << unnamed;
+    }
   }
+  // A restored attribute makes nothing of a document.
+  succeeds(fill(path, content));
+  ASSERT_EQ(::setxattr(path.c_str(), attribute, "placeholder inode:1:1.000000001", 31, 0), 0);
+  EXPECT_EQ(query(path).state, PlaceholderState::present);
+  EXPECT_EQ(evict(), Eviction::evicted);
   EXPECT_TRUE(
       docsource::placeholderStatus(root / "none").error().is(docsource::standardErrorDomain, 260));
   EXPECT_FALSE(docsource::placeholderStatus(root.path()).ok());
 }
 
-/// Marks of a provider's own.
-class Memory final : public docsource::PlaceholderMarks {
- public:
-  std::optional<std::string> get(int, const char* name) const override {
-    const auto found = marks.find(name);
-    return found == marks.end() ? std::nullopt : std::optional(found->second);
-  }
-  bool set(int, const char* name, const std::string& value) const override {
-    if (isFull) errno = ENOSPC;
-    if (!isFull) marks[name] = value;
-    return !isFull;
-  }
-  bool clear(int, const char* name) const override {
-    marks.erase(name);
-    return true;
-  }
+TEST_P(PlaceholderTest, AnOrdinaryUserNeverOpensOneThatHasNoContent) {
+  EXPECT_EQ(qx::test::inChild([&] {
+              if (!qx::test::dropPrivileges()) return 77;
+              // What its owner may not write is filled all the same.
+              make(0444);
+              if (isCooperative()) {
+                EXPECT_LT(::open(path.c_str(), O_RDONLY), 0);
+                EXPECT_EQ(errno, EACCES);
+              }
+              const pid_t reader = ::fork();
+              while (reader == 0) {
+                const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+                if (isCooperative() && file && read(file.get()) != content) ::_exit(1);
+              }
+              for (int round = 0; round < 100; ++round) {
+                succeeds(fill(path, content));
+                EXPECT_EQ(query(path).state, PlaceholderState::present);
+                EXPECT_EQ(statusOf(path).st_mode & 07777U, 0444U) << round;
+                (void)tryToEvict();
+              }
+              int status = 0;
+              const bool stillReads = ::waitpid(reader, &status, WNOHANG) == 0;
+              ::kill(reader, SIGKILL);
+              ::waitpid(reader, nullptr, 0);
+              return stillReads && !HasFailure() ? 0 : 1;
+            }),
+            0);
+}
 
-  mutable std::map<std::string, std::string> marks;
-  bool isFull = false;
-};
-
-TEST_F(PlaceholderTest, ContentGoesOnlyAfterTheMarkIsSet) {
-  Memory marks;
-  const auto file = Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  const Placeholder document(file.get(), marks);
-  auto writer = document.fill();
+TEST_P(PlaceholderTest, WhatAProgramPutInItsPlaceStays) {
+  if (!isCooperative()) GTEST_SKIP() << "filled in place, whatever has the name";
+  make();
+  const auto file = open(path);
+  auto writer = Placeholder(file.get()).fill();
   ASSERT_TRUE(writer.ok());
   succeeds(writer->write(content));
-  succeeds(writer->finish({content.size(), longAgo, std::nullopt}));
-  EXPECT_EQ(marks.marks.size(), 1U);
-  EXPECT_LT(::fgetxattr(file.get(), providedAttribute, nullptr, 0), 0);
+  std::ofstream(root / "saved") << "saved";
+  std::filesystem::rename(root / "saved", path);
+  const auto finished = writer->finish({content.size(), longAgo});
+  EXPECT_TRUE(!finished && isOver(finished.error(), ESTALE));
+  EXPECT_EQ(read(open(path, O_RDONLY).get()), "saved");
 
-  marks.isFull = true;
-  EXPECT_FALSE(document.fill().ok());
-  EXPECT_FALSE(document.evict().ok());
-  EXPECT_FALSE(document.reset({1, longAgo, std::nullopt}).ok());
-  EXPECT_TRUE(read(file.get()) == content);
-  marks.isFull = false;
-  EXPECT_EQ(*document.evict(), Eviction::evicted);
-  EXPECT_EQ(document.state(), PlaceholderState::placeholder);
+  // Under two names there are two documents, which stay one.
+  std::filesystem::remove(path);
+  makePresent();
+  std::filesystem::create_hard_link(path, root / "second");
+  EXPECT_EQ(evict(), Eviction::inUse);
+  EXPECT_EQ(statusOf(path).st_ino, statusOf(root / "second").st_ino);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.path()), {}), 2);
 }
 
 }  // namespace

@@ -66,14 +66,14 @@ ScriptedProvider Installation::installProvider(const std::string& identifier, Di
   return provider;
 }
 
-std::string Installation::installFolderProvider(const std::string& origin) {
-  const std::string identifier = "com.example.folders", group = "group.com.example.folders";
+std::string Installation::installExampleProvider(const std::string& origin) {
+  const std::string identifier = "com.example.provider", group = "group.com.example.provider";
   const auto staged = staging();
   fs::copy_file(fs::path(builtProgram("docsource")).parent_path().parent_path() /
-                    "examples/FolderProvider.docext/folder-provider",
+                    "examples/Provider.docext/example-provider",
                 staged + "/program");
   auto info = extensionInfo(identifier, group);
-  info.emplace("FolderProviderOrigin", origin);
+  info.emplace("ExampleOrigin", origin);
   writeList(staged + "/Info.plist", info);
   writeList(staged + "/Entitlements.plist",
             Dictionary{{"com.veltro.application-groups", Array{group}}});

@@ -36,9 +36,9 @@ class Installation {
   /// script names none. Replaces one of that identifier.
   ScriptedProvider installProvider(const std::string& identifier, Dictionary script = {},
                                    const std::optional<std::string>& group = std::nullopt);
-  /// The example provider of the documents in `origin`, "com.example.folders"; the directory where
+  /// The example provider of the documents in `origin`, "com.example.provider"; the directory where
   /// they will be.
-  std::string installFolderProvider(const std::string& origin);
+  std::string installExampleProvider(const std::string& origin);
   /// An application, with a copy of the consumer as its executable.
   Consumer installConsumer(const std::string& identifier, const Dictionary& entitlements,
                            bool asNobody = false);

@@ -61,15 +61,14 @@ docsource::Result<std::optional<std::string>> providerOf(docsource::Client& clie
 }
 
 /// Why a provider that answered with success kept the content, as far as can be seen from here.
-std::string reasonToKeep(const std::string& path, const PlaceholderStatus& document) {
-  if (document.changed == true) return "it was changed since it was brought in";
+std::string reasonToKeep(const std::string& path) {
   const docsource::Descriptor file(
       ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   if (file) {
     const auto inUse = docsource::isFileInUse(file.get());
     if (inUse && *inUse) return "some program has it open or mapped";
   }
-  return "its provider keeps it";
+  return "it was changed, or its provider keeps it";
 }
 
 }  // namespace
@@ -91,7 +90,7 @@ int status(const Arguments& arguments) {
                                       {"state", state},
                                       {"size", static_cast<std::int64_t>(document->size)},
                                       {"occupied", static_cast<std::int64_t>(document->occupied)}});
-    rows.push_back({state == "providing" ? "being provided" : state, std::to_string(document->size),
+    rows.push_back({state, std::to_string(document->size),
                     std::to_string(document->occupied), *path});
   }
   const int printed = answer(arguments.json, {{"documents", std::move(array)}},
@@ -117,7 +116,7 @@ int evict(const Arguments& arguments) {
     return refuse("The document keeps its space: it is being provided.");
   }
   if (after->state == PlaceholderState::present && after->occupied > 0) {
-    return refuse("The document keeps its space: " + reasonToKeep(*path, *after) + ".");
+    return refuse("The document keeps its space: " + reasonToKeep(*path) + ".");
   }
   const std::uint64_t freed =
       before->occupied > after->occupied ? before->occupied - after->occupied : 0;

@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,22 +12,31 @@
 
 /// Placeholders: files that have the name, size and times of a document and none of its content.
 ///
-/// A placeholder is a sparse file with the extended attribute (xattr(7))
-/// "user.docsource.placeholder". While the attribute is there, whatever its value, the content is
-/// not to be trusted and the platform keeps readers waiting:
+/// A placeholder is a sparse regular file with the extended attribute (xattr(7))
+/// "user.docsource.placeholder", the mark. It is words, separated by single spaces:
 ///
-///     "placeholder"           nothing is there
-///     "providing PID START"   that process fills it at the moment; START is when the process was
-///                             started (proc_pid_stat(5), field 22). Once it is gone, the file is
-///                             a placeholder like any other.
-///     no attribute            the content is there
+///     "placeholder inode:N:S.NNNNNNNNN"            nothing is there
+///     "providing PID START inode:N:S.NNNNNNNNN"    that process fills it at the moment; START is
+///                             when the process was started (proc_pid_stat(5), field 22). Once it
+///                             is gone, the file is a placeholder like any other.
+///     "mode:OCTAL"            a further word: the permissions of the document, where those of the
+///                             placeholder are others
 ///
-/// The attribute "user.docsource.provided" of a document holds the version() that was there when
-/// it last agreed with what its provider has. A document that has neither attribute and occupies
-/// less than its size counts as a placeholder for everybody but its provider (placeholderStatus).
+/// The word that begins with "inode:" names the inode that the mark was made for, by its number and
+/// time of birth (statx(2)). On any other inode the mark means nothing: attributes are copied along
+/// with content. A mark without that word counts while the file occupies less than its size. A file
+/// without a mark is a document, however sparse.
 ///
-/// The attribute comes, durably, before content goes, and goes after the content is there and
-/// durable: a crash or a loss of power at any moment leaves a placeholder or the whole content.
+/// The mark comes, durably, before content goes, and goes after the content is there and durable: a
+/// crash or a loss of power at any moment leaves a placeholder or the whole content.
+///
+/// There are two ways to keep programs from reading what is not there; the library takes the one
+/// that the machine needs at that moment. Where the platform keeps readers waiting (the file
+/// "coordination" in the runtime directory says "access" or "open"), a document is filled and
+/// emptied in place. Everywhere else, cooperative, a placeholder has no permissions, and content
+/// comes and goes with a file that takes the other one's place: the inode changes, and nobody can
+/// open what is not there. While two files change places, a file with a name that begins with
+/// Placeholder::sideName lies beside them; a crash may leave it, and the provider removes it.
 namespace docsource {
 
 enum class PlaceholderState { present, placeholder, providing };
@@ -37,12 +48,11 @@ struct PlaceholderStatus {
   /// What it takes of the disk, in bytes (st_blocks * 512, inode(7)). File systems count blocks of
   /// extended attributes in, so that a placeholder may occupy one.
   std::uint64_t occupied = 0;
-  /// Whether the document was changed since it was provided; absent when nobody noted that.
-  std::optional<bool> changed;
 };
 
 /// Of the regular file that the path leads to; an error for anything else. The file is not opened,
-/// so that asking brings in no content and waits for nobody. Any thread.
+/// so that asking brings in no content and waits for nobody. A file that is nobody's to read, and
+/// whose mark therefore cannot be read either, counts as a placeholder. Any thread.
 DOCSOURCE_API Result<PlaceholderStatus> placeholderStatus(const std::string& path);
 
 /// Whether somebody has the file open or mapped, apart from the open file that `file` stands for
@@ -50,108 +60,98 @@ DOCSOURCE_API Result<PlaceholderStatus> placeholderStatus(const std::string& pat
 /// system with leases; an error otherwise. Any thread.
 DOCSOURCE_API Result<bool> isFileInUse(int file);
 
-/// Where the two texts that belong to a placeholder are kept. Extended attributes unless a provider
-/// has something else, for file systems without them; others then know placeholders by their being
-/// sparse alone. Operations on different files may come at the same time.
-class DOCSOURCE_API PlaceholderMarks {
- public:
-  static constexpr const char* placeholder = "placeholder";
-  static constexpr const char* provided = "provided";
-
-  virtual ~PlaceholderMarks();
-  /// Absent when the file has no mark of that name.
-  virtual std::optional<std::string> get(int file, const char* name) const = 0;
-  /// These set errno when they fail. A mark that is set has to be durable after fsync(2) of `file`;
-  /// clearing one that is not there succeeds.
-  virtual bool set(int file, const char* name, const std::string& value) const = 0;
-  virtual bool clear(int file, const char* name) const = 0;
-
-  /// "user.docsource.<name>".
-  static const PlaceholderMarks& extendedAttributes();
-};
-
 class PlaceholderWriter;
 
-/// An open file, as a placeholder or as one that may become one. Neither owns the descriptor, which
-/// is open for reading and writing, nor the marks; both have to outlive this object. One thread at
-/// a time for each file. Errors are those of Error::file.
+/// A file, as a placeholder or as one that may become one. Does not own the descriptor, which may
+/// be open in any way; O_PATH suits best, as it asks for no permission and is in nobody's way.
+/// Where content comes in a file of its own, the descriptor keeps to the old one. One thread at a
+/// time for each file. Errors are those of Error::file; the file system must have extended
+/// attributes, and O_TMPFILE (open(2)). The caller owns the files, or has the capabilities to do as
+/// if.
 class DOCSOURCE_API Placeholder {
  public:
   using Time = std::chrono::sys_time<std::chrono::nanoseconds>;
+
+  /// How the names of files begin that the library leaves beside a document for a moment.
+  static constexpr std::string_view sideName = ".docsource-";
 
   /// What a placeholder shows of its document.
   struct Shape {
     std::uint64_t size = 0;
     Time modified{};
     /// The time of the last access stays what it is when absent.
-    std::optional<Time> accessed;
+    std::optional<Time> accessed = std::nullopt;
+    /// The permissions of the document (chmod(2)). They stay what they are when absent; those of a
+    /// new one are 0644 then, less the umask.
+    std::optional<unsigned> mode = std::nullopt;
   };
+  /// The permissions are the document's, of a placeholder as well, where its mark can be read.
   static Result<Shape> shapeOf(int file);
 
+  /// Told of the file that will stand at the path, before it does and before anything is lost: a
+  /// provider that knows its documents by their inodes notes the new one now. With an error the
+  /// file stays what it is.
+  using Announcement = std::function<Result<void>(int file)>;
+
   /// Makes a placeholder that appears at `path` at once and whole (open(2), O_TMPFILE). Error 256
-  /// over EEXIST when there is something already, which stays untouched. `mode` as for open(2).
-  static Result<void> make(const std::string& path, const Shape& shape, unsigned mode = 0644);
+  /// over EEXIST when there is something already, which stays untouched.
+  static Result<void> make(const std::string& path, const Shape& shape,
+                           const Announcement& announce = {});
 
-  explicit Placeholder(int file,
-                       const PlaceholderMarks& marks = PlaceholderMarks::extendedAttributes())
-      : file_(file), marks_(&marks) {}
+  explicit Placeholder(int file) : file_(file) {}
 
-  /// By the marks alone: what a provider that marks all its placeholders goes by.
   PlaceholderState state() const;
 
-  /// The size becomes the shape's, all blocks but the first go, and what was in it is lost (the
-  /// first holds zeros, and is there for programs that copy files: they skip holes without reading,
-  /// and would not wait for the content). For a new file before it gets its name, for a
-  /// placeholder whose document has changed, for what a crash has left. The file is never smaller
-  /// than both sizes meanwhile. A new, empty file is not made durable: do that before it gets its
-  /// name, for many files at once (syncfs(2)) or for one (fsync(2)).
-  Result<void> reset(const Shape& shape) const;
+  /// A placeholder of that shape from now on; what was in it is lost. Where readers are kept
+  /// waiting, its first block holds zeros: programs that copy files skip holes without reading, and
+  /// would not wait for the content. The file is never smaller than both sizes meanwhile. A file
+  /// that was empty is made one without waiting for the disk: give it its name only after
+  /// fsync(2), or one syncfs(2) for many.
+  Result<void> reset(const Shape& shape, const Announcement& announce = {}) const;
 
-  /// Begins to bring the content in: in place, so that whoever has the file open, or waits to read
-  /// it, sees the result. In a placeholder nothing is left of an earlier attempt. Of a file with
-  /// content, which is a placeholder from now on, what is not written over stays.
+  /// For each placeholder at set-up: sees that it is what the present way of coordination needs,
+  /// which another one may have preceded.
+  Result<void> adapt(const Announcement& announce = {}) const;
+
+  /// Begins to bring the content in, all of it; nothing is left of an earlier attempt. Of a
+  /// document that is present the content is another one afterwards; where it is filled in place it
+  /// is a placeholder from now on.
   Result<PlaceholderWriter> fill() const;
-
-  /// Which content is in the file: inode, size and modification time. What a program changes
-  /// without the time changing is not seen; the time of the last status change is left out, as
-  /// attributes, permissions and renames move it too.
-  Result<std::string> version() const;
-  /// Whether the content is another one than when it was provided; true also when that is unknown.
-  bool isChanged() const;
-  /// The provider has the content of that version.
-  Result<void> setUnchanged(const std::string& version) const;
 
   enum class Eviction {
     evicted,
     /// It has no content, or is being filled.
     notPresent,
-    /// Some program has it open or mapped, or waits to open it. The kernel does not tell which.
+    /// Some program has it open or mapped, or waits to open it, or it has several names and has to
+    /// change its inode. The kernel does not tell which program.
     inUse,
-    /// isChanged().
+    /// It is not of the shape that was provided.
     changed,
   };
-  /// Makes a placeholder of it again unless something speaks against it. Who opens it meanwhile
-  /// waits, and finds a placeholder. Size and times stay, or become those of `shape`. Needs what
-  /// isFileInUse() needs. A program that waits to open the file makes the kernel send SIGURG, which
-  /// does nothing unless it is handled.
-  Result<Eviction> evict(const std::optional<Shape>& shape = std::nullopt) const;
+  /// Makes a placeholder of it again, of the shape `next` or its own, unless something speaks
+  /// against it. `provided` tells the content that the provider has: with another size or
+  /// modification time, to the nanosecond, it was changed. What a program changes without the time
+  /// changing is not seen. Who opens it meanwhile waits, and then finds a placeholder, or has kept
+  /// the content there. Needs what isFileInUse() needs. A program that waits to open the file makes
+  /// the kernel send SIGURG, which does nothing unless it is handled.
+  Result<Eviction> evict(const Shape& provided, const std::optional<Shape>& next = std::nullopt,
+                         const Announcement& announce = {}) const;
 
  private:
-  friend class PlaceholderWriter;
-  Error error(int errnum) const;
-  Result<Eviction> markUnlessInUse() const;
-
   int file_;
-  const PlaceholderMarks* marks_;
 };
 
-/// Fills one placeholder. Without finish() it becomes a placeholder again, and what was written is
+/// Fills one placeholder. Without finish() it stays or becomes one again, and what was written is
 /// given back, when the writer is destroyed.
 class DOCSOURCE_API PlaceholderWriter {
  public:
   PlaceholderWriter(PlaceholderWriter&& other) noexcept;
   PlaceholderWriter& operator=(PlaceholderWriter&&) = delete;
   ~PlaceholderWriter();
+
+  /// The file that will be the document: the placeholder itself, or a new one. Belongs to the
+  /// writer; a provider that knows its documents by their inodes notes it before finish().
+  int file() const;
 
   /// After the bytes of the last call, the first time at the beginning.
   Result<void> write(std::string_view bytes);
@@ -163,19 +163,18 @@ class DOCSOURCE_API PlaceholderWriter {
   /// meanwhile.
   Result<void> copy(int source);
 
-  /// The content is complete: makes it durable, sets size and times, and makes it present. The
-  /// writer is then of no more use. After an error the file is a placeholder.
+  /// The content is complete: makes it durable, sets size, times and permissions, and makes it
+  /// present. The writer is then of no more use. After an error the file is a placeholder. An error
+  /// over ESTALE says that another file stands at the path by now, which was left alone.
   Result<void> finish(const Placeholder::Shape& shape);
 
  private:
   friend class Placeholder;
-  PlaceholderWriter(const Placeholder& placeholder, const Placeholder::Shape& shape)
-      : placeholder_(placeholder), shape_(shape) {}
+  class Target;
+  explicit PlaceholderWriter(std::unique_ptr<Target> target);
 
-  Placeholder placeholder_;
-  Placeholder::Shape shape_;
+  std::unique_ptr<Target> target_;
   std::uint64_t position_ = 0;
-  bool isOpen_ = true;
 };
 
 }  // namespace docsource

@@ -1,0 +1,142 @@
+// The extended attribute that makes a placeholder of a file.
+
+#include "sdk/src/PlaceholderMark.h"
+
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <string_view>
+
+#include "platform/files/InodeMark.h"
+#include "platform/identity/ProcessDirectory.h"
+
+namespace docsource::mark {
+namespace {
+
+constexpr std::string_view placeholderWord = "placeholder";
+constexpr std::string_view providingWord = "providing ";
+constexpr std::string_view modeWord = "mode:";
+/// With it the platform says of an inode that a mark that names none holds for it. Only those who
+/// administer the machine can read it, and nobody else set it.
+constexpr const char* platformAttribute = "trusted.docsource.placeholder";
+constexpr mode_t permissions = 07777;
+
+std::optional<std::string> valueOf(const std::string& file, const char* name) {
+  std::array<char, 1024> value{};
+  const ssize_t size = ::getxattr(file.c_str(), name, value.data(), value.size());
+  if (size < 0) return std::nullopt;
+  return std::string(value.data(), static_cast<std::size_t>(size));
+}
+
+/// Whether the process that the mark names still runs.
+bool isBeingFilled(std::string_view mark) {
+  if (!mark.starts_with(providingWord)) return false;
+  mark.remove_prefix(providingWord.size());
+  pid_t process = -1;
+  std::uint64_t startTime = 0;
+  const char* end = mark.data() + mark.size();
+  const auto first = std::from_chars(mark.data(), end, process);
+  if (first.ec != std::errc() || first.ptr == end || *first.ptr != ' ') return false;
+  const auto second = std::from_chars(first.ptr + 1, end, startTime);
+  const bool isWhole = second.ptr == end || *second.ptr == ' ';
+  if (second.ec != std::errc() || !isWhole || process <= 0) return false;
+  const auto directory = qx::ProcessDirectory::open(process);
+  const auto state = directory ? directory->state() : std::nullopt;
+  return state && state->startTime == startTime && directory->isRunning();
+}
+
+std::optional<mode_t> modeOf(std::string_view mark) {
+  while (!mark.empty()) {
+    auto word = mark.substr(0, mark.find(' '));
+    mark.remove_prefix(word.size() == mark.size() ? word.size() : word.size() + 1);
+    if (!word.starts_with(modeWord)) continue;
+    word.remove_prefix(modeWord.size());
+    mode_t mode = 0;
+    const auto read = std::from_chars(word.data(), word.data() + word.size(), mode, 8);
+    const bool isMode = read.ec == std::errc() && read.ptr == word.data() + word.size();
+    return isMode && mode <= permissions ? std::optional(mode) : std::nullopt;
+  }
+  return std::nullopt;
+}
+
+bool set(int file, std::string text, std::optional<mode_t> mode) {
+  const auto inode = qx::inodeNameOf(file);
+  if (!inode) return false;
+  text += " " + qx::markWord(*inode);
+  if (mode) {
+    std::array<char, 8> digits{};
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), *mode, 8).ptr;
+    text.append(" ").append(modeWord).append(digits.data(), end);
+  }
+  return ::setxattr(descriptorPath(file).c_str(), attribute, text.data(), text.size(), 0) == 0;
+}
+
+}  // namespace
+
+std::string descriptorPath(int file) { return "/proc/self/fd/" + std::to_string(file); }
+
+Mark read(int file) {
+  struct stat status {};
+  if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return {};
+  const auto path = descriptorPath(file);
+  const auto value = valueOf(path, attribute);
+  if (!value) {
+    const bool isHidden = errno == EACCES && (status.st_mode & permissions) == 0;
+    return {isHidden ? PlaceholderState::placeholder : PlaceholderState::present, std::nullopt,
+            isHidden};
+  }
+  const auto inode = qx::inodeNameOf(file);
+  if (!inode) return {};
+  const auto named = qx::markedInode(*value, *inode);
+  if (named == qx::MarkedInode::other) return {};
+  if (named == qx::MarkedInode::none && status.st_blocks * 512 >= status.st_size) {
+    const auto confirmed = valueOf(path, platformAttribute);
+    if (!confirmed || qx::markedInode(*confirmed, *inode) != qx::MarkedInode::this_) return {};
+  }
+  return {isBeingFilled(*value) ? PlaceholderState::providing : PlaceholderState::placeholder,
+          modeOf(*value), false};
+}
+
+bool setPlaceholder(int file, std::optional<mode_t> mode) {
+  return set(file, std::string(placeholderWord), mode);
+}
+
+bool setProviding(int file, std::optional<mode_t> mode) {
+  const auto self = qx::ProcessDirectory::open(::getpid());
+  const auto state = self ? self->state() : std::nullopt;
+  return set(file,
+             std::string(providingWord) + std::to_string(::getpid()) + " " +
+                 std::to_string(state ? state->startTime : 0),
+             mode);
+}
+
+bool clear(int file) {
+  return ::removexattr(descriptorPath(file).c_str(), attribute) == 0 || errno == ENODATA;
+}
+
+void copyOtherAttributes(int from, int to) {
+  const auto source = descriptorPath(from);
+  const auto target = descriptorPath(to);
+  const ssize_t size = ::listxattr(source.c_str(), nullptr, 0);
+  std::string names(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
+  const ssize_t filled = ::listxattr(source.c_str(), names.data(), names.size());
+  names.resize(filled > 0 ? static_cast<std::size_t>(filled) : 0);
+  for (std::size_t at = 0; at < names.size(); at = names.find('\0', at) + 1) {
+    const char* name = names.data() + at;
+    if (!std::string_view(name).starts_with("user.") || name == std::string_view(attribute)) {
+      continue;
+    }
+    const ssize_t length = ::getxattr(source.c_str(), name, nullptr, 0);
+    std::string value(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    if (length < 0 || ::getxattr(source.c_str(), name, value.data(), value.size()) != length) {
+      continue;
+    }
+    ::setxattr(target.c_str(), name, value.data(), value.size(), 0);
+  }
+}
+
+}  // namespace docsource::mark

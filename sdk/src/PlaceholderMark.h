@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "docsource/placeholder.h"
+
+/// The mark of placeholders: what it says, and of which inode (docsource/placeholder.h has its
+/// form). Files are named by descriptors, of any kind, O_PATH among them. Any thread. What can fail
+/// sets errno.
+namespace docsource::mark {
+
+inline constexpr const char* attribute = "user.docsource.placeholder";
+
+struct Mark {
+  PlaceholderState state = PlaceholderState::present;
+  /// The permissions of the document, where they are not the file's own.
+  std::optional<mode_t> mode;
+  /// A file without permissions, whose mark its owner cannot read either.
+  bool isHidden = false;
+};
+/// A file that has none, or one that was made for another inode, is present.
+Mark read(int file);
+
+/// Sets "placeholder", or "providing" by this process, for this inode. Durable after fsync(2).
+bool setPlaceholder(int file, std::optional<mode_t> mode);
+bool setProviding(int file, std::optional<mode_t> mode);
+/// Clearing one that is not there succeeds.
+bool clear(int file);
+
+/// All other attributes that users give files ("user."), as far as they can be read.
+void copyOtherAttributes(int from, int to);
+
+/// The name under which this process reaches the file that the descriptor stands for (proc(5)).
+std::string descriptorPath(int file);
+
+}  // namespace docsource::mark

@@ -1,0 +1,142 @@
+// What is left of a document when the power fails before any system call of a change: the program
+// that changes it is stopped there, and the disk has by then whatever the kernel might have
+// written.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <functional>
+
+#include "docsource/placeholder.h"
+#include "tests/support/Disk.h"
+#include "tests/support/TemporaryRoot.h"
+
+namespace {
+
+using namespace qx;
+using namespace qx::test;
+using docsource::Placeholder;
+using docsource::PlaceholderState;
+
+/// Runs `body` in a child up to before its system call of that number. False when it ended before.
+bool runUntil(int call, const std::function<void()>& body, const std::function<void()>& there) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::raise(SIGSTOP);
+    body();
+    ::_exit(0);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  // Each call stops it twice.
+  for (int stops = 0; stops < 2 * call + 1 && WIFSTOPPED(status); ++stops) {
+    ::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    ::waitpid(child, &status, 0);
+  }
+  if (!WIFSTOPPED(status)) return false;
+  there();
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  return true;
+}
+
+const std::string before(200'000, 'b');
+const std::string after(260'000, 'a');
+const Placeholder::Time time{std::chrono::nanoseconds(1'700'000'000'123'456'789)};
+
+class PlaceholderPowerFailureTest : public testing::TestWithParam<const char*> {
+ protected:
+  void SetUp() override {
+    if (const auto why = disk_.make(); !why.empty()) GTEST_SKIP() << why;
+    std::ofstream(temporaryRoot() + "/run/coordination") << GetParam() << "\n";
+  }
+
+  std::string path() const { return disk_.path() + "/document"; }
+  void fill(const std::string& content) const {
+    const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
+    auto writer = Placeholder(file.get()).fill();
+    if (writer && writer->write(content)) (void)writer->finish({content.size(), time});
+  }
+
+  /// `prepare` makes what there is before, which is then on the disk.
+  void survives(const std::function<void()>& prepare, const std::function<void()>& change) {
+    constexpr int mostCalls = 200;
+    for (const bool contentFirst : {true, false}) {
+      int call = 1;
+      for (; call < mostCalls; ++call) {
+        ::unlink(path().c_str());
+        prepare();
+        const FileDescriptor root(::open(disk_.path().c_str(), O_RDONLY | O_CLOEXEC));
+        ::syncfs(root.get());
+        const bool goesOn = runUntil(call, change, [&] { write(root.get(), contentFirst); });
+        if (!goesOn) write(root.get(), contentFirst);
+        disk_.fail();
+        // Nobody has it open any more.
+        const_cast<FileDescriptor&>(root).reset();
+        disk_.unmount();
+        ASSERT_TRUE(disk_.mount());
+        check(call, contentFirst);
+        if (!goesOn) break;
+      }
+      EXPECT_LT(call, mostCalls);
+    }
+  }
+
+ private:
+  /// What a disk may have at any moment: content without what is known about it, or the other way
+  /// round.
+  void write(int root, bool contentFirst) const {
+    if (contentFirst) {
+      const FileDescriptor file(::open(path().c_str(), O_RDONLY | O_CLOEXEC));
+      ::sync_file_range(
+          file.get(), 0, 0,
+          SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
+    } else {
+      const FileDescriptor other(::openat(root, "other", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+      ::fsync(other.get());
+    }
+  }
+  void check(int call, bool contentFirst) const {
+    const auto status = docsource::placeholderStatus(path());
+    if (!status) return;  // not there yet
+    if (status->state != PlaceholderState::present) return;
+    const auto content = FileManager::readFile(path());
+    ASSERT_TRUE(content.ok());
+    EXPECT_TRUE(*content == before || *content == after)
+        << "before call " << call << (contentFirst ? ", content first" : ", content last") << ": "
+        << content->size() << " bytes, " << std::count(content->begin(), content->end(), '\0')
+        << " of them zero";
+  }
+
+  Disk disk_;
+};
+
+INSTANTIATE_TEST_SUITE_P(, PlaceholderPowerFailureTest, testing::Values("access", "cooperative"),
+                         [](const auto& mode) { return std::string(mode.param); });
+
+TEST_P(PlaceholderPowerFailureTest, LeavesAPlaceholderOrTheWholeContent) {
+  const auto make = [&] { ASSERT_TRUE(Placeholder::make(path(), {before.size(), time}).ok()); };
+  const auto makePresent = [&] {
+    make();
+    fill(before);
+  };
+  survives([] {}, make);
+  survives(make, [&] { fill(after); });
+  survives(makePresent, [&] { fill(after); });
+  survives(makePresent, [&] {
+    const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
+    (void)Placeholder(file.get()).evict({before.size(), time});
+  });
+  survives(makePresent, [&] {
+    const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
+    (void)Placeholder(file.get()).reset({after.size(), time});
+  });
+}
+
+}  // namespace
