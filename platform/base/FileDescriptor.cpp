@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 #include <optional>
 
 namespace qx {
@@ -41,6 +42,13 @@ std::size_t raiseDescriptorLimit() {
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
   if (!limitBeforeRaise) limitBeforeRaise = limit;
+  // With CAP_SYS_RESOURCE as many as the kernel has (proc_sys_fs(5), nr_open).
+  rlimit all = limit;
+  if (std::ifstream("/proc/sys/fs/nr_open") >> all.rlim_max && all.rlim_max > limit.rlim_max) {
+    all.rlim_cur = all.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &all);
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+  }
   limit.rlim_cur = limit.rlim_max;
   ::setrlimit(RLIMIT_NOFILE, &limit);
   ::getrlimit(RLIMIT_NOFILE, &limit);

@@ -108,18 +108,19 @@ std::optional<ProcessDirectory::Credentials> ProcessDirectory::credentials() con
     return std::nullopt;
   }
   // Real, effective, saved set and file system.
+  auto realUser = number<uid_t>((*users)[0]);
   auto effectiveUser = number<uid_t>((*users)[1]);
   auto fileSystemUser = number<uid_t>((*users)[3]);
   auto effectiveGroup = number<gid_t>((*groups)[1]);
   auto fileSystemGroup = number<gid_t>((*groups)[3]);
   auto effectiveCapabilities = number<std::uint64_t>((*capabilities)[0], 16);
-  if (!effectiveUser || !fileSystemUser || !effectiveGroup || !fileSystemGroup ||
+  if (!realUser || !effectiveUser || !fileSystemUser || !effectiveGroup || !fileSystemGroup ||
       !effectiveCapabilities) {
     return std::nullopt;
   }
   Credentials credentials{
-      *effectiveUser,        *fileSystemUser, *effectiveGroup, *fileSystemGroup, {},
-      *effectiveCapabilities};
+      *realUser, *effectiveUser,        *fileSystemUser, *effectiveGroup, *fileSystemGroup,
+      {},        *effectiveCapabilities};
   for (auto word : *supplementary) {
     auto group = number<gid_t>(word);
     if (!group) return std::nullopt;

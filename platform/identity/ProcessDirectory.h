@@ -33,6 +33,7 @@ class ProcessDirectory {
 
   /// User and group numbers as they are seen from here.
   struct Credentials {
+    uid_t realUser = 0;
     uid_t effectiveUser = 0;
     uid_t fileSystemUser = 0;
     gid_t effectiveGroup = 0;

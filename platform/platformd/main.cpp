@@ -97,11 +97,12 @@ int work() {
       services.registry, qx::kernel::EventChannel(inherited(EventHolder::workerChannel)),
       qx::kernel::AccessGroup(inherited(EventHolder::workerAccesses)),
       qx::kernel::ChangeGroup(inherited(EventHolder::workerChanges)),
-      byAccess ? qx::kernel::preAccess : qx::kernel::openPermission);
+      byAccess ? qx::kernel::preAccess : qx::kernel::openPermission,
+      qx::kernel::GuardList(qx::kernel::openStateDirectory()));
   services.registry->setObserver(coordinator);
+  // It says that the service is ready when everything is guarded that was before.
   coordinator->start([] { qx::RunLoop::main().stop(); });
   services.resume();
-  coordinator->tellReady();
   qx::RunLoop::main().run();
   coordinator->stop();
   return 0;

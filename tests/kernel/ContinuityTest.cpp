@@ -29,7 +29,7 @@ mode_t modeOf(const std::string& path) {
   return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : ~mode_t{0};
 }
 
-TEST_F(ContinuityTest, EveryByteIsRightWhileWorkersAreKilled) {
+TEST_P(ContinuityTest, EveryByteIsRightWhileWorkersAreKilled) {
   constexpr int placeholders = 200;
   for (int i = 0; i < placeholders; ++i) makePlaceholder(item(std::to_string(i)), 5000 + i);
   const auto source = add();
@@ -54,7 +54,7 @@ TEST_F(ContinuityTest, EveryByteIsRightWhileWorkersAreKilled) {
   std::printf("%d workers were killed in %d rounds\n", killed, rounds());
 }
 
-TEST_F(ContinuityTest, ReadersWaitThroughTheDeathOfAWorkerAndGetTheirContent) {
+TEST_P(ContinuityTest, ReadersWaitThroughTheDeathOfAWorkerAndGetTheirContent) {
   const auto source = add();
   makePlaceholder(item("awaited"), 10000);
   Gate asked;
@@ -76,10 +76,10 @@ TEST_F(ContinuityTest, ReadersWaitThroughTheDeathOfAWorkerAndGetTheirContent) {
   EXPECT_EQ(run(reader("read", item("awaited"))).line, "right");
 }
 
-TEST_F(ContinuityTest, APlannedStopMakesPlaceholdersUnreadableAndAStartReadable) {
+TEST_P(ContinuityTest, APlannedStopMakesPlaceholdersUnreadableAndAStartReadable) {
   const auto source = add();
   makePlaceholder(item("marked"), 1000);
-  makePlaceholder(item("bare"), 1000, false);
+  makePlaceholder(item("named"), 1000, Mark::named);
   chmod(item("marked").c_str(), 0640);
   std::ofstream(item("content")) << contentOf("content", 10);
   source->behave([](const std::string&, const qx::Completion<Error>&) {});
@@ -90,19 +90,19 @@ TEST_F(ContinuityTest, APlannedStopMakesPlaceholdersUnreadableAndAStartReadable)
   EXPECT_EQ(waiting.readLine(), "Resource temporarily unavailable");
   EXPECT_EQ(platformd_->count("placeholders are unreadable until the next start"), 1u);
   EXPECT_EQ(modeOf(item("marked")), 0u);
-  EXPECT_EQ(modeOf(item("bare")), 0u);
+  EXPECT_EQ(modeOf(item("named")), 0u);
   EXPECT_EQ(modeOf(item("content")), 0644u);
 
   start();
   ASSERT_TRUE(isWatched("com.example.source"));
   EXPECT_EQ(modeOf(item("marked")), 0640u);
-  EXPECT_EQ(modeOf(item("bare")), 0644u);
+  EXPECT_EQ(modeOf(item("named")), 0644u);
   source->behave(nullptr);
   EXPECT_EQ(run(reader("read", item("marked"))).line, "right");
-  EXPECT_EQ(run(reader("read", item("bare"))).line, "right");
+  EXPECT_EQ(run(reader("read", item("named"))).line, "right");
 }
 
-TEST_F(ContinuityTest, AStopWhileTheNextWorkerLooksAroundConcealsEverything) {
+TEST_P(ContinuityTest, AStopWhileTheNextWorkerLooksAroundConcealsEverything) {
   constexpr int count = 1000;
   for (int i = 0; i < count; ++i) {
     const std::string directory = item(std::to_string(i / 50));
@@ -119,7 +119,7 @@ TEST_F(ContinuityTest, AStopWhileTheNextWorkerLooksAroundConcealsEverything) {
   }
 }
 
-TEST_F(ContinuityTest, WhenTheHolderIsKilledNobodyReadsZeros) {
+TEST_P(ContinuityTest, WhenTheHolderIsKilledNobodyReadsZeros) {
   const auto source = add();
   makePlaceholder(item("awaited"), 1000);
   source->behave([](const std::string&, const qx::Completion<Error>&) {});
@@ -172,7 +172,7 @@ class DescriptorStore {
   const FileDescriptor socket_;
 };
 
-TEST_F(ContinuityTest, WithADescriptorStoreReadersWaitForTheNextStart) {
+TEST_P(ContinuityTest, WithADescriptorStoreReadersWaitForTheNextStart) {
   EXPECT_EQ(platformd_->end(SIGTERM), 0);
   DescriptorStore store(temporaryRoot() + "/manager");
   start({{"NOTIFY_SOCKET", temporaryRoot() + "/manager"}, {"FDSTORE", "4"}});
@@ -198,8 +198,9 @@ TEST_F(ContinuityTest, WithADescriptorStoreReadersWaitForTheNextStart) {
   ChildProcess next({"bash", "-c",
                      "exec 3<&" + number(accesses) + " 4<&" + number(changes) +
                          "; LISTEN_PID=$$ LISTEN_FDS=2 "
-                         "LISTEN_FDNAMES=fanotify-accesses:fanotify-changes exec " +
-                         builtProgram("platformd")});
+                         "LISTEN_FDNAMES=fanotify-accesses:fanotify-changes "
+                         "DOCSOURCE_COORDINATION=" +
+                         GetParam() + " exec " + builtProgram("platformd")});
   accesses.reset();
   changes.reset();
   // Nobody knows any more what this one waited for.
@@ -209,17 +210,6 @@ TEST_F(ContinuityTest, WithADescriptorStoreReadersWaitForTheNextStart) {
   EXPECT_EQ(next.wait(), 0);
 }
 
-TEST_F(ContinuityTest, WithoutAccessesOpeningsWait) {
-  EXPECT_EQ(platformd_->end(SIGTERM), 0);
-  start({{"DOCSOURCE_COORDINATION", "open"}});
-  EXPECT_TRUE(platformd_->logs("[NOTICE] Every program is coordinated: openings of files wait"));
-  const auto source = add();
-  makePlaceholder(item("opened"), 1000);
-  EXPECT_EQ(run({"ls", "-l", items()}).status, 0);
-  EXPECT_TRUE(source->provides.all().empty());
-  EXPECT_EQ(run(reader("read", item("opened"))).line, "right");
-  EXPECT_EQ(run(reader("mmap", item("opened"))).line, "right");
-  EXPECT_EQ(source->provides.all().size(), 1u);
-}
+IN_BOTH_WAYS(ContinuityTest);
 
 }  // namespace

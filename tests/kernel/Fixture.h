@@ -25,6 +25,7 @@
 #include "platform/base/Errors.h"
 #include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/coordination/QXFileCoordinator.h"
+#include "platform/files/InodeMark.h"
 #include "platform/platformd/kernel/FanotifyGroup.h"
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"
@@ -52,13 +53,20 @@ inline std::string readAll(const std::string& path) {
   return text.str();
 }
 
-/// A placeholder as a provider makes it: the real size, no blocks, and the attribute when `marked`.
-inline void makePlaceholder(const std::string& path, std::size_t size, bool marked = true) {
+/// What the mark of a placeholder says of its inode.
+enum class Mark { named, plain };
+
+inline void mark(int file, Mark kind) {
+  const std::string text =
+      kind == Mark::named ? "placeholder " + markWord(*inodeNameOf(file)) : "absent";
+  ASSERT_EQ(fsetxattr(file, "user.docsource.placeholder", text.data(), text.size(), 0), 0);
+}
+
+/// A placeholder as a provider makes it: the mark, the real size, no blocks.
+inline void makePlaceholder(const std::string& path, std::size_t size, Mark kind = Mark::plain) {
   const FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   ASSERT_TRUE(file) << path;
-  if (marked) {
-    ASSERT_EQ(fsetxattr(file.get(), "user.docsource.placeholder", "absent", 6, 0), 0);
-  }
+  mark(file.get(), kind);
   ASSERT_EQ(ftruncate(file.get(), 0), 0);
   ASSERT_EQ(ftruncate(file.get(), static_cast<off_t>(size)), 0);
 }
@@ -131,19 +139,20 @@ class TestSource final : public QXDocSource {
   std::function<void(const std::string&, Completion<Error>)> how_;
 };
 
-/// Why programs cannot be coordinated here, if so.
-inline std::optional<std::string> reasonNotToWatch() {
+/// Why programs cannot be coordinated here in that way, if so.
+inline std::optional<std::string> reasonNotToWatch(const std::string& mechanism) {
   const auto group = kernel::AccessGroup::create();
   if (!group) return "needs CAP_SYS_ADMIN: " + group.error().text();
-  if (group->knowsAccess("/tmp")) return std::nullopt;
+  if (mechanism == "open" || group->knowsAccess("/tmp")) return std::nullopt;
   return "needs a kernel and file system with FAN_PRE_ACCESS";
 }
 
 /// A platformd of its own, this process in the role of the daemon, and a directory of documents.
-class KernelTest : public testing::Test {
+/// Everything holds both where accesses are told and where only openings are.
+class KernelTest : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
-    if (const auto reason = reasonNotToWatch()) GTEST_SKIP() << *reason;
+    if (const auto reason = reasonNotToWatch(GetParam())) GTEST_SKIP() << *reason;
     temporaryRoot();
     beApplication("com.example.tests", {{fileCoordinationHostEntitlement, true}});
     fs::create_directories(items());
@@ -154,9 +163,13 @@ class KernelTest : public testing::Test {
   }
 
   void start(std::map<std::string, std::string> environment = {}) {
+    environment.emplace("DOCSOURCE_COORDINATION", GetParam());
     platformd_.emplace("platformd", temporaryRoot(), environment);
     ASSERT_TRUE(platformd_->logs("Every program is coordinated"));
+    ASSERT_TRUE(platformd_->logs("placeholders from before."));
   }
+
+  static bool byAccess() { return GetParam() == std::string("access"); }
 
   static std::string items() { return temporaryRoot() + "/Items"; }
   static std::string item(const std::string& name) { return items() + "/" + name; }
@@ -206,5 +219,10 @@ inline Ran shell(const std::string& command) { return run({"/bin/sh", "-c", comm
 inline std::vector<std::string> reader(const std::string& how, const std::string& path) {
   return {ownProgram(), how, path};
 }
+
+/// At the end of each file of tests.
+#define IN_BOTH_WAYS(FIXTURE)                                              \
+  INSTANTIATE_TEST_SUITE_P(By, FIXTURE, testing::Values("access", "open"), \
+                           [](const auto& parameter) { return std::string(parameter.param); })
 
 }  // namespace qx::test

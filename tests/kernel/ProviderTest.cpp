@@ -10,11 +10,12 @@ using qx::URL;
 
 const char* const identifier = "com.example.provider";
 
-class ProviderTest : public Broker {
+class ProviderTest : public Broker, public testing::WithParamInterface<const char*> {
  protected:
   void SetUp() override {
-    if (const auto reason = reasonNotToWatch()) GTEST_SKIP() << *reason;
-    platformd_.emplace("platformd", installation_.root());
+    if (const auto reason = reasonNotToWatch(GetParam())) GTEST_SKIP() << *reason;
+    platformd_.emplace("platformd", installation_.root(),
+                       std::map<std::string, std::string>{{"DOCSOURCE_COORDINATION", GetParam()}});
     ASSERT_TRUE(platformd_->logs("Every program is coordinated"));
   }
 
@@ -65,7 +66,7 @@ class ProviderTest : public Broker {
   std::optional<Consumer> application_;
 };
 
-TEST_F(ProviderTest, AnyProgramReadsAndEditsItsDocuments) {
+TEST_P(ProviderTest, AnyProgramReadsAndEditsItsDocuments) {
   provide({{"letter", 5000}, {"picture", 3'000'000}});
   const auto check = [&](const std::string& command) {
     ASSERT_TRUE(evict("picture"));
@@ -90,7 +91,7 @@ TEST_F(ProviderTest, AnyProgramReadsAndEditsItsDocuments) {
   EXPECT_EQ(readAll(origin_ + "/letter"), readAll(document("letter")));
 }
 
-TEST_F(ProviderTest, EvictionsAndReadersGetAlong) {
+TEST_P(ProviderTest, EvictionsAndReadersGetAlong) {
   provide({{"contested", 300'000}});
   constexpr int rounds = 20;
   std::vector<std::unique_ptr<ChildProcess>> readers;
@@ -105,7 +106,7 @@ TEST_F(ProviderTest, EvictionsAndReadersGetAlong) {
   EXPECT_TRUE(evict("contested"));
 }
 
-TEST_F(ProviderTest, OneThatDiesHalfWayLeavesNothingToRead) {
+TEST_P(ProviderTest, OneThatDiesHalfWayLeavesNothingToRead) {
   provide({{"half", 48'000'000}});
   bool wasHalf = false;
   for (int tries = 0; tries < 10 && !wasHalf; ++tries) {
@@ -124,5 +125,7 @@ TEST_F(ProviderTest, OneThatDiesHalfWayLeavesNothingToRead) {
   }
   EXPECT_TRUE(wasHalf) << "the provider was always faster";
 }
+
+IN_BOTH_WAYS(ProviderTest);
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <systemd/sd-daemon.h>
@@ -35,6 +36,8 @@ constexpr const char* changesName = "fanotify-changes";
 /// A worker that ends before it serves is not replaced sooner than this after its start.
 constexpr milliseconds pause{500};
 constexpr milliseconds timeToStop{10000};
+/// No more is read while so many wait for the worker to take them: the kernel keeps what comes.
+constexpr std::size_t mostUnsent = 4096;
 
 FileDescriptor storedDescriptor(std::string_view wanted) {
   char** names = nullptr;
@@ -78,10 +81,9 @@ Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
         ended);
     return groups;
   }
-  auto newAccesses = AccessGroup::create(wanted);
+  auto newAccesses = AccessGroup::create();
   if (newAccesses && wanted == preAccess && !newAccesses->knowsAccess(Places::root())) {
     wanted = openPermission;
-    newAccesses = AccessGroup::create(wanted);
   }
   if (!newAccesses) return newAccesses.error();
   auto newChanges = ChangeGroup::create();
@@ -143,7 +145,8 @@ void EventHolder::startWorker() {
   }
   workerEnd_.reset(static_cast<int>(syscall(SYS_pidfd_open, worker_, 0)));
   channel_ = std::move(ours);
-  for (auto& [number, pending] : pending_) pending.isSent = false;
+  unsent_.clear();
+  for (const auto& [number, pending] : pending_) unsent_.push_back(number);
   DS_LOG("[DEBUG] Started worker %d.", worker_);
 }
 
@@ -165,28 +168,50 @@ void EventHolder::reapWorker() {
 }
 
 void EventHolder::readEvents() {
-  for (auto& event : groups_.accesses.read()) {
-    const int number = event.file.get();
-    const bool isOurs = event.process == worker_ || event.process == getpid();
-    pending_.insert_or_assign(number, Pending{std::move(event)});
-    if (isOurs) answer(number, 0);
+  if (unsent_.size() >= mostUnsent) return;
+  for (auto& event : groups_.accesses.read()) keep(std::move(event));
+}
+
+void EventHolder::keep(AccessEvent event) {
+  const int number = event.file.get();
+  struct stat status {};
+  fstat(number, &status);
+  const FileIdentity identity = identityOf(status);
+  auto& document = documents_[identity];
+  if (document.events++ == 0) document.file = event.file.duplicate();
+  // The same open file under every number: what came with the event goes.
+  if (document.events > 1 && document.file) dup3(document.file.get(), number, O_CLOEXEC);
+  const bool isOurs = event.process == worker_ || event.process == getpid();
+  pending_.insert_or_assign(number,
+                            Pending{std::move(event.file), event.process, event.mask, identity});
+  if (isOurs) {
+    answer(number, 0);
+  } else {
+    unsent_.push_back(number);
   }
 }
 
 void EventHolder::sendEvents() {
-  if (!channel_) return;
-  for (auto& [number, pending] : pending_) {
-    if (pending.isSent) continue;
-    const Message message{Message::Kind::event, number, pending.event.process, 0,
-                          pending.event.mask};
-    if (channel_.send(message, number) != EventChannel::Sent::yes) return;
-    pending.isSent = true;
+  while (channel_ && !unsent_.empty()) {
+    const int number = unsent_.front();
+    const auto pending = pending_.find(number);
+    if (pending != pending_.end()) {
+      const Message message{Message::Kind::event, number, pending->second.process, 0,
+                            pending->second.mask};
+      if (channel_.send(message, number) != EventChannel::Sent::yes) return;
+    }
+    unsent_.pop_front();
   }
 }
 
 void EventHolder::answer(int number, int errnum) {
+  auto pending = pending_.extract(number);
+  if (!pending) return;
+  const auto document = documents_.find(pending.mapped().document);
+  if (document != documents_.end() && --document->second.events == 0) documents_.erase(document);
   // The file first: who goes on may want to know that nobody else has it open.
-  if (pending_.erase(number) != 0) groups_.accesses.answer(number, errnum);
+  pending.mapped().number.reset();
+  groups_.accesses.answer(number, errnum);
 }
 
 void EventHolder::receive() {
@@ -224,6 +249,7 @@ void EventHolder::finish() {
     return;
   }
   for (readEvents(); !pending_.empty(); readEvents()) {
+    unsent_.clear();
     while (!pending_.empty()) answer(pending_.begin()->first, EAGAIN);
   }
 }
@@ -237,13 +263,12 @@ int EventHolder::run() {
   startWorker();
   steady_clock::time_point stopBegan;
   while (!isStopped_) {
-    const bool unsent = std::any_of(pending_.begin(), pending_.end(),
-                                    [](const auto& entry) { return !entry.second.isSent; });
     std::array<pollfd, 4> sources{{{signals.get(), POLLIN, 0},
                                    {groups_.accesses.descriptor(), POLLIN, 0},
                                    {channel_.descriptor(), POLLIN, 0},
                                    {workerEnd_.get(), POLLIN, 0}}};
-    if (unsent) sources[2].events |= POLLOUT;
+    if (!unsent_.empty()) sources[2].events |= POLLOUT;
+    if (unsent_.size() >= mostUnsent) sources[1].fd = -1;
     int wait = -1;
     if (worker_ < 0) {
       const auto due = std::chrono::ceil<milliseconds>(nextStart_ - steady_clock::now());

@@ -3,12 +3,15 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/identity/ProcessDirectory.h"
 #include "platform/platformd/kernel/EventChannel.h"
 #include "platform/platformd/kernel/FanotifyGroup.h"
 
@@ -52,14 +55,23 @@ class EventHolder {
   static constexpr const char* workerOption = "--worker";
 
  private:
+  /// What the kernel knows an event by is the number of its descriptor, which has to stay taken
+  /// until the event is answered. The open file behind it is one for each document.
+  struct Document {
+    FileDescriptor file;
+    std::size_t events = 0;
+  };
   struct Pending {
-    AccessEvent event;
-    bool isSent = false;
+    FileDescriptor number;
+    pid_t process = 0;
+    std::uint64_t mask = 0;
+    FileIdentity document;
   };
 
   void startWorker();
   void reapWorker();
   void readEvents();
+  void keep(AccessEvent event);
   void sendEvents();
   void receive();
   void answer(int number, int errnum);
@@ -69,6 +81,8 @@ class EventHolder {
   Groups groups_;
   std::vector<FileDescriptor> sockets_;
   std::map<int, Pending> pending_;  // by the number of the event's descriptor
+  std::map<FileIdentity, Document> documents_;
+  std::deque<int> unsent_;
   EventChannel channel_;
   pid_t worker_ = -1;
   FileDescriptor workerEnd_;                         // pidfd_open(2)

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <sys/fanotify.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,16 +17,17 @@
 namespace qx::kernel {
 namespace {
 
-constexpr std::uint64_t changeMask = FAN_CREATE | FAN_MOVED_TO | FAN_MODIFY | FAN_CLOSE_WRITE |
-                                     FAN_ATTRIB | FAN_ONDIR | FAN_EVENT_ON_CHILD;
+constexpr std::uint64_t changeMask = FAN_CREATE | FAN_DELETE | FAN_MOVED_FROM | FAN_MOVED_TO |
+                                     FAN_MODIFY | FAN_CLOSE_WRITE | FAN_ATTRIB | FAN_ONDIR |
+                                     FAN_EVENT_ON_CHILD;
 
 /// A denial that names its errno (FAN_DENY_ERRNO of later headers).
 std::uint32_t response(int errnum) {
   return errnum == 0 ? FAN_ALLOW : FAN_DENY | (static_cast<std::uint32_t>(errnum & 0xff) << 24U);
 }
 
-int mark(int group, unsigned flags, std::uint64_t mask, int directory, const char* name) {
-  return fanotify_mark(group, flags, mask, directory, name) == 0 ? 0 : errno;
+int mark(int group, unsigned flags, std::uint64_t mask, int file) {
+  return fanotify_mark(group, flags, mask, AT_FDCWD, procPath(file).c_str()) == 0 ? 0 : errno;
 }
 
 /// Hands each event that can be read now to `take`, with its length.
@@ -48,14 +48,7 @@ void readEvents(int group, Take take) {
   }
 }
 
-std::string keyOf(const void* fileSystem, int type, const void* bytes, std::size_t count) {
-  std::string key(static_cast<const char*>(fileSystem), sizeof(fsid_t));
-  key += std::to_string(type) + ":";
-  key.append(static_cast<const char*>(bytes), count);
-  return key;
-}
-
-/// The directory and name that an event's records give.
+/// The directory, name and file that an event's records give.
 void readRecords(const char* event, const fanotify_event_metadata& metadata, ChangeEvent& change) {
   std::size_t at = metadata.metadata_len;
   while (at + sizeof(fanotify_event_info_header) <= metadata.event_len) {
@@ -63,17 +56,24 @@ void readRecords(const char* event, const fanotify_event_metadata& metadata, Cha
     std::memcpy(&header, event + at, sizeof header);
     if (header.len < sizeof header || at + header.len > metadata.event_len) return;
     constexpr std::size_t handleOffset = offsetof(fanotify_event_info_fid, handle);
-    if (header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME &&
+    const bool isName = header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME;
+    if ((isName || header.info_type == FAN_EVENT_INFO_TYPE_FID) &&
         header.len >= handleOffset + sizeof(file_handle)) {
       file_handle handle;
       std::memcpy(&handle, event + at + handleOffset, sizeof handle);
       const std::size_t nameOffset = handleOffset + sizeof handle + handle.handle_bytes;
       if (nameOffset > header.len) return;
-      change.directory =
-          keyOf(event + at + offsetof(fanotify_event_info_fid, fsid), handle.handle_type,
-                event + at + handleOffset + sizeof handle, handle.handle_bytes);
-      const char* name = event + at + nameOffset;
-      change.name.assign(name, strnlen(name, header.len - nameOffset));
+      FileHandle file{{}, handle.handle_type, {}};
+      std::memcpy(file.fileSystem.data(), event + at + offsetof(fanotify_event_info_fid, fsid),
+                  file.fileSystem.size());
+      file.bytes.assign(event + at + handleOffset + sizeof handle, handle.handle_bytes);
+      if (isName) {
+        const char* name = event + at + nameOffset;
+        change.name.assign(name, strnlen(name, header.len - nameOffset));
+        change.directory = std::move(file);
+      } else {
+        change.target = std::move(file);
+      }
     }
     at += header.len;
   }
@@ -81,13 +81,11 @@ void readRecords(const char* event, const fanotify_event_metadata& metadata, Cha
 
 }  // namespace
 
-Result<AccessGroup> AccessGroup::create(std::uint64_t mask) {
+Result<AccessGroup> AccessGroup::create() {
   // Read-only, so that the kernel can open the file for us on a mount that is.
-  const int opening = O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME;
-  FileDescriptor group(
-      fanotify_init(FAN_CLASS_PRE_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE |
-                        FAN_UNLIMITED_MARKS,
-                    static_cast<unsigned>(mask == preAccess ? opening | O_NONBLOCK : opening)));
+  FileDescriptor group(fanotify_init(FAN_CLASS_PRE_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK |
+                                         FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
+                                     O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME | O_NONBLOCK));
   if (!group) return posixError(errno, "The kernel cannot be asked for accesses to files");
   return AccessGroup(std::move(group));
 }
@@ -111,37 +109,39 @@ bool AccessGroup::answer(int number, int errnum) const {
 
 bool AccessGroup::knowsAccess(const std::string& directory) const {
   // On the directory itself, which has no content that anybody accesses; taken away again.
-  if (mark(descriptor_.get(), FAN_MARK_ADD, preAccess, AT_FDCWD, directory.c_str()) != 0) {
-    return false;
-  }
-  mark(descriptor_.get(), FAN_MARK_REMOVE, preAccess, AT_FDCWD, directory.c_str());
+  const FileDescriptor opened(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!opened || mark(descriptor_.get(), FAN_MARK_ADD, preAccess, opened.get()) != 0) return false;
+  mark(descriptor_.get(), FAN_MARK_REMOVE, preAccess, opened.get());
   return true;
 }
 
 int AccessGroup::watchDirectory(int directory, std::uint64_t mask) const {
-  return mark(descriptor_.get(), FAN_MARK_ADD, mask | FAN_EVENT_ON_CHILD, directory, nullptr);
+  return mark(descriptor_.get(), FAN_MARK_ADD, mask | FAN_EVENT_ON_CHILD, directory);
 }
 
-int AccessGroup::watchFile(int directory, const std::string& name, std::uint64_t mask) const {
-  return mark(descriptor_.get(), FAN_MARK_ADD | FAN_MARK_DONT_FOLLOW, mask, directory,
-              name.c_str());
+int AccessGroup::watchFile(int file, std::uint64_t mask) const {
+  return mark(descriptor_.get(), FAN_MARK_ADD, mask, file);
 }
 
 int AccessGroup::unwatchFile(int file, std::uint64_t mask) const {
-  return mark(descriptor_.get(), FAN_MARK_REMOVE, mask, file, nullptr);
+  return mark(descriptor_.get(), FAN_MARK_REMOVE, mask, file);
 }
 
 int AccessGroup::ignoreFile(int file, std::uint64_t mask) const {
   const unsigned flags = FAN_MARK_ADD | FAN_MARK_IGNORE;
-  const int errnum = mark(descriptor_.get(), flags | FAN_MARK_EVICTABLE, mask, file, nullptr);
+  const int errnum = mark(descriptor_.get(), flags | FAN_MARK_EVICTABLE, mask, file);
   // The file has a mark that is to stay: this one joins it.
-  return errnum == EEXIST ? mark(descriptor_.get(), flags, mask, file, nullptr) : errnum;
+  return errnum == EEXIST ? mark(descriptor_.get(), flags, mask, file) : errnum;
+}
+
+int AccessGroup::stopIgnoring(int file, std::uint64_t mask) const {
+  return mark(descriptor_.get(), FAN_MARK_REMOVE | FAN_MARK_IGNORE, mask, file);
 }
 
 Result<ChangeGroup> ChangeGroup::create() {
-  FileDescriptor group(fanotify_init(
-      FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_MARKS,
-      O_RDONLY | O_LARGEFILE | O_CLOEXEC));
+  FileDescriptor group(fanotify_init(FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME_TARGET | FAN_CLOEXEC |
+                                         FAN_NONBLOCK | FAN_UNLIMITED_MARKS,
+                                     O_RDONLY | O_LARGEFILE | O_CLOEXEC));
   if (!group) return posixError(errno, "The kernel cannot be asked for changes of files");
   return ChangeGroup(std::move(group));
 }
@@ -149,10 +149,10 @@ Result<ChangeGroup> ChangeGroup::create() {
 std::vector<ChangeEvent> ChangeGroup::read() const {
   std::vector<ChangeEvent> events;
   readEvents(descriptor_.get(), [&](const fanotify_event_metadata& event, const char* bytes) {
-    ChangeEvent change{event.mask, event.pid, {}, {}};
+    ChangeEvent change{event.mask, event.pid, {}, {}, {}};
     if (!(event.mask & FAN_Q_OVERFLOW)) {
       readRecords(bytes, event, change);
-      if (change.directory.empty()) return;
+      if (!change.directory) return;
     }
     events.push_back(std::move(change));
   });
@@ -160,21 +160,7 @@ std::vector<ChangeEvent> ChangeGroup::read() const {
 }
 
 int ChangeGroup::watchDirectory(int directory) const {
-  return mark(descriptor_.get(), FAN_MARK_ADD, changeMask, directory, nullptr);
-}
-
-std::string ChangeGroup::keyOf(int directory) {
-  alignas(file_handle) std::array<char, sizeof(file_handle) + MAX_HANDLE_SZ> bytes{};
-  auto* handle = reinterpret_cast<file_handle*>(bytes.data());
-  handle->handle_bytes = MAX_HANDLE_SZ;
-  int mount = 0;
-  struct statfs status;
-  if (fstatfs(directory, &status) != 0 ||
-      name_to_handle_at(directory, "", handle, &mount, AT_EMPTY_PATH) != 0) {
-    return {};
-  }
-  return kernel::keyOf(&status.f_fsid, handle->handle_type, bytes.data() + sizeof(file_handle),
-                       handle->handle_bytes);
+  return mark(descriptor_.get(), FAN_MARK_ADD, changeMask, directory);
 }
 
 }  // namespace qx::kernel

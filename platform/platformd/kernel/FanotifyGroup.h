@@ -3,11 +3,13 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
 #include "platform/base/Result.h"
+#include "platform/platformd/kernel/Beneath.h"
 
 namespace qx::kernel {
 
@@ -32,12 +34,12 @@ struct AccessEvent {
 /// Any thread; the descriptor is non-blocking.
 class AccessGroup {
  public:
-  /// For events of that kind. EPERM without CAP_SYS_ADMIN.
+  /// EPERM without CAP_SYS_ADMIN.
   ///
-  /// To report an event the kernel opens the file, and opening waits for leases (fcntl(2),
-  /// F_SETLEASE). Before an access only the holder of the lease itself can be in the way: it gets
-  /// EPERM, lest everybody wait for it. Before an opening whoever opens waits anyway.
-  static Result<AccessGroup> create(std::uint64_t mask = preAccess);
+  /// To report an event the kernel opens the file, and does not wait there for a lease (fcntl(2),
+  /// F_SETLEASE): whoever gets at a file on which somebody holds one gets EPERM, lest the holder of
+  /// a lease hold everybody up.
+  static Result<AccessGroup> create();
   explicit AccessGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   int descriptor() const { return descriptor_.get(); }
@@ -53,12 +55,13 @@ class AccessGroup {
   /// Whether the kernel, and the directory's file system, tell of accesses (preAccess).
   bool knowsAccess(const std::string& directory) const;
 
-  /// Each returns an errno, or 0. `directory` is open, `name` an entry of it that is not followed.
+  /// Each returns an errno, or 0, and takes a descriptor of any kind. The mark sits on the inode.
   int watchDirectory(int directory, std::uint64_t mask) const;
-  int watchFile(int directory, const std::string& name, std::uint64_t mask) const;
+  int watchFile(int file, std::uint64_t mask) const;
   int unwatchFile(int file, std::uint64_t mask) const;
   /// No more events for the file until its content changes; forgotten with the inode's memory.
   int ignoreFile(int file, std::uint64_t mask) const;
+  int stopIgnoring(int file, std::uint64_t mask) const;
 
  private:
   FileDescriptor descriptor_;
@@ -68,13 +71,15 @@ class AccessGroup {
 struct ChangeEvent {
   std::uint64_t mask = 0;
   pid_t process = 0;
-  /// Names the directory, see ChangeGroup::keyOf(); empty when events were lost.
-  std::string directory;
+  /// Absent when events were lost.
+  std::optional<FileHandle> directory;
   std::string name;
+  /// What the entry is, or was.
+  std::optional<FileHandle> target;
 };
 
-/// A group that is told afterwards: entries that come, content that changes, files that are closed
-/// after writing (FAN_REPORT_DFID_NAME).
+/// A group that is told afterwards: entries that come and go, content that changes, files that are
+/// closed after writing (FAN_REPORT_DFID_NAME_TARGET, since Linux 5.17).
 class ChangeGroup {
  public:
   static Result<ChangeGroup> create();
@@ -83,9 +88,6 @@ class ChangeGroup {
   int descriptor() const { return descriptor_.get(); }
   std::vector<ChangeEvent> read() const;
   int watchDirectory(int directory) const;
-  /// What events call an open directory: its file handle (name_to_handle_at(2)); empty when the
-  /// file system has none.
-  static std::string keyOf(int directory);
 
  private:
   FileDescriptor descriptor_;

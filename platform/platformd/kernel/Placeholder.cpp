@@ -8,56 +8,88 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
-#include <cstring>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <optional>
 #include <string_view>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/files/InodeMark.h"
+#include "platform/platformd/kernel/Beneath.h"
 
 namespace qx::kernel::Placeholder {
 namespace {
 
 constexpr const char* placeholderAttribute = "user.docsource.placeholder";
-constexpr const char* providedAttribute = "user.docsource.provided";
-constexpr const char* localAttribute = "user.docsource.local";
-constexpr const char* modeAttribute = "user.docsource.concealed-mode";
-constexpr const char* ours = "sparse";
+constexpr const char* vouchedAttribute = "trusted.docsource.placeholder";
+constexpr const char* modeAttribute = "trusted.docsource.mode";
 constexpr off_t blockUnit = 512;
 /// Files that occupy no less than their size, in whole units, do not look as if they had holes.
 constexpr off_t smallestSkipped = blockUnit;
+constexpr mode_t permissions = 07777;
 
-template <class HasAttribute>
-State stateOf(const struct stat& status, HasAttribute has) {
-  if (!S_ISREG(status.st_mode)) return State::content;
-  if (has(placeholderAttribute)) return State::markedPlaceholder;
-  if (status.st_blocks * blockUnit >= status.st_size) return State::content;
-  return has(providedAttribute) || has(localAttribute) ? State::content : State::placeholder;
+std::optional<std::string> attribute(int file, const char* name) {
+  std::array<char, 1024> value{};
+  const ssize_t size = getxattr(procPath(file).c_str(), name, value.data(), value.size());
+  // One that is longer is a mark as well, which names no inode.
+  if (size < 0) return errno == ERANGE ? std::optional<std::string>("") : std::nullopt;
+  return std::string(value.data(), static_cast<std::size_t>(size));
+}
+
+bool setAttribute(int file, const char* name, const std::string& value) {
+  return setxattr(procPath(file).c_str(), name, value.data(), value.size(), 0) == 0;
+}
+
+void removeAttribute(int file, const char* name) { removexattr(procPath(file).c_str(), name); }
+
+MarkedInode inodeIn(const std::string& mark, int file) {
+  const auto inode = inodeNameOf(file);
+  return inode ? markedInode(mark, *inode) : MarkedInode::none;
+}
+
+/// An attribute of the service's own that is about this file, and was not copied to it.
+std::optional<std::string> ownAttribute(int file, const char* name) {
+  auto value = attribute(file, name);
+  if (value && inodeIn(*value, file) == MarkedInode::this_) return value;
+  return std::nullopt;
+}
+
+bool namesNoInode(int file) {
+  const auto mark = attribute(file, placeholderAttribute);
+  return mark && inodeIn(*mark, file) == MarkedInode::none;
 }
 
 }  // namespace
 
-State ofFile(int file, const struct stat& status) {
-  return stateOf(status, [&](const char* name) { return fgetxattr(file, name, nullptr, 0) >= 0; });
+bool isOne(int file, const struct stat& status) {
+  if (!S_ISREG(status.st_mode)) return false;
+  const auto mark = attribute(file, placeholderAttribute);
+  if (!mark) return false;
+  const auto marked = inodeIn(*mark, file);
+  if (marked != MarkedInode::none) return marked == MarkedInode::this_;
+  return status.st_blocks * blockUnit < status.st_size || ownAttribute(file, vouchedAttribute);
 }
 
-State ofPath(const std::string& path, const struct stat& status) {
-  return stateOf(status,
-                 [&](const char* name) { return lgetxattr(path.c_str(), name, nullptr, 0) >= 0; });
+void vouch(int file) {
+  const auto inode = namesNoInode(file) ? inodeNameOf(file) : std::nullopt;
+  if (inode) setAttribute(file, vouchedAttribute, markWord(*inode));
 }
 
-void anchor(const std::string& path, const struct stat& status) {
+void stopVouching(int file) { removeAttribute(file, vouchedAttribute); }
+
+void unmark(int file) {
+  removeAttribute(file, placeholderAttribute);
+  removeAttribute(file, vouchedAttribute);
+}
+
+void anchor(int path, const struct stat& status) {
   if (status.st_size < smallestSkipped) return;
-  // Not for ever where the provider has it to itself (fcntl(2), F_SETLEASE).
-  const FileDescriptor file(
-      open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOATIME));
+  const FileDescriptor file = reopen(path, O_RDWR | O_NOATIME);
   if (!file || lseek(file.get(), 0, SEEK_DATA) == 0) return;
   struct stat now;
-  if (fstat(file.get(), &now) != 0 || now.st_ino != status.st_ino || now.st_size < 1) return;
-  if (now.st_size <= now.st_blksize &&
-      fgetxattr(file.get(), placeholderAttribute, nullptr, 0) < 0 &&
-      fsetxattr(file.get(), placeholderAttribute, ours, std::strlen(ours), XATTR_CREATE) != 0) {
-    return;
-  }
+  if (fstat(file.get(), &now) != 0 || now.st_size < 1) return;
+  if (now.st_size <= now.st_blksize) vouch(file.get());
   // Written to in memory, without changing it: what the provider puts there is never overwritten.
   void* page = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
   if (page == MAP_FAILED) return;
@@ -67,41 +99,34 @@ void anchor(const std::string& path, const struct stat& status) {
   futimens(file.get(), times);
 }
 
-void unmarkOurs(const std::string& path) {
-  std::array<char, 16> value{};
-  const ssize_t size = lgetxattr(path.c_str(), placeholderAttribute, value.data(), value.size());
-  if (size > 0 && std::string_view(value.data(), static_cast<std::size_t>(size)) == ours) {
-    unmark(path);
-  }
-}
-
-void setLocal(const std::string& path, bool isLocal) {
-  if (isLocal) {
-    lsetxattr(path.c_str(), localAttribute, "1", 1, 0);
-  } else {
-    lremovexattr(path.c_str(), localAttribute);
-  }
-}
-
-void unmark(const std::string& path) { lremovexattr(path.c_str(), placeholderAttribute); }
-
-bool conceal(const std::string& path, const struct stat& status) {
-  const std::string mode = std::to_string(status.st_mode & 07777U);
+bool conceal(int path, const struct stat& status) {
+  const auto inode = inodeNameOf(path);
+  const FileDescriptor file = reopen(path, O_RDONLY | O_NOATIME);
+  if (!inode || !file) return false;
   // One that has no permissions already keeps what is remembered of it.
-  if (lsetxattr(path.c_str(), modeAttribute, mode.data(), mode.size(), XATTR_CREATE) != 0 &&
-      (status.st_mode & 07777U) != 0) {
-    return false;
-  }
-  return chmod(path.c_str(), 0) == 0;
+  if ((status.st_mode & permissions) == 0 && ownAttribute(file.get(), modeAttribute)) return true;
+  std::array<char, 64> mode{};
+  std::snprintf(mode.data(), mode.size(), " mode:%o owner:%u", status.st_mode & permissions,
+                status.st_uid);
+  return setAttribute(file.get(), modeAttribute, markWord(*inode) + mode.data()) &&
+         fchmod(file.get(), 0) == 0;
 }
 
-void reveal(const std::string& path, const struct stat& status) {
-  std::array<char, 16> text{};
-  if (lgetxattr(path.c_str(), modeAttribute, text.data(), text.size() - 1) <= 0) return;
+void reveal(int path, const struct stat& status) {
+  const auto remembered = ownAttribute(path, modeAttribute);
+  if (!remembered) return;
+  const FileDescriptor file = reopen(path, O_RDONLY | O_NOATIME);
+  const auto at = remembered->find(" mode:");
+  unsigned mode = 0;
+  unsigned owner = 0;
+  if (!file || at == std::string::npos ||
+      std::sscanf(remembered->c_str() + at, " mode:%o owner:%u", &mode, &owner) != 2) {
+    return;
+  }
   // Somebody who gave it permissions meanwhile meant them.
-  const auto mode = static_cast<mode_t>(std::strtoul(text.data(), nullptr, 10)) & 07777U;
-  if ((status.st_mode & 07777U) == 0 && chmod(path.c_str(), mode) != 0) return;
-  lremovexattr(path.c_str(), modeAttribute);
+  const bool isUntouched = (status.st_mode & permissions) == 0 && status.st_uid == owner;
+  if (isUntouched && fchmod(file.get(), mode & permissions) != 0) return;
+  removeAttribute(file.get(), modeAttribute);
 }
 
 }  // namespace qx::kernel::Placeholder

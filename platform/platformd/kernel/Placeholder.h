@@ -8,40 +8,43 @@ namespace qx::kernel {
 
 /// Whether a file stands for content that its provider has.
 ///
-/// The extended attribute "user.docsource.placeholder" says so, whatever its value. Without it
-/// "user.docsource.provided" and "user.docsource.local" say that it does not. Without any, a
-/// regular file that occupies less than its size (a sparse one) is a placeholder, so that a
-/// provider in any language needs no more than truncate(2). Any thread; sees the file itself,
-/// through links of the last name not.
+/// It does when it has the extended attribute "user.docsource.placeholder", and the mark counts: it
+/// names this very inode (InodeMark.h), or it names none and the file occupies less than its size,
+/// or the service itself has vouched for it. Without the attribute no file is a placeholder,
+/// however sparse.
+///
+/// What the service has to remember of a file lies in attributes that no user can write:
+/// "trusted.docsource.placeholder" (it is one although its mark names no inode) and
+/// "trusted.docsource.mode" (the permissions that were taken off it). Both name the inode as well,
+/// since a copy that root makes has them too. They take CAP_SYS_ADMIN.
+///
+/// Files are descriptors of any kind (O_PATH will do) of regular files, which the caller has seen
+/// to belong to the owner of their tree. Stateless; any thread.
 namespace Placeholder {
 
-enum class State { content, placeholder, markedPlaceholder };
-
-/// Of an open file; `status` is its fstat(2).
-State ofFile(int file, const struct stat& status);
-/// Of a name in the file system; `status` is its lstat(2).
-State ofPath(const std::string& path, const struct stat& status);
+/// `status` is the file's fstat(2).
+bool isOne(int file, const struct stat& status);
 
 /// Gives a placeholder a first block, of zeros: programs that copy files skip what the file system
 /// says is a hole (lseek(2), SEEK_DATA), without reading anything, so that nothing would tell of
-/// them. A placeholder that would not look like one any more then gets the attribute, with a value
-/// that says that it is ours. What the provider writes meanwhile is not disturbed; the modification
-/// time stays.
-void anchor(const std::string& path, const struct stat& status);
+/// them. One that would not look like a placeholder any more is vouched for first. What the
+/// provider writes meanwhile is not disturbed; the modification time stays.
+void anchor(int file, const struct stat& status);
 
-/// The provider says that it is all there: takes away an attribute that is ours.
-void unmarkOurs(const std::string& path);
-
-/// Whether its holes are meant: somebody other than the provider made it like this.
-void setLocal(const std::string& path, bool isLocal);
+/// While a provider fills a file whose mark names no inode it stays a placeholder, however much it
+/// occupies by then. Does nothing where the mark names the inode.
+void vouch(int file);
+void stopVouching(int file);
 
 /// It is content of its own from now on: somebody threw away what it stood for.
-void unmark(const std::string& path);
+void unmark(int file);
 
-/// Takes all permissions off the file, remembering them in "user.docsource.concealed-mode"; for
-/// the time in which nobody would keep readers waiting. reveal() gives them back.
-bool conceal(const std::string& path, const struct stat& status);
-void reveal(const std::string& path, const struct stat& status);
+/// Takes all permissions off the file, remembering them; for the time in which nobody would keep
+/// readers waiting. Whether it has none now.
+bool conceal(int file, const struct stat& status);
+/// Gives them back, unless somebody else has given it some; nothing for a file that was not
+/// concealed.
+void reveal(int file, const struct stat& status);
 
 }  // namespace Placeholder
 }  // namespace qx::kernel

@@ -2,9 +2,13 @@
 
 #include "platform/platformd/kernel/ProcessLineage.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <optional>
+#include <utility>
 
+#include "platform/files/Places.h"
 #include "platform/identity/Bundles.h"
 #include "platform/identity/ProcessDirectory.h"
 
@@ -32,10 +36,26 @@ std::optional<Kin> kinOf(const ProcessDirectory& process) {
   return kin;
 }
 
-bool wasStartedAs(const ProcessDirectory& process, const std::string& docSource) {
+/// Whether it is the user's, and in no sandbox. For a process that hides from others (proc(5),
+/// "dumpable") its files in /proc would belong to root; its status tells.
+bool isOwn(const ProcessDirectory& process, uid_t owner) {
+  static const auto here = [] {
+    struct stat status {};
+    return stat("/proc/self/ns/user", &status) == 0 ? identityOf(status) : FileIdentity();
+  }();
+  struct stat there;
+  if (fstatat(process.descriptor(), "ns/user", &there, 0) != 0 || identityOf(there) != here) {
+    return false;
+  }
+  const auto credentials = process.credentials();
+  return credentials && credentials->effectiveUser == owner;
+}
+
+/// Absent a doc source: as any.
+bool wasStartedAs(const ProcessDirectory& process, const std::optional<std::string>& docSource) {
   const auto environment = process.read("environ");
   if (!environment) return false;
-  const std::string entry = "QX_EXTENSION_IDENTIFIER=" + docSource + '\0';
+  const std::string entry = "QX_EXTENSION_IDENTIFIER=" + (docSource ? *docSource + '\0' : "");
   return environment->starts_with(entry) || environment->find('\0' + entry) != std::string::npos;
 }
 
@@ -53,11 +73,12 @@ bool isBelow(pid_t process, const std::string& docSource, pid_t daemon, bool isM
 }
 
 /// Absent when the process is gone.
-std::optional<bool> isOf(pid_t process, const std::string& docSource, pid_t daemon) {
-  if (process == daemon) return true;
+std::optional<bool> isOf(pid_t process, uid_t owner, const std::string& docSource, pid_t daemon) {
   const auto directory = ProcessDirectory::open(process);
   const auto kin = directory ? kinOf(*directory) : std::nullopt;
   if (!kin) return std::nullopt;
+  if (!isOwn(*directory, owner)) return false;
+  if (process == daemon) return true;
   const bool isMarked = wasStartedAs(*directory, docSource);
   if (isBelow(kin->parent, docSource, daemon, isMarked)) return true;
   // An orphan stays in the process group that the extension leads.
@@ -65,31 +86,41 @@ std::optional<bool> isOf(pid_t process, const std::string& docSource, pid_t daem
 }
 
 /// Of a process that may be gone.
-std::optional<bool> wasStartedAs(pid_t process, const std::string& docSource) {
+std::optional<bool> wasStartedAs(pid_t process, uid_t owner,
+                                 const std::optional<std::string>& docSource) {
   const auto directory = ProcessDirectory::open(process);
   if (!directory) return std::nullopt;
-  return wasStartedAs(*directory, docSource);
+  return isOwn(*directory, owner) && wasStartedAs(*directory, docSource);
 }
 
 }  // namespace
 
-bool ProcessLineage::belongsTo(pid_t process, const std::string& docSource,
-                               const AuditToken& daemon) {
-  if (daemon.isNobody()) return false;
-  const std::pair key(process, docSource);
-  const auto now = daemon.isAlive() ? isOf(process, docSource, daemon.processIdentifier())
-                                    : wasStartedAs(process, docSource);
-  if (!now) {
-    const auto before = last_.find(key);
+bool ProcessLineage::remember(const Question& question, std::optional<bool> answer) {
+  if (!answer) {
+    const auto before = last_.find(question);
     return before != last_.end() && before->second;
   }
   if (last_.size() >= mostRemembered) last_.clear();
-  last_[key] = *now;
-  return *now;
+  last_[question] = *answer;
+  return *answer;
+}
+
+bool ProcessLineage::belongsTo(pid_t process, uid_t owner, const std::string& docSource,
+                               const AuditToken& daemon) {
+  if (daemon.isNobody()) return false;
+  return remember({process, owner, docSource},
+                  daemon.isAlive() ? isOf(process, owner, docSource, daemon.processIdentifier())
+                                   : wasStartedAs(process, owner, docSource));
+}
+
+bool ProcessLineage::isSomeExtension(pid_t process, uid_t owner) {
+  return remember({process, owner, std::string()}, wasStartedAs(process, owner, std::nullopt));
 }
 
 std::string ProcessLineage::identifierOf(pid_t process) {
-  auto bundle = BundleIdentifierFromAuditToken(AuditToken::ofProcess(process));
+  auto bundle = Places::servesMachine()
+                    ? std::nullopt
+                    : BundleIdentifierFromAuditToken(AuditToken::ofProcess(process));
   return bundle ? *bundle : "pid:" + std::to_string(process);
 }
 

@@ -3,13 +3,16 @@
 #include <sys/types.h>
 
 #include <map>
+#include <optional>
 #include <string>
+#include <tuple>
 
 #include "platform/identity/AuditToken.h"
 
 namespace qx::kernel {
 
-/// Whose processes are whose. One thread at a time.
+/// Whose processes are whose. Nobody works for a doc source but processes of its owner (effective
+/// user) outside of sandboxes, that is, in the service's own user namespace. One thread at a time.
 class ProcessLineage {
  public:
   /// Whether the process works for the doc source: it is the daemon that added the source, or a
@@ -19,13 +22,21 @@ class ProcessLineage {
   ///
   /// When the daemon is gone, whatever was started as the extension still works for it. A process
   /// that is gone is what it was found to be when it was last asked for.
-  bool belongsTo(pid_t process, const std::string& docSource, const AuditToken& daemon);
+  bool belongsTo(pid_t process, uid_t owner, const std::string& docSource,
+                 const AuditToken& daemon);
 
-  /// The name under which a doc source hears of it.
+  /// Whether the owner started it as some extension.
+  bool isSomeExtension(pid_t process, uid_t owner);
+
+  /// The name under which a doc source hears of it: its bundle identifier, or "pid:" and its number
+  /// where it has none, or where the service serves the machine, which knows nobody's bundles.
   static std::string identifierOf(pid_t process);
 
  private:
-  std::map<std::pair<pid_t, std::string>, bool> last_;
+  using Question = std::tuple<pid_t, uid_t, std::string>;
+  bool remember(const Question& question, std::optional<bool> answer);
+
+  std::map<Question, bool> last_;
 };
 
 }  // namespace qx::kernel

@@ -1,0 +1,145 @@
+// What happened in the trees.
+
+#include "platform/platformd/kernel/Changes.h"
+
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "platform/log/Log.h"
+#include "platform/platformd/kernel/Beneath.h"
+#include "platform/platformd/kernel/Placeholder.h"
+
+namespace qx::kernel {
+namespace {
+
+timespec now() {
+  timespec time{};
+  clock_gettime(CLOCK_REALTIME, &time);
+  return time;
+}
+
+/// What is found in one directory at a time costs one look for all of it.
+constexpr std::size_t mostDirectories = 64;
+
+}  // namespace
+
+Changes::Changes(std::shared_ptr<DocSourceRegistry> registry, const ChangeGroup& group,
+                 GuardedTrees& trees, Claims& claims, OnArrival onArrival,
+                 std::function<void()> onLoss, OnQueue onQueue,
+                 Slowly slowly)
+    : registry_(std::move(registry)),
+      group_(group),
+      trees_(trees),
+      claims_(claims),
+      onArrival_(std::move(onArrival)),
+      onLoss_(std::move(onLoss)),
+      onQueue_(std::move(onQueue)),
+      slowly_(std::move(slowly)),
+      writes_(now()) {}
+
+void Changes::drain() {
+  std::map<FileHandle, std::optional<GuardedTrees::Directory>> directories;
+  for (const auto& change : group_.read()) {
+    if (!change.directory) {
+      DS_LOG("[NOTICE] Changes of files were lost; looking at everything again.");
+      writes_.clear();
+      onLoss_();
+      continue;
+    }
+    if (change.process == getpid()) continue;
+    auto known = directories.find(*change.directory);
+    if (known == directories.end()) {
+      if (directories.size() >= mostDirectories) directories.clear();
+      known = directories.emplace(*change.directory, trees_.directory(*change.directory)).first;
+    }
+    apply(change, known->second);
+    // A directory's own move is told by its parent: what is known of it may not be true any more.
+    if (change.mask & FAN_ONDIR) directories.clear();
+  }
+}
+
+void Changes::apply(const ChangeEvent& change,
+                    const std::optional<GuardedTrees::Directory>& directory) {
+  if (change.mask & (FAN_MOVED_FROM | FAN_DELETE) && change.target) {
+    slowly_(directory ? directory->owner : 0,
+            [this, target = *change.target] { trees_.wasMoved(target); });
+  }
+  if (!directory || change.name.empty() || change.name == ".") return;
+  if (change.mask & FAN_ONDIR) {
+    if ((change.mask & (FAN_CREATE | FAN_MOVED_TO)) == 0) return;
+    FileDescriptor made =
+        openBeneath(directory->file.get(), change.name, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+    const bool isForeign = directory->place && claims_.of(*directory->place) &&
+                           !claims_.isExempt(change.process, directory->place);
+    if (made) {
+      look(std::move(made), directory->owner,
+           isForeign ? std::optional(change.process) : std::nullopt);
+    }
+    return;
+  }
+  const FileDescriptor file = openBeneath(directory->file.get(), change.name, O_PATH);
+  struct stat status;
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+  applyToFile(change, *directory, file, status);
+}
+
+void Changes::applyToFile(const ChangeEvent& change, const GuardedTrees::Directory& directory,
+                          const FileDescriptor& file, const struct stat& status) {
+  const bool isForeign = !claims_.isExempt(change.process, directory.place);
+  const bool isModified = (change.mask & FAN_MODIFY) != 0;
+  const bool isClosed = (change.mask & (FAN_CLOSE_WRITE | FAN_MOVED_TO)) != 0;
+  if (isForeign && isModified && status.st_size == 0 && status.st_uid == directory.owner) {
+    // Emptied without a look at what it stood for.
+    Placeholder::unmark(file.get());
+  }
+  const bool isPlaceholder = trees_.examine(file.get(), status, directory.owner, isClosed);
+  if (isPlaceholder && change.mask & FAN_MOVED_TO) onArrival_(identityOf(status));
+  if (isPlaceholder || !isForeign || !directory.place) {
+    // Of what the provider does, and of a placeholder, there is nothing to tell.
+    if (!isForeign) writes_.isKnown(status);
+    return;
+  }
+  if (isModified) writes_.modified(status, change.process);
+  auto writers =
+      change.mask & FAN_CLOSE_WRITE ? writes_.closed(status, change.process) : std::vector<pid_t>();
+  // Through a mapping a write tells only by the time; one that was set says nothing.
+  if (change.mask & FAN_ATTRIB && !isModified) {
+    writes_.isKnown(status);
+    std::erase(writers, change.process);
+  }
+  if (change.mask & FAN_MOVED_TO) writers.push_back(change.process);
+  for (const pid_t writer : writers) {
+    writes_.isKnown(status);
+    report(file, directory.path + "/" + change.name, writer);
+  }
+}
+
+void Changes::look(FileDescriptor directory, uid_t owner, std::optional<pid_t> maker) {
+  slowly_(owner, [this, directory = std::make_shared<FileDescriptor>(std::move(directory)), owner,
+                  maker] {
+    auto scan = trees_.look(directory->get(), owner, maker.has_value());
+    onQueue_([this] { onArrival_(std::nullopt); });
+    if (!maker) return;
+    onQueue_([this, maker, contents = std::move(scan.contents)] {
+      for (const auto& path : contents) {
+        const auto place = trees_.placeOf(path);
+        if (place)
+          registry_->didFinishWriting(URL::fileURL(path), ProcessLineage::identifierOf(*maker));
+      }
+    });
+  });
+}
+
+void Changes::report(const FileDescriptor& file, const std::string& path, pid_t writer) {
+  struct stat status;
+  if (fstat(file.get(), &status) != 0 || Placeholder::isOne(file.get(), status)) return;
+  registry_->didFinishWriting(URL::fileURL(path), ProcessLineage::identifierOf(writer));
+}
+
+}  // namespace qx::kernel

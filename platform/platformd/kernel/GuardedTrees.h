@@ -1,0 +1,155 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/identity/ProcessDirectory.h"
+#include "platform/platformd/kernel/Beneath.h"
+#include "platform/platformd/kernel/FanotifyGroup.h"
+#include "platform/platformd/kernel/GuardList.h"
+
+namespace qx::kernel {
+
+/// The directory trees whose placeholders are guarded: which they are, the marks in both groups,
+/// and where in them a file lies.
+///
+/// Every directory has a mark that covers the files in it, and every placeholder one of its own,
+/// which follows it wherever it is moved and covers every hard link to it. A tree that was added
+/// once stays until a look finds no placeholder in it and no doc source claims it; what holds
+/// placeholders and was moved out is guarded by itself. All of that is on the list (GuardList), so
+/// that the next start guards it before anybody can read.
+///
+/// A tree, and everything in it that is touched, belongs to the tree's owner: directories and files
+/// of others in it are passed over. Nothing is kept of single files or directories, nor any
+/// descriptor, which would keep a file system from being unmounted. Any thread; blocks on the file
+/// system.
+class GuardedTrees {
+ public:
+  /// The groups must outlive this. `best` is what accesses are marked for where the file system has
+  /// it: preAccess or openPermission.
+  GuardedTrees(const AccessGroup& accesses, const ChangeGroup& changes, std::uint64_t best,
+               GuardList list);
+
+  /// What a look at a tree came to.
+  struct Scan {
+    std::size_t directories = 0;
+    std::size_t placeholders = 0;
+    /// What the marks are for; 0 when there is nothing to mark, `errnum` telling why.
+    std::uint64_t mask = 0;
+    int errnum = 0;
+    /// The files that are content, where they were asked for.
+    std::vector<std::string> contents;
+  };
+
+  /// Marks everything that is on the list. What is found to hold no placeholder is forgotten, but
+  /// for what is claimed meanwhile.
+  Scan guardAll();
+  /// A doc source claims the tree: remembers it, then marks it, each directory before it is looked
+  /// through, so that what comes into it afterwards is told. Placeholders that were concealed are
+  /// revealed. `path` is without links. EACCES for a directory that is not the owner's.
+  Scan claim(uid_t owner, const std::string& path);
+  /// No doc source claims it any more, as often as it was claimed. It is forgotten at once when it
+  /// holds no placeholder.
+  void release(const std::string& path);
+  /// Looks whether another directory is at the path now, and marks it. Absent when there is not.
+  std::optional<Scan> lookAgain(const std::string& path);
+  /// Marks what is there once more, as events were lost.
+  void markAgain(const std::string& path);
+  /// Marks a directory that came into a tree.
+  Scan look(int directory, uid_t owner, bool wantsContents);
+
+  std::vector<std::string> paths() const;
+
+  /// Where a file lies in the trees.
+  struct Place {
+    std::string path;
+    std::string tree;
+    uid_t owner = 0;
+  };
+  /// Of an open file, however it was opened; absent when none of the paths that are quickly found
+  /// lies in a tree. Every other name of it is found by search(), which looks through all trees.
+  std::optional<Place> locate(int file, const struct stat& status) const;
+  std::optional<Place> search(const struct stat& status) const;
+  /// The innermost tree that holds the path.
+  std::optional<Place> placeOf(const std::string& path) const;
+
+  /// A directory that an event names.
+  struct Directory {
+    FileDescriptor file;
+    std::string path;
+    uid_t owner = 0;
+    /// Empty when it lies in none.
+    std::optional<Place> place;
+  };
+  /// Absent when it is not there any more.
+  std::optional<Directory> directory(const FileHandle& handle) const;
+
+  /// Looks at a file of that owner that may have become a placeholder: one that is has its accesses
+  /// told from now on, whatever was allowed before. It is not opened before its provider has closed
+  /// it, who may want it for himself (fcntl(2), F_SETLEASE). Returns whether it is one.
+  bool examine(int file, const struct stat& status, uid_t owner, bool isClosed) const;
+  /// No more events for the file until its content changes. False when it is, or has just become, a
+  /// placeholder: a leave that was given before is withdrawn.
+  bool settle(int file) const;
+  /// Whether openings are all that is told of the files of that device.
+  bool tellsOfOpeningsOnly(dev_t device) const;
+
+  /// Something left a tree, or lost its name there: guards it by itself if it is a placeholder, or
+  /// a directory that holds some. May wait for the disk.
+  void wasMoved(const FileHandle& what);
+
+  /// Makes all guarded placeholders unreadable, whether marks have come to them or not, and for
+  /// good: nothing makes any readable any more. Returns how many.
+  std::size_t conceal();
+
+ private:
+  struct Tree {
+    Guarded entry;
+    std::optional<FileIdentity> identity;  // of what was marked last
+    std::size_t claims = 0;
+    bool isRemembered = false;
+  };
+  using Visit = std::function<void(int file, const struct stat& status, const std::string& path)>;
+
+  std::uint64_t markDirectory(int directory, dev_t device, int& errnum);
+  Scan mark(int root, const std::string& path, uid_t owner, bool wantsContents);
+  /// Visits the regular files of the owner; false from `enter` leaves a directory out.
+  static void walk(int root, const std::string& path, uid_t owner,
+                   const std::function<bool(int directory, const struct stat& status,
+                                            const std::string& path)>& enter,
+                   const Visit& visit);
+  /// The directory at a path, if it is the owner's; empty, with errno set, otherwise.
+  static FileDescriptor openRoot(const std::string& path, uid_t owner);
+  static std::size_t countPlaceholders(int root, const std::string& path, uid_t owner);
+  /// Marks what is at the tree's path, and remembers which directory that is.
+  Scan lookAt(const std::string& path, uid_t owner);
+  Scan guardMoved(const Guarded& entry);
+  FileDescriptor mountOf(const FileHandle::FileSystem& fileSystem) const;
+  FileDescriptor openByHandle(const FileHandle& handle, int flags) const;
+  std::optional<Place> verified(const std::optional<std::string>& path,
+                                const FileIdentity& identity) const;
+
+  const AccessGroup& accesses_;
+  const ChangeGroup& changes_;
+  const std::uint64_t best_;
+  std::atomic<bool> isConcealing_{false};
+
+  mutable std::mutex mutex_;
+  // Under the mutex.
+  std::map<std::string, Tree, std::less<>> trees_;  // by their paths
+  std::map<dev_t, std::uint64_t> masks_;            // what is marked on each device
+
+  std::mutex listMutex_;  // before the other one
+  GuardList list_;
+};
+
+}  // namespace qx::kernel

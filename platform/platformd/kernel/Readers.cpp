@@ -1,0 +1,257 @@
+// Programs that wait to get at files.
+
+#include "platform/platformd/kernel/Readers.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/log/Log.h"
+#include "platform/platformd/kernel/Placeholder.h"
+#include "platform/platformd/kernel/ReaderErrors.h"
+
+namespace qx::kernel {
+
+Readers::Readers(std::shared_ptr<DocSourceRegistry> registry, const EventChannel& holder,
+                 GuardedTrees& trees, Claims& claims, Programs& programs,
+                 std::function<void()> drain, OnQueue onQueue, Slowly slowly)
+    : registry_(std::move(registry)),
+      holder_(holder),
+      trees_(trees),
+      claims_(claims),
+      programs_(programs),
+      drain_(std::move(drain)),
+      onQueue_(std::move(onQueue)),
+      slowly_(std::move(slowly)),
+      processes_([this](pid_t process) { onQueue_([this, process] { processEnded(process); }); }) {}
+
+void Readers::answer(const Access& access, int errnum) const {
+  holder_.send({Message::Kind::answer, access.number, access.process, errnum, 0}, -1, true);
+}
+
+void Readers::decide(const Access& access, FileDescriptor file) {
+  // The file first: who goes on may want to know that nobody else has it open.
+  const auto end = [&](int errnum) {
+    file.reset();
+    answer(access, errnum);
+  };
+  struct stat status;
+  if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return end(0);
+  const FileIdentity identity = identityOf(status);
+  const auto known = documents_.find(identity);
+  if (known == documents_.end() && Placeholder::isOne(file.get(), status)) {
+    // Perhaps it was emptied, or made, by whoever writes now: its change was queued before this.
+    drain_();
+    if (fstat(file.get(), &status) != 0) return end(0);
+  }
+  if (known == documents_.end() && trees_.settle(file.get())) {
+    // Whoever makes a file now may be gone when the change is told: whose process it is, is
+    // remembered.
+    if (status.st_size == 0) {
+      if (const auto place = trees_.locate(file.get(), status)) {
+        claims_.isExempt(access.process, place);
+      }
+    }
+    return end(0);
+  }
+
+  const uid_t user = processes_.userOf(access.process);
+  const auto kind = programs_.kindOf(access.process, user);
+  const bool isLook = (access.mask & preAccess) == 0 && !trees_.tellsOfOpeningsOnly(status.st_dev);
+  if (isLook && kind != ProgramKind::wholeFile) return end(0);
+  auto place = known == documents_.end() ? trees_.locate(file.get(), status) : known->second.place;
+  // What somebody else put into the tree is nobody's to provide.
+  if (place && place->owner != status.st_uid) return end(0);
+  if (claims_.isExempt(access.process, place)) return end(0);
+  if (kind == ProgramKind::neverProvide) return end(EPERM);
+  wait(identity, access, user, std::move(file), std::move(place));
+}
+
+void Readers::wait(const FileIdentity& identity, const Access& access, uid_t user,
+                   FileDescriptor file, std::optional<GuardedTrees::Place> place) {
+  const bool isNew = !documents_.contains(identity);
+  if (!charges_.take(user)) {
+    file.reset();
+    return answer(access, EAGAIN);
+  }
+  if (isNew && !charges_.take(user)) {
+    charges_.giveBack(user);
+    file.reset();
+    return answer(access, EAGAIN);
+  }
+  auto& document = documents_[identity];
+  document.accesses.push_back(access);
+  if (isNew) {
+    document.file = std::move(file);
+    document.user = user;
+    document.place = std::move(place);
+  }
+  processes_.begin(access.process, user);
+  if (isNew) ask(identity);
+}
+
+void Readers::letGo(const Access& access, int errnum) {
+  charges_.giveBack(processes_.userOf(access.process));
+  processes_.end(access.process);
+  answer(access, errnum);
+}
+
+bool Readers::isStillAwaited(Document& document) {
+  std::erase_if(document.accesses, [&](const Access& access) {
+    const bool isFree = claims_.isExempt(access.process, document.place);
+    if (isFree) letGo(access, 0);
+    return isFree;
+  });
+  return !document.accesses.empty();
+}
+
+/// Asks the doc source that the file belongs to, if it is there.
+void Readers::ask(const FileIdentity& identity) {
+  Document& document = documents_.at(identity);
+  struct stat status;
+  if (fstat(document.file.get(), &status) != 0) return finish(identity, EIO);
+  if (auto now = trees_.locate(document.file.get(), status)) document.place = std::move(now);
+  if (!document.place && status.st_nlink > 1 && !std::exchange(document.isSearched, true)) {
+    await(identity);
+    return searchFor(identity, status);
+  }
+  const Claims::Claim* claim = document.place ? claims_.of(*document.place) : nullptr;
+  if (!claim || claim->isAway()) return await(identity);
+  if (document.deadline != 0) Clock::current().cancel(std::exchange(document.deadline, 0));
+  Placeholder::vouch(document.file.get());
+  if (fstat(document.file.get(), &status) != 0) return finish(identity, EIO);
+  document.isAsked = true;
+  document.turn = ++lastTurn_;
+  document.changed = status.st_ctim;
+  registry_->provide(URL::fileURL(document.place->path),
+                     ProcessLineage::identifierOf(document.accesses.front().process),
+                     [this, onQueue = onQueue_, identity,
+                      turn = document.turn](const std::optional<Error>& error) {
+                       onQueue([this, identity, turn, error] { provided(identity, turn, error); });
+                     });
+}
+
+/// By a name that is not quickly found: it has several, or is seen through another mount.
+void Readers::searchFor(const FileIdentity& identity, const struct stat& status) {
+  slowly_(status.st_uid, [this, identity, status] {
+    const auto place = trees_.search(status);
+    onQueue_([this, identity, place] {
+      const auto found = documents_.find(identity);
+      if (found == documents_.end() || found->second.isAsked || !place) return;
+      found->second.place = place;
+      if (isStillAwaited(found->second)) {
+        ask(identity);
+      } else {
+        finish(identity, 0);
+      }
+    });
+  });
+}
+
+/// Waits, but not for ever, until there is a doc source to ask.
+void Readers::await(const FileIdentity& identity) {
+  Document& document = documents_.at(identity);
+  document.isAsked = false;
+  if (document.deadline != 0) return;
+  document.patience = ++lastTurn_;
+  document.deadline = Clock::current().schedule(patience, [this, onQueue = onQueue_, identity,
+                                                           turn = document.patience] {
+    onQueue([this, identity, turn] {
+      const auto found = documents_.find(identity);
+      if (found == documents_.end() || found->second.isAsked || found->second.patience != turn) {
+        return;
+      }
+      DS_LOG("[NOTICE] No doc source came for a file that %d wait for.",
+             found->second.accesses.size());
+      finish(identity, EAGAIN);
+    });
+  });
+}
+
+void Readers::askAgain() {
+  std::vector<FileIdentity> unasked;
+  for (const auto& [identity, document] : documents_) {
+    if (!document.isAsked) unasked.push_back(identity);
+  }
+  for (const auto& identity : unasked) {
+    // Who works for the doc source that came back does not wait for it.
+    if (isStillAwaited(documents_.at(identity))) {
+      ask(identity);
+    } else {
+      finish(identity, 0);
+    }
+  }
+}
+
+void Readers::arrived(const FileIdentity& identity) {
+  const auto document = documents_.find(identity);
+  if (document != documents_.end() && !document->second.isAsked) ask(identity);
+}
+
+void Readers::lookWhoIsAway() {
+  std::vector<FileIdentity> abandoned;
+  for (const auto& [identity, document] : documents_) {
+    const Claims::Claim* claim = document.place ? claims_.of(*document.place) : nullptr;
+    if (document.isAsked && (!claim || claim->isAway())) abandoned.push_back(identity);
+  }
+  for (const auto& identity : abandoned) {
+    if (documents_.at(identity).accesses.empty()) {
+      finish(identity, EAGAIN);
+    } else {
+      await(identity);
+    }
+  }
+}
+
+void Readers::provided(const FileIdentity& identity, std::uint64_t turn,
+                       const std::optional<Error>& error) {
+  const auto found = documents_.find(identity);
+  if (found == documents_.end() || found->second.turn != turn) return;
+  Document& document = found->second;
+  if (error) {
+    if (!document.isAsked) return;  // and waits for another to ask
+    const Claims::Claim* claim = document.place ? claims_.of(*document.place) : nullptr;
+    const bool isAway = !claim || claim->isAway();
+    if (isAway && !document.accesses.empty()) return await(identity);
+    return finish(identity, errnoFor(*error));
+  }
+  struct stat status;
+  const int file = document.file.get();
+  if (fstat(file, &status) != 0) return finish(identity, EIO);
+  // Whether anything was written, its time of change tells even when it needed no new block.
+  if (status.st_ctim.tv_sec != document.changed.tv_sec ||
+      status.st_ctim.tv_nsec != document.changed.tv_nsec) {
+    Placeholder::stopVouching(file);
+  }
+  if (!Placeholder::isOne(file, status) && trees_.settle(file)) return finish(identity, 0);
+  // Content that came as another file is found by whoever opens the name again.
+  finish(identity, status.st_nlink == 0 ? EAGAIN : EIO);
+}
+
+/// Answers all who wait for the file.
+void Readers::finish(const FileIdentity& identity, int errnum) {
+  auto node = documents_.extract(identity);
+  if (!node) return;
+  Document& document = node.mapped();
+  if (document.deadline != 0) Clock::current().cancel(document.deadline);
+  document.file.reset();
+  charges_.giveBack(document.user);
+  for (const auto& access : document.accesses) letGo(access, errnum);
+}
+
+/// The kernel keeps what a process that was killed waited for until it is answered.
+void Readers::processEnded(pid_t process) {
+  if (!processes_.hasEnded(process)) return;
+  std::vector<FileIdentity> unwanted;
+  for (auto& [identity, document] : documents_) {
+    std::erase_if(document.accesses, [&](const Access& access) {
+      if (access.process != process) return false;
+      letGo(access, EAGAIN);
+      return true;
+    });
+    if (document.accesses.empty() && !document.isAsked) unwanted.push_back(identity);
+  }
+  for (const auto& identity : unwanted) finish(identity, EAGAIN);
+}
+
+}  // namespace qx::kernel

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/base/FileDescriptor.h"
+#include "platform/platformd/DocSourceRegistry.h"
+#include "platform/platformd/kernel/Charges.h"
+#include "platform/platformd/kernel/Claims.h"
+#include "platform/platformd/kernel/EventChannel.h"
+#include "platform/platformd/kernel/GuardedTrees.h"
+#include "platform/platformd/kernel/Programs.h"
+#include "platform/platformd/kernel/WaitingProcesses.h"
+#include "platform/queue/Clock.h"
+#include "platform/queue/WorkQueue.h"
+
+namespace qx::kernel {
+
+/// Programs that wait to get at files: decides about each access, has placeholders provided, and
+/// answers.
+///
+/// | The file | The program | Then |
+/// | --- | --- | --- |
+/// | is content | any | goes on, and is not heard of again before the file changes |
+/// | is a placeholder | works for its doc source | goes on |
+/// | | never has content brought in (Programs) | EPERM when it touches content |
+/// | | opens it, where accesses are told too | goes on, unless it needs the whole file at once |
+/// | | anything else | waits, at the cost of its user |
+///
+/// The registry is asked once for each file, however many wait; all get its answer. When nobody can
+/// be asked, because there is no doc source, or it was lost while it provided, a file waits for one
+/// to come, up to `patience`, and then gets EAGAIN. Of each file one descriptor is kept.
+///
+/// Everything runs on the coordinator's queue; callbacks come back to it through `onQueue`.
+class Readers {
+ public:
+  static constexpr std::chrono::seconds patience{30};
+  using OnQueue = std::function<void(WorkQueue::Task)>;
+  using Slowly = std::function<void(uid_t, WorkQueue::Task)>;
+
+  /// A program that waits.
+  struct Access {
+    int number = 0;  // the holder's name for it
+    pid_t process = 0;
+    std::uint64_t mask = 0;
+  };
+
+  /// What is handed over must outlive this, but for the registry. `drain` takes the changes that
+  /// the kernel has told of so far; `slowly` runs what takes long, elsewhere, one thing of a
+  /// user after the other, and keeps all of this alive meanwhile.
+  Readers(std::shared_ptr<DocSourceRegistry> registry, const EventChannel& holder,
+          GuardedTrees& trees, Claims& claims, Programs& programs, std::function<void()> drain,
+          OnQueue onQueue, Slowly slowly);
+
+  void decide(const Access& access, FileDescriptor file);
+  /// Asks for the files that nobody could be asked for; when a doc source has come.
+  void askAgain();
+  /// A placeholder has come to a place in a tree.
+  void arrived(const FileIdentity& identity);
+  /// Doc sources went, and with them what they were asked: who waits, waits for the next.
+  void lookWhoIsAway();
+
+ private:
+  struct Document {
+    FileDescriptor file;
+    std::vector<Access> accesses;
+    uid_t user = 0;  // whom it is charged to
+    std::optional<GuardedTrees::Place> place;
+    bool isSearched = false;
+    bool isAsked = false;
+    std::uint64_t turn = 0;      // of the asking
+    timespec changed{};          // when it was asked for, the time of its last change
+    std::uint64_t patience = 0;  // counts the waits for somebody to ask
+    Clock::TimerID deadline = 0;
+  };
+  using Documents = std::map<FileIdentity, Document>;
+
+  void answer(const Access& access, int errnum) const;
+  void wait(const FileIdentity& identity, const Access& access, uid_t user, FileDescriptor file,
+            std::optional<GuardedTrees::Place> place);
+  void ask(const FileIdentity& identity);
+  void searchFor(const FileIdentity& identity, const struct stat& status);
+  void await(const FileIdentity& identity);
+  void provided(const FileIdentity& identity, std::uint64_t turn,
+                const std::optional<Error>& error);
+  void finish(const FileIdentity& identity, int errnum);
+  void letGo(const Access& access, int errnum);
+  /// Lets those go for whom the file is as it is; whether anybody waits still.
+  bool isStillAwaited(Document& document);
+  void processEnded(pid_t process);
+
+  const std::shared_ptr<DocSourceRegistry> registry_;
+  const EventChannel& holder_;
+  GuardedTrees& trees_;
+  Claims& claims_;
+  Programs& programs_;
+  const std::function<void()> drain_;
+  const OnQueue onQueue_;
+  const Slowly slowly_;
+  Charges charges_;
+  WaitingProcesses processes_;
+  Documents documents_;
+  std::uint64_t lastTurn_ = 0;
+};
+
+}  // namespace qx::kernel
