@@ -125,8 +125,7 @@ wait_until 'docsourced answers' serves
 printf '  platformd is process %d, docsourced process %d\n' "$platformd_id" "$docsourced_id"
 show "$docsource" device status
 
-headline 'Applications are installed: this tool, and a consumer'
-show "$docsource" install "$build/share/docsource.app"
+headline 'An application is installed: a consumer'
 show "$docsource" install "$build/examples/Consumer.app"
 
 headline 'A provider extension is installed, discovered and registered'

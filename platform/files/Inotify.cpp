@@ -48,18 +48,38 @@ bool Inotify::Event::isOverflow() const { return (mask & IN_Q_OVERFLOW) != 0; }
 Inotify::Inotify() : descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
 
 Inotify::Watch Inotify::watch(const std::string& directory, std::uint32_t mask) {
-  int number = inotify_add_watch(descriptor_.get(), directory.c_str(),
-                                 mask | IN_ONLYDIR | IN_EXCL_UNLINK | IN_MASK_ADD);
-  if (number < 0) return {};
-  ++claims_[number];
-  return {this, number};
+  {
+    std::lock_guard lock(mutex_);
+    ++adding_;
+  }
+  const int number = inotify_add_watch(descriptor_.get(), directory.c_str(),
+                                       mask | IN_ONLYDIR | IN_EXCL_UNLINK | IN_MASK_ADD);
+  const int reason = errno;
+  {
+    std::lock_guard lock(mutex_);
+    --adding_;
+    if (number >= 0) ++claims_[number];
+    removeUnclaimed();
+  }
+  errno = reason;
+  return number < 0 ? Watch() : Watch(this, number);
 }
 
 void Inotify::release(int number) {
+  std::lock_guard lock(mutex_);
   auto claim = claims_.find(number);
   if (claim == claims_.end() || --claim->second > 0) return;
   claims_.erase(claim);
-  inotify_rm_watch(descriptor_.get(), number);
+  unclaimed_.insert(number);
+  removeUnclaimed();
+}
+
+void Inotify::removeUnclaimed() {
+  if (adding_ > 0) return;
+  for (const int number : unclaimed_) {
+    if (!claims_.contains(number)) inotify_rm_watch(descriptor_.get(), number);
+  }
+  unclaimed_.clear();
 }
 
 std::vector<Inotify::Event> Inotify::read() {
@@ -77,7 +97,10 @@ std::vector<Inotify::Event> Inotify::read() {
     std::memcpy(&event, buffer.data() + at, sizeof event);
     const char* name = buffer.data() + at + sizeof event;
     events.push_back({event.wd, event.mask, std::string(name, strnlen(name, event.len))});
-    if (event.mask & IN_IGNORED) claims_.erase(event.wd);
+    if (event.mask & IN_IGNORED) {
+      std::lock_guard lock(mutex_);
+      claims_.erase(event.wd);
+    }
     at += sizeof event + event.len;
   }
   return events;

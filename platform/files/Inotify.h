@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,8 +12,9 @@
 
 namespace qx {
 
-/// One inotify instance (inotify(7)) and the watches in it. Not synchronised: its owner sees to it
-/// that one thread at a time uses it.
+/// One inotify instance (inotify(7)) and the watches in it. Any thread may add watches and let go
+/// of them, also while another is held up by the file system in adding one; its owner sees to it
+/// that one thread at a time reads.
 class Inotify {
  public:
   /// One claim on a watched directory. The kernel has one watch for each inode, so claims are
@@ -65,9 +68,16 @@ class Inotify {
 
  private:
   void release(int number);
+  /// With the mutex held.
+  void removeUnclaimed();
 
   FileDescriptor descriptor_;
+  std::mutex mutex_;
   std::map<int, unsigned> claims_;
+  /// A watch that is being added may turn out to be one that was just let go of: while that is so
+  /// none is taken out.
+  unsigned adding_ = 0;
+  std::set<int> unclaimed_;
 };
 
 /// Follows the directory that a path leads to: the directory itself, and as long as it is missing

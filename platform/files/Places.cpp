@@ -44,11 +44,14 @@ std::string normalised(const std::string& path) {
   return absolute;
 }
 
-/// lib/docsource beside the directory that this program is in.
+/// lib/docsource beside the bin that the programs were installed to: this one, or a daemon in
+/// libexec/docsource.
 std::string bundlesBesideProgram() {
   std::error_code error;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-  return (program.parent_path().parent_path() / "lib/docsource").string();
+  auto directory = program.parent_path();
+  if (directory.filename() == "docsource") directory = directory.parent_path();
+  return (directory.parent_path() / "lib/docsource").string();
 }
 
 struct Directories {
@@ -138,6 +141,7 @@ std::string sandboxKey() { return runtimeDirectory() + "/sandbox.key"; }
 std::string notifications() { return sharedRuntimeDirectory() + "/notify"; }
 std::string keyState() { return sharedRuntimeDirectory() + "/key-state"; }
 std::string sandboxServices() { return runtimeDirectory() + "/sandbox"; }
+std::string sandboxRecords() { return runtimeDirectory() + "/sandboxes"; }
 
 int prepare() {
   for (const std::string& path :

@@ -33,7 +33,8 @@ const std::optional<std::string>& machineOverride();
 /// Absent in a world of its own.
 const std::optional<std::string>& machineRuntimeDirectory();
 const std::optional<std::string>& machineState();
-/// Holds the machine's Applications and Extensions.
+/// Holds the machine's Applications and Extensions. Programs that stand in libexec/docsource, and
+/// not in bin, find it too.
 const std::string& machineBundles();
 
 /// Whom platformd serves when this process is it: everybody, as root outside of a world of its own;
@@ -54,6 +55,8 @@ std::string keyState();       // <run>/key-state
 /// The directory that sandboxed applications see as their runtime directory: it holds the services'
 /// sockets and nothing else.
 std::string sandboxServices();  // <run>/sandbox
+/// Which application each running sandbox is.
+std::string sandboxRecords();  // <run>/sandboxes
 
 /// Makes the user's root and runtime directory with all that the daemon expects in them
 /// (Applications, Extensions, Containers/Group, Home, notify, sandbox) where they are missing, the

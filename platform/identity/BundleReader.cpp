@@ -30,12 +30,16 @@ struct ListFile {
 /// A property list whose value is a dictionary, with the state of the very file that was read.
 Result<ListFile> readList(const std::string& path) {
   auto failure = [&](int errnum) { return fileError(errnum, URL::fileURL(path)); };
-  FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file) return failure(errno);
+  // Only what is known to be a regular file is opened: a pipe may wait for its other end, and a
+  // device do anything.
+  const FileDescriptor found(open(path.c_str(), O_PATH | O_CLOEXEC));
   struct stat status;
-  if (fstat(file.get(), &status) != 0) return failure(errno);
+  if (!found || fstat(found.get(), &status) != 0) return failure(errno);
   if (!S_ISREG(status.st_mode)) return broken(path + " is not a regular file.");
   if (status.st_size > largestList) return broken(path + " is too large.");
+  const FileDescriptor file(open(("/proc/self/fd/" + std::to_string(found.get())).c_str(),
+                                 O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file) return failure(errno);
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
   std::size_t length = 0;
   while (length < text.size()) {
@@ -97,7 +101,8 @@ BundleInspection inspectBundle(BundleKind kind, const std::string& path) {
     return found;
   }
 
-  Bundle bundle{kind, path, *identifier, program, {}, {}, stampOf(info->status)};
+  Bundle bundle{kind, BundleStanding::user, path, *identifier, program, {},
+                {},   stampOf(info->status)};
   auto entitlements = readList(path + "/Entitlements.plist");
   if (entitlements) {
     bundle.entitlements = std::move(entitlements->content);

@@ -12,10 +12,18 @@
 namespace qx {
 
 enum class BundleKind { application, extension };
+/// Whose it is: it came with the programs of this machine, or its user installed it.
+enum class BundleStanding { machine, user };
+
+/// Where bundles of that kind and standing lie.
+std::string bundleFolder(BundleKind kind, BundleStanding standing);
+/// What the names of their directories end in.
+std::string_view bundleSuffix(BundleKind kind);
 
 /// An installed bundle as it was last read. Immutable; a changed bundle is a new object.
 struct Bundle {
   BundleKind kind;
+  BundleStanding standing = BundleStanding::user;
   /// The bundle directory, absolute, without a trailing slash.
   std::string path;
   std::string identifier;
@@ -35,23 +43,36 @@ struct Bundle {
 /// Reads one bundle directory; the error says what is wrong with it, in one line.
 Result<Bundle> readBundle(BundleKind kind, const std::string& path);
 
-/// The installed bundles of this root, kept current by watching the file system: a change is
-/// noticed within a second, and always before the next question is answered. A half-copied or
+/// The bundles of the machine and of this root, kept current by watching the file system: a change
+/// is noticed within a second, and as a rule before the next question is answered. A half-copied or
 /// broken bundle is skipped with one line in the log and looked at again when it changes.
-/// Any thread.
+///
+/// A bundle of the machine goes before one of the user: a user's bundle with its identifier, or an
+/// application with its executable, is skipped like a broken one.
+///
+/// Bundles are read on threads of their own, each as if it lay on a file system that does not
+/// answer. Questions wait for what changed, but not longer than a moment: a bundle that cannot be
+/// read in that time stays what it was before, until it has been read. Any thread.
 class BundleCatalog {
  public:
   static BundleCatalog& shared();
 
-  /// In byte order of the bundle directories' names.
+  /// Those of the machine first, each in byte order of the bundle directories' names.
   virtual std::vector<std::shared_ptr<const Bundle>> bundles(BundleKind kind) = 0;
 
   /// The first bundle of that kind with the identifier, or null.
   virtual std::shared_ptr<const Bundle> bundle(BundleKind kind, std::string_view identifier) = 0;
 
-  /// The bundle that the process belongs to: the one whose executable is the same file, by device
-  /// and inode, as /proc/<pid>/exe. Two bundles of one kind that claim the same executable give
-  /// neither; an application's claim goes before an extension's. Null when there is none.
+  /// The bundle that the process belongs to, or null.
+  ///
+  /// Outside of a sandbox it is the one whose executable is the same file, by device and inode, as
+  /// /proc/<pid>/exe. Two applications that claim the same executable or identifier are neither;
+  /// an application goes before an extension. Of extensions that share an executable it is the one
+  /// that the process was started as (QX_EXTENSION_IDENTIFIER).
+  ///
+  /// In a sandbox it is the application that was started there, whatever the process executes, and
+  /// none where nobody knows which that was (SandboxRecord.h). A process of another user than this
+  /// one's belongs to none.
   virtual std::shared_ptr<const Bundle> bundleOfProcess(const AuditToken& process) = 0;
 
   /// Calls back, on a thread of its own choosing and never two calls at a time, at every change
@@ -64,7 +85,7 @@ class BundleCatalog {
 
 /// The entitlement `name` of the process, asked anew at every call. The platform's own daemon,
 /// that is the executable "docsourced" in the same directory as the running program, holds
-/// "com.veltro.file-coordination.host" without a bundle.
+/// "com.veltro.file-coordination.host" without a bundle; outside of a sandbox.
 std::optional<Value> entitlementOfProcess(const AuditToken& process, std::string_view name);
 
 }  // namespace qx

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <array>
@@ -86,9 +87,10 @@ std::optional<ProcessDirectory::State> ProcessDirectory::state() const {
   auto fields = wordsOf(std::string_view(*text).substr(behindName + 1));
   constexpr std::size_t third = 3, startTime = 22;
   if (fields.size() <= startTime - third) return std::nullopt;
+  auto parent = number<pid_t>(fields[1]);
   auto start = number<std::uint64_t>(fields[startTime - third]);
-  if (!start) return std::nullopt;
-  return State{fields[0][0], *start};
+  if (!parent || !start) return std::nullopt;
+  return State{fields[0][0], *parent, *start};
 }
 
 bool ProcessDirectory::isRunning() const {
@@ -129,10 +131,29 @@ std::optional<ProcessDirectory::Credentials> ProcessDirectory::credentials() con
   return credentials;
 }
 
-std::optional<FileIdentity> ProcessDirectory::executable() const {
+std::optional<uid_t> ProcessDirectory::user() const {
   struct stat status;
-  if (fstatat(descriptor_.get(), "exe", &status, 0) != 0) return std::nullopt;
+  if (fstat(descriptor_.get(), &status) != 0) return std::nullopt;
+  return status.st_uid;
+}
+
+std::optional<FileIdentity> ProcessDirectory::executable() const {
+  // Device and inode never change, so a network's file system need not be asked for them.
+  struct statx status;
+  if (statx(descriptor_.get(), "exe", AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) {
+    return std::nullopt;
+  }
+  return FileIdentity{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+}
+
+std::optional<FileIdentity> ProcessDirectory::userNamespace() const {
+  struct stat status;
+  if (fstatat(descriptor_.get(), "ns/user", &status, 0) != 0) return std::nullopt;
   return identityOf(status);
+}
+
+FileDescriptor ProcessDirectory::openUserNamespace() const {
+  return FileDescriptor(openat(descriptor_.get(), "ns/user", O_RDONLY | O_CLOEXEC));
 }
 
 }  // namespace qx

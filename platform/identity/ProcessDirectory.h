@@ -28,6 +28,7 @@ class ProcessDirectory {
  public:
   struct State {
     char letter = 0;
+    pid_t parent = 0;
     std::uint64_t startTime = 0;
   };
 
@@ -52,8 +53,16 @@ class ProcessDirectory {
   std::optional<State> state() const;
   bool isRunning() const;
   std::optional<Credentials> credentials() const;
-  /// The executable; also absent when this process may not look at that one.
+  /// The effective user, also of a process that has changed it; root of one that may not be looked
+  /// at (PR_SET_DUMPABLE, prctl(2)).
+  std::optional<uid_t> user() const;
+  /// The executable; also absent when this process may not look at that one. A file system that
+  /// does not answer holds nobody up.
   std::optional<FileIdentity> executable() const;
+  /// The user namespace that it is in (namespaces(7)); absent like the executable.
+  std::optional<FileIdentity> userNamespace() const;
+  /// The same, open.
+  FileDescriptor openUserNamespace() const;
   /// A whole file.
   std::optional<std::string> read(const char* name) const;
 

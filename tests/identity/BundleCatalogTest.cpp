@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <poll.h>
+#include <sys/fanotify.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -8,6 +10,7 @@
 #include <filesystem>
 
 #include "platform/identity/Bundles.h"
+#include "platform/identity/SandboxRecord.h"
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
@@ -21,17 +24,26 @@ using namespace qx::test;
 using qx::AuditToken;
 using qx::BundleCatalog;
 using qx::BundleKind;
+using qx::BundleStanding;
 using qx::Dictionary;
 
 /// Every test has an empty catalog to begin with.
 class BundleCatalogTest : public testing::Test {
  protected:
   void SetUp() override {
+    static TemporaryDirectory machine;
+    ::setenv("DOCSOURCE_MACHINE", machine.path().c_str(), 1);
     temporaryRoot();
-    for (const auto& folder : {qx::Places::applications(), qx::Places::extensions()}) {
-      fs::remove_all(folder);
-      fs::create_directory(folder);
+    for (const auto kind : {BundleKind::application, BundleKind::extension}) {
+      for (const auto standing : {BundleStanding::machine, BundleStanding::user}) {
+        fs::remove_all(qx::bundleFolder(kind, standing));
+        fs::create_directories(qx::bundleFolder(kind, standing));
+      }
     }
+  }
+
+  static std::string machines(const std::string& name) {
+    return qx::bundleFolder(BundleKind::application, BundleStanding::machine) + "/" + name + ".app";
   }
 
   static std::string application(const std::string& name) {
@@ -51,6 +63,15 @@ class BundleCatalogTest : public testing::Test {
 
   static std::string identityOf(const ChildProcess& process) {
     return BundleIdentifierFromAuditToken(AuditToken::ofProcess(process.id())).value_or("nobody");
+  }
+
+  static bool within(std::chrono::milliseconds time, const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      poll(nullptr, 0, 5);
+    }
+    return true;
   }
 
   static std::string programOf(const std::string& bundle) { return bundle + "/program"; }
@@ -198,72 +219,182 @@ TEST_F(BundleCatalogTest, AReplacedExecutableTakesTheIdentityAlong) {
   EXPECT_EQ(identityOf(second), "nobody");
   fs::create_directory_symlink("2", store + "/next");
   fs::rename(store + "/next", store + "/current");
-  EXPECT_EQ(identityOf(first), "nobody");
+  EXPECT_TRUE(within(std::chrono::seconds(1), [&] { return identityOf(first) == "nobody"; }));
   EXPECT_EQ(identityOf(second), "com.example.one");
 }
 
-TEST_F(BundleCatalogTest, ADisputedExecutableIdentifiesNobody) {
+/// Who owns an executable and an identifier that several bundles claim.
+TEST_F(BundleCatalogTest, ClaimsAreSettled) {
+  LogCapture log;
+  const auto program = programOf(application("one"));
   makeBundle(application("one"), "com.example.one");
   makeBundle(application("two"), "com.example.two");
   makeBundle(extension("three"), "com.example.three");
-  ChildProcess process({programOf(application("one"))});
-  EXPECT_EQ(identityOf(process), "com.example.one");
-
-  auto claim = [&](const std::string& bundle, const std::string& identifier) {
-    writeList(bundle + "/Info.plist", bundleInfo(identifier, programOf(application("one"))));
+  ChildProcess one({program}), two({programOf(application("two"))}),
+      three({programOf(extension("three"))});
+  const auto claim = [&](const std::string& bundle, const std::string& identifier,
+                         const std::string& executable = "program") {
+    fs::create_directories(bundle);
+    writeList(bundle + "/Info.plist", bundleInfo(identifier, executable));
   };
-  claim(extension("three"), "com.example.three");
-  EXPECT_EQ(identityOf(process), "com.example.one") << "applications go before extensions";
+  const auto expect = [&](const std::string& identities) {
+    EXPECT_EQ(identityOf(one) + " " + identityOf(two) + " " + identityOf(three), identities);
+  };
+  expect("com.example.one com.example.two com.example.three");
+
+  // An executable, also by another name. Applications go before extensions.
+  claim(extension("three"), "com.example.three", program);
+  expect("com.example.one com.example.two nobody");
+  claim(application("two"), "com.example.two", program);
+  expect("nobody nobody nobody");
+  fs::remove(programOf(application("two")));
+  fs::create_hard_link(program, programOf(application("two")));
   claim(application("two"), "com.example.two");
-  EXPECT_EQ(identityOf(process), "nobody");
+  expect("nobody nobody nobody");
   fs::remove_all(application("two"));
-  EXPECT_EQ(identityOf(process), "com.example.one");
+  expect("com.example.one nobody nobody");
 
-  // The same dispute by a hard link.
-  fs::create_directory(application("two"));
-  fs::create_hard_link(programOf(application("one")), programOf(application("two")));
-  writeList(application("two") + "/Info.plist", bundleInfo("com.example.two", "program"));
-  EXPECT_EQ(identityOf(process), "nobody");
-}
-
-TEST_F(BundleCatalogTest, ADisputedIdentifierIsNobodys) {
-  makeBundle(application("one"), "com.example.one");
-  makeBundle(application("two"), "com.example.two");
-  makeBundle(extension("three"), "com.example.three");
-  ChildProcess one({programOf(application("one"))});
-  ChildProcess two({programOf(application("two"))});
-  ChildProcess three({programOf(extension("three"))});
-  const auto expect = [&](const std::string& ofOne, const std::string& ofTwo,
-                          const std::string& ofThree) {
-    EXPECT_EQ(identityOf(one), ofOne);
-    EXPECT_EQ(identityOf(two), ofTwo);
-    EXPECT_EQ(identityOf(three), ofThree);
-  };
-  const auto claim = [&](const std::string& bundle, const std::string& identifier) {
-    writeList(bundle + "/Info.plist", bundleInfo(identifier, "program"));
-  };
-  claim(application("two"), "com.example.one");
-  expect("nobody", "nobody", "com.example.three");
+  // An identifier.
+  makeBundle(application("two"), "com.example.one");
+  ChildProcess anew({programOf(application("two"))});
+  expect("nobody nobody nobody");
+  EXPECT_EQ(identityOf(anew), "nobody");
   claim(application("two"), "com.example.two");
-  expect("com.example.one", "com.example.two", "com.example.three");
-  // Applications go before extensions.
   claim(extension("three"), "com.example.one");
-  expect("com.example.one", "com.example.two", "nobody");
+  expect("com.example.one nobody nobody");
+  EXPECT_EQ(identityOf(anew), "com.example.two");
+
+  // Extensions may share an executable; a process is the one that it was started as.
+  const auto shared = programOf(extension("three"));
+  claim(extension("three"), "com.example.three");
+  claim(extension("four"), "com.example.four", shared);
+  ChildProcess four({"env", "QX_EXTENSION_IDENTIFIER=com.example.four", shared});
+  ChildProcess liar({"env", "QX_EXTENSION_IDENTIFIER=com.example.one", shared});
+  EXPECT_EQ(four.ask("hello") + liar.ask("hello"), "hellohello");
+  EXPECT_EQ(identityOf(four), "com.example.four");
+  EXPECT_EQ(identityOf(liar), "nobody");
+  EXPECT_EQ(identifiers(BundleKind::extension), "com.example.four com.example.three ");
+
+  // What is the machine's no user's bundle has.
+  makeBundle(machines("m"), "com.example.one");
+  ChildProcess m({programOf(machines("m"))});
+  EXPECT_EQ(identityOf(m), "com.example.one");
+  expect("nobody nobody nobody");
+  EXPECT_EQ(identifiers(), "com.example.one com.example.two ");
+  EXPECT_EQ(BundleCatalog::shared().bundle(BundleKind::application, "com.example.one")->path,
+            machines("m"));
+  claim(application("one"), "com.example.m", programOf(machines("m")));
+  EXPECT_EQ(identityOf(m), "com.example.one");
+  EXPECT_EQ(identifiers(), "com.example.one com.example.two ");
+  EXPECT_EQ(LogCapture::count("Skipping bundle " + application("one")), 2U);
+  makeBundle(machines("n"), "com.example.one");
+  EXPECT_EQ(identityOf(m), "nobody");
+  fs::remove_all(machines("n"));
+  EXPECT_EQ(identityOf(m), "com.example.one");
 }
 
-TEST_F(BundleCatalogTest, IdentityHoldsInOtherNamespaces) {
+/// In another mount namespace a file is the same file; in another user namespace nobody is anybody,
+/// unless it was recorded who.
+TEST_F(BundleCatalogTest, ASandboxIsOneApplication) {
   auto bundle = application("one");
   makeBundle(bundle, "com.example.one");
-  auto bind = "mount --bind '" + bundle + "' /mnt && exec /mnt/program";
-  ChildProcess process({"unshare", "--user", "--map-root-user", "--mount", "sh", "-c", bind});
-  if (process.ask("hello") != "hello") GTEST_SKIP() << "no user and mount namespaces here";
-  EXPECT_EQ(identityOf(process), "com.example.one");
+  makeBundle(application("two"), "com.example.two", "/bin/cat", {{"com.example.right", true}});
+  const auto program = programOf(bundle);
+  ChildProcess impostor({"unshare", "--mount", "sh", "-c",
+                         "mount --bind /bin/cat '" + program + "' && exec '" + program + "'"});
+  if (impostor.ask("hello") == "hello") {
+    EXPECT_EQ(identityOf(impostor), "nobody") << "the path alone proves nothing";
+    ChildProcess moved({"unshare", "--mount", "sh", "-c",
+                        "mount --bind '" + bundle + "' /mnt && exec /mnt/program"});
+    ASSERT_EQ(moved.ask("hello"), "hello");
+    EXPECT_EQ(identityOf(moved), "com.example.one");
+  } else {
+    std::puts("no mount namespaces here; those of users alone are looked at");
+  }
 
-  ChildProcess impostor(
-      {"unshare", "--user", "--map-root-user", "--mount", "sh", "-c",
-       "mount --bind /bin/cat '" + programOf(bundle) + "' && exec '" + programOf(bundle) + "'"});
-  ASSERT_EQ(impostor.ask("hello"), "hello");
-  EXPECT_EQ(identityOf(impostor), "nobody") << "the path alone proves nothing";
+  ChildProcess inner({"unshare", "--user", "--map-root-user", program});
+  if (inner.ask("hello") != "hello") GTEST_SKIP() << "no user namespaces here";
+  EXPECT_EQ(identityOf(inner), "nobody");
+  const auto record = [](const ChildProcess& process, const std::string& application) {
+    return qx::SandboxRecord::make(qx::ProcessDirectory::open(process.id())->openUserNamespace(),
+                                   application);
+  };
+  ChildProcess nested(
+      {"unshare", "--user", "--map-root-user", "unshare", "--user", "--map-root-user", program});
+  ASSERT_EQ(nested.ask("hello"), "hello");
+  EXPECT_FALSE(record(nested, "com.example.two")) << "the outermost is to be recorded";
+  ChildProcess stranger({program});
+  EXPECT_FALSE(record(stranger, "com.example.two")) << "this is no sandbox";
+
+  std::string left;
+  {
+    const auto made = record(inner, "com.example.two");
+    ASSERT_TRUE(made) << made.error().text();
+    EXPECT_EQ(identityOf(inner), "com.example.two");
+    EXPECT_EQ(qx::entitlementOfProcess(AuditToken::ofProcess(inner.id()), "com.example.right"),
+              qx::Value(true));
+    EXPECT_EQ(identityOf(nested), "nobody");
+    // One without a bundle, or whose identifier is disputed, is nobody.
+    makeBundle(application("three"), "com.example.two");
+    EXPECT_EQ(identityOf(inner), "nobody");
+    fs::remove_all(application("three"));
+    EXPECT_EQ(identityOf(inner), "com.example.two");
+    left = fs::directory_iterator(qx::Places::sandboxRecords())->path();
+    fs::copy_file(left, left + ".copy");
+  }
+  EXPECT_FALSE(fs::exists(left));
+  EXPECT_EQ(identityOf(inner), "nobody");
+  // What a maker that was killed left behind counts for nothing, and the next one removes it.
+  fs::rename(left + ".copy", left);
+  EXPECT_EQ(identityOf(inner), "nobody");
+  const auto next = record(inner, "com.example.one");
+  EXPECT_EQ(identityOf(inner), "com.example.one");
+  inner.end();
+  ChildProcess other({"unshare", "--user", "--map-root-user", program});
+  ASSERT_EQ(other.ask("hello"), "hello");
+  const auto last = record(other, "com.example.two");
+  EXPECT_EQ(identityOf(other), "com.example.two");
+}
+
+TEST_F(BundleCatalogTest, AnotherUsersProcessBelongsToNoBundle) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to run a program as another user";
+  fs::permissions(temporaryRoot(), fs::perms(0755));
+  makeBundle(application("one"), "com.example.one");
+  ChildProcess other(
+      {"setpriv", "--reuid=4001", "--regid=4001", "--clear-groups", programOf(application("one"))});
+  ASSERT_EQ(other.ask("hello"), "hello");
+  EXPECT_EQ(identityOf(other), "nobody");
+}
+
+/// A file whose opening is decided by somebody (fanotify(7)) who does not.
+TEST_F(BundleCatalogTest, ABundleThatCannotBeReadHoldsUpNobodyElse) {
+  makeBundle(application("good"), "com.example.good");
+  ChildProcess process({programOf(application("good"))});
+  EXPECT_EQ(identityOf(process), "com.example.good");
+  qx::FileDescriptor guard(fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY));
+  const auto prepared = temporaryRoot() + "/prepared-hanging";
+  makeBundle(prepared, "com.example.hanging");
+  if (!guard || fanotify_mark(guard.get(), FAN_MARK_ADD, FAN_OPEN_PERM, AT_FDCWD,
+                              (prepared + "/Info.plist").c_str()) != 0) {
+    GTEST_SKIP() << "needs CAP_SYS_ADMIN, to hold a file up";
+  }
+  fs::rename(prepared, application("hanging"));
+  // The first question finds it out, and no later one waits, whatever happens to the bundle.
+  EXPECT_TRUE(
+      within(std::chrono::seconds(1), [&] { return identifiers() == "com.example.good "; }));
+  const auto begun = std::chrono::steady_clock::now();
+  for (int round = 0; round < 20; ++round) {
+    std::ofstream(application("hanging") + "/Entitlements.plist") << round;
+    EXPECT_EQ(identityOf(process), "com.example.good");
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(200));
+  makeBundle(application("new"), "com.example.new");
+  EXPECT_EQ(identifiers(), "com.example.good com.example.new ");
+  fs::remove(application("hanging") + "/Entitlements.plist");
+  guard.reset();
+  EXPECT_TRUE(within(std::chrono::seconds(1), [&] {
+    return identifiers() == "com.example.good com.example.hanging com.example.new ";
+  }));
 }
 
 TEST_F(BundleCatalogTest, ObserversHearOfEveryChangeOneAtATime) {

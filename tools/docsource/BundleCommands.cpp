@@ -43,20 +43,25 @@ int bundles(const Arguments& arguments) {
   qx::Array array;
   std::vector<std::vector<std::string>> rows;
   for (const auto kind : {qx::BundleKind::application, qx::BundleKind::extension}) {
-    for (const auto& installed : installedBundles(kind)) {
-      if (installed.bundle) {
-        array.emplace_back(describe(*installed.bundle));
-        rows.push_back({installed.bundle->identifier, nameOf(kind), installed.path});
-      } else {
-        const auto& error = installed.bundle.error();
-        array.emplace_back(qx::Dictionary{
-            {"kind", nameOf(kind)}, {"path", installed.path}, {"error", error.text()}});
-        rows.push_back({"(broken)", nameOf(kind), installed.path + ": " + error.text()});
+    for (const auto standing : {qx::BundleStanding::machine, qx::BundleStanding::user}) {
+      const char* owner = standing == qx::BundleStanding::machine ? "machine" : "user";
+      for (const auto& installed : installedBundles(kind, standing)) {
+        qx::Dictionary object{{"kind", nameOf(kind)}, {"path", installed.path}};
+        if (installed.bundle) {
+          object = describe(*installed.bundle);
+          rows.push_back({installed.bundle->identifier, nameOf(kind), owner, installed.path});
+        } else {
+          const auto text = installed.bundle.error().text();
+          object["error"] = text;
+          rows.push_back({"(broken)", nameOf(kind), owner, installed.path + ": " + text});
+        }
+        object["owner"] = owner;
+        array.emplace_back(std::move(object));
       }
     }
   }
   return answer(arguments.json, {{"bundles", std::move(array)}},
-                table({"IDENTIFIER", "KIND", "PATH"}, rows));
+                table({"IDENTIFIER", "KIND", "OWNER", "PATH"}, rows));
 }
 
 }  // namespace tool

@@ -35,12 +35,8 @@ using qx::FileDescriptor;
 
 constexpr std::array kinds{BundleKind::application, BundleKind::extension};
 
-std::string folderOf(BundleKind kind) {
-  return kind == BundleKind::application ? qx::Places::applications() : qx::Places::extensions();
-}
-std::string_view suffixOf(BundleKind kind) {
-  return kind == BundleKind::application ? ".app" : ".docext";
-}
+/// Where a user's bundles are put.
+std::string folderOf(BundleKind kind) { return qx::bundleFolder(kind, qx::BundleStanding::user); }
 
 Error failure(const std::string& path, int errnum = errno) {
   return qx::fileError(errnum, qx::URL::fileURL(path));
@@ -191,7 +187,7 @@ qx::Result<Source> sourceAt(const std::string& argument) {
   if (failed) return failure(argument, failed.value());
   const std::string name = path.filename().string();
   for (const auto kind : kinds) {
-    if (name.size() > suffixOf(kind).size() && name.ends_with(suffixOf(kind)) &&
+    if (name.size() > qx::bundleSuffix(kind).size() && name.ends_with(qx::bundleSuffix(kind)) &&
         !name.starts_with('.')) {
       return Source{kind, path.string(), name};
     }
@@ -201,11 +197,21 @@ qx::Result<Source> sourceAt(const std::string& argument) {
                  "extension (.docext).");
 }
 
+/// Whether a bundle that came with the programs has that identifier.
+bool isOfMachine(const std::string& identifier) {
+  return std::any_of(kinds.begin(), kinds.end(), [&](BundleKind kind) {
+    const auto bundles = installedBundles(kind, qx::BundleStanding::machine);
+    return std::any_of(bundles.begin(), bundles.end(), [&](const InstalledBundle& installed) {
+      return installed.bundle && installed.bundle->identifier == identifier;
+    });
+  });
+}
+
 /// Where the bundle goes.
 qx::Result<std::string> placeFor(const Source& source, const std::string& identifier) {
   const std::string usual = folderOf(source.kind) + "/" + source.name;
   std::optional<std::string> other;
-  for (const auto& installed : installedBundles(source.kind)) {
+  for (const auto& installed : installedBundles(source.kind, qx::BundleStanding::user)) {
     if (!installed.bundle) continue;
     if (installed.bundle->identifier == identifier) return installed.path;
     if (installed.path == usual) other = installed.bundle->identifier;
@@ -216,13 +222,15 @@ qx::Result<std::string> placeFor(const Source& source, const std::string& identi
 
 }  // namespace
 
-std::vector<InstalledBundle> installedBundles(BundleKind kind) {
+std::vector<InstalledBundle> installedBundles(BundleKind kind, qx::BundleStanding standing) {
   std::set<std::string> paths;
   std::error_code failed;
-  for (fs::directory_iterator entry(folderOf(kind), failed), end; !failed && entry != end;
-       entry.increment(failed)) {
+  for (fs::directory_iterator entry(qx::bundleFolder(kind, standing), failed), end;
+       !failed && entry != end; entry.increment(failed)) {
     const auto name = entry->path().filename().string();
-    if (name.ends_with(suffixOf(kind)) && !name.starts_with('.')) paths.insert(entry->path());
+    if (name.ends_with(qx::bundleSuffix(kind)) && !name.starts_with('.')) {
+      paths.insert(entry->path());
+    }
   }
   std::vector<InstalledBundle> bundles;
   bundles.reserve(paths.size());
@@ -235,6 +243,9 @@ qx::Result<Installation> installBundle(const std::string& argument) {
   if (!source) return source.error();
   const auto original = qx::readBundle(source->kind, source->path);
   if (!original) return original.error();
+  if (isOfMachine(original->identifier)) {
+    return refusal("A bundle of the machine has the identifier " + original->identifier + ".");
+  }
   const auto place = placeFor(*source, original->identifier);
   if (!place) return place.error();
 
@@ -258,7 +269,7 @@ qx::Result<Installation> installBundle(const std::string& argument) {
 qx::Result<std::vector<std::string>> uninstallBundles(const std::string& identifier) {
   std::vector<std::string> gone;
   for (const auto kind : kinds) {
-    for (const auto& installed : installedBundles(kind)) {
+    for (const auto& installed : installedBundles(kind, qx::BundleStanding::user)) {
       if (!installed.bundle || installed.bundle->identifier != identifier) continue;
       const auto hidden = HiddenDirectory::make(folderOf(kind), "uninstalled");
       if (!hidden) return hidden.error();
@@ -269,8 +280,12 @@ qx::Result<std::vector<std::string>> uninstallBundles(const std::string& identif
       gone.push_back(installed.path);
     }
   }
-  if (gone.empty())
+  if (gone.empty() && isOfMachine(identifier)) {
+    return refusal("The bundle with the identifier " + identifier + " is the machine's.");
+  }
+  if (gone.empty()) {
     return refusal("No bundle with the identifier " + identifier + " is installed.");
+  }
   return gone;
 }
 

@@ -20,7 +20,8 @@ struct Installation {
 /// Copies the bundle directory into the folder of its kind, links as links, and synced to the disk
 /// before it appears. It takes the place of the installed bundle of the same identifier, under that
 /// one's name, or of what lies broken under its own name. A broken bundle is refused before
-/// anything is touched, and so is one whose name belongs to a bundle of another identifier.
+/// anything is touched, and so is one whose name belongs to a bundle of another identifier, or
+/// whose identifier to a bundle of the machine.
 qx::Result<Installation> installBundle(const std::string& source);
 
 /// Takes away every installed bundle of that identifier; returns where they were. Fails when there
@@ -33,6 +34,6 @@ struct InstalledBundle {
   qx::Result<qx::Bundle> bundle;
 };
 /// In byte order of the directories' names.
-std::vector<InstalledBundle> installedBundles(qx::BundleKind kind);
+std::vector<InstalledBundle> installedBundles(qx::BundleKind kind, qx::BundleStanding standing);
 
 }  // namespace tool

@@ -70,7 +70,7 @@ int deviceStatus(const Arguments& arguments);
 int deviceLock(const Arguments& arguments);
 int deviceUnlock(const Arguments& arguments);
 
-/// Does not return when the application was started: its exit status is this program's.
+/// When the application was started its exit status is this program's.
 int run(const Arguments& arguments);
 
 }  // namespace tool

@@ -1,14 +1,11 @@
 // Runs an installed application under bubblewrap (bwrap(1)), in namespaces of its own: it sees the
 // system's directories, its bundle, its own data directory and the sockets of the services, and
-// nothing else of this machine. This program becomes bubblewrap, which passes the application's
-// exit status on.
+// nothing else of this machine.
 //
 // What is not to be seen is not put in, rather than hidden: of the runtime directory the
 // application gets the directory that holds the sockets and never held a secret. The one thing that
 // is covered is the root, which may lie within a directory of the system.
 
-#include <fcntl.h>
-#include <linux/close_range.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +27,7 @@
 #include "platform/files/Places.h"
 #include "platform/identity/Bundles.h"
 #include "tools/docsource/Command.h"
+#include "tools/docsource/SandboxProcess.h"
 
 namespace tool {
 namespace {
@@ -41,6 +39,9 @@ using qx::Result;
 constexpr const char* sandboxProgram = "bwrap";
 constexpr std::array services{"com.veltro.DocSource", "com.veltro.FileCoordination",
                               "com.veltro.Sandbox"};
+
+/// What stands for the machine in a sandbox; its services are in "run" there.
+constexpr const char* machineInside = "/run/docsource";
 
 /// What programs need of /etc to find libraries, names, fonts and certificates.
 constexpr std::array configuration{
@@ -110,6 +111,8 @@ struct Contents {
   std::string executable;
   std::string data;
   std::string sockets;
+  /// Absent where the machine has no services.
+  std::optional<std::string> machine;
 };
 
 Result<Contents> contentsFor(const qx::Bundle& bundle) {
@@ -125,7 +128,12 @@ Result<Contents> contentsFor(const qx::Bundle& bundle) {
     if (!*one) return one->error();
   }
   if (*root == "/") return refusal("The root directory / cannot be kept out of a sandbox.");
-  return Contents{*root, *place, *executable, *data, *sockets};
+  // There is nothing in the machine's that its users may not see.
+  std::optional<std::string> machine;
+  if (const auto& directory = qx::Places::machineRuntimeDirectory()) {
+    if (auto resolvedOne = resolved(*directory)) machine = std::move(*resolvedOne);
+  }
+  return Contents{*root, *place, *executable, *data, *sockets, std::move(machine)};
 }
 
 std::map<std::string, std::string> environmentFor(const Contents& contents,
@@ -150,19 +158,20 @@ std::map<std::string, std::string> environmentFor(const Contents& contents,
   variables["XDG_RUNTIME_DIR"] = privateRuntime;
   variables["TMPDIR"] = "/tmp";
   variables["DOCSOURCE_ROOT"] = contents.root;
+  if (contents.machine) variables["DOCSOURCE_MACHINE"] = machineInside;
   return variables;
 }
 
 /// Bubblewrap's arguments; it carries them out in their order.
 std::vector<std::string> argumentsFor(const Contents& contents, const std::string& privateRuntime,
                                       const std::vector<std::string>& applicationArguments) {
-  std::vector<std::string> all{sandboxProgram};
+  std::vector<std::string> all;
   auto add = [&all](std::initializer_list<std::string> some) {
     all.insert(all.end(), some.begin(), some.end());
   };
   add({"--unshare-user", "--disable-userns", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
        "--unshare-net", "--unshare-cgroup-try", "--hostname", "sandbox", "--cap-drop", "ALL",
-       "--die-with-parent", "--new-session"});
+       "--new-session"});
   add({"--ro-bind", "/usr", "/usr"});
   for (const char* name : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
     const std::string path = std::string("/") + name;
@@ -178,9 +187,13 @@ std::vector<std::string> argumentsFor(const Contents& contents, const std::strin
     add({"--ro-bind-try", path, path});
   }
   // Root's application needs no capability to change the system's settings through /proc, so that
-  // is read-only.
-  add({"--proc", "/proc", "--remount-ro", "/proc", "--dev", "/dev", "--tmpfs", "/tmp", "--perms",
-       "0700", "--tmpfs", privateRuntime});
+  // is read-only. The user's keys are no namespace's.
+  add({"--proc", "/proc"});
+  for (const char* keys : {"/proc/keys", "/proc/key-users"}) {
+    add({"--ro-bind-try", "/dev/null", keys});
+  }
+  add({"--remount-ro", "/proc", "--dev", "/dev", "--tmpfs", "/tmp", "--perms", "0700", "--tmpfs",
+       privateRuntime});
   add({"--tmpfs", contents.root});
   add({"--ro-bind", contents.bundle, contents.bundle});
   if (!isWithin(contents.executable, contents.bundle)) {
@@ -188,18 +201,13 @@ std::vector<std::string> argumentsFor(const Contents& contents, const std::strin
   }
   add({"--bind", contents.data, contents.data});
   add({"--ro-bind", contents.sockets, contents.root + "/run"});
+  if (contents.machine) {
+    add({"--ro-bind", *contents.machine, std::string(machineInside) + "/run"});
+  }
   add({"--remount-ro", contents.root, "--remount-ro", "/", "--chdir", contents.data, "--",
        contents.executable});
   all.insert(all.end(), applicationArguments.begin(), applicationArguments.end());
   return all;
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  pointers.reserve(texts.size() + 1);
-  for (auto& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers;
 }
 
 }  // namespace
@@ -208,8 +216,7 @@ int run(const Arguments& arguments) {
   const auto bundle =
       qx::BundleCatalog::shared().bundle(qx::BundleKind::application, arguments.subject);
   if (!bundle) {
-    return fail(refusal("There is no application " + arguments.subject + " in " +
-                        qx::Places::applications() + "."));
+    return fail(refusal("There is no application " + arguments.subject + "."));
   }
   const auto program = find(sandboxProgram);
   if (!program) {
@@ -220,19 +227,16 @@ int run(const Arguments& arguments) {
   if (!contents) return fail(contents.error());
 
   const std::string privateRuntime = "/run/user/" + std::to_string(::getuid());
-  auto words = argumentsFor(*contents, privateRuntime, arguments.rest);
   // Bubblewrap's own environment can be read inside too, so it is the application's already.
   std::vector<std::string> variables;
   for (const auto& [name, value] : environmentFor(*contents, privateRuntime)) {
     variables.push_back(name);
     variables.back().append("=").append(value);
   }
-  // The standard streams are the application's; any other descriptor would be a way out.
-  if (::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
-    return fail(qx::posixError(errno, "The descriptors cannot be kept out of the sandbox"));
-  }
-  ::execve(program->c_str(), pointersTo(words).data(), pointersTo(variables).data());
-  return fail(qx::posixError(errno, *program + " cannot be started"));
+  const auto ended =
+      runSandbox(*program, bundle->identifier,
+                 argumentsFor(*contents, privateRuntime, arguments.rest), std::move(variables));
+  return ended ? *ended : fail(ended.error());
 }
 
 }  // namespace tool
