@@ -80,8 +80,6 @@ struct RemoteCapabilities {
   bool conditions = false;
   /// read() can begin anywhere.
   bool ranges = false;
-  /// move() moves; otherwise the mirror copies and removes.
-  bool moves = false;
   /// changes() tells within seconds what has changed and costs little. Otherwise the whole remote
   /// is listed once a minute.
   bool changes = false;
@@ -124,6 +122,8 @@ class DOCSOURCE_API Remote {
       bool recursive = false;
     };
     std::vector<Directory> directories;
+    /// Paths of single entries that came, changed or went.
+    std::vector<std::string> items;
   };
 
   virtual ~Remote();
@@ -163,7 +163,8 @@ class DOCSOURCE_API Remote {
   virtual Result<RemoteItem> makeDirectory(const std::string& path,
                                            const RemoteAttributes& attributes) = 0;
   /// Of a file only that version, of a directory (no version) with all below it. Never over
-  /// something: `changedMeanwhile`. Returns the item as it is now.
+  /// something: `changedMeanwhile`. Returns the item as it is now. A remote that has no such
+  /// operation copies and then removes.
   virtual Result<RemoteItem> move(const std::string& from, const std::string& to,
                                   const std::optional<std::string>& ifVersion) = 0;
   /// A file of that version, or (no version) an empty directory; `changedMeanwhile` when the file

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace docsource::mirror {
+
+/// What the database could not do: the disk is full or broken, or the file is none of ours. Thrown,
+/// so that nothing goes on with half a decision; the engine catches it where it was entered, after
+/// the transaction was rolled back.
+struct DatabaseFailure {
+  int code = 0;
+  std::string text;
+};
+
+class Database;
+
+/// One statement being carried out: bind, then step through its rows. Goes back to the database
+/// that prepared it when it is destroyed; the same text may run twice at a time.
+class Statement {
+ public:
+  Statement(Statement&& other) noexcept;
+  Statement& operator=(Statement&&) = delete;
+  ~Statement();
+
+  /// To the next parameter, from the first one on.
+  Statement& bind(std::int64_t value);
+  Statement& bind(std::string_view text);
+  Statement& bindNull();
+  template <class T>
+  Statement& bind(const std::optional<T>& value) {
+    return value ? bind(*value) : bindNull();
+  }
+
+  /// Whether there is a (further) row.
+  bool step();
+  /// For what returns no rows.
+  void run();
+
+  bool isNull(int column) const;
+  std::int64_t integer(int column) const;
+  std::string text(int column) const;
+
+ private:
+  friend class Database;
+  Statement(Database& database, std::string text, sqlite3_stmt* statement)
+      : database_(&database), text_(std::move(text)), statement_(statement) {}
+
+  Database* database_;
+  std::string text_;
+  sqlite3_stmt* statement_;
+  int parameter_ = 0;
+};
+
+/// An SQLite database of one process, in WAL mode and with full synchronisation: what a transaction
+/// changed is on disk when it has ended. One thread at a time.
+class Database {
+ public:
+  /// Makes the file where there is none, and holds it against other processes until the end.
+  explicit Database(const std::string& path);
+  ~Database();
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  Statement prepare(const std::string& text);
+  /// One or more statements without parameters and rows.
+  void run(const char* text);
+  std::int64_t lastInsertedRow() const;
+
+  /// Everything until its end happens together or not at all: commit() or nothing. Inner ones
+  /// belong to the outermost.
+  class Transaction {
+   public:
+    explicit Transaction(Database& database);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void commit();
+
+   private:
+    Database& database_;
+    bool isOpen_ = true;
+  };
+
+ private:
+  friend class Statement;
+  [[noreturn]] void fail(int code) const;
+
+  sqlite3* handle_ = nullptr;
+  std::unordered_multimap<std::string, sqlite3_stmt*> idle_;
+  int depth_ = 0;
+  bool isBroken_ = false;
+};
+
+}  // namespace docsource::mirror

@@ -1,0 +1,264 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "docsource/remote.h"
+#include "mirror/Database.h"
+#include "mirror/Ignore.h"
+#include "mirror/Items.h"
+#include "mirror/Local.h"
+#include "mirror/Mirror.h"
+#include "platform/base/FileDescriptor.h"
+#include "platform/files/Inotify.h"
+
+namespace docsource::mirror {
+
+/// Keeps two trees in agreement: the storage here and the remote there. For each item it knows what
+/// is here, what is there, and what both last agreed on (Items). It looks at one side and notes
+/// what it sees (observe), or compares the three nodes of one item and does the one next thing that
+/// brings them together (settle). Whatever is cut off, and wherever, the next look sees what has
+/// become of it, and the comparison goes on from there.
+///
+/// What always holds:
+///
+/// 1. Content that exists once is never destroyed. A file here is given up only as a placeholder,
+/// or
+///    with the very content that was agreed on and that is still to be had there; it is first taken
+///    aside, looked at again, and destroyed when nobody has it open.
+/// 2. A version there that was not seen here is never overwritten or removed: every change names
+/// the
+///    version that it replaces, which is the agreed one. The agreed version moves on only while the
+///    document is a placeholder that shows the new version's size and time under its name, or when
+///    the content here was compared with it, or was just carried there.
+/// 3. What a placeholder is filled with is the agreed version and no other. So whatever content
+///    appears in it descends from that version.
+/// 4. Without a remote that answers, and is the one it was, nothing changes here because of it.
+/// That
+///    something is not in a listing is asked once more before anything is removed.
+/// 5. Nothing is uploaded that is not whole: the file rests, is written to disk, and is the same
+///    before and after it was read. A placeholder never is.
+/// 6. An item here is its inode, number and birth. A file that takes the name of a document whose
+///    inode is gone is that document (so editors save); a file whose inode is known goes on under
+///    its new name; a placeholder always is the item that it was made for. Attributes of files
+///    decide nothing but whether there is content.
+/// 7. Of two contents that know nothing of each other both are kept, the remote's under the name.
+///
+/// Order of steps: content before the note of it here (a crash leaves content that is compared), a
+/// remote's answer before its note (a crash leaves two equal contents, which are compared).
+///
+/// Threads: step() and what it calls belong to one thread, the engine's, which holds the mutex but
+/// while the remote works or bytes are copied. Every other public member may be called from any
+/// thread. After the mutex was released everything is loaded again. An item with a transfer under
+/// way is busy: nothing else touches it.
+class Engine {
+ public:
+  /// Runs a transfer, now or on another thread; never while the engine's mutex is held.
+  using Executor = std::function<void(std::function<void()>)>;
+  /// Called when step() has something to do, from any thread.
+  using Wake = std::function<void()>;
+  struct Transfer;
+
+  Engine(MirrorOptions options, Remote& remote, Executor executor, Wake wake);
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  Result<void> open();
+  /// No transfer is begun any more, and those under way are given up.
+  void close();
+
+  /// One round: looks at what has changed here and there and settles what is due. Whether there is
+  /// more to be done at once.
+  bool step();
+  /// How long step() has nothing to do unless something happens, in milliseconds; absent for ever.
+  std::optional<std::int64_t> idleFor();
+  /// Readable when something has changed here.
+  int descriptor() const { return inotify_.descriptor(); }
+
+  // As in Mirror.h.
+  Result<void> provide(const std::string& path);
+  Result<void> evict(const std::string& path);
+  Result<void> pin(const std::string& path, bool isPinned);
+  Result<MirrorStatus> status(const std::string& path);
+  std::vector<MirrorTransfer> transfers();
+  Result<void> cancel(const std::string& path);
+  std::vector<MirrorConflict> conflicts();
+  Result<void> take(const std::string& copy);
+  void beginSync(bool confirmRemovals);
+  bool isQuiet();
+  MirrorHealth health();
+  void itemChanged(const std::string& path);
+  Result<std::string> identifierForItem(const std::string& path);
+  Result<std::string> pathForItem(const std::string& identifier);
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+  using Numbers = std::vector<ItemNumber>;
+
+  // What was seen on one side and is not in the tree yet.
+  struct Observation {
+    /// Directories to be read, and whether all below them too.
+    std::deque<std::pair<ItemNumber, bool>> directories;
+    std::set<std::pair<ItemNumber, std::string>> names;
+    /// Items that are not at their place any more, and entries that no item is known to be.
+    std::set<ItemNumber> missing;
+    std::map<std::pair<ItemNumber, std::string>, Node> found;
+    bool isEmpty() const {
+      return directories.empty() && names.empty() && missing.empty() && found.empty();
+    }
+  };
+
+  // EngineObserve.cpp
+  bool observeHere(Lock& lock);
+  bool observeThere(Lock& lock);
+  void takeEvents();
+  void lookHere(ItemNumber directory, const std::string& name);
+  void noteHere(ItemNumber directory, int file, const std::string& name, bool recursive);
+  void readDirectoryHere(ItemNumber directory, bool recursive);
+  Result<void> readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive);
+  Result<void> lookThere(Lock& lock, ItemNumber directory, const std::string& name);
+  void note(Side side, Node node, bool recursive);
+  void noteGone(Side side, const Place& place);
+  std::optional<ItemNumber> itemThere(const std::string& path);
+  void noteAbsent(Side side, ItemNumber directory, Numbers seen);
+  Result<void> resolve(Lock& lock, Side side);
+  void assign(Side side, const std::set<ItemNumber>& still);
+  void dropMissing(Side side);
+  Result<bool> isStillAt(Lock& lock, Side side, const Item& item);
+  void removeFrom(Side side, ItemNumber number, bool movedOut);
+  void put(Side side, Item& item, Node node);
+  void freeLinks(const std::string& identity);
+  Observation& seen(Side side) { return side == Side::here ? here_ : there_; }
+  bool stays(ItemNumber directory, const std::string& name, const LocalEntry& entry);
+  bool cleanUp(int directory, const std::string& name, const LocalEntry& entry);
+  void recoverAside();
+  Node nodeHere(Place place, const LocalEntry& entry) const;
+  static Node nodeThere(Place place, const RemoteItem& item);
+  static void agreeOnContent(Item& item, const Node& there);
+
+  // EngineSettle.cpp
+  bool settleDue(Lock& lock);
+  bool makePlaceholders(Lock& lock);
+  enum class Outcome { done, again, later };
+  Outcome settle(Lock& lock, ItemNumber number);
+  Outcome settleOnce(Lock& lock, Item item);
+  Outcome newHere(Lock& lock, const Item& item);
+  Outcome newThere(Lock& lock, const Item& item);
+  Outcome meet(Lock& lock, Item item);
+  Outcome goneThere(Lock& lock, const Item& item);
+  Outcome goneHere(Lock& lock, const Item& item);
+  Outcome both(Lock& lock, Item item);
+  Outcome attributes(Lock& lock, Item item);
+  Outcome moveHere(Lock& lock, const Item& item);
+  Outcome moveThere(Lock& lock, const Item& item);
+  Outcome refresh(Lock& lock, const Item& item);
+  Outcome conflict(Lock& lock, const Item& item);
+  Outcome removeHere(Lock& lock, const Item& item);
+  bool haveParent(Lock& lock, Side side, ItemNumber parent);
+  bool haveRoom(Lock& lock, Side side, const Item& item, const Place& place);
+  bool setAside(const Item& item);
+  bool setAsideUnknown(const Place& place);
+  std::string conflictText() const;
+  Outcome waitFor(ItemNumber number, std::int64_t milliseconds);
+  void lookAgain(Side side, const Place& place) {
+    seen(side).names.emplace(place.parent, place.name);
+  }
+  static std::string pair(const Item& item);
+  void countRemovals();
+  std::string heldBack() const;
+  Outcome failed(const Item& item, const Error& error);
+  Outcome failedHere(const Item& item, int errnum, const std::string& what);
+
+  // EngineTransfer.cpp
+  Outcome upload(Lock& lock, const Item& item);
+  Outcome download(Lock& lock, const Item& item);
+  Outcome compare(Lock& lock, const Item& item);
+  std::shared_ptr<Transfer> begin(const Item& item, bool isUpload, std::int64_t total);
+  void end(const std::shared_ptr<Transfer>& transfer);
+  Outcome run(Lock& lock, std::function<void()> work);
+  Result<void> fill(const std::shared_ptr<Transfer>& transfer);
+  Result<void> fillOnce(const std::shared_ptr<Transfer>& transfer, const Item& item);
+  Result<std::string> hashThere(const std::string& path, const std::string& version,
+                                Transfer& transfer);
+
+  // Engine.cpp
+  std::int64_t now() const;
+  void change(ItemNumber number, const std::function<void(Item&)>& edit);
+  template <class F>
+  auto remotely(Lock& lock, F work) -> decltype(work());
+  Error trouble(const Error& error);
+  bool isInTrouble() const;
+  void wellAgain();
+  Result<qx::FileDescriptor> directoryHere(ItemNumber number);
+  Result<qx::FileDescriptor> fileHere(const Item& item, int flags);
+  Result<Item> find(Lock& lock, const std::string& path);
+  std::string absolute(Side side, ItemNumber number);
+  bool isBusy(ItemNumber number) const { return busy_.contains(number); }
+  bool isBusyBelow(Side side, ItemNumber directory);
+  bool isPinned(const Item& item);
+  template <class F>
+  auto guarded(F work) -> decltype(work());
+
+  const MirrorOptions options_;
+  Remote& remote_;
+  const Executor executor_;
+  const Wake wake_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::optional<Database> database_;
+  std::optional<Items> items_;
+  qx::FileDescriptor storage_;
+  qx::FileDescriptor aside_;
+  std::string storagePath_;
+  std::string identifierPrefix_;
+  std::atomic<bool> isClosed_ = false;
+
+  qx::Inotify inotify_;
+  std::unordered_map<ItemNumber, qx::Inotify::Watch> watches_;
+  std::unordered_map<int, ItemNumber> watched_;
+  std::unordered_map<ItemNumber, IgnoreRules> ignoreRules_;
+  std::set<std::pair<ItemNumber, std::string>> wentAway_;
+  bool isObservingHere_ = false;
+  Observation here_;
+  Observation there_;
+
+  std::int64_t lookThereAt_ = 0;
+  std::atomic<bool> isToldOfChanges_ = false;
+  std::atomic<bool> shallLookThere_ = true;
+  bool hasLookedThere_ = false;
+  std::optional<std::string> cursor_;
+  /// Items whose node there was set by ourselves while the remote was being listed.
+  std::set<ItemNumber> ownChanges_;
+  bool isListing_ = false;
+
+  std::optional<Error> trouble_;
+  std::int64_t troubleUntil_ = 0;
+  std::int64_t troubleTries_ = 0;
+  std::chrono::sys_seconds since_{};
+  MirrorHealth::State state_ = MirrorHealth::State::starting;
+  std::optional<std::string> broken_;
+
+  std::set<ItemNumber> settling_;
+  /// Whether removals wait for a confirmation, as counted at the beginning of a round.
+  bool areHeldHere_ = false;
+  bool areHeldThere_ = false;
+  /// Items whose two contents were compared and are different: which two.
+  std::map<ItemNumber, std::string> different_;
+  std::map<ItemNumber, std::shared_ptr<Transfer>> busy_;
+  std::uint64_t transfersBegun_ = 0;
+};
+
+}  // namespace docsource::mirror

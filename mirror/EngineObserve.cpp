@@ -1,0 +1,647 @@
+// What each side looks like, taken over into its tree.
+//
+// A look at a name or a directory notes entries that are as they were, entries that no item is
+// known to be (found) and items that are not where they were (missing). Only when nothing is left
+// to be looked at, the found are matched with the missing; what is missing then is gone.
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "mirror/Engine.h"
+#include "mirror/Parts.h"
+#include "platform/files/FileManager.h"
+
+namespace docsource::mirror {
+namespace {
+
+constexpr unsigned watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY |
+                                   IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR;
+/// Names that are looked at in one transaction.
+constexpr std::size_t batch = 256;
+/// Where an item is whose name was taken by another and that was not found yet.
+const Place nowhere{-1, {}};
+
+std::optional<Node>& nodeOf(Item& item, Side side) {
+  return side == Side::here ? item.here : item.there;
+}
+
+bool isSameEntry(const Node& known, const Node& seen) {
+  const bool isLink = known.kind == Kind::link && seen.kind == Kind::file;
+  return known.identity == seen.identity && (known.kind == seen.kind || isLink);
+}
+
+bool isUnchanged(const Node& known, const Node& seen) {
+  return known.version == seen.version && known.mode == seen.mode && known.size == seen.size &&
+         known.modified == seen.modified && known.isPlaceholder == seen.isPlaceholder;
+}
+
+bool isNothing(const std::optional<Item>& item) {
+  return item && !item->here && !item->agreed && !item->there;
+}
+
+}  // namespace
+
+Node Engine::nodeHere(Place place, const LocalEntry& entry) const {
+  Node node;
+  node.place = std::move(place);
+  node.kind = *entry.kind;
+  node.identity = entry.identity;
+  node.version = entry.version;
+  node.size = entry.size;
+  node.mode = entry.mode;
+  node.isPlaceholder = entry.isPlaceholder;
+  if (node.kind == Kind::file) node.modified = entry.modified;
+  return node;
+}
+
+Node Engine::nodeThere(Place place, const RemoteItem& item) {
+  Node node;
+  node.place = std::move(place);
+  node.kind = item.kind == RemoteKind::file ? Kind::file : Kind::directory;
+  node.identity = item.identifier;
+  if (item.mode) node.mode = *item.mode;
+  if (node.kind == Kind::directory) return node;
+  node.version = item.version;
+  node.size = static_cast<std::int64_t>(item.size);
+  if (item.modified) node.modified = item.modified->time_since_epoch().count();
+  return node;
+}
+
+/// Whether a name that no item has yet is left alone.
+bool Engine::stays(ItemNumber directory, const std::string& name, const LocalEntry& entry) {
+  if (entry.isPlaceholder) return false;
+  std::string path = name;
+  bool isInRepository = false;
+  std::vector<std::pair<ItemNumber, std::string>> questions;
+  for (ItemNumber at = directory;;) {
+    questions.emplace_back(at, path);
+    const auto item = items_->load(at);
+    if (!item || !item->here || at == rootItem) break;
+    isInRepository = isInRepository || item->here->place.name == ".git";
+    path.insert(0, item->here->place.name + "/");
+    at = item->here->place.parent;
+  }
+  if (isTemporaryName(name, isInRepository)) return true;
+  for (const auto& [number, below] : questions) {
+    auto rules = ignoreRules_.find(number);
+    if (rules == ignoreRules_.end()) {
+      std::string text;
+      const auto file = directoryHere(number);
+      if (file) {
+        const auto opened = openFile(file->get(), IgnoreRules::fileName, O_RDONLY);
+        const auto status = opened ? lookAtFile(opened.get()) : std::nullopt;
+        constexpr std::int64_t most = 1 << 20U;
+        if (status && status->kind == Kind::file && !status->isPlaceholder &&
+            status->size <= most) {
+          text.resize(static_cast<std::size_t>(status->size));
+          const ssize_t size = ::pread(opened.get(), text.data(), text.size(), 0);
+          text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+        }
+      }
+      rules = ignoreRules_.emplace(number, IgnoreRules(text)).first;
+    }
+    const auto answer = rules->second.ask(below, entry.kind == Kind::directory);
+    if (answer != IgnoreRules::Answer::nothing) return answer == IgnoreRules::Answer::ignored;
+  }
+  return false;
+}
+
+/// Takes care of what a crash of the placeholder library left beside a document; true when the
+/// entry is that.
+bool Engine::cleanUp(int directory, const std::string& name, const LocalEntry& entry) {
+  constexpr std::string_view sideName = ".docsource-";
+  if (!name.starts_with(sideName)) return false;
+  const auto known = items_->withIdentity(Side::here, entry.identity);
+  const bool isUnderWay = !busy_.empty();
+  if (isUnderWay || entry.kind != Kind::file) return true;
+  if (entry.isPlaceholder || known.empty()) {
+    ::unlinkat(directory, name.c_str(), 0);
+    return true;
+  }
+  // The content was exchanged for a placeholder and never given up: it returns to its name.
+  const Node& node = *known.front().here;
+  const auto parent = directoryHere(node.place.parent);
+  if (!parent) return true;
+  const auto now = lookAt(parent->get(), node.place.name);
+  if (now && now->isPlaceholder &&
+      ::renameat2(directory, name.c_str(), parent->get(), node.place.name.c_str(),
+                  RENAME_EXCHANGE) == 0) {
+    ::unlinkat(directory, name.c_str(), 0);
+  } else if (!now && errno == ENOENT) {
+    moveEntry(directory, name, parent->get(), node.place.name);
+  }
+  lookAgain(Side::here, node.place);
+  return true;
+}
+
+/// Sets what a side has of an item, and when the item is to be looked at.
+void Engine::put(Side side, Item& item, Node node) {
+  const bool rests = side == Side::here && node.kind == Kind::file && !node.isPlaceholder &&
+                     node.version != item.agreedHere.value_or(std::string());
+  auto& old = nodeOf(item, side);
+  const std::string before = old ? old->identity : std::string();
+  if (old && old->identity != node.identity && old->kind == Kind::directory)
+    watches_.erase(item.number);
+  old = std::move(node);
+  item.due = now() + (rests ? options_.rest.count() : 0);
+  item.tries = 0;
+  item.reason.reset();
+  if (side == Side::here) item.movedOut = false;
+  items_->save(item);
+  if (side == Side::here && !before.empty() && before != item.here->identity) freeLinks(before);
+}
+
+/// A second name of a file whose first one is gone becomes a document.
+void Engine::freeLinks(const std::string& identity) {
+  auto named = items_->withIdentity(Side::here, identity);
+  const bool hasFirst = std::any_of(named.begin(), named.end(),
+                                    [](const Item& item) { return item.here->kind != Kind::link; });
+  if (hasFirst || named.empty()) return;
+  Node node = *named.front().here;
+  node.kind = Kind::file;
+  put(Side::here, named.front(), std::move(node));
+}
+
+void Engine::note(Side side, Node node, bool recursive) {
+  auto& seen = this->seen(side);
+  const std::pair<ItemNumber, std::string> key(node.place.parent, node.place.name);
+  auto known = items_->at(side, node.place);
+  seen.found.erase(key);
+  if (known && isSameEntry(*nodeOf(*known, side), node)) {
+    seen.missing.erase(known->number);
+    const Node& before = *nodeOf(*known, side);
+    node.kind = before.kind;
+    const bool isOurs = side == Side::there && ownChanges_.contains(known->number);
+    if (!isOurs && !isUnchanged(before, node)) put(side, *known, node);
+    if (node.kind == Kind::directory && recursive)
+      seen.directories.emplace_back(known->number, true);
+    return;
+  }
+  if (known) seen.missing.insert(known->number);
+  if (known || !items_->withIdentity(side, node.identity).empty()) {
+    seen.found.insert_or_assign(key, std::move(node));
+    return;
+  }
+  Item item;
+  const bool isDirectory = node.kind == Kind::directory;
+  put(side, item, std::move(node));
+  if (isDirectory) seen.directories.emplace_back(item.number, true);
+}
+
+void Engine::noteGone(Side side, const Place& place) {
+  auto& seen = this->seen(side);
+  seen.found.erase({place.parent, place.name});
+  if (const auto known = items_->at(side, place)) seen.missing.insert(known->number);
+}
+
+/// Items of a directory that was read, and that were not met.
+void Engine::noteAbsent(Side side, ItemNumber directory, Numbers met) {
+  std::sort(met.begin(), met.end());
+  constexpr std::int64_t most = 1000;
+  for (ItemNumber last = 0;;) {
+    const auto children = items_->children(side, directory, last, most);
+    for (const ItemNumber child : children) {
+      if (!std::binary_search(met.begin(), met.end(), child)) seen(side).missing.insert(child);
+    }
+    if (children.size() < static_cast<std::size_t>(most)) return;
+    last = children.back();
+  }
+}
+
+void Engine::noteHere(ItemNumber directory, int file, const std::string& name, bool recursive) {
+  const Place place{directory, name};
+  const auto entry = lookAt(file, name);
+  if (!entry) {
+    if (errno == ENOENT) noteGone(Side::here, place);
+    return;
+  }
+  if (cleanUp(file, name, *entry)) return;
+  if (!entry->kind) return noteGone(Side::here, place);
+  if (!items_->at(Side::here, place) && stays(directory, name, *entry)) {
+    here_.found.erase({directory, name});
+    return;
+  }
+  note(Side::here, nodeHere(place, *entry), recursive);
+}
+
+void Engine::lookHere(ItemNumber directory, const std::string& name) {
+  const auto file = directoryHere(directory);
+  if (file) return noteHere(directory, file->get(), name, false);
+  const auto item = items_->load(directory);
+  if (item && item->here && directory != rootItem && !here_.missing.contains(directory)) {
+    lookAgain(Side::here, item->here->place);
+  }
+}
+
+void Engine::readDirectoryHere(ItemNumber directory, bool recursive) {
+  const auto file = directoryHere(directory);
+  if (!file) {
+    const auto item = items_->load(directory);
+    if (item && item->here && directory != rootItem && !here_.missing.contains(directory)) {
+      lookAgain(Side::here, item->here->place);
+    }
+    return;
+  }
+  // Watched before it is read: what comes later is told.
+  if (!watches_.contains(directory)) {
+    auto watch = inotify_.watch("/proc/self/fd/" + std::to_string(file->get()), watchedEvents);
+    if (watch) {
+      watched_[watch.number()] = directory;
+      watches_[directory] = std::move(watch);
+    }
+  }
+  Database::Transaction transaction(*database_);
+  Numbers met;
+  const bool isWhole = listDirectory(file->get(), [&](const std::string& name) {
+    noteHere(directory, file->get(), name, recursive);
+    if (const auto known = items_->at(Side::here, {directory, name})) met.push_back(known->number);
+    return true;
+  });
+  if (isWhole) noteAbsent(Side::here, directory, std::move(met));
+  transaction.commit();
+}
+
+void Engine::takeEvents() {
+  for (const auto& event : inotify_.read()) {
+    if (event.isOverflow()) {
+      here_.directories.emplace_back(rootItem, true);
+      continue;
+    }
+    const auto watched = watched_.find(event.watch);
+    if (watched == watched_.end() || event.name.empty()) continue;
+    const ItemNumber directory = watched->second;
+    here_.names.emplace(directory, event.name);
+    if (event.mask & IN_MOVED_FROM) {
+      wentAway_.emplace(directory, event.name);
+    } else {
+      wentAway_.erase({directory, event.name});
+    }
+    if (event.name == IgnoreRules::fileName) {
+      ignoreRules_.erase(directory);
+      here_.directories.emplace_back(directory, true);
+    }
+  }
+}
+
+bool Engine::observeHere(Lock& lock) {
+  if (isObservingHere_) return false;
+  isObservingHere_ = true;
+  const struct Finally {
+    bool& flag;
+    ~Finally() { flag = false; }
+  } finally{isObservingHere_};
+  const auto storage = lookAtFile(storage_.get());
+  const auto named = lookAt(AT_FDCWD, storagePath_);
+  if (!storage || !named || storage->identity != named->identity) {
+    throw DatabaseFailure{0, "Another directory is in the place of the document storage."};
+  }
+  bool hasSeen = false;
+  while (true) {
+    takeEvents();
+    if (!here_.names.empty()) {
+      Database::Transaction transaction(*database_);
+      for (std::size_t count = 0; count < batch && !here_.names.empty(); ++count) {
+        const auto [directory, name] = *here_.names.begin();
+        here_.names.erase(here_.names.begin());
+        lookHere(directory, name);
+      }
+      transaction.commit();
+    } else if (!here_.directories.empty()) {
+      const auto [directory, recursive] = here_.directories.front();
+      here_.directories.pop_front();
+      readDirectoryHere(directory, recursive);
+      // Others get their turn in a long look.
+      lock.unlock();
+      lock.lock();
+    } else if (!here_.found.empty()) {
+      (void)resolve(lock, Side::here).ok();
+    } else if (!here_.missing.empty()) {
+      dropMissing(Side::here);
+    } else {
+      break;
+    }
+    hasSeen = true;
+  }
+  wentAway_.clear();
+  return hasSeen;
+}
+
+Result<bool> Engine::isStillAt(Lock& lock, Side side, const Item& item) {
+  const Node& node = side == Side::here ? *item.here : *item.there;
+  if (seen(side).missing.contains(item.number) || node.place == nowhere) return false;
+  if (side == Side::here) {
+    const auto directory = directoryHere(node.place.parent);
+    const auto entry = directory ? lookAt(directory->get(), node.place.name) : std::nullopt;
+    return entry && entry->identity == node.identity;
+  }
+  const auto path = items_->path(side, item.number);
+  if (!path) return false;
+  const auto now = remotely(lock, [&] { return remote_.look(*path); });
+  if (now) return now->identifier == node.identity;
+  if (remoteProblemOf(now.error()) == RemoteProblem::notFound) return false;
+  return now.error();
+}
+
+Result<void> Engine::resolve(Lock& lock, Side side) {
+  std::set<ItemNumber> still;
+  for (const auto& [place, node] : std::map(seen(side).found)) {
+    for (const Item& item : items_->withIdentity(side, node.identity)) {
+      const auto answer = isStillAt(lock, side, item);
+      if (!answer) return answer.error();
+      if (*answer) still.insert(item.number);
+    }
+  }
+  assign(side, still);
+  return {};
+}
+
+/// Matches what was found with the items. `still`: those that are where they were, although
+/// something of their identity was found elsewhere.
+void Engine::assign(Side side, const std::set<ItemNumber>& still) {
+  auto& seen = this->seen(side);
+  Database::Transaction transaction(*database_);
+  const auto found = std::exchange(seen.found, {});
+  const auto livesElsewhere = [&](const Item& item, const Place& place) {
+    const std::string& identity = (side == Side::here ? item.here : item.there)->identity;
+    return !identity.empty() && std::any_of(found.begin(), found.end(), [&](const auto& entry) {
+      return entry.second.identity == identity && entry.second.place != place;
+    });
+  };
+  for (const auto& [key, seenNode] : found) {
+    Node node = seenNode;
+    auto named = items_->at(side, node.place);
+    std::optional<Item> same;
+    bool isSecondName = false;
+    for (auto& item : items_->withIdentity(side, node.identity)) {
+      if ((named && item.number == named->number) || nodeOf(item, side)->kind == Kind::link) {
+        continue;
+      }
+      if (still.contains(item.number)) {
+        isSecondName = true;
+      } else if (!same) {
+        same = std::move(item);
+      }
+    }
+    if (isSecondName) {
+      same.reset();
+      if (side == Side::there) node.identity.clear();
+      if (side == Side::here && node.kind == Kind::file) node.kind = Kind::link;
+    }
+    if (named && nodeOf(*named, side)->place == nowhere) named.reset();
+    const bool isKnownThere = named && (named->agreed || named->there);
+    const bool nameWins =
+        named && nodeOf(*named, side)->kind == node.kind && !livesElsewhere(*named, node.place) &&
+        (!same || (node.kind == Kind::file && !node.isPlaceholder && isKnownThere));
+    if (nameWins) {
+      seen.missing.erase(named->number);
+      if (same) seen.missing.insert(same->number);
+      put(side, *named, node);
+      if (node.kind == Kind::directory) seen.directories.emplace_back(named->number, true);
+      continue;
+    }
+    if (named) {
+      nodeOf(*named, side)->place = nowhere;
+      items_->save(*named);
+      seen.missing.insert(named->number);
+    }
+    Item item;
+    if (same) {
+      item = std::move(*same);
+      seen.missing.erase(item.number);
+    }
+    put(side, item, node);
+    if (node.kind == Kind::directory) seen.directories.emplace_back(item.number, true);
+  }
+  transaction.commit();
+}
+
+/// What is missing when everything was looked at is gone.
+void Engine::dropMissing(Side side) {
+  auto& seen = this->seen(side);
+  Database::Transaction transaction(*database_);
+  for (const ItemNumber number : std::exchange(seen.missing, {})) {
+    auto item = items_->load(number);
+    if (!item || !nodeOf(*item, side)) continue;
+    const Node node = *nodeOf(*item, side);
+    if (side == Side::here && node.kind != Kind::link) {
+      // A second name becomes the first.
+      bool hasOther = false;
+      for (const Item& other : items_->withIdentity(side, node.identity)) {
+        if (other.here->kind != Kind::link || seen.missing.contains(other.number)) continue;
+        Node next = *other.here;
+        next.kind = Kind::file;
+        items_->erase(other.number);
+        put(side, *item, std::move(next));
+        hasOther = true;
+        break;
+      }
+      if (hasOther) continue;
+    }
+    removeFrom(side, number, wentAway_.contains({node.place.parent, node.place.name}));
+  }
+  transaction.commit();
+}
+
+/// The item and everything below it is not on that side any more.
+void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
+  auto item = items_->load(number);
+  if (!item || !nodeOf(*item, side)) return;
+  if (nodeOf(*item, side)->kind == Kind::directory) {
+    for (const ItemNumber child : items_->children(side, number)) removeFrom(side, child, movedOut);
+    if (side == Side::here) {
+      watches_.erase(number);
+      ignoreRules_.erase(number);
+    }
+  }
+  item->movedOut = side == Side::here && movedOut && item->here->isPlaceholder;
+  nodeOf(*item, side).reset();
+  item->due = now() + (side == Side::here ? options_.rest.count() : 0);
+  item->tries = 0;
+  item->reason.reset();
+  item->isConfirmed = false;
+  if (isNothing(item)) return items_->erase(number);
+  items_->save(*item);
+}
+
+Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive) {
+  const auto path = items_->path(Side::there, directory);
+  if (!path) return {};
+  std::vector<RemoteItem> entries;
+  Numbers met;
+  const auto take = [&] {
+    Database::Transaction transaction(*database_);
+    for (const auto& entry : entries) {
+      Node node = nodeThere({directory, entry.name}, entry);
+      const Place place = node.place;
+      note(Side::there, std::move(node), recursive);
+      if (const auto known = items_->at(Side::there, place)) met.push_back(known->number);
+    }
+    transaction.commit();
+    entries.clear();
+  };
+  isListing_ = true;
+  ownChanges_.clear();
+  std::exception_ptr failure;
+  const auto listed = remotely(lock, [&] {
+    return remote_.list(*path, [&](const RemoteItem& item) {
+      entries.push_back(item);
+      if (entries.size() < batch || failure) return;
+      const Lock inner(mutex_);
+      // Not through the remote, which knows nothing of it.
+      try {
+        take();
+      } catch (...) {
+        failure = std::current_exception();
+      }
+    });
+  });
+  isListing_ = false;
+  if (failure) std::rethrow_exception(failure);
+  if (!listed) {
+    if (remoteProblemOf(listed.error()) != RemoteProblem::notFound) return listed;
+    const auto item = items_->load(directory);
+    if (item && item->there && directory != rootItem && !there_.missing.contains(directory)) {
+      lookAgain(Side::there, item->there->place);
+    }
+    return {};
+  }
+  take();
+  met.insert(met.end(), ownChanges_.begin(), ownChanges_.end());
+  for (const ItemNumber number : ownChanges_) {
+    const auto item = items_->load(number);
+    if (item && item->there) lookAgain(Side::there, item->there->place);
+  }
+  noteAbsent(Side::there, directory, std::move(met));
+  return {};
+}
+
+Result<void> Engine::lookThere(Lock& lock, ItemNumber directory, const std::string& name) {
+  const auto parent = items_->path(Side::there, directory);
+  if (!parent) return {};
+  const auto now =
+      remotely(lock, [&] { return remote_.look(parent->empty() ? name : *parent + "/" + name); });
+  Database::Transaction transaction(*database_);
+  if (now) {
+    note(Side::there, nodeThere({directory, name}, *now), false);
+  } else if (remoteProblemOf(now.error()) == RemoteProblem::notFound) {
+    noteGone(Side::there, {directory, name});
+  } else if (remoteProblemOf(now.error()) != RemoteProblem::notPermitted) {
+    return now.error();
+  }
+  transaction.commit();
+  return {};
+}
+
+std::optional<ItemNumber> Engine::itemThere(const std::string& path) {
+  ItemNumber number = rootItem;
+  for (std::size_t at = 0; at < path.size();) {
+    const auto end = std::min(path.find('/', at), path.size());
+    const auto next = items_->at(Side::there, {number, path.substr(at, end - at)});
+    if (!next) return std::nullopt;
+    number = next->number;
+    at = end + 1;
+  }
+  return number;
+}
+
+bool Engine::observeThere(Lock& lock) {
+  if (isInTrouble()) return false;
+  const bool isDue = shallLookThere_ || isToldOfChanges_ || now() >= lookThereAt_;
+  if (!isDue && there_.isEmpty()) return false;
+  if (isDue) {
+    const auto known = items_->fact("identity");
+    const auto identity = remotely(lock, [&] { return remote_.identity(!known); });
+    if (!identity) return false;
+    if (!known) {
+      Database::Transaction transaction(*database_);
+      items_->setFact("identity", *identity);
+      transaction.commit();
+    } else if (*known != *identity) {
+      trouble(remoteError(RemoteProblem::notTheSame,
+                          "Another remote is in the place of the one that this account was made "
+                          "for. Mount or name the right one; nothing is changed until then."));
+      return false;
+    }
+    isToldOfChanges_ = false;
+    shallLookThere_ = false;
+    const auto changes =
+        remotely(lock, [&] { return remote_.changes(cursor_.value_or(std::string())); });
+    if (!changes) {
+      shallLookThere_ = true;
+      return false;
+    }
+    if (!cursor_ || changes->everything) {
+      there_.directories.emplace_back(rootItem, true);
+    } else {
+      for (const auto& changed : changes->directories) {
+        const auto number = itemThere(changed.path);
+        there_.directories.emplace_back(number.value_or(rootItem), changed.recursive || !number);
+      }
+      for (const auto& path : changes->items) {
+        const auto slash = path.rfind('/');
+        const bool isAtTop = slash == std::string::npos;
+        // Of a directory that is not known, the one above was named too.
+        const auto parent = isAtTop ? std::optional(rootItem) : itemThere(path.substr(0, slash));
+        if (parent) lookAgain(Side::there, {*parent, isAtTop ? path : path.substr(slash + 1)});
+      }
+    }
+    cursor_ = changes->cursor;
+    constexpr std::int64_t forever = 1'000'000'000'000;
+    lookThereAt_ =
+        now() + (remote_.capabilities().changes ? forever : options_.lookThrough.count());
+  }
+  bool hasSeen = isDue;
+  while (!there_.isEmpty()) {
+    hasSeen = true;
+    Result<void> result;
+    if (!there_.names.empty()) {
+      const auto entry = *there_.names.begin();
+      result = lookThere(lock, entry.first, entry.second);
+      if (result) there_.names.erase(entry);
+    } else if (!there_.directories.empty()) {
+      const auto [directory, recursive] = there_.directories.front();
+      result = readDirectoryThere(lock, directory, recursive);
+      if (result || !isInTrouble()) there_.directories.pop_front();
+      if (!result && !isInTrouble()) result = {};  // this directory cannot be read
+    } else if (!there_.found.empty()) {
+      result = resolve(lock, Side::there);
+    } else {
+      dropMissing(Side::there);
+    }
+    if (!result) {
+      if (!isInTrouble() && !there_.names.empty()) there_.names.erase(there_.names.begin());
+      return isInTrouble() ? false : true;
+    }
+  }
+  hasLookedThere_ = true;
+  if (state_ == MirrorHealth::State::starting) wellAgain();
+  return hasSeen;
+}
+
+/// What was taken aside when the process ended returns to its place, and is decided about anew.
+void Engine::recoverAside() {
+  listDirectory(aside_.get(), [&](const std::string& name) {
+    const auto fact = items_->fact("aside " + name);
+    Place place{rootItem, name};
+    if (fact) {
+      const auto slash = fact->find('/');
+      place = {std::atoll(fact->c_str()), fact->substr(slash + 1)};
+    }
+    auto directory = directoryHere(place.parent);
+    if (!directory) directory = directoryHere(rootItem);
+    if (!directory) return true;
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+      const std::string target =
+          attempt == 0 ? place.name : nameBeside(place.name, conflictText(), attempt);
+      if (moveEntry(aside_.get(), name, directory->get(), target) || errno != EEXIST) break;
+    }
+    return true;
+  });
+}
+
+}  // namespace docsource::mirror

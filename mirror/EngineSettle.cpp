@@ -1,0 +1,894 @@
+// One item after the other is brought to where here, there and agreed are the same.
+//
+// settleOnce() compares the three nodes and does the one next thing; every function below answers
+// `again` when something has changed and the item has to be compared anew, `later` when it has to
+// wait (the item says until when), and `done` when nothing is left to do.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "mirror/Engine.h"
+#include "mirror/Parts.h"
+
+namespace docsource::mirror {
+namespace {
+
+/// How long a document that somebody has open is left alone.
+constexpr std::int64_t whileInUse = 2000;
+constexpr std::int64_t firstRetry = 1000;
+constexpr std::int64_t longestRetry = 300'000;
+/// Removals at a time that are believed without asking, and below how many no share counts.
+constexpr std::int64_t mostRemovals = 1000;
+constexpr std::int64_t fewRemovals = 3;
+constexpr std::int64_t inOneRound = 64;
+constexpr std::int64_t placeholdersInOneRound = 500;
+
+bool isContentChangedHere(const Item& item) {
+  return item.here->kind == Kind::file && !item.here->isPlaceholder &&
+         item.here->version != item.agreedHere;
+}
+bool isContentChangedThere(const Item& item) {
+  return item.there->kind == Kind::file && item.there->version != item.agreed->version;
+}
+
+RemoteAttributes attributesOf(const Node& node) {
+  RemoteAttributes attributes;
+  if (node.modified) attributes.modified = RemoteTime(std::chrono::nanoseconds(*node.modified));
+  if (node.mode) attributes.mode = static_cast<unsigned>(*node.mode);
+  return attributes;
+}
+
+std::string joined(const std::string& parent, const std::string& name) {
+  return parent.empty() ? name : parent + "/" + name;
+}
+
+std::optional<std::string> versionOf(const Node& node) {
+  return node.kind == Kind::file ? std::optional(node.version) : std::nullopt;
+}
+
+}  // namespace
+
+void Engine::countRemovals() {
+  const auto here = items_->count(
+      "agreedKind IS NOT NULL AND (hereKind IS NULL OR thereKind IS NULL) AND hereKind IS NULL AND "
+      "thereKind IS NOT NULL");
+  const auto there = items_->count(
+      "agreedKind IS NOT NULL AND (hereKind IS NULL OR thereKind IS NULL) AND hereKind IS NOT "
+      "NULL");
+  const auto isMuch = [&](std::int64_t removed) {
+    if (removed <= fewRemovals) return false;
+    return removed > mostRemovals || 2 * removed > items_->count("agreedKind IS NOT NULL") - 1;
+  };
+  areHeldHere_ = isMuch(here);
+  areHeldThere_ = isMuch(there);
+}
+
+/// What is not held back until somebody confirms it. "Here" are removals that happened here.
+std::string Engine::heldBack() const {
+  std::string condition = "1";
+  if (areHeldHere_)
+    condition += " AND NOT (agreedKind IS NOT NULL AND hereKind IS NULL AND NOT confirmed)";
+  if (areHeldThere_)
+    condition += " AND NOT (agreedKind IS NOT NULL AND thereKind IS NULL AND NOT confirmed)";
+  return condition;
+}
+
+std::string Engine::pair(const Item& item) {
+  return item.here->version + " " + item.there->version;
+}
+
+std::string Engine::conflictText() const {
+  std::array<char, 32> date{};
+  const std::time_t time = std::time(nullptr);
+  std::tm parts{};
+  ::localtime_r(&time, &parts);
+  const auto size = std::strftime(date.data(), date.size(), "%Y-%m-%d", &parts);
+  return "conflict " + options_.host + " " + std::string(date.data(), size);
+}
+
+bool Engine::settleDue(Lock& lock) {
+  countRemovals();
+  bool hasDone = makePlaceholders(lock);
+  for (const bool removals : {false, true}) {
+    const auto due = items_->due(now(), removals, heldBack(), inOneRound);
+    for (const ItemNumber number : due) {
+      if (isClosed_) return false;
+      hasDone = settle(lock, number) != Outcome::later || hasDone;
+    }
+    // Nothing is removed while there is something to be carried over.
+    if (hasDone) return true;
+  }
+  return false;
+}
+
+/// Documents that are new there appear here, many at a time: the disk is waited for once for all of
+/// them, and they count only afterwards.
+bool Engine::makePlaceholders(Lock& lock) {
+  const auto numbers =
+      items_->due(now(), false, "hereKind IS NULL AND agreedKind IS NULL AND thereKind=1",
+                  placeholdersInOneRound);
+  if (numbers.size() < 2) return false;
+  std::vector<std::pair<ItemNumber, Node>> made;
+  ItemNumber parent = 0;
+  qx::FileDescriptor directory;
+  for (const ItemNumber number : numbers) {
+    const auto item = items_->load(number);
+    if (!item || isBusy(number)) continue;
+    const Node& there = *item->there;
+    const auto parentItem = items_->load(there.place.parent);
+    if (!parentItem || !parentItem->here || items_->at(Side::here, there.place)) continue;
+    if (parent != there.place.parent) {
+      auto opened = directoryHere(there.place.parent);
+      if (!opened) continue;
+      directory = std::move(*opened);
+      parent = there.place.parent;
+    }
+    const auto mode = static_cast<unsigned>(there.mode.value_or(0644));
+    if (!makePlaceholder(directory.get(), there.place.name, shapeOf(there), mode)) continue;
+    const auto entry = lookAt(directory.get(), there.place.name);
+    if (entry && entry->isPlaceholder) made.emplace_back(number, nodeHere(there.place, *entry));
+  }
+  if (made.empty()) return false;
+  (void)lock;
+  if (!syncFileSystem(storage_.get())) return false;
+  Database::Transaction transaction(*database_);
+  for (auto& [number, node] : made) {
+    change(number, [&](Item& item) {
+      item.here = std::move(node);
+      item.agreed = item.there;
+      item.due = now();
+    });
+  }
+  transaction.commit();
+  return true;
+}
+
+Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
+  if (!settling_.insert(number).second) return Outcome::later;
+  const struct Finally {
+    std::set<ItemNumber>& settling;
+    ItemNumber number;
+    ~Finally() { settling.erase(number); }
+  } finally{settling_, number};
+  constexpr int most = 16;
+  for (int round = 0; round < most; ++round) {
+    auto item = items_->load(number);
+    if (!item) return Outcome::done;
+    if (isBusy(number)) return Outcome::later;
+    const auto outcome = settleOnce(lock, *item);
+    if (outcome == Outcome::later) return outcome;
+    if (outcome == Outcome::again) continue;
+    different_.erase(number);
+    if (item->due || item->reason || item->tries != 0) {
+      change(number, [](Item& settled) {
+        settled.due.reset();
+        settled.reason.reset();
+        settled.tries = 0;
+      });
+    }
+    return outcome;
+  }
+  return waitFor(number, firstRetry);
+}
+
+Engine::Outcome Engine::settleOnce(Lock& lock, Item item) {
+  if (item.number == rootItem) return Outcome::done;
+  if (item.here && item.here->kind == Kind::link) return Outcome::done;
+  if (!item.here && !item.there) {
+    Database::Transaction transaction(*database_);
+    items_->erase(item.number);
+    transaction.commit();
+    return Outcome::again;
+  }
+  if (!item.agreed) {
+    if (!item.there) return newHere(lock, item);
+    if (!item.here) return newThere(lock, item);
+    return meet(lock, std::move(item));
+  }
+  if (!item.there) return goneThere(lock, item);
+  if (!item.here) return goneHere(lock, item);
+  return both(lock, std::move(item));
+}
+
+Engine::Outcome Engine::waitFor(ItemNumber number, std::int64_t milliseconds) {
+  change(number, [&](Item& item) { item.due = now() + milliseconds; });
+  return Outcome::later;
+}
+
+/// Notes why something could not be done there, and when it is tried again.
+Engine::Outcome Engine::failed(const Item& item, const Error& error) {
+  if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
+  const auto problem = remoteProblemOf(error);
+  change(item.number, [&](Item& now) {
+    if (problem == RemoteProblem::cancelled) {
+      now.due.reset();
+    } else {
+      const auto shift = std::min<std::int64_t>(now.tries, 20);
+      now.due = this->now() + std::min(firstRetry << shift, longestRetry);
+      ++now.tries;
+    }
+    // What another one has changed is compared anew, and nothing to be told of.
+    if (problem != RemoteProblem::changedMeanwhile && problem != RemoteProblem::notFound) {
+      now.reason = error.description();
+    } else if (now.tries == 1) {
+      now.due = this->now();
+    }
+  });
+  return Outcome::later;
+}
+
+Engine::Outcome Engine::failedHere(const Item& item, int errnum, const std::string& what) {
+  if (errnum == ENOENT || errnum == ESTALE || errnum == ENOTDIR) {
+    if (item.here) lookAgain(Side::here, item.here->place);
+    return waitFor(item.number, 1);
+  }
+  return failed(item, Error::posix(errnum, what));
+}
+
+/// The directory is there on that side as well; brought back if need be, since something in it
+/// lives.
+bool Engine::haveParent(Lock& lock, Side side, ItemNumber parent) {
+  if (parent == rootItem) return true;
+  const auto has = [&](const std::optional<Item>& item) {
+    return item && (side == Side::here ? item->here : item->there).has_value();
+  };
+  auto item = items_->load(parent);
+  if (!item) return false;
+  if (has(item)) {
+    if (item->here && item->there && item->here->place != item->there->place) settle(lock, parent);
+    return has(items_->load(parent));
+  }
+  if (item->agreed) {
+    change(parent, [](Item& revived) { revived.agreed.reset(); });
+    item->agreed.reset();
+  }
+  if (side == Side::here) {
+    newThere(lock, *item);
+  } else {
+    newHere(lock, *item);
+  }
+  return has(items_->load(parent));
+}
+
+/// Nothing else has the place; what has it goes on to where it belongs, or aside.
+bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& place) {
+  auto other = items_->at(side, place);
+  if (!other || other->number == item.number) return true;
+  settle(lock, other->number);
+  other = items_->at(side, place);
+  if (!other || other->number == item.number) return true;
+  if (side == Side::here) return !isBusy(other->number) && setAside(*other);
+  const auto from = items_->path(Side::there, other->number);
+  const auto parent = items_->path(Side::there, place.parent);
+  if (!from || !parent) return false;
+  if (!other->here) {
+    // The name belongs to the remote's; ours gives way.
+    const auto own = items_->load(item.number);
+    if (own && own->here) setAside(*own);
+    return false;
+  }
+  if (isBusyBelow(Side::there, other->number)) return false;
+  // Two that exchange their names.
+  for (int attempt = 1; attempt < 10; ++attempt) {
+    const std::string name = nameBeside(place.name, conflictText(), attempt);
+    const auto moved = remotely(
+        lock, [&] { return remote_.move(*from, joined(*parent, name), versionOf(*other->there)); });
+    if (!moved && remoteProblemOf(moved.error()) == RemoteProblem::changedMeanwhile) continue;
+    if (!moved) return false;
+    change(other->number, [&](Item& now) {
+      const bool wasAgreed = now.agreed && now.there && now.agreed->version == now.there->version;
+      now.there = nodeThere({place.parent, name}, *moved);
+      if (wasAgreed) now.agreed->version = now.there->version;
+      now.due = this->now();
+    });
+    return true;
+  }
+  return false;
+}
+
+/// Gives what is here another name beside its own.
+bool Engine::setAside(const Item& item) {
+  const Place& place = item.here->place;
+  const auto directory = directoryHere(place.parent);
+  if (!directory) return false;
+  for (int attempt = 1; attempt < 1000; ++attempt) {
+    const std::string name = nameBeside(place.name, conflictText(), attempt);
+    if (!moveEntry(directory->get(), place.name, directory->get(), name)) {
+      if (errno == EEXIST) continue;
+      lookAgain(Side::here, place);
+      return false;
+    }
+    const auto moved = lookAt(directory->get(), name);
+    if (!moved || moved->identity != item.here->identity) {
+      moveEntry(directory->get(), name, directory->get(), place.name);
+      lookAgain(Side::here, place);
+      lookAgain(Side::here, {place.parent, name});
+      return false;
+    }
+    change(item.number, [&](Item& now) {
+      if (now.here) now.here->place.name = name;
+      now.due = this->now();
+    });
+    lookAgain(Side::here, {place.parent, name});
+    return true;
+  }
+  return false;
+}
+
+/// The same for what no item is: a link, a temporary file.
+bool Engine::setAsideUnknown(const Place& place) {
+  const auto directory = directoryHere(place.parent);
+  if (!directory || items_->at(Side::here, place)) return false;
+  const auto entry = lookAt(directory->get(), place.name);
+  if (!entry) return errno == ENOENT;
+  if (entry->kind && !stays(place.parent, place.name, *entry)) return false;
+  for (int attempt = 1; attempt < 1000; ++attempt) {
+    const std::string name = nameBeside(place.name, conflictText(), attempt);
+    if (moveEntry(directory->get(), place.name, directory->get(), name)) return true;
+    if (errno != EEXIST) return false;
+  }
+  return false;
+}
+
+Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
+  const Node& here = *item.here;
+  if (here.isPlaceholder) return Outcome::done;  // until its document is seen there
+  if (!haveParent(lock, Side::there, here.place.parent)) return waitFor(item.number, firstRetry);
+  if (const auto other = items_->at(Side::there, here.place);
+      other && other->number != item.number && !other->here && !other->agreed) {
+    // New on both sides.
+    if (other->there->kind != here.kind) {
+      setAside(item);
+      return Outcome::again;
+    }
+    if (isBusy(other->number)) return Outcome::later;
+    Database::Transaction transaction(*database_);
+    for (const ItemNumber child : items_->children(Side::there, other->number)) {
+      change(child, [&](Item& moved) { moved.there->place.parent = item.number; });
+    }
+    items_->erase(other->number);
+    change(item.number, [&](Item& met) { met.there = other->there; });
+    transaction.commit();
+    return Outcome::again;
+  }
+  if (!haveRoom(lock, Side::there, item, here.place)) return waitFor(item.number, 1);
+  const auto parent = items_->path(Side::there, here.place.parent);
+  if (!parent) return waitFor(item.number, firstRetry);
+  if (here.kind == Kind::file) {
+    const auto now = items_->load(item.number);
+    return now && now->here ? upload(lock, *now) : Outcome::again;
+  }
+  const auto made = remotely(lock, [&] {
+    return remote_.makeDirectory(joined(*parent, here.place.name), {{}, attributesOf(here).mode});
+  });
+  if (!made) {
+    lookAgain(Side::there, here.place);
+    return failed(item, made.error());
+  }
+  change(item.number, [&](Item& now) {
+    now.there = nodeThere(here.place, *made);
+    now.agreed = now.there;
+    now.agreed->mode = here.mode;
+    now.due = this->now();
+  });
+  if (isListing_) ownChanges_.insert(item.number);
+  return Outcome::again;
+}
+
+Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
+  const Node there = *item.there;
+  if (!haveParent(lock, Side::here, there.place.parent)) return waitFor(item.number, firstRetry);
+  if (const auto other = items_->at(Side::here, there.place);
+      other && other->number != item.number) {
+    if (!other->agreed && !other->there && other->here->kind == there.kind) {
+      settle(lock, other->number);  // which finds this one at its name
+      return items_->load(item.number) ? waitFor(item.number, firstRetry) : Outcome::again;
+    }
+    if (!haveRoom(lock, Side::here, item, there.place)) return waitFor(item.number, whileInUse);
+    return Outcome::again;
+  }
+  const auto directory = directoryHere(there.place.parent);
+  if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
+  const std::string& name = there.place.name;
+  const bool isDirectory = there.kind == Kind::directory;
+  const auto mode = static_cast<unsigned>(there.mode.value_or(isDirectory ? 0755 : 0644));
+  const bool isMade = isDirectory ? ::mkdirat(directory->get(), name.c_str(), 0700) == 0 &&
+                                        ::fchmodat(directory->get(), name.c_str(), mode, 0) == 0
+                                  : makePlaceholder(directory->get(), name, shapeOf(there), mode);
+  if (!isMade && errno == EEXIST) {
+    lookAgain(Side::here, there.place);
+    if (setAsideUnknown(there.place)) return Outcome::again;
+    return waitFor(item.number, 1);
+  }
+  if (!isMade || !syncFileSystem(directory->get())) {
+    return failedHere(item, errno, "It cannot be made here");
+  }
+  const auto entry = lookAt(directory->get(), name);
+  if (!entry || entry->kind != there.kind || (!isDirectory && !entry->isPlaceholder)) {
+    lookAgain(Side::here, there.place);
+    return waitFor(item.number, 1);
+  }
+  change(item.number, [&](Item& now) {
+    now.here = nodeHere(there.place, *entry);
+    now.agreed = there;
+    now.agreedHere.reset();
+    now.hash.reset();
+    now.due = this->now();
+  });
+  if (isDirectory) here_.directories.emplace_back(item.number, true);
+  return Outcome::again;
+}
+
+/// Both have something of that name, and never agreed.
+Engine::Outcome Engine::meet(Lock& lock, Item item) {
+  if (item.here->kind != item.there->kind) return conflict(lock, item);
+  if (item.here->kind == Kind::directory) {
+    change(item.number, [](Item& now) { now.agreed = now.there; });
+    return Outcome::again;
+  }
+  if (item.here->isPlaceholder) {
+    // A placeholder of ours whose item was forgotten: it takes what is there now.
+    change(item.number, [](Item& now) {
+      now.agreed = now.there;
+      now.agreed->version.clear();
+    });
+    return Outcome::again;
+  }
+  if (item.here->size != item.there->size || different_[item.number] == pair(item)) {
+    return conflict(lock, item);
+  }
+  return compare(lock, item);
+}
+
+Engine::Outcome Engine::goneThere(Lock& lock, const Item& item) {
+  const Node& here = *item.here;
+  const bool isChanged = isContentChangedHere(item) && here.kind == Kind::file;
+  const bool isMoved = here.place != item.agreed->place && !here.isPlaceholder;
+  if (isChanged || isMoved) {
+    // What was done here is not undone by a removal there.
+    change(item.number, [](Item& now) {
+      now.agreed.reset();
+      now.agreedHere.reset();
+      now.hash.reset();
+    });
+    return Outcome::again;
+  }
+  if (areHeldThere_ && !item.isConfirmed) return Outcome::later;
+  return removeHere(lock, item);
+}
+
+Engine::Outcome Engine::removeHere(Lock& lock, const Item& item) {
+  // Asked once more; a listing may have lied.
+  const Place& agreed = item.agreed->place;
+  if (const auto parent = items_->path(Side::there, agreed.parent)) {
+    const auto now = remotely(lock, [&] { return remote_.look(joined(*parent, agreed.name)); });
+    if (now && (now->identifier == item.agreed->identity || now->identifier.empty()) &&
+        (now->kind == RemoteKind::file) == (item.agreed->kind == Kind::file)) {
+      const auto other = items_->at(Side::there, agreed);
+      lookAgain(Side::there, agreed);
+      if (!other) return waitFor(item.number, 1);
+    } else if (!now && remoteProblemOf(now.error()) != RemoteProblem::notFound) {
+      return failed(item, now.error());
+    }
+  } else if (isInTrouble() || !hasLookedThere_) {
+    return waitFor(item.number, firstRetry);
+  }
+  const auto current = items_->load(item.number);
+  if (!current || !current->here || current->there || isBusy(item.number) ||
+      current->here->version != item.here->version || current->here->place != item.here->place) {
+    return Outcome::again;
+  }
+  const Node here = *current->here;
+  const auto directory = directoryHere(here.place.parent);
+  if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
+  const std::string& name = here.place.name;
+  if (here.kind == Kind::directory) {
+    for (const ItemNumber child : items_->children(Side::here, item.number)) {
+      // Removals of the whole tree are one removal.
+      if (item.isConfirmed) change(child, [](Item& confirmed) { confirmed.isConfirmed = true; });
+      settle(lock, child);
+    }
+    const auto now = items_->load(item.number);
+    if (!now || !now->here || now->there || !now->agreed) return Outcome::again;
+    if (!items_->children(Side::here, item.number, 0, 1).empty()) {
+      return waitFor(item.number, whileInUse);
+    }
+    if (::unlinkat(directory->get(), name.c_str(), AT_REMOVEDIR) != 0) {
+      if (errno != ENOTEMPTY && errno != EEXIST) {
+        return failedHere(item, errno, "The directory cannot be removed");
+      }
+      // Something in it is only here.
+      here_.directories.emplace_back(item.number, false);
+      change(item.number, [](Item& kept) { kept.agreed.reset(); });
+      return Outcome::again;
+    }
+  } else {
+    const auto file = openFile(directory->get(), name, here.isPlaceholder ? O_PATH : O_RDONLY);
+    if (!file) return failedHere(item, errno, "The document cannot be opened");
+    const auto before = lookAtFile(file.get());
+    const bool isSame = before && before->identity == here.identity &&
+                        before->isPlaceholder == here.isPlaceholder &&
+                        (here.isPlaceholder || before->version == here.version);
+    if (!isSame) {
+      lookAgain(Side::here, here.place);
+      return waitFor(item.number, 1);
+    }
+    if (!here.isPlaceholder && isOpenElsewhere(file.get())) {
+      return waitFor(item.number, whileInUse);
+    }
+    const std::string asideName = std::to_string(item.number);
+    {
+      Database::Transaction transaction(*database_);
+      items_->setFact("aside " + asideName, std::to_string(here.place.parent) + "/" + name);
+      transaction.commit();
+    }
+    if (!moveEntry(directory->get(), name, aside_.get(), asideName)) {
+      return failedHere(item, errno, "The document cannot be removed");
+    }
+    const auto taken = lookAt(aside_.get(), asideName);
+    const bool isStill = taken && taken->identity == here.identity &&
+                         taken->isPlaceholder == here.isPlaceholder &&
+                         taken->size == before->size && taken->modified == before->modified &&
+                         (here.isPlaceholder || !isOpenElsewhere(file.get()));
+    if (!isStill || ::unlinkat(aside_.get(), asideName.c_str(), 0) != 0) {
+      recoverAside();
+      lookAgain(Side::here, here.place);
+      return waitFor(item.number, whileInUse);
+    }
+  }
+  Database::Transaction transaction(*database_);
+  watches_.erase(item.number);
+  change(item.number, [](Item& now) { now.here.reset(); });
+  transaction.commit();
+  return Outcome::again;
+}
+
+Engine::Outcome Engine::goneHere(Lock& lock, const Item& item) {
+  const Node& there = *item.there;
+  if (isContentChangedThere(item) || there.place != item.agreed->place || item.movedOut) {
+    change(item.number, [](Item& now) {
+      now.agreed.reset();
+      now.agreedHere.reset();
+      now.hash.reset();
+    });
+    return Outcome::again;
+  }
+  if (areHeldHere_ && !item.isConfirmed) return Outcome::later;
+  if (there.kind == Kind::directory) {
+    for (const ItemNumber child : items_->children(Side::there, item.number)) {
+      if (item.isConfirmed) change(child, [](Item& confirmed) { confirmed.isConfirmed = true; });
+      settle(lock, child);
+    }
+    const auto now = items_->load(item.number);
+    if (!now || now->here || !now->there || !now->agreed) return Outcome::again;
+    if (!items_->children(Side::there, item.number, 0, 1).empty()) {
+      return waitFor(item.number, firstRetry);
+    }
+  }
+  const auto path = items_->path(Side::there, item.number);
+  if (!path || isBusy(item.number)) return waitFor(item.number, firstRetry);
+  const auto removed = remotely(lock, [&] { return remote_.remove(*path, versionOf(there)); });
+  if (!removed && remoteProblemOf(removed.error()) != RemoteProblem::notFound) {
+    if (remoteProblemOf(removed.error()) == RemoteProblem::changedMeanwhile) {
+      lookAgain(Side::there, there.place);
+      if (there.kind == Kind::directory) {
+        // Something in it was not seen: it comes back.
+        there_.directories.emplace_back(item.number, true);
+        change(item.number, [](Item& now) { now.agreed.reset(); });
+        return waitFor(item.number, 1);
+      }
+    }
+    return failed(item, removed.error());
+  }
+  change(item.number, [](Item& now) { now.there.reset(); });
+  return Outcome::again;
+}
+
+void Engine::agreeOnContent(Item& item, const Node& there) {
+  item.agreed->identity = there.identity;
+  item.agreed->version = there.version;
+  item.agreed->size = there.size;
+  item.agreed->modified = there.modified;
+}
+
+Engine::Outcome Engine::both(Lock& lock, Item item) {
+  if (item.here->kind != item.there->kind) return conflict(lock, item);
+  const bool isMovedHere = item.here->place != item.agreed->place;
+  const bool isMovedThere = item.there->place != item.agreed->place;
+  if (item.here->place != item.there->place) {
+    return isMovedThere ? moveHere(lock, item) : moveThere(lock, item);
+  }
+  if (isMovedHere || item.agreed->identity != item.there->identity) {
+    change(item.number, [](Item& now) {
+      now.agreed->place = now.there->place;
+      now.agreed->identity = now.there->identity;
+    });
+    return Outcome::again;
+  }
+  if (item.here->kind == Kind::directory) return attributes(lock, std::move(item));
+  if (item.here->isPlaceholder && item.agreedHere) {
+    change(item.number, [](Item& now) {
+      now.agreedHere.reset();
+      now.hash.reset();
+    });
+    return Outcome::again;
+  }
+  const bool isChangedHere = isContentChangedHere(item);
+  const bool isChangedThere = isContentChangedThere(item);
+  if (isChangedHere) {
+    const bool isDifferent =
+        item.here->size != item.there->size || different_[item.number] == pair(item);
+    // Of content that appeared in a placeholder it is not known whether it was only brought in.
+    const bool isUnknown = !item.agreedHere;
+    if (isChangedThere || isUnknown) {
+      if (!isDifferent) return compare(lock, item);
+      if (isChangedThere) return conflict(lock, item);
+    }
+    return upload(lock, item);
+  }
+  if (isChangedThere) return refresh(lock, item);
+  if (item.here->isPlaceholder && (item.isWanted || isPinned(item))) return download(lock, item);
+  return attributes(lock, std::move(item));
+}
+
+/// Permissions and times of a document or directory whose content both agree on.
+Engine::Outcome Engine::attributes(Lock& lock, Item item) {
+  const Node& here = *item.here;
+  const Node& there = *item.there;
+  const auto able = remote_.capabilities();
+  if (there.mode && there.mode != item.agreed->mode) {
+    const auto directory = directoryHere(here.place.parent);
+    if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
+    const auto entry = lookAt(directory->get(), here.place.name);
+    if (!entry || entry->identity != here.identity ||
+        ::fchmodat(directory->get(), here.place.name.c_str(), static_cast<mode_t>(*there.mode),
+                   0) != 0) {
+      return failedHere(item, errno, "Its permissions cannot be set");
+    }
+    const auto now = lookAt(directory->get(), here.place.name);
+    change(item.number, [&](Item& changed) {
+      changed.agreed->mode = there.mode;
+      if (!now || now->identity != here.identity || !changed.here) return;
+      // Only the time of the last change may have moved.
+      const bool isSame = now->size == here.size &&
+                          (here.kind == Kind::directory || now->modified == here.modified);
+      const Node node = nodeHere(changed.here->place, *now);
+      if (isSame && changed.agreedHere == changed.here->version) changed.agreedHere = node.version;
+      changed.here = node;
+    });
+    return Outcome::again;
+  }
+  RemoteAttributes wanted;
+  if (able.modes && here.mode != item.agreed->mode && !here.isPlaceholder) {
+    wanted.mode = static_cast<unsigned>(*here.mode);
+  }
+  // The mode of a placeholder is the document's where programs can tell.
+  if (able.modes && here.isPlaceholder && here.mode != item.agreed->mode && here.mode != 0) {
+    wanted.mode = static_cast<unsigned>(*here.mode);
+  }
+  if (able.modificationTimes && here.kind == Kind::file && !here.isPlaceholder &&
+      here.modified != item.agreed->modified) {
+    wanted.modified = attributesOf(here).modified;
+  }
+  if (!wanted.mode && !wanted.modified) return Outcome::done;
+  const auto path = items_->path(Side::there, item.number);
+  if (!path) return waitFor(item.number, firstRetry);
+  const auto set =
+      remotely(lock, [&] { return remote_.setAttributes(*path, versionOf(there), wanted); });
+  if (!set) {
+    lookAgain(Side::there, there.place);
+    return failed(item, set.error());
+  }
+  change(item.number, [&](Item& now) {
+    if (!now.there || !now.agreed) return;
+    const Place place = now.there->place;
+    now.there = nodeThere(place, *set);
+    if (now.there->kind == Kind::file) agreeOnContent(now, *now.there);
+    now.agreed->mode = wanted.mode ? here.mode : now.agreed->mode;
+    if (wanted.modified) now.agreed->modified = here.modified;
+  });
+  if (isListing_) ownChanges_.insert(item.number);
+  return Outcome::again;
+}
+
+Engine::Outcome Engine::moveHere(Lock& lock, const Item& item) {
+  const Place target = item.there->place;
+  if (!haveParent(lock, Side::here, target.parent)) return waitFor(item.number, firstRetry);
+  if (items_->isBelow(Side::here, target.parent, item.number)) {
+    // Each was moved into the other, on different sides: the remote's way.
+    for (ItemNumber at = target.parent; at != item.number;) {
+      const auto between = items_->load(at);
+      if (between->there && between->here->place != between->there->place &&
+          settling_.insert(at).second) {
+        const auto outcome = moveHere(lock, *between);
+        settling_.erase(at);
+        if (outcome == Outcome::again) return outcome;
+      }
+      at = between->here->place.parent;
+    }
+    return waitFor(item.number, firstRetry);
+  }
+  if (!haveRoom(lock, Side::here, item, target)) return waitFor(item.number, whileInUse);
+  const auto current = items_->load(item.number);
+  if (!current || !current->here || !current->there || current->there->place != target) {
+    return Outcome::again;
+  }
+  const Place from = current->here->place;
+  const auto source = directoryHere(from.parent);
+  if (!source) return failedHere(*current, errno, "Its directory cannot be opened");
+  const auto goal = directoryHere(target.parent);
+  if (!goal) return failedHere(*current, errno, "Its new directory cannot be opened");
+  const auto entry = lookAt(source->get(), from.name);
+  if (!entry || entry->identity != current->here->identity) {
+    lookAgain(Side::here, from);
+    return waitFor(item.number, 1);
+  }
+  if (!moveEntry(source->get(), from.name, goal->get(), target.name)) {
+    if (errno == EEXIST) {
+      lookAgain(Side::here, target);
+      return setAsideUnknown(target) ? Outcome::again : waitFor(item.number, 1);
+    }
+    return failedHere(*current, errno, "It cannot be moved");
+  }
+  const auto moved = lookAt(goal->get(), target.name);
+  if (!moved || moved->identity != current->here->identity) {
+    moveEntry(goal->get(), target.name, source->get(), from.name);
+    lookAgain(Side::here, from);
+    lookAgain(Side::here, target);
+    return waitFor(item.number, 1);
+  }
+  change(item.number, [&](Item& now) {
+    if (!now.here) return;
+    const bool wasAgreed = now.agreedHere == now.here->version;
+    Node node = nodeHere(target, *moved);
+    const bool isSame = node.size == now.here->size && node.modified == now.here->modified &&
+                        node.isPlaceholder == now.here->isPlaceholder;
+    if (wasAgreed && isSame && node.kind == Kind::file) now.agreedHere = node.version;
+    now.here = std::move(node);
+    now.agreed->place = target;
+  });
+  lookAgain(Side::here, from);
+  return Outcome::again;
+}
+
+Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
+  const Place target = item.here->place;
+  if (!haveParent(lock, Side::there, target.parent)) return waitFor(item.number, firstRetry);
+  if (items_->isBelow(Side::there, target.parent, item.number)) return moveHere(lock, item);
+  if (!haveRoom(lock, Side::there, item, target)) return waitFor(item.number, 1);
+  if (isBusyBelow(Side::there, item.number)) return waitFor(item.number, firstRetry);
+  const auto current = items_->load(item.number);
+  if (!current || !current->here || !current->there || current->here->place != target) {
+    return Outcome::again;
+  }
+  const Node there = *current->there;
+  const auto from = items_->path(Side::there, item.number);
+  const auto parent = items_->path(Side::there, target.parent);
+  if (!from || !parent) return waitFor(item.number, firstRetry);
+  const auto moved = remotely(
+      lock, [&] { return remote_.move(*from, joined(*parent, target.name), versionOf(there)); });
+  if (!moved) {
+    lookAgain(Side::there, there.place);
+    lookAgain(Side::there, target);
+    return failed(item, moved.error());
+  }
+  change(item.number, [&](Item& now) {
+    if (!now.agreed || !now.there) return;
+    const bool wasAgreed = now.agreed->version == there.version;
+    const bool isFile = there.kind == Kind::file;
+    now.there = nodeThere(target, *moved);
+    now.agreed->place = target;
+    if (isFile && wasAgreed) now.agreed->version = now.there->version;
+  });
+  if (isListing_) ownChanges_.insert(item.number);
+  return Outcome::again;
+}
+
+/// The remote has another content, here nothing was changed: a placeholder of the new one.
+Engine::Outcome Engine::refresh(Lock& lock, const Item& item) {
+  (void)lock;
+  const Node there = *item.there;
+  const Node here = *item.here;
+  const auto directory = directoryHere(here.place.parent);
+  if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
+  const auto file = openFile(directory->get(), here.place.name, O_RDWR);
+  if (!file) return failedHere(item, errno, "The document cannot be opened");
+  const auto before = lookAtFile(file.get());
+  if (!before || before->identity != here.identity || before->isPlaceholder != here.isPlaceholder) {
+    lookAgain(Side::here, here.place);
+    return waitFor(item.number, 1);
+  }
+  if (here.isPlaceholder) {
+    if (!reshape(file.get(), shapeOf(there))) {
+      return failedHere(item, errno, "The placeholder cannot be made");
+    }
+  } else {
+    switch (giveUpContent(file.get(), *item.agreedHere, shapeOf(there))) {
+      case Giving::done:
+        break;
+      case Giving::inUse:
+        return waitFor(item.number, whileInUse);
+      case Giving::changed:
+        lookAgain(Side::here, here.place);
+        return waitFor(item.number, 1);
+      case Giving::failed:
+        return failedHere(item, errno, "The newer version cannot take its place");
+    }
+  }
+  // Whoever puts something in its place from now on has seen the new version's size and time.
+  const auto now = lookAt(directory->get(), here.place.name);
+  if (!now || now->identity != here.identity || !now->isPlaceholder) {
+    lookAgain(Side::here, here.place);
+    return waitFor(item.number, 1);
+  }
+  change(item.number, [&](Item& changed) {
+    if (!changed.here || !changed.agreed) return;
+    changed.isWanted = changed.isWanted || !changed.here->isPlaceholder;
+    changed.here = nodeHere(changed.here->place, *now);
+    agreeOnContent(changed, there);
+    changed.agreedHere.reset();
+    changed.hash.reset();
+  });
+  return Outcome::again;
+}
+
+/// Ours goes beside the remote's, as an item of its own.
+Engine::Outcome Engine::conflict(Lock& lock, const Item& item) {
+  (void)lock;
+  const Place place = item.here->place;
+  const auto directory = directoryHere(place.parent);
+  if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
+  Item copy;
+  for (int attempt = 1;; ++attempt) {
+    const std::string name = nameBeside(place.name, conflictText(), attempt);
+    const auto entry = lookAt(directory->get(), name);
+    if (entry || errno != ENOENT || items_->at(Side::here, {place.parent, name})) {
+      constexpr int most = 1000;
+      if (attempt == most) return waitFor(item.number, firstRetry);
+      continue;
+    }
+    // Noted first: cut off in between, the file is found under its old name as the copy that it is,
+    // and meets the remote's there.
+    Database::Transaction transaction(*database_);
+    copy.here = item.here;
+    copy.here->place.name = name;
+    copy.isPinned = item.isPinned;
+    copy.conflictWith = item.number;
+    copy.conflictSince = static_cast<std::int64_t>(std::time(nullptr));
+    copy.due = now();
+    items_->save(copy);
+    for (const ItemNumber child : items_->children(Side::here, item.number)) {
+      change(child, [&](Item& moved) { moved.here->place.parent = copy.number; });
+    }
+    change(item.number, [&](Item& now) {
+      now.here.reset();
+      now.agreed.reset();
+      now.agreedHere.reset();
+      now.hash.reset();
+      now.isWanted = !item.here->isPlaceholder;
+    });
+    transaction.commit();
+    break;
+  }
+  if (item.here->kind == Kind::directory) {
+    watches_.erase(item.number);
+    here_.directories.emplace_back(copy.number, true);
+  }
+  if (!moveEntry(directory->get(), place.name, directory->get(), copy.here->place.name)) {
+    lookAgain(Side::here, copy.here->place);
+    lookAgain(Side::here, place);
+    return waitFor(item.number, 1);
+  }
+  lookAgain(Side::here, copy.here->place);
+  lookAgain(Side::here, place);
+  return Outcome::again;
+}
+
+}  // namespace docsource::mirror

@@ -1,0 +1,403 @@
+// Content on its way: up, down, or read from the remote only to be compared.
+//
+// A transfer works on copies of what it needs, without the mutex, and notes its result at the end
+// in whatever the item has become meanwhile: that a remote has a version, that a file here has the
+// content of one. What follows from it is the next comparison's affair.
+
+#include <fcntl.h>
+#include <sodium.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <memory>
+
+#include "mirror/Engine.h"
+#include "mirror/Parts.h"
+
+namespace docsource::mirror {
+namespace {
+
+constexpr std::size_t pieceSize = 1U << 20U;
+
+class Hash {
+ public:
+  Hash() { crypto_generichash_init(&state_, nullptr, 0, crypto_generichash_BYTES); }
+  void add(std::string_view bytes) {
+    crypto_generichash_update(&state_, reinterpret_cast<const unsigned char*>(bytes.data()),
+                              bytes.size());
+  }
+  std::string finish() {
+    std::array<unsigned char, crypto_generichash_BYTES> bytes{};
+    crypto_generichash_final(&state_, bytes.data(), bytes.size());
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+  }
+
+ private:
+  crypto_generichash_state state_{};
+};
+
+Error cancelledError() {
+  return remoteError(RemoteProblem::cancelled, "It was given up. `docsource sync` tries it again.");
+}
+Error notWholeError() {
+  return remoteError(RemoteProblem::changedMeanwhile,
+                     "The document was changed while it was read.");
+}
+
+/// A file here from its beginning to its end, as one version of it or not at all.
+class FileSource final : public RemoteSource {
+ public:
+  FileSource(int file, std::string version, std::int64_t size, Engine::Transfer& transfer)
+      : file_(file), version_(std::move(version)), size_(size), transfer_(transfer) {}
+
+  std::uint64_t size() const override { return static_cast<std::uint64_t>(size_); }
+
+  Result<std::string_view> read(std::size_t most) override {
+    if (transfer_.isCancelled) return cancelledError();
+    buffer_.resize(std::min(most, pieceSize));
+    const ssize_t count = ::pread(file_, buffer_.data(), buffer_.size(), position_);
+    if (count < 0) return Error::posix(errno, "The document cannot be read");
+    position_ += count;
+    if (count == 0) {
+      const auto now = lookAtFile(file_);
+      if (position_ != size_ || !now || now->version != version_ || now->isPlaceholder) {
+        return notWholeError();
+      }
+    }
+    const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(count));
+    hash_.add(bytes);
+    transfer_.done = static_cast<std::uint64_t>(position_);
+    return bytes;
+  }
+
+  std::string hash() { return hash_.finish(); }
+
+ private:
+  const int file_;
+  const std::string version_;
+  const std::int64_t size_;
+  Engine::Transfer& transfer_;
+  std::int64_t position_ = 0;
+  std::string buffer_;
+  Hash hash_;
+};
+
+/// The hash of all of it.
+Result<std::string> hashOf(FileSource& source) {
+  while (true) {
+    const auto bytes = source.read(pieceSize);
+    if (!bytes) return bytes.error();
+    if (bytes->empty()) return source.hash();
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<Engine::Transfer> Engine::begin(const Item& item, bool isUpload,
+                                                std::int64_t total) {
+  auto transfer = std::make_shared<Transfer>();
+  transfer->number = item.number;
+  transfer->order = ++transfersBegun_;
+  transfer->isUpload = isUpload;
+  transfer->total = static_cast<std::uint64_t>(total);
+  busy_.emplace(item.number, transfer);
+  return transfer;
+}
+
+void Engine::end(const std::shared_ptr<Transfer>& transfer) {
+  busy_.erase(transfer->number);
+  changed_.notify_all();
+}
+
+/// Has the work done, with the mutex released; `again` when it is done already.
+Engine::Outcome Engine::run(Lock& lock, std::function<void()> work) {
+  auto isDone = std::make_shared<std::atomic<bool>>(false);
+  lock.unlock();
+  executor_([this, isDone, work = std::move(work)] {
+    work();
+    *isDone = true;
+    wake_();
+  });
+  lock.lock();
+  return *isDone ? Outcome::again : Outcome::later;
+}
+
+Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
+  const Node here = *item.here;
+  if (item.due && *item.due > now()) return Outcome::later;  // it rests
+  if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
+  if (isClosed_ || busy_.size() >= options_.transfers) return Outcome::later;
+  const auto parent =
+      items_->path(Side::there, item.there ? item.there->place.parent : here.place.parent);
+  if (!parent) return waitFor(item.number, 1000);
+  const Place target = item.there ? item.there->place : here.place;
+  auto file = fileHere(item, O_RDONLY);
+  if (!file) {
+    lookAgain(Side::here, here.place);
+    return waitFor(item.number, 1);
+  }
+  const auto isAsNoted = [&] {
+    const auto now = lookAtFile(file->get());
+    return now && now->identity == here.identity && now->version == here.version &&
+           !now->isPlaceholder;
+  };
+  const auto age = std::time(nullptr) - here.modified.value_or(0) / 1'000'000'000;
+  if (age * 1000 < options_.restWhileOpen.count() && isBeingWritten(file->get())) {
+    return waitFor(item.number, std::max<std::int64_t>(options_.rest.count(), 1));
+  }
+  // What is in memory goes to disk: from here on whoever writes through a mapping is noticed.
+  if (::fsync(file->get()) != 0) return failedHere(item, errno, "The document cannot be synced");
+  if (!isAsNoted()) {
+    lookAgain(Side::here, here.place);
+    return waitFor(item.number, 1);
+  }
+  auto transfer = begin(item, true, here.size);
+  const auto opened = std::make_shared<qx::FileDescriptor>(std::move(*file));
+  const std::string path = parent->empty() ? target.name : *parent + "/" + target.name;
+  return run(lock, [this, transfer, opened, item, here, target, path] {
+    // Touched, or written with what it had: nothing to be carried.
+    if (item.agreed && item.there && item.hash && here.size == item.agreed->size) {
+      FileSource again(opened->get(), here.version, here.size, *transfer);
+      const auto hash = hashOf(again);
+      if (hash && *hash == *item.hash) {
+        Lock inner(mutex_);
+        guarded([&] {
+          change(item.number, [&](Item& now) {
+            now.agreedHere = here.version;
+            now.due = this->now();
+          });
+          return true;
+        });
+        return end(transfer);
+      }
+      transfer->done = 0;
+    }
+    FileSource source(opened->get(), here.version, here.size, *transfer);
+    RemoteAttributes attributes;
+    attributes.modified = RemoteTime(std::chrono::nanoseconds(here.modified.value_or(0)));
+    attributes.mode = static_cast<unsigned>(here.mode.value_or(0644));
+    const auto ifVersion = item.there ? std::optional(item.agreed->version) : std::nullopt;
+    Lock inner(mutex_);
+    const auto written = guarded([&] {
+      return remotely(inner, [&] { return remote_.write(path, ifVersion, attributes, source); });
+    });
+    guarded([&] {
+      if (!written) {
+        lookAgain(Side::here, here.place);
+        lookAgain(Side::there, target);
+        failed(item, written.error());
+        return true;
+      }
+      if (written->size != static_cast<std::uint64_t>(here.size)) {
+        lookAgain(Side::there, target);
+        failed(item, remoteError(RemoteProblem::failed,
+                                 "The remote has another size than what was sent to it."));
+        return true;
+      }
+      change(item.number, [&](Item& now) {
+        now.there = nodeThere(target, *written);
+        now.agreed = now.there;
+        now.agreed->mode = here.mode;
+        now.agreed->modified = here.modified;
+        now.agreedHere = here.version;
+        now.hash = source.hash();
+        now.tries = 0;
+        now.reason.reset();
+        const bool rests = now.here && now.here->version != here.version;
+        if (!rests) now.due = this->now();
+      });
+      if (isListing_) ownChanges_.insert(item.number);
+      return true;
+    });
+    end(transfer);
+  });
+}
+
+Result<std::string> Engine::hashThere(const std::string& path, const std::string& version,
+                                      Transfer& transfer) {
+  Hash hash;
+  auto read = remote_.read(path, version, 0, transfer.total, [&](std::string_view bytes) {
+    hash.add(bytes);
+    transfer.done += bytes.size();
+    return transfer.isCancelled ? Result<void>(cancelledError()) : Result<void>();
+  });
+  if (!read) return read.error();
+  if (transfer.done != transfer.total) return notWholeError();
+  return hash.finish();
+}
+
+/// Whether the content here is that of the version there.
+Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
+  if (item.due && *item.due > now()) return Outcome::later;
+  if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
+  if (isClosed_ || busy_.size() >= options_.transfers) return Outcome::later;
+  const Node here = *item.here;
+  const Node there = *item.there;
+  const auto path = items_->path(Side::there, item.number);
+  auto file = fileHere(item, O_RDONLY);
+  if (!file || !path) {
+    lookAgain(Side::here, here.place);
+    return waitFor(item.number, 1);
+  }
+  ::fsync(file->get());
+  auto transfer = begin(item, false, there.size);
+  const auto opened = std::make_shared<qx::FileDescriptor>(std::move(*file));
+  return run(lock, [this, transfer, opened, item, here, there, path] {
+    FileSource source(opened->get(), here.version, here.size, *transfer);
+    const auto own = hashOf(source);
+    transfer->done = 0;
+    Lock inner(mutex_);
+    const auto other = guarded([&] {
+      return remotely(inner, [&] { return hashThere(*path, there.version, *transfer); });
+    });
+    guarded([&] {
+      if (!own || !other) {
+        lookAgain(Side::here, here.place);
+        lookAgain(Side::there, there.place);
+        failed(item, own ? other.error() : own.error());
+      } else if (*own != *other) {
+        different_[item.number] = pair(item);
+        change(item.number, [&](Item& now) { now.due = this->now(); });
+      } else {
+        change(item.number, [&](Item& now) {
+          if (!now.there || now.there->version != there.version) return;
+          if (!now.agreed) {
+            now.agreed = there;
+          } else {
+            agreeOnContent(now, there);
+          }
+          now.agreedHere = here.version;
+          now.hash = *own;
+          now.due = this->now();
+        });
+      }
+      return true;
+    });
+    end(transfer);
+  });
+}
+
+Engine::Outcome Engine::download(Lock& lock, const Item& item) {
+  if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
+  if (isClosed_ || busy_.size() >= options_.transfers) return Outcome::later;
+  auto transfer = begin(item, false, item.agreed->size);
+  return run(lock, [this, transfer, item] {
+    const auto filled = fill(transfer);
+    Lock inner(mutex_);
+    guarded([&] {
+      if (!filled) failed(item, filled.error());
+      return true;
+    });
+    end(transfer);
+  });
+}
+
+/// Brings the content of a placeholder in; of the newest version, should there be one by now.
+Result<void> Engine::fill(const std::shared_ptr<Transfer>& transfer) {
+  constexpr int most = 5;
+  Result<void> result = remoteError(RemoteProblem::changedMeanwhile,
+                                    "The document keeps changing at its remote. Try again later.");
+  for (int attempt = 0; attempt < most; ++attempt) {
+    Lock lock(mutex_);
+    auto item = guarded([&]() -> Result<Item> {
+      auto now = items_->load(transfer->number);
+      if (!now || !now->here || !now->agreed) return Error::posix(ENOENT, "The document is gone");
+      if (!now->there) {
+        return remoteError(RemoteProblem::notFound, "The document is not at its remote any more.");
+      }
+      if (now->here->isPlaceholder && now->there->version != now->agreed->version) {
+        refresh(lock, *now);
+        now = items_->load(transfer->number);
+        if (!now || !now->here || !now->agreed || !now->there) {
+          return Error::posix(ENOENT, "The document is gone");
+        }
+      }
+      return *now;
+    });
+    if (!item) return item.error();
+    if (!item->here->isPlaceholder) return {};
+    lock.unlock();
+    result = fillOnce(transfer, *item);
+    if (result) return {};
+    const auto problem = remoteProblemOf(result.error());
+    if (problem != RemoteProblem::changedMeanwhile && problem != RemoteProblem::notFound) break;
+    lock.lock();
+    const auto looked = guarded([&]() -> Result<void> {
+      const auto path = items_->path(Side::there, transfer->number);
+      if (!path) return result.error();
+      const auto now = remotely(lock, [&] { return remote_.look(*path); });
+      if (item->there) lookAgain(Side::there, item->there->place);
+      if (!now) return now.error();
+      if (now->kind != RemoteKind::file) return result.error();
+      change(transfer->number, [&](Item& changed) {
+        if (changed.there) changed.there = nodeThere(changed.there->place, *now);
+      });
+      return {};
+    });
+    if (!looked) return looked.error();
+  }
+  return result;
+}
+
+Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const Item& item) {
+  const auto wanted = static_cast<std::uint64_t>(item.agreed->size);
+  Lock lock(mutex_);
+  auto opened = guarded([&]() -> Result<std::pair<qx::FileDescriptor, std::string>> {
+    const auto path = items_->path(Side::there, item.number);
+    if (!path) return remoteError(RemoteProblem::notFound, "The document is gone.");
+    auto file = fileHere(item, O_RDWR);
+    if (!file) return file.error();
+    return std::pair(std::move(*file), *path);
+  });
+  lock.unlock();
+  if (!opened) return opened.error();
+  const auto& [file, path] = *opened;
+  transfer->done = 0;
+  transfer->total = wanted;
+  const auto shape = shapeOf(*item.agreed);
+  Hash hash;
+  {
+    auto writer = Placeholder(file.get()).fill();
+    if (!writer) return writer.error();
+    lock.lock();
+    auto read = guarded([&]() -> Result<void> {
+      return remotely(lock, [&] {
+        return remote_.read(path, item.agreed->version, 0, wanted, [&](std::string_view bytes) {
+          if (transfer->isCancelled) return Result<void>(cancelledError());
+          if (bytes.size() > wanted - transfer->done) return Result<void>(notWholeError());
+          hash.add(bytes);
+          transfer->done += bytes.size();
+          return writer->write(bytes);
+        });
+      });
+    });
+    lock.unlock();
+    if (!read) return read;
+    if (transfer->done != wanted) return notWholeError();
+    if (auto finished = writer->finish(shape); !finished) return finished;
+  }
+  const auto now = lookAtFile(file.get());
+  lock.lock();
+  return guarded([&]() -> Result<void> {
+    if (!now) return Error::posix(EIO, "The document cannot be looked at");
+    change(item.number, [&](Item& filled) {
+      if (!filled.here || filled.here->identity != item.here->identity) return;
+      filled.here = nodeHere(filled.here->place, *now);
+      // With another time somebody has written already.
+      const bool isWhole = now->size == item.agreed->size && now->modified == item.agreed->modified;
+      filled.agreedHere = isWhole ? std::optional(now->version) : std::nullopt;
+      filled.hash = hash.finish();
+      filled.isWanted = false;
+      filled.tries = 0;
+      filled.reason.reset();
+      filled.due = this->now();
+    });
+    return {};
+  });
+}
+
+}  // namespace docsource::mirror

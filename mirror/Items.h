@@ -1,0 +1,130 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "mirror/Database.h"
+
+namespace docsource::mirror {
+
+using ItemNumber = std::int64_t;
+
+/// The directory that everything lies in, on each side.
+constexpr ItemNumber rootItem = 1;
+
+enum class Kind : std::int64_t {
+  file = 1,
+  directory = 2,
+  /// A further name of a file that has an item under another one. Here only; it stays here.
+  link = 3,
+};
+
+struct Place {
+  ItemNumber parent = 0;
+  std::string name;
+  friend bool operator==(const Place&, const Place&) = default;
+};
+
+/// An item as one of the three trees has it.
+struct Node {
+  Place place;
+  Kind kind = Kind::file;
+  /// Here the inode with its birth; there what the remote calls it, empty where it has no names.
+  std::string identity;
+  /// Of a file. Here size, modification and change time of the inode; there the remote's.
+  std::string version;
+  std::int64_t size = 0;
+  /// Nanoseconds since 1970; absent where the remote keeps none.
+  std::optional<std::int64_t> modified;
+  std::optional<std::int64_t> mode;
+  /// Here only.
+  bool isPlaceholder = false;
+};
+
+/// One document or directory in the three trees: what is here, what is there, and what both last
+/// agreed on. A tree that does not have the item has no node.
+struct Item {
+  ItemNumber number = 0;
+  std::optional<Node> here;
+  /// Place, kind, version, size, time and mode as the remote had them when both agreed. While the
+  /// document is a placeholder: what it stands for.
+  std::optional<Node> agreed;
+  std::optional<Node> there;
+
+  /// The version here that has the content of the agreed one; absent when no content was here.
+  std::optional<std::string> agreedHere;
+  /// BLAKE2b of the agreed content; absent when it was never here.
+  std::optional<std::string> hash;
+
+  /// When it has to be looked at, in milliseconds of the engine's clock; absent when all is done.
+  std::optional<std::int64_t> due;
+  std::int64_t tries = 0;
+  /// Why the last attempt failed, one sentence.
+  std::optional<std::string> reason;
+
+  bool isPinned = false;
+  /// Its content is to come back after it was given up for a newer version.
+  bool isWanted = false;
+  /// It went to another directory of the file system, instead of being deleted.
+  bool movedOut = false;
+  /// Its removal was confirmed.
+  bool isConfirmed = false;
+  /// The item whose version is under the name; this one is the copy.
+  std::optional<ItemNumber> conflictWith;
+  std::int64_t conflictSince = 0;
+
+  bool isRemovedHere() const { return !here && agreed; }
+  bool isRemovedThere() const { return !there && agreed; }
+};
+
+enum class Side { here, there };
+
+/// The three trees, in a database. No decision is made here. One thread at a time.
+class Items {
+ public:
+  explicit Items(Database& database);
+
+  std::optional<Item> load(ItemNumber number);
+  /// Writes all of it; gives it a number when it has none.
+  void save(Item& item);
+  void erase(ItemNumber number);
+
+  std::optional<Item> at(Side side, const Place& place);
+  /// Items of that identity; several only while files are being exchanged.
+  std::vector<Item> withIdentity(Side side, const std::string& identity);
+  /// Numbers of the items in a directory, at most `most` with a number greater than `after`, in
+  /// their order.
+  std::vector<ItemNumber> children(Side side, ItemNumber parent, ItemNumber after = 0,
+                                   std::int64_t most = -1);
+  /// Names from the top down to the item; absent when it is not on that side.
+  std::optional<std::string> path(Side side, ItemNumber number);
+  /// Whether `number` is `directory` or below it.
+  bool isBelow(Side side, ItemNumber number, ItemNumber directory);
+
+  /// What is due at `now`: what appears or changes in the order of its becoming due, then removals,
+  /// the latest first.
+  /// `condition` restricts it.
+  std::vector<ItemNumber> due(std::int64_t now, bool removals, const std::string& condition,
+                              std::int64_t most);
+  std::optional<std::int64_t> nextDue(const std::string& condition);
+  /// Everything that waits is due now.
+  void makeAllDue(std::int64_t now);
+
+  std::int64_t count(const char* condition);
+  void forEach(const char* condition, const std::function<void(const Item&)>& visit);
+
+  std::optional<std::string> fact(const std::string& name);
+  void setFact(const std::string& name, const std::string& value);
+
+  Database& database() { return database_; }
+
+ private:
+  static Item read(const Statement& row);
+
+  Database& database_;
+};
+
+}  // namespace docsource::mirror

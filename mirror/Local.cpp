@@ -1,0 +1,226 @@
+// Files of the storage, by descriptors and names.
+
+#include "mirror/Local.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+
+#include "platform/files/InodeMark.h"
+
+namespace docsource::mirror {
+namespace {
+
+constexpr std::int64_t perSecond = 1'000'000'000;
+constexpr const char* markAttribute = "user.docsource.placeholder";
+constexpr std::uint64_t blockUnit = 512;
+
+std::int64_t nanoseconds(const statx_timestamp& time) {
+  return time.tv_sec * perSecond + time.tv_nsec;
+}
+
+/// Whether a mark makes a placeholder of the file that carries it.
+bool counts(std::string_view mark, const struct statx& status, const qx::InodeName& inode) {
+  switch (qx::markedInode(mark, inode)) {
+    case qx::MarkedInode::this_:
+      return true;
+    case qx::MarkedInode::other:
+      return false;
+    case qx::MarkedInode::none:
+      break;
+  }
+  return status.stx_blocks * blockUnit < status.stx_size;
+}
+
+std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
+  constexpr unsigned wanted = STATX_BASIC_STATS | STATX_BTIME;
+  struct statx status {};
+  if (::statx(directory, name, flags | AT_NO_AUTOMOUNT, wanted, &status) != 0) return std::nullopt;
+  LocalEntry entry;
+  const bool isOfAnother = (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+  if (S_ISREG(status.stx_mode) && !isOfAnother) entry.kind = Kind::file;
+  if (S_ISDIR(status.stx_mode) && (!isOfAnother || *name == 0)) entry.kind = Kind::directory;
+  qx::InodeName inode{status.stx_ino, std::nullopt};
+  if (status.stx_mask & STATX_BTIME) {
+    inode.birth = qx::InodeName::Time{status.stx_btime.tv_sec, status.stx_btime.tv_nsec};
+  }
+  entry.identity = qx::markWord(inode);
+  entry.modified = nanoseconds(status.stx_mtime);
+  entry.mode = status.stx_mode & 0777U;
+  if (entry.kind != Kind::file) return entry;
+  entry.size = static_cast<std::int64_t>(status.stx_size);
+  entry.version = std::to_string(entry.size) + ":" + std::to_string(entry.modified) + ":" +
+                  std::to_string(nanoseconds(status.stx_ctime));
+  std::array<char, 1024> mark{};
+  const std::string path = *name == 0 ? "/proc/self/fd/" + std::to_string(directory)
+                                      : "/proc/self/fd/" + std::to_string(directory) + "/" + name;
+  const ssize_t size = *name == 0
+                           ? ::fgetxattr(directory, markAttribute, mark.data(), mark.size())
+                           : ::lgetxattr(path.c_str(), markAttribute, mark.data(), mark.size());
+  // A mark that cannot be read is no reason to believe in content.
+  if (size >= 0) {
+    entry.isPlaceholder = counts({mark.data(), static_cast<std::size_t>(size)}, status, inode);
+  } else if (errno != ENODATA && errno != EOPNOTSUPP) {
+    return std::nullopt;
+  }
+  return entry;
+}
+
+/// Held from when nobody else has the file open (F_WRLCK) or open for writing (F_RDLCK); who wants
+/// to waits (fcntl(2), F_SETLEASE).
+class Lease {
+ public:
+  Lease(int file, int kind) : file_(file) {
+    // Instead of SIGIO, which ends a process that does not expect it.
+    if (::fcntl(file_, F_SETSIG, SIGURG) != 0 || ::fcntl(file_, F_SETLEASE, kind) != 0) {
+      problem_ = errno;
+    }
+  }
+  ~Lease() {
+    if (problem_ == 0) ::fcntl(file_, F_SETLEASE, F_UNLCK);
+    ::fcntl(file_, F_SETSIG, 0);
+  }
+  Lease(const Lease&) = delete;
+  Lease& operator=(const Lease&) = delete;
+
+  /// 0, or what stood in the way: EAGAIN when somebody has it open.
+  int problem() const { return problem_; }
+  bool isWaitedFor(int kind) const { return ::fcntl(file_, F_GETLEASE) != kind; }
+
+ private:
+  int file_;
+  int problem_ = 0;
+};
+
+bool ok(const Result<void>& result) {
+  if (result) return true;
+  // What the library was told by the system is underneath.
+  const Error* cause = &result.error();
+  while (cause->underlying()) cause = cause->underlying();
+  errno = cause->domain() == posixErrorDomain ? static_cast<int>(cause->code()) : EIO;
+  return false;
+}
+
+}  // namespace
+
+std::optional<LocalEntry> lookAtFile(int file) { return entryOf(file, "", AT_EMPTY_PATH); }
+
+std::optional<LocalEntry> lookAt(int directory, const std::string& name) {
+  return entryOf(directory, name.c_str(), AT_SYMLINK_NOFOLLOW);
+}
+
+qx::FileDescriptor openDirectoryBelow(int directory, const std::string& path) {
+  constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  qx::FileDescriptor found(::openat(directory, ".", flags));
+  for (std::size_t at = 0; found && at < path.size();) {
+    const auto end = std::min(path.find('/', at), path.size());
+    found.reset(::openat(found.get(), path.substr(at, end - at).c_str(), flags));
+    at = end + 1;
+  }
+  return found;
+}
+
+bool listDirectory(int directory, const std::function<bool(const std::string& name)>& visit) {
+  const int own = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (own < 0) return false;
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(own), ::closedir);
+  if (!stream) return false;
+  while (true) {
+    errno = 0;
+    const dirent* entry = ::readdir(stream.get());
+    if (!entry) return errno == 0;
+    const std::string name(&entry->d_name[0]);
+    if (name != "." && name != ".." && !visit(name)) return true;
+  }
+}
+
+qx::FileDescriptor openFile(int directory, const std::string& name, int flags) {
+  return qx::FileDescriptor(
+      ::openat(directory, name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+bool moveEntry(int from, const std::string& name, int to, const std::string& newName) {
+  return ::renameat2(from, name.c_str(), to, newName.c_str(), RENAME_NOREPLACE) == 0;
+}
+
+bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape,
+                     unsigned mode) {
+  const qx::FileDescriptor made(::openat(directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
+  if (!made || !ok(Placeholder(made.get()).reset(shape)) || ::fchmod(made.get(), mode) != 0) {
+    return false;
+  }
+  const std::string link = "/proc/self/fd/" + std::to_string(made.get());
+  return ::linkat(AT_FDCWD, link.c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
+bool syncFileSystem(int directory) { return ::syncfs(directory) == 0; }
+
+bool reshape(int file, const Placeholder::Shape& shape) {
+  return ok(Placeholder(file).reset(shape));
+}
+
+Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& shape) {
+  const auto& marks = PlaceholderMarks::extendedAttributes();
+  {
+    const Lease lease(file, F_WRLCK);
+    if (lease.problem() == EAGAIN) return Giving::inUse;
+    errno = lease.problem();
+    if (lease.problem() != 0) return Giving::failed;
+    const auto now = lookAtFile(file);
+    if (!now) return Giving::failed;
+    if (now->isPlaceholder || now->version != version) return Giving::changed;
+    // Whoever gets at the file from here on waits for its content.
+    const bool isMarked =
+        marks.set(file, PlaceholderMarks::placeholder, "placeholder " + now->identity) &&
+        ::fsync(file) == 0;
+    const int problem = errno;
+    if (!isMarked || lease.isWaitedFor(F_WRLCK)) {
+      marks.clear(file, PlaceholderMarks::placeholder);
+      errno = problem;
+      return isMarked ? Giving::inUse : Giving::failed;
+    }
+  }
+  return reshape(file, shape) ? Giving::done : Giving::failed;
+}
+
+bool isBeingWritten(int file) {
+  // A lease for reading needs a descriptor that cannot write.
+  const qx::FileDescriptor reader(
+      ::open(("/proc/self/fd/" + std::to_string(file)).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return reader && Lease(reader.get(), F_RDLCK).problem() == EAGAIN;
+}
+
+bool isOpenElsewhere(int file) { return Lease(file, F_WRLCK).problem() != 0; }
+
+Placeholder::Shape shapeOf(const Node& node) {
+  return {static_cast<std::uint64_t>(node.size),
+          Placeholder::Time(std::chrono::nanoseconds(node.modified.value_or(0))), std::nullopt};
+}
+
+std::string nameBeside(const std::string& name, const std::string& what, int attempt) {
+  constexpr std::size_t longest = 255;
+  constexpr std::size_t longestExtension = 32;
+  const std::string added =
+      " (" + what + (attempt > 1 ? " " + std::to_string(attempt) : std::string()) + ")";
+  auto dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0 || name.size() - dot > longestExtension) {
+    dot = name.size();
+  }
+  const std::string extension = name.substr(dot);
+  std::size_t stem = std::min(dot, longest - added.size() - extension.size());
+  // Not in the middle of a character of UTF-8.
+  while (stem > 0 && stem < dot && (static_cast<unsigned char>(name[stem]) & 0xC0U) == 0x80U) {
+    --stem;
+  }
+  return name.substr(0, stem) + added + extension;
+}
+
+}  // namespace docsource::mirror

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "docsource/placeholder.h"
+#include "mirror/Items.h"
+#include "platform/base/FileDescriptor.h"
+
+/// What the mirror does to the files of its storage. Directories are handed over as descriptors,
+/// and names in them never follow a link. Functions that return false have set errno.
+namespace docsource::mirror {
+
+/// An entry of a directory as it is at the moment.
+struct LocalEntry {
+  /// Absent for what never leaves: links, devices, pipes, what lies on another file system.
+  std::optional<Kind> kind;
+  std::string identity;
+  std::string version;
+  std::int64_t size = 0;
+  std::int64_t modified = 0;
+  std::int64_t mode = 0;
+  bool isPlaceholder = false;
+};
+
+/// Of a descriptor, or of an entry; absent with errno set.
+std::optional<LocalEntry> lookAtFile(int file);
+std::optional<LocalEntry> lookAt(int directory, const std::string& name);
+
+/// Opens a directory below another by its path ("" for itself); empty with errno set. Nothing on
+/// the way may be a link.
+qx::FileDescriptor openDirectoryBelow(int directory, const std::string& path);
+
+/// The names in a directory without "." and ".."; stops when `visit` returns false.
+bool listDirectory(int directory, const std::function<bool(const std::string& name)>& visit);
+
+/// A document is opened without waiting for anybody who holds it.
+qx::FileDescriptor openFile(int directory, const std::string& name, int flags);
+
+/// Never over something.
+bool moveEntry(int from, const std::string& name, int to, const std::string& newName);
+
+/// Makes a placeholder, which appears whole, and over nothing. On disk after syncDirectory().
+bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape,
+                     unsigned mode);
+/// Everything that was done on the file system of the directory is on disk.
+bool syncFileSystem(int directory);
+
+/// A placeholder gets another shape.
+bool reshape(int file, const Placeholder::Shape& shape);
+
+enum class Giving { done, inUse, changed, failed };
+/// Makes a placeholder of a document whose content is that of `version`, unless somebody has it
+/// open. Only `failed` sets errno.
+Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& shape);
+
+/// Whether some program has the file open for writing; false where that cannot be asked.
+bool isBeingWritten(int file);
+/// Whether anybody but the caller has the file open; true where that cannot be asked.
+bool isOpenElsewhere(int file);
+
+Placeholder::Shape shapeOf(const Node& node);
+
+/// The name with " (`what`)" before its last extension, and a number from the second attempt on, of
+/// at most 255 bytes.
+std::string nameBeside(const std::string& name, const std::string& what, int attempt);
+
+}  // namespace docsource::mirror

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <type_traits>
+
+#include "mirror/Engine.h"
+
+namespace docsource::mirror {
+
+/// What the source files of the engine share beyond its header.
+
+/// One transfer under way. Its counters are set by the thread that works, and read by any.
+struct Engine::Transfer {
+  ItemNumber number = 0;
+  std::uint64_t order = 0;
+  bool isUpload = false;
+  std::atomic<std::uint64_t> done = 0;
+  std::atomic<std::uint64_t> total = 0;
+  std::atomic<bool> isCancelled = false;
+};
+
+/// What the database could not do becomes an error of whoever asked, and everything is looked at
+/// again.
+template <class F>
+auto Engine::guarded(F work) -> decltype(work()) {
+  using Answer = decltype(work());
+  try {
+    return work();
+  } catch (const DatabaseFailure& failure) {
+    broken_ = failure.text;
+    here_ = {};
+    there_ = {};
+    here_.directories.emplace_back(rootItem, true);
+    cursor_.reset();
+    shallLookThere_ = true;
+    if constexpr (std::is_constructible_v<Answer, Error>) {
+      return Error::posix(EIO, "The mirror's database: " + failure.text);
+    } else {
+      return Answer();
+    }
+  }
+}
+
+/// An operation of the remote, with the mutex released; not at all while it is known to be in
+/// trouble.
+template <class F>
+auto Engine::remotely(Lock& lock, F work) -> decltype(work()) {
+  if (isInTrouble()) return *trouble_;
+  lock.unlock();
+  auto answer = work();
+  lock.lock();
+  if (!answer) {
+    (void)trouble(answer.error());
+  } else if (trouble_) {
+    wellAgain();
+  }
+  return answer;
+}
+
+}  // namespace docsource::mirror
