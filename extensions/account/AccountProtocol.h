@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/conduit/QXProtocol.h"
+
+/// What the process of an account offers to the tools of its user, under the account's bundle
+/// identifier as the name of the service. Whoever is another user, or in a sandbox, is not served.
+///
+/// The health of an account is a dictionary: "state" (a word of accountStateName()), "since" (seconds
+/// since 1970), where there is one "reason" (a sentence), and the numbers "items", "waiting",
+/// "failed", "removalsHere" and "removalsThere". The status of an item is one, too: "state" (a word
+/// of itemStateName()), "isDirectory", "isPinned" and where there is one "reason"; or an "error".
+/// They come in the order of the URLs. A transfer: "URL", "isUpload", "done" and "total", in bytes.
+/// A conflict: "URL", "copyURL" and "since".
+///
+/// Bringing in, giving back and synchronising are answered when they are done.
+
+// clang-format off
+#define DS_ACCOUNT(OPERATION)                                                     \
+  OPERATION(healthCompletion, (), (qx::Error, qx::Dictionary))                    \
+  OPERATION(syncConfirmingRemovals_completion, (bool), (qx::Error))               \
+  OPERATION(statusOfItemsAtURLs_completion, (qx::Array), (qx::Error, qx::Array))  \
+  OPERATION(provideItemAtURL_completion, (qx::URL), (qx::Error))                  \
+  OPERATION(evictItemAtURL_completion, (qx::URL), (qx::Error))                    \
+  OPERATION(pinItemAtURL_completion, (qx::URL), (qx::Error))                      \
+  OPERATION(unpinItemAtURL_completion, (qx::URL), (qx::Error))                    \
+  OPERATION(transfersCompletion, (), (qx::Error, qx::Array))                      \
+  OPERATION(cancelTransferOfItemAtURL_completion, (qx::URL), (qx::Error))         \
+  OPERATION(conflictsCompletion, (), (qx::Error, qx::Array))                      \
+  OPERATION(takeConflictCopyAtURL_completion, (qx::URL), (qx::Error))
+// clang-format on
+QX_PROTOCOL(DSAccount, DS_ACCOUNT)
+
+/// The description of the interface for either end.
+inline std::shared_ptr<QXConduitInterface> dsAccountInterface() {
+  using qx::conduit::ValueClass;
+  auto interface = QXConduitInterface::interfaceWithProtocol<DSAccount>();
+  interface->setClassesForReply({ValueClass::string, ValueClass::integer}, "healthCompletion:", 1);
+  for (const char* list :
+       {"statusOfItemsAtURLs:completion:", "transfersCompletion:", "conflictsCompletion:"}) {
+    interface->setClassesForReply({ValueClass::dictionary, ValueClass::string, ValueClass::integer,
+                                   ValueClass::boolean, ValueClass::url, ValueClass::error},
+                                  list, 1);
+  }
+  return interface;
+}
