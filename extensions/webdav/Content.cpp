@@ -1,0 +1,104 @@
+#include "extensions/webdav/Content.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace docsource::webdav {
+namespace {
+
+constexpr std::size_t pieceSize = 256 * 1024;
+
+}  // namespace
+
+void Checksum::Free::operator()(void* context) const {
+  EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(context));
+}
+
+std::optional<Checksum> Checksum::named(const std::string& name) {
+  const EVP_MD* const kind = EVP_get_digestbyname(name.c_str());
+  if (!kind) return std::nullopt;
+  Checksum checksum(EVP_MD_CTX_new());
+  auto* const context = static_cast<EVP_MD_CTX*>(checksum.context_.get());
+  if (!context || EVP_DigestInit_ex(context, kind, nullptr) != 1) return std::nullopt;
+  return checksum;
+}
+
+void Checksum::add(std::string_view bytes) {
+  EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(context_.get()), bytes.data(), bytes.size());
+}
+
+std::string Checksum::text() {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
+  unsigned size = 0;
+  EVP_DigestFinal_ex(static_cast<EVP_MD_CTX*>(context_.get()), bytes.data(), &size);
+  std::string text;
+  constexpr std::string_view digits = "0123456789abcdef";
+  for (unsigned i = 0; i < size; ++i) {
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
+std::string checksumOf(const std::string& name, std::string_view bytes) {
+  auto checksum = Checksum::named(name);
+  if (!checksum) return {};
+  checksum->add(bytes);
+  return checksum->text();
+}
+
+SourceUpload::SourceUpload(RemoteSource& source)
+    : source_(source), sha256_(*Checksum::named("SHA256")), sha1_(*Checksum::named("SHA1")) {}
+
+/// Goes on to the piece that waits and looks what comes after it.
+Result<void> SourceUpload::fetch() {
+  const auto next = [&]() -> Result<void> {
+    const auto piece = source_.read(pieceSize);
+    if (!piece) return piece.error();
+    next_.assign(*piece);
+    hasEnded_ = piece->empty();
+    return {};
+  };
+  if (!std::exchange(hasBegun_, true)) {
+    if (auto first = next(); !first) return first;
+  }
+  current_.swap(next_);
+  next_.clear();
+  position_ = 0;
+  if (hasEnded_) return {};
+  return next();
+}
+
+Result<std::size_t> SourceUpload::read(char* into, std::size_t most) {
+  if (position_ == current_.size() && !(hasBegun_ && hasEnded_ && next_.empty())) {
+    if (auto fetched = fetch(); !fetched) return fetched.error();
+  }
+  const auto count = current_.copy(into, most, position_);
+  position_ += count;
+  given_ += count;
+  const bool isMore = position_ < current_.size() || !next_.empty();
+  if (given_ > source_.size() || (given_ == source_.size() && isMore) ||
+      (count == 0 && given_ < source_.size())) {
+    return remoteError(RemoteProblem::failed, "The document changed while it was uploaded.");
+  }
+  sha256_.add({into, count});
+  sha1_.add({into, count});
+  return count;
+}
+
+Result<std::string> SourceUpload::take(std::uint64_t most) {
+  std::string all;
+  std::array<char, 64 * 1024> piece{};
+  while (all.size() < most) {
+    const auto count = read(piece.data(), std::min<std::uint64_t>(piece.size(), most - all.size()));
+    if (!count) return count.error();
+    if (*count == 0) break;
+    all.append(piece.data(), *count);
+  }
+  return all;
+}
+
+}  // namespace docsource::webdav

@@ -1,0 +1,144 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "docsource/remote.h"
+#include "extensions/webdav/Pacer.h"
+
+namespace docsource::webdav {
+
+/// How a server is reached and who asks.
+struct ConnectionOptions {
+  /// Absent with a bearer token, or where the server asks nobody.
+  std::optional<std::string> user;
+  /// Password or bearer token; asked for when it is first needed and again when the server refused
+  /// it. Absent: none is sent.
+  std::function<Result<std::string>()> secret;
+  /// The secret is a bearer token (RFC 6750).
+  bool isBearer = false;
+  /// Files in PEM form. Without an authority of one's own those of the system are trusted.
+  std::optional<std::string> authority;
+  std::optional<std::string> clientCertificate;
+  std::optional<std::string> clientKey;
+  /// A URL; absent: what the environment says (http_proxy, https_proxy, no_proxy).
+  std::optional<std::string> proxy;
+  /// A connection on which nothing moves for so long is given up.
+  std::chrono::seconds patience{60};
+  Pacer::Wait wait;
+};
+
+/// The content of a request.
+class Upload {
+ public:
+  virtual ~Upload() = default;
+  virtual std::uint64_t size() const = 0;
+  /// The next bytes; none at the end. An error breaks the connection before the server has all.
+  virtual Result<std::size_t> read(char* into, std::size_t most) = 0;
+  /// Back to the beginning; false when that is not possible (any more).
+  virtual bool rewind() = 0;
+};
+
+/// Content that is in memory, and stays there as long as this object.
+class MemoryUpload final : public Upload {
+ public:
+  explicit MemoryUpload(std::string_view text) : text_(text) {}
+  std::uint64_t size() const override { return text_.size(); }
+  Result<std::size_t> read(char* into, std::size_t most) override {
+    const auto count = text_.copy(into, most, position_);
+    position_ += count;
+    return count;
+  }
+  bool rewind() override {
+    position_ = 0;
+    return true;
+  }
+
+ private:
+  const std::string_view text_;
+  std::size_t position_ = 0;
+};
+
+struct Answer {
+  long status = 0;
+  /// By name in lower case; those that came more than once joined by ", ".
+  std::map<std::string, std::string, std::less<>> headers;
+  /// Its content, the beginning of it, where nobody took it.
+  std::string text;
+  /// Where it came from in the end.
+  std::string url;
+
+  bool succeeded() const { return status >= 200 && status < 300; }
+  std::optional<std::string_view> header(std::string_view name) const;
+  /// A header that is a date, in seconds since 1970 (RFC 9110, 5.6.7).
+  std::optional<std::int64_t> date(std::string_view name) const;
+};
+
+struct Request {
+  std::string method;
+  std::string url;
+  /// "Name: value".
+  std::vector<std::string> headers = {};
+  Upload* upload = nullptr;
+  /// Sending it twice does what sending it once does.
+  bool isRepeatable = false;
+  bool followsRedirects = false;
+  std::optional<std::chrono::seconds> patience = {};
+  /// A status of 502 is an answer and not a proxy's.
+  bool gatewayAnswers = false;
+  /// Of an answer that succeeds: called once before its content; an error ends the request.
+  std::function<Result<void>(const Answer&)> begin = {};
+  /// Its content in pieces; false when no more is wanted, which is success.
+  std::function<Result<bool>(std::string_view)> take = {};
+};
+
+/// The connections to one server. Everything that is asked of it goes through perform(), which is
+/// where authentication, retries and broken connections are dealt with.
+///
+/// Threads: any; perform() waits.
+class Session {
+ public:
+  explicit Session(ConnectionOptions options);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /// The answer, whatever its status, but: `unreachable` when none came (also a proxy's 502 and
+  /// 504), `notNow` for what the server puts off, `notAuthorised`; and the error of a callback or
+  /// of the upload as it was.
+  Result<Answer> perform(const Request& request);
+
+  Pacer& pacer() { return pacer_; }
+
+ private:
+  class Handle;
+  struct Transfer;
+
+  std::unique_ptr<Handle> acquire();
+  void release(std::unique_ptr<Handle> handle);
+  Result<std::optional<std::string>> secret(bool anew);
+  /// How the server wants to be told who asks; 0 when it offers nothing that is known.
+  long schemeIn(const Answer& answer, bool isSecure) const;
+  /// Whether a request that was not authorised has a chance now.
+  Result<bool> authorise(const Answer& answer, const Request& request, long sentScheme,
+                         unsigned& refusals, bool& hasAskedAnew);
+
+  const ConnectionOptions options_;
+  Pacer pacer_;
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<Handle>> idle_;
+  std::optional<std::string> secret_;
+  std::atomic<long> scheme_{0};
+};
+
+}  // namespace docsource::webdav

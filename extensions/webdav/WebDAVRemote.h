@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "docsource/remote.h"
+#include "extensions/webdav/HTTP.h"
+
+/// Documents on a WebDAV server (RFC 4918).
+namespace docsource::webdav {
+
+struct WebDAVOptions {
+  /// The account's top: http or https, without user, password, query or fragment.
+  std::string url;
+  ConnectionOptions connection;
+  /// Larger documents go to a server that takes parts in parts of this size, in bytes; one part for
+  /// each upload under way is held in memory. Such servers want 5 MB at least.
+  std::uint64_t partSize = 10 * 1024 * 1024;
+};
+
+/// An error when the URL is none that can be used. Nothing is asked before the first operation;
+/// what the remote is capable of is known when identity() has succeeded.
+Result<std::unique_ptr<Remote>> makeWebDAVRemote(WebDAVOptions options);
+
+/// What `command` prints, run by the shell: its first line.
+Result<std::string> secretFromCommand(const std::string& command);
+/// The first line of a file that nobody but its owner may read (mode 0600 or less).
+Result<std::string> secretFromFile(const std::string& path);
+
+}  // namespace docsource::webdav

@@ -1,0 +1,189 @@
+#!/usr/bin/env python3
+"""Runs one WebDAV server as an ordinary process, for a test.
+
+    servers.py KIND DIRECTORY
+
+KIND is apache, nginx, lighttpd, rclone or sabre. Everything lies in DIRECTORY: what is served in
+"files", and the server's own things beside it. The port is one that the kernel had free. Prints the
+URL when the server answers, or "missing WHAT" when it is not installed, and ends it when standard
+input ends.
+"""
+import ctypes, os, shutil, signal, socket, subprocess, sys, time
+
+SABRE = r"""<?php
+set_include_path('/usr/share/php');
+require_once 'Sabre/autoload.php';
+date_default_timezone_set('UTC');
+$server = new Sabre\DAV\Server(new Sabre\DAV\FS\Directory(getenv('FILES')));
+$server->setBaseUri('/');
+$server->addPlugin(new Sabre\DAV\Locks\Plugin(new Sabre\DAV\Locks\Backend\File(getenv('LOCKS'))));
+$server->exec();
+"""
+
+APACHE = """
+ServerRoot "{top}"
+ServerName localhost
+Listen 127.0.0.1:{port}
+PidFile "{top}/pid"
+ErrorLog "{top}/log"
+Mutex file:{top} default
+LoadModule mpm_event_module {modules}/mod_mpm_event.so
+LoadModule authn_core_module {modules}/mod_authn_core.so
+LoadModule authn_file_module {modules}/mod_authn_file.so
+LoadModule authz_core_module {modules}/mod_authz_core.so
+LoadModule authz_user_module {modules}/mod_authz_user.so
+LoadModule auth_digest_module {modules}/mod_auth_digest.so
+LoadModule dav_module {modules}/mod_dav.so
+LoadModule dav_fs_module {modules}/mod_dav_fs.so
+LoadModule deflate_module {modules}/mod_deflate.so
+LoadModule filter_module {modules}/mod_filter.so
+{user}
+StartServers 1
+ThreadsPerChild 16
+DocumentRoot "{files}"
+DavLockDB "{top}/locks"
+SetOutputFilter DEFLATE
+<Directory "{files}">
+  Dav On
+  AllowOverride None
+  AuthType Digest
+  AuthName docs
+  AuthUserFile "{top}/users"
+  Require valid-user
+</Directory>
+"""
+
+NGINX = """
+{user}
+daemon off;
+master_process off;
+pid {top}/pid;
+error_log {top}/log;
+load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;
+events {{ }}
+http {{
+  access_log off;
+  client_body_temp_path {top}/bodies;
+  proxy_temp_path {top}/proxy;
+  fastcgi_temp_path {top}/fastcgi;
+  uwsgi_temp_path {top}/uwsgi;
+  scgi_temp_path {top}/scgi;
+  server {{
+    listen 127.0.0.1:{port};
+    root {files};
+    client_max_body_size 0;
+    dav_methods PUT DELETE MKCOL COPY MOVE;
+    dav_ext_methods PROPFIND OPTIONS;
+  }}
+}}
+"""
+
+LIGHTTPD = """
+server.port = {port}
+server.bind = "127.0.0.1"
+server.document-root = "{files}"
+server.errorlog = "{top}/log"
+server.upload-dirs = ( "{top}" )
+server.modules = ( "mod_webdav" )
+webdav.activate = "enable"
+webdav.sqlite-db-name = "{top}/properties"
+"""
+
+
+def free_port():
+    with socket.socket() as trial:
+        trial.bind(("127.0.0.1", 0))
+        return trial.getsockname()[1]
+
+
+def write(path, text):
+    with open(path, "w") as file:
+        file.write(text)
+    return path
+
+
+def command(kind, top, port):
+    """The program, its arguments and what goes with it; None when it is not installed."""
+    files = top + "/files"
+    os.makedirs(files, exist_ok=True)
+    root = os.geteuid() == 0
+    values = {"top": top, "files": files, "port": port, "modules": "/usr/lib/apache2/modules",
+              "user": ""}
+    environment = {}
+    if kind == "apache":
+        program = "/usr/sbin/apache2"
+        if root:
+            # As root it hands its work to another user, to whom everything has to belong.
+            values["user"] = "User www-data\nGroup www-data"
+            shutil.chown(top, "www-data", "www-data")
+            shutil.chown(files, "www-data", "www-data")
+        import hashlib
+        secret = hashlib.md5(b"user:docs:pass word").hexdigest()
+        write(top + "/users", f"user:docs:{secret}\n")
+        arguments = ["-DFOREGROUND", "-f", write(top + "/conf", APACHE.format(**values))]
+    elif kind == "nginx":
+        program = "/usr/sbin/nginx"
+        if not os.path.exists("/usr/lib/nginx/modules/ngx_http_dav_ext_module.so"):
+            return None
+        values["user"] = "user root;" if root else ""
+        arguments = ["-p", top, "-e", top + "/log",
+                     "-c", write(top + "/conf", NGINX.format(**values))]
+    elif kind == "lighttpd":
+        program = "/usr/sbin/lighttpd"
+        if not os.path.exists("/usr/lib/lighttpd/mod_webdav.so"):
+            return None
+        arguments = ["-D", "-f", write(top + "/conf", LIGHTTPD.format(**values))]
+    elif kind == "rclone":
+        program = "/usr/bin/rclone"
+        environment = {"RCLONE_CONFIG": top + "/conf"}
+        arguments = ["serve", "webdav", files, "--addr", f"127.0.0.1:{port}",
+                     "--dir-cache-time", "0s", "--user", "user", "--pass", "pass word"]
+    else:
+        program = "/usr/bin/php"
+        if not os.path.exists("/usr/share/php/Sabre/autoload.php"):
+            return None
+        environment = {"FILES": files, "LOCKS": top + "/locks", "PHP_CLI_SERVER_WORKERS": "4"}
+        arguments = ["-S", f"127.0.0.1:{port}", write(top + "/index.php", SABRE)]
+    if not os.path.exists(program):
+        return None
+    return [program] + arguments, environment
+
+
+def die_with_parent():
+    ctypes.CDLL(None).prctl(1, signal.SIGTERM)
+
+
+def answers(port):
+    try:
+        socket.create_connection(("127.0.0.1", port), 1).close()
+        return True
+    except OSError:
+        return False
+
+
+def main():
+    kind, top = sys.argv[1], os.path.abspath(sys.argv[2])
+    os.makedirs(top, exist_ok=True)
+    port = free_port()
+    if len(sys.argv) > 3:
+        port = int(sys.argv[3])
+    what = command(kind, top, port)
+    if what is None:
+        print("missing", kind, flush=True)
+        return
+    words, environment = what
+    output = open(top + "/output", "ab")
+    server = subprocess.Popen(words, env={**os.environ, **environment}, stdin=subprocess.DEVNULL,
+                              stdout=output, stderr=output, preexec_fn=die_with_parent)
+    while not answers(port):
+        if server.poll() is not None:
+            print("failed", kind, open(top + "/output").read().replace("\n", " "), flush=True)
+            return
+        time.sleep(0.01)
+    print(f"http://127.0.0.1:{port}/", flush=True)
+    sys.stdin.read()
+    server.terminate()
+    server.wait()
+
+
+main()
