@@ -1,0 +1,266 @@
+"""One person's machine: platformd, docsourced, and an account over a directory, the origin, that is
+shown at `docs`. Two of them over one origin are two machines that share documents.
+
+Everything lies in a directory of its own. As root the machine has a platformd of root that serves
+an ordinary user (modes "access" and "open"), or everything belongs to that user ("cooperative").
+"""
+import errno
+import json
+import os
+import random
+import signal
+import subprocess
+import time
+
+import people
+from people import IS_ROOT, USER, TimeIsUp, as_root, eventually, run
+
+
+def children(process):
+    try:
+        with open(f"/proc/{process}/task/{process}/children") as file:
+            return [int(child) for child in file.read().split()]
+    except OSError:
+        return []
+
+
+def resident(process):
+    """Kilobytes."""
+    with open(f"/proc/{process}/status") as file:
+        for line in file:
+            if line.startswith("VmRSS"):
+                return int(line.split()[1])
+    return 0
+
+
+class World:
+    def __init__(self, base, name, origin, programs, mode):
+        self.name, self.origin, self.programs, self.mode = name, origin, programs, mode
+        self.directory = f"{base}/{name}"
+        self.account = f"docs-{name}"
+        self.home = f"{self.directory}/home"
+        for made in (self.directory, self.home):
+            os.makedirs(made)
+            if IS_ROOT:
+                os.chown(made, USER, USER)
+        self.environment = {
+            "PATH": os.environ["PATH"], "HOME": self.home, "LANG": "C.UTF-8", "USER": "somebody",
+            "DOCSOURCE_ROOT": f"{self.directory}/root",
+            "XDG_CONFIG_HOME": f"{self.home}/.config", "XDG_DATA_HOME": f"{self.home}/.local/share",
+            "XDG_RUNTIME_DIR": f"{self.directory}/runtime",
+            "GIT_CONFIG_GLOBAL": "/dev/null", "GIT_CONFIG_NOSYSTEM": "1",
+            "DOCSOURCE_LOG": os.environ.get("DOCSOURCE_LOG", "default"),
+        }
+        self.is_machine = IS_ROOT and mode != "cooperative"
+        if self.is_machine:
+            self.environment["DOCSOURCE_MACHINE"] = f"{self.directory}/machine"
+            os.makedirs(f"{self.directory}/machine")
+        if mode != "access":
+            self.environment["DOCSOURCE_COORDINATION"] = mode
+        self.daemons = {}
+        self.is_added = False
+
+    @property
+    def docs(self):
+        return f"{self.home}/DocSource/{self.account}"
+
+    # Daemons: called from any thread, carried out by root.
+
+    def start(self):
+        as_root(self._start_platformd)
+        as_root(self._start_docsourced)
+        if not self.is_added:
+            self.tool("add", "folder", self.account, self.origin)
+            self.is_added = True
+        eventually(lambda: os.path.isdir(self.docs), f"{self.docs} does not appear")
+        self.healthy()
+
+    def _spawn(self, program, user):
+        log = open(f"{self.directory}/{program}.log", "ab")
+        self.daemons[program] = subprocess.Popen(
+            [f"{self.programs}/{program}"], env=self.environment, stdin=subprocess.DEVNULL, stdout=log,
+            stderr=log, start_new_session=True,
+            **(dict(user=USER, group=USER, extra_groups=[]) if user and IS_ROOT else {}))
+        log.close()
+
+    def _start_platformd(self):
+        before = self._announced()
+        self._spawn("platformd", not self.is_machine)
+        eventually(lambda: self._announced() != before or self._ended("platformd"), "platformd does not start")
+
+    def _announced(self):
+        for place in ("machine/run", "root/run"):
+            try:
+                return os.stat(f"{self.directory}/{place}/com.veltro.FileCoordination").st_ino
+            except OSError:
+                pass
+        return None
+
+    def _start_docsourced(self):
+        self._spawn("docsourced", True)
+
+    def _ended(self, program):
+        if self.daemons[program].poll() is not None:
+            raise TimeIsUp(f"{program} ended with {self.daemons[program].returncode}, see {self.directory}")
+
+    def process(self, which):
+        """The number of a process: platformd (its holder), worker, docsourced or account."""
+        if which == "worker":
+            return next(iter(children(self.daemons["platformd"].pid)), None)
+        if which == "account":
+            return next(iter(children(self.daemons["docsourced"].pid)), None)
+        return self.daemons["platformd" if which == "holder" else which].pid
+
+    def kill(self, which, how=signal.SIGKILL):
+        """Ends a process; those that nobody else starts again are started again."""
+        as_root(self._kill, which, how)
+
+    def _kill(self, which, how):
+        worker, process = self.process("worker"), self.process(which)
+        if process is None:
+            return
+        try:
+            os.kill(process, how)
+        except ProcessLookupError:
+            return
+        if which in ("worker", "account"):
+            return
+        program = "docsourced" if which == "docsourced" else "platformd"
+        self.daemons[program].wait(60)
+        if program == "platformd" and worker:
+            # It makes placeholders unreadable before it ends.
+            eventually(lambda: not os.path.exists(f"/proc/{worker}"), "the worker does not end")
+        (self._start_docsourced if program == "docsourced" else self._start_platformd)()
+
+    def stop(self):
+        as_root(self._stop)
+
+    def _stop(self):
+        for program in ("docsourced", "platformd"):
+            daemon = self.daemons.pop(program, None)
+            if not daemon:
+                continue
+            rest = children(daemon.pid)
+            daemon.terminate()
+            try:
+                daemon.wait(30)
+            except subprocess.TimeoutExpired:
+                print(f"FINDING {program} of {self.name} does not end on SIGTERM within 30 s", flush=True)
+                daemon.kill()
+                daemon.wait()
+            for process in rest:
+                eventually(lambda: not os.path.exists(f"/proc/{process}"), f"a child of {program} does not end", 20)
+
+    # The account, as its user.
+
+    def tool(self, *arguments, check=True, patience=180):
+        return run(f"{self.programs}/docsource", *arguments, env=self.environment, check=check, patience=patience)
+
+    def accounts(self):
+        """What `docsource accounts` says of this one; empty when nobody answers."""
+        done = self.tool("accounts", "--json", check=False)
+        if done.returncode != 0:
+            return {}
+        listed = json.loads(done.text)
+        for account in listed.get("accounts", []):
+            if account.get("name") == self.account:
+                return account
+        return {}
+
+    def healthy(self):
+        eventually(lambda: self.accounts().get("state", self.accounts().get("health")) == "ok",
+                   lambda: f"{self.account} does not get well: {self.accounts()}")
+
+    def synchronise(self, patience=300):
+        return self.tool("sync", self.account, check=False, patience=patience)
+
+    def is_idle(self):
+        account = self.accounts()
+        return account and account.get("waiting") == 0
+
+    def bring_in(self, path):
+        """In cooperative mode programs ask; elsewhere reading is asking."""
+        if self.mode == "cooperative":
+            self.tool("get", path, check=False)
+
+    def give_back(self, path):
+        return self.tool("evict", path, check=False).returncode == 0
+
+
+class Plain:
+    """Stands in for a World: `fake.py` copies between a plain directory and the origin."""
+    mode = "plain"
+
+    def __init__(self, base, name, origin, fault):
+        self.name, self.origin, self.fault = name, origin, fault
+        self.directory, self.docs = f"{base}/{name}", f"{base}/{name}/docs"
+        os.makedirs(self.docs)
+        if IS_ROOT:
+            for made in (self.directory, self.docs):
+                os.chown(made, USER, USER)
+        self.environment = {"PATH": os.environ["PATH"], "HOME": self.directory, "LANG": "C.UTF-8",
+                            "GIT_CONFIG_GLOBAL": "/dev/null", "GIT_CONFIG_NOSYSTEM": "1"}
+        self.process = None
+
+    def start(self):
+        as_root(self._start)
+
+    def _start(self):
+        self.process = subprocess.Popen(
+            [people.PYTHON, os.path.join(os.path.dirname(__file__), "fake.py"), self.docs, self.origin,
+             self.directory, self.name, self.fault or "none"], stderr=open(f"{self.directory}/log", "ab"),
+            **(dict(user=USER, group=USER, extra_groups=[]) if IS_ROOT else {}))
+
+    def kill(self, which):
+        self.stop()
+        self.start()
+
+    def stop(self):
+        as_root(self.process.kill)
+        self.process.wait()
+
+    def synchronise(self):
+        pass
+
+    def is_idle(self):
+        return True
+
+    def bring_in(self, path):
+        pass
+
+    def give_back(self, path):
+        return False
+
+
+class Killer:
+    """Kills a process of one of the worlds every few seconds until the end of the block."""
+
+    def __init__(self, worlds, seed, pause=(1.0, 5.0)):
+        self.worlds, self.random, self.pause = worlds, random.Random(seed), pause
+        self.victims = {}
+
+    def __enter__(self):
+        import threading
+        self.stop = threading.Event()
+        self.problem = None
+        self.thread = threading.Thread(target=self._work)
+        self.thread.start()
+        return self
+
+    def _work(self):
+        try:
+            while not self.stop.wait(self.random.uniform(*self.pause)):
+                world = self.random.choice(self.worlds)
+                which = self.random.choice(["worker", "holder", "docsourced", "account", "account"])
+                if world.mode == "cooperative" and which == "worker":
+                    which = "account"
+                self.victims[which] = self.victims.get(which, 0) + 1
+                world.kill(which)
+        except Exception as problem:  # noqa: BLE001: told at the end
+            self.problem = problem
+
+    def __exit__(self, *_):
+        self.stop.set()
+        self.thread.join()
+        if self.problem:
+            raise self.problem
