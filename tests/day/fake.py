@@ -67,6 +67,17 @@ class Side:
                 self.hashes[path] = (key, hashlib.sha256(file.read()).hexdigest())
         return self.hashes[path][1]
 
+    @staticmethod
+    def look(path):
+        """One item as scan() has it."""
+        if not os.path.lexists(path):
+            return None
+        mode = os.stat(path).st_mode & 0o7777
+        if os.path.isdir(path):
+            return ["d", "", mode]
+        with open(path, "rb") as file:
+            return ["f", hashlib.sha256(file.read()).hexdigest(), mode]
+
     def rests(self, path):
         return time.time() - os.lstat(os.path.join(self.top, path)).st_ctime > 0.7
 
@@ -75,8 +86,12 @@ class Fake:
     def __init__(self, docs, origin, state, name, fault):
         self.here, self.there = Side(docs), Side(origin)
         self.state, self.name, self.fault, self.count = f"{state}/base.json", name, fault, 0
-        self.base = json.load(open(self.state)) if os.path.exists(self.state) else {}
+        self.base, self.intent = json.load(open(self.state)) if os.path.exists(self.state) else ({}, None)
         self.was_restarted = bool(self.base)
+        if self.intent:  # Carried out, perhaps, before the end came.
+            path, new, target = self.intent
+            if Side.look(os.path.join(docs if target == "here" else origin, path)) == new:
+                self.base.pop(path, None) if new is None else self.base.update({path: new})
 
     def sometimes(self, fault):
         if self.fault != fault:
@@ -86,7 +101,7 @@ class Fake:
 
     def save(self):
         with open(self.state + ".new", "w") as file:
-            json.dump(self.base, file)
+            json.dump([self.base, self.intent], file)
         os.rename(self.state + ".new", self.state)
 
     def round(self):
@@ -110,7 +125,7 @@ class Fake:
             return
         if self.fault == "reverts" and self.was_restarted and base and here and there and here != there:
             here = base
-        if here == base or (here and base and there and here[0] == "d"):
+        if here == base:
             self.carry(path, self.there, self.here, there, here)
         elif there == base:
             if self.sometimes("forgets"):
@@ -126,7 +141,7 @@ class Fake:
                 self.carry(path, self.here, self.there, here, there)
         elif self.fault == "unseen":
             self.carry(path, self.here, self.there, here, there)
-        elif here[1] == there[1]:  # Modes.
+        elif here[:2] == there[:2]:  # Permissions.
             self.carry(path, self.there, self.here, there, here)
         else:
             stem, dot, extension = path.rpartition(".")
@@ -136,6 +151,8 @@ class Fake:
 
     def carry(self, path, source, target, new, old):
         """Makes `target` have what `source` has, provided that `target` still has `old`."""
+        self.intent = [path, new, "here" if target is self.here else "there"]
+        self.save()
         to = os.path.join(target.top, path)
         aside = "old" if new is None else "new"
         side = os.path.join(os.path.dirname(to), f".fake-{aside}-{self.name}-{os.path.basename(path)}"[:250])

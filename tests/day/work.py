@@ -336,7 +336,7 @@ class Shared:
             self.book.removed(new)
 
 
-def at_rest(worlds, patience=240):
+def at_rest(worlds, patience=4 * people.PATIENCE):
     """Waits until nothing is under way; the trees without content say whether sides still differ."""
     def settled():
         looks = []

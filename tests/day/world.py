@@ -66,9 +66,14 @@ class World:
 
     # Daemons: called from any thread, carried out by root.
 
+    def start_daemons(self):
+        if "platformd" not in self.daemons:
+            as_root(self._start_platformd)
+        if "docsourced" not in self.daemons:
+            as_root(self._start_docsourced)
+
     def start(self):
-        as_root(self._start_platformd)
-        as_root(self._start_docsourced)
+        self.start_daemons()
         if not self.is_added:
             self.tool("add", "folder", self.account, self.origin)
             self.is_added = True
@@ -137,19 +142,23 @@ class World:
 
     def _stop(self):
         for program in ("docsourced", "platformd"):
-            daemon = self.daemons.pop(program, None)
-            if not daemon:
-                continue
-            rest = children(daemon.pid)
-            daemon.terminate()
-            try:
-                daemon.wait(30)
-            except subprocess.TimeoutExpired:
-                print(f"FINDING {program} of {self.name} does not end on SIGTERM within 30 s", flush=True)
-                daemon.kill()
-                daemon.wait()
-            for process in rest:
-                eventually(lambda: not os.path.exists(f"/proc/{process}"), f"a child of {program} does not end", 20)
+            self.stop_one(program)
+
+    def stop_one(self, program):
+        """By root."""
+        daemon = self.daemons.pop(program, None)
+        if not daemon:
+            return
+        rest = children(daemon.pid)
+        daemon.terminate()
+        try:
+            daemon.wait(30)
+        except subprocess.TimeoutExpired:
+            print(f"  FINDING {program} of {self.name} does not end on SIGTERM within 30 s", flush=True)
+            daemon.kill()
+            daemon.wait()
+        for process in rest:
+            eventually(lambda: not os.path.exists(f"/proc/{process}"), f"a child of {program} does not end", 20)
 
     # The account, as its user.
 
