@@ -173,8 +173,8 @@ def every_way_to_read_brings_in(c):
             return read(f"{c.aside}/{command[0]}")
         return way
     ways = [read, mapped, sent, copied, program("cat", "{}"), program("dd", "if={}", "bs=7000", "status=none"),
-            program("tail", "-c", "+1", "{}"), to("cp", "--sparse=always", "{}", "{}"), to("cp", "--reflink=auto", "-a", "{}", "{}"),
-            to("install", "{}", "{}"), to("rsync", "-aX", "{}", "{}"), to("dd", "if={}", "of={}", "conv=sparse", "status=none"),
+            program("tail", "-c", "+1", "{}"), to("cp", "--sparse=always", "{0}", "{1}"), to("cp", "--reflink=auto", "-a", "{0}", "{1}"),
+            to("install", "{0}", "{1}"), to("rsync", "-aX", "{0}", "{1}"), to("dd", "if={0}", "of={1}", "conv=sparse", "status=none"),
             program("sh", "-c", "tar -S -cf - '{}' 2>/dev/null | tar -xOf -"),
             program("sh", "-c", "bsdtar -cf - '{}' 2>/dev/null | tar -xOf -"),
             program("sh", "-c", "tar --xattrs -cf - '{}' 2>/dev/null | tar -xOf -")]
@@ -321,7 +321,7 @@ def new_files_arrive(c):
     os.close(os.open(f"{c.here}/exclusive", os.O_CREAT | os.O_EXCL | os.O_WRONLY, 0o600))
     nameless = os.open(c.here, os.O_TMPFILE | os.O_RDWR, 0o644)
     os.write(nameless, b"nameless")
-    os.link(f"/proc/self/fd/{nameless}", f"{c.here}/linked", follow_symlinks=True)
+    people.libc.linkat(-100, f"/proc/self/fd/{nameless}".encode(), -100, f"{c.here}/linked".encode(), 0x400)
     os.close(nameless)
     os.makedirs(f"{c.here}/one/two/three")
     put(f"{c.here}/one/two/three/deep", b"deep")
