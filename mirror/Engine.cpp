@@ -322,24 +322,17 @@ Result<void> Engine::evict(const std::string& path) {
     if (!item.agreed || !item.there || item.here->version != item.agreedHere) {
       return busy("it has not been uploaded yet");
     }
-    const auto file = fileHere(item, O_RDWR);
-    if (!file) return file.error();
-    switch (giveUpContent(file->get(), *item.agreedHere, shapeOf(*item.agreed))) {
-      case Giving::inUse:
-        return busy("a program has it open");
-      case Giving::changed:
-        lookAgain(Side::here, item.here->place);
-        wake_();
-        return busy("it has not been uploaded yet");
-      case Giving::failed:
-        return Error::file(errno, path);
-      case Giving::done:
-        break;
+    auto shape = shapeOf(*item.agreed);
+    if (item.here->mode) shape.mode = static_cast<unsigned>(*item.here->mode);
+    Node now;
+    if (reshapeHere(item, shape, now)) {
+      wake_();
+      return busy("a program has it open, or has changed it");
     }
-    const auto now = lookAtFile(file->get());
     change(item.number, [&](Item& evicted) {
-      if (!evicted.here || !now) return;
-      evicted.here = nodeHere(evicted.here->place, *now);
+      if (!evicted.here) return;
+      now.place = evicted.here->place;
+      evicted.here = now;
       evicted.agreedHere.reset();
       evicted.hash.reset();
       evicted.isWanted = false;

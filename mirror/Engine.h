@@ -139,6 +139,7 @@ class Engine {
   Result<bool> isStillAt(Lock& lock, Side side, const Item& item);
   void removeFrom(Side side, ItemNumber number, bool movedOut);
   void put(Side side, Item& item, Node node);
+  std::vector<Item> knownHere(const std::string& identity);
   void freeLinks(const std::string& identity);
   Observation& seen(Side side) { return side == Side::here ? here_ : there_; }
   bool stays(ItemNumber directory, const std::string& name, const LocalEntry& entry);
@@ -163,8 +164,10 @@ class Engine {
   Outcome attributes(Lock& lock, Item item);
   Outcome moveHere(Lock& lock, const Item& item);
   Outcome moveThere(Lock& lock, const Item& item);
-  Outcome refresh(Lock& lock, const Item& item);
-  Outcome conflict(Lock& lock, const Item& item);
+  Outcome refresh(const Item& item);
+  std::optional<Outcome> reshapeHere(const Item& item, const Placeholder::Shape& shape, Node& now);
+  Announcement announceFor(ItemNumber number, Lock* lock);
+  Outcome conflict(const Item& item);
   Outcome removeHere(Lock& lock, const Item& item);
   bool haveParent(Lock& lock, Side side, ItemNumber parent);
   bool haveRoom(Lock& lock, Side side, const Item& item, const Place& place);
@@ -230,6 +233,8 @@ class Engine {
   std::unordered_map<ItemNumber, qx::Inotify::Watch> watches_;
   std::unordered_map<int, ItemNumber> watched_;
   std::unordered_map<ItemNumber, IgnoreRules> ignoreRules_;
+  /// Inodes that documents are about to have: those of files that take the place of others.
+  std::map<std::string, ItemNumber> coming_;
   std::set<std::pair<ItemNumber, std::string>> wentAway_;
   bool isObservingHere_ = false;
   Observation here_;

@@ -167,6 +167,17 @@ void Engine::freeLinks(const std::string& identity) {
   put(Side::here, named.front(), std::move(node));
 }
 
+/// Items with that inode, or the one that is being given it.
+std::vector<Item> Engine::knownHere(const std::string& identity) {
+  auto known = items_->withIdentity(Side::here, identity);
+  const auto coming = coming_.find(identity);
+  if (known.empty() && coming != coming_.end()) {
+    auto item = items_->load(coming->second);
+    if (item && item->here) known.push_back(*std::move(item));
+  }
+  return known;
+}
+
 void Engine::note(Side side, Node node, bool recursive) {
   auto& seen = this->seen(side);
   const std::pair<ItemNumber, std::string> key(node.place.parent, node.place.name);
@@ -183,7 +194,8 @@ void Engine::note(Side side, Node node, bool recursive) {
     return;
   }
   if (known) seen.missing.insert(known->number);
-  if (known || !items_->withIdentity(side, node.identity).empty()) {
+  if (known || !items_->withIdentity(side, node.identity).empty() ||
+      coming_.contains(node.identity)) {
     seen.found.insert_or_assign(key, std::move(node));
     return;
   }
@@ -215,13 +227,20 @@ void Engine::noteAbsent(Side side, ItemNumber directory, Numbers met) {
 
 void Engine::noteHere(ItemNumber directory, int file, const std::string& name, bool recursive) {
   const Place place{directory, name};
-  const auto entry = lookAt(file, name);
+  auto entry = lookAt(file, name);
   if (!entry) {
     if (errno == ENOENT) noteGone(Side::here, place);
     return;
   }
   if (cleanUp(file, name, *entry)) return;
   if (!entry->kind) return noteGone(Side::here, place);
+  if (entry->isHidden) {
+    // What it is cannot be told from its mark; what is known of it is believed.
+    const auto known = knownHere(entry->identity);
+    if (known.empty()) return;
+    entry->isPlaceholder = known.front().here->isPlaceholder;
+    if (entry->isPlaceholder) entry->mode = known.front().here->mode.value_or(entry->mode);
+  }
   if (!items_->at(Side::here, place) && stays(directory, name, *entry)) {
     here_.found.erase({directory, name});
     return;
@@ -377,7 +396,8 @@ void Engine::assign(Side side, const std::set<ItemNumber>& still) {
     auto named = items_->at(side, node.place);
     std::optional<Item> same;
     bool isSecondName = false;
-    for (auto& item : items_->withIdentity(side, node.identity)) {
+    for (auto& item : side == Side::here ? knownHere(node.identity)
+                                         : items_->withIdentity(side, node.identity)) {
       if ((named && item.number == named->number) || nodeOf(item, side)->kind == Kind::link) {
         continue;
       }

@@ -130,8 +130,7 @@ bool Engine::makePlaceholders(Lock& lock) {
       directory = std::move(*opened);
       parent = there.place.parent;
     }
-    const auto mode = static_cast<unsigned>(there.mode.value_or(0644));
-    if (!makePlaceholder(directory.get(), there.place.name, shapeOf(there), mode)) continue;
+    if (!makePlaceholder(directory.get(), there.place.name, shapeOf(there))) continue;
     const auto entry = lookAt(directory.get(), there.place.name);
     if (entry && entry->isPlaceholder) made.emplace_back(number, nodeHere(there.place, *entry));
   }
@@ -401,7 +400,7 @@ Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
   const auto mode = static_cast<unsigned>(there.mode.value_or(isDirectory ? 0755 : 0644));
   const bool isMade = isDirectory ? ::mkdirat(directory->get(), name.c_str(), 0700) == 0 &&
                                         ::fchmodat(directory->get(), name.c_str(), mode, 0) == 0
-                                  : makePlaceholder(directory->get(), name, shapeOf(there), mode);
+                                  : makePlaceholder(directory->get(), name, shapeOf(there));
   if (!isMade && errno == EEXIST) {
     lookAgain(Side::here, there.place);
     if (setAsideUnknown(there.place)) return Outcome::again;
@@ -428,7 +427,7 @@ Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
 
 /// Both have something of that name, and never agreed.
 Engine::Outcome Engine::meet(Lock& lock, Item item) {
-  if (item.here->kind != item.there->kind) return conflict(lock, item);
+  if (item.here->kind != item.there->kind) return conflict(item);
   if (item.here->kind == Kind::directory) {
     change(item.number, [](Item& now) { now.agreed = now.there; });
     return Outcome::again;
@@ -442,7 +441,7 @@ Engine::Outcome Engine::meet(Lock& lock, Item item) {
     return Outcome::again;
   }
   if (item.here->size != item.there->size || different_[item.number] == pair(item)) {
-    return conflict(lock, item);
+    return conflict(item);
   }
   return compare(lock, item);
 }
@@ -599,7 +598,7 @@ void Engine::agreeOnContent(Item& item, const Node& there) {
 }
 
 Engine::Outcome Engine::both(Lock& lock, Item item) {
-  if (item.here->kind != item.there->kind) return conflict(lock, item);
+  if (item.here->kind != item.there->kind) return conflict(item);
   const bool isMovedHere = item.here->place != item.agreed->place;
   const bool isMovedThere = item.there->place != item.agreed->place;
   if (item.here->place != item.there->place) {
@@ -629,11 +628,11 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
     const bool isUnknown = !item.agreedHere;
     if (isChangedThere || isUnknown) {
       if (!isDifferent) return compare(lock, item);
-      if (isChangedThere) return conflict(lock, item);
+      if (isChangedThere) return conflict(item);
     }
     return upload(lock, item);
   }
-  if (isChangedThere) return refresh(lock, item);
+  if (isChangedThere) return refresh(item);
   if (item.here->isPlaceholder && (item.isWanted || isPinned(item))) return download(lock, item);
   return attributes(lock, std::move(item));
 }
@@ -643,6 +642,18 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
   const Node& here = *item.here;
   const Node& there = *item.there;
   const auto able = remote_.capabilities();
+  if (there.mode && there.mode != item.agreed->mode && here.isPlaceholder) {
+    auto shape = shapeOf(*item.agreed);
+    shape.mode = static_cast<unsigned>(*there.mode);
+    Node now;
+    if (const auto first = reshapeHere(item, shape, now)) return *first;
+    change(item.number, [&](Item& changed) {
+      changed.agreed->mode = there.mode;
+      if (changed.here) now.place = changed.here->place;
+      if (changed.here) changed.here = now;
+    });
+    return Outcome::again;
+  }
   if (there.mode && there.mode != item.agreed->mode) {
     const auto directory = directoryHere(here.place.parent);
     if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
@@ -666,11 +677,7 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
     return Outcome::again;
   }
   RemoteAttributes wanted;
-  if (able.modes && here.mode != item.agreed->mode && !here.isPlaceholder) {
-    wanted.mode = static_cast<unsigned>(*here.mode);
-  }
-  // The mode of a placeholder is the document's where programs can tell.
-  if (able.modes && here.isPlaceholder && here.mode != item.agreed->mode && here.mode != 0) {
+  if (able.modes && here.mode != item.agreed->mode) {
     wanted.mode = static_cast<unsigned>(*here.mode);
   }
   if (able.modificationTimes && here.kind == Kind::file && !here.isPlaceholder &&
@@ -791,47 +798,84 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
   return Outcome::again;
 }
 
-/// The remote has another content, here nothing was changed: a placeholder of the new one.
-Engine::Outcome Engine::refresh(Lock& lock, const Item& item) {
-  (void)lock;
-  const Node there = *item.there;
-  const Node here = *item.here;
+/// Tells what inode a document is about to have. With a lock for a thread that does not hold the
+/// mutex.
+Announcement Engine::announceFor(ItemNumber number, Lock* lock) {
+  return [this, number, lock](int file) -> Result<void> {
+    const auto entry = lookAtFile(file);
+    if (!entry) return Error::posix(errno, "The new file cannot be looked at");
+    if (lock) lock->lock();
+    coming_[entry->identity] = number;
+    if (lock) lock->unlock();
+    return {};
+  };
+}
+
+/// Makes a placeholder of that shape of what is here, a placeholder or unchanged content; `now` is
+/// what there is then. Answers what else has to be done first.
+std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
+                                                   const Placeholder::Shape& shape, Node& now) {
+  const Node& here = *item.here;
   const auto directory = directoryHere(here.place.parent);
   if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
-  const auto file = openFile(directory->get(), here.place.name, O_RDWR);
+  const auto file =
+      openFile(directory->get(), here.place.name, here.isPlaceholder ? O_PATH : O_RDONLY);
   if (!file) return failedHere(item, errno, "The document cannot be opened");
-  const auto before = lookAtFile(file.get());
-  if (!before || before->identity != here.identity || before->isPlaceholder != here.isPlaceholder) {
+  const auto again = [&] {
+    coming_.clear();
     lookAgain(Side::here, here.place);
     return waitFor(item.number, 1);
+  };
+  const auto before = lookAtFile(file.get());
+  if (!before || before->identity != here.identity ||
+      (before->isPlaceholder != here.isPlaceholder && !before->isHidden)) {
+    return again();
   }
+  const auto announce = announceFor(item.number, nullptr);
   if (here.isPlaceholder) {
-    if (!reshape(file.get(), shapeOf(there))) {
+    if (!reshape(file.get(), shape, announce)) {
       return failedHere(item, errno, "The placeholder cannot be made");
     }
   } else {
-    switch (giveUpContent(file.get(), *item.agreedHere, shapeOf(there))) {
+    switch (giveUpContent(file.get(), *item.agreedHere, shape, announce)) {
       case Giving::done:
         break;
       case Giving::inUse:
         return waitFor(item.number, whileInUse);
       case Giving::changed:
-        lookAgain(Side::here, here.place);
-        return waitFor(item.number, 1);
+        return again();
       case Giving::failed:
         return failedHere(item, errno, "The newer version cannot take its place");
     }
   }
   // Whoever puts something in its place from now on has seen the new version's size and time.
-  const auto now = lookAt(directory->get(), here.place.name);
-  if (!now || now->identity != here.identity || !now->isPlaceholder) {
-    lookAgain(Side::here, here.place);
-    return waitFor(item.number, 1);
+  auto entry = lookAt(directory->get(), here.place.name);
+  if (!entry || (entry->identity != here.identity && !coming_.contains(entry->identity))) {
+    return again();
   }
+  if (entry->isHidden) {
+    entry->isPlaceholder = true;
+    entry->mode = shape.mode.value_or(0);
+  }
+  if (!entry->isPlaceholder) return again();
+  coming_.clear();
+  now = nodeHere(here.place, *entry);
+  return std::nullopt;
+}
+
+/// The remote has another content, here nothing was changed: a placeholder of the new one.
+Engine::Outcome Engine::refresh(const Item& item) {
+  const Node there = *item.there;
+  auto shape = shapeOf(there);
+  // Permissions that were changed here are carried afterwards.
+  if (item.here->mode) shape.mode = static_cast<unsigned>(*item.here->mode);
+  Node now;
+  if (const auto first = reshapeHere(item, shape, now)) return *first;
   change(item.number, [&](Item& changed) {
     if (!changed.here || !changed.agreed) return;
-    changed.isWanted = changed.isWanted || !changed.here->isPlaceholder;
-    changed.here = nodeHere(changed.here->place, *now);
+    changed.isWanted = changed.isWanted || !item.here->isPlaceholder;
+    now.place = changed.here->place;
+    changed.here = now;
     agreeOnContent(changed, there);
     changed.agreedHere.reset();
     changed.hash.reset();
@@ -840,8 +884,7 @@ Engine::Outcome Engine::refresh(Lock& lock, const Item& item) {
 }
 
 /// Ours goes beside the remote's, as an item of its own.
-Engine::Outcome Engine::conflict(Lock& lock, const Item& item) {
-  (void)lock;
+Engine::Outcome Engine::conflict(const Item& item) {
   const Place place = item.here->place;
   const auto directory = directoryHere(place.parent);
   if (!directory) return failedHere(item, errno, "Its directory cannot be opened");

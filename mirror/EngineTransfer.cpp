@@ -310,7 +310,7 @@ Result<void> Engine::fill(const std::shared_ptr<Transfer>& transfer) {
         return remoteError(RemoteProblem::notFound, "The document is not at its remote any more.");
       }
       if (now->here->isPlaceholder && now->there->version != now->agreed->version) {
-        refresh(lock, *now);
+        refresh(*now);
         now = items_->load(transfer->number);
         if (!now || !now->here || !now->agreed || !now->there) {
           return Error::posix(ENOENT, "The document is gone");
@@ -349,7 +349,7 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   auto opened = guarded([&]() -> Result<std::pair<qx::FileDescriptor, std::string>> {
     const auto path = items_->path(Side::there, item.number);
     if (!path) return remoteError(RemoteProblem::notFound, "The document is gone.");
-    auto file = fileHere(item, O_RDWR);
+    auto file = fileHere(item, O_PATH);
     if (!file) return file.error();
     return std::pair(std::move(*file), *path);
   });
@@ -360,6 +360,7 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   transfer->total = wanted;
   const auto shape = shapeOf(*item.agreed);
   Hash hash;
+  std::optional<LocalEntry> now;
   {
     auto writer = Placeholder(file.get()).fill();
     if (!writer) return writer.error();
@@ -378,14 +379,22 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
     lock.unlock();
     if (!read) return read;
     if (transfer->done != wanted) return notWholeError();
+    // Which inode the document will have is known before it has it.
+    if (auto announced = announceFor(item.number, &lock)(writer->file()); !announced) {
+      return announced;
+    }
     if (auto finished = writer->finish(shape); !finished) return finished;
+    now = lookAtFile(writer->file());
   }
-  const auto now = lookAtFile(file.get());
   lock.lock();
   return guarded([&]() -> Result<void> {
     if (!now) return Error::posix(EIO, "The document cannot be looked at");
+    coming_.erase(now->identity);
     change(item.number, [&](Item& filled) {
-      if (!filled.here || filled.here->identity != item.here->identity) return;
+      if (!filled.here || (filled.here->identity != item.here->identity &&
+                           filled.here->identity != now->identity)) {
+        return;
+      }
       filled.here = nodeHere(filled.here->place, *now);
       // With another time somebody has written already.
       const bool isWhole = now->size == item.agreed->size && now->modified == item.agreed->modified;

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -25,6 +26,33 @@ constexpr std::uint64_t blockUnit = 512;
 
 std::int64_t nanoseconds(const statx_timestamp& time) {
   return time.tv_sec * perSecond + time.tv_nsec;
+}
+
+/// What the library was told by the system.
+void setErrno(const Error& error) {
+  const Error* cause = &error;
+  while (cause->underlying()) cause = cause->underlying();
+  errno = cause->domain() == posixErrorDomain ? static_cast<int>(cause->code()) : EIO;
+  if (error.is(standardErrorDomain, 260)) errno = ENOENT;
+}
+bool ok(const Result<void>& result) {
+  if (!result) setErrno(result.error());
+  return result.ok();
+}
+
+std::string pathOf(int file) { return "/proc/self/fd/" + std::to_string(file); }
+
+/// The word "mode:OCTAL" of a mark.
+std::optional<std::int64_t> modeIn(std::string_view mark) {
+  constexpr std::string_view word = "mode:";
+  constexpr int octal = 8;
+  const auto at = mark.find(word);
+  if (at == std::string_view::npos) return std::nullopt;
+  std::int64_t mode = 0;
+  const auto digits = mark.substr(at + word.size());
+  const auto end = digits.data() + digits.size();
+  if (std::from_chars(digits.data(), end, mode, octal).ec != std::errc()) return std::nullopt;
+  return mode & 0777;
 }
 
 /// Whether a mark makes a placeholder of the file that carries it.
@@ -60,14 +88,18 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   entry.version = std::to_string(entry.size) + ":" + std::to_string(entry.modified) + ":" +
                   std::to_string(nanoseconds(status.stx_ctime));
   std::array<char, 1024> mark{};
-  const std::string path = *name == 0 ? "/proc/self/fd/" + std::to_string(directory)
-                                      : "/proc/self/fd/" + std::to_string(directory) + "/" + name;
+  std::string path = *name == 0 ? pathOf(directory) : name;
+  if (*name != 0 && directory != AT_FDCWD) path.insert(0, pathOf(directory) + "/");
+  // A descriptor may be for the path alone, and is reached by its link.
   const ssize_t size = *name == 0
-                           ? ::fgetxattr(directory, markAttribute, mark.data(), mark.size())
+                           ? ::getxattr(path.c_str(), markAttribute, mark.data(), mark.size())
                            : ::lgetxattr(path.c_str(), markAttribute, mark.data(), mark.size());
-  // A mark that cannot be read is no reason to believe in content.
   if (size >= 0) {
-    entry.isPlaceholder = counts({mark.data(), static_cast<std::size_t>(size)}, status, inode);
+    const std::string_view text(mark.data(), static_cast<std::size_t>(size));
+    entry.isPlaceholder = counts(text, status, inode);
+    if (entry.isPlaceholder) entry.mode = modeIn(text).value_or(entry.mode);
+  } else if (errno == EACCES) {
+    entry.isHidden = true;
   } else if (errno != ENODATA && errno != EOPNOTSUPP) {
     return std::nullopt;
   }
@@ -99,15 +131,6 @@ class Lease {
   int file_;
   int problem_ = 0;
 };
-
-bool ok(const Result<void>& result) {
-  if (result) return true;
-  // What the library was told by the system is underneath.
-  const Error* cause = &result.error();
-  while (cause->underlying()) cause = cause->underlying();
-  errno = cause->domain() == posixErrorDomain ? static_cast<int>(cause->code()) : EIO;
-  return false;
-}
 
 }  // namespace
 
@@ -151,44 +174,39 @@ bool moveEntry(int from, const std::string& name, int to, const std::string& new
   return ::renameat2(from, name.c_str(), to, newName.c_str(), RENAME_NOREPLACE) == 0;
 }
 
-bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape,
-                     unsigned mode) {
+bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape) {
   const qx::FileDescriptor made(::openat(directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
-  if (!made || !ok(Placeholder(made.get()).reset(shape)) || ::fchmod(made.get(), mode) != 0) {
-    return false;
-  }
-  const std::string link = "/proc/self/fd/" + std::to_string(made.get());
-  return ::linkat(AT_FDCWD, link.c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+  return made && ok(Placeholder(made.get()).reset(shape)) &&
+         ::linkat(AT_FDCWD, pathOf(made.get()).c_str(), directory, name.c_str(),
+                  AT_SYMLINK_FOLLOW) == 0;
 }
 
 bool syncFileSystem(int directory) { return ::syncfs(directory) == 0; }
 
-bool reshape(int file, const Placeholder::Shape& shape) {
-  return ok(Placeholder(file).reset(shape));
+bool reshape(int file, const Placeholder::Shape& shape, const Announcement& announce) {
+  return ok(Placeholder(file).reset(shape, announce));
 }
 
-Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& shape) {
-  const auto& marks = PlaceholderMarks::extendedAttributes();
-  {
-    const Lease lease(file, F_WRLCK);
-    if (lease.problem() == EAGAIN) return Giving::inUse;
-    errno = lease.problem();
-    if (lease.problem() != 0) return Giving::failed;
-    const auto now = lookAtFile(file);
-    if (!now) return Giving::failed;
-    if (now->isPlaceholder || now->version != version) return Giving::changed;
-    // Whoever gets at the file from here on waits for its content.
-    const bool isMarked =
-        marks.set(file, PlaceholderMarks::placeholder, "placeholder " + now->identity) &&
-        ::fsync(file) == 0;
-    const int problem = errno;
-    if (!isMarked || lease.isWaitedFor(F_WRLCK)) {
-      marks.clear(file, PlaceholderMarks::placeholder);
-      errno = problem;
-      return isMarked ? Giving::inUse : Giving::failed;
-    }
+Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& next,
+                     const Announcement& announce) {
+  const auto now = lookAtFile(file);
+  if (!now) return Giving::failed;
+  if (now->isPlaceholder || now->version != version) return Giving::changed;
+  const Placeholder::Shape provided{static_cast<std::uint64_t>(now->size),
+                                    Placeholder::Time(std::chrono::nanoseconds(now->modified))};
+  const auto evicted = Placeholder(file).evict(provided, next, announce);
+  if (!evicted) {
+    setErrno(evicted.error());
+    return Giving::failed;
   }
-  return reshape(file, shape) ? Giving::done : Giving::failed;
+  switch (*evicted) {
+    case Placeholder::Eviction::evicted:
+      return Giving::done;
+    case Placeholder::Eviction::inUse:
+      return Giving::inUse;
+    default:
+      return Giving::changed;
+  }
 }
 
 bool isBeingWritten(int file) {
@@ -202,7 +220,8 @@ bool isOpenElsewhere(int file) { return Lease(file, F_WRLCK).problem() != 0; }
 
 Placeholder::Shape shapeOf(const Node& node) {
   return {static_cast<std::uint64_t>(node.size),
-          Placeholder::Time(std::chrono::nanoseconds(node.modified.value_or(0))), std::nullopt};
+          Placeholder::Time(std::chrono::nanoseconds(node.modified.value_or(0))), std::nullopt,
+          node.mode ? std::optional(static_cast<unsigned>(*node.mode)) : std::nullopt};
 }
 
 std::string nameBeside(const std::string& name, const std::string& what, int attempt) {

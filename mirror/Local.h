@@ -21,8 +21,11 @@ struct LocalEntry {
   std::string version;
   std::int64_t size = 0;
   std::int64_t modified = 0;
+  /// Of a placeholder, the document's.
   std::int64_t mode = 0;
   bool isPlaceholder = false;
+  /// Nobody's to read, so that it is not known whether it is a placeholder.
+  bool isHidden = false;
 };
 
 /// Of a descriptor, or of an entry; absent with errno set.
@@ -42,19 +45,21 @@ qx::FileDescriptor openFile(int directory, const std::string& name, int flags);
 /// Never over something.
 bool moveEntry(int from, const std::string& name, int to, const std::string& newName);
 
-/// Makes a placeholder, which appears whole, and over nothing. On disk after syncDirectory().
-bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape,
-                     unsigned mode);
+using Announcement = Placeholder::Announcement;
+
+/// Makes a placeholder, which appears whole, and over nothing. On disk after syncFileSystem().
+bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape);
 /// Everything that was done on the file system of the directory is on disk.
 bool syncFileSystem(int directory);
 
-/// A placeholder gets another shape.
-bool reshape(int file, const Placeholder::Shape& shape);
+/// A placeholder gets another shape, and perhaps another inode, which is announced.
+bool reshape(int file, const Placeholder::Shape& shape, const Announcement& announce);
 
 enum class Giving { done, inUse, changed, failed };
-/// Makes a placeholder of a document whose content is that of `version`, unless somebody has it
-/// open. Only `failed` sets errno.
-Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& shape);
+/// Makes a placeholder of the shape `next` of a document whose content is that of `version`, unless
+/// somebody has it open. Only `failed` sets errno.
+Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& next,
+                     const Announcement& announce);
 
 /// Whether some program has the file open for writing; false where that cannot be asked.
 bool isBeingWritten(int file);

@@ -13,6 +13,7 @@ class EngineTest : public testing::Test {
  protected:
   EngineTest() {
     qx::Clock::setCurrent(clock_);
+    coordinate(scratch_ / "", "access");
     fs::create_directories(there_);
     write(there_ + "/a.txt", "first");
     fs::create_directories(there_ + "/d/e");

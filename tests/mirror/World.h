@@ -62,6 +62,13 @@ inline void save(const std::string& path, const std::string& text) {
   ::rename((path + ".new").c_str(), path.c_str());
 }
 
+/// How the machine keeps programs from reading placeholders: "access", or "cooperative".
+inline void coordinate(const std::string& root, const std::string& mechanism) {
+  ::setenv("DOCSOURCE_ROOT", root.c_str(), 1);
+  fs::create_directories(root + "/run");
+  write(root + "/run/coordination", mechanism + "\n");
+}
+
 /// An engine whose transfers run at once, on the thread of the test.
 class Machine {
  public:

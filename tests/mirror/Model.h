@@ -1,0 +1,156 @@
+#pragma once
+
+#include <algorithm>
+
+#include "tests/mirror/World.h"
+
+/// Random work on both sides, and a simple account of every content that was ever written.
+namespace docsource::test {
+
+/// A remote that misbehaves as a random generator wants it.
+class UnreliableRemote final : public Remote {
+ public:
+  explicit UnreliableRemote(std::unique_ptr<Remote> remote) : remote_(std::move(remote)) {}
+
+  bool isOffline = false;
+  /// In a thousand: operations that fail before they were done, and answers that are lost.
+  unsigned failures = 0;
+  /// In a thousand: entries that are left out of a listing.
+  unsigned lies = 0;
+  bool hasIdentifiers = true;
+  std::mt19937_64* random = nullptr;
+
+  RemoteCapabilities capabilities() const override {
+    auto able = remote_->capabilities();
+    able.identifiers = able.identifiers && hasIdentifiers;
+    return able;
+  }
+  Result<std::string> identity(bool create) override {
+    return tried<std::string>([&] { return remote_->identity(create); });
+  }
+  Result<void> list(const std::string& path, const Visitor& visit) override {
+    return tried<void>([&] {
+      return remote_->list(path, [&](const RemoteItem& item) {
+        if (!happens(lies)) visit(shown(item));
+      });
+    });
+  }
+  Result<RemoteItem> look(const std::string& path) override {
+    return tried<RemoteItem>([&] { return shown(remote_->look(path)); });
+  }
+  Result<Changes> changes(const std::string& cursor) override {
+    return tried<Changes>([&] {
+      auto changes = remote_->changes(cursor);
+      // What a lie has hidden has to be seen at last.
+      if (changes && lies > 0) changes->everything = true;
+      return changes;
+    });
+  }
+  bool notifyOfChanges(std::function<void()> callback) override {
+    return remote_->notifyOfChanges(std::move(callback));
+  }
+  Result<void> read(const std::string& path, const std::string& version, std::uint64_t offset,
+                    std::uint64_t length, const Sink& sink) override {
+    return tried<void>([&] { return remote_->read(path, version, offset, length, sink); });
+  }
+  Result<RemoteItem> write(const std::string& path, const std::optional<std::string>& ifVersion,
+                           const RemoteAttributes& attributes, RemoteSource& source) override {
+    return tried<RemoteItem>(
+        [&] { return shown(remote_->write(path, ifVersion, attributes, source)); });
+  }
+  Result<RemoteItem> makeDirectory(const std::string& path,
+                                   const RemoteAttributes& attributes) override {
+    return tried<RemoteItem>([&] { return shown(remote_->makeDirectory(path, attributes)); });
+  }
+  Result<RemoteItem> move(const std::string& from, const std::string& to,
+                          const std::optional<std::string>& ifVersion) override {
+    return tried<RemoteItem>([&] { return shown(remote_->move(from, to, ifVersion)); });
+  }
+  Result<void> remove(const std::string& path,
+                      const std::optional<std::string>& ifVersion) override {
+    return tried<void>([&] { return remote_->remove(path, ifVersion); });
+  }
+  Result<RemoteItem> setAttributes(const std::string& path,
+                                   const std::optional<std::string>& ifVersion,
+                                   const RemoteAttributes& attributes) override {
+    return tried<RemoteItem>(
+        [&] { return shown(remote_->setAttributes(path, ifVersion, attributes)); });
+  }
+
+ private:
+  bool happens(unsigned rate) { return rate > 0 && random && (*random)() % 1000 < rate; }
+  static Error gone() { return remoteError(RemoteProblem::unreachable, "The line is cut."); }
+  template <class T, class F>
+  Result<T> tried(F work) {
+    if (isOffline || happens(failures)) return gone();
+    auto answer = work();
+    if (happens(failures)) return gone();
+    return answer;
+  }
+  RemoteItem shown(RemoteItem item) const {
+    if (!hasIdentifiers) item.identifier.clear();
+    return item;
+  }
+  Result<RemoteItem> shown(Result<RemoteItem> item) const {
+    return item ? Result<RemoteItem>(shown(*item)) : item;
+  }
+
+  const std::unique_ptr<Remote> remote_;
+};
+
+/// One run: from a seed, so many actions, a rest, and the comparison.
+class Model {
+ public:
+  explicit Model(std::uint64_t seed);
+  /// What is wrong at the end; empty when nothing is.
+  std::string run();
+  /// What was done, for a person.
+  std::string trace() const;
+
+ private:
+  struct Side {
+    std::string root;
+    Machine* machine = nullptr;  // null for the directory that the remote stands for
+  };
+  using Contents = std::set<int>;
+
+  unsigned below(std::size_t limit) { return static_cast<unsigned>(random_() % limit); }
+  bool chance(unsigned percent) { return below(100) < percent; }
+
+  void act();
+  bool work(Machine& machine);
+  void interfere();
+  void change(const Side& side, bool isInside);
+  void apply(const Side& side, const std::string& path, const std::string& other, bool isInside);
+  bool have(const Side& side, const std::string& path, bool isInside);
+  void seen(const std::vector<std::string>& roots, const std::function<void()>& work);
+  void finishWriting();
+  std::string newContent();
+  std::string randomPath(const Side& side);
+  static std::string randomName(Model& model);
+  std::vector<std::string> entries(const std::string& root) const;
+  Contents shown(const std::string& root) const;
+  static int contentOf(const std::string& path);
+  std::string compare();
+  std::string rest();
+  void say(const std::string& line) { trace_.push_back(line); }
+  std::string relative(const std::string& path) const;
+
+  Scratch scratch_;
+  qx::ManualClock& clock_;
+  std::mt19937_64 random_;
+  std::vector<std::unique_ptr<Machine>> machines_;
+  std::vector<UnreliableRemote*> remotes_;
+  std::vector<Side> sides_;
+  /// Contents that have to be there at the end.
+  Contents owed_;
+  int contents_ = 0;
+  unsigned interference_ = 0;
+  bool isCrashed_ = false;
+  std::optional<unsigned> crashAfter_;
+  int writing_ = -1;
+  std::string writingPath_;
+  std::vector<std::string> trace_;
+};
+
+}  // namespace docsource::test
