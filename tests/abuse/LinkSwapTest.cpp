@@ -108,14 +108,13 @@ TEST_F(LinkSwap, ABookmarkIsForTheDocumentThatTheClientMayWrite) {
   // The provider's directory is closed to the client, which has a document of the same name.
   put(provider_.storage() + "/document", "secret");
   put(place_ + "/folder/document", "mine");
-  fs::permissions(provider_.storage(), fs::perms(0700));
-  fs::permissions(place_ + "/folder/document", fs::perms(0666));
-  for (const auto& open : {root_, root_ + "/run"}) fs::permissions(open, fs::perms(0755));
-  const auto bundle = Places::applications() + "/nobody.app";
-  makeBundle(bundle, "com.example.nobody", builtProgram("scripted-consumer"));
+  fs::permissions(provider_.storage(), fs::perms::none);
+  fs::permissions(place_ + "/folder/document", fs::perms(0600));
+  const auto bundle = Places::applications() + "/powerless.app";
+  makeBundle(bundle, "com.example.powerless", builtProgram("scripted-consumer"));
   start();
-  const Consumer nobody(root_, "com.example.nobody", bundle + "/program", true);
-  Wire wire = nobody.connect();
+  const Consumer powerless(root_, "com.example.powerless", bundle + "/program", true);
+  Wire wire = powerless.connect();
   ASSERT_EQ(wire.call(extendBookmark, {provider_.url("document"), app}).outcome(),
             "DSErrorDomain 3");
   const URL url = URL::fileURL(place_ + "/folder/document");

@@ -86,12 +86,6 @@ class CommandLine : public Broker {
     EXPECT_NE(outcome.errors.find(reason), std::string::npos) << outcome.errors;
   }
 
-  /// The tool as it is installed.
-  void installTool() const {
-    ask({"install",
-         fs::path(builtProgram("docsource")).parent_path().parent_path() / "share/docsource.app"});
-  }
-
   void grant(const Value& list) const {
     fs::create_directories(fs::path(installation_.accessControlFile()).parent_path());
     writeList(installation_.accessControlFile(), list);
@@ -153,7 +147,6 @@ TEST_F(CommandLine, CarriesOutTheItemRequests) {
   const auto installed = installation_.installProvider(
       provider, {{"items", Dictionary{{"50% of über.txt", "half"}, {"other.txt", "other"}}}});
   start();
-  installTool();
   ASSERT_TRUE(isRegistered(installed));
   directory_ = installed.storage();
   ask({"wake-up"});
@@ -202,7 +195,6 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
   std::ofstream(origin + "/a.txt") << content;
   const auto storage = installation_.installExampleProvider(origin);
   start();
-  installTool();
   ASSERT_TRUE(eventually([&] { return fs::exists(storage + "/a.txt"); }));
   directory_ = storage;
   const auto path = storage + "/a.txt";
@@ -260,7 +252,6 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
 TEST_F(CommandLine, ShowsOnATerminalHowFarADocumentHasArrived) {
   const auto installed = installation_.installProvider(provider);
   start();
-  installTool();
   ASSERT_TRUE(isRegistered(installed));
   const auto path = installed.document("A.txt");
   ask({"extend-sandbox", path, "--provider", provider, "--consumer", "com.example.app"});
@@ -305,7 +296,6 @@ TEST_F(CommandLine, CopiesDocumentsAsTheyAre) {
   start();
   Daemon platformd("platformd", installation_.root());
   ASSERT_TRUE(installation_.becomesServed(coordinationService));
-  installTool();
   ASSERT_TRUE(isRegistered(installed));
   ASSERT_TRUE(platformd.logs("for doc source " + std::string(provider)));
   directory_ = installed.storage();
@@ -339,7 +329,6 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   grant(Dictionary{{"com.example.gone",
                     Dictionary{{toolIdentifier, Dictionary{{"AllowedItemIDs", Array{"x"}}}}}}});
   start();
-  installTool();
   ASSERT_TRUE(isRegistered(installed));
   directory_ = installed.storage();
 
@@ -409,12 +398,23 @@ TEST_F(CommandLine, InstallsAndRemovesBundles) {
   fs::create_directory(installation_ / "Applications/Broken.app");
   EXPECT_NE(ask({"bundles"}).find("(broken)"), std::string::npos);
   ask({"install", makeApplication("Broken.app", "com.example.whole")});
-  EXPECT_EQ(ask({"bundles", "--json"}),
-            R"({"bundles": [{"executable": ")" + place + R"(/program", "identifier": )" +
-                R"("com.example.app", "kind": "application", "path": ")" + place + R"("}, )" +
-                R"({"executable": ")" + (installation_ / "Applications/Broken.app") +
-                R"(/program", "identifier": "com.example.whole", "kind": "application", )" +
-                R"("path": ")" + (installation_ / "Applications/Broken.app") + "\"}]}\n");
+  const auto whole = installation_ / "Applications/Broken.app";
+  const auto tool = fs::path(builtProgram("")).parent_path().parent_path() /
+                    "lib/docsource/Applications/docsource.app";
+  const auto described = [](const std::string& path, const std::string& executable,
+                            const std::string& identifier, const std::string& owner) {
+    return R"({"executable": ")" + path + "/" + executable + R"(", "identifier": ")" + identifier +
+           R"(", "kind": "application", "owner": ")" + owner + R"(", "path": ")" + path + "\"}";
+  };
+  EXPECT_EQ(
+      ask({"bundles", "--json"}),
+      "{\"bundles\": [" +
+          described(tool, "../../../../bin/docsource", "com.veltro.docsource.tool", "machine") +
+          ", " + described(place, "program", "com.example.app", "user") + ", " +
+          described(whole, "program", "com.example.whole", "user") + "]}\n");
+  // What comes with the programs is nobody's to replace or remove.
+  fails({"install", makeApplication("Tool.app", "com.veltro.docsource.tool")}, "of the machine");
+  fails({"uninstall", "com.veltro.docsource.tool"}, "machine's");
 
   EXPECT_EQ(ask({"uninstall", "com.example.app"}), "removed " + place + "\n");
   EXPECT_EQ(applications(), std::vector<std::string>{"Broken.app"});
@@ -482,7 +482,6 @@ TEST_F(CommandLine, TellsTheSystemOfTheDevicesLock) {
   // A daemon that waits for the first unlock is told of it.
   const auto installed = installation_.installProvider(provider);
   start();
-  installTool();
   EXPECT_EQ(ask({"providers", "--json"}), "{\"providers\": []}\n");
   EXPECT_EQ(ask({"device", "unlock"}), "unlocked (lock state 3), unlocked since boot\n");
   EXPECT_EQ(content(state), "lock-state=3 unlocked-since-boot=1\n");

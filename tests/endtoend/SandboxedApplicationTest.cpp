@@ -2,8 +2,13 @@
 // give them there.
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/personality.h>
+#include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -143,6 +148,7 @@ TEST_F(SandboxedApplication, SeesNothingButItsOwn) {
             "com.veltro.DocSource com.veltro.FileCoordination com.veltro.Sandbox");
 
   EXPECT_EQ(sandboxed.ask("processes"), "bwrap program");
+  EXPECT_EQ(sandboxed.ask("read\t/proc/keys"), "error EACCES");
   EXPECT_EQ(sandboxed.ask("descriptors").substr(0, 7), "0 1 2 3") << "3 is the directory read";
   EXPECT_EQ(sandboxed.ask("descriptors").size(), 7U);
   EXPECT_EQ(sandboxed.ask("variable\tSECRET"), "error unset");
@@ -248,6 +254,129 @@ TEST_F(SandboxedApplication, KeepsItsIdentityAndIsCheckedFromInside) {
   EXPECT_NE(resolve(sandboxed, bookmark).token, "");
   installation_.remove(bundleOf(app));
   EXPECT_EQ(sandboxed.ask("resolve\t" + bookmark), "error DSErrorDomain 3");
+}
+
+/// The programs of the system lie where every sandbox sees them. Executed there they are the
+/// application, and have what it has.
+TEST_F(SandboxedApplication, ExecutesTheSystemsProgramsAsItself) {
+  install(app, {{readEntitlement, true}});
+  const auto build = fs::path(builtProgram("docsource")).parent_path().parent_path();
+  const auto quoted = [](const std::string& word) { return "'" + word + "'"; };
+  std::string line = "mount --bind " + quoted(build) + " /usr/local && echo mounted && exec";
+  for (const auto& word : command(app)) line += " " + quoted(word);
+  ChildProcess sandboxed({"unshare", "--mount", "sh", "-c", line});
+  if (sandboxed.readLine() != "mounted") GTEST_SKIP() << "needs CAP_SYS_ADMIN, to mount";
+
+  const auto libraries = "/usr/local/" + fs::relative(CLIENT_LIBRARY, build).parent_path().string();
+  const auto tool = "LD_LIBRARY_PATH=" + libraries + " /usr/local/bin/docsource --timeout 20 ";
+  const auto url = provider_.url("A.txt").absoluteString();
+  const auto answer = [&](const std::string& arguments) {
+    return sandboxed.ask("run\t" + tool + arguments);
+  };
+  EXPECT_EQ(answer("wake-up").substr(0, 2), "0 ") << "the tool runs there";
+  EXPECT_EQ(answer("providers").substr(0, 2), "0 ") << "with what the application may";
+  const std::string item = url + " --provider " + p + " --consumer " + app;
+  const auto extended = answer("extend-sandbox " + item), started = answer("start " + item);
+  EXPECT_TRUE(extended.starts_with("1 DSErrorDomain 6")) << extended;
+  EXPECT_TRUE(started.starts_with("1 DSErrorDomain 3")) << started;
+  const auto granted = answer("resolve " + grant("A.txt", "com.veltro.docsource.tool"));
+  EXPECT_TRUE(granted.starts_with("1 DSErrorDomain 3")) << granted;
+  const auto own = answer("resolve " + grant("A.txt", app));
+  EXPECT_TRUE(own.starts_with("0 ")) << own;
+
+  // A daemon finds nothing there that it could serve or take over.
+  const auto daemon = sandboxed.ask("run\t/usr/local/bin/docsourced");
+  EXPECT_TRUE(daemon.starts_with("1 ")) << daemon;
+  EXPECT_TRUE(provider_.running() < 0 || provider_.calls("performInitialSetup") <= 1);
+  EXPECT_EQ(sandboxed.ask("run\techo $$").substr(0, 2), "0 ");
+}
+
+TEST_F(SandboxedApplication, IsRefusedWhatLeadsOutOfASandbox) {
+  install(app);
+  const std::string abstract = "docsource-test-" + std::to_string(getpid());
+  const FileDescriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  abstract.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener.get(), 1), 0);
+  ASSERT_NE(content("/proc/net/unix").find(abstract), std::string::npos);
+
+  ChildProcess sandboxed(command(app));
+  EXPECT_EQ(sandboxed.ask("run\tcat /proc/net/unix").find(abstract), std::string::npos);
+  const auto call = [&](long number, std::initializer_list<unsigned long> arguments) {
+    std::string line = "call\t" + std::to_string(number);
+    for (const auto argument : arguments) line += " " + std::to_string(argument);
+    return sandboxed.ask(line);
+  };
+  constexpr unsigned long upperHalf = 1UL << 32U, self = 2;
+  struct Case {
+    long number;
+    std::initializer_list<unsigned long> arguments;
+  };
+  for (const auto& [number, arguments] : std::initializer_list<Case>{
+           {SYS_add_key, {}},
+           {SYS_keyctl, {0, 0xfffffffd, 1}},
+           {SYS_request_key, {}},
+           {SYS_ptrace, {PTRACE_TRACEME}},
+           {SYS_process_vm_readv, {self}},
+           {SYS_process_vm_writev, {self}},
+           {SYS_pidfd_getfd, {}},
+           {SYS_kcmp, {self, self}},
+           {SYS_bpf, {}},
+           {SYS_perf_event_open, {}},
+           {SYS_userfaultfd, {1}},
+           {SYS_io_uring_setup, {1}},
+           {SYS_io_uring_enter, {}},
+           {SYS_io_uring_register, {}},
+           {SYS_mount, {}},
+           {SYS_umount2, {}},
+           {SYS_pivot_root, {}},
+           {SYS_chroot, {}},
+           {SYS_open_tree, {}},
+           {SYS_move_mount, {}},
+           {SYS_fsopen, {}},
+           {SYS_fsconfig, {}},
+           {SYS_fsmount, {}},
+           {SYS_fspick, {}},
+           {SYS_mount_setattr, {}},
+           {SYS_setns, {}},
+           {SYS_unshare, {CLONE_NEWUSER}},
+           {SYS_unshare, {CLONE_NEWUSER | CLONE_NEWNS}},
+           {SYS_clone, {CLONE_NEWUSER | SIGCHLD}},
+           {SYS_kexec_load, {}},
+           {SYS_init_module, {}},
+           {SYS_finit_module, {}},
+           {SYS_delete_module, {}},
+           {SYS_personality, {READ_IMPLIES_EXEC}},
+           {SYS_personality, {ADDR_NO_RANDOMIZE}},
+           {SYS_personality, {0x80000000 | READ_IMPLIES_EXEC}},
+           {SYS_personality, {upperHalf | READ_IMPLIES_EXEC}},
+           {SYS_ioctl, {0, TIOCSTI}},
+           {SYS_ioctl, {0, upperHalf | TIOCSTI}},
+           {SYS_ioctl, {0, TIOCLINUX}},
+           {SYS_socket, {AF_VSOCK, SOCK_STREAM}},
+           {SYS_socket, {upperHalf | AF_VSOCK, SOCK_STREAM}},
+           {SYS_socket, {AF_ALG, SOCK_SEQPACKET}},
+       }) {
+    EXPECT_EQ(call(number, arguments), "error EPERM")
+        << number << " " << testing::PrintToString(std::vector(arguments));
+  }
+  EXPECT_EQ(call(SYS_clone3, {}), "error ENOSYS");
+  EXPECT_EQ(sandboxed.ask("foreign-call"), "error EPERM");
+  EXPECT_EQ(call(SYS_personality, {0xffffffff}), "done");
+  EXPECT_EQ(call(SYS_socket, {AF_INET, SOCK_DGRAM}), "done");
+#ifdef __x86_64__
+  EXPECT_EQ(call(0x40000000 | SYS_getpid, {}), "error EPERM");
+#endif
+
+  // Nobody can stop or end who waits for it, and so leave it running alone.
+  for (const char* signal : {"STOP", "TSTP", "KILL", "TERM"}) {
+    sandboxed.ask("run\tkill -" + std::string(signal) + " 1");
+  }
+  EXPECT_EQ(sandboxed.ask("processes"), "bwrap program");
+  sandboxed.writeLine("exit\t5");
+  EXPECT_EQ(sandboxed.wait(), 5);
 }
 
 TEST_F(SandboxedApplication, ReachesServicesThatStartedAfterIt) {

@@ -82,14 +82,14 @@ std::string Installation::installExampleProvider(const std::string& origin) {
 }
 
 Consumer Installation::installConsumer(const std::string& identifier,
-                                       const Dictionary& entitlements, bool asNobody) {
+                                       const Dictionary& entitlements, bool isPowerless) {
   const std::string bundle = root_ + "/Applications/" + identifier + ".app";
   const std::string staged = staging();
   fs::copy_file(builtProgram("scripted-consumer"), staged + "/program");
   writeList(staged + "/Entitlements.plist", entitlements);
   writeList(staged + "/Info.plist", bundleInfo(identifier, "program"));
   put(staged, bundle);
-  return {root_, identifier, bundle + "/program", asNobody};
+  return {root_, identifier, bundle + "/program", isPowerless};
 }
 
 bool Installation::becomesServed(const std::string& service) const {
@@ -149,13 +149,13 @@ pid_t ScriptedProvider::running() const {
 }
 
 Consumer::Consumer(const std::string& root, std::string identifier, const std::string& program,
-                   bool asNobody)
+                   bool isPowerless)
     : identifier_(std::move(identifier)) {
   std::array<int, 2> ends{};
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) std::abort();
   control_.reset(ends[0]);
   const FileDescriptor theirs(ends[1]);
-  id_ = spawn({program, asNobody ? "nobody" : ""}, {{theirs.get(), STDIN_FILENO}},
+  id_ = spawn({program, isPowerless ? "powerless" : ""}, {{theirs.get(), STDIN_FILENO}},
               std::vector{"DOCSOURCE_ROOT=" + root});
 }
 

@@ -39,9 +39,10 @@ class Installation {
   /// The example provider of the documents in `origin`, "com.example.provider"; the directory where
   /// they will be.
   std::string installExampleProvider(const std::string& origin);
-  /// An application, with a copy of the consumer as its executable.
+  /// An application, with a copy of the consumer as its executable; a powerless one has no
+  /// capability, whoever runs it.
   Consumer installConsumer(const std::string& identifier, const Dictionary& entitlements,
-                           bool asNobody = false);
+                           bool isPowerless = false);
 
   /// An extension bundle's Info.plist.
   static Dictionary extensionInfo(const std::string& identifier,
@@ -100,7 +101,7 @@ class ScriptedProvider {
 class Consumer {
  public:
   Consumer(const std::string& root, std::string identifier, const std::string& program,
-           bool asNobody);
+           bool isPowerless);
   Consumer(Consumer&& other) noexcept;
   Consumer& operator=(Consumer&&) = delete;
   ~Consumer();

@@ -3,11 +3,13 @@
 // fails is answered with "error " and the reason.
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -15,6 +17,7 @@
 #include <iostream>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -137,6 +140,38 @@ std::string extendSandbox(const Words& words) {
   return extension ? extension->token.value_or("no token") : errorAnswer(extension.error());
 }
 
+/// A command line of the shell: its exit status and what it prints, on one line.
+std::string runShell(const Words& words) {
+  std::FILE* output = popen((words[1] + " 2>&1").c_str(), "r");
+  if (!output) return errorAnswer(errno);
+  std::string text;
+  for (int character = 0; (character = std::fgetc(output)) != EOF;) {
+    text += character == '\n' ? ' ' : static_cast<char>(character);
+  }
+  const int status = pclose(output);
+  return std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + text;
+}
+
+/// A system call by its number and arguments.
+std::string systemCall(const Words& words) {
+  std::istringstream numbers(words[1]);
+  std::array<long, 7> all{};
+  for (auto& number : all) numbers >> number;
+  const long result = syscall(all[0], all[1], all[2], all[3], all[4], all[5], all[6]);
+  return result < 0 ? errorAnswer(errno) : "done";
+}
+
+/// Of the 32-bit architecture that this one can execute too.
+std::string foreignCall(const Words&) {
+#ifdef __x86_64__
+  long result = 20;  // getpid
+  asm volatile("int $0x80" : "+a"(result) : : "memory", "r8", "r9", "r10", "r11");
+  return result < 0 ? errorAnswer(static_cast<int>(-result)) : "done";
+#else
+  return errorAnswer(EPERM);
+#endif
+}
+
 std::string coordinate(const Words& words) {
   const auto done = client.coordinateReading(words[1]);
   return done ? "done" : errorAnswer(done.error());
@@ -161,7 +196,10 @@ int main(int argc, char** argv) {
       {"look-around", lookAround},
       {"extend-bookmark", extendBookmark},
       {"extend-sandbox", extendSandbox},
-      {"coordinate", coordinate}};
+      {"coordinate", coordinate},
+      {"run", runShell},
+      {"call", systemCall},
+      {"foreign-call", foreignCall}};
   for (std::string line; std::getline(std::cin, line);) {
     auto words = split(line);
     if (words[0] == "exit") return std::stoi(words[1]);

@@ -2,10 +2,11 @@
 // services and hands them to the test, which speaks over them: to the service they are this
 // process's. Asked over the socket that is its standard input; ends with it.
 //
-// With the argument "nobody" it gives up root's privileges first.
+// With the argument "powerless" it gives up all capabilities first.
 
-#include <grp.h>
+#include <linux/capability.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -53,12 +54,10 @@ void handOver(int descriptor) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  if (argc > 1 && std::string(argv[1]) == "nobody" && geteuid() == 0) {
-    constexpr unsigned nobody = 65534;
-    if (setgroups(0, nullptr) != 0 || setresgid(nobody, nobody, nobody) != 0 ||
-        setresuid(nobody, nobody, nobody) != 0) {
-      return 1;
-    }
+  if (argc > 1 && std::string(argv[1]) == "powerless") {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    const std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
+    if (syscall(SYS_capset, &header, none.data()) != 0) return 1;
   }
   std::array<char, 256> name{};
   for (;;) {
