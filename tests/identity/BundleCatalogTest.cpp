@@ -356,6 +356,35 @@ TEST_F(BundleCatalogTest, ASandboxIsOneApplication) {
   EXPECT_EQ(identityOf(other), "com.example.two");
 }
 
+/// The daemon's right to host documents is not to be had by executing it in a sandbox.
+TEST_F(BundleCatalogTest, ADaemonInASandboxIsNoDaemon) {
+  const auto daemon = fs::path(ownProgram()).parent_path() / "docsourced";
+  TemporaryDirectory root;
+  const auto isHost = [](const ChildProcess& process) {
+    return qx::entitlementOfProcess(AuditToken::ofProcess(process.id()),
+                                    "com.veltro.file-coordination.host")
+        .has_value();
+  };
+  {
+    ChildProcess outside({"env", "DOCSOURCE_ROOT=" + root.path(), daemon});
+    EXPECT_TRUE(within(std::chrono::seconds(20), [&] { return isHost(outside); }));
+  }
+  ChildProcess inside(
+      {"unshare", "--user", "--map-root-user", "env", "DOCSOURCE_ROOT=" + root.path(), daemon});
+  const auto program = qx::identityOf([&] {
+    struct stat status {};
+    stat(daemon.c_str(), &status);
+    return status;
+  }());
+  if (!within(std::chrono::seconds(20), [&] {
+        const auto process = qx::ProcessDirectory::open(inside.id());
+        return process && process->executable() == program;
+      })) {
+    GTEST_SKIP() << "no user namespaces here";
+  }
+  EXPECT_FALSE(isHost(inside));
+}
+
 TEST_F(BundleCatalogTest, AnotherUsersProcessBelongsToNoBundle) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root, to run a program as another user";
   fs::permissions(temporaryRoot(), fs::perms(0755));
@@ -387,7 +416,7 @@ TEST_F(BundleCatalogTest, ABundleThatCannotBeReadHoldsUpNobodyElse) {
     std::ofstream(application("hanging") + "/Entitlements.plist") << round;
     EXPECT_EQ(identityOf(process), "com.example.good");
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(200));
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
   makeBundle(application("new"), "com.example.new");
   EXPECT_EQ(identifiers(), "com.example.good com.example.new ");
   fs::remove(application("hanging") + "/Entitlements.plist");

@@ -1,6 +1,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/fsuid.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -207,6 +211,70 @@ TEST_F(SandboxCheckTest, AnswersWhatTheProcessWouldFind) {
     }
     EXPECT_GT(allowed, 0u);
   }
+}
+
+/// What the permissions alone do not say.
+TEST_F(SandboxCheckTest, MindsTheLinksOfSharedDirectoriesAndTheAttributesOfFiles) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to make what belongs to other users";
+  constexpr uid_t user = 4001, otherUser = 4002;
+  ChildProcess process(
+      {"setpriv", "--reuid=" + std::to_string(user), "--regid=5001", "--clear-groups", "cat"});
+  ASSERT_EQ(process.ask("ready"), "ready");
+  const auto document = file("document", 0666);
+  const auto linkIn = [&](const std::string& directory, mode_t mode, uid_t owner) {
+    const auto path = root / directory;
+    fs::create_directories(path);
+    chmod(path.c_str(), mode);
+    fs::create_symlink(document, path + "/link");
+    EXPECT_EQ(lchown((path + "/link").c_str(), owner, 0), 0);
+    return path + "/link";
+  };
+  EXPECT_EQ(canRead(process, linkIn("shared1", 01777, otherUser)), EACCES);
+  EXPECT_EQ(canRead(process, linkIn("shared2", 01777, user)), 0);
+  EXPECT_EQ(canRead(process, linkIn("shared3", 01777, 0)), 0) << "the directory's owner";
+  EXPECT_EQ(canRead(process, linkIn("shared4", 01775, otherUser)), 0) << "not everybody's";
+  EXPECT_EQ(canRead(process, linkIn("shared5", 00777, otherUser)), 0) << "not sticky";
+
+  const qx::FileDescriptor descriptor(open(document.c_str(), O_RDONLY | O_CLOEXEC));
+  const auto setFlags = [&](int flags) {
+    return ioctl(descriptor.get(), FS_IOC_SETFLAGS, &flags) == 0;
+  };
+  if (!setFlags(FS_IMMUTABLE_FL)) {
+    std::puts("this file system has no immutable files");
+    return;
+  }
+  EXPECT_EQ(canRead(process, document), 0);
+  EXPECT_EQ(canWrite(process, document), EPERM);
+  EXPECT_TRUE(setFlags(FS_APPEND_FL));
+  EXPECT_EQ(canWrite(process, document), EPERM);
+  EXPECT_TRUE(setFlags(0));
+  EXPECT_EQ(canWrite(process, document), 0);
+}
+
+TEST_F(SandboxCheckTest, GoesByTheUserOfTheFileSystem) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to be two users";
+  constexpr uid_t user = 4001;
+  const auto its = file("its", 0600), roots = file("roots", 0600);
+  ASSERT_EQ(chown(its.c_str(), user, 0), 0);
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const qx::FileDescriptor output(ends[0]), input(ends[1]);
+  const pid_t id = fork();
+  if (id == 0) {
+    setfsuid(user);
+    if (write(input.get(), "x", 1) != 1) _exit(1);
+    for (;;) pause();
+  }
+  char byte = 0;
+  ASSERT_EQ(read(output.get(), &byte, 1), 1);
+  const auto check = [&](const std::string& path) {
+    return SandboxCheckByAuditToken(AuditToken::ofProcess(id), "file-write-data",
+                                    qx::SandboxFilter::path, 0, path);
+  };
+  EXPECT_EQ(check(its), 0);
+  EXPECT_EQ(check(roots), EACCES);
+  kill(id, SIGKILL);
+  waitpid(id, nullptr, 0);
 }
 
 TEST_F(SandboxCheckTest, AnswersFromInsideTheMountNamespace) {
