@@ -1,5 +1,6 @@
 #include "platform/extension/ExtensionHost.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -259,6 +260,75 @@ TEST_F(ExtensionHostTest, AReplacedOneEndsWithItsLastRequest) {
   old->cancelExtensionRequestWithIdentifier(request.id);
   EXPECT_TRUE(waitForLine(process, "ended with status 0."));
   EXPECT_EQ(processOf(*extensions.front(), next), other);
+}
+
+TEST_F(ExtensionHostTest, KeepsRunningWhatAsksForIt) {
+  const ProviderBundle bundle("E");
+  bundle.install(qx::Value(bundle.group()), true);
+  match();
+  const auto extension = waitForArray(1).front();
+  // Started as soon as it is known; after a second, then after twice as long, when it has died.
+  const auto waitForStart = [](std::size_t number) {
+    return LogCapture::mailbox().waitUntil([number](const auto& lines) {
+      return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+               return line.find("Started extension E ") != std::string::npos;
+             }) == static_cast<std::ptrdiff_t>(number);
+    });
+  };
+  std::size_t starts = 1;
+  for (const int delay : {1, 2, 4, 8, 16, 32, 60, 60}) {
+    ASSERT_TRUE(waitForStart(starts++));
+    const auto request = begin(*extension);
+    const auto process = processOf(*extension, request);
+    ASSERT_NE(process, 0);
+    kill(process, SIGKILL);
+    ASSERT_TRUE(waitForLine(process, "was ended by signal 9."));
+    clock.waitForActionIn(seconds(delay));
+    clock.advance(seconds(delay) - milliseconds(1));
+    EXPECT_EQ(LogCapture::count("Started extension E"), starts - 1);
+    clock.advance(milliseconds(1));
+  }
+  // It is never idle, and ends when it is uninstalled.
+  ASSERT_TRUE(waitForStart(starts));
+  const auto last = begin(*extension);
+  const auto process = processOf(*extension, last);
+  extension->cancelExtensionRequestWithIdentifier(last.id);
+  clock.advance(seconds(120));
+  EXPECT_TRUE(isRunning(process));
+  bundle.remove();
+  EXPECT_TRUE(waitForLine(process, "ended with status 0."));
+}
+
+TEST_F(ExtensionHostTest, ASlowStartHoldsUpNobodyElse) {
+  // A program that somebody has a lease of is not executed before he gives it up (fcntl(2)).
+  signal(SIGIO, SIG_IGN);
+  install("quick");
+  const auto program = path("slow") + "/program";
+  fs::create_directories(path("slow"));
+  fs::copy_file(ownProgram(), program);
+  auto info = bundleInfo("slow", program);
+  info.emplace("QXExtension", Dictionary{{"QXExtensionPointName", docSourceExtensionPoint}});
+  const qx::FileDescriptor lease(open(program.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fcntl(lease.get(), F_SETLEASE, F_WRLCK) != 0) GTEST_SKIP() << "no leases on this file system";
+  writeList(path("slow") + "/Info.plist", info);
+  match();
+  const auto extensions = waitForArray(1);
+  ASSERT_EQ(extensions.size(), 2U);
+
+  Mailbox<Request> late;
+  for (int i = 0; i < 2; ++i) {
+    extensions[1]->beginExtensionRequestWithInputItems_completion(
+        std::nullopt, [&](const auto& id, const auto& error) {
+          late.put({id, error});
+        });
+  }
+  EXPECT_NE(processOf(*extensions[0], begin(*extensions[0])), 0);
+  EXPECT_TRUE(late.all().empty());
+  EXPECT_EQ(fcntl(lease.get(), F_SETLEASE, F_UNLCK), 0);
+  ASSERT_TRUE(late.waitForCount(2));
+  const auto requests = late.all();
+  EXPECT_NE(processOf(*extensions[1], requests[0]), 0);
+  EXPECT_EQ(processOf(*extensions[1], requests[0]), processOf(*extensions[1], requests[1]));
 }
 
 }  // namespace

@@ -121,7 +121,7 @@ class ProviderBundle {
 
   /// Makes it, or replaces its Info.plist; `documentGroup` null: none is named.
   void install() const { install(Value(group())); }
-  void install(const Value& documentGroup) const {
+  void install(const Value& documentGroup, bool keepsRunning = false) const {
     std::filesystem::create_directories(path_);
     writeList(path_ + "/Entitlements.plist",
               Dictionary{{"com.veltro.application-groups", Array{Value(group())}}});
@@ -129,6 +129,7 @@ class ProviderBundle {
     if (!documentGroup.isNull()) {
       extension.emplace("QXExtensionDocSourceDocumentGroup", documentGroup);
     }
+    if (keepsRunning) extension.emplace("QXExtensionKeepsRunning", true);
     auto info = bundleInfo(identifier_, ownProgram());
     info.emplace("QXExtension", extension);
     writeList(path_ + "/Info.plist", info);
