@@ -1,5 +1,6 @@
-// A directory that becomes a link to another one and back, again and again, while the daemons are
-// asked about what lies in it: what is opened and granted is what was checked.
+// Names that change places again and again, a directory's with a link's to another one, a file's
+// with another file's, while the daemons are asked about them: what is opened and granted is what
+// was checked.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -24,17 +25,13 @@ namespace fs = std::filesystem;
 
 class LinkSwap : public Abuse {
  protected:
-  /// The client's own directory "folder" and a link to somebody else's change places, for as long
-  /// as this lives.
+  /// Two entries change places, again and again, for as long as this lives.
   class Swapping {
    public:
-    Swapping(const std::string& place, const std::string& target)
-        : folder_(place + "/folder"), link_(place + "/link") {
-      fs::create_directories(folder_);
-      fs::create_directory_symlink(target, link_);
+    Swapping(std::string one, std::string other) : one_(std::move(one)), other_(std::move(other)) {
       thread_ = std::thread([this] {
         while (!over_) {
-          if (renameat2(AT_FDCWD, folder_.c_str(), AT_FDCWD, link_.c_str(), RENAME_EXCHANGE) != 0) {
+          if (renameat2(AT_FDCWD, one_.c_str(), AT_FDCWD, other_.c_str(), RENAME_EXCHANGE) != 0) {
             std::abort();
           }
           for (auto pause = pause_.load(); pause > 0; --pause) over_.load();
@@ -52,12 +49,27 @@ class LinkSwap : public Abuse {
     void change() { pause_ = randomBelow(30000); }
 
    private:
-    const std::string folder_;
-    const std::string link_;
+    const std::string one_;
+    const std::string other_;
     std::atomic<bool> over_ = false;
     std::atomic<std::size_t> pause_ = 0;
     std::thread thread_;
   };
+
+  /// The daemon, and a client that may only what the permissions of files let it.
+  Consumer startWithPowerless() {
+    const auto bundle = Places::applications() + "/powerless.app";
+    makeBundle(bundle, "com.example.powerless", builtProgram("scripted-consumer"));
+    start();
+    return {root_, "com.example.powerless", bundle + "/program", true};
+  }
+
+  /// A link to somebody else's directory beside the client's own.
+  std::string linkTo(const std::string& target) const {
+    fs::create_directories(folder_);
+    fs::create_directory_symlink(target, place_ + "/link");
+    return place_ + "/link";
+  }
 
   static void put(const std::string& path, const char* text) {
     fs::create_directories(fs::path(path).parent_path());
@@ -65,6 +77,7 @@ class LinkSwap : public Abuse {
   }
 
   const std::string place_ = root_ + "/place";
+  const std::string folder_ = place_ + "/folder";
   const std::string victim_ = root_ + "/victim";
 };
 
@@ -83,7 +96,7 @@ TEST_F(LinkSwap, ATokenOpensTheFileThatItWasIssuedFor) {
   ASSERT_TRUE(token);
   std::size_t opened = 0;
   {
-    Swapping swapping(place_, victim_);
+    Swapping swapping(folder_, linkTo(victim_));
     for (std::size_t i = 0; i < tries(100000, 1000); ++i) {
       if (i % 100 == 0) swapping.change();
       const auto answer = redeeming.call(consumeExtension, {*token});
@@ -110,16 +123,13 @@ TEST_F(LinkSwap, ABookmarkIsForTheDocumentThatTheClientMayWrite) {
   put(place_ + "/folder/document", "mine");
   fs::permissions(provider_.storage(), fs::perms::none);
   fs::permissions(place_ + "/folder/document", fs::perms(0600));
-  const auto bundle = Places::applications() + "/powerless.app";
-  makeBundle(bundle, "com.example.powerless", builtProgram("scripted-consumer"));
-  start();
-  const Consumer powerless(root_, "com.example.powerless", bundle + "/program", true);
+  const Consumer powerless = startWithPowerless();
   Wire wire = powerless.connect();
   ASSERT_EQ(wire.call(extendBookmark, {provider_.url("document"), app}).outcome(),
             "DSErrorDomain 3");
   const URL url = URL::fileURL(place_ + "/folder/document");
   {
-    Swapping swapping(place_, provider_.storage());
+    Swapping swapping(folder_, linkTo(provider_.storage()));
     for (std::size_t i = 0; i < tries(100000, 3000); ++i) {
       if (i % 100 == 0) swapping.change();
       const auto answer = wire.call(extendBookmark, {url, app});
@@ -129,6 +139,37 @@ TEST_F(LinkSwap, ABookmarkIsForTheDocumentThatTheClientMayWrite) {
   }
   const auto held = grantsOnDisk();
   if (!held || !held->empty()) ++tally.losses;
+}
+
+TEST_F(LinkSwap, ABookmarkIsForTheFileThatTheClientMayWrite) {
+  Tally tally("files exchanged while bookmarks are extended");
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to have a client that may not open everything";
+  // Both are the provider's; the client may write one of them and exchange their names.
+  const auto mine = provider_.storage() + "/mine", secret = provider_.storage() + "/secret";
+  put(mine, "mine");
+  put(secret, "secret");
+  fs::permissions(mine, fs::perms(0600));
+  fs::permissions(secret, fs::perms::none);
+  std::ofstream(provider_.path() + "/by-inode").put(' ');
+  const auto own = SelfProvider::inodeOf(mine);
+  const Consumer powerless = startWithPowerless();
+  Wire wire = powerless.connect();
+  ASSERT_TRUE(eventually([&] {
+    return wire.call(extendBookmark, {URL::fileURL(mine), app}).outcome() == "success";
+  }));
+  ASSERT_EQ(wire.call(extendBookmark, {URL::fileURL(secret), app}).outcome(), "DSErrorDomain 3");
+  {
+    Swapping swapping(mine, secret);
+    for (std::size_t i = 0; i < tries(100000, 3000); ++i) {
+      if (i % 100 == 0) swapping.change();
+      const auto answer = wire.call(extendBookmark, {URL::fileURL(mine), app});
+      ++tally.tries;
+      const auto* bookmark = answer.at<std::string>(0);
+      if (bookmark && *bookmark != "docsource:com.example.p/" + own) ++tally.faults;
+    }
+  }
+  const auto held = grantsOnDisk();
+  if (!held || held->size() != 1) ++tally.losses;
 }
 
 }  // namespace

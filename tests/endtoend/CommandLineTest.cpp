@@ -344,9 +344,20 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   EXPECT_NE(answer(resolved, "token"), "none");
   // An item is one line of the table whatever its identifier.
   const auto table = ask({"grants"});
-  EXPECT_NE(table.find("a \"b\"\\x0a\\x01 c\\d é\n"), std::string::npos) << table;
+  EXPECT_NE(table.find("a \"b\"\\x0a\\x01 c\\d é  " + installed.document("A.txt") + "\n"),
+            std::string::npos)
+      << table;
+
+  // Taken back, by its path.
+  ask({"revoke", "A.txt", "--provider", provider, "--consumer", toolIdentifier});
+  EXPECT_EQ(ask({"grants"}).find(provider), std::string::npos);
+  fails({"resolve", bookmark}, "DSErrorDomain 3");
+  fails({"revoke", "A.txt", "--provider", "other", "--consumer", toolIdentifier}, "no such grant");
 
   fails({"bookmark", "/etc/passwd"}, "belongs to no provider");
+  const auto nothing = run({"bookmark", "/etc/passwd", "--json"});
+  EXPECT_EQ(nothing.output, "{\"bookmark\": null}\n");
+  EXPECT_EQ(nothing.status, 1);
 
   // Granted, but its provider is not installed: that is never answered.
   fails({"--timeout", "0.2", "resolve", "docsource:com.example.gone/x"}, "did not answer in time");

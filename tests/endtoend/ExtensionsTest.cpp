@@ -144,8 +144,11 @@ TEST_F(Extensions, ThatMisbehaveCostTheCallAndNothingElse) {
   std::size_t processes = 1;
   for (const auto& [how, outcome, survives] : cases) {
     SCOPED_TRACE(how);
+    const auto process = std::to_string(provider.running());
     provider.behave({{vendorStart, how}});
     EXPECT_EQ(startDocument(wire, provider), outcome);
+    EXPECT_TRUE(how != "garbage" || daemon_->logs("[NOTICE] Closing the connection to PID " +
+                                                  process + ": a malformed frame."));
     provider.behave({});
     EXPECT_EQ(startDocument(wire, provider), "success");
     if (!survives) ++processes;

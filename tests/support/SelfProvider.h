@@ -21,7 +21,8 @@
 /// A provider extension that is the test program itself, started once more by the extension host.
 /// What it is to do lies in its bundle: pipes (fifo(7)) in which it meets the test, "setup" where
 /// it reads how its set-up ends, "changed" where it writes the URL of a changed item; a file "deaf"
-/// lets it ignore the end of its connection, a file "stubborn" SIGTERM.
+/// lets it ignore the end of its connection, a file "stubborn" SIGTERM; with a file "by-inode"
+/// items are named by their inode numbers.
 namespace qx::test {
 
 /// Items are named by their file name; "fail..." fails, "nameless" has no identifier, "hang..." is
@@ -62,11 +63,20 @@ class SelfProvider final : public _QXDocSourceVendor {
                                           Completion<Error, std::string> reply) override {
     answer(url, [&](const auto& error, const std::string& name) {
       const bool hasNone = error || name == "nameless";
-      reply(error, hasNone ? std::nullopt : std::optional(name));
+      const auto identifier = isByInode() ? inodeOf(*url->path()) : name;
+      reply(error, hasNone ? std::nullopt : std::optional(identifier));
     });
   }
   void _URLForItemIdentifier_completion(const std::optional<std::string>& itemID,
                                         Completion<Error, URL> reply) override {
+    if (isByInode()) {
+      std::optional<URL> found;
+      for (const auto& entry :
+           std::filesystem::directory_iterator(std::getenv("QX_DOCUMENT_STORAGE"))) {
+        if (inodeOf(entry.path()) == itemID) found = URL::fileURL(entry.path().string());
+      }
+      return reply(std::nullopt, found);
+    }
     const auto url = URL::fileURL(std::getenv("QX_DOCUMENT_STORAGE") + ("/" + *itemID));
     answer(url, [&](const auto& error, const std::string& name) {
       const bool hasNone = error || name == "nameless";
@@ -74,7 +84,14 @@ class SelfProvider final : public _QXDocSourceVendor {
     });
   }
 
+  static std::string inodeOf(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? std::to_string(status.st_ino) : "";
+  }
+
  private:
+  static bool isByInode() { return std::filesystem::exists("by-inode"); }
+
   template <class Reply>
   static void answer(const std::optional<URL>& url, Reply reply) {
     const std::string name = std::filesystem::path(url->path().value_or("")).filename();
