@@ -80,4 +80,16 @@ TEST(AccessControlList, doesWhatAPlainModelDoes) {
   EXPECT_EQ(textOf(list), textOf(empty));
 }
 
+TEST(AccessControlList, keepsAConsumersOtherKeysWhenItsLastItemGoes) {
+  const auto with = [](qx::Dictionary entry) {
+    return *qx::PropertyList::write(
+        qx::Dictionary{{"provider", qx::Dictionary{{"consumer", std::move(entry)}}}});
+  };
+  auto list = listOf(with({{"AllowedItemIDs", qx::Array{"one"}}, {"Note", "mine"}}));
+  EXPECT_TRUE(list.disallow("provider", "one", "consumer"));
+  EXPECT_EQ(textOf(list), with({{"Note", "mine"}}));
+  EXPECT_TRUE(list.allow("provider", "two", "consumer"));
+  EXPECT_EQ(textOf(list), with({{"AllowedItemIDs", qx::Array{"two"}}, {"Note", "mine"}}));
+}
+
 }  // namespace

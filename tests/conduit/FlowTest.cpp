@@ -30,29 +30,47 @@ std::int64_t fill(RawPeer& peer) {
   }
 }
 
-TEST(Flow, AnAnswerLeftToTheGlobalQueueWaitsForNoCallBehindIt) {
+TEST(Flow, AnAnswerLeftToTheGlobalQueueComesWhileItsCallStillRuns) {
   Served served = Served::make();
-  auto frames = plainCall(1, "answerLaterCompletion:");
-  const auto block = plainCall(2, "blockCompletion:");
-  frames.insert(frames.end(), block.begin(), block.end());
-  ASSERT_TRUE(served.peer.sendBytes(frames));
-  EXPECT_EQ(served.peer.readMessage()->id, 1);
-  served.object->unblock.pass();
-  EXPECT_EQ(served.peer.readMessage()->id, 2);
-}
-
-TEST(Flow, AnAnswerLeftToTheGlobalQueueIsGivenWhileItsCallWaitsInAQueue) {
-  Served served = Served::make();
-  const auto queue = qx::WorkQueue::serial("occupied until the answer is given");
-  const auto occupied = std::make_shared<Gate>();
-  queue->async([occupied, answered = served.object->answeredLater] {
-    occupied->pass();
-    answered->wait();
-  });
-  occupied->wait();
-  served.object->beforeItReturns = [queue] { queue->sync([] {}); };
+  served.object->beforeItReturns = [answered = served.object->answeredLater] { answered->wait(); };
   ASSERT_TRUE(served.peer.sendBytes(plainCall(1, "answerLaterCompletion:")));
   EXPECT_EQ(served.peer.readMessage()->id, 1);
+}
+
+TEST(Flow, WhoTakesAReplyMayWaitForAnother) {
+  auto [near, far] = socketPair();
+  const auto interface = QXConduitInterface::interfaceWithProtocol<Trial>();
+  const auto callee = QXConduitConnection::overSocket(std::move(near));
+  callee->setExportedInterface(interface);
+  callee->setExportedObject<Trial>(std::make_shared<TrialObject>());
+  const auto caller = QXConduitConnection::overSocket(std::move(far));
+  caller->setRemoteObjectInterface(interface);
+  const auto proxy = caller->remoteObjectProxyWithErrorHandler<Trial>(
+      [](const qx::Error& error) { ADD_FAILURE() << error.text(); });
+  constexpr int count = 8;
+  Gate replied;
+  // Both directions are full of replies before the first is read.
+  for (int i = 0; i < count; ++i) {
+    proxy->echo_completion("x", [&](const auto&) {
+      replied.pass();
+      replied.wait(count);
+    });
+  }
+  callee->resume();
+  caller->resume();
+  replied.wait(count);
+}
+
+TEST(Flow, AFrameOfTheLargestSizeIsTakenAndNoLargerOne) {
+  const std::size_t beside = echoCall(1, std::string(1U << 20U, 'x')).size() - (1U << 20U);
+  const std::string largest(4 + qx::conduit::maximumFrameSize - beside, 'x');
+  Served served = Served::make();
+  ASSERT_TRUE(served.peer.sendBytes(echoCall(1, largest)));
+  const auto reply = served.peer.readMessage();
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->first == Value(largest));
+  (void)served.peer.sendBytes(echoCall(2, largest + 'x'));
+  served.ended->wait();
 }
 
 TEST(Flow, PastTheLimitOfUnansweredCallsNothingIsReadUntilSomeAreAnswered) {
@@ -221,6 +239,29 @@ TEST(Descriptors, ArriveWithTheirFrameAndCloseWithTheirLastUser) {
   EXPECT_TRUE(first.isClosedEverywhere());
   EXPECT_TRUE(second.isClosedEverywhere());
   EXPECT_TRUE(third.isClosedEverywhere());
+}
+
+TEST(Descriptors, GoWithTheirOwnFrameHoweverManyWaitToBeSent) {
+  auto [near, far] = socketPair();
+  const auto interface = QXConduitInterface::interfaceWithProtocol<Trial>();
+  const auto callee = QXConduitConnection::overSocket(std::move(near));
+  callee->setExportedInterface(interface);
+  callee->setExportedObject<Trial>(std::make_shared<TrialObject>());
+  const auto caller = QXConduitConnection::overSocket(std::move(far));
+  caller->setRemoteObjectInterface(interface);
+  caller->resume();
+  const auto proxy = caller->remoteObjectProxyWithErrorHandler<Trial>(
+      [](const qx::Error& error) { ADD_FAILURE() << error.text(); });
+  const auto file = std::make_shared<const qx::FileDescriptor>(dup(STDERR_FILENO));
+  Mailbox<std::int64_t> taken;
+  // More than the socket holds, so that the rest is sent together when it is read.
+  proxy->echo_completion(std::string(4U << 20U, 'x'), nullptr);
+  for (int i = 0; i < 3; ++i) {
+    proxy->take_and_completion(file, file, [&](const auto& number) { taken.put(*number); });
+  }
+  callee->resume();
+  ASSERT_TRUE(taken.waitForCount(3));
+  EXPECT_EQ(taken.all(), (std::vector<std::int64_t>{3, 3, 3}));
 }
 
 TEST(Descriptors, SixteenComeWithOneFrameAndThoseNobodyNamesAreClosed) {
