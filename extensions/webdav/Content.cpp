@@ -30,10 +30,15 @@ void Checksum::add(std::string_view bytes) {
   EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(context_.get()), bytes.data(), bytes.size());
 }
 
-std::string Checksum::text() {
+std::string Checksum::text() const {
   std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
   unsigned size = 0;
-  EVP_DigestFinal_ex(static_cast<EVP_MD_CTX*>(context_.get()), bytes.data(), &size);
+  const Checksum copy(EVP_MD_CTX_new());
+  auto* const context = static_cast<EVP_MD_CTX*>(copy.context_.get());
+  if (!context || EVP_MD_CTX_copy_ex(context, static_cast<EVP_MD_CTX*>(context_.get())) != 1 ||
+      EVP_DigestFinal_ex(context, bytes.data(), &size) != 1) {
+    return {};
+  }
   std::string text;
   constexpr std::string_view digits = "0123456789abcdef";
   for (unsigned i = 0; i < size; ++i) {

@@ -17,8 +17,8 @@ class Checksum {
   static std::optional<Checksum> named(const std::string& name);
 
   void add(std::string_view bytes);
-  /// Lower-case hexadecimal, of all that was added. Ends it.
-  std::string text();
+  /// Lower-case hexadecimal, of all that was added so far.
+  std::string text() const;
 
  private:
   struct Free {
@@ -46,8 +46,8 @@ class SourceUpload final : public Upload {
   Result<std::string> take(std::uint64_t most);
 
   /// Of everything that was given out; once it has ended.
-  std::string sha256() { return sha256_.text(); }
-  std::string sha1() { return sha1_.text(); }
+  std::string sha256() const { return sha256_.text(); }
+  std::string sha1() const { return sha1_.text(); }
 
  private:
   Result<void> fetch();

@@ -264,6 +264,8 @@ Result<Answer> Session::perform(const Request& request) {
       headers.reset(curl_slist_append(headers.release(), line));
     };
     for (const auto& line : request.headers) add(line.c_str());
+    // What can be sent twice need not wait until the server says that it wants it; not all do.
+    if (request.upload && request.upload->isShort()) add("Expect:");
     const auto patience = request.patience.value_or(options_.patience);
     std::array<char, CURL_ERROR_SIZE> text{};
     auto handle = acquire();

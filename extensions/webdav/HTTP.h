@@ -47,6 +47,8 @@ class Upload {
   virtual Result<std::size_t> read(char* into, std::size_t most) = 0;
   /// Back to the beginning; false when that is not possible (any more).
   virtual bool rewind() = 0;
+  /// Sent at once: to send it in vain costs little.
+  virtual bool isShort() const { return false; }
 };
 
 /// Content that is in memory, and stays there as long as this object.
@@ -63,6 +65,7 @@ class MemoryUpload final : public Upload {
     position_ = 0;
     return true;
   }
+  bool isShort() const override { return text_.size() <= 1024 * 1024; }
 
  private:
   const std::string_view text_;

@@ -40,8 +40,9 @@ Server Server::announced(const Resource& top, const Answer& options) {
   return server;
 }
 
-std::optional<std::string> Server::condition(const std::string& tag) const {
-  if (isApache) return "If: ([" + tag + "])";
+std::string Server::condition(const std::string& url, const std::string& tag) const {
+  // Without the URL it would mean the directory above as well.
+  if (isApache) return "If: <" + url + "> ([" + tag + "])";
   return "If-Match: " + tag;
 }
 

@@ -39,8 +39,8 @@ struct Server {
   /// What is known from the first answers: to PROPFIND of the top, and to OPTIONS.
   static Server announced(const Resource& top, const Answer& options);
 
-  /// The header that makes a request depend on a version; absent without one to name.
-  std::optional<std::string> condition(const std::string& tag) const;
+  /// The header that makes a request depend on the tag of what it is about.
+  std::string condition(const std::string& url, const std::string& tag) const;
 };
 
 /// The version of a file, as the mirror keeps it: the tag, or where there is none the time, and the
@@ -60,7 +60,7 @@ struct Version {
 
   /// Known by a time in whole seconds that have hardly passed: there may be another content yet
   /// that looks the same. `now` is the server's own time.
-  bool isYoung(std::optional<std::int64_t> now) const { return !tag && now && *now - modified < 2; }
+  bool isYoung(std::optional<std::int64_t> now) const { return !tag && now && *now <= modified; }
 };
 
 /// Names of what this remote puts among the documents for a while. They hold the server's time at

@@ -43,6 +43,12 @@ constexpr unsigned mostQuestions = 300;
 /// more.
 constexpr std::uint64_t progress = 64 * 1024;
 constexpr unsigned mostResumes = 8;
+/// File systems count modification times in steps of a few milliseconds.
+constexpr milliseconds clockTick{20};
+constexpr unsigned mostRewrites = 3;
+/// What has just changed is looked at again so soon, and so often.
+constexpr milliseconds settling{250};
+constexpr unsigned mostWaits = 40;
 
 constexpr std::string_view wantedProperties =
     R"(<?xml version="1.0" encoding="utf-8"?>)"
@@ -109,11 +115,15 @@ std::string joined(const std::string& directory, const std::string& name) {
   return directory.empty() ? name : directory + "/" + name;
 }
 
-/// Names that some servers take and then call otherwise: control characters, bytes that are no
-/// UTF-8 (a rough test, wrong only in that it asks more often).
+/// Names that some servers take and then call otherwise, or do not list.
 bool isOdd(const std::string& name) {
+  return name.starts_with('.') ||
+         std::any_of(name.begin(), name.end(), [](unsigned char c) { return c >= 0x80; });
+}
+
+bool hasControls(const std::string& name) {
   return std::any_of(name.begin(), name.end(),
-                     [](unsigned char c) { return c < 0x20 || c >= 0x7f; });
+                     [](unsigned char c) { return c < 0x20 || c == 0x7f; });
 }
 
 std::string shown(const std::string& path) { return path.empty() ? "The top" : "\"" + path + "\""; }
@@ -124,6 +134,11 @@ Error problem(RemoteProblem kind, const std::string& path, const std::string& re
 
 Error changed(const std::string& path) {
   return problem(RemoteProblem::changedMeanwhile, path, "was changed on the server meanwhile.");
+}
+
+Error unkept(const std::string& path) {
+  return problem(RemoteProblem::notPermitted, path,
+                 "has a name that the server does not keep as it is.");
 }
 
 Error strange(const std::string& path, const std::string& what) {
@@ -161,6 +176,16 @@ Error refusal(const Answer& answer, const std::string& path) {
     return problem(failed, path, "is somewhere else, says the server" + status);
   }
   return problem(failed, path, "met an error of the server" + status);
+}
+
+/// Of an answer about several, that of the first which failed.
+long failureIn(const Answer& answer) {
+  long status = 0;
+  MultiStatus reader([&](const Resource& resource) -> Result<void> {
+    if (status == 0 && resource.status >= 300) status = resource.status;
+    return {};
+  });
+  return reader.feed(answer.text) && reader.finish() && status != 0 ? status : 500;
 }
 
 bool is(const Error& error, RemoteProblem kind) { return remoteProblemOf(error) == kind; }
@@ -263,6 +288,10 @@ class WebDAVRemote final : public Remote {
   Result<std::string> mark(const Place& place, bool create);
   Result<Server> tried(const Place& place);
   std::int64_t now() const;
+  Result<void> wait(milliseconds time) {
+    if (session_.pacer().pause(time)) return {};
+    return remoteError(RemoteProblem::cancelled, "Given up.");
+  }
 
   Result<Answer> ask(const std::string& url, const std::string& path, int depth,
                      const MultiStatus::Visitor& visit);
@@ -312,6 +341,8 @@ class WebDAVRemote final : public Remote {
   /// The server's clock minus ours, in seconds.
   std::atomic<std::int64_t> clockDifference_{0};
   std::atomic<bool> destinationIsPath_{false};
+  /// The server was seen to say the tag of PROPFIND in an answer to GET too.
+  std::atomic<bool> tagsAgree_{false};
   mutable std::mutex mutex_;
   Place place_;
   bool hasMet_ = false;
@@ -524,13 +555,13 @@ Result<Server> WebDAVRemote::tried(const Place& place) {
   const auto again = send("PUT", {"If-None-Match: *"}, true);
   if (!again) return again.error();
   server.checksCreating = again->status == 412;
-  const auto other = send("PUT", {*server.condition("\"trial\"")}, true);
+  const auto other = send("PUT", {server.condition(place.url(path), "\"trial\"")}, true);
   if (!other) return other.error();
   server.checksReplacing = other->status == 412;
   const auto part = send("GET", {"Range: bytes=1-2"}, false);
   if (!part) return part.error();
   server.ranges = part->status == 206;
-  const auto removed = send("DELETE", {*server.condition("\"trial\"")}, false);
+  const auto removed = send("DELETE", {server.condition(place.url(path), "\"trial\"")}, false);
   if (!removed) return removed.error();
   server.checksRemoving = removed->status == 412;
   if (server.checksRemoving) {
@@ -738,6 +769,7 @@ Result<void> WebDAVRemote::readOnce(const Place& place, const std::string& path,
   const bool isWhole = first == 0 && length == version.size;
   std::uint64_t skip = 0;
   bool isYoung = false;
+  bool isStale = false;
   Request request{"GET", place.url(path), {}};
   if (!isWhole) {
     request.headers.push_back("Range: bytes=" + std::to_string(first) + "-" +
@@ -768,19 +800,27 @@ Result<void> WebDAVRemote::readOnce(const Place& place, const std::string& path,
     }
     if (total && *total != version.size) return other("it has another length than the document");
     const auto tag = answer.header("etag");
-    if (version.tag && tag && Version::of(*tag, version.size).tag == version.tag) {
-      checksum = answer.header("oc-checksum");
-      return {};
+    if (version.tag && tag) {
+      if (Version::of(*tag, version.size).tag == version.tag) {
+        tagsAgree_ = true;
+        checksum = answer.header("oc-checksum");
+        return {};
+      }
+      isStale = tagsAgree_;
     }
     if (!version.tag) {
       const auto modified = answer.date("last-modified");
       isYoung = version.isYoung(answer.date("date"));
       if (modified && *modified == version.modified) return {};
     }
-    // Some say another tag here than where they list it, or none.
+    // Some say another tag here than where they list it, or none; and some of those serve what they
+    // had a second ago.
     isCertain = false;
     auto there = compare(place, path, version.text());
     if (!there) return there.error();
+    const auto& item = (*there)->item;
+    isYoung |= isStale ||
+               (item.modified && (*there)->now && *(*there)->now - secondsOf(*item.modified) < 3);
     return {};
   };
   std::optional<Error> refused;
@@ -800,12 +840,7 @@ Result<void> WebDAVRemote::readOnce(const Place& place, const std::string& path,
   if (!answer) return answer.error();
   if (answer->status == 416) return other("it does not have that part");
   if (!answer->succeeded()) return refusal(*answer, path);
-  if (isYoung) {
-    if (!session_.pacer().pause(seconds(1))) {
-      return remoteError(RemoteProblem::cancelled, "Given up.");
-    }
-    return {};
-  }
+  if (isYoung) return wait(settling);
   if (done < length) return strange(path, "it ends too early");
   return {};
 }
@@ -831,10 +866,11 @@ Result<void> WebDAVRemote::read(const std::string& path, const std::string& vers
     isOurs = taken.ok();
     return taken;
   };
-  for (unsigned resumes = 0; done < length;) {
+  for (unsigned resumes = 0, waits = 0; done < length;) {
     const auto before = done;
     auto got = readOnce(*place, path, *wanted, offset, length, done, isCertain, expected, take);
-    if (got) continue;
+    if (got && (done > before || ++waits < mostWaits)) continue;
+    if (got) return strange(path, "it goes on having another tag than the document");
     const bool isBroken = isOurs && is(got.error(), RemoteProblem::unreachable);
     if (!isBroken || done == before) return got;
     if (done - before < progress && ++resumes > mostResumes) return got;
@@ -909,7 +945,8 @@ Result<RemoteItem> WebDAVRemote::confirmed(const Place& place, const std::string
   return item;
 }
 
-/// Whether the server shows what was just made under the name it was given.
+/// Whether the server shows what was just made under the name it was given: what it does not list
+/// would look removed.
 Result<void> WebDAVRemote::checkName(const Place& place, const std::string& path) {
   const auto name = nameIn(path);
   if (!isOdd(name)) return {};
@@ -918,8 +955,7 @@ Result<void> WebDAVRemote::checkName(const Place& place, const std::string& path
       place, parentOf(path), [&](const RemoteItem& item) { isThere |= item.name == name; }, true);
   if (!listed) return listed;
   if (isThere) return {};
-  return problem(RemoteProblem::notPermitted, path,
-                 "has a name that the server does not keep as it is.");
+  return unkept(path);
 }
 
 Result<RemoteItem> WebDAVRemote::write(const std::string& path,
@@ -929,13 +965,14 @@ Result<RemoteItem> WebDAVRemote::write(const std::string& path,
   if (!place) return place.error();
   const auto& server = place->server;
   if (ifVersion && !Version::from(*ifVersion)) return changed(path);
+  if (!ifVersion && hasControls(nameIn(path))) return unkept(path);
   Content content(source);
   if (source.size() <= (server.isCloud ? partSize_ : smallSize)) {
     auto held = content.stream.take(source.size() + 1);
     if (!held) return held.error();
     content.held = *std::move(held);
   }
-  const auto written = [&]() -> Result<RemoteItem> {
+  const auto writeOnce = [&]() -> Result<RemoteItem> {
     if (server.isCloud && !content.held) {
       // .../dav/files/USER/..., and beside it .../dav/uploads/USER.
       constexpr std::string_view files = "/dav/files/";
@@ -959,7 +996,16 @@ Result<RemoteItem> WebDAVRemote::write(const std::string& path,
                           before->size == source.size());
     return isTold ? writeInPlace(*place, path, ifVersion, attributes, content)
                   : writeBeside(*place, path, ifVersion, attributes, content);
-  }();
+  };
+  auto written = writeOnce();
+  // Tags that are made of the time do not change within a tick of the server's clock.
+  for (unsigned i = 0; written && ifVersion && written->version == *ifVersion; ++i) {
+    if (i == mostRewrites || !content.held || !session_.pacer().pause(clockTick)) {
+      written->version = Version::unknown();
+    } else {
+      written = writeOnce();
+    }
+  }
   if (!written || ifVersion) return written;
   if (auto kept = checkName(*place, path); !kept) {
     if (is(kept.error(), RemoteProblem::notPermitted)) (void)remove(path, written->version);
@@ -983,7 +1029,8 @@ Result<RemoteItem> WebDAVRemote::writeInPlace(const Place& place, const std::str
     auto there = compare(place, path, ifVersion);
     if (!there) return there.error();
   } else {
-    conditional.push_back(before ? *server.condition(*before->tag) : "If-None-Match: *");
+    conditional.push_back(before ? server.condition(place.url(path), *before->tag)
+                                 : "If-None-Match: *");
   }
   auto answer = put(place, path, content, conditional, false);
   if (!answer) return answer.error();
@@ -1055,9 +1102,7 @@ Result<RemoteItem> WebDAVRemote::writeBeside(const Place& place, const std::stri
       if (!still) return given(still.error());
       break;
     }
-    if (!session_.pacer().pause(seconds(1))) {
-      return given(remoteError(RemoteProblem::cancelled, "Given up."));
-    }
+    if (auto waited = wait(settling); !waited) return given(waited.error());
   }
   answer = moveTo(place, place.url(part), path, false, ifVersion.has_value(), {});
   if (!answer) return given(answer.error());
@@ -1142,6 +1187,7 @@ Result<RemoteItem> WebDAVRemote::makeDirectory(const std::string& path,
                                                const RemoteAttributes& attributes) {
   auto place = meet();
   if (!place) return place.error();
+  if (hasControls(nameIn(path))) return unkept(path);
   // Some say that they have made what was there before.
   auto nothing = compare(*place, path, std::nullopt);
   if (!nothing) return nothing.error();
@@ -1185,9 +1231,7 @@ Result<Answer> WebDAVRemote::moveTo(const Place& place, const std::string& url,
   if (first == 502 && !answer->succeeded()) {
     return strange(to, "whether it was moved is unknown (status 502)");
   }
-  if (answer->status == 207) {
-    return problem(RemoteProblem::failed, to, "could not be moved as a whole by the server.");
-  }
+  if (answer->status == 207) answer->status = failureIn(*answer);
   // No server says 200 but lighttpd, with nothing after it; what comes with a page is no server.
   if (answer->status == 200 && !answer->text.empty()) return strange(to, "it answers with a page");
   return answer;
@@ -1197,6 +1241,7 @@ Result<RemoteItem> WebDAVRemote::move(const std::string& from, const std::string
                                       const std::optional<std::string>& ifVersion) {
   auto place = meet();
   if (!place) return place.error();
+  if (hasControls(nameIn(to))) return unkept(to);
   const auto source = seen(*place, from);
   if (!source) return source.error();
   const bool isDirectory = source->item.kind == RemoteKind::directory;
@@ -1210,6 +1255,7 @@ Result<RemoteItem> WebDAVRemote::move(const std::string& from, const std::string
     if (answer->status != 412 && isNotFound(seen(*place, parentOf(to)))) {
       return problem(RemoteProblem::notFound, to, "has no directory on the server.");
     }
+    if (answer->status == 400 && isOdd(nameIn(to))) return unkept(to);
     return refusal(*answer, answer->status == 412 ? to : from);
   }
   if (auto kept = checkName(*place, to); !kept) {
@@ -1227,9 +1273,7 @@ Result<void> WebDAVRemote::erase(const std::string& url, const std::string& path
   request.patience = workPatience;
   auto answer = session_.perform(request);
   if (!answer) return answer.error();
-  if (answer->status == 207) {
-    return problem(RemoteProblem::failed, path, "could not be removed as a whole by the server.");
-  }
+  if (answer->status == 207) answer->status = failureIn(*answer);
   if (!answer->succeeded()) return refusal(*answer, path);
   if (answer->status == 200 && !answer->text.empty()) {
     // A page of something in between says 200 as well.
@@ -1274,7 +1318,8 @@ Result<void> WebDAVRemote::remove(const std::string& path,
     const auto version = Version::from(*ifVersion);
     if (!version) return changed(path);
     if (place->server.checks() && version->tag) {
-      auto erased = erase(place->url(path), path, {*place->server.condition(*version->tag)});
+      auto erased =
+          erase(place->url(path), path, {place->server.condition(place->url(path), *version->tag)});
       if (erased || !is(erased.error(), RemoteProblem::changedMeanwhile)) return erased;
     }
     auto there = compare(*place, path, ifVersion);

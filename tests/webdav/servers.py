@@ -85,6 +85,7 @@ server.document-root = "{files}"
 server.errorlog = "{top}/log"
 server.upload-dirs = ( "{top}" )
 server.modules = ( "mod_webdav" )
+mimetype.assign = ( "" => "application/octet-stream" )
 webdav.activate = "enable"
 webdav.sqlite-db-name = "{top}/properties"
 """
