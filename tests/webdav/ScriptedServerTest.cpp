@@ -318,7 +318,9 @@ TEST(ScriptedServer, UsesWhatACloudAnnounces) {
   EXPECT_EQ(server.count("PROPFIND"), 1U) << "nothing has changed";
   server.tell(R"({"files": {"d/e/x": "changed", "g/": "", "g/y": "y"}})");
   std::string paths;
-  for (const auto& each : server->changes(cursor)->directories) {
+  const auto changes = server->changes(cursor);
+  ASSERT_TRUE(changes) << textOf(changes.error());
+  for (const auto& each : changes->directories) {
     paths += each.path + (each.recursive ? "+" : "") + ",";
   }
   EXPECT_EQ(paths, ",g+,d,d/e,");
