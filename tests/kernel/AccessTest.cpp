@@ -210,9 +210,9 @@ TEST_P(KernelTest, AHangingProviderHoldsNobodyElseUp) {
   EXPECT_EQ(run(reader("read", temporaryRoot() + "/Others/quick")).line, "right");
 
   // Removed while they wait: they wait for the next.
+  makePlaceholder(item("late"), 1000);
   QXFileCoordinator::_removeDocSource(hanging);
   ASSERT_TRUE(platformd_->logs("Doc source com.example.hanging was removed"));
-  makePlaceholder(item("late"), 1000);
   stuck.push_back(std::make_unique<ChildProcess>(reader("read", item("late"))));
   add("com.example.hanging");
   for (auto& each : stuck) EXPECT_EQ(each->readLine(), "right");
@@ -231,8 +231,11 @@ TEST_P(KernelTest, TheProvidersOwnProcessesAreLetThrough) {
   // Its parent has ended when it reads.
   ASSERT_EQ(mkfifo((temporaryRoot() + "/go").c_str(), 0600), 0);
   ASSERT_EQ(mkfifo((temporaryRoot() + "/counted").c_str(), 0600), 0);
-  shell(extension + "setsid sh -c 'cd " + temporaryRoot() +
-        "; (read go < go; sh count.sh > counted) & exit'");
+  ChildProcess leader({"setsid", "env", "QX_EXTENSION_IDENTIFIER=com.example.source", "sh", "-c",
+                       "cd " + temporaryRoot() +
+                           "; sh -c '(read go < go; sh count.sh > counted) & exit'"
+                           "; echo ready; read end"});
+  ASSERT_EQ(leader.readLine(), "ready");
   std::ofstream(temporaryRoot() + "/go") << "\n";
   EXPECT_EQ(readAll(temporaryRoot() + "/counted"), "0\n");
   EXPECT_TRUE(source->provides.all().empty());
@@ -342,7 +345,7 @@ TEST_P(KernelTest, ATreeIsWatchedAlthoughWhoAddedItGoes) {
 TEST_P(KernelTest, DirectoriesThatComeLaterAreWatched) {
   const auto late = add("com.example.late", temporaryRoot() + "/Late/Storage");
   fs::create_directories(temporaryRoot() + "/Late/Storage/below");
-  ASSERT_TRUE(isWatched("com.example.late"));
+  ASSERT_TRUE(platformd_->logs("in " + temporaryRoot() + "/Late/Storage, which has changed"));
   makePlaceholder(temporaryRoot() + "/Late/Storage/below/first", 1000);
   EXPECT_EQ(run(reader("read", temporaryRoot() + "/Late/Storage/below/first")).line, "right");
 

@@ -62,12 +62,17 @@ inline void mark(int file, Mark kind) {
   ASSERT_EQ(fsetxattr(file, "user.docsource.placeholder", text.data(), text.size(), 0), 0);
 }
 
-/// A placeholder as a provider makes it: the mark, the real size, no blocks.
+/// A placeholder as a provider makes it, of a new file or of a document: the mark, then the time,
+/// then no blocks and the real size.
 inline void makePlaceholder(const std::string& path, std::size_t size, Mark kind = Mark::plain) {
   const FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   ASSERT_TRUE(file) << path;
   mark(file.get(), kind);
-  ASSERT_EQ(ftruncate(file.get(), 0), 0);
+  struct stat status {};
+  ASSERT_EQ(fstat(file.get(), &status), 0);
+  const timespec times[2] = {{0, UTIME_OMIT}, status.st_mtim};
+  ASSERT_EQ(futimens(file.get(), times), 0);
+  ASSERT_EQ(fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 1 << 30), 0);
   ASSERT_EQ(ftruncate(file.get(), static_cast<off_t>(size)), 0);
 }
 

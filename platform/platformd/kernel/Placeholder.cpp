@@ -99,34 +99,34 @@ void anchor(int path, const struct stat& status) {
   futimens(file.get(), times);
 }
 
-bool conceal(int path, const struct stat& status) {
-  const auto inode = inodeNameOf(path);
-  const FileDescriptor file = reopen(path, O_RDONLY | O_NOATIME);
-  if (!inode || !file) return false;
+// Neither of the two opens the file: that would be told of, perhaps with nobody left to answer.
+
+bool conceal(int file, const struct stat& status) {
+  const auto inode = inodeNameOf(file);
+  if (!inode) return false;
   // One that has no permissions already keeps what is remembered of it.
-  if ((status.st_mode & permissions) == 0 && ownAttribute(file.get(), modeAttribute)) return true;
+  if ((status.st_mode & permissions) == 0 && ownAttribute(file, modeAttribute)) return true;
   std::array<char, 64> mode{};
   std::snprintf(mode.data(), mode.size(), " mode:%o owner:%u", status.st_mode & permissions,
                 status.st_uid);
-  return setAttribute(file.get(), modeAttribute, markWord(*inode) + mode.data()) &&
-         fchmod(file.get(), 0) == 0;
+  return setAttribute(file, modeAttribute, markWord(*inode) + mode.data()) &&
+         chmod(procPath(file).c_str(), 0) == 0;
 }
 
-void reveal(int path, const struct stat& status) {
-  const auto remembered = ownAttribute(path, modeAttribute);
+void reveal(int file, const struct stat& status) {
+  const auto remembered = ownAttribute(file, modeAttribute);
   if (!remembered) return;
-  const FileDescriptor file = reopen(path, O_RDONLY | O_NOATIME);
   const auto at = remembered->find(" mode:");
   unsigned mode = 0;
   unsigned owner = 0;
-  if (!file || at == std::string::npos ||
+  if (at == std::string::npos ||
       std::sscanf(remembered->c_str() + at, " mode:%o owner:%u", &mode, &owner) != 2) {
     return;
   }
   // Somebody who gave it permissions meanwhile meant them.
   const bool isUntouched = (status.st_mode & permissions) == 0 && status.st_uid == owner;
-  if (isUntouched && fchmod(file.get(), mode & permissions) != 0) return;
-  removeAttribute(file.get(), modeAttribute);
+  if (isUntouched && chmod(procPath(file).c_str(), mode & permissions) != 0) return;
+  removeAttribute(file, modeAttribute);
 }
 
 }  // namespace qx::kernel::Placeholder
