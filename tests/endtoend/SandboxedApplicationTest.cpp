@@ -145,7 +145,8 @@ TEST_F(SandboxedApplication, SeesNothingButItsOwn) {
   EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers"), "Data");
   EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers/Data"), app);
   EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "run"),
-            "com.veltro.DocSource com.veltro.FileCoordination com.veltro.Sandbox");
+            "com.veltro.DocSource com.veltro.DocSource.Grants com.veltro.FileCoordination "
+            "com.veltro.Sandbox");
 
   EXPECT_EQ(sandboxed.ask("processes"), "bwrap program");
   EXPECT_EQ(sandboxed.ask("read\t/proc/keys"), "error EACCES");
