@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -256,6 +257,7 @@ TEST_F(CommandLine, ShowsOnATerminalHowFarADocumentHasArrived) {
   const auto path = installed.document("A.txt");
   ask({"extend-sandbox", path, "--provider", provider, "--consumer", "com.example.app"});
   fs::resize_file(path, 1 << 20U);
+  ASSERT_EQ(::setxattr(path.c_str(), "user.docsource.placeholder", "placeholder", 11, 0), 0);
 
   const FileDescriptor screen(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
   ASSERT_TRUE(screen && ::grantpt(screen.get()) == 0 && ::unlockpt(screen.get()) == 0);
