@@ -16,14 +16,14 @@ constexpr std::size_t longestName = 100;
 
 std::optional<std::string> problemOfName(const std::string& name) {
   if (name.empty() || name.size() > longestName) {
-    return "The name of an account has 1 to " + std::to_string(longestName) + " bytes.";
+    return "The name of an account has 1 to " + std::to_string(longestName) + " bytes";
   }
   const bool hasControl = std::any_of(
       name.begin(), name.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
   if (name.starts_with('.') || name.find('/') != std::string::npos || hasControl ||
       !qx::isValidUTF8(name)) {
     return "The name of an account is text without slashes and control characters, and does not "
-           "begin with a dot.";
+           "begin with a dot";
   }
   return std::nullopt;
 }

@@ -76,9 +76,12 @@ int start(const Arguments& arguments) {
   client.startProviding(
       url, arguments.provider, arguments.consumer,
       [answered](docsource::Result<void> answer) { answered->set_value(std::move(answer)); });
-  ProgressBar bar(docsource::pathOfURL(url));
+  ProgressBar bar;
+  const auto path = docsource::pathOfURL(url);
   constexpr std::chrono::milliseconds redrawn(100);
-  while (bar.isShown() && result.wait_for(redrawn) == std::future_status::timeout) bar.draw();
+  while (bar.isShown() && result.wait_for(redrawn) == std::future_status::timeout) {
+    if (path) bar.draw(*path);
+  }
   auto outcome = result.get();
   bar.remove();
   return done(arguments, outcome);

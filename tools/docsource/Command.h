@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,16 +25,32 @@ enum ExitStatus : int {
 /// The command line. A command finds filled in what the table says it takes.
 struct Arguments {
   bool json = false;
+  /// How long to wait for an answer that is due at once.
   std::chrono::milliseconds timeout{};
+  /// For what may take any time; absent unless it was asked for.
+  std::optional<std::chrono::milliseconds> givenTimeout;
   /// The one argument without a name: a URL or path, a string, a token, a bundle, an identifier.
   std::string subject;
+  /// The one after it, for a command that takes two.
+  std::string second;
   /// Instead of it, for a command that takes several.
   std::vector<std::string> subjects;
   std::string provider;
   std::string consumer;
+  /// What is below a directory, too.
+  bool recursive = false;
+  /// Documents that are only here may go with their account.
+  bool discard = false;
+  /// What is gone on one side may go on the other.
+  bool confirmDeletions = false;
+  /// The version of a conflict that is to be taken; empty to list them.
+  std::string take;
   /// What stood behind "--", for the program that is to be run.
   std::vector<std::string> rest;
 };
+
+/// Of this tool: one sentence that says what is wrong and what to do about it.
+docsource::Error complaint(const std::string& sentence);
 
 /// Prints the error as text and tells the exit status that goes with it.
 int fail(const Arguments& arguments, const docsource::Error& error);
@@ -50,9 +67,23 @@ int extendBookmark(const Arguments& arguments);
 int bookmark(const Arguments& arguments);
 int resolve(const Arguments& arguments);
 
-// What documents occupy.
+// Accounts.
+int addFolder(const Arguments& arguments);
+int accounts(const Arguments& arguments);
+int removeAccount(const Arguments& arguments);
+int sync(const Arguments& arguments);
+
+// How documents are, and whether their content is here.
 int status(const Arguments& arguments);
+int get(const Arguments& arguments);
 int evict(const Arguments& arguments);
+int pin(const Arguments& arguments);
+int unpin(const Arguments& arguments);
+
+// What is under way, and what came of it.
+int transfers(const Arguments& arguments);
+int cancel(const Arguments& arguments);
+int conflicts(const Arguments& arguments);
 
 // Documents, copied to standard output.
 int consume(const Arguments& arguments);

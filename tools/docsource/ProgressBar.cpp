@@ -17,22 +17,23 @@ constexpr const char* clearedLine = "\r\033[K";  // ECMA-48, EL
 
 }  // namespace
 
-ProgressBar::ProgressBar(std::optional<std::string> path)
-    : path_(std::move(path)), isShown_(path_ && ::isatty(STDERR_FILENO) == 1) {}
+ProgressBar::ProgressBar() : isShown_(::isatty(STDERR_FILENO) == 1) {}
 
-void ProgressBar::draw() {
-  constexpr std::size_t width = 30;
-  if (!isShown_) return;
-  const auto document = docsource::placeholderStatus(*path_);
-  if (!document || document->size == 0) return;
+void ProgressBar::draw(const std::string& path) {
+  const auto document = docsource::placeholderStatus(path);
+  if (!document) return;
   const bool isWhole = document->state == docsource::PlaceholderState::present;
-  const std::uint64_t arrived =
-      isWhole ? document->size : std::min(document->occupied, document->size);
-  const double part = static_cast<double>(arrived) / static_cast<double>(document->size);
-  const auto filled = static_cast<std::size_t>(part * width);
+  draw(isWhole ? document->size : std::min(document->occupied, document->size), document->size);
+}
+
+void ProgressBar::draw(std::uint64_t done, std::uint64_t total) {
+  constexpr std::size_t width = 30;
+  if (!isShown_ || total == 0) return;
+  const double part = static_cast<double>(done) / static_cast<double>(total);
+  const auto filled = std::min(width, static_cast<std::size_t>(part * width));
   std::fprintf(stderr, "%s[%s%s] %3d%%  %s of %s", clearedLine, std::string(filled, '#').c_str(),
                std::string(width - filled, '-').c_str(), static_cast<int>(part * 100),
-               sizeText(arrived).c_str(), sizeText(document->size).c_str());
+               sizeText(done).c_str(), sizeText(total).c_str());
   std::fflush(stderr);
   isDrawn_ = true;
 }

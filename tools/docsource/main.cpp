@@ -17,11 +17,13 @@
 namespace tool {
 namespace {
 
+constexpr std::string_view toolErrorDomain = "DocSourceToolErrorDomain";
+
 struct Command {
   /// "first second" is the command `second` of the group `first`.
   const char* name;
-  /// What the one argument without a name is, with "..." behind it when there may be several; null
-  /// when there is none.
+  /// What the one argument without a name is, with "..." behind it when there may be several, or
+  /// "[...]" around it when there may be none; two with a space between; null when there is none.
   const char* subject;
   bool takesProvider;
   bool takesConsumer;
@@ -47,9 +49,22 @@ constexpr Command commands[] = {
      "Redeem a token and copy its document to standard output"},
     {"read", "URL", false, false, read,
      "Have the document's content brought in and copy it to standard output"},
+    {"add folder", "NAME DIRECTORY", false, false, addFolder,
+     "Add an account for the documents of a directory, which then appear at ~/DocSource/NAME"},
+    {"accounts", nullptr, false, false, accounts,
+     "List the accounts, how they are, and what waits to be uploaded"},
+    {"remove", "NAME", false, false, removeAccount, "Remove an account and its documents here"},
+    {"sync", "[NAME]", false, false, sync, "Look for changes now, and wait until both sides agree"},
     {"status", "PATH...", false, false, status,
-     "Tell whether documents are placeholders, and what they occupy"},
-    {"evict", "URL", false, false, evict, "Have the document's provider give its space back"},
+     "Tell of documents whether their content is here, and what they occupy"},
+    {"get", "PATH...", false, false, get, "Have the content of documents brought in"},
+    {"evict", "PATH...", false, false, evict, "Have the space of documents given back"},
+    {"pin", "PATH...", false, false, pin, "Keep the content of documents here from now on"},
+    {"unpin", "PATH...", false, false, unpin, "Keep it no longer"},
+    {"transfers", nullptr, false, false, transfers, "List what is under way, in both directions"},
+    {"cancel", "PATH", false, false, cancel, "Give the transfer of a document up"},
+    {"conflicts", nullptr, false, false, conflicts,
+     "List documents that were changed on both sides, or settle one of them"},
     {"grants", nullptr, false, false, grants, "List the grants"},
     {"revoke", "ITEM-OR-PATH", true, true, revoke, "Take a grant back"},
     {"install", "BUNDLE", false, false, install, "Install an application or a provider extension"},
@@ -77,10 +92,26 @@ CLI::App& groupCalled(const std::string& name, CLI::App& app) {
   const auto known =
       app.get_subcommands([&](const CLI::App* one) { return one->get_name() == name; });
   if (!known.empty()) return *known.front();
-  CLI::App& group = *app.add_subcommand(name, "The lock of the device");
+  CLI::App& group =
+      *app.add_subcommand(name, name == "add" ? "Add an account" : "The lock of the device");
   group.require_subcommand(1);
   group.fallthrough();
   return group;
+}
+
+/// Those of single commands.
+void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
+  if (command.run == status) {
+    entry.add_flag("-r,--recursive", arguments.recursive, "Of everything below a directory");
+  } else if (command.run == removeAccount) {
+    entry.add_flag("--discard", arguments.discard, "Even what exists nowhere else");
+  } else if (command.run == sync) {
+    entry.add_flag("--confirm-deletions", arguments.confirmDeletions,
+                   "Delete the many documents that are gone on one side on the other");
+  } else if (command.run == conflicts) {
+    entry.add_option("--take", arguments.take, "The version that is to be the document")
+        ->type_name("PATH");
+  }
 }
 
 void add(CLI::App& app, const Command& command, Arguments& arguments, const Command*& chosen) {
@@ -89,13 +120,24 @@ void add(CLI::App& app, const Command& command, Arguments& arguments, const Comm
   CLI::App& group = word == 0 ? app : groupCalled(std::string(name.substr(0, word - 1)), app);
   CLI::App* entry = group.add_subcommand(std::string(name.substr(word)), command.description);
   entry->fallthrough();
-  if (const std::string_view subject = command.subject ? command.subject : "";
-      subject.ends_with("...")) {
+  const std::string_view subject = command.subject ? command.subject : "";
+  if (subject.ends_with("...")) {
     const std::string one(subject.substr(0, subject.find('.')));
     entry->add_option(one, arguments.subjects, "")->type_name("")->required();
+  } else if (subject.starts_with('[')) {
+    const std::string one(subject.substr(1, subject.size() - 2));
+    entry->add_option(one, arguments.subject, "")->type_name("");
+  } else if (const auto space = subject.find(' '); space != std::string_view::npos) {
+    entry->add_option(std::string(subject.substr(0, space)), arguments.subject, "")
+        ->type_name("")
+        ->required();
+    entry->add_option(std::string(subject.substr(space + 1)), arguments.second, "")
+        ->type_name("")
+        ->required();
   } else if (command.subject) {
     entry->add_option(command.subject, arguments.subject, "")->type_name("")->required();
   }
+  addOptions(command, *entry, arguments);
   if (command.takesProvider) {
     entry->add_option("--provider", arguments.provider, "The provider's bundle identifier")
         ->type_name("IDENTIFIER")
@@ -136,9 +178,10 @@ int interpret(int argc, const char* const* argv) {
   CLI::App app("Client of the document broker, and the tool to administer it.", "docsource");
   app.require_subcommand(1);
   app.add_flag("--json", arguments.json, "Print one JSON object");
-  app.add_option("--timeout", timeout, "How long to wait for an answer; 30 unless given")
-      ->type_name("SECONDS")
-      ->check(checkTimeout);
+  const auto* given =
+      app.add_option("--timeout", timeout, "How long to wait for an answer; 30 unless given")
+          ->type_name("SECONDS")
+          ->check(checkTimeout);
   app.footer(
       "A URL may be a plain path. The exit status is 0; 1 when the operation answered with an "
       "error or not in time; 2 for a wrong command line; 3 when the service cannot be reached. "
@@ -159,13 +202,19 @@ int interpret(int argc, const char* const* argv) {
     return wrongUsage;
   }
   arguments.timeout = std::chrono::milliseconds(std::llround(timeout * 1000));
+  if (given->count() > 0) arguments.givenTimeout = arguments.timeout;
   return chosen->run(arguments);
 }
 
 }  // namespace
 
+docsource::Error complaint(const std::string& sentence) {
+  return {std::string(toolErrorDomain), 1, sentence + "."};
+}
+
 int fail(const Arguments& arguments, const docsource::Error& error) {
-  std::string text = onOneLine(error.text());
+  const bool isOwn = error.domain() == toolErrorDomain;
+  std::string text = onOneLine(isOwn ? error.description() : error.text());
   if (error.is(docsource::LibraryError::timedOut)) {
     text += " (waited " + std::to_string(arguments.timeout.count()) + " ms, --timeout)";
   }

@@ -1,0 +1,93 @@
+#include "tools/docsource/Accounts.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+#include "tools/docsource/BundleInstaller.h"
+#include "tools/docsource/Command.h"
+#include "tools/docsource/Location.h"
+
+namespace tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string homeDirectory() {
+  const char* home = std::getenv("HOME");
+  if (home && *home) return home;
+  const passwd* entry = ::getpwuid(::geteuid());
+  return entry ? entry->pw_dir : "/";
+}
+
+/// The account in whose storage a resolved path is, the storage itself included.
+std::optional<Account> accountOf(const std::string& path) {
+  for (auto& each : installedAccounts()) {
+    std::error_code failed;
+    const auto storage = fs::canonical(each.storage, failed).string();
+    if (!failed && (path == storage || path.starts_with(storage + "/"))) return each;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::vector<Account> installedAccounts() {
+  std::vector<Account> accounts;
+  for (const auto& installed : installedBundles(qx::BundleKind::extension)) {
+    auto found = installed.bundle ? account::accountOf(*installed.bundle) : std::nullopt;
+    if (found) accounts.push_back(*std::move(found));
+  }
+  std::sort(accounts.begin(), accounts.end(),
+            [](const Account& a, const Account& b) { return a.name < b.name; });
+  return accounts;
+}
+
+docsource::Result<Account> accountCalled(const std::string& name) {
+  for (auto& each : installedAccounts()) {
+    if (each.name == name) return each;
+  }
+  return complaint("There is no account \"" + name + "\" (docsource accounts lists them)");
+}
+
+std::string linkFor(const std::string& name) { return homeDirectory() + "/DocSource/" + name; }
+
+docsource::Result<Place> placeOf(const std::string& argument) {
+  const auto url = urlFromArgument(argument);
+  const auto given = docsource::pathOfURL(url);
+  if (!given) {
+    return docsource::Error(docsource::LibraryError::notAFileURL, "This is no file URL.",
+                            {{"URL", url}});
+  }
+  // Not urlFromArgument's path, which follows a link that is an item itself.
+  auto path = docsource::pathOfURL(argument).value_or(absolutePath(argument));
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+  std::error_code failed;
+  const fs::path name(path);
+  const auto item = (fs::canonical(name.parent_path(), failed) / name.filename()).string();
+  if (failed || !fs::exists(fs::symlink_status(item, failed))) {
+    return docsource::Error::file(ENOENT, path);
+  }
+  if (auto account = accountOf(item)) return Place{item, std::move(account)};
+  const auto whole = fs::canonical(path, failed).string();
+  if (failed) return docsource::Error::file(failed.value(), path);
+  return Place{whole, accountOf(whole)};
+}
+
+docsource::Result<AccountProcess> AccountProcess::of(const Account& account) {
+  auto connection = QXConduitConnection::connectToService(account.identifier);
+  if (!connection) {
+    return docsource::Error(docsource::LibraryError::serviceUnavailable,
+                            "The account \"" + account.name +
+                                "\" is not running. It is started by docsourced; is that running?",
+                            {}, docsource::bridge::fromPlatform(connection.error()));
+  }
+  (*connection)->setRemoteObjectInterface(dsAccountInterface());
+  (*connection)->resume();
+  return AccountProcess(*std::move(connection));
+}
+
+}  // namespace tool

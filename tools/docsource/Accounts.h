@@ -1,0 +1,85 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "docsource/error.h"
+#include "extensions/account/AccountBundle.h"
+#include "extensions/account/AccountProtocol.h"
+#include "platform/conduit/QXConduitConnection.h"
+#include "sdk/src/Bridge.h"
+
+/// The accounts of this user: their bundles, the places of their documents, their processes.
+namespace tool {
+
+using account::Account;
+
+/// In the order of their names.
+std::vector<Account> installedAccounts();
+docsource::Result<Account> accountCalled(const std::string& name);
+
+/// Where a person finds the documents: ~/DocSource/NAME, a link to the storage.
+std::string linkFor(const std::string& name);
+
+/// What a person means by a path.
+struct Place {
+  /// Absolute, the directories above resolved; a link in its last place is followed unless it is an
+  /// item of an account itself.
+  std::string path;
+  std::optional<Account> account;
+};
+docsource::Result<Place> placeOf(const std::string& argument);
+
+/// A connection to the process of an account. One thread.
+class AccountProcess {
+ public:
+  /// Of the library's error `serviceUnavailable` when it does not run.
+  static docsource::Result<AccountProcess> of(const Account& account);
+
+  /// Waits for the answer to one call, which `begin` makes with the completion that it is given.
+  /// For ever where there is no timeout; `meanwhile` is called now and then.
+  template <class... Rs>
+  docsource::Result<std::tuple<std::optional<Rs>...>> ask(
+      const std::type_identity_t<std::function<void(DSAccount&, qx::Completion<qx::Error, Rs...>)>>&
+          begin,
+      std::optional<std::chrono::milliseconds> timeout,
+      const std::function<void()>& meanwhile = {}) {
+    using Answer = docsource::Result<std::tuple<std::optional<Rs>...>>;
+    const auto answered = std::make_shared<std::promise<Answer>>();
+    auto result = answered->get_future();
+    begin(*connection_->remoteObjectProxyWithErrorHandler<DSAccount>(
+              [answered](const qx::Error& error) {
+                answered->set_value(docsource::bridge::fromPlatform(error));
+              }),
+          [answered](const std::optional<qx::Error>& error, const std::optional<Rs>&... values) {
+            answered->set_value(error ? Answer(docsource::bridge::fromPlatform(*error))
+                                      : Answer(std::make_tuple(values...)));
+          });
+    constexpr std::chrono::milliseconds redrawn(100);
+    const auto begun = std::chrono::steady_clock::now();
+    while (result.wait_for(redrawn) != std::future_status::ready) {
+      if (timeout && std::chrono::steady_clock::now() - begun > *timeout) {
+        return docsource::Error(docsource::LibraryError::timedOut,
+                                "The account did not answer in time.");
+      }
+      if (meanwhile) meanwhile();
+    }
+    return result.get();
+  }
+
+ private:
+  explicit AccountProcess(std::shared_ptr<QXConduitConnection> connection)
+      : connection_(std::move(connection)) {}
+
+  std::shared_ptr<QXConduitConnection> connection_;
+};
+
+}  // namespace tool
