@@ -138,11 +138,16 @@ bool isOfShape(int file, const Placeholder::Shape& shape) {
          sparse::timeOf(status.st_mtim) == shape.modified;
 }
 
-/// Makes a placeholder of a file that has no content, and no name or one that nobody waits for.
+/// Makes a placeholder of a file that is marked already, or has no content. One without a name is
+/// marked last: nobody else can see it, and its size changes without anybody being asked.
 bool makePlaceholder(int file, const Placeholder::Shape& shape, mode_t mode, bool cooperative) {
+  struct stat status {};
+  if (::fstat(file, &status) != 0) return false;
+  const bool isNamed = status.st_nlink > 0;
+  if (!isNamed && !sparse::makeSparse(file, shape, !cooperative)) return false;
   return mark::setPlaceholder(file, cooperative ? std::optional(mode) : std::nullopt) &&
          ::fchmod(file, cooperative ? 0 : mode) == 0 &&
-         sparse::makeSparse(file, shape, !cooperative);
+         (!isNamed || sparse::makeSparse(file, shape, !cooperative));
 }
 
 /// A placeholder, on its way to the place of `old`.

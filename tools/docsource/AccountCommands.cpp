@@ -220,8 +220,9 @@ int addFolder(const Arguments& arguments) {
   const auto program = programOf("folder");
   if (!program) return fail(arguments, program.error());
   const auto lists = account::listsFor(name, "folder", *program, account::directoryKey, *folder);
-  const qx::Bundle bundle{
-      qx::BundleKind::extension, "", account::identifierOf(name), "", lists.info, {}, {}};
+  qx::Bundle bundle{};
+  bundle.identifier = account::identifierOf(name);
+  bundle.info = lists.info;
   const auto added = *account::accountOf(bundle);
   const auto link = linkFor(name);
   if (auto linked = makeLink(link, added.storage); !linked) return fail(arguments, linked.error());

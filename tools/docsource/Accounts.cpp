@@ -37,7 +37,8 @@ std::optional<Account> accountOf(const std::string& path) {
 
 std::vector<Account> installedAccounts() {
   std::vector<Account> accounts;
-  for (const auto& installed : installedBundles(qx::BundleKind::extension)) {
+  for (const auto& installed :
+       installedBundles(qx::BundleKind::extension, qx::BundleStanding::user)) {
     auto found = installed.bundle ? account::accountOf(*installed.bundle) : std::nullopt;
     if (found) accounts.push_back(*std::move(found));
   }

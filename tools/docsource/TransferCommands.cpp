@@ -78,13 +78,13 @@ Result<void> take(const std::string& argument, const Arguments& arguments) {
   if (!place) return place.error();
   std::vector<std::string> others;
   bool isCopy = false;
-  const int listed = forEachEntry(arguments, &DSAccount::conflictsCompletion,
-                                  [&](const Account&, const qx::Dictionary& entry) {
-                                    if (pathIn(entry, "copyURL") == place->path) isCopy = true;
-                                    if (pathIn(entry, "URL") == place->path) {
-                                      others.push_back(pathIn(entry, "copyURL"));
-                                    }
-                                  });
+  forEachEntry(arguments, &DSAccount::conflictsCompletion,
+               [&](const Account&, const qx::Dictionary& entry) {
+                 if (pathIn(entry, "copyURL") == place->path) isCopy = true;
+                 if (pathIn(entry, "URL") == place->path) {
+                   others.push_back(pathIn(entry, "copyURL"));
+                 }
+               });
   if (isCopy) return ask(*place, arguments, &DSAccount::takeConflictCopyAtURL_completion);
   if (others.empty()) {
     return complaint(place->path + " has no conflict (docsource conflicts lists them)");
