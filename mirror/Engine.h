@@ -156,6 +156,8 @@ class Engine {
   Outcome settle(Lock& lock, ItemNumber number);
   Outcome settleOnce(Lock& lock, Item item);
   Outcome newHere(Lock& lock, const Item& item);
+  Outcome removeStray(const Item& item);
+  void relink(const Item& item, const Node& now);
   Outcome newThere(Lock& lock, const Item& item);
   Outcome meet(Lock& lock, Item item);
   Outcome goneThere(Lock& lock, const Item& item);

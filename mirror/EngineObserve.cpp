@@ -387,8 +387,15 @@ void Engine::assign(Side side, const std::set<ItemNumber>& still) {
   const auto found = std::exchange(seen.found, {});
   const auto livesElsewhere = [&](const Item& item, const Place& place) {
     const std::string& identity = (side == Side::here ? item.here : item.there)->identity;
-    return !identity.empty() && std::any_of(found.begin(), found.end(), [&](const auto& entry) {
+    if (identity.empty()) return false;
+    const bool isFound = std::any_of(found.begin(), found.end(), [&](const auto& entry) {
       return entry.second.identity == identity && entry.second.place != place;
+    });
+    if (isFound || side == Side::there || !item.here->isPlaceholder) return isFound;
+    // A placeholder goes on under its second name.
+    const auto others = items_->withIdentity(side, identity);
+    return std::any_of(others.begin(), others.end(), [&](const Item& other) {
+      return other.here->kind == Kind::link && !seen.missing.contains(other.number);
     });
   };
   for (const auto& [key, seenNode] : found) {

@@ -180,6 +180,17 @@ Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
 Engine::Outcome Engine::settleOnce(Lock& lock, Item item) {
   if (item.number == rootItem) return Outcome::done;
   if (item.here && item.here->kind == Kind::link) return Outcome::done;
+  // What was noted of a directory that is gone by now is looked at again when that is seen anew.
+  const auto hasNoParent = [&](const std::optional<Node>& node, Side side) {
+    if (!node || node->place.parent <= rootItem) return false;
+    const auto parent = items_->load(node->place.parent);
+    return !parent || !(side == Side::here ? parent->here : parent->there);
+  };
+  const bool isOrphanHere = hasNoParent(item.here, Side::here);
+  if (isOrphanHere || hasNoParent(item.there, Side::there)) {
+    change(item.number, [&](Item& orphan) { (isOrphanHere ? orphan.here : orphan.there).reset(); });
+    return Outcome::again;
+  }
   if (!item.here && !item.there) {
     Database::Transaction transaction(*database_);
     items_->erase(item.number);
@@ -338,7 +349,7 @@ bool Engine::setAsideUnknown(const Place& place) {
 
 Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
   const Node& here = *item.here;
-  if (here.isPlaceholder) return Outcome::done;  // until its document is seen there
+  if (here.isPlaceholder && !items_->at(Side::there, here.place)) return removeStray(item);
   if (!haveParent(lock, Side::there, here.place.parent)) return waitFor(item.number, firstRetry);
   if (const auto other = items_->at(Side::there, here.place);
       other && other->number != item.number && !other->here && !other->agreed) {
@@ -379,6 +390,49 @@ Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
   });
   if (isListing_) ownChanges_.insert(item.number);
   return Outcome::again;
+}
+
+/// A placeholder whose document is nowhere: another name of one that is a document of its own by
+/// now, or what a crash has left.
+Engine::Outcome Engine::removeStray(const Item& item) {
+  const Node& here = *item.here;
+  if (!hasLookedThere_ || isInTrouble() || !there_.isEmpty())
+    return waitFor(item.number, firstRetry);
+  const auto directory = directoryHere(here.place.parent);
+  const auto entry = directory ? lookAt(directory->get(), here.place.name) : std::nullopt;
+  if (!entry || entry->identity != here.identity || !entry->isPlaceholder) {
+    lookAgain(Side::here, here.place);
+    return waitFor(item.number, firstRetry);
+  }
+  if (::unlinkat(directory->get(), here.place.name.c_str(), 0) != 0) {
+    return failedHere(item, errno, "The placeholder of a document that is gone cannot be removed");
+  }
+  change(item.number, [](Item& now) { now.here.reset(); });
+  return Outcome::again;
+}
+
+/// Gives what else is called like the file of a document the file that took its place.
+void Engine::relink(const Item& item, const Node& now) {
+  if (now.identity == item.here->identity) return;
+  const auto source = directoryHere(now.place.parent);
+  for (Item& other : items_->withIdentity(Side::here, item.here->identity)) {
+    if (other.here->kind != Kind::link || !source) continue;
+    const auto directory = directoryHere(other.here->place.parent);
+    const auto entry = directory ? lookAt(directory->get(), other.here->place.name) : std::nullopt;
+    if (!entry || entry->identity != item.here->identity) continue;
+    const std::string side = std::string(Placeholder::sideName) + "link";
+    if (::linkat(source->get(), now.place.name.c_str(), directory->get(), side.c_str(), 0) != 0 ||
+        ::renameat(directory->get(), side.c_str(), directory->get(),
+                   other.here->place.name.c_str()) != 0) {
+      continue;
+    }
+    change(other.number, [&](Item& linked) {
+      const Place place = linked.here->place;
+      linked.here = now;
+      linked.here->place = place;
+      linked.here->kind = Kind::link;
+    });
+  }
 }
 
 Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
@@ -860,6 +914,7 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
   if (!entry->isPlaceholder) return again();
   coming_.clear();
   now = nodeHere(here.place, *entry);
+  relink(item, now);
   return std::nullopt;
 }
 

@@ -284,7 +284,9 @@ class FolderRemote final : public Remote {
     if (::fsync(side.get()) != 0) return errorOf(errno, "Cannot write", path);
     // On disk now; whoever finds the name finds all of it.
     if (!ifVersion) {
-      if (!putNew(directory->get(), side, name)) return errorOf(errno, "Cannot write", path);
+      if (!putNew(directory->get(), side, name)) {
+        return errorOfNew(errno, directory->get(), name, "Cannot write", path);
+      }
     } else if (auto put = replace(directory->get(), side, name, path, *ifVersion); !put) {
       return put.error();
     }
@@ -303,7 +305,7 @@ class FolderRemote final : public Remote {
     if (::mkdirat(directory->get(), name.c_str(), mode) != 0 ||
         ::fchmodat(directory->get(), name.c_str(), mode, 0) != 0 ||
         ::fsync(directory->get()) != 0) {
-      return errorOf(errno, "Cannot make", path);
+      return errorOfNew(errno, directory->get(), name, "Cannot make", path);
     }
     const auto item = itemAt(directory->get(), name);
     if (!item) return errorOf(errno, "Cannot look at", path);
@@ -322,7 +324,7 @@ class FolderRemote final : public Remote {
       return fits.error();
     }
     if (!renameNew(source->get(), fromName, goal->get(), toName)) {
-      return errorOf(errno, "Cannot move to", to);
+      return errorOfNew(errno, goal->get(), toName, "Cannot move to", to);
     }
     ::fsync(goal->get());
     ::fsync(source->get());
@@ -395,6 +397,16 @@ class FolderRemote final : public Remote {
     return remoteError(RemoteProblem::changedMeanwhile,
                        "\"" + path + "\" was changed meanwhile at the remote.");
   }
+  static Error takenError(const std::string& path) {
+    return remoteError(RemoteProblem::notPermitted,
+                       "At the remote \"" + path + "\" is a link or a special file.");
+  }
+  /// Of a name that was to be new.
+  static Error errorOfNew(int errnum, int directory, const std::string& name,
+                          const std::string& what, const std::string& path) {
+    const auto entry = errnum == EEXIST ? lookAt(directory, name) : std::nullopt;
+    return entry && !entry->kind ? takenError(path) : errorOf(errnum, what, path);
+  }
   Error away(int errnum) const {
     return remoteError(
         RemoteProblem::unreachable,
@@ -463,6 +475,7 @@ class FolderRemote final : public Remote {
       return ifVersion || orDirectory ? Result<void>(errorOf(ENOENT, "Cannot find", path))
                                       : Result<void>();
     }
+    if (!entry->kind) return takenError(path);
     if (ifVersion ? !isSame(*entry, *ifVersion)
                   : !orDirectory || entry->kind != mirror::Kind::directory) {
       return changedError(path);

@@ -16,7 +16,6 @@ namespace {
 constexpr int firstSize = 64;
 constexpr std::string_view partial = "PARTIAL";
 
-
 }  // namespace
 
 Model::Model(std::uint64_t seed) : clock_(*new qx::ManualClock), random_(seed) {
@@ -87,7 +86,7 @@ Model::Contents Model::shown(const std::string& root) const {
   Contents shown;
   for (const auto& path : entries(root)) {
     const int content = contentOf(path);
-    if (content >= 0) shown.insert(content);
+    if (content >= 0) ++shown[content];
   }
   return shown;
 }
@@ -130,16 +129,17 @@ void Model::change(const Side& side, bool isInside) {
 void Model::seen(const std::vector<std::string>& roots, const std::function<void()>& work) {
   std::vector<Contents> before;
   for (const auto& root : roots) before.push_back(shown(root));
+  const int known = contents_;
   work();
   for (std::size_t at = 0; at < roots.size(); ++at) {
     const auto after = shown(roots[at]);
-    for (const int content : before[at]) {
-      if (!after.contains(content) && owed_.erase(content) > 0) {
-        say("      -" + std::to_string(content));
-      }
+    for (const auto& [content, count] : before[at]) {
+      const auto left = after.find(content);
+      const bool isFewer = left == after.end() || left->second < count;
+      if (isFewer && owed_.erase(content) > 0) say("      -" + std::to_string(content));
     }
-    for (const int content : after) {
-      if (!before[at].contains(content) && owed_.insert(content).second) {
+    for (const auto& [content, count] : after) {
+      if (content >= known && owed_.insert(content).second) {
         say("      +" + std::to_string(content));
       }
     }
@@ -241,7 +241,9 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
     case 14:
       if (chance(50)) {
         label("link symbolically");
-        ::symlink("nothing", path.c_str());
+        // There under a name that nothing else takes.
+        const bool isThere = side.root == sides_.back().root;
+        ::symlink("nothing", (path + (isThere ? ".link" : "")).c_str());
       } else if (isFile && !fs::exists(fs::symlink_status(other))) {
         label("link as " + relative(other) + ":");
         ::link(path.c_str(), other.c_str());
@@ -283,11 +285,12 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
 
 void Model::finishWriting() {
   if (writing_ < 0) return;
-  const auto text = newContent();
-  say("finish writing " + relative(writingPath_) + " " + text.substr(0, text.find('\n')));
+  std::string text;
+  say("finish writing " + relative(writingPath_) + " content " + std::to_string(contents_));
   std::vector<std::string> roots;
   for (const auto& side : sides_) roots.push_back(side.root);
   seen(roots, [&] {
+    text = newContent();
     (void)!::pwrite(writing_, text.data(), text.size(), 0);
     (void)!::ftruncate(writing_, static_cast<off_t>(text.size()));
     ::close(std::exchange(writing_, -1));
@@ -318,7 +321,10 @@ bool Model::work(Machine& machine) {
         crashAfter_.reset();
         return changes ? EIO : 0;
       }
-      if (interference_ > 0 && below(1000) < interference_) interfere();
+      if (interference_ > 0 && below(1000) < interference_) {
+        say(std::string("    before ") + name);
+        interfere();
+      }
       return 0;
     });
     hasMore = machine.engine().step();
@@ -340,6 +346,9 @@ void Model::act() {
     change(sides_[below(sides_.size())], false);
   } else if (kind < 85) {
     say("step " + relative(machine.storage));
+    for (auto* remote : remotes_) {
+      if (remote->tell && chance(70)) remote->tell();
+    }
     if (chance(8)) crashAfter_ = below(400);
     for (unsigned count = 1 + below(4); count > 0 && work(machine); --count) {
     }
@@ -362,6 +371,27 @@ void Model::act() {
   }
 }
 
+/// The trees of a machine, for a person.
+std::string Model::trees(Machine& machine) {
+  machine.stop();
+  std::ostringstream text;
+  mirror::Database database(machine.options().state + "/items.sqlite");
+  mirror::Items(database).forEach("1", [&](const mirror::Item& item) {
+    text << "    " << item.number;
+    for (const auto* node : {&item.here, &item.agreed, &item.there}) {
+      text << " | ";
+      if (!*node) continue;
+      text << (*node)->place.parent << "/" << (*node)->place.name << " "
+           << static_cast<int>((*node)->kind) << ((*node)->isPlaceholder ? "p " : " ")
+           << (*node)->identity << " " << (*node)->version << " " << std::oct
+           << (*node)->mode.value_or(0) << std::dec;
+    }
+    text << " | " << item.agreedHere.value_or("-") << " due " << item.due.value_or(-1) << " tries "
+         << item.tries << " " << item.reason.value_or("") << "\n";
+  });
+  return text.str();
+}
+
 std::string Model::rest() {
   finishWriting();
   say("rest");
@@ -375,7 +405,9 @@ std::string Model::rest() {
   for (int round = 0; round < 4; ++round) {
     for (auto& machine : machines_) {
       machine->engine().beginSync(true);
-      if (!machine->settle(clock_)) return machine->storage + " does not come to rest";
+      if (!machine->settle(clock_)) {
+        return machine->storage + " does not come to rest\n" + trees(*machine);
+      }
     }
   }
   return {};
@@ -395,7 +427,7 @@ std::string Model::compare() {
   for (auto& machine : machines_) {
     auto left = expected;
     if (const auto provided = machine->engine().provide(machine->storage); !provided) {
-      return "cannot be provided: " + provided.error().text();
+      return "cannot be provided: " + provided.error().text() + "\n" + trees(*machine);
     }
     for (const auto& path : entries(machine->storage)) {
       const auto name = path.substr(machine->storage.size());
@@ -404,7 +436,9 @@ std::string Model::compare() {
       const bool isLocal = status && status->state == MirrorItemState::localOnly;
       const auto theirs = left.find(name);
       if (theirs == left.end()) {
-        if (isLocal) continue;
+        // A link at the remote is not shown here, and keeps its name.
+        const bool isTaken = status && status->reason && status->reason->ends_with("special file.");
+        if (isLocal || isTaken) continue;
         return relative(path) + " is not there" +
                (status && status->reason ? ": " + *status->reason : "");
       }
@@ -423,7 +457,7 @@ std::string Model::compare() {
   Contents found = shown(there);
   for (auto& machine : machines_) {
     // What stays here is there as well.
-    for (const int content : shown(machine->storage)) found.insert(content);
+    found.merge(shown(machine->storage));
   }
   for (const int content : owed_) {
     if (content >= 0 && !found.contains(content))

@@ -19,6 +19,8 @@ class UnreliableRemote final : public Remote {
   unsigned lies = 0;
   bool hasIdentifiers = true;
   std::mt19937_64* random = nullptr;
+  /// Has the mirror ask what has changed; the run decides when.
+  std::function<void()> tell;
 
   RemoteCapabilities capabilities() const override {
     auto able = remote_->capabilities();
@@ -47,7 +49,8 @@ class UnreliableRemote final : public Remote {
     });
   }
   bool notifyOfChanges(std::function<void()> callback) override {
-    return remote_->notifyOfChanges(std::move(callback));
+    tell = std::move(callback);
+    return true;
   }
   Result<void> read(const std::string& path, const std::string& version, std::uint64_t offset,
                     std::uint64_t length, const Sink& sink) override {
@@ -112,7 +115,8 @@ class Model {
     std::string root;
     Machine* machine = nullptr;  // null for the directory that the remote stands for
   };
-  using Contents = std::set<int>;
+  /// Which contents a tree shows, and how often.
+  using Contents = std::map<int, int>;
 
   unsigned below(std::size_t limit) { return static_cast<unsigned>(random_() % limit); }
   bool chance(unsigned percent) { return below(100) < percent; }
@@ -132,6 +136,7 @@ class Model {
   Contents shown(const std::string& root) const;
   static int contentOf(const std::string& path);
   std::string compare();
+  static std::string trees(Machine& machine);
   std::string rest();
   void say(const std::string& line) { trace_.push_back(line); }
   std::string relative(const std::string& path) const;
@@ -143,7 +148,7 @@ class Model {
   std::vector<UnreliableRemote*> remotes_;
   std::vector<Side> sides_;
   /// Contents that have to be there at the end.
-  Contents owed_;
+  std::set<int> owed_;
   int contents_ = 0;
   unsigned interference_ = 0;
   bool isCrashed_ = false;

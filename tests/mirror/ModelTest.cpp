@@ -18,6 +18,8 @@ TEST(ModelTest, NothingIsLostAndBothSidesAreEqualAtRest) {
   const auto runs = numberFrom("DOCSOURCE_MODEL_RUNS", 40);
   const auto first = numberFrom("DOCSOURCE_MODEL_SEED", 1);
   std::uint64_t findings = 0;
+  // What a process does once only would make the first run another one than it is later.
+  EXPECT_EQ(Model(0).run(), "");
   for (auto seed = first; seed < first + runs; ++seed) {
     Model model(seed);
     const auto problem = model.run();
