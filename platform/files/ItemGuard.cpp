@@ -1,14 +1,14 @@
 #include "platform/files/ItemGuard.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
+#include <iterator>
 #include <utility>
 
 namespace qx {
@@ -22,11 +22,9 @@ bool isSame(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-bool isReachedWithoutLinks(const std::string& path) {
-  open_how how{O_PATH | O_CLOEXEC, 0, RESOLVE_NO_SYMLINKS};
-  return FileDescriptor(
-             static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)))
-             .get() >= 0;
+/// Who may change the names in a directory that this process may neither read nor write is trusted.
+bool isOutOfReach(const std::string& directory) {
+  return errno == EACCES && ::access(directory.c_str(), W_OK) != 0;
 }
 
 }  // namespace
@@ -53,27 +51,35 @@ std::unique_ptr<ItemGuard> ItemGuard::hold(const std::optional<URL>& directory,
   }
   std::reverse(names.begin(), names.end());
 
+  // Whether there is a link on the way is told by what was resolved, not by another look. An item
+  // without one is held on to from the root on: what lies above the directory may be changed by
+  // whoever it belongs to.
+  fs::path given = fs::path(*itemPath).lexically_normal();
+  if (!given.has_filename()) given = given.parent_path();
+  const bool hasLinks = given != there;
   fs::path direct = *directoryPath;
   for (const auto& name : names) direct /= name;
-  std::unique_ptr<ItemGuard> guard(
-      new ItemGuard(isReachedWithoutLinks(*itemPath) ? *item : URL::fileURL(direct.string()),
-                    FileDescriptor(::open(above.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))));
-  struct stat status;
-  if (!guard->directories_.front() || ::fstat(guard->directories_.front().get(), &status) != 0 ||
-      !isSame(status, wanted)) {
-    return nullptr;
-  }
+  std::unique_ptr<ItemGuard> guard(new ItemGuard(
+      hasLinks ? URL::fileURL(direct.string()) : *item,
+      FileDescriptor(::open(hasLinks ? above.c_str() : "/", O_PATH | O_DIRECTORY | O_CLOEXEC))));
+  if (!hasLinks) names.assign(std::next(there.begin()), there.end());
   for (const auto& name : names) {
     if (!guard->descend(name, &name == &names.back())) return nullptr;
   }
-  return guard;
+  const bool isBelow =
+      std::any_of(guard->directories_.begin(), guard->directories_.end(), [&](const auto& each) {
+        struct stat status;
+        return ::fstat(each.get(), &status) == 0 && isSame(status, wanted);
+      });
+  return isBelow ? std::move(guard) : nullptr;
 }
 
 bool ItemGuard::descend(const std::string& name, bool isLast) {
   const int directory = directories_.back().get();
-  auto watch = inotify_.watch("/proc/self/fd/" + std::to_string(directory), entryMask);
-  if (!watch) return false;
-  steps_.push_back({std::move(watch), name});
+  const std::string path = "/proc/self/fd/" + std::to_string(directory);
+  auto watch = inotify_.watch(path, entryMask);
+  if (!watch && !isOutOfReach(path)) return false;
+  if (watch) steps_.push_back({std::move(watch), name});
   const int flags = O_PATH | O_NOFOLLOW | O_CLOEXEC | (isLast ? 0 : O_DIRECTORY);
   FileDescriptor entry(::openat(directory, name.c_str(), flags));
   struct stat status;
@@ -100,10 +106,9 @@ bool ItemGuard::isUntouched() {
           return step.watch.number() == event.watch &&
                  (event.name.empty() || event.name == step.name);
         });
-    // What was noticed once stays noticed.
-    if (concerns) steps_.clear();
+    if (concerns) isTouched_ = true;
   }
-  return !steps_.empty();
+  return !isTouched_;
 }
 
 }  // namespace qx

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
@@ -15,9 +16,11 @@ namespace qx {
 
 /// Holds on to the item that a URL leads to below a directory, and tells afterwards whether the URL
 /// meant that very file all the time: for a decision that is made about a file in one process and
-/// carried out under its name in another. Names on the way from the directory to the item are
-/// watched (inotify(7)), each before what stands under it is looked at, so that what was exchanged
-/// and exchanged back is noticed too. Whoever may change what lies above the directory is trusted.
+/// carried out under its name in another. Names on the way are watched (inotify(7)), each before
+/// what stands under it is looked at, so that what was exchanged and exchanged back is noticed too:
+/// from the root for an item whose own URL is kept, else from the directory. Trusted is whoever may
+/// change directories that this process may neither read nor write, and, where a link lies on the
+/// item's way, what lies above the directory.
 ///
 /// One thread at a time; blocks on the file system.
 class ItemGuard {
@@ -57,6 +60,7 @@ class ItemGuard {
   std::vector<Step> steps_;  // before the instance that they are watches of goes
   std::vector<FileDescriptor> directories_;
   FileDescriptor item_;
+  bool isTouched_ = false;  // what was noticed once stays noticed
 };
 
 }  // namespace qx
