@@ -206,6 +206,16 @@ void addConduits() {
   add("conduit", fuzz::scriptPart(fuzz::rawPart, Bytes{0xff, 0xff, 0xff, 0xff}));
 }
 
+void addGuarding() {
+  add("guarding", std::string(1, '\0'),
+      {"tree 1000 - /home/somebody/Documents", "tree 0 0102030405060708:1:0a0b /a%20b%25",
+       "moved 1000 0102030405060708:-1:0a0b /home/somebody", "moved 1000 - /x"});
+  add("guarding", "\1",
+      {"# mine\nwhole-file tar\nnever-provide  indexer # it looks into everything\n\nsenseless",
+       "whole-file a/b\nnever-provide"});
+  add("guarding", '\2' + std::string(24, '\0'));
+}
+
 }  // namespace
 
 int main(int count, char** arguments) try {
@@ -223,6 +233,7 @@ int main(int count, char** arguments) try {
   addBookmarks();
   addBundles();
   addGrants();
+  addGuarding();
   return 0;
 } catch (const std::exception& failure) {
   std::fprintf(stderr, "fuzz-seeds: %s\n", failure.what());

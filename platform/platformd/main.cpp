@@ -27,6 +27,7 @@
 #include "platform/log/Log.h"
 #include "platform/platformd/FileCoordinationService.h"
 #include "platform/platformd/SandboxService.h"
+#include "platform/platformd/kernel/CooperativeGuard.h"
 #include "platform/platformd/kernel/EventHolder.h"
 #include "platform/platformd/kernel/KernelCoordinator.h"
 #include "platform/queue/RunLoop.h"
@@ -72,6 +73,8 @@ qx::FileDescriptor waitForTurnToServe() {
 int serve() {
   const auto turn = waitForTurnToServe();
   const Services services;
+  const auto guard = qx::kernel::CooperativeGuard::start(qx::kernel::openStateDirectory());
+  services.registry->setObserver(guard);
   services.resume();
   qx::RunLoop::main().run();
   return 0;

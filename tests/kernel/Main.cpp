@@ -4,10 +4,14 @@
 
 #include <sys/mman.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
+#include <thread>
+#include <vector>
 
 #include "tests/kernel/Fixture.h"
 
@@ -57,6 +61,26 @@ std::string readEach(const std::string& directory) {
   return "right";
 }
 
+/// As many threads read the file as the last word of the way says ("storm-100"), until all of them
+/// have an answer; says that they wait before, and how many were told to try again after.
+std::string storm(const std::string& way, const std::string& path) {
+  const int count = std::atoi(way.substr(way.find('-') + 1).c_str());
+  std::atomic<int> refused{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < count; ++i) {
+    readers.emplace_back([&] {
+      const qx::FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+      char byte = 0;
+      const bool isRefused = !file || read(file.get(), &byte, 1) < 0;
+      if (isRefused && errno == EAGAIN) ++refused;
+    });
+  }
+  std::printf("waiting\n");
+  std::fflush(stdout);
+  for (auto& each : readers) each.join();
+  return std::to_string(refused);
+}
+
 /// Changes a file through a mapping that outlives its descriptor.
 std::string writeMapped(const std::string& path) {
   qx::FileDescriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
@@ -74,9 +98,10 @@ int main(int count, char** arguments) {
   if (count == 3 && arguments[1][0] != '-') {
     const std::string way = arguments[1];
     const std::string path = arguments[2];
-    const std::string said = way == "each"        ? readEach(path)
-                             : way == "map-write" ? writeMapped(path)
-                                                  : readWith(way, path);
+    const std::string said = way == "each"              ? readEach(path)
+                             : way == "map-write"       ? writeMapped(path)
+                             : way.starts_with("storm") ? storm(way, path)
+                                                        : readWith(way, path);
     std::printf("%s\n", said.c_str());
     return 0;
   }

@@ -31,8 +31,7 @@ constexpr std::size_t mostDirectories = 64;
 
 Changes::Changes(std::shared_ptr<DocSourceRegistry> registry, const ChangeGroup& group,
                  GuardedTrees& trees, Claims& claims, OnArrival onArrival,
-                 std::function<void()> onLoss, OnQueue onQueue,
-                 Slowly slowly)
+                 std::function<void()> onLoss, OnQueue onQueue, Slowly slowly)
     : registry_(std::move(registry)),
       group_(group),
       trees_(trees),

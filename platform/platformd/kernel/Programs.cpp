@@ -102,7 +102,7 @@ const ProgramList& ProgramList::standard() {
       "never-provide baloo_file\nnever-provide baloo_file_extractor\n"
       "never-provide gnome-thumbnail-font\nnever-provide gdk-pixbuf-thumbnailer\n"
       "never-provide evince-thumbnailer\nnever-provide totem-video-thumbnailer\n"
-      "never-provide ffmpegthumbnailer\nnever-provide tumblerd\nnever-provide thumbnail.so\n"
+      "never-provide ffmpegthumbnailer\nnever-provide tumblerd\n"
       "never-provide recollindex\nnever-provide updatedb\n",
       [](std::size_t) {}));
   return list;
