@@ -14,7 +14,7 @@ namespace qx::kernel {
 /// log in at a time stay below what the service has descriptors for. One thread at a time.
 class Charges {
  public:
-  static constexpr std::size_t bound = 4096;
+  static constexpr std::size_t bound = 1024;
 
   /// False past the bound, and nothing is charged.
   bool take(uid_t user) {
