@@ -61,13 +61,12 @@ class Access {
  public:
   static Result<Access> open(int file, int flags = O_RDWR) {
     Access access(file);
-    if (!(::fcntl(file, F_GETFL) & O_PATH)) return access;
+    const int has = ::fcntl(file, F_GETFL);
+    const bool canWrite = (has & O_ACCMODE) == O_RDWR;
+    if (!(has & O_PATH) && (canWrite || flags == O_RDONLY)) return access;
     const auto path = mark::descriptorPath(file);
     access.own_ = Descriptor(::open(path.c_str(), flags | O_CLOEXEC));
-    struct stat status {};
-    if (!access.own_ && errno == EACCES && ::fstat(file, &status) == 0 &&
-        ::chmod(path.c_str(), (status.st_mode & permissions) | ownerAccess) == 0) {
-      access.mode_ = status.st_mode & permissions;
+    if (!access.own_ && errno == EACCES && access.allowOwner()) {
       access.own_ = Descriptor(::open(path.c_str(), flags | O_CLOEXEC));
     }
     if (!access.own_) return fileError(file, errno);
@@ -78,11 +77,21 @@ class Access {
         own_(std::move(other.own_)),
         mode_(std::exchange(other.mode_, std::nullopt)) {}
   ~Access() {
-    if (mode_) ::fchmod(get(), *mode_);
+    if (mode_) ::chmod(mark::descriptorPath(get()).c_str(), *mode_);
   }
   Access(const Access&) = delete;
 
   int get() const { return own_ ? own_.get() : file_; }
+  /// Lets the owner read and write the file, and its attributes. False with errno set.
+  bool allowOwner() {
+    struct stat status {};
+    if (::fstat(get(), &status) != 0) return false;
+    if ((status.st_mode & ownerAccess) == ownerAccess) return true;
+    const auto path = mark::descriptorPath(get());
+    if (::chmod(path.c_str(), (status.st_mode & permissions) | ownerAccess) != 0) return false;
+    mode_ = status.st_mode & permissions;
+    return true;
+  }
   /// What the permissions were, where they had to be changed.
   std::optional<mode_t> mode() const { return mode_; }
   /// The permissions stay what they are then.
@@ -371,7 +380,9 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
                                                  const Announcement& announce) const {
   if (state() != PlaceholderState::present) return Eviction::notPresent;
   const bool cooperative = isCooperative();
-  auto access = Access::open(file_, cooperative ? O_RDONLY : O_RDWR);
+  // Nobody may have it open for the lease, this process neither, but for the one descriptor.
+  const bool isOpen = !(::fcntl(file_, F_GETFL) & O_PATH);
+  auto access = Access::open(file_, cooperative || isOpen ? O_RDONLY : O_RDWR);
   if (!access) return access.error();
   const int file = access->get();
   struct stat status {};
@@ -398,7 +409,7 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
     if (announce) {
       if (auto announced = announce(file_); !announced) return announced.error();
     }
-    const bool isMarked = markDurably(*access);
+    const bool isMarked = access->allowOwner() && markDurably(*access);
     const int problem = errno;
     if (!isMarked || !lease.isAlone() || !isOfShape(file, provided)) {
       if (!mark::clear(file)) return fileError(file_, errno);
@@ -408,7 +419,9 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
   }
   // There is no way back. Whoever gets at the file from now on waits for its content.
   access->keepMode();
-  if (!makePlaceholder(file, shape, mode, false)) return fileError(file_, errno);
+  const auto writable = Access::open(file);
+  if (!writable) return writable.error();
+  if (!makePlaceholder(writable->get(), shape, mode, false)) return fileError(file_, errno);
   return Eviction::evicted;
 }
 

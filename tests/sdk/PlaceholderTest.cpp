@@ -272,6 +272,13 @@ TEST_P(PlaceholderTest, GivesUpWithoutATrace) {
 
 TEST_P(PlaceholderTest, ContentThatSomebodyUsesOrChangedStays) {
   makePresent(0640);
+  // However the provider has opened it.
+  for (const int way : {O_RDONLY, O_RDWR}) {
+    const auto file = open(path, way);
+    EXPECT_EQ(*Placeholder(file.get()).evict({content.size(), longAgo}), Eviction::evicted);
+    expectPlaceholder(content.size(), 0640);
+    succeeds(fill(path, content));
+  }
   const auto stays = [&](Eviction because, const std::string& bytes) {
     EXPECT_EQ(evict(), because);
     expectPresent(bytes, 0640);

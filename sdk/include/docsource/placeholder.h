@@ -63,7 +63,8 @@ DOCSOURCE_API Result<bool> isFileInUse(int file);
 class PlaceholderWriter;
 
 /// A file, as a placeholder or as one that may become one. Does not own the descriptor, which may
-/// be open in any way; O_PATH suits best, as it asks for no permission and is in nobody's way.
+/// be open in any way; O_PATH suits best, as it asks for no permission and is in nobody's way (with
+/// another descriptor of the same process beside it nothing is evicted).
 /// Where content comes in a file of its own, the descriptor keeps to the old one. One thread at a
 /// time for each file. Errors are those of Error::file; the file system must have extended
 /// attributes, and O_TMPFILE (open(2)). The caller owns the files, or has the capabilities to do as
