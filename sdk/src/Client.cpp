@@ -23,6 +23,7 @@
 #include "platform/sandbox/Sandbox.h"
 #include "platform/sandbox/SandboxProtocol.h"
 #include "sdk/src/Bridge.h"
+#include "sdk/src/PlaceholderMark.h"
 #include "servicer/DSDaemon.h"
 #include "servicer/DSGrants.h"
 
@@ -142,8 +143,11 @@ Result<Descriptor> openDocument(const std::string& path) {
   do {
     fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
-  if (fd < 0) return Error::file(errno, path);
-  return Descriptor(fd);
+  Descriptor file(fd);
+  if (!file) return Error::file(errno, path);
+  // Whoever was to bring the content in said that it is there; nobody gets zeros for it.
+  if (mark::read(file.get()).state != PlaceholderState::present) return Error::file(EAGAIN, path);
+  return file;
 }
 
 }  // namespace

@@ -169,7 +169,8 @@ class DOCSOURCE_API Client {
   void coordinateReading(const std::string& url, Callback<void> callback, Timeout timeout = {});
 
   /// coordinateReading(), then the document opened for reading (open(2), O_RDONLY | O_CLOEXEC). An
-  /// error of the opening is one of QXStandardErrorDomain.
+  /// error of the opening is one of QXStandardErrorDomain; over EAGAIN when the document is a
+  /// placeholder still (docsource/placeholder.h).
   Result<Descriptor> openForReading(const std::string& url, Timeout timeout = {});
   void openForReading(const std::string& url, Callback<Descriptor> callback, Timeout timeout = {});
 
