@@ -360,7 +360,6 @@ RemoteCapabilities WebDAVRemote::capabilities() const {
   capabilities.identifiers = capabilities.changes = server.isCloud;
   capabilities.conditions = server.putIsWhole && server.checks();
   capabilities.ranges = server.ranges;
-  capabilities.moves = true;
   capabilities.modificationTimes = server.takesDate || server.takesMtime;
   return capabilities;
 }
