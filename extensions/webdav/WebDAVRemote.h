@@ -23,9 +23,4 @@ struct WebDAVOptions {
 /// what the remote is capable of is known when identity() has succeeded.
 Result<std::unique_ptr<Remote>> makeWebDAVRemote(WebDAVOptions options);
 
-/// What `command` prints, run by the shell: its first line.
-Result<std::string> secretFromCommand(const std::string& command);
-/// The first line of a file that nobody but its owner may read (mode 0600 or less).
-Result<std::string> secretFromFile(const std::string& path);
-
 }  // namespace docsource::webdav
