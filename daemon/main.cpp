@@ -9,14 +9,20 @@
 #include "daemon/DSServer.h"
 #include "platform/base/FileDescriptor.h"
 #include "platform/base/Memory.h"
+#include "platform/base/ProgramOptions.h"
 #include "platform/conduit/ServiceSocket.h"
 #include "platform/coordination/QXFileCoordinator.h"
 #include "platform/extension/ExtensionHost.h"
 #include "platform/log/Log.h"
 #include "platform/queue/RunLoop.h"
+#include "platform/sandbox/SandboxKeyOffer.h"
 
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
+  if (const auto status =
+          qx::answerOptions(arguments, "Brokers the documents of the user that runs it.")) {
+    return *status;
+  }
   qx::fillStandardDescriptors();
   qx::raiseDescriptorLimit();
   qx::keepFreeMemorySmall();
@@ -31,6 +37,7 @@ int main(int argc, char* argv[]) {
   auto server = std::make_shared<DSServer>();
   const auto store = DSAccessControlStore::sharedStore();
   server->setAccessControlStore(store);
+  qx::SandboxKeyOffer::begin();
   server->startCompletion(nullptr);
   qx::RunLoop::main().run();
 

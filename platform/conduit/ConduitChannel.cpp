@@ -44,6 +44,8 @@ constexpr std::size_t readSize = 64U << 10U;
 /// have their turn.
 constexpr std::size_t turnSize = 1U << 9U;
 constexpr std::size_t maximumBatches = 4;
+/// What every connection may have kept without a question.
+constexpr std::size_t littleToKeep = 64U << 10U;
 constexpr std::size_t maximumParts = 16;
 
 /// A crowd of connections leaves memory behind, which is given back when it has been gone for ten
@@ -111,6 +113,23 @@ void ConduitChannel::setDelegate(std::weak_ptr<Delegate> delegate) {
   delegate_ = std::move(delegate);
 }
 
+void ConduitChannel::setAllowance(Allowance allowance) {
+  std::lock_guard lock(mutex_);
+  allowance_ = std::move(allowance);
+}
+
+/// Asks for leave to keep what is kept by now.
+bool ConduitChannel::mayKeepLocked() {
+  if (!allowance_ || closed_) return true;
+  const std::size_t bytes = read_.bytes + unsent_;
+  const Kept kept{bytes > littleToKeep ? bytes : 0, read_.descriptors + unsentDescriptors_};
+  if (kept == kept_) return true;
+  kept_ = kept;
+  if (allowance_(kept)) return true;
+  refuse("its user has too much kept");
+  return false;
+}
+
 void ConduitChannel::start() {
   bool refused = false;
   {
@@ -133,10 +152,12 @@ void ConduitChannel::close() {
   std::unordered_map<std::uint64_t, PendingCall> calls;
   std::deque<Output> output;
   std::weak_ptr<Delegate> delegate;
+  Allowance allowance;
   {
     std::lock_guard lock(mutex_);
     if (closed_) return;
     closed_ = true;
+    allowance.swap(allowance_);
     calls.swap(calls_);
     output.swap(output_);
     unsent_ = 0;
@@ -277,6 +298,9 @@ ConduitChannel::Progress ConduitChannel::readSome() {
   }
   {
     std::lock_guard lock(mutex_);
+    read_ = {input_.size(), 0};
+    for (const auto& batch : batches_) read_.descriptors += batch.descriptors.size();
+    if (!mayKeepLocked()) return Progress::over;
     if (paused_) return Progress::wait;
   }
   // The reactor tells when there is more. A long frame is gone on with.
@@ -445,6 +469,7 @@ void ConduitChannel::send(Encoder message, bool withTheNext) {
     if (closed_) return;
     Output output{message.takeFrame(), 0, message.takeDescriptors()};
     unsent_ += output.frame.size();
+    unsentDescriptors_ += output.descriptors.size();
     const bool mayWrite = !full_ && !withTheNext;
     output_.push_back(std::move(output));
     if (mayWrite) over = !flushLocked();
@@ -452,6 +477,7 @@ void ConduitChannel::send(Encoder message, bool withTheNext) {
       over = true;
       refuse("it does not read what it is sent");
     }
+    if (!over) over = !mayKeepLocked();
     if (!over && mayWrite && full_) armLocked();
   }
   if (over) close();
@@ -491,6 +517,7 @@ bool ConduitChannel::flushLocked() {
       full_ = errno == EAGAIN || errno == EWOULDBLOCK;
       return full_;
     }
+    unsentDescriptors_ -= descriptors.size();
     descriptors.clear();
     unsent_ -= static_cast<std::size_t>(count);
     for (auto left = static_cast<std::size_t>(count); left > 0;) {

@@ -62,6 +62,16 @@ class ConduitChannel final : public ReactorHandler,
   static constexpr std::size_t maximumUnansweredSize = 64U << 20U;
   static constexpr std::size_t maximumUnsent = 64U << 20U;
 
+  /// What the peer makes the channel keep: of frames that are not whole yet, or not taken by it.
+  struct Kept {
+    std::size_t bytes = 0;  // 0 for a little, which every connection may
+    std::size_t descriptors = 0;
+    friend bool operator==(const Kept&, const Kept&) = default;
+  };
+  /// Asked each time that changes; false ends the channel. It must come back to nothing of the
+  /// channel's.
+  using Allowance = std::function<bool(const Kept&)>;
+
   /// Takes a connected AF_UNIX stream socket. Silent until start().
   static std::shared_ptr<ConduitChannel> make(FileDescriptor socket);
   explicit ConduitChannel(FileDescriptor socket);
@@ -69,6 +79,8 @@ class ConduitChannel final : public ReactorHandler,
   void setDelegate(std::weak_ptr<Delegate> delegate);
   /// Before start(): whom the log names where the kernel would say who made the socket pair.
   void setPeerProcess(pid_t process) { peerProcess_ = process; }
+  /// Before start(). Without one a peer may have the channel keep what the limits above let it.
+  void setAllowance(Allowance allowance);
   void start();
 
   /// Ends the channel: the error handler of each call in flight gets "connection lost", on the
@@ -119,6 +131,7 @@ class ConduitChannel final : public ReactorHandler,
   enum class Progress { again, wait, over };
 
   Progress readSome();
+  bool mayKeepLocked();
   /// Handles the whole frames in the bytes and returns how many bytes they were; absent when the
   /// channel is over.
   std::optional<std::size_t> handleFrames(std::span<const std::uint8_t> bytes);
@@ -155,6 +168,10 @@ class ConduitChannel final : public ReactorHandler,
   std::set<UUID> openRequests_;
   std::deque<Output> output_;
   std::size_t unsent_ = 0;
+  std::size_t unsentDescriptors_ = 0;
+  Kept read_;  // that is not handled
+  Kept kept_;
+  Allowance allowance_;
   bool full_ = false;      // the socket takes nothing now
   bool isPutOff_ = false;  // something unsent waits for late()
   // Of the thread that reads.

@@ -16,6 +16,7 @@
 #include "platform/conduit/QXConduitInterface.h"
 #include "platform/conduit/QXProtocol.h"
 #include "platform/identity/AuditToken.h"
+#include "platform/identity/UserIdentity.h"
 
 /// One end of a conduit: exports an object to the peer and gives proxies for the object that the
 /// peer exports. Silent until resume().
@@ -61,6 +62,10 @@ class QXConduitConnection final : public qx::conduit::ConduitChannel::Delegate,
   /// The process at the other end of a socket pair, of which the kernel knows only who made it
   /// (SO_PEERCRED, unix(7)). For the log; says nothing about who may do what.
   void setPeerProcess(pid_t process) { channel_->setPeerProcess(process); }
+  /// Asked whenever the peer makes the connection keep something else than before; false ends it.
+  void setAllowance(qx::conduit::ConduitChannel::Allowance allowance) {
+    channel_->setAllowance(std::move(allowance));
+  }
   /// Without one a peer that speaks of requests loses the connection.
   void setRequestHandler(RequestHandler handler);
 
@@ -93,6 +98,8 @@ class QXConduitConnection final : public qx::conduit::ConduitChannel::Delegate,
   /// The peer as the kernel reported it when the connection was made.
   const qx::AuditToken& auditToken() const { return auditToken_; }
   pid_t processIdentifier() const { return auditToken_.processIdentifier(); }
+  /// The peer's user with all groups, of that time too.
+  qx::Result<qx::User> peerUser() const { return qx::User::ofPeer(channel_->socket()); }
   /// Asked anew at each call; absent when the peer does not hold it.
   std::optional<qx::Value> valueForEntitlement(std::string_view name) const;
 

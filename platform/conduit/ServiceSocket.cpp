@@ -22,20 +22,19 @@
 namespace qx {
 namespace {
 
-/// A socket address for the name in the runtime directory, and what keeps it meaningful.
+/// A socket address for the name in a directory, and what keeps it meaningful.
 struct Address {
   sockaddr_un socket{};
   socklen_t size = 0;
   FileDescriptor directory;
 };
 
-Result<Address> addressOf(const std::string& name) {
+Result<Address> addressOf(const std::string& directory, const std::string& name) {
   Address address;
   address.socket.sun_family = AF_UNIX;
-  std::string path = Places::serviceSocket(name);
+  std::string path = directory + "/" + name;
   if (path.size() >= sizeof(address.socket.sun_path)) {
-    address.directory.reset(
-        open(Places::runtimeDirectory().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    address.directory.reset(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!address.directory) return posixError(errno, "The runtime directory cannot be opened");
     path = "/proc/self/fd/" + std::to_string(address.directory.get()) + "/" + name;
     if (path.size() >= sizeof(address.socket.sun_path)) {
@@ -64,8 +63,8 @@ FileDescriptor activatedSocket(const std::string& serviceName) {
   return found;
 }
 
-/// A second name for the socket, a hard link, in the directory that sandboxes have. Takes the place
-/// of the one of a dead socket in one step.
+/// A second name for the socket of the user's own service, a hard link, in the directory that
+/// sandboxes have. Takes the place of the one of a dead socket in one step.
 std::optional<Error> linkForSandboxes(const std::string& socketPath,
                                       const std::string& serviceName) {
   const std::string path = Places::sandboxServices() + "/" + serviceName;
@@ -89,6 +88,39 @@ std::optional<Error> linkForSandboxes(const std::string& socketPath,
   return error;
 }
 
+/// Whether sandboxed applications are to reach the service through the user's runtime directory
+/// alone; of the machine's they see all there is.
+bool isUsersOwn(const std::string& serviceName) {
+  return Places::serviceDirectory(serviceName) == Places::runtimeDirectory();
+}
+
+Result<FileDescriptor> connectTo(const std::string& directory, const std::string& serviceName,
+                                 std::chrono::milliseconds longest) {
+  auto address = addressOf(directory, serviceName);
+  if (!address) return address.error();
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket) return posixError(errno, "A socket cannot be made");
+  // Blocking: a full backlog is waited for, as long as a send would be (socket(7)). Non-blocking
+  // from here on.
+  const timeval limit{longest / std::chrono::seconds(1),
+                      longest % std::chrono::seconds(1) / std::chrono::microseconds(1)};
+  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  int result = 0;
+  do {
+    result = connect(socket.get(), generic(*address), address->size);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0) return posixError(errno, "The service " + serviceName + " cannot be reached");
+  fcntl(socket.get(), F_SETFL, O_NONBLOCK);
+  return socket;
+}
+
+/// Makes the places that whoever serves this needs, and no others: a platformd that starts first
+/// leaves nothing in a user's root.
+int prepareFor(const std::string& serviceName) {
+  if (!isUsersOwn(serviceName)) return Places::prepareMachine();
+  return Places::isOfPlatform(serviceName) ? Places::prepareRuntime() : Places::prepare();
+}
+
 void logUnreachable(const std::string& serviceName, const Error& error) {
   DS_LOG("[NOTICE] Sandboxed applications cannot reach the service %@. Error: %@", serviceName,
          error);
@@ -108,7 +140,7 @@ struct AdoptedSockets {
 }  // namespace
 
 std::optional<Error> offerServiceSocketToSandboxes(const std::string& serviceName) {
-  return linkForSandboxes(Places::serviceSocket(serviceName), serviceName);
+  return linkForSandboxes(Places::runtimeDirectory() + "/" + serviceName, serviceName);
 }
 
 void adoptServiceSocket(const std::string& serviceName, FileDescriptor socket) {
@@ -123,16 +155,17 @@ std::optional<Error> claimService(const std::string& serviceName) {
   static auto& claims = *new std::map<std::string, FileDescriptor>;
   std::lock_guard lock(mutex);
   if (claims.contains(serviceName)) return std::nullopt;
-  if (int errnum = Places::prepare(); errnum != 0) {
-    return posixError(errnum, Places::runtimeDirectory() + " cannot be prepared");
+  const std::string& directory = Places::serviceDirectory(serviceName);
+  if (const int errnum = prepareFor(serviceName); errnum != 0) {
+    return posixError(errnum, directory + " cannot be prepared");
   }
   const std::string path = Places::serviceSocket(serviceName) + ".lock";
   FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!file) return posixError(errno, path + " cannot be opened");
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) return posixError(errno, path + " cannot be locked");
-    return posixError(EADDRINUSE,
-                      "The service " + serviceName + " is already running under " + Places::root());
+    return posixError(EADDRINUSE, "The service " + serviceName + " is already running under " +
+                                      (isUsersOwn(serviceName) ? Places::root() : directory));
   }
   claims.emplace(serviceName, std::move(file));
   return std::nullopt;
@@ -150,20 +183,22 @@ Result<ListeningSocket> listenOnServiceSocket(const std::string& serviceName) {
   if (FileDescriptor activated = activatedSocket(serviceName)) {
     fcntl(activated.get(), F_SETFD, FD_CLOEXEC);
     fcntl(activated.get(), F_SETFL, fcntl(activated.get(), F_GETFL) | O_NONBLOCK);
-    if (auto error = offerServiceSocketToSandboxes(serviceName)) {
-      logUnreachable(serviceName, *error);
+    if (isUsersOwn(serviceName)) {
+      if (auto error = offerServiceSocketToSandboxes(serviceName)) {
+        logUnreachable(serviceName, *error);
+      }
     }
     return ListeningSocket{std::move(activated), false};
   }
-  if (connectToServiceSocket(serviceName)) {
+  if (connectTo(Places::serviceDirectory(serviceName), serviceName, std::chrono::seconds(30))) {
     return posixError(EADDRINUSE, "Another program serves " + serviceName);
   }
   // Bound beside its place and moved there once it listens: who finds the socket file, or is told
   // that it appeared, can connect.
   const std::string sideName = "." + serviceName;
-  const std::string sidePath = Places::serviceSocket(sideName);
+  const std::string sidePath = Places::serviceDirectory(serviceName) + "/" + sideName;
   const std::string path = Places::serviceSocket(serviceName);
-  auto address = addressOf(sideName);
+  auto address = addressOf(Places::serviceDirectory(serviceName), sideName);
   if (!address) return address.error();
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return posixError(errno, "A socket cannot be made");
@@ -178,34 +213,26 @@ Result<ListeningSocket> listenOnServiceSocket(const std::string& serviceName) {
     return error;
   };
   if (chmod(sidePath.c_str(), 0666) != 0 || listen(socket.get(), SOMAXCONN) != 0) return fails();
-  if (auto error = linkForSandboxes(sidePath, serviceName)) logUnreachable(serviceName, *error);
+  if (isUsersOwn(serviceName)) {
+    if (auto error = linkForSandboxes(sidePath, serviceName)) logUnreachable(serviceName, *error);
+  }
   if (rename(sidePath.c_str(), path.c_str()) != 0) return fails();
   return ListeningSocket{std::move(socket), true};
 }
 
 void removeServiceSocket(const std::string& serviceName) {
   unlink(Places::serviceSocket(serviceName).c_str());
-  unlink((Places::sandboxServices() + "/" + serviceName).c_str());
+  if (isUsersOwn(serviceName)) unlink((Places::sandboxServices() + "/" + serviceName).c_str());
 }
 
 Result<FileDescriptor> connectToServiceSocket(const std::string& serviceName,
                                               std::chrono::milliseconds longest) {
-  auto address = addressOf(serviceName);
-  if (!address) return address.error();
-  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!socket) return posixError(errno, "A socket cannot be made");
-  // Blocking: a full backlog is waited for, as long as a send would be (socket(7)). Non-blocking
-  // from here on.
-  const timeval limit{longest / std::chrono::seconds(1),
-                      longest % std::chrono::seconds(1) / std::chrono::microseconds(1)};
-  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  int result = 0;
-  do {
-    result = connect(socket.get(), generic(*address), address->size);
-  } while (result != 0 && errno == EINTR);
-  if (result != 0) return posixError(errno, "The service " + serviceName + " cannot be reached");
-  fcntl(socket.get(), F_SETFL, O_NONBLOCK);
-  return socket;
+  const auto directories = Places::serviceDirectories(serviceName);
+  auto connected = connectTo(directories.front(), serviceName, longest);
+  for (std::size_t next = 1; !connected && next < directories.size(); ++next) {
+    connected = connectTo(directories[next], serviceName, longest);
+  }
+  return connected;
 }
 
 }  // namespace qx

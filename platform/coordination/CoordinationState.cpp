@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/files/FileManager.h"
 #include "platform/files/Places.h"
 #include "platform/log/Log.h"
@@ -14,7 +15,7 @@ namespace {
 constexpr CoordinationMechanism all[] = {CoordinationMechanism::access, CoordinationMechanism::open,
                                          CoordinationMechanism::cooperative};
 
-std::string stateFile() { return Places::runtimeDirectory() + "/coordination"; }
+std::string fileIn(const std::string& directory) { return directory + "/coordination"; }
 
 }  // namespace
 
@@ -31,10 +32,12 @@ std::string_view nameOf(CoordinationMechanism mechanism) {
 }
 
 std::optional<CoordinationMechanism> readCoordinationMechanism() {
-  const auto text = FileManager::readFile(stateFile());
-  if (!text) return std::nullopt;
-  for (const auto mechanism : all) {
-    if (*text == std::string(nameOf(mechanism)) + "\n") return mechanism;
+  for (const auto& directory : Places::serviceDirectories(fileCoordinationServiceName)) {
+    const auto text = FileManager::readFile(fileIn(directory));
+    if (!text) continue;
+    for (const auto mechanism : all) {
+      if (*text == std::string(nameOf(mechanism)) + "\n") return mechanism;
+    }
   }
   return std::nullopt;
 }
@@ -51,9 +54,9 @@ void announceCoordinationMechanism(CoordinationMechanism mechanism) {
       DS_LOG("[NOTICE] Only programs that ask for it are coordinated.");
       break;
   }
-  if (auto error =
-          FileManager::replaceFile(stateFile(), std::string(nameOf(mechanism)) + "\n", 0644)) {
-    DS_LOG("[ERROR] Cannot write %@. Error: %@", stateFile(), *error);
+  const auto path = fileIn(Places::serviceDirectory(fileCoordinationServiceName));
+  if (auto error = FileManager::replaceFile(path, std::string(nameOf(mechanism)) + "\n", 0644)) {
+    DS_LOG("[ERROR] Cannot write %@. Error: %@", path, *error);
   }
 }
 

@@ -12,10 +12,11 @@ enum class CoordinationMechanism {
   cooperative,  // not at all; programs ask
 };
 
-/// As it is written in the file "coordination" in the runtime directory, a line of its own.
+/// As it is written in the file "coordination" beside the sockets of platformd, a line of its own.
 std::string_view nameOf(CoordinationMechanism mechanism);
 
-/// What the platformd of this root last announced; absent when none ever did.
+/// What the platformd that serves this user last announced, the user's own or the machine's; absent
+/// when none ever did.
 std::optional<CoordinationMechanism> readCoordinationMechanism();
 /// Writes the file and says it in the log.
 void announceCoordinationMechanism(CoordinationMechanism mechanism);

@@ -2,24 +2,29 @@
 //
 // Everything is kept on one serial queue: the doc sources by identifier, the connection while there
 // is one, and what has been sent over it. A connection is tried for when a doc source is added,
-// when a connection was lost, and when the service's socket file appears or changes; a socket file
-// that nobody listens behind is left alone until its next change.
+// when a connection was lost, and when the service's socket file appears or changes, the user's own
+// or the machine's; a socket file that nobody listens behind is left alone until its next change.
+// A doc source whose directory the service did not find is added again when that appears.
 
 #include "platform/coordination/QXFileCoordinator.h"
 
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "platform/base/Errors.h"
 #include "platform/conduit/QXConduitConnection.h"
+#include "platform/conduit/ServiceWatch.h"
 #include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/files/DirectoryWatch.h"
-#include "platform/files/Places.h"
+#include "platform/files/FileManager.h"
+#include "platform/identity/Bundles.h"
 #include "platform/log/Log.h"
 #include "platform/queue/WorkPool.h"
 #include "platform/queue/WorkQueue.h"
@@ -113,21 +118,14 @@ class Coordinator {
 
   void watchForService() {
     if (watch_) return;
-    watch_ =
-        qx::DirectoryWatch::start(qx::Places::runtimeDirectory(), [this](const std::string& name) {
-          if (!name.empty() && name != fileCoordinationServiceName) return;
-          queue_->async([this] { connect(); });
-        });
-    if (!watch_) {
-      DS_LOG("[ERROR] Could not watch %@ for the file-coordination service.",
-             qx::Places::runtimeDirectory());
-    }
+    watch_.emplace(fileCoordinationServiceName, [this] { queue_->async([this] { connect(); }); });
   }
 
   void connect();
   void lost(const QXConduitConnection* connection);
   void sendAdd(const std::string& identifier, QXDocSource& source);
   void sendRemove(const std::string& identifier);
+  void awaitDirectory(const std::string& identifier);
   void release(const std::string& identifier) {
     for (auto [each, end] = awaited_.equal_range(identifier); each != end;
          each = awaited_.erase(each)) {
@@ -144,7 +142,8 @@ class Coordinator {
 
   const std::shared_ptr<qx::WorkQueue> queue_ = qx::WorkQueue::serial("QXFileCoordinator queue");
   // On the queue.
-  std::unique_ptr<qx::DirectoryWatch> watch_;
+  std::optional<qx::ServiceWatch> watch_;
+  std::map<std::string, std::unique_ptr<qx::DirectoryWatch>> missing_;  // directories
   std::map<std::string, SourcePointer> sources_;
   std::set<SourcePointer> nameless_;
   ConnectionPointer connection_;
@@ -168,7 +167,7 @@ class CoordinationHost final : public QXFileCoordinationHost {
       return;
     }
     source->_providedItemsOperationQueue()->addOperation([=] {
-      source->_provideItemAtURL_toReaderWithID_completionHandler(url, readerID, completion);
+      source->_provideItemAtURL_toReaderWithID_completionHandler(url, named(readerID), completion);
     });
   }
 
@@ -177,12 +176,24 @@ class CoordinationHost final : public QXFileCoordinationHost {
       const std::optional<qx::URL>& url, qx::Completion<> completion) override {
     if (auto source = sourceWith(docSource)) {
       source->_providedItemsOperationQueue()->addOperation(
-          [=] { source->_writerWithID_didFinishWritingForURL(writerID, url); });
+          [=] { source->_writerWithID_didFinishWritingForURL(named(writerID), url); });
     }
     completion();
   }
 
  private:
+  /// A process that the service knows by its number has the name of its bundle here, where the
+  /// user's bundles are known.
+  static std::optional<std::string> named(const std::optional<std::string>& identifier) {
+    constexpr std::string_view byNumber = "pid:";
+    if (!identifier || !identifier->starts_with(byNumber)) return identifier;
+    pid_t process = 0;
+    const char* end = identifier->data() + identifier->size();
+    const auto read = std::from_chars(identifier->data() + byNumber.size(), end, process);
+    if (read.ec != std::errc() || read.ptr != end) return identifier;
+    auto bundle = BundleIdentifierFromAuditToken(qx::AuditToken::ofProcess(process));
+    return bundle ? bundle : identifier;
+  }
   static SourcePointer sourceWith(const std::optional<std::string>& identifier) {
     return identifier ? Coordinator::shared().source(*identifier) : nullptr;
   }
@@ -221,6 +232,7 @@ void Coordinator::lost(const QXConduitConnection* connection) {
   if (connection_.get() != connection) return;
   connection_.reset();
   sent_.clear();
+  missing_.clear();
   releaseAll();
   isMissed_ = true;
   DS_LOG("[NOTICE] The connection to the file-coordination service was lost.");
@@ -257,12 +269,33 @@ void Coordinator::sendAdd(const std::string& identifier, QXDocSource& source) {
           [this, identifier, refused,
            connection = connection_.get()](const std::optional<qx::Error>& error) {
             if (error) refused(*error);
-            queue_->async([this, connection, identifier] {
+            const bool isMissing =
+                error && error->is(QXStandardErrorDomain, qx::fileNoSuchFileError);
+            queue_->async([this, connection, identifier, isMissing] {
               if (connection_.get() != connection) return;
+              if (isMissing) awaitDirectory(identifier);
               hasAnswered_ = true;
               release(identifier);
             });
           });
+}
+
+/// Adds it again when the directory has appeared.
+void Coordinator::awaitDirectory(const std::string& identifier) {
+  const auto source = sources_.find(identifier);
+  const auto url = source == sources_.end() ? std::nullopt : source->second->_providedItemsURL();
+  if (!url || !url->path()) return;
+  const auto addAgain = [this, identifier] {
+    queue_->async([this, identifier] {
+      const auto known = sources_.find(identifier);
+      if (missing_.erase(identifier) == 0 || known == sources_.end() || !connection_) return;
+      sendAdd(identifier, *known->second);
+    });
+  };
+  missing_[identifier] = qx::DirectoryWatch::start(
+      *url->path(), [addAgain](const std::string& /*name*/) { addAgain(); });
+  // It may have come between the answer and the watch.
+  if (qx::FileManager::fileExists(*url->path())) addAgain();
 }
 
 void Coordinator::sendRemove(const std::string& identifier) {

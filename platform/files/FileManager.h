@@ -51,12 +51,18 @@ class ItemPlace {
       : item_(item), path_(item ? item->path() : std::nullopt) {}
   Result<DirectoryRelationship> relationshipToDirectoryAtURL(const std::optional<URL>& directory);
 
- private:
   struct Identity {
     dev_t device;
     ino_t inode;
-    friend bool operator==(const Identity&, const Identity&) = default;
+    uid_t owner;
+    friend bool operator==(const Identity& a, const Identity& b) {
+      return a.device == b.device && a.inode == b.inode;
+    }
   };
+  /// The directories that contain the item, the innermost first.
+  Result<std::vector<Identity>> directories();
+
+ private:
   class Walk;
   /// The errno of what stood in the way, or 0.
   int walk();

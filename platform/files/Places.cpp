@@ -111,6 +111,13 @@ int makeWithMode(const std::string& path, mode_t mode) {
   return ::chmod(path.c_str(), mode) == 0 ? 0 : errno;
 }
 
+std::string existingPartOf(std::filesystem::path path) {
+  while (!FileManager::fileExists(path.string()) && path != path.root_path()) {
+    path = path.parent_path();
+  }
+  return path.string();
+}
+
 /// Where what all users of the machine share is.
 const std::string& sharedRuntimeDirectory() {
   const auto& machine = machineRuntimeDirectory();
@@ -129,14 +136,40 @@ const std::string& machineBundles() { return directories().machineBundles; }
 
 bool servesMachine() { return ::geteuid() == 0 && machineRuntimeDirectory().has_value(); }
 
+Owner runtimeOwner() {
+  struct stat status;
+  if (::stat(existingPartOf(runtimeDirectory()).c_str(), &status) != 0) return {};
+  return {status.st_uid, status.st_gid};
+}
+
+std::string documentsFileSystem() {
+  return existingPartOf(servesMachine() ? *machineState() : root());
+}
+
 std::string applications() { return root() + "/Applications"; }
 std::string extensions() { return root() + "/Extensions"; }
 std::string groupContainers() { return root() + "/Containers/Group"; }
 std::string dataContainers() { return root() + "/Containers/Data"; }
 std::string home() { return root() + "/Home"; }
-std::string serviceSocket(const std::string& serviceName) {
-  return runtimeDirectory() + "/" + serviceName;
+
+bool isOfPlatform(const std::string& serviceName) {
+  return serviceName == "com.veltro.FileCoordination" || serviceName == "com.veltro.Sandbox";
 }
+std::vector<std::string> serviceDirectories(const std::string& serviceName) {
+  std::vector<std::string> all{runtimeDirectory()};
+  if (isOfPlatform(serviceName) && machineRuntimeDirectory()) {
+    all.push_back(*machineRuntimeDirectory());
+  }
+  return all;
+}
+const std::string& serviceDirectory(const std::string& serviceName) {
+  return isOfPlatform(serviceName) && servesMachine() ? *machineRuntimeDirectory()
+                                                      : runtimeDirectory();
+}
+std::string serviceSocket(const std::string& serviceName) {
+  return serviceDirectory(serviceName) + "/" + serviceName;
+}
+
 std::string sandboxKey() { return runtimeDirectory() + "/sandbox.key"; }
 std::string notifications() { return sharedRuntimeDirectory() + "/notify"; }
 std::string keyState() { return sharedRuntimeDirectory() + "/key-state"; }
@@ -148,6 +181,11 @@ int prepare() {
        {root(), applications(), extensions(), groupContainers(), home()}) {
     if (const int failed = make(path)) return failed;
   }
+  return prepareRuntime();
+}
+
+int prepareRuntime() {
+  if (const int failed = make(root())) return failed;
   for (const auto& [path, mode] :
        {std::pair<std::string, mode_t>(runtimeDirectory(), 0700),
         std::pair<std::string, mode_t>(runtimeDirectory() + "/notify", 0700),

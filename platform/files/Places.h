@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,22 +40,40 @@ const std::optional<std::string>& machineState();
 const std::string& machineBundles();
 
 /// Whom platformd serves when this process is it: everybody, as root outside of a world of its own;
-/// else the user that it runs as.
+/// else the user that it runs as, or, for root, whose the runtime directory is.
 bool servesMachine();
+/// The owner of the user's runtime directory or, while it is not there, of what it is to be made
+/// in.
+struct Owner {
+  uid_t user = 0;
+  gid_t group = 0;
+};
+Owner runtimeOwner();
+/// A directory that is there, on the file system that this process's documents are likeliest on:
+/// the machine's state, or what is there of the root's path.
+std::string documentsFileSystem();
 
 std::string applications();     // <root>/Applications
 std::string extensions();       // <root>/Extensions
 std::string groupContainers();  // <root>/Containers/Group
 std::string dataContainers();   // <root>/Containers/Data
 /// The daemon's home directory.
-std::string home();                                         // <root>/Home
-std::string serviceSocket(const std::string& serviceName);  // <run>/<service name>, the user's
-std::string sandboxKey();                                   // <run>/sandbox.key
+std::string home();        // <root>/Home
+std::string sandboxKey();  // <run>/sandbox.key
+
+/// Whether platformd serves it, for a user or for all of them.
+bool isOfPlatform(const std::string& serviceName);
+/// The runtime directories in which a service is looked for, in this order: the user's alone, and
+/// for a service of platformd the machine's after it.
+std::vector<std::string> serviceDirectories(const std::string& serviceName);
+/// The one of them in which this process would serve it.
+const std::string& serviceDirectory(const std::string& serviceName);
+std::string serviceSocket(const std::string& serviceName);  // <service directory>/<service name>
 /// The machine's where it has a runtime directory at this moment, otherwise the user's.
 std::string notifications();  // <run>/notify
 std::string keyState();       // <run>/key-state
-/// The directory that sandboxed applications see as their runtime directory: it holds the services'
-/// sockets and nothing else.
+/// The directory that sandboxed applications see as their runtime directory: it holds the sockets
+/// of the user's services and nothing else.
 std::string sandboxServices();  // <run>/sandbox
 /// Which application each running sandbox is.
 std::string sandboxRecords();  // <run>/sandboxes
@@ -62,6 +82,9 @@ std::string sandboxRecords();  // <run>/sandboxes
 /// (Applications, Extensions, Containers/Group, Home, notify, sandbox) where they are missing, the
 /// runtime directory with mode 0700. Returns the errno of the first failure, or 0.
 int prepare();
+/// The same of the runtime directory, in a root with nothing in it where there is none: what a
+/// platformd needs that serves one user.
+int prepareRuntime();
 /// Makes the machine's runtime directory (mode 0755, with notify) and its state (0700).
 int prepareMachine();
 

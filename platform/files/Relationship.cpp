@@ -67,7 +67,7 @@ class ItemPlace::Walk {
     return enter(std::move(directory), status);
   }
   int enter(FileDescriptor directory, const struct stat& status) {
-    directories_.push_back({status.st_dev, status.st_ino});
+    directories_.push_back({status.st_dev, status.st_ino, status.st_uid});
     current_ = std::move(directory);
     return 0;
   }
@@ -142,7 +142,7 @@ bool ItemPlace::goStraight() {
   } else if (S_ISLNK(status.st_mode)) {
     return false;
   } else if (S_ISDIR(status.st_mode)) {
-    directories_.push_back({status.st_dev, status.st_ino});
+    directories_.push_back({status.st_dev, status.st_ino, status.st_uid});
   } else {
     namesBelow_ = 1;
   }
@@ -155,7 +155,7 @@ Result<bool> ItemPlace::climb() {
   if (!bottom_) return false;
   struct stat status;
   if (::fstatat(bottom_.get(), above_.c_str(), &status, 0) != 0) return fileError(errno, item_);
-  const Identity next{status.st_dev, status.st_ino};
+  const Identity next{status.st_dev, status.st_ino, status.st_uid};
   // The root directory is its own parent.
   if (above_ != "." && next == directories_.back()) {
     bottom_.reset();
@@ -192,7 +192,7 @@ Result<DirectoryRelationship> ItemPlace::relationshipToDirectoryAtURL(
     // "No such file" is kept for the directory; here it means that one went during the walk.
     return fileError(*walked_ == ENOENT ? ESTALE : *walked_, item_);
   }
-  const Identity wanted{status.st_dev, status.st_ino};
+  const Identity wanted{status.st_dev, status.st_ino, status.st_uid};
   for (std::size_t i = 0;; ++i) {
     if (i == directories_.size()) {
       const auto isThereMore = climb();
@@ -204,6 +204,19 @@ Result<DirectoryRelationship> ItemPlace::relationshipToDirectoryAtURL(
                                         : DirectoryRelationship::contains;
     }
   }
+}
+
+Result<std::vector<ItemPlace::Identity>> ItemPlace::directories() {
+  if (!path_) return fileError(EINVAL, item_);
+  if (!walked_) walked_ = walk();
+  if (*walked_ != 0) return fileError(*walked_, item_);
+  for (;;) {
+    const auto isThereMore = climb();
+    if (!isThereMore) return isThereMore.error();
+    if (!*isThereMore) break;
+  }
+  const bool isDirectory = namesBelow_ == 0;
+  return std::vector<Identity>(directories_.begin() + (isDirectory ? 1 : 0), directories_.end());
 }
 
 Result<DirectoryRelationship> getRelationship_ofDirectoryAtURL_toItemAtURL(

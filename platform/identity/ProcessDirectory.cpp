@@ -156,4 +156,10 @@ FileDescriptor ProcessDirectory::openUserNamespace() const {
   return FileDescriptor(openat(descriptor_.get(), "ns/user", O_RDONLY | O_CLOEXEC));
 }
 
+bool ProcessDirectory::isOutsideOfSandboxes() const {
+  struct stat own;
+  const auto theirs = userNamespace();
+  return theirs && stat("/proc/self/ns/user", &own) == 0 && identityOf(own) == *theirs;
+}
+
 }  // namespace qx

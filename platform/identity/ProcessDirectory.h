@@ -63,6 +63,9 @@ class ProcessDirectory {
   std::optional<FileIdentity> userNamespace() const;
   /// The same, open.
   FileDescriptor openUserNamespace() const;
+  /// Whether it is in the user namespace of this process: whoever is not is in a sandbox, or is
+  /// nobody that can be told.
+  bool isOutsideOfSandboxes() const;
   /// A whole file.
   std::optional<std::string> read(const char* name) const;
 

@@ -1,5 +1,7 @@
 #include "platform/platformd/DocSourceRegistry.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <system_error>
 
@@ -13,10 +15,14 @@ namespace {
 /// Of one provider. A connection takes 1,024 calls without an answer.
 constexpr std::size_t mostUnderWay = 64;
 
-bool contains(const qx::URL& directory, const qx::URL& item) {
-  auto relationship =
-      qx::FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(directory, item);
-  return relationship && *relationship == qx::DirectoryRelationship::contains;
+/// Of these for readers of other users than the provider's.
+constexpr std::size_t mostOfOthers = 48;
+
+std::optional<qx::FileIdentity> identityOfDirectory(const qx::URL& directory) {
+  struct stat status;
+  const auto path = directory.path();
+  if (!path || stat(path->c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
+  return qx::identityOf(status);
 }
 
 /// One name for one file, whichever links lead to it; it need not exist yet.
@@ -29,20 +35,63 @@ std::string resolved(const qx::URL& url) {
 
 }  // namespace
 
+bool DocSourceRegistry::Turns::hasRoomFor(const Provide& provide) const {
+  const bool isOwn = provide.reader == provide.owner->owner;
+  return underWay < mostUnderWay && (isOwn || underWayOfOthers < mostOfOthers);
+}
+
+void DocSourceRegistry::Turns::begin(const Provide& provide) {
+  ++underWay;
+  if (provide.reader != provide.owner->owner) ++underWayOfOthers;
+}
+
+void DocSourceRegistry::Turns::end(const Provide& provide) {
+  --underWay;
+  if (provide.reader != provide.owner->owner) --underWayOfOthers;
+}
+
+/// The next user's first, of those who may.
+std::optional<DocSourceRegistry::Provide> DocSourceRegistry::Turns::takeNext() {
+  auto next = waiting.upper_bound(last);
+  for (std::size_t tried = 0; tried < waiting.size(); ++tried, ++next) {
+    if (next == waiting.end()) next = waiting.begin();
+    if (!hasRoomFor(next->second.front())) continue;
+    Provide provide = std::move(next->second.front());
+    next->second.pop_front();
+    last = next->first;
+    if (next->second.empty()) waiting.erase(next);
+    begin(provide);
+    return provide;
+  }
+  return std::nullopt;
+}
+
 void DocSourceRegistry::add(const std::string& identifier, const qx::URL& providedItemsURL,
                             const std::shared_ptr<DocSourceHost>& host,
-                            const std::function<void()>& completion) {
+                            const qx::Completion<qx::Error>& completion) {
+  const uid_t user = host->process().effectiveUser();
+  const auto directory = identityOfDirectory(providedItemsURL);
   SourcePointer source;
   {
     std::lock_guard lock(mutex_);
-    source = std::make_shared<const DocSource>(DocSource{
-        ++lastNumber_, host->process().effectiveUser(), identifier, providedItemsURL, host});
-    sources_[identifier] = source;
+    Entry& entry = sources_[{user, identifier}];
+    if (!entry.source || entry.source->host == host || entry.source->host->isLost()) {
+      source = std::make_shared<const DocSource>(
+          DocSource{++lastNumber_, user, identifier, providedItemsURL, host});
+      entry = {source, directory};
+    }
+  }
+  if (!source) {
+    DS_LOG("[NOTICE] PID %d may not add doc source %@ of user %d: another process serves it.",
+           host->process().processIdentifier(), identifier, user);
+    completion(DSNotPermittedError());
+    return;
   }
   const auto observer = observer_.lock();
-  if (observer) observer->docSourceAdded(*source, completion);
-  DS_LOG("[INFO] Coordinating %@ for doc source %@.", providedItemsURL, identifier);
-  if (!observer) completion();
+  if (observer) observer->docSourceAdded(*source, [completion] { completion(std::nullopt); });
+  DS_LOG("[INFO] Coordinating %@ for doc source %@ of user %d.", providedItemsURL, identifier,
+         user);
+  if (!observer) completion(std::nullopt);
 }
 
 std::optional<qx::Error> DocSourceRegistry::remove(const std::string& identifier,
@@ -50,10 +99,10 @@ std::optional<qx::Error> DocSourceRegistry::remove(const std::string& identifier
   SourcePointer source;
   {
     std::lock_guard lock(mutex_);
-    auto found = sources_.find(identifier);
+    auto found = sources_.find({host->process().effectiveUser(), identifier});
     if (found == sources_.end()) return DSNotFoundError(identifier);
-    if (found->second->host != host) return DSNotPermittedError();
-    source = found->second;
+    if (found->second.source->host != host) return DSNotPermittedError();
+    source = found->second.source;
     sources_.erase(found);
   }
   DS_LOG("[INFO] Doc source %@ was removed.", identifier);
@@ -66,8 +115,8 @@ void DocSourceRegistry::forget(const std::shared_ptr<DocSourceHost>& host) {
   {
     std::lock_guard lock(mutex_);
     std::erase_if(sources_, [&](const auto& entry) {
-      const bool isOurs = entry.second->host == host;
-      if (isOurs) forgotten.push_back(entry.second);
+      const bool isOurs = entry.second.source->host == host;
+      if (isOurs) forgotten.push_back(entry.second.source);
       return isOurs;
     });
   }
@@ -77,39 +126,96 @@ void DocSourceRegistry::forget(const std::shared_ptr<DocSourceHost>& host) {
   }
 }
 
-DocSourceRegistry::SourcePointer DocSourceRegistry::ownerOf(const qx::URL& url) const {
-  std::vector<SourcePointer> candidates;
+DocSourceRegistry::Place DocSourceRegistry::placeOf(const qx::URL& url,
+                                                    const std::optional<qx::User>& as) {
+  // File operations only in here: a thread that was started would be that user's.
+  std::optional<qx::UserIdentity> identity;
+  if (as) identity.emplace(*as);
+  if (identity && identity->errnum() != 0) return {};
+  auto owner = ownerOf(url, as ? std::optional(as->user) : std::nullopt);
+  auto file = owner ? resolved(url) : std::string();
+  return {std::move(owner), std::move(file)};
+}
+
+DocSourceRegistry::SourcePointer DocSourceRegistry::ownerOf(const qx::URL& url,
+                                                            std::optional<uid_t> user) {
+  const auto around = qx::FileManager::ItemPlace(url).directories();
+  if (!around) return nullptr;
+  for (const bool isAgain : {false, true}) {
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& directory : *around) {
+        const qx::FileIdentity identity{directory.device, directory.inode};
+        for (const auto& [key, entry] : sources_) {
+          if (entry.directory != identity) continue;
+          if (!isForAllUsers_ || directory.owner == entry.source->owner) return entry.source;
+        }
+      }
+    }
+    // A directory that was made, or made anew, since it was added.
+    if (!isAgain && !lookAgain(user)) break;
+  }
+  return nullptr;
+}
+
+bool DocSourceRegistry::lookAgain(std::optional<uid_t> user) {
+  // Nobody's directories are touched for somebody else.
+  if (!user && isForAllUsers_) return false;
+  std::vector<SourcePointer> sources;
   {
     std::lock_guard lock(mutex_);
-    for (const auto& [identifier, source] : sources_) candidates.push_back(source);
+    for (const auto& [key, entry] : sources_) {
+      if (!user || key.first == *user) sources.push_back(entry.source);
+    }
   }
-  SourcePointer owner;
-  for (const auto& candidate : candidates) {
-    if (!contains(candidate->directory, url)) continue;
-    if (!owner || contains(owner->directory, candidate->directory)) owner = candidate;
+  bool hasChanged = false;
+  for (const auto& source : sources) {
+    const auto directory = identityOfDirectory(source->directory);
+    std::lock_guard lock(mutex_);
+    const auto entry = sources_.find({source->owner, source->identifier});
+    if (entry == sources_.end() || entry->second.source != source) continue;
+    hasChanged = hasChanged || entry->second.directory != directory;
+    entry->second.directory = directory;
   }
-  return owner;
+  return hasChanged;
 }
 
 void DocSourceRegistry::provide(const qx::URL& url, const std::string& readerID,
-                                qx::Completion<qx::Error> completion) {
-  const SourcePointer owner = ownerOf(url);
+                                qx::Completion<qx::Error> completion,
+                                const std::optional<qx::User>& as) {
+  auto [owner, file] = placeOf(url, as);
   if (!owner) {
     completion(std::nullopt);
     return;
   }
-  const Provide provide{{owner->number, resolved(url)}, owner, url, readerID};
+  const uid_t reader = as ? as->user : owner->owner;
+  const std::uint64_t number = owner->number;
+  provide({{number, std::move(file)}, std::move(owner), url, readerID, reader},
+          std::move(completion));
+}
+
+void DocSourceRegistry::provide(const DocSource& owner, const qx::URL& url,
+                                const std::string& readerID, qx::Completion<qx::Error> completion) {
+  provide({{owner.number, url.path().value_or("")},
+           std::make_shared<const DocSource>(owner),
+           url,
+           readerID,
+           owner.owner},
+          std::move(completion));
+}
+
+void DocSourceRegistry::provide(Provide provide, qx::Completion<qx::Error> completion) {
   {
     std::lock_guard lock(mutex_);
     auto& readers = readers_[provide.item];
     readers.push_back(std::move(completion));
     if (readers.size() > 1) return;
-    Turns& turns = turns_[owner->number];
-    if (turns.underWay == mostUnderWay) {
-      turns.waiting.push_back(provide);
+    Turns& turns = turns_[provide.owner->number];
+    if (!turns.hasRoomFor(provide)) {
+      turns.waiting[provide.reader].push_back(provide);
       return;
     }
-    ++turns.underWay;
+    turns.begin(provide);
   }
   ask(provide);
 }
@@ -135,13 +241,9 @@ void DocSourceRegistry::answered(const Provide& provide, const std::optional<qx:
     std::lock_guard lock(mutex_);
     if (auto node = readers_.extract(provide.item)) readers = std::move(node.mapped());
     auto turns = turns_.find(provide.owner->number);
-    auto& waiting = turns->second.waiting;
-    if (!waiting.empty()) {
-      next = std::move(waiting.front());
-      waiting.pop_front();
-    } else if (--turns->second.underWay == 0) {
-      turns_.erase(turns);
-    }
+    turns->second.end(provide);
+    next = turns->second.takeNext();
+    if (turns->second.underWay == 0) turns_.erase(turns);
   }
   // From a queue, as a host that is lost answers at once, and a thousand may be waiting.
   if (next) {
@@ -151,9 +253,13 @@ void DocSourceRegistry::answered(const Provide& provide, const std::optional<qx:
   for (const auto& reader : readers) reader(error);
 }
 
-void DocSourceRegistry::didFinishWriting(const qx::URL& url, const std::string& writerID) {
-  const SourcePointer owner = ownerOf(url);
-  if (!owner) return;
-  DS_LOG("[INFO] Doc source %@ is told that %@ wrote %@.", owner->identifier, writerID, url);
-  owner->host->writerDidFinish(owner->identifier, writerID, url);
+void DocSourceRegistry::didFinishWriting(const qx::URL& url, const std::string& writerID,
+                                         qx::Completion<> completion,
+                                         const std::optional<qx::User>& as) {
+  if (const SourcePointer owner = placeOf(url, as).owner) {
+    DS_LOG("[INFO] Doc source %@ is told that %@ wrote %@.", owner->identifier, writerID, url);
+    owner->host->writerDidFinish(owner->identifier, writerID, url, std::move(completion));
+  } else if (completion) {
+    completion();
+  }
 }

@@ -18,6 +18,8 @@
 #include "platform/base/Error.h"
 #include "platform/base/URL.h"
 #include "platform/identity/AuditToken.h"
+#include "platform/identity/ProcessDirectory.h"
+#include "platform/identity/UserIdentity.h"
 
 /// Whoever added doc sources and answers for them; over a connection, in platformd.
 class DocSourceHost {
@@ -27,8 +29,9 @@ class DocSourceHost {
   /// why the provider cannot be asked any more.
   virtual void provideItem(const std::string& docSource, const qx::URL& url,
                            const std::string& readerID, qx::Completion<qx::Error> completion) = 0;
+  /// The completion is called once: when the host has heard of it, or cannot any more.
   virtual void writerDidFinish(const std::string& docSource, const std::string& writerID,
-                               const qx::URL& url) = 0;
+                               const qx::URL& url, qx::Completion<> completion) = 0;
   /// The process that it is.
   virtual qx::AuditToken process() const { return {}; }
   /// Whether it cannot be reached any more.
@@ -63,39 +66,63 @@ class DocSourceObserver {
 /// programs that never ask) is to call the same provide() and didFinishWriting().
 ///
 /// An item belongs to the doc source whose directory contains it, the innermost where directories
-/// are nested. Held by shared pointers only. Any thread; may block on the file system, never on a
-/// host.
+/// are nested. That is decided by the identity of the directories around the item, looked up with
+/// the rights of whoever asks (`as`; this process's own where it is absent): who cannot see a
+/// directory learns nothing of its being registered, and no directory of another user is touched on
+/// the way.
+///
+/// Held by shared pointers only. Any thread; may block on the file system, never on a host.
 class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry> {
  public:
+  /// Where there are several users a directory is its owner's alone: it stops being a doc source's
+  /// when it becomes somebody else's.
+  explicit DocSourceRegistry(bool isForAllUsers = false) : isForAllUsers_(isForAllUsers) {}
+
   /// Before the first doc source. Held weakly.
   void setObserver(const std::weak_ptr<DocSourceObserver>& observer) { observer_ = observer; }
 
-  /// Adds a doc source, in the place of one with the same identifier. Called back once: when the
-  /// observer watches the directory, or at once where there is none.
+  /// Adds a doc source of the host's user, in the place of one with the same identifier, whose host
+  /// is the same or lost; DSNotPermittedError when another one's host is there. Called back once:
+  /// with that, or when the observer watches the directory, or at once where there is none.
   void add(const std::string& identifier, const qx::URL& providedItemsURL,
-           const std::shared_ptr<DocSourceHost>& host, const std::function<void()>& completion);
-  /// DSNotFoundError for an unknown identifier, DSNotPermittedError for one of another host.
+           const std::shared_ptr<DocSourceHost>& host, const qx::Completion<qx::Error>& completion);
+  /// DSNotFoundError for an identifier unknown for this user, DSNotPermittedError for one of
+  /// another host.
   std::optional<qx::Error> remove(const std::string& identifier,
                                   const std::shared_ptr<DocSourceHost>& host);
   /// Forgets all doc sources of a host. Its provides that are under way end through their host.
   void forget(const std::shared_ptr<DocSourceHost>& host);
 
   /// Whether the item belongs to a doc source.
-  bool owns(const qx::URL& url) const { return ownerOf(url) != nullptr; }
+  bool owns(const qx::URL& url, const std::optional<qx::User>& as = std::nullopt) {
+    return placeOf(url, as).owner != nullptr;
+  }
 
   /// Has the item brought in for a reader. Called back once: at once and without error when no doc
   /// source owns the item, else when its provider has answered. While a provide of a file is under
   /// way, further readers of it wait for the same answer, and the provider hears of the first one.
   /// A provider is asked for 64 files at a time; others wait their turn, so that one that does not
-  /// answer leaves room on a connection that it shares with others.
+  /// answer leaves room on a connection that it shares with others. Readers of several users take
+  /// turns, and a quarter of the 64 is kept for the provider's own; without `as` it is that.
   void provide(const qx::URL& url, const std::string& readerID,
+               qx::Completion<qx::Error> completion,
+               const std::optional<qx::User>& as = std::nullopt);
+  /// The same of an item that is known to be this doc source's; nothing is looked up.
+  void provide(const DocSource& owner, const qx::URL& url, const std::string& readerID,
                qx::Completion<qx::Error> completion);
 
-  /// Tells the owner, if there is one, that the item was written.
-  void didFinishWriting(const qx::URL& url, const std::string& writerID);
+  /// Tells the owner, if there is one, that the item was written. Called back when it has heard.
+  void didFinishWriting(const qx::URL& url, const std::string& writerID,
+                        qx::Completion<> completion = {},
+                        const std::optional<qx::User>& as = std::nullopt);
 
  private:
   using SourcePointer = std::shared_ptr<const DocSource>;
+  using Key = std::pair<uid_t, std::string>;
+  struct Entry {
+    SourcePointer source;
+    std::optional<qx::FileIdentity> directory;  // as it was when it was last looked at
+  };
   /// A file while it is being provided.
   using Item = std::pair<std::uint64_t, std::string>;
   /// What a provider is asked.
@@ -104,21 +131,39 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
     SourcePointer owner;
     qx::URL url;
     std::string readerID;
+    uid_t reader;
   };
-  /// What one is being asked, and has yet to be asked.
+  /// What one is being asked, and has yet to be asked, by user.
   struct Turns {
     std::size_t underWay = 0;
-    std::deque<Provide> waiting;
+    std::size_t underWayOfOthers = 0;
+    std::map<uid_t, std::deque<Provide>> waiting;
+    uid_t last = 0;  // whose turn it was
+
+    bool hasRoomFor(const Provide& provide) const;
+    void begin(const Provide& provide);
+    void end(const Provide& provide);
+    std::optional<Provide> takeNext();
   };
 
-  SourcePointer ownerOf(const qx::URL& url) const;
+  /// Whose an item is, and one name for its file, whichever links lead to it.
+  struct Place {
+    SourcePointer owner;
+    std::string file;
+  };
+  Place placeOf(const qx::URL& url, const std::optional<qx::User>& as);
+  SourcePointer ownerOf(const qx::URL& url, std::optional<uid_t> user);
+  /// Looks at the directories of a user's doc sources again, or at all; whether any has changed.
+  bool lookAgain(std::optional<uid_t> user);
+  void provide(Provide provide, qx::Completion<qx::Error> completion);
   void ask(const Provide& provide);
   void answered(const Provide& provide, const std::optional<qx::Error>& error);
 
+  const bool isForAllUsers_;
   std::weak_ptr<DocSourceObserver> observer_;
   mutable std::mutex mutex_;
   std::uint64_t lastNumber_ = 0;
-  std::map<std::string, SourcePointer, std::less<>> sources_;
+  std::map<Key, Entry> sources_;
   std::map<Item, std::vector<qx::Completion<qx::Error>>> readers_;
   std::map<std::uint64_t, Turns> turns_;  // by the number of the doc source
 };

@@ -5,21 +5,30 @@
 #include "platform/conduit/QXConduitListener.h"
 #include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/platformd/DocSourceRegistry.h"
+#include "platform/platformd/UserAccounts.h"
 
 /// The service "com.veltro.FileCoordination": gives every connection an object of its own that
 /// carries out QXFileCoordination for the process at the other end, upon one registry.
 ///
-/// Who may what: adding doc sources takes the entitlement "com.veltro.file-coordination.host", as a
-/// number that is true; removing one, the connection that added it; reading and writing, access to
-/// the file as SandboxCheckByAuditToken() sees it. An item that does not exist yet counts as
-/// accessible when its directory is, in the same way: a provider may be asked to make it.
+/// Who may what, where it serves one user: adding doc sources takes the entitlement
+/// "com.veltro.file-coordination.host", as a number that is true. Where it serves all users it
+/// knows nobody's bundles: adding takes a process outside of sandboxes and a directory that belongs
+/// to its user, looked up with that user's rights; readers and writers are named "pid:<n>".
+/// Removing one, the connection that added it.
+///
+/// Reading and writing, access to the file as SandboxCheckByAuditToken() sees it; an item that does
+/// not exist yet counts as accessible when its directory is, in the same way, or for a read the
+/// first one above it that exists: a provider may be asked to make it. A read of what no doc source
+/// owns, as far as the reader can see, answers at once without error, whatever it is.
 ///
 /// The reply to didFinishWritingItemAtURL:completion: does not wait for the doc source.
 class FileCoordinationService final : public QXConduitListenerDelegate,
                                       public std::enable_shared_from_this<FileCoordinationService> {
  public:
-  static std::shared_ptr<FileCoordinationService> make(std::shared_ptr<DocSourceRegistry> registry);
-  explicit FileCoordinationService(std::shared_ptr<DocSourceRegistry> registry);
+  static std::shared_ptr<FileCoordinationService> make(std::shared_ptr<DocSourceRegistry> registry,
+                                                       std::shared_ptr<UserAccounts> accounts);
+  FileCoordinationService(std::shared_ptr<DocSourceRegistry> registry,
+                          std::shared_ptr<UserAccounts> accounts);
 
   /// Begins to serve; until then clients wait.
   void resume() { listener_.resume(); }
@@ -29,5 +38,6 @@ class FileCoordinationService final : public QXConduitListenerDelegate,
 
  private:
   const std::shared_ptr<DocSourceRegistry> registry_;
+  const std::shared_ptr<UserAccounts> accounts_;
   QXConduitListener listener_;
 };

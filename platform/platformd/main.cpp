@@ -6,8 +6,11 @@
 // one serves.
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -19,11 +22,14 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/Errors.h"
 #include "platform/base/FileDescriptor.h"
 #include "platform/base/Memory.h"
+#include "platform/base/ProgramOptions.h"
 #include "platform/conduit/ServiceSocket.h"
 #include "platform/coordination/CoordinationState.h"
 #include "platform/files/Places.h"
+#include "platform/identity/UserIdentity.h"
 #include "platform/log/Log.h"
 #include "platform/platformd/FileCoordinationService.h"
 #include "platform/platformd/SandboxService.h"
@@ -46,10 +52,13 @@ const std::vector<std::string>& serviceNames() {
 
 /// The services, for as long as it lives.
 struct Services {
-  std::shared_ptr<DocSourceRegistry> registry = std::make_shared<DocSourceRegistry>();
+  std::shared_ptr<UserAccounts> accounts =
+      std::make_shared<UserAccounts>(qx::raiseDescriptorLimit());
+  std::shared_ptr<DocSourceRegistry> registry =
+      std::make_shared<DocSourceRegistry>(qx::Places::servesMachine());
   std::shared_ptr<FileCoordinationService> fileCoordination =
-      FileCoordinationService::make(registry);
-  std::shared_ptr<SandboxService> sandbox = SandboxService::make();
+      FileCoordinationService::make(registry, accounts);
+  std::shared_ptr<SandboxService> sandbox = SandboxService::make(accounts);
 
   void resume() const {
     fileCoordination->resume();
@@ -60,7 +69,8 @@ struct Services {
 /// Held by whoever serves. A holder that falls leaves its worker behind for the moment that it
 /// takes to put the placeholders out of reach; the next one waits for that.
 qx::FileDescriptor waitForTurnToServe() {
-  const std::string path = qx::Places::runtimeDirectory() + "/platformd.serving.lock";
+  const std::string path =
+      qx::Places::serviceDirectory(fileCoordinationServiceName) + "/platformd.serving.lock";
   qx::FileDescriptor turn(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (turn && flock(turn.get(), LOCK_EX | LOCK_NB) != 0) {
     DS_LOG("[NOTICE] Waiting for the worker of an earlier start to end.");
@@ -140,16 +150,50 @@ CoordinationMechanism wantedMechanism() {
   return CoordinationMechanism::access;
 }
 
+/// Root that serves one user makes and opens files as that user: nothing of root's is left in the
+/// user's directories, and no link in them leads root anywhere.
+int becomeServedUser() {
+  if (qx::Places::servesMachine()) {
+    // What lies in the machine's runtime directory is for everybody to read.
+    umask(022);
+    return 0;
+  }
+  const auto owner = qx::Places::runtimeOwner();
+  if (geteuid() != 0 || owner.user == 0) return 0;
+  return qx::UserIdentity::becomeOwnerOfFiles({owner.user, owner.group, {}});
+}
+
+/// To watch files and mark them, to look at the files of all users and at the processes that ask
+/// for them, and to open files as the user who redeems a token.
+int keepNeededCapabilities() {
+  return qx::keepCapabilities({CAP_SYS_ADMIN, CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_FOWNER,
+                               CAP_SYS_PTRACE, CAP_SETUID, CAP_SETGID});
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
+  const bool isWorker = arguments.size() == 2 &&
+                        std::string_view(arguments[1]) == EventHolder::workerOption &&
+                        fcntl(EventHolder::workerChannel, F_GETFD) >= 0;
+  if (!isWorker) {
+    if (const auto status = qx::answerOptions(
+            arguments, "Coordinates files and redeems tokens, as root for all users.")) {
+      return *status;
+    }
+  }
   qx::fillStandardDescriptors();
   qx::raiseDescriptorLimit();
   qx::keepFreeMemorySmall();
-  if (arguments.size() == 2 && std::string_view(arguments[1]) == EventHolder::workerOption) {
-    return work();
+  int errnum = becomeServedUser();
+  if (errnum == 0) errnum = keepNeededCapabilities();
+  if (errnum != 0) {
+    std::fprintf(stderr, "platformd: %s\n",
+                 qx::posixError(errnum, "The rights cannot be restricted").description().c_str());
+    return 1;
   }
+  if (isWorker) return work();
   qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
   for (const std::string& name : serviceNames()) {
     if (auto taken = qx::claimService(name)) {

@@ -35,6 +35,7 @@ class SandboxKeyStore {
 
   uid_t owner() const { return owner_; }
   int directory() const { return directory_->get(); }
+  const SharedDescriptor& sharedDirectory() const { return directory_; }
 
   /// Absent when there is none, and, with a line in the log, when the file is not what it must be
   /// or not exactly as long as a key.

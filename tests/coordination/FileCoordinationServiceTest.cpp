@@ -205,15 +205,18 @@ TEST_F(FileCoordinationServiceTest, AddingTakesTheEntitlementAsANumberThatIsTrue
   EXPECT_EQ(client.add("b", directory), success);
 }
 
-TEST_F(FileCoordinationServiceTest, ASourceBelongsToTheConnectionThatAddedItLast) {
+TEST_F(FileCoordinationServiceTest, ASourceBelongsToTheConnectionThatAddedItWhileThatLives) {
   Client first, second, reader;
   ASSERT_EQ(first.add("a", directory), success);
   EXPECT_EQ(second.remove("a"), "DSErrorDomain 3");
   EXPECT_EQ(first.remove("A"), "DSErrorDomain 1");
-  ASSERT_EQ(second.add("a", directory), success);
-  EXPECT_EQ(first.remove("a"), "DSErrorDomain 3");
-  // The end of the first takes nothing from the second.
+  EXPECT_EQ(second.add("a", directory), "DSErrorDomain 3");
+  const auto ofTheFirst = reader.beginRead(items / "document");
+  EXPECT_EQ(first.provideNext(), "a");
+  EXPECT_EQ(reader.end(ofTheFirst), success);
+  // Its connection lost, another one may have it, whether the loss was noticed already or not.
   first.close();
+  ASSERT_EQ(second.add("a", directory), success);
   for (int round = 0; round < 2; ++round) {
     const auto read = reader.beginRead(items / "document");
     EXPECT_EQ(second.provideNext(), "a");
@@ -241,27 +244,28 @@ TEST_F(FileCoordinationServiceTest, AbsentAndImpossibleArgumentsAreNamed) {
         Case{add, {"a", absent}, DSInvalidParameterError("URL", none)},
         Case{add, {"a", web}, DSInvalidParameterError("URL", web.absoluteString())},
         Case{remove, {absent}, DSInvalidParameterError("identifier", none)},
-        Case{coordinateReading, {absent}, DSInvalidParameterError("URL", none)},
-        Case{coordinateReading, {web}, DSInvalidParameterError("URL", web.absoluteString())},
         Case{finishedWriting, {absent}, DSInvalidParameterError("URL", none)}}) {
     EXPECT_EQ(client.call(operation, arguments).error(), error) << operation;
   }
 }
 
-TEST_F(FileCoordinationServiceTest, WhoMayNotReachTheFileIsToldWhy) {
+TEST_F(FileCoordinationServiceTest, WhatCannotBeIsReadAtOnceAndWhatIsNotYetIsAskedFor) {
   Client provider, reader;
   ASSERT_EQ(provider.add("source", directory), success);
-  for (const auto& [name, problem] :
-       {std::pair("no directory/document", ENOENT), {"document/inside", ENOTDIR}}) {
-    const auto url = URL::fileURL(items / name);
-    EXPECT_EQ(reader.call(coordinateReading, {url}).error(), qx::fileError(problem, url));
-    EXPECT_EQ(reader.call(finishedWriting, {url}).error(), qx::fileError(problem, url));
+  for (const Value& url :
+       {absent, Value(URL("https://example.com/a")), Value(URL::fileURL(items / "document/inside")),
+        Value(URL::fileURL(items / std::string(5000, 'x')))}) {
+    EXPECT_EQ(reader.call(coordinateReading, {url}).outcome(), success) << describe(url);
+    EXPECT_NE(reader.call(finishedWriting, {url}).outcome(), success) << describe(url);
   }
   EXPECT_FALSE(provider.hasInput());
-  // What does not exist yet in a directory that does may be asked for.
-  const auto read = reader.beginRead(items / "to come");
-  provider.provideNext();
-  EXPECT_EQ(reader.end(read), success);
+  // It is the provider that knows whether there is such a thing.
+  for (const auto& name : {"to come", "no directory/yet/document"}) {
+    const auto read = reader.beginRead(items / name);
+    EXPECT_EQ(provider.nextCall(), provideCall("source", items / name, "com.example.tests"));
+    provider.reply();
+    EXPECT_EQ(reader.end(read), success);
+  }
 }
 
 TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
@@ -272,6 +276,8 @@ TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
   }
   chmod((items / "document").c_str(), geteuid() == 0 ? 0600 : 0);
   chmod((items / "other").c_str(), 0444);
+  Client provider;
+  ASSERT_EQ(provider.add("source", directory), success);
   EXPECT_EQ(inChild([&] {
               if (!dropPrivileges()) return 1;
               Client client;
@@ -279,7 +285,9 @@ TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
               const Array document{URL::fileURL(items / "document")};
               EXPECT_EQ(client.call(coordinateReading, document).error(), refused);
               EXPECT_EQ(client.call(finishedWriting, document).error(), refused);
-              EXPECT_EQ(client.read(items / "other"), success);
+              const auto read = client.beginRead(items / "other");
+              EXPECT_EQ(provider.provideNext(), "source");
+              EXPECT_EQ(client.end(read), success);
               EXPECT_NE(client.wrote(items / "other"), success);
               return testing::Test::HasFailure() ? 2 : 0;
             }),

@@ -64,7 +64,8 @@ class Client : public Wire {
 };
 
 inline std::shared_ptr<FileCoordinationService> startService() {
-  auto service = FileCoordinationService::make(std::make_shared<DocSourceRegistry>());
+  auto service = FileCoordinationService::make(std::make_shared<DocSourceRegistry>(),
+                                               std::make_shared<UserAccounts>(1024));
   service->resume();
   return service;
 }

@@ -13,7 +13,7 @@ namespace {
 using namespace qx::test;
 
 TEST_F(CoordinationTest, ADescriptorIsHandedOverForAGoodTokenAlone) {
-  const auto service = SandboxService::make();
+  const auto service = SandboxService::make(std::make_shared<UserAccounts>(1024));
   service->resume();
   Wire wire = connectTo(sandboxService);
   auto token = SandboxIssueFileExtension(qx::sandboxExtensionRead, items / "document", 0);

@@ -38,12 +38,19 @@ bool eventually(const std::function<bool()>& condition) {
   return true;
 }
 
+std::vector<std::string> asUser(uid_t user, const std::vector<std::string>& words) {
+  const auto number = std::to_string(user);
+  std::vector<std::string> all{"setpriv", "--reuid", number, "--regid", number, "--clear-groups"};
+  all.insert(all.end(), words.begin(), words.end());
+  return all;
+}
+
 std::string builtProgram(const std::string& name) {
   return std::filesystem::path(ownProgram()).parent_path() / name;
 }
 
 Daemon::Daemon(const std::string& program, const std::string& root,
-               const std::map<std::string, std::string>& environment) {
+               const std::map<std::string, std::string>& environment, std::optional<uid_t> user) {
   std::map<std::string, std::string> variables;
   for (char** each = environ; *each; ++each) {
     const std::string text(*each);
@@ -66,7 +73,7 @@ Daemon::Daemon(const std::string& program, const std::string& root,
   const FileDescriptor theirs(ends[1]), null(open("/dev/null", O_RDONLY | O_CLOEXEC));
   const std::string path = builtProgram(program);
   id_ = spawn(
-      {path},
+      user ? asUser(*user, {path}) : std::vector{path},
       {{null.get(), STDIN_FILENO}, {theirs.get(), STDOUT_FILENO}, {theirs.get(), STDERR_FILENO}},
       texts);
   if (id_ < 0) state_->lines.put(path + " cannot be started");

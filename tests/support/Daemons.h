@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -20,6 +21,9 @@ namespace qx::test {
 /// again and again, for what tells nobody when it changes.
 bool eventually(const std::function<bool()>& condition);
 
+/// The words that run a program as another user, by number; for root alone.
+std::vector<std::string> asUser(uid_t user, const std::vector<std::string>& words);
+
 /// The path of a program of this build.
 std::string builtProgram(const std::string& name);
 
@@ -29,9 +33,11 @@ std::string builtProgram(const std::string& name);
 class Daemon {
  public:
   /// Starts `program` of this build with DOCSOURCE_ROOT=`root` and the log at debug; `environment`
-  /// adds to that or replaces it.
+  /// adds to that or replaces it. As another user where there is one, which takes root
+  /// (setpriv(1)).
   Daemon(const std::string& program, const std::string& root,
-         const std::map<std::string, std::string>& environment = {});
+         const std::map<std::string, std::string>& environment = {},
+         std::optional<uid_t> user = std::nullopt);
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
   ~Daemon();

@@ -9,7 +9,10 @@ namespace qx::test {
 bool Wire::send(const Array& message) {
   conduit::Encoder encoder;
   conduit::encode(encoder, message);
-  return sendBytes(encoder.takeFrame());
+  const auto descriptors = encoder.takeDescriptors();
+  std::vector<int> numbers;
+  for (const auto& descriptor : descriptors) numbers.push_back(descriptor->get());
+  return sendBytes(encoder.takeFrame(), numbers);
 }
 
 std::optional<Array> Wire::receive() {

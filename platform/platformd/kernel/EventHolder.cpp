@@ -68,7 +68,7 @@ Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
   const bool keeps = storable && std::atoi(storable) >= 2;
   if (accesses && changes) {
     Groups groups{AccessGroup(std::move(accesses)), ChangeGroup(std::move(changes)), wanted, keeps};
-    if (!groups.accesses.knowsAccess(Places::root())) groups.mask = openPermission;
+    if (!groups.accesses.knowsAccess(Places::documentsFileSystem())) groups.mask = openPermission;
     // The files of these are not known any more; the numbers are enough to end the wait.
     const int most = static_cast<int>(std::min<std::size_t>(limit, 1U << 20U));
     int ended = 0;
@@ -82,7 +82,8 @@ Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
     return groups;
   }
   auto newAccesses = AccessGroup::create();
-  if (newAccesses && wanted == preAccess && !newAccesses->knowsAccess(Places::root())) {
+  if (newAccesses && wanted == preAccess &&
+      !newAccesses->knowsAccess(Places::documentsFileSystem())) {
     wanted = openPermission;
   }
   if (!newAccesses) return newAccesses.error();

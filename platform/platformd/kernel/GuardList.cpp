@@ -3,6 +3,7 @@
 #include "platform/platformd/kernel/GuardList.h"
 
 #include <fcntl.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -150,7 +151,8 @@ FileDescriptor openStateDirectory() {
     directory = openBeneath(above.get(), name, O_RDONLY | O_DIRECTORY);
   }
   struct stat status;
-  if (!directory || fstat(directory.get(), &status) != 0 || status.st_uid != geteuid() ||
+  if (!directory || fstat(directory.get(), &status) != 0 ||
+      status.st_uid != static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) ||
       (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     DS_LOG("[ERROR] %@ is no place for the service's state: what is guarded is not remembered.",
            path);

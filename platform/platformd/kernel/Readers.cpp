@@ -123,7 +123,7 @@ void Readers::ask(const FileIdentity& identity) {
   document.isAsked = true;
   document.turn = ++lastTurn_;
   document.changed = status.st_ctim;
-  registry_->provide(URL::fileURL(document.place->path),
+  registry_->provide(claim->source, URL::fileURL(document.place->path),
                      ProcessLineage::identifierOf(document.accesses.front().process),
                      [this, onQueue = onQueue_, identity,
                       turn = document.turn](const std::optional<Error>& error) {

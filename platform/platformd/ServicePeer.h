@@ -1,0 +1,57 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "platform/conduit/QXConduitConnection.h"
+#include "platform/identity/AuditToken.h"
+#include "platform/identity/UserIdentity.h"
+#include "platform/platformd/UserAccounts.h"
+
+/// Who is at the other end of a connection to a service of platformd, and what that user may make
+/// it hold: the connection itself and what its frames make it keep are charged here. Any thread.
+class ServicePeer : public std::enable_shared_from_this<ServicePeer> {
+ public:
+  /// Null for a peer that nobody knows, and one whose user has too many connections.
+  static std::shared_ptr<ServicePeer> accept(QXConduitConnection& connection,
+                                             UserAccounts& accounts);
+
+  const qx::AuditToken& process() const { return process_; }
+  const qx::User& user() const { return user_; }
+  UserAccount& account() const { return *account_; }
+
+  /// Whether the process, asked now, is in the same user namespace as this service.
+  bool isOutsideOfSandboxes() const;
+
+  /// Runs what may block on the user's files, one after the other for this connection; `task` gets
+  /// a charge for the call that it carries out, and holds it until that is answered. False, and
+  /// nothing is run, where the user has too many calls under way.
+  bool run(std::function<void(UserAccount::Charge charge)> task);
+
+  /// Runs `work` as the peer's user and returns what it returned: for file operations, and for
+  /// nothing else, as a thread that is started meanwhile would be that user's for good. EPERM,
+  /// absent, where this process cannot take that identity.
+  template <class F>
+  auto asUser(F&& work) const {
+    const qx::UserIdentity identity(user_);
+    return identity.errnum() == 0 ? std::optional(std::forward<F>(work)()) : std::nullopt;
+  }
+
+  ServicePeer(const qx::AuditToken& process, qx::User user, std::shared_ptr<UserAccount> account)
+      : process_(process), user_(std::move(user)), account_(std::move(account)) {}
+
+ private:
+  bool mayKeep(const qx::conduit::ConduitChannel::Kept& kept);
+
+  const qx::AuditToken process_;
+  const qx::User user_;
+  const std::shared_ptr<UserAccount> account_;
+  const std::shared_ptr<UserAccount::Lane> lane_ = account_->makeLane();
+  UserAccount::Charge connection_;
+  std::mutex mutex_;
+  // Under the mutex.
+  UserAccount::Charge bytes_;
+  UserAccount::Charge descriptors_;
+};

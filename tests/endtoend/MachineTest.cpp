@@ -1,0 +1,223 @@
+// A machine with several users and one platformd: what each gets, and what none can do to another.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+
+#include "platform/base/Errors.h"
+#include "platform/base/Text.h"
+#include "platform/files/FileManager.h"
+#include "platform/sandbox/EncodedPath.h"
+#include "platform/sandbox/Sandbox.h"
+#include "platform/sandbox/SandboxKey.h"
+#include "platform/sandbox/TakenBackExtensions.h"
+#include "tests/support/Machine.h"
+
+namespace qx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const char* const addDocSource = "addDocSource:providedItemsURL:completion:";
+const char* const useKeyDirectory = "useKeyDirectory:completion:";
+
+Bytes bytesOf(const std::string& text) { return {text.begin(), text.end()}; }
+
+SharedDescriptor openDirectory(const std::string& path) {
+  return std::make_shared<const FileDescriptor>(
+      open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+/// A token as only the holder of the key can make it, for whatever path.
+std::string signedToken(const std::string& path) {
+  const auto store = SandboxKeyStore::own();
+  const auto key = store->readOrMakeKey();
+  const std::string content = "2:" + std::string(sandboxExtensionReadWrite) +
+                              ":00:" + std::to_string(bootTimeNow()) + ":" + encodedPath(path);
+  return content + ":" + authenticationCode(*key, content);
+}
+
+TEST_F(MachineTest, EachUserReadsTheOwnDocumentsAndNobodyHearsOfAnothers) {
+  for (const auto& user : users_) user->start();
+  for (const auto& user : users_) {
+    const std::string path = user->document("letter");
+    if (coordinatesEverybody()) {
+      EXPECT_EQ(user->output({"cat", path}), user->content("letter"));
+    }
+    EXPECT_EQ(user->run([&] {
+      Wire wire = connectTo(coordinationService);
+      const auto url = URL::fileURL(user->document("diary"));
+      if (wire.call(coordinateReading, {url}).outcome() != "success") return 1;
+      const auto text = FileManager::readFile(user->document("diary"));
+      return text && *text == user->content("diary") ? 0 : 2;
+    }),
+              0);
+  }
+  // All three have the same provider under the same identifier, and each was asked for its own.
+  for (const auto& user : users_) {
+    for (const auto& other : users_) {
+      if (user == other) continue;
+      EXPECT_EQ(user->daemon().count(other->root()), 0U);
+      // What nobody is to see is not owned by anybody, whether it is there or not.
+      EXPECT_EQ(user->run([&] {
+        Wire wire = connectTo(coordinationService);
+        for (const auto& path : {other->document("plan"), other->document("no such"),
+                                 other->storage(), other->root() + "/nothing"}) {
+          const auto read = wire.call(coordinateReading, {URL::fileURL(path)});
+          if (read.outcome() != "success") return 1;
+        }
+        const auto url = URL::fileURL(other->document("plan"));
+        return wire.call(finishedWriting, {url}).outcome() == "success" ? 2 : 0;
+      }),
+                0);
+    }
+  }
+  // The service comes back, and nobody has to do anything; a user goes, and nobody notices.
+  mallory().stop();
+  EXPECT_EQ(platform_->end(SIGTERM), 0);
+  startPlatform();
+  EXPECT_TRUE(eventually([&] {
+    return alice().run([&] {
+      Wire wire = connectTo(coordinationService);
+      const auto url = URL::fileURL(alice().document("plan"));
+      wire.call(coordinateReading, {url});
+      const auto text = FileManager::readFile(alice().document("plan"));
+      return text && *text == alice().content("plan") ? 0 : 1;
+    }) == 0;
+  }));
+  // Nothing of root's is in anybody's root.
+  for (const auto& user : users_) {
+    for (const auto& entry : fs::recursive_directory_iterator(user->root())) {
+      struct stat status;
+      ASSERT_EQ(lstat(entry.path().c_str(), &status), 0);
+      EXPECT_EQ(status.st_uid, user->number()) << entry.path();
+    }
+  }
+}
+
+TEST_F(MachineTest, NobodyHostsTheDirectoryOfAnother) {
+  alice().start();
+  const std::string bait = mallory().root() + "/bait";
+  EXPECT_EQ(mallory().run([&] {
+    fs::create_directories(bait);
+    fs::create_directory_symlink(alice().storage(), mallory().root() + "/link");
+    fs::create_directory_symlink("/root", mallory().root() + "/roots");
+    Wire wire = connectTo(coordinationService);
+    const auto add = [&](const char* name, const std::string& path) {
+      return wire.call(addDocSource, {name, URL::fileURL(path, true)}).outcome();
+    };
+    for (const auto& path :
+         {alice().storage(), alice().root(), mallory().root() + "/link",
+          mallory().root() + "/roots", mallory().root() + "/link/..", std::string("/"),
+          std::string("/tmp"), std::string("/root"), std::string("/proc/self/cwd")}) {
+      if (add("com.example.provider", path) == "success") return 1;
+    }
+    // The own directory, under an identifier that another user has.
+    if (add("com.example.provider", bait) != "success") return 2;
+    // It changes hands behind the service's back: it becomes a link to another's.
+    fs::rename(bait, bait + ".old");
+    fs::create_directory_symlink(alice().storage(), bait);
+    return wire.call("removeDocSource:completion:", {"com.example.provider"}).outcome() == "success"
+               ? 0
+               : 3;
+  }),
+            0);
+  EXPECT_EQ(alice().run([&] {
+    Wire wire = connectTo(coordinationService);
+    const auto url = URL::fileURL(alice().document("letter"));
+    if (wire.call(coordinateReading, {url}).outcome() != "success") return 1;
+    const auto text = FileManager::readFile(alice().document("letter"));
+    return text && *text == alice().content("letter") ? 0 : 2;
+  }),
+            0);
+  EXPECT_EQ(platform_->count("user " + std::to_string(mallory().number())), 1U)
+      << "one doc source was ever coordinated for the other user";
+}
+
+TEST_F(MachineTest, AKeyOpensWhatItsUserMayOpenAndNothingElse) {
+  alice().start();
+  mallory().start();
+  const std::string shared = machine_ / "shared", secret = machine_ / "root's";
+  std::ofstream(shared) << "for everybody";
+  std::ofstream(secret) << "root's";
+  chmod(secret.c_str(), 0600);
+  chmod(shared.c_str(), 0644);
+  const std::string token = alice().root() + "/token";
+  ASSERT_EQ(alice().run([&] {
+    std::ofstream(token) << SandboxIssueFileExtension(sandboxExtensionRead,
+                                                      alice().root() + "/Origin/letter", 0)
+                                .value_or("none");
+    Wire wire = connectTo(sandboxService);
+    const auto text = FileManager::readFile(token);
+    const auto redeemed = wire.call(consumeExtension, {bytesOf(*text)});
+    return redeemed.at<SharedDescriptor>(1) ? 0 : 1;
+  }),
+            0);
+  const auto stolen = *FileManager::readFile(token);
+  EXPECT_EQ(mallory().run([&] {
+    Wire wire = connectTo(sandboxService);
+    const auto opens = [&](const std::string& text) {
+      return wire.call(consumeExtension, {bytesOf(text)}).at<SharedDescriptor>(1) != nullptr;
+    };
+    const std::string own = mallory().root() + "/own";
+    std::ofstream(own) << "mine";
+    if (!opens(signedToken(own))) return 1;
+    // Signed with the own key for what the user cannot open, and what it can only read.
+    for (const auto& path : {secret, shared, alice().root() + "/Origin/letter",
+                             std::string("/etc/shadow"), std::string("/etc/passwd")}) {
+      if (opens(signedToken(path))) return 2;
+    }
+    // A good one of another user's, and one whose file is exchanged for a link.
+    if (opens(stolen)) return 3;
+    const auto exchanged = signedToken(own);
+    fs::rename(own, own + ".old");
+    fs::create_symlink(secret, own);
+    if (opens(exchanged)) return 4;
+    // The directory of a key is one's own.
+    const auto use = [&](const std::string& path) {
+      return wire.call(useKeyDirectory, {openDirectory(path)}).outcome() == "success";
+    };
+    if (use("/tmp") || use("/root") || use(machine_.path())) return 5;
+    return use(mallory().root() + "/run") ? 0 : 6;
+  }),
+            0);
+  // Root's own redeem nothing by a user's key either.
+  EXPECT_EQ(inChild([&] {
+              ::setenv("DOCSOURCE_MACHINE", machine_.path().c_str(), 1);
+              ::setenv("DOCSOURCE_ROOT", machine_.path().c_str(), 1);
+              Wire wire = connectTo(sandboxService);
+              return wire.call(consumeExtension, {bytesOf(stolen)}).at<SharedDescriptor>(1) ? 1 : 0;
+            }),
+            0);
+}
+
+TEST_F(MachineTest, WhatRootRunsIsRootsAlone) {
+  // A daemon that root runs serves root.
+  const std::string root = machine_ / "roots-root";
+  Daemon daemon("docsourced", root, {{"DOCSOURCE_MACHINE", machine_.path()}});
+  ASSERT_TRUE(eventually([&] { return fs::exists(root + "/run/com.veltro.DocSource"); }));
+  EXPECT_NE(mallory().output({"test", "-e", root + "/run/com.veltro.DocSource"}), "");
+  EXPECT_NE(
+      mallory().output({"env", "DOCSOURCE_ROOT=" + root, builtProgram("docsource"), "providers"}),
+      "");
+
+  // A platformd of root's in a user's root, before anything else is there: it works for that user.
+  const std::string theirs = machine_ / "theirs";
+  fs::create_directory(theirs);
+  alice().give(theirs);
+  Daemon platform("platformd", theirs);
+  ASSERT_TRUE(eventually([&] { return fs::exists(theirs + "/run/com.veltro.Sandbox"); }));
+  Daemon broker("docsourced", theirs, {}, alice().number());
+  ASSERT_TRUE(broker.logs("[INFO] Server starting."));
+  ASSERT_TRUE(eventually([&] { return fs::exists(theirs + "/run/com.veltro.DocSource"); }));
+  for (const auto& entry : fs::recursive_directory_iterator(theirs)) {
+    struct stat status;
+    ASSERT_EQ(lstat(entry.path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, alice().number()) << entry.path();
+  }
+}
+
+}  // namespace
+}  // namespace qx::test
