@@ -126,10 +126,4 @@ std::optional<Surroundings> surroundingsOf(const ProcessDirectory& process) {
   return Surroundings{true, {}};
 }
 
-bool isOutsideOfSandboxes(const AuditToken& token) {
-  const auto process = ProcessDirectory::open(token);
-  const auto surroundings = process ? surroundingsOf(*process) : std::nullopt;
-  return surroundings && !surroundings->isSandbox;
-}
-
 }  // namespace qx

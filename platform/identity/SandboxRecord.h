@@ -46,7 +46,4 @@ struct Surroundings {
 /// is gone. Any thread.
 std::optional<Surroundings> surroundingsOf(const ProcessDirectory& process);
 
-/// Whether the process is certainly in no sandbox.
-bool isOutsideOfSandboxes(const AuditToken& process);
-
 }  // namespace qx
