@@ -81,10 +81,15 @@ Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
         ended);
     return groups;
   }
-  auto newAccesses = AccessGroup::create();
+  // Before an opening whoever opens waits for a lease anyway; but no user may make others wait.
+  const auto create = [&] {
+    return AccessGroup::create(wanted == openPermission && !Places::servesMachine());
+  };
+  auto newAccesses = create();
   if (newAccesses && wanted == preAccess &&
       !newAccesses->knowsAccess(Places::documentsFileSystem())) {
     wanted = openPermission;
+    newAccesses = create();
   }
   if (!newAccesses) return newAccesses.error();
   auto newChanges = ChangeGroup::create();

@@ -81,11 +81,13 @@ void readRecords(const char* event, const fanotify_event_metadata& metadata, Cha
 
 }  // namespace
 
-Result<AccessGroup> AccessGroup::create() {
+Result<AccessGroup> AccessGroup::create(bool waitsForLeases) {
   // Read-only, so that the kernel can open the file for us on a mount that is.
-  FileDescriptor group(fanotify_init(FAN_CLASS_PRE_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK |
-                                         FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
-                                     O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME | O_NONBLOCK));
+  const int opening = O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME;
+  FileDescriptor group(
+      fanotify_init(FAN_CLASS_PRE_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE |
+                        FAN_UNLIMITED_MARKS,
+                    static_cast<unsigned>(waitsForLeases ? opening : opening | O_NONBLOCK)));
   if (!group) return posixError(errno, "The kernel cannot be asked for accesses to files");
   return AccessGroup(std::move(group));
 }

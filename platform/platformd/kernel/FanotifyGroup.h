@@ -36,10 +36,10 @@ class AccessGroup {
  public:
   /// EPERM without CAP_SYS_ADMIN.
   ///
-  /// To report an event the kernel opens the file, and does not wait there for a lease (fcntl(2),
-  /// F_SETLEASE): whoever gets at a file on which somebody holds one gets EPERM, lest the holder of
-  /// a lease hold everybody up.
-  static Result<AccessGroup> create();
+  /// To report an event the kernel opens the file. `waitsForLeases` says whether it waits there for
+  /// a lease (fcntl(2), F_SETLEASE), and everybody else with it, or has whoever gets at a file on
+  /// which somebody holds one fail with EPERM.
+  static Result<AccessGroup> create(bool waitsForLeases = false);
   explicit AccessGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   int descriptor() const { return descriptor_.get(); }
