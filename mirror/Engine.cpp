@@ -514,7 +514,7 @@ bool Engine::isQuiet() {
   const Lock lock(mutex_);
   return guarded([&] {
     if (broken_ || isInTrouble() || isClosed_) return true;
-    const auto next = items_->nextDue(heldBack() + " AND reason IS NULL");
+    const auto next = items_->nextDue(heldBack() + " AND reason IS NULL AND tries>=0");
     return here_.isEmpty() && there_.isEmpty() && !shallLookThere_ && busy_.empty() && !next;
   });
 }

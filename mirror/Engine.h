@@ -170,13 +170,14 @@ class Engine {
   std::optional<Outcome> reshapeHere(const Item& item, const Placeholder::Shape& shape, Node& now);
   Announcement announceFor(ItemNumber number, Lock* lock);
   Outcome conflict(const Item& item);
-  Outcome removeHere(Lock& lock, const Item& item);
+  Outcome removeHere(Lock& lock, const Item& noted);
   bool haveParent(Lock& lock, Side side, ItemNumber parent);
   bool haveRoom(Lock& lock, Side side, const Item& item, const Place& place);
   bool setAside(const Item& item);
   bool setAsideUnknown(const Place& place);
   std::string conflictText() const;
   Outcome waitFor(ItemNumber number, std::int64_t milliseconds);
+  Outcome waitForOthers(ItemNumber number);
   void lookAgain(Side side, const Place& place) {
     seen(side).names.emplace(place.parent, place.name);
   }
@@ -190,6 +191,7 @@ class Engine {
   Outcome upload(Lock& lock, const Item& item);
   Outcome download(Lock& lock, const Item& item);
   Outcome compare(Lock& lock, const Item& item);
+  bool isTouchedOnly(const Item& item);
   std::shared_ptr<Transfer> begin(const Item& item, bool isUpload, std::int64_t total);
   void end(const std::shared_ptr<Transfer>& transfer);
   Outcome run(Lock& lock, std::function<void()> work);

@@ -646,7 +646,7 @@ bool Engine::observeThere(Lock& lock) {
     }
   }
   hasLookedThere_ = true;
-  if (state_ == MirrorHealth::State::starting) wellAgain();
+  if (state_ != MirrorHealth::State::ok) wellAgain();
   return hasSeen;
 }
 

@@ -212,6 +212,16 @@ Engine::Outcome Engine::waitFor(ItemNumber number, std::int64_t milliseconds) {
   return Outcome::later;
 }
 
+/// Until a program has closed a document, or something else is out of the way that takes no work of
+/// ours.
+Engine::Outcome Engine::waitForOthers(ItemNumber number) {
+  change(number, [&](Item& item) {
+    item.due = now() + whileInUse;
+    item.tries = waitsForOthers;
+  });
+  return Outcome::later;
+}
+
 /// Notes why something could not be done there, and when it is tried again.
 Engine::Outcome Engine::failed(const Item& item, const Error& error) {
   if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
@@ -220,6 +230,7 @@ Engine::Outcome Engine::failed(const Item& item, const Error& error) {
     if (problem == RemoteProblem::cancelled) {
       now.due.reset();
     } else {
+      now.tries = std::max<std::int64_t>(now.tries, 0);
       const auto shift = std::min<std::int64_t>(now.tries, 20);
       now.due = this->now() + std::min(firstRetry << shift, longestRetry);
       ++now.tries;
@@ -444,7 +455,7 @@ Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
       settle(lock, other->number);  // which finds this one at its name
       return items_->load(item.number) ? waitFor(item.number, firstRetry) : Outcome::again;
     }
-    if (!haveRoom(lock, Side::here, item, there.place)) return waitFor(item.number, whileInUse);
+    if (!haveRoom(lock, Side::here, item, there.place)) return waitForOthers(item.number);
     return Outcome::again;
   }
   const auto directory = directoryHere(there.place.parent);
@@ -502,7 +513,7 @@ Engine::Outcome Engine::meet(Lock& lock, Item item) {
 
 Engine::Outcome Engine::goneThere(Lock& lock, const Item& item) {
   const Node& here = *item.here;
-  const bool isChanged = isContentChangedHere(item) && here.kind == Kind::file;
+  const bool isChanged = isContentChangedHere(item) && !isTouchedOnly(item);
   const bool isMoved = here.place != item.agreed->place && !here.isPlaceholder;
   if (isChanged || isMoved) {
     // What was done here is not undone by a removal there.
@@ -517,7 +528,12 @@ Engine::Outcome Engine::goneThere(Lock& lock, const Item& item) {
   return removeHere(lock, item);
 }
 
-Engine::Outcome Engine::removeHere(Lock& lock, const Item& item) {
+Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
+  Item item = noted;
+  if (item.here->kind == Kind::file && !item.here->isPlaceholder) {
+    item.agreedHere = item.here->version;
+    change(item.number, [&](Item& now) { now.agreedHere = item.agreedHere; });
+  }
   // Asked once more; a listing may have lied.
   const Place& agreed = item.agreed->place;
   if (const auto parent = items_->path(Side::there, agreed.parent)) {
@@ -551,7 +567,7 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& item) {
     const auto now = items_->load(item.number);
     if (!now || !now->here || now->there || !now->agreed) return Outcome::again;
     if (!items_->children(Side::here, item.number, 0, 1).empty()) {
-      return waitFor(item.number, whileInUse);
+      return waitForOthers(item.number);
     }
     if (::unlinkat(directory->get(), name.c_str(), AT_REMOVEDIR) != 0) {
       if (errno != ENOTEMPTY && errno != EEXIST) {
@@ -574,7 +590,7 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& item) {
       return waitFor(item.number, 1);
     }
     if (!here.isPlaceholder && isOpenElsewhere(file.get())) {
-      return waitFor(item.number, whileInUse);
+      return waitForOthers(item.number);
     }
     const std::string asideName = std::to_string(item.number);
     {
@@ -593,7 +609,7 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& item) {
     if (!isStill || ::unlinkat(aside_.get(), asideName.c_str(), 0) != 0) {
       recoverAside();
       lookAgain(Side::here, here.place);
-      return waitFor(item.number, whileInUse);
+      return waitForOthers(item.number);
     }
   }
   Database::Transaction transaction(*database_);
@@ -776,7 +792,7 @@ Engine::Outcome Engine::moveHere(Lock& lock, const Item& item) {
     }
     return waitFor(item.number, firstRetry);
   }
-  if (!haveRoom(lock, Side::here, item, target)) return waitFor(item.number, whileInUse);
+  if (!haveRoom(lock, Side::here, item, target)) return waitForOthers(item.number);
   const auto current = items_->load(item.number);
   if (!current || !current->here || !current->there || current->there->place != target) {
     return Outcome::again;
@@ -895,7 +911,7 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
       case Giving::done:
         break;
       case Giving::inUse:
-        return waitFor(item.number, whileInUse);
+        return waitForOthers(item.number);
       case Giving::changed:
         return again();
       case Giving::failed:

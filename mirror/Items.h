@@ -22,6 +22,10 @@ enum class Kind : std::int64_t {
   link = 3,
 };
 
+/// In Item::tries: nothing failed, and nothing is left to do before somebody else has done
+/// something.
+constexpr std::int64_t waitsForOthers = -1;
+
 struct Place {
   ItemNumber parent = 0;
   std::string name;
@@ -61,6 +65,7 @@ struct Item {
 
   /// When it has to be looked at, in milliseconds of the engine's clock; absent when all is done.
   std::optional<std::int64_t> due;
+  /// How often in a row it failed, or waitsForOthers.
   std::int64_t tries = 0;
   /// Why the last attempt failed, one sentence.
   std::optional<std::string> reason;

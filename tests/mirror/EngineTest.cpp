@@ -1,4 +1,4 @@
-// What the engine does in single, chosen cases; the model has the others.
+// What people and programs do, case by case; the model has what nobody thinks of.
 
 #include <gtest/gtest.h>
 
@@ -9,25 +9,47 @@ namespace {
 using namespace docsource;
 using namespace docsource::test;
 
+bool run(const std::string& command) { return std::system((command + " >&2").c_str()) == 0; }
+
 class EngineTest : public testing::Test {
  protected:
   EngineTest() {
     qx::Clock::setCurrent(clock_);
     coordinate(scratch_ / "", "access");
-    fs::create_directories(there_);
-    write(there_ + "/a.txt", "first");
     fs::create_directories(there_ + "/d/e");
-    write(there_ + "/d/e/b.txt", "second");
+    write(there("a.txt"), "first");
+    write(there("d/e/b.txt"), "second");
+    fs::permissions(there("d"), fs::perms::owner_all);
     machine_ = std::make_unique<Machine>(scratch_ / "here", makeFolderRemote(there_));
     EXPECT_TRUE(machine_->start());
     settle();
   }
-  void settle() { EXPECT_TRUE(machine_->settle(clock_)); }
+  void settle() {
+    machine_->engine().beginSync(false);
+    EXPECT_TRUE(machine_->settle(clock_));
+  }
+  void bringIn() { EXPECT_TRUE(machine_->engine().provide(machine_->storage)); }
   std::string here(const std::string& name) const { return machine_->storage + "/" + name; }
   std::string there(const std::string& name) const { return there_ + "/" + name; }
   std::string identifier(const std::string& name) {
     const auto identifier = machine_->engine().identifierForItem(here(name));
     return identifier ? *identifier : identifier.error().text();
+  }
+  MirrorItemState state(const std::string& name) {
+    const auto status = machine_->engine().status(here(name));
+    EXPECT_TRUE(status) << name;
+    return status ? status->state : MirrorItemState::failed;
+  }
+  /// All names below, sorted.
+  static std::string names(const std::string& root) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+      const auto name = entry.path().string().substr(root.size() + 1);
+      if (!name.starts_with(".docsource-")) names.insert(name);
+    }
+    std::string text;
+    for (const auto& name : names) text += name + " ";
+    return text;
   }
 
   qx::ManualClock& clock_ = *new qx::ManualClock;
@@ -36,38 +58,212 @@ class EngineTest : public testing::Test {
   std::unique_ptr<Machine> machine_;
 };
 
-TEST_F(EngineTest, ShowsWhatTheRemoteHasAndBringsItIn) {
+TEST_F(EngineTest, CarriesWhatIsDoneHereAndThere) {
   EXPECT_TRUE(isPlaceholder(here("a.txt")));
-  EXPECT_TRUE(isPlaceholder(here("d/e/b.txt")));
   EXPECT_EQ(fs::file_size(here("a.txt")), 5U);
-  const auto provided = machine_->engine().provide(here("d"));
-  ASSERT_TRUE(provided) << provided.error().text();
-  EXPECT_EQ(read(here("d/e/b.txt")), "second");
-  EXPECT_FALSE(isPlaceholder(here("d/e/b.txt")));
-  EXPECT_TRUE(isPlaceholder(here("a.txt")));
+  EXPECT_EQ(fs::status(here("d")).permissions(), fs::perms::owner_all);
+  // A placeholder is moved with its directory, and stays one.
+  fs::rename(here("d"), here("moved"));
+  fs::create_directories(here("x/y"));
+  ASSERT_EQ(::chmod(here("x").c_str(), 0700), 0);
+  write(here("new.txt"), "new");
+  settle();
+  EXPECT_EQ(names(there_), "a.txt moved moved/e moved/e/b.txt new.txt x x/y ");
+  EXPECT_EQ(read(there("moved/e/b.txt")), "second");
+  EXPECT_EQ(fs::status(there("x")).permissions(), fs::perms::owner_all);
+  EXPECT_TRUE(isPlaceholder(here("moved/e/b.txt")));
+  fs::remove(here("a.txt"));
+  fs::rename(there("moved"), there("x/back"));
+  write(there("new.txt"), "newer, from there");
+  settle();
+  EXPECT_EQ(names(there_), names(machine_->storage));
+  EXPECT_EQ(names(there_), "new.txt x x/back x/back/e x/back/e/b.txt x/y ");
+  bringIn();
+  EXPECT_EQ(read(here("x/back/e/b.txt")), "second");
+  EXPECT_EQ(read(here("new.txt")), "newer, from there");
+  // Given back, and not while somebody has it open.
+  {
+    const std::ifstream open(here("new.txt"));
+    EXPECT_FALSE(machine_->engine().evict(here("new.txt")));
+    save(there("new.txt"), "newest");
+    settle();
+    EXPECT_EQ(read(here("new.txt")), "newer, from there");
+  }
+  settle();
+  EXPECT_EQ(read(here("new.txt")), "newest");
+  EXPECT_TRUE(machine_->engine().evict(here("new.txt")));
+  EXPECT_TRUE(isPlaceholder(here("new.txt")));
 }
 
-TEST_F(EngineTest, CarriesWhatIsDoneHereAndThere) {
-  ASSERT_TRUE(machine_->engine().provide(machine_->storage));
-  write(here("a.txt"), "changed here");
-  write(here("new.txt"), "new");
-  fs::create_directories(here("x/y"));
-  fs::rename(here("d/e/b.txt"), here("x/y/c.txt"));
-  write(there("other.txt"), "from there");
+TEST_F(EngineTest, KeepsAnIdentifierHoweverADocumentIsSavedAndGivesACopyAnother) {
+  bringIn();
+  const auto before = identifier("a.txt");
+  write(here("a.txt.tmp123"), "saved");
+  settle();  // long enough for the temporary file to be carried over
+  fs::rename(here("a.txt.tmp123"), here("a.txt"));
   settle();
-  EXPECT_EQ(read(there("a.txt")), "changed here");
-  EXPECT_EQ(read(there("new.txt")), "new");
-  EXPECT_EQ(read(there("x/y/c.txt")), "second");
-  EXPECT_FALSE(fs::exists(there("d/e/b.txt")));
-  EXPECT_TRUE(isPlaceholder(here("other.txt")));
-  fs::remove(here("a.txt"));
-  fs::rename(there("x"), there("z"));
-  write(there("new.txt"), "newer");
+  EXPECT_EQ(identifier("a.txt"), before);
+  EXPECT_EQ(read(there("a.txt")), "saved");
+  fs::rename(here("a.txt"), here("a.txt~"));
+  write(here("a.txt"), "saved with a backup");
   settle();
-  EXPECT_FALSE(fs::exists(there("a.txt")));
-  EXPECT_EQ(read(here("z/y/c.txt")), "second");
-  ASSERT_TRUE(machine_->engine().provide(here("new.txt")));
-  EXPECT_EQ(read(here("new.txt")), "newer");
+  EXPECT_EQ(identifier("a.txt"), before);
+  EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt ");
+  EXPECT_EQ(state("a.txt~"), MirrorItemState::localOnly);
+  ASSERT_TRUE(run("cp -a '" + here("a.txt") + "' '" + here("copy.txt") + "'"));
+  write(here("copy.txt"), "the copy");
+  settle();
+  EXPECT_NE(identifier("copy.txt"), before);
+  EXPECT_EQ(read(there("a.txt")), "saved with a backup");
+  EXPECT_EQ(read(there("copy.txt")), "the copy");
+  fs::rename(here("a.txt"), here("d/renamed.txt"));
+  machine_->stop();
+  fs::rename(here("d/renamed.txt"), here("d/again.txt"));
+  ASSERT_TRUE(machine_->start());
+  settle();
+  EXPECT_EQ(identifier("d/again.txt"), before);
+  const auto path = machine_->engine().pathForItem(before);
+  ASSERT_TRUE(path);
+  EXPECT_EQ(*path, here("d/again.txt"));
+  // What is no document stays here.
+  fs::create_symlink("a.txt", here("link"));
+  fs::create_hard_link(here("copy.txt"), here("second"));
+  write(here(".docsourceignore"), "*.o\n!keep.o\n");
+  settle();
+  write(here("x.o"), "object");
+  write(here("keep.o"), "kept");
+  settle();
+  for (const std::string name : {"link", "second", "x.o"}) {
+    EXPECT_EQ(state(name), MirrorItemState::localOnly) << name;
+    EXPECT_FALSE(fs::exists(there(name))) << name;
+  }
+  EXPECT_TRUE(fs::exists(there("keep.o")));
+}
+
+TEST_F(EngineTest, KeepsBothVersionsOfAConflict) {
+  bringIn();
+  save(there("a.txt"), "a colleague's");
+  save(here("a.txt"), "mine");
+  settle();
+  EXPECT_EQ(read(there("a.txt")), "a colleague's");
+  bringIn();
+  EXPECT_EQ(read(here("a.txt")), "a colleague's");
+  const auto conflicts = machine_->engine().conflicts();
+  ASSERT_EQ(conflicts.size(), 1U);
+  EXPECT_EQ(conflicts[0].path, here("a.txt"));
+  EXPECT_TRUE(conflicts[0].copy.starts_with(here("a (conflict host "))) << conflicts[0].copy;
+  EXPECT_EQ(read(conflicts[0].copy), "mine");
+  EXPECT_EQ(state("a.txt"), MirrorItemState::conflict);
+  ASSERT_TRUE(machine_->engine().take(conflicts[0].copy));
+  settle();
+  EXPECT_EQ(read(there("a.txt")), "mine");
+  EXPECT_TRUE(machine_->engine().conflicts().empty());
+  EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt ");
+  // What was changed survives what was removed, on either side.
+  write(here("a.txt"), "edited here");
+  fs::remove(there("a.txt"));
+  fs::remove(here("d/e/b.txt"));
+  write(there("d/e/b.txt"), "edited there");
+  settle();
+  EXPECT_EQ(read(there("a.txt")), "edited here");
+  EXPECT_EQ(names(machine_->storage), "a.txt d d/e d/e/b.txt ");
+}
+
+TEST_F(EngineTest, WaitsForARemoteThatIsAwayOrNotTheSame) {
+  bringIn();
+  const auto away = scratch_ / "away";
+  for (const bool isReplaced : {false, true}) {
+    fs::rename(there_, away);
+    if (isReplaced) fs::create_directories(there_);
+    machine_->stop();
+    write(here("a.txt"), isReplaced ? "edited again" : "edited while it was away");
+    ASSERT_TRUE(machine_->start());
+    settle();
+    EXPECT_EQ(names(machine_->storage), "a.txt d d/e d/e/b.txt ");
+    EXPECT_EQ(state("a.txt"), MirrorItemState::changed);
+    const auto health = machine_->engine().health();
+    EXPECT_EQ(health.state,
+              isReplaced ? MirrorHealth::State::wrongRemote : MirrorHealth::State::offline);
+    EXPECT_EQ(health.waiting, 1U);
+    if (isReplaced) {
+      EXPECT_TRUE(fs::is_empty(there_));
+      fs::remove(there_);
+    }
+    fs::rename(away, there_);
+    settle();
+    EXPECT_EQ(read(there("a.txt")), read(here("a.txt")));
+    EXPECT_EQ(machine_->engine().health().state, MirrorHealth::State::ok);
+  }
+}
+
+TEST_F(EngineTest, RemovesMuchAtATimeOnlyWhenItIsConfirmed) {
+  for (int number = 0; number < 20; ++number) write(here("n" + std::to_string(number)), "x");
+  settle();
+  const auto all = names(there_);
+  for (const bool isThere : {false, true}) {
+    const auto root = isThere ? there_ : machine_->storage;
+    for (int number = isThere ? 15 : 0; number < (isThere ? 20 : 15); ++number) {
+      fs::remove(root + "/n" + std::to_string(number));
+    }
+    if (isThere) fs::remove_all(there("d"));
+    settle();
+    const auto& other = isThere ? machine_->storage : there_;
+    EXPECT_TRUE(fs::exists(other + "/n15"));
+    const auto health = machine_->engine().health();
+    EXPECT_EQ(health.state, MirrorHealth::State::needsConfirmation);
+    EXPECT_EQ(health.removalsThere, isThere ? 0U : 15U);
+    EXPECT_EQ(health.removalsHere, isThere ? 8U : 0U);
+    machine_->engine().beginSync(true);
+    EXPECT_TRUE(machine_->settle(clock_));
+    EXPECT_EQ(names(there_), names(machine_->storage));
+  }
+  EXPECT_EQ(names(there_), "a.txt ");
+}
+
+// Two machines work on the same five repositories in turn.
+TEST_F(EngineTest, CarriesGitRepositories) {
+  if (!run("git --version")) GTEST_SKIP() << "there is no git";
+  Machine other(scratch_ / "other", makeFolderRemote(there_), "other");
+  ASSERT_TRUE(other.start());
+  constexpr int repositories = 5;
+  const char* text = std::getenv("DOCSOURCE_COMMITS");
+  const int commits = text ? std::atoi(text) : 4;
+  const auto settleBoth = [&] {
+    for (int round = 0; round < 2; ++round) {
+      settle();
+      other.engine().beginSync(false);
+      ASSERT_TRUE(other.settle(clock_));
+    }
+  };
+  const std::string git = "git -c user.name=n -c user.email=e -c gc.auto=0 -C ";
+  for (int number = 0; number < repositories; ++number) {
+    const auto path = here("r" + std::to_string(number));
+    ASSERT_TRUE(run("git init -q '" + path + "'"));
+  }
+  for (int commit = 0; commit < commits; ++commit) {
+    Machine& machine = commit % 2 == 0 ? *machine_ : other;
+    settleBoth();
+    ASSERT_TRUE(machine.engine().provide(machine.storage));
+    for (int number = 0; number < repositories; ++number) {
+      const auto path = machine.storage + "/r" + std::to_string(number);
+      write(path + "/file" + std::to_string(commit % 7), std::to_string(commit * 31 + number));
+      ASSERT_TRUE(run(git + path + " add -A && " + git + path + " commit -q -m c"));
+      machine.engine().step();
+    }
+  }
+  settleBoth();
+  ASSERT_TRUE(other.engine().provide(other.storage));
+  bringIn();
+  for (const auto& root : {there_, machine_->storage, other.storage}) {
+    for (int number = 0; number < repositories; ++number) {
+      const auto path = root + "/r" + std::to_string(number);
+      EXPECT_TRUE(run("git -C " + path + " fsck --strict")) << path;
+      EXPECT_TRUE(
+          run("test $(git -C " + path + " rev-list --count HEAD) = " + std::to_string(commits)))
+          << path;
+      EXPECT_TRUE(run("test -z \"$(git -C " + path + " status --porcelain)\"")) << path;
+    }
+  }
 }
 
 }  // namespace
