@@ -25,6 +25,8 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
   };
 
   void SetUp() override {
+    fs::create_directory(home_);
+    fs::create_directory(origin_);
     std::ofstream(origin_ + "/letter.txt") << letter_;
     fs::create_directory(origin_ + "/pictures");
     std::ofstream(origin_ + "/pictures/cat.jpg") << std::string(300'000, 'p');
@@ -50,7 +52,7 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
          "PATH=" + builtProgram("") + ":/usr/bin:/bin", "GIT_CONFIG_GLOBAL=/dev/null", "sh", "-c",
          "{ " + command + "; } < /dev/null > '" + output + "' 2> '" + errors + "'"});
     const int status = process.wait();
-    return {status, *FileManager::readFile(output), *FileManager::readFile(errors)};
+    return {status, content(output), content(errors)};
   }
   /// One that must succeed.
   std::string ask(const std::string& command) const {
@@ -74,6 +76,10 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
                              line.find('"', at + before.size()) - at - before.size());
   }
 
+  static std::string content(const std::string& path) {
+    const auto text = FileManager::readFile(path);
+    return text ? *text : text.error().text();
+  }
   std::string here(const std::string& name) const { return home_ + "/DocSource/Work/" + name; }
   std::string there(const std::string& name) const { return origin_ + "/" + name; }
   void add() const {
@@ -82,8 +88,9 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
   }
 
   const std::string letter_ = std::string(5'000, 'l') + "\n";
-  const std::string origin_ = installation_.staging();
-  const std::string home_ = installation_.staging();
+  const TemporaryDirectory places_;
+  const std::string origin_ = places_ / "origin";
+  const std::string home_ = places_ / "home";
   std::optional<Daemon> platform_;
 };
 
@@ -155,7 +162,7 @@ TEST_P(Accounts, AWorkTreeOfGitIsWholeOnBothSides) {
 TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   // Not there at the start: the set-up waits for nobody, and what was there stays a placeholder.
   add();
-  const std::string away = installation_.staging() + "/away";
+  const std::string away = places_ / "away";
   fs::rename(origin_, away);
   stop();
   start();
@@ -176,15 +183,14 @@ TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   fs::remove(origin_);
   fs::rename(away, origin_);
   ask("docsource sync Work");
-  EXPECT_EQ(*FileManager::readFile(there("meanwhile.txt")), "meanwhile\n");
+  EXPECT_EQ(content(there("meanwhile.txt")), "meanwhile\n");
 
   // Changed while the daemons are down.
   ask("docsource get '" + here("letter.txt") + "'");
   stop();
   ask("echo down >> '" + here("letter.txt") + "'");
   start();
-  EXPECT_TRUE(eventually(
-      [&] { return *FileManager::readFile(there("letter.txt")) == letter_ + "down\n"; }));
+  EXPECT_TRUE(eventually([&] { return content(there("letter.txt")) == letter_ + "down\n"; }));
 
   // Changed on both sides: both are there, and either can be taken.
   fs::rename(origin_, away);
@@ -197,7 +203,7 @@ TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   EXPECT_NE(listed.find("letter (conflict "), std::string::npos) << listed;
   ask("docsource conflicts --take '" + here("") + "'letter\\ \\(conflict*");
   ask("docsource sync Work");
-  EXPECT_EQ(*FileManager::readFile(there("letter.txt")), letter_ + "down\nours\n");
+  EXPECT_EQ(content(there("letter.txt")), letter_ + "down\nours\n");
 }
 
 TEST_P(Accounts, WhatCannotBeAddedIsSaid) {
