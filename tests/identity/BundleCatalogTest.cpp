@@ -286,7 +286,9 @@ TEST_F(BundleCatalogTest, ClaimsAreSettled) {
   claim(application("one"), "com.example.m", programOf(machines("m")));
   EXPECT_EQ(identityOf(m), "com.example.one");
   EXPECT_EQ(identifiers(), "com.example.one com.example.two ");
-  EXPECT_EQ(LogCapture::count("Skipping bundle " + application("one")), 2U);
+  EXPECT_EQ(
+      LogCapture::count("Skipping bundle " + application("one") + ": A bundle of the machine has"),
+      2U);
   makeBundle(machines("n"), "com.example.one");
   EXPECT_EQ(identityOf(m), "nobody");
   fs::remove_all(machines("n"));
