@@ -56,7 +56,7 @@ constexpr std::uint32_t changeMask = IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN
 /// A bundle whose Info.plist names another executable at each look is read again at its next event.
 constexpr int attempts = 5;
 /// How long questions wait for a bundle that is being read.
-constexpr std::chrono::milliseconds longestWait{250};
+constexpr std::chrono::milliseconds longestWait{500};
 /// And how long the first one waits for all that is installed.
 constexpr std::chrono::milliseconds longestStart{2000};
 /// How old what is known of an executable outside its bundle may be.
