@@ -452,11 +452,14 @@ bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, boo
 }
 
 bool GuardedTrees::settle(int file) const {
+  // No leave is given to a placeholder, not for a moment: others read it, and this process may be
+  // killed before it takes the leave back.
+  struct stat status;
+  if (fstat(file, &status) == 0 && Placeholder::isOne(file, status)) return false;
   accesses_.unwatchFile(file, eventsFor(best_));
   accesses_.ignoreFile(file, eventsFor(best_));
-  // Looked at after that: a provider that marks it now, and then sets its time, withdraws this
-  // leave.
-  struct stat status;
+  // Looked at again after that: a provider that marks it now, and then sets its time, withdraws
+  // this leave.
   if (fstat(file, &status) != 0 || !Placeholder::isOne(file, status)) return true;
   accesses_.watchFile(file, eventsFor(best_));
   accesses_.stopIgnoring(file, eventsFor(best_));
