@@ -89,8 +89,8 @@ void DocSourceRegistry::add(const std::string& identifier, const qx::URL& provid
   }
   const auto observer = observer_.lock();
   if (observer) observer->docSourceAdded(*source, [completion] { completion(std::nullopt); });
-  DS_LOG("[INFO] Coordinating %@ for doc source %@ of user %d.", providedItemsURL, identifier,
-         user);
+  DS_LOG("[INFO] Coordinating %@ of user %d for doc source %@.", providedItemsURL, user,
+         identifier);
   if (!observer) completion(std::nullopt);
 }
 
