@@ -86,9 +86,9 @@ TEST_P(GuardTest, WhatWasAddedOnceIsGuardedWhoeverIsThere) {
 }
 
 TEST_P(GuardTest, NoToolMakesAPlaceholderOfContent) {
+  fs::create_directories(item("from"));
   const auto source = add();
   const std::string archive = temporaryRoot() + "/archive.tar";
-  fs::create_directories(item("from"));
   for (const auto kind : {Mark::named, Mark::plain}) {
     const std::string name = kind == Mark::named ? "named" : "plain";
     makePlaceholder(item("from/" + name), 20000, kind);

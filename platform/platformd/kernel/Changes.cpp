@@ -120,6 +120,7 @@ void Changes::applyToFile(const ChangeEvent& change, const GuardedTrees::Directo
 }
 
 void Changes::look(FileDescriptor directory, uid_t owner, std::optional<pid_t> maker) {
+  trees_.watch(directory.get(), owner);
   slowly_(owner, [this, directory = std::make_shared<FileDescriptor>(std::move(directory)), owner,
                   maker] {
     auto scan = trees_.look(directory->get(), owner, maker.has_value());

@@ -266,6 +266,13 @@ void GuardedTrees::markAgain(const std::string& path) {
   if (tree) lookAt(path, tree->owner);
 }
 
+void GuardedTrees::watch(int directory, uid_t owner) {
+  struct stat status;
+  int errnum = 0;
+  if (fstat(directory, &status) != 0 || status.st_uid != owner) return;
+  markDirectory(directory, status.st_dev, errnum);
+}
+
 GuardedTrees::Scan GuardedTrees::look(int directory, uid_t owner, bool wantsContents) {
   return mark(directory, pathOf(directory).value_or("/"), owner, wantsContents);
 }

@@ -64,7 +64,9 @@ class GuardedTrees {
   std::optional<Scan> lookAgain(const std::string& path);
   /// Marks what is there once more, as events were lost.
   void markAgain(const std::string& path);
-  /// Marks a directory that came into a tree.
+  /// Marks a directory that came into a tree, and that alone: quickly.
+  void watch(int directory, uid_t owner);
+  /// Marks a directory that came into a tree, and all below.
   Scan look(int directory, uid_t owner, bool wantsContents);
 
   std::vector<std::string> paths() const;
