@@ -62,9 +62,17 @@ inline void mark(int file, Mark kind) {
   ASSERT_EQ(fsetxattr(file, "user.docsource.placeholder", text.data(), text.size(), 0), 0);
 }
 
+/// A provider does one thing at a time to a document: what it was asked by a worker that has died
+/// since may come after the next eviction.
+inline std::mutex& providing() {
+  static auto& mutex = *new std::mutex;
+  return mutex;
+}
+
 /// A placeholder as a provider makes it, of a new file or of a document: the mark, then the time,
 /// then no blocks and the real size.
 inline void makePlaceholder(const std::string& path, std::size_t size, Mark kind = Mark::plain) {
+  const std::lock_guard lock(providing());
   const FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   ASSERT_TRUE(file) << path;
   mark(file.get(), kind);
@@ -76,9 +84,11 @@ inline void makePlaceholder(const std::string& path, std::size_t size, Mark kind
   ASSERT_EQ(ftruncate(file.get(), static_cast<off_t>(size)), 0);
 }
 
-/// Fills it in place, in pieces.
+/// Fills it in place, in pieces, if it is a placeholder still.
 inline void fill(const std::string& path) {
+  const std::lock_guard lock(providing());
   const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (fgetxattr(file.get(), "user.docsource.placeholder", nullptr, 0) < 0) return;
   struct stat status {};
   fstat(file.get(), &status);
   const std::string text =

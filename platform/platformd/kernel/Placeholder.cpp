@@ -27,6 +27,9 @@ constexpr const char* modeAttribute = "trusted.docsource.mode";
 constexpr off_t blockUnit = 512;
 /// Files that occupy no less than their size, in whole units, do not look as if they had holes.
 constexpr off_t smallestSkipped = blockUnit;
+/// What a file occupies holds its attributes too, and while it is written out some blocks twice: it
+/// says little of a file of so many blocks.
+constexpr off_t blocksInDoubt = 16;
 constexpr mode_t permissions = 07777;
 
 std::optional<std::string> attribute(int file, const char* name) {
@@ -86,10 +89,10 @@ void unmark(int file) {
 void anchor(int path, const struct stat& status) {
   if (status.st_size < smallestSkipped) return;
   const FileDescriptor file = reopen(path, O_RDWR | O_NOATIME);
-  if (!file || lseek(file.get(), 0, SEEK_DATA) == 0) return;
   struct stat now;
-  if (fstat(file.get(), &now) != 0 || now.st_size < 1) return;
-  if (now.st_size <= now.st_blksize) vouch(file.get());
+  if (!file || fstat(file.get(), &now) != 0 || now.st_size < 1) return;
+  if (now.st_size <= blocksInDoubt * now.st_blksize) vouch(file.get());
+  if (lseek(file.get(), 0, SEEK_DATA) == 0) return;
   // Written to in memory, without changing it: what the provider puts there is never overwritten.
   void* page = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
   if (page == MAP_FAILED) return;

@@ -27,7 +27,8 @@ bool isOne(int file, const struct stat& status);
 
 /// Gives a placeholder a first block, of zeros: programs that copy files skip what the file system
 /// says is a hole (lseek(2), SEEK_DATA), without reading anything, so that nothing would tell of
-/// them. One that would not look like a placeholder any more is vouched for first. What the
+/// them. One that is so small that what it occupies says little is vouched
+/// for first. What the
 /// provider writes meanwhile is not disturbed; the modification time stays.
 void anchor(int file, const struct stat& status);
 
