@@ -157,7 +157,8 @@ class Engine {
   Outcome settleOnce(Lock& lock, Item item);
   Outcome newHere(Lock& lock, const Item& item);
   Outcome removeStray(const Item& item);
-  void relink(const Item& item, const Node& now);
+  void relink(const std::string& identity, const Node& now);
+  bool unlinkOthers(const Item& item);
   Outcome newThere(Lock& lock, const Item& item);
   Outcome meet(Lock& lock, Item item);
   Outcome goneThere(Lock& lock, const Item& item);

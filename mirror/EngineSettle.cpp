@@ -162,6 +162,17 @@ Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
     if (!item) return Outcome::done;
     if (isBusy(number)) return Outcome::later;
     const auto outcome = settleOnce(lock, *item);
+    if (::getenv("MTRACE")) {  // TEMPORARY
+      const auto after = items_->load(number);
+      const auto text = [](const std::optional<Node>& n) {
+        return n ? std::to_string(n->place.parent) + "/" + n->place.name +
+                       (n->isPlaceholder ? " p" : " ") + n->version + " " + n->identity
+                 : std::string("-");
+      };
+      fprintf(stderr, "      settle %ld %d: %s | %s | %s w%d\n", long(number), int(outcome),
+              after ? text(after->here).c_str() : "gone", after ? text(after->agreed).c_str() : "",
+              after ? text(after->there).c_str() : "", after ? after->isWanted : 0);
+    }  // TEMPORARY END
     if (outcome == Outcome::later) return outcome;
     if (outcome == Outcome::again) continue;
     different_.erase(number);
@@ -422,28 +433,42 @@ Engine::Outcome Engine::removeStray(const Item& item) {
   return Outcome::again;
 }
 
-/// Gives what else is called like the file of a document the file that took its place.
-void Engine::relink(const Item& item, const Node& now) {
-  if (now.identity == item.here->identity) return;
+/// Has the further names of a document stand for the file that it has now; `identity` is that of
+/// the file they stood for.
+void Engine::relink(const std::string& identity, const Node& now) {
   const auto source = directoryHere(now.place.parent);
-  for (Item& other : items_->withIdentity(Side::here, item.here->identity)) {
+  for (Item& other : items_->withIdentity(Side::here, identity)) {
     if (other.here->kind != Kind::link || !source) continue;
-    const auto directory = directoryHere(other.here->place.parent);
-    const auto entry = directory ? lookAt(directory->get(), other.here->place.name) : std::nullopt;
-    if (!entry || entry->identity != item.here->identity) continue;
-    const std::string side = std::string(Placeholder::sideName) + "link";
-    if (::linkat(source->get(), now.place.name.c_str(), directory->get(), side.c_str(), 0) != 0 ||
-        ::renameat(directory->get(), side.c_str(), directory->get(),
-                   other.here->place.name.c_str()) != 0) {
+    const Place place = other.here->place;
+    const auto directory = directoryHere(place.parent);
+    const auto entry = directory ? lookAt(directory->get(), place.name) : std::nullopt;
+    const bool isAway = directory && !entry && errno == ENOENT;
+    if (!isAway && (!entry || entry->identity != identity || identity == now.identity)) continue;
+    const std::string name = isAway ? place.name : std::string(Placeholder::sideName) + "link";
+    if (::linkat(source->get(), now.place.name.c_str(), directory->get(), name.c_str(), 0) != 0 ||
+        (!isAway &&
+         ::renameat(directory->get(), name.c_str(), directory->get(), place.name.c_str()) != 0)) {
       continue;
     }
     change(other.number, [&](Item& linked) {
-      const Place place = linked.here->place;
       linked.here = now;
       linked.here->place = place;
       linked.here->kind = Kind::link;
     });
   }
+}
+
+/// Takes the further names of a document away for a moment; whether there were any.
+bool Engine::unlinkOthers(const Item& item) {
+  bool hasAny = false;
+  for (const Item& other : items_->withIdentity(Side::here, item.here->identity)) {
+    if (other.here->kind != Kind::link) continue;
+    const auto directory = directoryHere(other.here->place.parent);
+    const auto entry = directory ? lookAt(directory->get(), other.here->place.name) : std::nullopt;
+    if (!entry || entry->identity != item.here->identity) continue;
+    hasAny = ::unlinkat(directory->get(), other.here->place.name.c_str(), 0) == 0 || hasAny;
+  }
+  return hasAny;
 }
 
 Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
@@ -683,7 +708,9 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
   }
   if (item.here->kind == Kind::directory) return attributes(lock, std::move(item));
   if (item.here->isPlaceholder && item.agreedHere) {
+    // Given up, and the process was ended before that was noted.
     change(item.number, [](Item& now) {
+      now.isWanted = true;
       now.agreedHere.reset();
       now.hash.reset();
     });
@@ -888,8 +915,7 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
   const Node& here = *item.here;
   const auto directory = directoryHere(here.place.parent);
   if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
-  const auto file =
-      openFile(directory->get(), here.place.name, here.isPlaceholder ? O_PATH : O_RDONLY);
+  const auto file = openFile(directory->get(), here.place.name, O_PATH);
   if (!file) return failedHere(item, errno, "The document cannot be opened");
   const auto again = [&] {
     coming_.clear();
@@ -907,7 +933,19 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
       return failedHere(item, errno, "The placeholder cannot be made");
     }
   } else {
-    switch (giveUpContent(file.get(), *item.agreedHere, shape, announce)) {
+    auto giving = giveUpContent(file.get(), *item.agreedHere, shape, announce);
+    // Where the document changes its inode it must have no other name.
+    if (giving == Giving::inUse && unlinkOthers(item)) {
+      const auto alone = lookAtFile(file.get());
+      const bool isSame = alone && alone->size == before->size &&
+                          alone->modified == before->modified;
+      if (isSame) giving = giveUpContent(file.get(), alone->version, shape, announce);
+      if (giving != Giving::done) {
+        relink(here.identity, here);
+        lookAgain(Side::here, here.place);
+      }
+    }
+    switch (giving) {
       case Giving::done:
         break;
       case Giving::inUse:
@@ -930,7 +968,7 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
   if (!entry->isPlaceholder) return again();
   coming_.clear();
   now = nodeHere(here.place, *entry);
-  relink(item, now);
+  relink(here.identity, now);
   return std::nullopt;
 }
 

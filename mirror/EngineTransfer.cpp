@@ -407,7 +407,7 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
         return;
       }
       filled.here = nodeHere(filled.here->place, *now);
-      relink(item, *filled.here);
+      relink(item.here->identity, *filled.here);
       // With another time somebody has written already.
       const bool isWhole = now->size == item.agreed->size && now->modified == item.agreed->modified;
       filled.agreedHere = isWhole ? std::optional(now->version) : std::nullopt;
