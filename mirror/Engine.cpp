@@ -181,9 +181,6 @@ Result<void> Engine::open() {
     }
     items_->setFact("storage", entry->identity);
     items_->makeAllDue(now());
-    items_->forEach("hereParent=-1", [&](const Item& item) { here_.missing.insert(item.number); });
-    items_->forEach("thereParent=-1",
-                    [&](const Item& item) { there_.missing.insert(item.number); });
     transaction.commit();
     recoverAside();
     here_.directories.emplace_back(rootItem, true);

@@ -132,6 +132,7 @@ class Engine {
   void note(Side side, Node node, bool recursive);
   void noteGone(Side side, const Place& place);
   std::optional<ItemNumber> itemThere(const std::string& path);
+  void missNowhere(Side side);
   void noteAbsent(Side side, ItemNumber directory, Numbers seen);
   Result<void> resolve(Lock& lock, Side side);
   void assign(Side side, const std::set<ItemNumber>& still);

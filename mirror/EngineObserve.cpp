@@ -211,6 +211,12 @@ void Engine::noteGone(Side side, const Place& place) {
   if (const auto known = items_->at(side, place)) seen.missing.insert(known->number);
 }
 
+/// Items without a place, from a look that was cut off, are missed in the next one.
+void Engine::missNowhere(Side side) {
+  items_->forEach(side == Side::here ? "hereParent=-1" : "thereParent=-1",
+                  [&](const Item& item) { seen(side).missing.insert(item.number); });
+}
+
 /// Items of a directory that was read, and that were not met.
 void Engine::noteAbsent(Side side, ItemNumber directory, Numbers met) {
   std::sort(met.begin(), met.end());
@@ -258,6 +264,7 @@ void Engine::lookHere(ItemNumber directory, const std::string& name) {
 }
 
 void Engine::readDirectoryHere(ItemNumber directory, bool recursive) {
+  if (directory == rootItem) missNowhere(Side::here);
   const auto file = directoryHere(directory);
   if (!file) {
     const auto item = items_->load(directory);
@@ -496,6 +503,7 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
 }
 
 Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive) {
+  if (directory == rootItem) missNowhere(Side::there);
   const auto path = items_->path(Side::there, directory);
   if (!path) return {};
   std::vector<RemoteItem> entries;

@@ -372,7 +372,7 @@ bool Engine::setAsideUnknown(const Place& place) {
 Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
   const Node& here = *item.here;
   if (here.isPlaceholder && !items_->at(Side::there, here.place)) return removeStray(item);
-  if (!haveParent(lock, Side::there, here.place.parent)) return waitFor(item.number, firstRetry);
+  if (!haveParent(lock, Side::there, here.place.parent)) return waitForOthers(item.number);
   if (const auto other = items_->at(Side::there, here.place);
       other && other->number != item.number && !other->here && !other->agreed) {
     // New on both sides.
@@ -456,6 +456,7 @@ void Engine::relink(const std::string& identity, const Node& now) {
       linked.here->kind = Kind::link;
     });
   }
+  if (identity != now.identity) freeLinks(identity);
 }
 
 /// Takes the further names of a document away for a moment; whether there were any.
@@ -473,7 +474,7 @@ bool Engine::unlinkOthers(const Item& item) {
 
 Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
   const Node there = *item.there;
-  if (!haveParent(lock, Side::here, there.place.parent)) return waitFor(item.number, firstRetry);
+  if (!haveParent(lock, Side::here, there.place.parent)) return waitForOthers(item.number);
   if (const auto other = items_->at(Side::here, there.place);
       other && other->number != item.number) {
     if (!other->agreed && !other->there && other->here->kind == there.kind) {
@@ -591,9 +592,12 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
     }
     const auto now = items_->load(item.number);
     if (!now || !now->here || now->there || !now->agreed) return Outcome::again;
-    if (!items_->children(Side::here, item.number, 0, 1).empty()) {
-      return waitForOthers(item.number);
-    }
+    const auto children = items_->children(Side::here, item.number);
+    const bool areLinks = std::all_of(children.begin(), children.end(), [&](ItemNumber child) {
+      const auto left = items_->load(child);
+      return left && left->here && left->here->kind == Kind::link;
+    });
+    if (!areLinks) return waitForOthers(item.number);
     if (::unlinkat(directory->get(), name.c_str(), AT_REMOVEDIR) != 0) {
       if (errno != ENOTEMPTY && errno != EEXIST) {
         return failedHere(item, errno, "The directory cannot be removed");
@@ -640,6 +644,7 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
   Database::Transaction transaction(*database_);
   watches_.erase(item.number);
   change(item.number, [](Item& now) { now.here.reset(); });
+  freeLinks(here.identity);
   transaction.commit();
   return Outcome::again;
 }
@@ -804,7 +809,7 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
 
 Engine::Outcome Engine::moveHere(Lock& lock, const Item& item) {
   const Place target = item.there->place;
-  if (!haveParent(lock, Side::here, target.parent)) return waitFor(item.number, firstRetry);
+  if (!haveParent(lock, Side::here, target.parent)) return waitForOthers(item.number);
   if (items_->isBelow(Side::here, target.parent, item.number)) {
     // Each was moved into the other, on different sides: the remote's way.
     for (ItemNumber at = target.parent; at != item.number;) {
@@ -864,7 +869,7 @@ Engine::Outcome Engine::moveHere(Lock& lock, const Item& item) {
 
 Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
   const Place target = item.here->place;
-  if (!haveParent(lock, Side::there, target.parent)) return waitFor(item.number, firstRetry);
+  if (!haveParent(lock, Side::there, target.parent)) return waitForOthers(item.number);
   if (items_->isBelow(Side::there, target.parent, item.number)) return moveHere(lock, item);
   if (!haveRoom(lock, Side::there, item, target)) return waitFor(item.number, 1);
   if (isBusyBelow(Side::there, item.number)) return waitFor(item.number, firstRetry);
@@ -937,8 +942,8 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
     // Where the document changes its inode it must have no other name.
     if (giving == Giving::inUse && unlinkOthers(item)) {
       const auto alone = lookAtFile(file.get());
-      const bool isSame = alone && alone->size == before->size &&
-                          alone->modified == before->modified;
+      const bool isSame =
+          alone && alone->size == before->size && alone->modified == before->modified;
       if (isSame) giving = giveUpContent(file.get(), alone->version, shape, announce);
       if (giving != Giving::done) {
         relink(here.identity, here);
