@@ -162,17 +162,6 @@ Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
     if (!item) return Outcome::done;
     if (isBusy(number)) return Outcome::later;
     const auto outcome = settleOnce(lock, *item);
-    if (::getenv("MTRACE")) {  // TEMPORARY
-      const auto after = items_->load(number);
-      const auto text = [](const std::optional<Node>& n) {
-        return n ? std::to_string(n->place.parent) + "/" + n->place.name +
-                       (n->isPlaceholder ? " p" : " ") + n->version + " " + n->identity
-                 : std::string("-");
-      };
-      fprintf(stderr, "      settle %ld %d: %s | %s | %s w%d\n", long(number), int(outcome),
-              after ? text(after->here).c_str() : "gone", after ? text(after->agreed).c_str() : "",
-              after ? text(after->there).c_str() : "", after ? after->isWanted : 0);
-    }  // TEMPORARY END
     if (outcome == Outcome::later) return outcome;
     if (outcome == Outcome::again) continue;
     different_.erase(number);
