@@ -153,6 +153,9 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
   const bool isFile = fs::is_regular_file(status);
   const bool isDirectory = fs::is_directory(status);
   const bool isOtherBelow = other.starts_with(path + "/") || other == path;
+  // A link at the remote takes a name that nobody here knows of; it keeps to its own.
+  const bool movesLink = side.root == sides_.back().root &&
+                         (fs::is_symlink(status) || fs::is_symlink(fs::symlink_status(other)));
   const auto label = [&](const std::string& what) {
     say((isInside ? "    ! " : "") + what + " " + relative(path));
   };
@@ -204,16 +207,17 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
     case 6:
     case 7:
       if (!fs::exists(status) || isOtherBelow || fs::exists(fs::symlink_status(other))) return;
+      if (movesLink) return;
       label("rename to " + relative(other) + ":");
       ::rename(path.c_str(), other.c_str());
       return;
     case 8:  // over something
-      if (!fs::exists(status) || isOtherBelow) return;
+      if (!fs::exists(status) || isOtherBelow || movesLink) return;
       label("rename over " + relative(other) + ":");
       ::rename(path.c_str(), other.c_str());
       return;
     case 9:
-      if (!isFile || isOtherBelow) return;
+      if (!isFile || isOtherBelow || movesLink) return;
       label("exchange with " + relative(other) + ":");
       ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
       return;
@@ -453,7 +457,9 @@ std::string Model::compare() {
       }
       left.erase(theirs);
     }
-    if (!left.empty()) return left.begin()->first + " is not in " + relative(machine->storage);
+    if (!left.empty())
+      return left.begin()->first + " is not in " + relative(machine->storage) + "\n" +
+             trees(*machine);
   }
   Contents found = shown(there);
   for (auto& machine : machines_) {
