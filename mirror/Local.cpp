@@ -234,6 +234,9 @@ std::string nameBeside(const std::string& name, const std::string& what, int att
     dot = name.size();
   }
   const std::string extension = name.substr(dot);
+  // One such remark is enough.
+  const auto before = name.rfind(" (" + what.substr(0, what.find(' ')), dot);
+  if (before != std::string::npos && before > 0 && name[dot - 1] == ')') dot = before;
   std::size_t stem = std::min(dot, longest - added.size() - extension.size());
   // Not in the middle of a character of UTF-8.
   while (stem > 0 && stem < dot && (static_cast<unsigned char>(name[stem]) & 0xC0U) == 0x80U) {
