@@ -282,6 +282,9 @@ class FolderRemote final : public Remote {
       return set.error();
     }
     if (::fsync(side.get()) != 0) return errorOf(errno, "Cannot write", path);
+    // What is told of it is what was written, not what others make of it once it has its name.
+    const auto entry = mirror::lookAtFile(side.get());
+    if (!entry) return errorOf(errno, "Cannot look at", path);
     // On disk now; whoever finds the name finds all of it.
     if (!ifVersion) {
       if (!putNew(directory->get(), side, name)) {
@@ -291,8 +294,6 @@ class FolderRemote final : public Remote {
       return put.error();
     }
     ::fsync(directory->get());
-    const auto entry = mirror::lookAtFile(side.get());
-    if (!entry) return errorOf(errno, "Cannot look at", path);
     return itemOf(name, *entry);
   }
 
@@ -330,6 +331,8 @@ class FolderRemote final : public Remote {
     ::fsync(source->get());
     const auto item = itemAt(goal->get(), toName);
     if (!item) return errorOf(errno, "Cannot look at", to);
+    // Somebody may have put another content under the new name already.
+    if (ifVersion && item->version != *ifVersion) return changedError(to);
     return *item;
   }
 
@@ -376,6 +379,11 @@ class FolderRemote final : public Remote {
     const auto file =
         mirror::openFile(directory->get(), name, ifVersion ? O_RDONLY : O_RDONLY | O_DIRECTORY);
     if (!file) return errorOf(errno, "Cannot open", path);
+    // A time that is set would hide what somebody writes at that moment.
+    const mirror::Lease lease(file.get(), F_RDLCK);
+    if (ifVersion && lease.problem() == EAGAIN) {
+      return remoteError(RemoteProblem::failed, "\"" + path + "\" is being written at the remote.");
+    }
     const auto before = mirror::lookAtFile(file.get());
     if (ifVersion && (!before || versionOf(*before) != *ifVersion)) return changedError(path);
     if (auto set = apply(file.get(), path, attributes); !set) return set.error();

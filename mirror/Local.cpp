@@ -106,32 +106,6 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   return entry;
 }
 
-/// Held from when nobody else has the file open (F_WRLCK) or open for writing (F_RDLCK); who wants
-/// to waits (fcntl(2), F_SETLEASE).
-class Lease {
- public:
-  Lease(int file, int kind) : file_(file) {
-    // Instead of SIGIO, which ends a process that does not expect it.
-    if (::fcntl(file_, F_SETSIG, SIGURG) != 0 || ::fcntl(file_, F_SETLEASE, kind) != 0) {
-      problem_ = errno;
-    }
-  }
-  ~Lease() {
-    if (problem_ == 0) ::fcntl(file_, F_SETLEASE, F_UNLCK);
-    ::fcntl(file_, F_SETSIG, 0);
-  }
-  Lease(const Lease&) = delete;
-  Lease& operator=(const Lease&) = delete;
-
-  /// 0, or what stood in the way: EAGAIN when somebody has it open.
-  int problem() const { return problem_; }
-  bool isWaitedFor(int kind) const { return ::fcntl(file_, F_GETLEASE) != kind; }
-
- private:
-  int file_;
-  int problem_ = 0;
-};
-
 }  // namespace
 
 std::optional<LocalEntry> lookAtFile(int file) { return entryOf(file, "", AT_EMPTY_PATH); }
@@ -207,6 +181,17 @@ Giving giveUpContent(int file, const std::string& version, const Placeholder::Sh
     default:
       return Giving::changed;
   }
+}
+
+Lease::Lease(int file, int kind) : file_(file) {
+  // Instead of SIGIO, which ends a process that does not expect it.
+  if (::fcntl(file_, F_SETSIG, SIGURG) != 0 || ::fcntl(file_, F_SETLEASE, kind) != 0) {
+    problem_ = errno;
+  }
+}
+Lease::~Lease() {
+  if (problem_ == 0) ::fcntl(file_, F_SETLEASE, F_UNLCK);
+  ::fcntl(file_, F_SETSIG, 0);
 }
 
 bool isBeingWritten(int file) {

@@ -61,6 +61,23 @@ enum class Giving { done, inUse, changed, failed };
 Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& next,
                      const Announcement& announce);
 
+/// Held from when nobody else has the file open (F_WRLCK) or open for writing (F_RDLCK); who wants
+/// to waits (fcntl(2), F_SETLEASE). Does not own the descriptor.
+class Lease {
+ public:
+  Lease(int file, int kind);
+  ~Lease();
+  Lease(const Lease&) = delete;
+  Lease& operator=(const Lease&) = delete;
+
+  /// 0, or what stood in the way: EAGAIN when somebody has it open.
+  int problem() const { return problem_; }
+
+ private:
+  int file_;
+  int problem_ = 0;
+};
+
 /// Whether some program has the file open for writing; false where that cannot be asked.
 bool isBeingWritten(int file);
 /// Whether anybody but the caller has the file open; true where that cannot be asked.

@@ -155,7 +155,8 @@ class DOCSOURCE_API Remote {
 
   /// Makes or replaces a file, which appears whole or not at all. With a version only in place of
   /// that version, without one only where there is nothing; otherwise `changedMeanwhile`. Returns
-  /// the item as it is now.
+  /// what was written, with the version of that content and never of one that another has put in
+  /// its place since; the same holds for move() and setAttributes().
   virtual Result<RemoteItem> write(const std::string& path,
                                    const std::optional<std::string>& ifVersion,
                                    const RemoteAttributes& attributes, RemoteSource& source) = 0;
