@@ -9,7 +9,7 @@
 namespace docsource::webdav {
 namespace {
 
-constexpr std::size_t pieceSize = 256 * 1024;
+constexpr std::size_t pieceSize = 256UL * 1024;
 
 }  // namespace
 
@@ -96,7 +96,7 @@ Result<std::size_t> SourceUpload::read(char* into, std::size_t most) {
 
 Result<std::string> SourceUpload::take(std::uint64_t most) {
   std::string all;
-  std::array<char, 64 * 1024> piece{};
+  std::array<char, 65536> piece{};
   while (all.size() < most) {
     const auto count = read(piece.data(), std::min<std::uint64_t>(piece.size(), most - all.size()));
     if (!count) return count.error();

@@ -16,8 +16,8 @@
 namespace docsource::webdav {
 namespace {
 
-constexpr std::size_t mostText = 64 * 1024;
-constexpr std::size_t mostHeaders = 256 * 1024;
+constexpr std::size_t mostText = 64UL * 1024;
+constexpr std::size_t mostHeaders = 256UL * 1024;
 constexpr std::size_t mostIdle = 8;
 constexpr long mostRedirects = 5;
 /// The way to log in is learned from the first refusal, and a password may have changed since.
@@ -359,8 +359,9 @@ Result<Answer> Session::perform(const Request& request) {
                                                          " does not reach it (status " +
                                                          std::to_string(status) + ").");
     }
-    const std::string reason = text[0] != '\0' ? text.data() : curl_easy_strerror(code);
-    return remoteError(RemoteProblem::unreachable, host + " cannot be reached: " + reason + ".");
+    auto sentence = host + " cannot be reached: ";
+    sentence.append(text[0] != '\0' ? text.data() : curl_easy_strerror(code)).append(".");
+    return remoteError(RemoteProblem::unreachable, std::move(sentence));
   }
 }
 

@@ -10,7 +10,7 @@
 namespace docsource::webdav {
 namespace {
 
-constexpr std::size_t mostText = 64 * 1024;
+constexpr std::size_t mostText = 64UL * 1024;
 constexpr unsigned mostDepth = 64;
 
 Error notMultiStatus(const std::string& why) {

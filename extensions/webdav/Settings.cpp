@@ -11,7 +11,7 @@
 namespace docsource::webdav {
 namespace {
 
-constexpr std::size_t mostBytes = 64 * 1024;
+constexpr std::size_t mostBytes = 64UL * 1024;
 
 Error noSecret(const std::string& why) {
   return remoteError(RemoteProblem::notAuthorised, "There is no password: " + why + ".");

@@ -32,7 +32,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 /// Smaller documents are held in memory while they are uploaded, and can be sent twice.
-constexpr std::uint64_t smallSize = 1024 * 1024;
+constexpr std::uint64_t smallSize = 1024UL * 1024;
 constexpr seconds partAge{24 * 3600};
 constexpr seconds goneAge{3600};
 /// A server may take so long to put a large document together, or to move or remove a tree.
@@ -41,7 +41,7 @@ constexpr milliseconds askAgain{2000};
 constexpr unsigned mostQuestions = 300;
 /// A download that breaks is resumed as long as each attempt brings this much, and a few times
 /// more.
-constexpr std::uint64_t progress = 64 * 1024;
+constexpr std::uint64_t progress = 64UL * 1024;
 constexpr unsigned mostResumes = 8;
 /// File systems count modification times in steps of a few milliseconds.
 constexpr milliseconds clockTick{20};
@@ -1145,7 +1145,8 @@ Result<RemoteItem> WebDAVRemote::writeParts(const Place& place, const std::strin
     auto name = std::to_string(number);
     name.insert(0, 5 - std::min<std::size_t>(5, name.size()), '0');
     MemoryUpload body(*bytes);
-    Request part{"PUT", directory + "/" + name, {destination, total}, &body};
+    Request part{"PUT", directory, {destination, total}, &body};
+    part.url.append("/").append(name);
     part.isRepeatable = true;
     answer = session_.perform(part);
     if (!answer) return given(answer.error());

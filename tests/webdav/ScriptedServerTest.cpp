@@ -7,8 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <fstream>
 #include <map>
 
+#include "extensions/webdav/LoginFlow.h"
+#include "extensions/webdav/Settings.h"
 #include "tests/webdav/ServerProcess.h"
 
 namespace docsource::webdav::test {
@@ -359,6 +362,38 @@ TEST(ScriptedServer, UsesWhatACloudAnnounces) {
   server.faults(R"({"method": "MOVE", "status": 507})");
   EXPECT_EQ(problemIn(server.write("large", item->version, large)), noRoom);
   EXPECT_EQ(contentOf(*server, "large", item->version), large + "!");
+}
+
+TEST(ScriptedServer, LogsInOnAPageAndKeepsSecretsToTheirFiles) {
+  ServerProcess server("cloud", SCRIPTED);
+  const auto top = server.says().substr(0, server.says().find("/remote.php"));
+  unsigned questions = 0;
+  ConnectionOptions options;
+  options.wait = [&](milliseconds) {
+    if (++questions == 3) server.ask(R"({"agreed": ""})");
+    return true;
+  };
+  std::string page;
+  const auto login = logIn(top + "/", options, [&](const std::string& shown) { page = shown; });
+  ASSERT_TRUE(login) << textOf(login.error());
+  EXPECT_EQ(page, top + "/page");
+  EXPECT_EQ(questions, 3U);
+  EXPECT_EQ(login->url, server.says());
+  EXPECT_EQ(login->password, "for this \" account");
+  server.ask(R"({"agreed": "http://127.0.0.1:1"})");
+  EXPECT_FALSE(logIn(top, options, [](const std::string&) {})) << "a password for somebody else";
+
+  const auto file = server.directory() + "/password";
+  std::ofstream(file) << "pass word\nmore";
+  EXPECT_FALSE(secretFromFile(file)) << "others may read it";
+  std::filesystem::permissions(file, std::filesystem::perms::owner_read);
+  EXPECT_EQ(*secretFromFile(file), "pass word");
+  EXPECT_EQ(*secretFromCommand("echo pass word; echo more"), "pass word");
+  for (const std::string command : {"false", "echo", "echo geheim; exit 1", "/none"}) {
+    const auto none = secretFromCommand(command + " 2>/dev/null");
+    ASSERT_FALSE(none) << command;
+    EXPECT_EQ(textOf(none.error()).find("geheim"), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -21,7 +21,8 @@ the last line are answered as a list of "METHOD path". Ends with standard input.
     weak, norange, notag    tags are weak; ranges are ignored; GET says no tag
 
 Other members: "files" (path to content, "/" at the end makes a directory), "clock" (seconds that
-the server is wrong), "digest" (wants a digest), "secret" (the password).
+the server is wrong), "digest" (wants a digest), "secret" (the password), "agreed" (somebody has
+agreed to a login; what the server then calls itself, or nothing).
 """
 import email.utils, hashlib, json, re, socket, socketserver, sys, threading, time, urllib.parse
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
@@ -273,6 +274,16 @@ class Handler(BaseHTTPRequestHandler):
             return 412, {}, b""
         remove(path)
         return 204, {}, b""
+
+    def doPOST(self, path, body, fault):
+        top = "http://" + self.headers["Host"]
+        if path.endswith("/login/v2"):
+            return 200, {}, json.dumps({"poll": {"token": "secret/token", "endpoint": top + "/poll"},
+                                        "login": top + "/page"}).replace("/", "\\/").encode()
+        if body != b"token=secret/token" or settings.get("agreed") is None:
+            return 404, {}, b"[]"
+        return 200, {}, json.dumps({"server": settings["agreed"] or top, "loginName": "user",
+                                    "appPassword": "for this \" account"}).encode()
 
     def doPROPPATCH(self, path, body, fault):
         tree[path]["mtime"] = int(re.search(rb"lastmodified>(\d+)<", body)[1])
