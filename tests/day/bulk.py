@@ -13,7 +13,7 @@ from world import children, resident
 def repositories(worlds, base, seed, count=5, commits=50, turn=5):
     """Each machine's work trees in turn; then every repository is whole everywhere."""
     r, findings = random.Random(seed), []
-    environment = {**worlds[0].environment, "GIT_AUTHOR_NAME": "N", "GIT_COMMITTER_NAME": "N",
+    environment = {**worlds[0].environment, "GIT_OPTIONAL_LOCKS": "0", "GIT_AUTHOR_NAME": "N", "GIT_COMMITTER_NAME": "N",
                    "GIT_AUTHOR_EMAIL": "e@example.org", "GIT_COMMITTER_EMAIL": "e@example.org"}
 
     def git(world, number, *arguments, check=True):

@@ -124,8 +124,8 @@ class Fake:
         if base is not None and here is None and there is None:
             return
         if self.fault == "reverts" and self.was_restarted and base and here and there and here != there:
-            here = base
-        if here == base:
+            self.carry(path, self.there, self.here, there, here)
+        elif here == base:
             self.carry(path, self.there, self.here, there, here)
         elif there == base:
             if self.sometimes("forgets"):
@@ -158,6 +158,7 @@ class Fake:
         side = os.path.join(os.path.dirname(to), f".fake-{aside}-{self.name}-{os.path.basename(path)}"[:250])
         if new is None:
             if self.sometimes("undead"):
+                del self.base[path]
                 return
             if old[0] == "d":
                 os.rmdir(to)
