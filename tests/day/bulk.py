@@ -2,6 +2,7 @@
 import os
 import random
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 from book import differences, tree
 from people import as_root, eventually, run
@@ -92,9 +93,7 @@ def generators(worlds, base, seed, seconds=3):
     findings += at_rest(worlds)
     database = f"{world.docs}/table.db"
     run("sqlite3", database, "pragma journal_mode=wal; create table t(k,v)")
-    from concurrent.futures import ThreadPoolExecutor
-    from people import become_user
-    with ThreadPoolExecutor(3, initializer=become_user) as writers:
+    with ThreadPoolExecutor(3) as writers:
         list(writers.map(lambda writer: [run("sqlite3", "-cmd", ".timeout 20000", database, f"insert into t values({writer},{number})")
                                          for number in range(60)], range(3)))
     run("sqlite3", database, "pragma journal_mode=delete")
