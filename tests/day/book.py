@@ -5,6 +5,8 @@ import re
 import stat
 import threading
 
+from people import read
+
 # Names that stay where they were made: what editors make on the way, links and special files.
 _STAYS = re.compile(r"~$|\.tmp$|\.sw[a-p]$|^\.~lock\.|^\.goutputstream-|^4913$|^sed\w{6}$|^~\$|^~WR|^\.#|"
                     r"^\.fake-|^index\.lock$|\.lock$|^\.docsource|-journal$|-wal$|-shm$")
@@ -34,8 +36,7 @@ def tree(top, content=True, everything=False):
                 stack.append(path)
             elif stat.S_ISREG(status.st_mode):
                 if content:
-                    with open(entry.path, "rb") as file:
-                        what = digest(file.read())
+                    what = digest(read(entry.path))
                 else:
                     what = status.st_size
                 found[path] = ("file", status.st_mode & 0o7777, what)

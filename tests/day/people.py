@@ -39,6 +39,7 @@ def people(count):
 
 
 _root = concurrent.futures.ThreadPoolExecutor(1)
+_root.submit(int).result()  # Begun now, by a thread that is root itself.
 
 
 def as_root(function, *arguments):
@@ -50,6 +51,17 @@ def rename2(old, new, flags):
     if libc.renameat2(-100, os.fsencode(old), -100, os.fsencode(new), flags) != 0:
         number = ctypes.get_errno()
         raise OSError(number, os.strerror(number), old, None, new)
+
+
+def read_open(file):
+    """All of a file that is open, from where it is. Python's own read() says None to EAGAIN, which is
+    what a placeholder is that nobody can bring in."""
+    return b"".join(iter(lambda: os.read(file if isinstance(file, int) else file.fileno(), 1 << 20), b""))
+
+
+def read(path):
+    with open(path, "rb", buffering=0) as file:
+        return read_open(file)
 
 
 class TimeIsUp(Exception):

@@ -10,7 +10,7 @@ import threading
 
 import people
 from book import Book, differences, digest, stays_here, tree
-from people import RENAME_EXCHANGE, TimeIsUp, eventually, rename2, run
+from people import RENAME_EXCHANGE, TimeIsUp, eventually, read, read_open, rename2, run
 
 
 def text(r, lines=None):
@@ -24,18 +24,13 @@ def put(path, content, mode="wb"):
         file.write(content)
 
 
-def read(path):
-    with open(path, "rb") as file:
-        return file.read()
-
-
 class Save:
     """The ways in which programs save a document. The new content is made by `change` of the old."""
 
     @staticmethod
     def in_place(path, change, r):
         with open(path, "r+b") as file:
-            content = change(file.read())
+            content = change(read_open(file))
             file.seek(0)
             file.truncate()
             file.write(content)
@@ -290,7 +285,7 @@ class Shared:
             world.bring_in(path)
             try:
                 with open(path, "rb") as held:
-                    old = held.read()
+                    old = read_open(held)
                     self.book.check(old, f"{who} {path}")
                     if os.stat(path).st_ino == os.fstat(held.fileno()).st_ino:
                         self.change(path, old, who, r)

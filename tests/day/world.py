@@ -51,7 +51,8 @@ class World:
             "GIT_CONFIG_GLOBAL": "/dev/null", "GIT_CONFIG_NOSYSTEM": "1",
             "DOCSOURCE_LOG": os.environ.get("DOCSOURCE_LOG", "default"),
         }
-        self.is_machine = IS_ROOT and mode != "cooperative"
+        self.is_root = IS_ROOT and mode != "cooperative"
+        self.is_machine = self.is_root and not os.environ.get("DAY_ONE_USER")
         if self.is_machine:
             self.environment["DOCSOURCE_MACHINE"] = f"{self.directory}/machine"
             os.makedirs(f"{self.directory}/machine")
@@ -67,6 +68,9 @@ class World:
     # Daemons: called from any thread, carried out by root.
 
     def start_daemons(self):
+        if self.is_root and not self.is_machine and "docsourced" not in self.daemons:
+            as_root(self._start_docsourced)
+            eventually(lambda: os.path.exists(f"{self.directory}/root/run/notify"), "no docsourced")
         if "platformd" not in self.daemons:
             as_root(self._start_platformd)
         if "docsourced" not in self.daemons:
@@ -90,7 +94,7 @@ class World:
 
     def _start_platformd(self):
         before = self._announced()
-        self._spawn("platformd", not self.is_machine)
+        self._spawn("platformd", not self.is_root)
         eventually(lambda: self._announced() != before or self._ended("platformd"), "platformd does not start")
 
     def _announced(self):
@@ -188,9 +192,9 @@ class World:
         return account and account.get("waiting") == 0
 
     def bring_in(self, path):
-        """In cooperative mode programs ask; elsewhere reading is asking."""
+        """In cooperative mode programs ask; elsewhere reading is asking. Returns what went wrong."""
         if self.mode == "cooperative":
-            self.tool("get", path, check=False)
+            return self.tool("get", path, check=False).problem
 
     def give_back(self, path):
         return self.tool("evict", path, check=False).returncode == 0
