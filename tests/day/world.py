@@ -248,8 +248,8 @@ class Plain:
 class Killer:
     """Kills a process of one of the worlds every few seconds until the end of the block."""
 
-    def __init__(self, worlds, seed, pause=(1.0, 5.0)):
-        self.worlds, self.random, self.pause = worlds, random.Random(seed), pause
+    def __init__(self, worlds, seed, victims, pause=(1.0, 5.0)):
+        self.worlds, self.random, self.victims_to_be, self.pause = worlds, random.Random(seed), victims, pause
         self.victims = {}
 
     def __enter__(self):
@@ -264,7 +264,9 @@ class Killer:
         try:
             while not self.stop.wait(self.random.uniform(*self.pause)):
                 world = self.random.choice(self.worlds)
-                which = self.random.choice(["worker", "holder", "docsourced", "account", "account"])
+                if not self.victims_to_be:
+                    continue
+                which = self.random.choice(self.victims_to_be)
                 if world.mode == "cooperative" and which == "worker":
                     which = "account"
                 self.victims[which] = self.victims.get(which, 0) + 1
