@@ -4,24 +4,28 @@ shown at `docs`. Two of them over one origin are two machines that share documen
 Everything lies in a directory of its own. As root the machine has a platformd of root that serves
 an ordinary user (modes "access" and "open"), or everything belongs to that user ("cooperative").
 """
-import errno
+import glob
 import json
 import os
 import random
 import signal
 import subprocess
-import time
+import threading
 
 import people
 from people import IS_ROOT, USER, TimeIsUp, as_root, eventually, run
 
 
 def children(process):
-    try:
-        with open(f"/proc/{process}/task/{process}/children") as file:
-            return [int(child) for child in file.read().split()]
-    except OSError:
-        return []
+    """Of all its threads."""
+    found = []
+    for file in glob.glob(f"/proc/{process}/task/*/children"):
+        try:
+            with open(file) as text:
+                found += [int(child) for child in text.read().split()]
+        except OSError:
+            pass
+    return found
 
 
 def resident(process):
@@ -253,7 +257,6 @@ class Killer:
         self.victims = {}
 
     def __enter__(self):
-        import threading
         self.stop = threading.Event()
         self.problem = None
         self.thread = threading.Thread(target=self._work)
