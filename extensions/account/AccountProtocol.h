@@ -7,12 +7,12 @@
 /// What the process of an account offers to the tools of its user, under the account's bundle
 /// identifier as the name of the service. Whoever is another user, or in a sandbox, is not served.
 ///
-/// The health of an account is a dictionary: "state" (a word of accountStateName()), "since" (seconds
-/// since 1970), where there is one "reason" (a sentence), and the numbers "items", "waiting",
-/// "failed", "removalsHere" and "removalsThere". The status of an item is one, too: "state" (a word
-/// of itemStateName()), "isDirectory", "isPinned" and where there is one "reason"; or an "error".
-/// They come in the order of the URLs. A transfer: "URL", "isUpload", "done" and "total", in bytes.
-/// A conflict: "URL", "copyURL" and "since".
+/// The health of an account is a dictionary: "state" (a word of accountStateName()), "since"
+/// (seconds since 1970), where there is one "reason" (a sentence), and the numbers "items",
+/// "waiting", "failed", "removalsHere" and "removalsThere". The status of an item is one, too:
+/// "state" (a word of itemStateName()), "isDirectory", "isPinned" and where there is one "reason";
+/// or an "error". They come in the order of the URLs. A transfer: "URL", "isUpload", "done" and
+/// "total", in bytes. A conflict: "URL", "copyURL" and "since".
 ///
 /// Bringing in, giving back and synchronising are answered when they are done.
 

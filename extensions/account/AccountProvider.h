@@ -14,8 +14,8 @@
 class AccountProvider final : public docsource::Provider {
  public:
   /// Makes the remote that the account's settings name. Called once, before anything else.
-  using MakeRemote =
-      std::function<docsource::Result<std::unique_ptr<docsource::Remote>>(const Provider& settings)>;
+  using MakeRemote = std::function<docsource::Result<std::unique_ptr<docsource::Remote>>(
+      const Provider& settings)>;
 
   explicit AccountProvider(MakeRemote makeRemote)
       : Provider(Concurrency::concurrent), makeRemote_(std::move(makeRemote)) {}

@@ -109,9 +109,8 @@ class AccountServicer final : public DSAccount {
               Mirror& mirror) { completion(errorOf(mirror.sync(confirms))); });
   }
 
-  void statusOfItemsAtURLs_completion(
-      const std::optional<qx::Array>& urls,
-      qx::Completion<qx::Error, qx::Array> completion) override {
+  void statusOfItemsAtURLs_completion(const std::optional<qx::Array>& urls,
+                                      qx::Completion<qx::Error, qx::Array> completion) override {
     later([urls = urls.value_or(qx::Array()), completion = std::move(completion)](Mirror& mirror) {
       qx::Array items;
       for (const auto& value : urls) {

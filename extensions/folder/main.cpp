@@ -10,8 +10,9 @@ int main() {
   using docsource::Result;
   return AccountProvider([](const docsource::Provider& settings) {
            const auto directory = settings.infoString(account::directoryKey);
-           return directory ? Result<std::unique_ptr<Remote>>(docsource::makeFolderRemote(*directory))
-                            : docsource::Error::posix(EINVAL, "The account names no directory");
+           return directory
+                      ? Result<std::unique_ptr<Remote>>(docsource::makeFolderRemote(*directory))
+                      : docsource::Error::posix(EINVAL, "The account names no directory");
          })
       .run();
 }

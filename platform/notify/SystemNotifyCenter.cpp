@@ -29,6 +29,7 @@ struct Posting {
   dev_t device = 0;
   ino_t inode = 0;
   timespec modified{};
+  bool hasOneName = false;
   bool isThere() const { return inode != 0; }
   friend bool operator==(const Posting& a, const Posting& b) {
     return a.device == b.device && a.inode == b.inode && a.modified.tv_sec == b.modified.tv_sec &&
@@ -39,7 +40,7 @@ struct Posting {
 Posting lastPosting(const std::string& name) {
   struct stat status;
   if (stat((Places::notifications() + "/" + name).c_str(), &status) != 0) return {};
-  return {status.st_dev, status.st_ino, status.st_mtim};
+  return {status.st_dev, status.st_ino, status.st_mtim, status.st_nlink == 1};
 }
 
 struct Observer {
@@ -96,7 +97,11 @@ class Center {
         notification.toldAsMade = posting;
         return true;
       case Change::complete:
-        return posting != toldAsMade;
+        // Whoever made it has written meanwhile, perhaps. One that came by a link is closed by
+        // others.
+        return posting != toldAsMade &&
+               !(posting.hasOneName && posting.device == toldAsMade.device &&
+                 posting.inode == toldAsMade.inode);
       case Change::gone:
         // Another file may have taken its place already, and is told by itself.
         notification.last = last;

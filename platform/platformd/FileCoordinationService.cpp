@@ -15,8 +15,8 @@
 #include "platform/base/Errors.h"
 #include "platform/files/Places.h"
 #include "platform/identity/Bundles.h"
-#include "platform/platformd/kernel/CooperativeGuard.h"
 #include "platform/platformd/ServicePeer.h"
+#include "platform/platformd/kernel/CooperativeGuard.h"
 #include "platform/sandbox/Sandbox.h"
 
 namespace {

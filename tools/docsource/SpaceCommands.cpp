@@ -50,6 +50,7 @@ class Outcome {
     const int status = fail(arguments_, error);
     worst_ = std::max(worst_, status);
   }
+  bool hasFailed() const { return worst_ != success; }
   int end(int printed) const { return worst_ == success ? printed : worst_; }
 
  private:
@@ -289,8 +290,10 @@ int forEach(const Arguments& arguments, ItemOperation operation, bool takesLong,
     object = {{"freed", static_cast<std::int64_t>(freed)},
               {"occupied", static_cast<std::int64_t>(after)}};
   }
+  // Of nothing but failures there is nothing to say beside them.
+  const bool isWorthSaying = tellsSpace && (freed > 0 || !outcome.hasFailed());
   return outcome.end(
-      answer(arguments.json, object, tellsSpace ? sizeText(freed) + " given back\n" : ""));
+      answer(arguments.json, object, isWorthSaying ? sizeText(freed) + " given back\n" : ""));
 }
 
 Result<void> belongsToNoAccount(const std::string& path) {
