@@ -24,23 +24,31 @@
 namespace qx::SystemNotifyCenter {
 namespace {
 
-/// One state of a notification's file; all zero while there is none.
+/// One state of a notification's file; all zero while there is none. Whatever posts changes it.
 struct Posting {
   dev_t device = 0;
   ino_t inode = 0;
-  timespec modified{};
-  bool hasOneName = false;
+  timespec changed{};
   bool isThere() const { return inode != 0; }
+  bool isOfSameFile(const Posting& other) const {
+    return device == other.device && inode == other.inode;
+  }
   friend bool operator==(const Posting& a, const Posting& b) {
-    return a.device == b.device && a.inode == b.inode && a.modified.tv_sec == b.modified.tv_sec &&
-           a.modified.tv_nsec == b.modified.tv_nsec;
+    return a.isOfSameFile(b) && a.changed.tv_sec == b.changed.tv_sec &&
+           a.changed.tv_nsec == b.changed.tv_nsec;
   }
 };
 
-Posting lastPosting(const std::string& name) {
+struct File {
+  Posting posting;
+  /// It did not come by a link, so that whoever made it has it open, or had.
+  bool hasOneName = false;
+};
+
+File fileOf(const std::string& name) {
   struct stat status;
   if (stat((Places::notifications() + "/" + name).c_str(), &status) != 0) return {};
-  return {status.st_dev, status.st_ino, status.st_mtim, status.st_nlink == 1};
+  return {{status.st_dev, status.st_ino, status.st_ctim}, status.st_nlink == 1};
 }
 
 struct Observer {
@@ -49,10 +57,10 @@ struct Observer {
 };
 
 struct Notification {
-  Posting last;
-  /// A file that was told when it was made and that may have been open for writing still: its
-  /// closing is the same posting.
-  Posting toldAsMade;
+  /// What was told last, or was there before the first observer.
+  Posting told;
+  /// It was told when it was made: its first closing is the same posting.
+  bool isToldBeforeClosing = false;
   std::vector<Observer> observers;
 };
 
@@ -67,7 +75,7 @@ class Center {
       if (!watch_) DS_LOG("[ERROR] Cannot watch for notifications in %@", Places::notifications());
     }
     auto [found, isNew] = notifications_.try_emplace(name);
-    if (isNew) found->second.last = lastPosting(name);
+    if (isNew) found->second.told = fileOf(name).posting;
     found->second.observers.push_back(
         {WorkQueue::serial("notification " + name),
          std::make_shared<const std::function<void()>>(std::move(callback))});
@@ -81,35 +89,26 @@ class Center {
     std::lock_guard lock(mutex_);
     for (auto& [name, notification] : notifications_) {
       if (!changed.empty() && name != changed) continue;
-      if (!isPosted(notification, lastPosting(name), how)) continue;
+      if (!isPosted(notification, fileOf(name), how)) continue;
       for (const auto& observer : notification.observers) {
         observer.queue->async([callback = observer.callback] { (*callback)(); });
       }
     }
   }
 
-  static bool isPosted(Notification& notification, const Posting& posting, Change how) {
-    const auto last = std::exchange(notification.last, posting);
-    const auto toldAsMade = std::exchange(notification.toldAsMade, Posting());
-    if (!posting.isThere()) return false;
-    switch (how) {
-      case Change::made:
-        notification.toldAsMade = posting;
-        return true;
-      case Change::complete:
-        // Whoever made it has written meanwhile, perhaps. One that came by a link is closed by
-        // others.
-        return posting != toldAsMade &&
-               !(posting.hasOneName && posting.device == toldAsMade.device &&
-                 posting.inode == toldAsMade.inode);
-      case Change::gone:
-        // Another file may have taken its place already, and is told by itself.
-        notification.last = last;
-        return false;
-      case Change::unknown:
-        return posting != last;
+  /// Events may be older than the file that is there by now, which is told once all the same.
+  static bool isPosted(Notification& notification, const File& file, Change how) {
+    const bool wasOpen = std::exchange(notification.isToldBeforeClosing, false);
+    if (file.posting == notification.told) return false;
+    if (!file.posting.isThere() || how == Change::gone) {
+      notification.told = {};
+      return false;
     }
-    return false;
+    const bool isSamePosting =
+        how == Change::complete && wasOpen && file.posting.isOfSameFile(notification.told);
+    notification.told = file.posting;
+    notification.isToldBeforeClosing = how == Change::made && file.hasOneName;
+    return !isSamePosting;
   }
 
   std::mutex mutex_;
