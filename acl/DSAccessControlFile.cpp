@@ -53,7 +53,7 @@ void DSAccessControlStore::syncQueueReadAccessControl() {
 std::optional<qx::Error> DSAccessControlStore::syncQueueCommitAccessControl() {
   DS_LOG("[INFO] Committing access control list");
   const std::string& path = filePath();
-  const auto error = qx::FileManager::replaceFile(
+  auto error = qx::FileManager::replaceFile(
       path,
       [this](const std::function<void(std::string_view)>& append) {
         qx::PropertyList::Writer writer(append);

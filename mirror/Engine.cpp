@@ -424,6 +424,7 @@ std::vector<MirrorTransfer> Engine::transfers() {
     std::sort(ordered.begin(), ordered.end(),
               [](const auto& one, const auto& other) { return one->order < other->order; });
     std::vector<MirrorTransfer> transfers;
+    transfers.reserve(ordered.size());
     for (const auto& transfer : ordered) {
       transfers.push_back({absolute(Side::here, transfer->number), transfer->isUpload,
                            transfer->done, transfer->total});

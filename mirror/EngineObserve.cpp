@@ -538,7 +538,7 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
   isListing_ = false;
   if (failure) std::rethrow_exception(failure);
   if (!listed) {
-    if (remoteProblemOf(listed.error()) != RemoteProblem::notFound) return listed;
+    if (remoteProblemOf(listed.error()) != RemoteProblem::notFound) return listed.error();
     const auto item = items_->load(directory);
     if (item && item->there && directory != rootItem && !there_.missing.contains(directory)) {
       lookAgain(Side::there, item->there->place);
@@ -650,7 +650,7 @@ bool Engine::observeThere(Lock& lock) {
     }
     if (!result) {
       if (!isInTrouble() && !there_.names.empty()) there_.names.erase(there_.names.begin());
-      return isInTrouble() ? false : true;
+      return !isInTrouble();
     }
   }
   hasLookedThere_ = true;

@@ -138,9 +138,9 @@ bool Engine::makePlaceholders(Lock& lock) {
   (void)lock;
   if (!syncFileSystem(storage_.get())) return false;
   Database::Transaction transaction(*database_);
-  for (auto& [number, node] : made) {
-    change(number, [&](Item& item) {
-      item.here = std::move(node);
+  for (auto& entry : made) {
+    change(entry.first, [&](Item& item) {
+      item.here = std::move(entry.second);
       item.agreed = item.there;
       item.due = now();
     });

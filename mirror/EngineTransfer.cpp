@@ -366,7 +366,8 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   });
   lock.unlock();
   if (!opened) return opened.error();
-  const auto& [file, path] = *opened;
+  const auto& file = opened->first;
+  const auto& path = opened->second;
   transfer->done = 0;
   transfer->total = wanted;
   const auto shape = shapeOf(*item.agreed);
