@@ -77,6 +77,7 @@ void DSGrantsServicer::revokeItemWithID_ofProviderID_forConsumerID_completion(
     return;
   }
   std::vector<DSItem> items;
+  items.reserve(revoked.size());
   for (auto& item : revoked) items.push_back({*providerID, std::move(item)});
   dsFindItemURLs(
       std::move(items), timeForRevoking,

@@ -131,7 +131,7 @@ int keepCapabilities(std::initializer_list<int> capabilities) {
   Capabilities data{};
   if (!readCapabilities(data)) return errno;
   for (std::size_t half = 0; half < data.size(); ++half) {
-    const auto part = static_cast<std::uint32_t>(kept >> 32U * half);
+    const auto part = static_cast<std::uint32_t>(half == 0 ? kept : kept >> 32U);
     data[half].effective &= part;
     data[half].permitted &= part;
     data[half].inheritable &= part;

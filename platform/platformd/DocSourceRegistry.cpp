@@ -204,7 +204,7 @@ void DocSourceRegistry::provide(const DocSource& owner, const qx::URL& url,
           std::move(completion));
 }
 
-void DocSourceRegistry::provide(Provide provide, qx::Completion<qx::Error> completion) {
+void DocSourceRegistry::provide(const Provide& provide, qx::Completion<qx::Error> completion) {
   {
     std::lock_guard lock(mutex_);
     auto& readers = readers_[provide.item];

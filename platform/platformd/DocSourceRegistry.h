@@ -155,7 +155,7 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   SourcePointer ownerOf(const qx::URL& url, std::optional<uid_t> user);
   /// Looks at the directories of a user's doc sources again, or at all; whether any has changed.
   bool lookAgain(std::optional<uid_t> user);
-  void provide(Provide provide, qx::Completion<qx::Error> completion);
+  void provide(const Provide& provide, qx::Completion<qx::Error> completion);
   void ask(const Provide& provide);
   void answered(const Provide& provide, const std::optional<qx::Error>& error);
 

@@ -99,9 +99,9 @@ std::optional<SandboxKey> SandboxKeyStore::readKey() const {
   SandboxKey key;
   auto text = readFile(keyName, key.size());
   if (text && !*text) return std::nullopt;
-  if (text && (*text)->size() != key.size()) text = posixError(EINVAL, "It has the wrong size");
-  if (!text) {
-    DS_LOG("[ERROR] Refusing the sandbox key of user %d: %@", owner_, text.error());
+  if (!text || (*text)->size() != key.size()) {
+    DS_LOG("[ERROR] Refusing the sandbox key of user %d: %@", owner_,
+           text ? posixError(EINVAL, "It has the wrong size") : text.error());
     return std::nullopt;
   }
   std::copy((*text)->begin(), (*text)->end(), key.begin());
