@@ -169,7 +169,7 @@ TEST_F(RelationshipTest, AGuardNoticesWhatWasExchangedAndExchangedBack) {
 
   const auto guard = ItemGuard::hold(directory, url);
   ASSERT_TRUE(guard);
-  std::ofstream(documents + "/folder/item", std::ios::app) << "more";
+  std::ofstream(documents + "/folder/item", std::ofstream::app) << "more";
   exchange(documents + "/folder/other", documents + "/folder/third");
   EXPECT_TRUE(guard->isUntouched()) << "neither its content nor its neighbours count";
   EXPECT_TRUE(guard->isAlso(url));

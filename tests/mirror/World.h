@@ -50,10 +50,10 @@ class Scratch {
 };
 
 inline void write(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+  std::ofstream(path, std::ofstream::binary | std::ofstream::trunc) << text;
 }
 inline std::string read(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(path, std::ofstream::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 /// As editors save: beside, and renamed over.

@@ -48,7 +48,7 @@ class Mirrored : public testing::TestWithParam<std::string> {
     for (const auto& entry : fs::recursive_directory_iterator(top)) {
       const auto path = fs::relative(entry, top).string();
       if (path.starts_with(".docsource-")) continue;
-      std::ifstream file(entry.path(), std::ios::binary);
+      std::ifstream file(entry.path(), std::ofstream::binary);
       tree[path] =
           entry.is_directory() ? "/" : std::string(std::istreambuf_iterator<char>(file), {});
     }
@@ -72,7 +72,7 @@ TEST_P(Mirrored, EndsWithBothSidesEqual) {
   expectBothSidesEqual();
 
   // Edited in place, saved over, made, moved, removed; large, small and many.
-  std::ofstream(here("a.txt"), std::ios::app) << " and from here";
+  std::ofstream(here("a.txt"), std::ofstream::app) << " and from here";
   std::ofstream(here("d/b.new")) << "saved over";
   fs::rename(here("d/b.new"), here("d/b"));
   fs::create_directories(here("new/deep er"));
