@@ -317,9 +317,12 @@ class WebDAVRemote final : public Remote {
                                 const std::string& uploads,
                                 const std::optional<std::string>& ifVersion,
                                 const RemoteAttributes& attributes, Content& content);
-  /// The item that was uploaded, under a version that is that of the upload for certain.
+  /// The item that was uploaded, under a version that is that of the upload for certain: the one
+  /// that the server told, or (absent) that of what is there when it has the same content.
+  /// Otherwise an error; an upload is not believed to have happened because somebody said so.
   Result<RemoteItem> confirmed(const Place& place, const std::string& path, Content& content,
-                               const std::optional<std::string>& version);
+                               const std::optional<std::string>& ifVersion,
+                               const std::optional<std::string>& told);
   Result<bool> isContent(const std::string& path, const RemoteItem& item,
                          const std::string& sha256);
   Result<void> checkName(const Place& place, const std::string& path);
@@ -500,8 +503,10 @@ Result<std::string> WebDAVRemote::mark(const Place& place, bool create) {
       }
       return "mark:" + answer->text.substr(form.size(), 32);
     }
-    if (answer->status != 404 && answer->status != 410) return refusal(*answer, path);
-    if (!create || isNew) return address;
+    // Some servers are told to hide names that begin with a dot.
+    const bool isHidden = answer->status == 403;
+    if (!isHidden && answer->status != 404 && answer->status != 410) return refusal(*answer, path);
+    if (!create || isNew || isHidden) return address;
     const auto text = std::string(form) + randomName() + randomName() + "\n";
     MemoryUpload body(text);
     Request put{"PUT", place.url(path), {"If-None-Match: *"}, &body};
@@ -922,24 +927,26 @@ Result<bool> WebDAVRemote::isContent(const std::string& path, const RemoteItem& 
 
 Result<RemoteItem> WebDAVRemote::confirmed(const Place& place, const std::string& path,
                                            Content& content,
-                                           const std::optional<std::string>& version) {
+                                           const std::optional<std::string>& ifVersion,
+                                           const std::optional<std::string>& told) {
   auto there = seen(place, path);
   const auto size = content.source.size();
   if (!there && !isNotFound(there)) return there.error();
-  if (there && there->item.kind == RemoteKind::file) {
-    if (version && there->item.version == *version) return std::move(there->item);
-    if (!version && there->item.size == size) {
-      auto isOurs = isContent(path, there->item, content.stream.sha256());
-      if (!isOurs) return isOurs.error();
-      if (*isOurs) return std::move(there->item);
-    }
+  const bool isFile = there && there->item.kind == RemoteKind::file;
+  if (isFile && told && there->item.version == *told) return std::move(there->item);
+  if (isFile && !told && there->item.size == size) {
+    auto isOurs = isContent(path, there->item, content.stream.sha256());
+    if (!isOurs) return isOurs.error();
+    if (*isOurs) return std::move(there->item);
   }
-  // Somebody has changed it already. What was written is not there any more, and its version must
-  // not be taken for that of what is.
+  if (!told || (isFile && ifVersion && there->item.version == *ifVersion)) {
+    return strange(path, "it took a document that is not there");
+  }
+  // Somebody has changed it already. The version of what is there now must not be taken for ours.
   RemoteItem item;
   item.name = nameIn(path);
   item.size = size;
-  item.version = version.value_or(Version::unknown());
+  item.version = *told;
   if (there) item.identifier = there->item.identifier;
   return item;
 }
@@ -1052,16 +1059,23 @@ Result<RemoteItem> WebDAVRemote::writeInPlace(const Place& place, const std::str
     }
     return refusal(*answer, path);
   }
+  if (answer->status == 200 && !answer->text.empty())
+    return strange(path, "it answers with a page");
   const auto size = content.source.size();
+  if (server.takesDate && !server.hasTags) {
+    auto there = seen(place, path);
+    if (!there && !isNotFound(there)) return there.error();
+    const Version own{std::nullopt, secondsOf(*attributes.modified), size};
+    if (there && there->item.version == own.text()) return std::move(there->item);
+    return strange(path, "it took a document that is not there");
+  }
   std::optional<std::string> version;
   auto told = answer->header("oc-etag");
   if (!told) told = answer->header("etag");
   if (server.putTellsTag && told && !told->starts_with("W/")) {
     version = Version::of(*told, size).text();
-  } else if (server.takesDate && !server.hasTags) {
-    version = Version{std::nullopt, secondsOf(*attributes.modified), size}.text();
   }
-  return confirmed(place, path, content, version);
+  return confirmed(place, path, content, ifVersion, version);
 }
 
 Result<RemoteItem> WebDAVRemote::writeBeside(const Place& place, const std::string& path,
@@ -1107,9 +1121,13 @@ Result<RemoteItem> WebDAVRemote::writeBeside(const Place& place, const std::stri
   if (!answer) return given(answer.error());
   if (!answer->succeeded()) return given(refusal(*answer, path));
   auto there = seen(place, path);
-  if (there && there->item.version == uploaded->item.version) return std::move(there->item);
-  if (there && there->item.size == size) return confirmed(place, path, content, std::nullopt);
-  return confirmed(place, path, content, uploaded->item.version);
+  // Some give a new tag to what was moved.
+  if (there && there->item.version != uploaded->item.version && there->item.size == size &&
+      !(ifVersion && there->item.version == *ifVersion)) {
+    auto isOurs = isContent(path, there->item, content.stream.sha256());
+    if (isOurs && *isOurs) return std::move(there->item);
+  }
+  return confirmed(place, path, content, ifVersion, uploaded->item.version);
 }
 
 /// In parts into a directory of the server's for uploads, which the last move turns into the
@@ -1163,7 +1181,7 @@ Result<RemoteItem> WebDAVRemote::writeParts(const Place& place, const std::strin
   if (answer) {
     auto told = answer->header("oc-etag");
     if (!told) told = answer->header("etag");
-    return confirmed(place, path, content,
+    return confirmed(place, path, content, ifVersion,
                      told ? std::optional(Version::of(*told, size).text()) : std::nullopt);
   }
   if (!is(answer.error(), RemoteProblem::unreachable)) return given(answer.error());
@@ -1174,7 +1192,7 @@ Result<RemoteItem> WebDAVRemote::writeParts(const Place& place, const std::strin
     const bool isAnother = there && there->item.kind == RemoteKind::file &&
                            there->item.size == size &&
                            (!ifVersion || there->item.version != *ifVersion);
-    if (isAnother) return confirmed(place, path, content, std::nullopt);
+    if (isAnother) return confirmed(place, path, content, ifVersion, std::nullopt);
     if (!there && !isNotFound(there)) continue;
     // As long as the parts are there, it may still be at it.
     const auto parts = ask(directory, path, 0, [](const Resource&) { return Result<void>(); });

@@ -346,6 +346,19 @@ TEST(ScriptedServer, UsesWhatACloudAnnounces) {
   EXPECT_NE(item->version, server.version("s"));
   EXPECT_EQ(problemIn(server.write("s", item->version, "lost?")), changedMeanwhile);
 
+  // An upload is not believed because somebody between here and there says so.
+  server.tell(R"({"files": {"s": "theirs"}})");
+  const auto version = server.version("s");
+  for (const std::string fault :
+       {R"("status": 200, "body": "<html>Welcome</html>")", R"("status": 201)",
+        R"("status": 204, "headers": {"ETag": "\"of a proxy\""})"}) {
+    server.faults(R"({"method": "PUT", )" + fault + "}");
+    EXPECT_EQ(problemIn(server.write("s", version, "ours!!")), unreachable) << fault;
+    EXPECT_FALSE(fault.find("ETag") == std::string::npos && server.write("t", std::nullopt, "t"))
+        << fault;
+    EXPECT_EQ(contentOf(*server, "s", version), "theirs");
+  }
+
   // In parts, which the last move puts together; with it, after it, and never.
   const std::string large = "a document of several parts";
   server.faults("");
