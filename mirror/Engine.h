@@ -172,6 +172,8 @@ class Engine {
   std::optional<Outcome> reshapeHere(const Item& item, const Placeholder::Shape& shape, Node& now);
   Announcement announceFor(ItemNumber number, Lock* lock);
   Outcome conflict(const Item& item);
+  bool removeEntry(int directory, const Place& place,
+                   const std::function<bool(const LocalEntry&)>& isIt);
   Outcome removeHere(Lock& lock, const Item& noted);
   bool haveParent(Lock& lock, Side side, ItemNumber parent);
   bool haveRoom(Lock& lock, Side side, const Item& item, const Place& place);
@@ -262,6 +264,7 @@ class Engine {
   MirrorHealth::State state_ = MirrorHealth::State::starting;
   std::optional<std::string> broken_;
 
+  std::uint64_t asides_ = 0;
   std::set<ItemNumber> settling_;
   /// Whether removals wait for a confirmation, as counted at the beginning of a round.
   bool areHeldHere_ = false;

@@ -661,6 +661,11 @@ bool Engine::observeThere(Lock& lock) {
 /// What was taken aside when the process ended returns to its place, and is decided about anew.
 void Engine::recoverAside() {
   listDirectory(aside_.get(), [&](const std::string& name) {
+    const auto entry = lookAt(aside_.get(), name);
+    if (entry && entry->names > 1) {  // it is somewhere else as well
+      ::unlinkat(aside_.get(), name.c_str(), 0);
+      return true;
+    }
     const auto fact = items_->fact("aside " + name);
     Place place{rootItem, name};
     if (fact) {

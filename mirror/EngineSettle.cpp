@@ -415,9 +415,10 @@ Engine::Outcome Engine::removeStray(const Item& item) {
     lookAgain(Side::here, here.place);
     return waitFor(item.number, firstRetry);
   }
-  if (::unlinkat(directory->get(), here.place.name.c_str(), 0) != 0) {
-    return failedHere(item, errno, "The placeholder of a document that is gone cannot be removed");
-  }
+  const bool isRemoved = removeEntry(directory->get(), here.place, [&](const LocalEntry& taken) {
+    return taken.identity == here.identity && taken.isPlaceholder;
+  });
+  if (!isRemoved) return waitForOthers(item.number);
   change(item.number, [](Item& now) { now.here.reset(); });
   return Outcome::again;
 }
@@ -433,11 +434,26 @@ void Engine::relink(const std::string& identity, const Node& now) {
     const auto entry = directory ? lookAt(directory->get(), place.name) : std::nullopt;
     const bool isAway = directory && !entry && errno == ENOENT;
     if (!isAway && (!entry || entry->identity != identity || identity == now.identity)) continue;
-    const std::string name = isAway ? place.name : std::string(Placeholder::sideName) + "link";
-    if (::linkat(source->get(), now.place.name.c_str(), directory->get(), name.c_str(), 0) != 0 ||
-        (!isAway &&
-         ::renameat(directory->get(), name.c_str(), directory->get(), place.name.c_str()) != 0)) {
-      continue;
+    const int to = isAway ? directory->get() : aside_.get();
+    const std::string name = isAway ? place.name : "link";
+    if (::linkat(source->get(), now.place.name.c_str(), to, name.c_str(), 0) != 0) continue;
+    if (!isAway) {
+      // Exchanged: whoever has put something else under the name meanwhile keeps it.
+      const auto exchange = [&] {
+        return ::renameat2(to, name.c_str(), directory->get(), place.name.c_str(),
+                           RENAME_EXCHANGE) == 0;
+      };
+      const bool isExchanged = exchange();
+      const auto out = lookAt(to, name);
+      const bool isIt = isExchanged && out && out->identity == identity;
+      if (isExchanged && !isIt) exchange();
+      const auto left = lookAt(to, name);
+      if (left && (left->identity == identity || left->names > 1)) {
+        ::unlinkat(to, name.c_str(), 0);
+      } else {
+        recoverAside();
+      }
+      if (!isIt) continue;
     }
     change(other.number, [&](Item& linked) {
       linked.here = now;
@@ -456,7 +472,11 @@ bool Engine::unlinkOthers(const Item& item) {
     const auto directory = directoryHere(other.here->place.parent);
     const auto entry = directory ? lookAt(directory->get(), other.here->place.name) : std::nullopt;
     if (!entry || entry->identity != item.here->identity) continue;
-    hasAny = ::unlinkat(directory->get(), other.here->place.name.c_str(), 0) == 0 || hasAny;
+    hasAny = removeEntry(directory->get(), other.here->place,
+                         [&](const LocalEntry& taken) {
+                           return taken.identity == item.here->identity && taken.names > 1;
+                         }) ||
+             hasAny;
   }
   return hasAny;
 }
@@ -543,6 +563,27 @@ Engine::Outcome Engine::goneThere(Lock& lock, const Item& item) {
   return removeHere(lock, item);
 }
 
+/// Removes a file after it was taken aside, where nobody reaches it by its name any more, and found
+/// to be what is to go; otherwise it returns.
+bool Engine::removeEntry(int directory, const Place& place,
+                         const std::function<bool(const LocalEntry&)>& isIt) {
+  const std::string aside = std::to_string(place.parent) + "-" + std::to_string(++asides_);
+  {
+    Database::Transaction transaction(*database_);
+    items_->setFact("aside " + aside, std::to_string(place.parent) + "/" + place.name);
+    transaction.commit();
+  }
+  if (!moveEntry(directory, place.name, aside_.get(), aside)) {
+    lookAgain(Side::here, place);
+    return false;
+  }
+  const auto taken = lookAt(aside_.get(), aside);
+  if (taken && isIt(*taken) && ::unlinkat(aside_.get(), aside.c_str(), 0) == 0) return true;
+  recoverAside();
+  lookAgain(Side::here, place);
+  return false;
+}
+
 Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
   Item item = noted;
   if (item.here->kind == Kind::file && !item.here->isPlaceholder) {
@@ -610,25 +651,12 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
     if (!here.isPlaceholder && isOpenElsewhere(file.get())) {
       return waitForOthers(item.number);
     }
-    const std::string asideName = std::to_string(item.number);
-    {
-      Database::Transaction transaction(*database_);
-      items_->setFact("aside " + asideName, std::to_string(here.place.parent) + "/" + name);
-      transaction.commit();
-    }
-    if (!moveEntry(directory->get(), name, aside_.get(), asideName)) {
-      return failedHere(item, errno, "The document cannot be removed");
-    }
-    const auto taken = lookAt(aside_.get(), asideName);
-    const bool isStill = taken && taken->identity == here.identity &&
-                         taken->isPlaceholder == here.isPlaceholder &&
-                         taken->size == before->size && taken->modified == before->modified &&
-                         (here.isPlaceholder || !isOpenElsewhere(file.get()));
-    if (!isStill || ::unlinkat(aside_.get(), asideName.c_str(), 0) != 0) {
-      recoverAside();
-      lookAgain(Side::here, here.place);
-      return waitForOthers(item.number);
-    }
+    const bool isRemoved = removeEntry(directory->get(), here.place, [&](const LocalEntry& taken) {
+      return taken.identity == here.identity && taken.isPlaceholder == here.isPlaceholder &&
+             taken.size == before->size && taken.modified == before->modified &&
+             (here.isPlaceholder || !isOpenElsewhere(file.get()));
+    });
+    if (!isRemoved) return waitForOthers(item.number);
   }
   Database::Transaction transaction(*database_);
   watches_.erase(item.number);

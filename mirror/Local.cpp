@@ -83,6 +83,7 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   entry.identity = qx::markWord(inode);
   entry.modified = nanoseconds(status.stx_mtime);
   entry.mode = status.stx_mode & 0777U;
+  entry.names = status.stx_nlink;
   if (entry.kind != Kind::file) return entry;
   entry.size = static_cast<std::int64_t>(status.stx_size);
   entry.version = std::to_string(entry.size) + ":" + std::to_string(entry.modified) + ":" +

@@ -21,6 +21,8 @@ struct LocalEntry {
   std::string version;
   std::int64_t size = 0;
   std::int64_t modified = 0;
+  /// How many names the file has.
+  std::uint64_t names = 1;
   /// Of a placeholder, the document's.
   std::int64_t mode = 0;
   bool isPlaceholder = false;
