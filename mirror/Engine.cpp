@@ -207,6 +207,7 @@ bool Engine::step() {
   broken_.reset();
   return guarded([&] {
     if (isClosed_) return false;
+    if (std::exchange(shallTryAgain_, false)) troubleUntil_ = 0;
     bool hasDone = observeHere(lock);
     hasDone = observeThere(lock) || hasDone;
     hasDone = settleDue(lock) || hasDone;
@@ -253,7 +254,8 @@ Result<void> Engine::provide(const std::string& path) {
     const auto found = find(lock, path);
     if (!found) {
       const auto entry = lookAt(AT_FDCWD, path);
-      return entry && !entry->isPlaceholder ? Result<void>() : found.error();
+      const bool isContent = entry && !entry->isPlaceholder && !entry->isHidden;
+      return isContent ? Result<void>() : found.error();
     }
     if (found->here && found->here->kind == Kind::directory) {
       const auto directory = absolute(Side::here, found->number);
@@ -502,7 +504,7 @@ void Engine::beginSync(bool confirmRemovals) {
     here_.directories.emplace_back(rootItem, true);
     cursor_.reset();
     shallLookThere_ = true;
-    troubleUntil_ = 0;
+    shallTryAgain_ = true;
     return true;
   });
   wake_();

@@ -106,6 +106,8 @@ class Engine {
  private:
   using Lock = std::unique_lock<std::mutex>;
   using Numbers = std::vector<ItemNumber>;
+  /// A place by its directory and its name.
+  using Key = std::pair<ItemNumber, std::string>;
 
   // What was seen on one side and is not in the tree yet.
   struct Observation {
@@ -131,6 +133,9 @@ class Engine {
   Result<void> lookThere(Lock& lock, ItemNumber directory, const std::string& name);
   void note(Side side, Node node, bool recursive);
   void noteGone(Side side, const Place& place);
+  void beginChange(const Place& place);
+  void endChange(const Place& place);
+  bool isOvertaken(Side side, const Place& place);
   std::optional<ItemNumber> itemThere(const std::string& path);
   void missNowhere(Side side);
   void noteAbsent(Side side, ItemNumber directory, Numbers seen);
@@ -140,6 +145,7 @@ class Engine {
   Result<bool> isStillAt(Lock& lock, Side side, const Item& item);
   void removeFrom(Side side, ItemNumber number, bool movedOut);
   void put(Side side, Item& item, Node node);
+  Item goneOrNew(Side side, const Node& node);
   std::vector<Item> knownHere(const std::string& identity);
   void freeLinks(const std::string& identity);
   Observation& seen(Side side) { return side == Side::here ? here_ : there_; }
@@ -163,6 +169,7 @@ class Engine {
   Outcome newThere(Lock& lock, const Item& item);
   Outcome meet(Lock& lock, Item item);
   Outcome goneThere(Lock& lock, const Item& item);
+  std::optional<Outcome> askAgain(Lock& lock, const Item& item);
   Outcome goneHere(Lock& lock, const Item& item);
   Outcome both(Lock& lock, Item item);
   Outcome attributes(Lock& lock, Item item);
@@ -186,6 +193,7 @@ class Engine {
     seen(side).names.emplace(place.parent, place.name);
   }
   static std::string pair(const Item& item);
+  bool areDifferent(const Item& item) const;
   void countRemovals();
   std::string heldBack() const;
   Outcome failed(const Item& item, const Error& error);
@@ -253,13 +261,17 @@ class Engine {
   std::atomic<bool> shallLookThere_ = true;
   bool hasLookedThere_ = false;
   std::optional<std::string> cursor_;
-  /// Items whose node there was set by ourselves while the remote was being listed.
-  std::set<ItemNumber> ownChanges_;
-  bool isListing_ = false;
+  /// Places there that uploads are changing; those that they have changed since the remote was last
+  /// asked, whose answer may be older than that; and those of the first of which it was heard.
+  std::multiset<Key> changing_;
+  std::set<Key> overtaken_;
+  std::set<Key> heard_;
 
   std::optional<Error> trouble_;
   std::int64_t troubleUntil_ = 0;
   std::int64_t troubleTries_ = 0;
+  /// Somebody wants to know how it is now.
+  bool shallTryAgain_ = false;
   std::chrono::sys_seconds since_{};
   MirrorHealth::State state_ = MirrorHealth::State::starting;
   std::optional<std::string> broken_;

@@ -167,6 +167,16 @@ void Engine::freeLinks(const std::string& identity) {
   put(Side::here, named.front(), std::move(node));
 }
 
+/// The item whose name a new entry has taken after it was gone on that side; a new one where there
+/// is none.
+Item Engine::goneOrNew(Side side, const Node& node) {
+  if (node.kind == Kind::link || (side == Side::here && node.isPlaceholder)) return {};
+  auto gone = items_->at(side == Side::here ? Side::there : Side::here, node.place);
+  const bool isThat = gone && gone->agreed && !nodeOf(*gone, side) && !gone->movedOut &&
+                      gone->agreed->kind == node.kind && gone->agreed->place == node.place;
+  return isThat ? *std::move(gone) : Item();
+}
+
 /// Items with that inode, or the one that is being given it.
 std::vector<Item> Engine::knownHere(const std::string& identity) {
   auto known = items_->withIdentity(Side::here, identity);
@@ -178,17 +188,39 @@ std::vector<Item> Engine::knownHere(const std::string& identity) {
   return known;
 }
 
+void Engine::beginChange(const Place& place) { changing_.emplace(place.parent, place.name); }
+
+void Engine::endChange(const Place& place) {
+  const Key key(place.parent, place.name);
+  changing_.erase(changing_.find(key));
+  overtaken_.insert(key);
+  const bool isHeard = heard_.erase(key) > 0;
+  if (there_.found.erase(key) > 0 || isHeard) lookAgain(Side::there, place);
+}
+
+/// Whether what the remote says of a place may be older than what an upload did there; it is asked
+/// again when that has ended.
+bool Engine::isOvertaken(Side side, const Place& place) {
+  if (side == Side::here) return false;
+  const Key key(place.parent, place.name);
+  const bool isChanging = changing_.contains(key);
+  if (isChanging) heard_.insert(key);
+  if (!isChanging && !overtaken_.contains(key)) return false;
+  if (!isChanging) lookAgain(side, place);
+  return true;
+}
+
 void Engine::note(Side side, Node node, bool recursive) {
+  if (isOvertaken(side, node.place)) return;
   auto& seen = this->seen(side);
-  const std::pair<ItemNumber, std::string> key(node.place.parent, node.place.name);
+  const Key key(node.place.parent, node.place.name);
   auto known = items_->at(side, node.place);
   seen.found.erase(key);
   if (known && isSameEntry(*nodeOf(*known, side), node)) {
     seen.missing.erase(known->number);
     const Node& before = *nodeOf(*known, side);
     node.kind = before.kind;
-    const bool isOurs = side == Side::there && ownChanges_.contains(known->number);
-    if (!isOurs && !isUnchanged(before, node)) put(side, *known, node);
+    if (!isUnchanged(before, node)) put(side, *known, node);
     if (node.kind == Kind::directory && recursive)
       seen.directories.emplace_back(known->number, true);
     return;
@@ -199,13 +231,14 @@ void Engine::note(Side side, Node node, bool recursive) {
     seen.found.insert_or_assign(key, std::move(node));
     return;
   }
-  Item item;
+  Item item = goneOrNew(side, node);
   const bool isDirectory = node.kind == Kind::directory;
   put(side, item, std::move(node));
   if (isDirectory) seen.directories.emplace_back(item.number, true);
 }
 
 void Engine::noteGone(Side side, const Place& place) {
+  if (isOvertaken(side, place)) return;
   auto& seen = this->seen(side);
   seen.found.erase({place.parent, place.name});
   if (const auto known = items_->at(side, place)) seen.missing.insert(known->number);
@@ -224,7 +257,9 @@ void Engine::noteAbsent(Side side, ItemNumber directory, Numbers met) {
   for (ItemNumber last = 0;;) {
     const auto children = items_->children(side, directory, last, most);
     for (const ItemNumber child : children) {
-      if (!std::binary_search(met.begin(), met.end(), child)) seen(side).missing.insert(child);
+      if (std::binary_search(met.begin(), met.end(), child)) continue;
+      auto item = items_->load(child);
+      if (!isOvertaken(side, nodeOf(*item, side)->place)) seen(side).missing.insert(child);
     }
     if (children.size() < static_cast<std::size_t>(most)) return;
     last = children.back();
@@ -243,9 +278,17 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
   if (entry->isHidden) {
     // What it is cannot be told from its mark; what is known of it is believed.
     const auto known = knownHere(entry->identity);
-    if (known.empty()) return;
-    entry->isPlaceholder = known.front().here->isPlaceholder;
-    if (entry->isPlaceholder) entry->mode = known.front().here->mode.value_or(entry->mode);
+    const auto there = items_->at(Side::there, place);
+    if (!known.empty()) {
+      entry->isPlaceholder = known.front().here->isPlaceholder;
+      if (entry->isPlaceholder) entry->mode = known.front().here->mode.value_or(entry->mode);
+    } else if (!entry->hasBlocks && there && there->there->kind == Kind::file) {
+      // One that was made and not noted.
+      entry->isPlaceholder = true;
+      entry->mode = there->there->mode.value_or(0);
+    } else {
+      return;
+    }
   }
   if (!items_->at(Side::here, place) && stays(directory, name, *entry)) {
     here_.found.erase({directory, name});
@@ -443,11 +486,8 @@ void Engine::assign(Side side, const std::set<ItemNumber>& still) {
       items_->save(*named);
       seen.missing.insert(named->number);
     }
-    Item item;
-    if (same) {
-      item = std::move(*same);
-      seen.missing.erase(item.number);
-    }
+    Item item = same ? std::move(*same) : goneOrNew(side, node);
+    seen.missing.erase(item.number);
     put(side, item, node);
     if (node.kind == Kind::directory) seen.directories.emplace_back(item.number, true);
   }
@@ -498,7 +538,8 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
   item->tries = 0;
   item->reason.reset();
   item->isConfirmed = false;
-  if (isNothing(item)) return items_->erase(number);
+  // What is being uploaded is removed there when it has arrived.
+  if (isNothing(item) && !isBusy(number)) return items_->erase(number);
   items_->save(*item);
 }
 
@@ -519,8 +560,7 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
     transaction.commit();
     entries.clear();
   };
-  isListing_ = true;
-  ownChanges_.clear();
+  overtaken_.clear();
   std::exception_ptr failure;
   const auto listed = remotely(lock, [&] {
     return remote_.list(*path, [&](const RemoteItem& item) {
@@ -535,7 +575,6 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
       }
     });
   });
-  isListing_ = false;
   if (failure) std::rethrow_exception(failure);
   if (!listed) {
     if (remoteProblemOf(listed.error()) != RemoteProblem::notFound) return listed.error();
@@ -546,11 +585,6 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
     return {};
   }
   take();
-  met.insert(met.end(), ownChanges_.begin(), ownChanges_.end());
-  for (const ItemNumber number : ownChanges_) {
-    const auto item = items_->load(number);
-    if (item && item->there) lookAgain(Side::there, item->there->place);
-  }
   noteAbsent(Side::there, directory, std::move(met));
   return {};
 }
@@ -558,6 +592,7 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
 Result<void> Engine::lookThere(Lock& lock, ItemNumber directory, const std::string& name) {
   const auto parent = items_->path(Side::there, directory);
   if (!parent) return {};
+  overtaken_.clear();
   const auto now =
       remotely(lock, [&] { return remote_.look(parent->empty() ? name : *parent + "/" + name); });
   Database::Transaction transaction(*database_);
@@ -636,8 +671,9 @@ bool Engine::observeThere(Lock& lock) {
     Result<void> result;
     if (!there_.names.empty()) {
       const auto entry = *there_.names.begin();
+      there_.names.erase(entry);
       result = lookThere(lock, entry.first, entry.second);
-      if (result) there_.names.erase(entry);
+      if (!result && isInTrouble()) there_.names.insert(entry);
     } else if (!there_.directories.empty()) {
       const auto [directory, recursive] = there_.directories.front();
       result = readDirectoryThere(lock, directory, recursive);
@@ -648,10 +684,7 @@ bool Engine::observeThere(Lock& lock) {
     } else {
       dropMissing(Side::there);
     }
-    if (!result) {
-      if (!isInTrouble() && !there_.names.empty()) there_.names.erase(there_.names.begin());
-      return !isInTrouble();
-    }
+    if (!result) return !isInTrouble();
   }
   hasLookedThere_ = true;
   if (state_ != MirrorHealth::State::ok) wellAgain();

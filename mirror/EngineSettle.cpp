@@ -84,6 +84,14 @@ std::string Engine::pair(const Item& item) {
   return item.here->version + " " + item.there->version;
 }
 
+/// Whether the two contents are known to be different, and the one there to be no earlier one of
+/// ours.
+bool Engine::areDifferent(const Item& item) const {
+  const auto compared = different_.find(item.number);
+  return (!item.sent && item.here->size != item.there->size) ||
+         (compared != different_.end() && compared->second == pair(item));
+}
+
 std::string Engine::conflictText() const {
   std::array<char, 32> date{};
   const std::time_t time = std::time(nullptr);
@@ -102,6 +110,7 @@ bool Engine::settleDue(Lock& lock) {
       if (isClosed_) return false;
       hasDone = settle(lock, number) != Outcome::later || hasDone;
     }
+    items_->writeSettled();
     // Nothing is removed while there is something to be carried over.
     if (hasDone) return true;
   }
@@ -130,9 +139,8 @@ bool Engine::makePlaceholders(Lock& lock) {
       directory = std::move(*opened);
       parent = there.place.parent;
     }
-    if (!makePlaceholder(directory.get(), there.place.name, shapeOf(there))) continue;
-    const auto entry = lookAt(directory.get(), there.place.name);
-    if (entry && entry->isPlaceholder) made.emplace_back(number, nodeHere(there.place, *entry));
+    const auto entry = makePlaceholder(directory.get(), there.place.name, shapeOf(there));
+    if (entry) made.emplace_back(number, nodeHere(there.place, *entry));
   }
   if (made.empty()) return false;
   (void)lock;
@@ -165,13 +173,7 @@ Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
     if (outcome == Outcome::later) return outcome;
     if (outcome == Outcome::again) continue;
     different_.erase(number);
-    if (item->due || item->reason || item->tries != 0) {
-      change(number, [](Item& settled) {
-        settled.due.reset();
-        settled.reason.reset();
-        settled.tries = 0;
-      });
-    }
+    if (item->due || item->reason || item->tries != 0) items_->settled(number);
     return outcome;
   }
   return waitFor(number, firstRetry);
@@ -289,6 +291,8 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
   const auto from = items_->path(Side::there, other->number);
   const auto parent = items_->path(Side::there, place.parent);
   if (!from || !parent) return false;
+  // Its removal has not been carried there yet.
+  if (!other->here && other->agreed) return false;
   if (!other->here) {
     // The name belongs to the remote's; ours gives way.
     const auto own = items_->load(item.number);
@@ -307,6 +311,8 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
       const bool wasAgreed = now.agreed && now.there && now.agreed->version == now.there->version;
       now.there = nodeThere({place.parent, name}, *moved);
       if (wasAgreed) now.agreed->version = now.there->version;
+      // It was not somebody else who moved it.
+      if (now.agreed) now.agreed->place = now.there->place;
       now.due = this->now();
     });
     return true;
@@ -399,7 +405,6 @@ Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
     now.agreed->mode = here.mode;
     now.due = this->now();
   });
-  if (isListing_) ownChanges_.insert(item.number);
   return Outcome::again;
 }
 
@@ -419,7 +424,10 @@ Engine::Outcome Engine::removeStray(const Item& item) {
     return taken.identity == here.identity && taken.isPlaceholder;
   });
   if (!isRemoved) return waitForOthers(item.number);
+  Database::Transaction transaction(*database_);
   change(item.number, [](Item& now) { now.here.reset(); });
+  freeLinks(here.identity);
+  transaction.commit();
   return Outcome::again;
 }
 
@@ -498,19 +506,22 @@ Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
   const std::string& name = there.place.name;
   const bool isDirectory = there.kind == Kind::directory;
   const auto mode = static_cast<unsigned>(there.mode.value_or(isDirectory ? 0755 : 0644));
-  const bool isMade = isDirectory ? ::mkdirat(directory->get(), name.c_str(), 0700) == 0 &&
-                                        ::fchmodat(directory->get(), name.c_str(), mode, 0) == 0
-                                  : makePlaceholder(directory->get(), name, shapeOf(there));
-  if (!isMade && errno == EEXIST) {
+  std::optional<LocalEntry> entry;
+  if (!isDirectory) {
+    entry = makePlaceholder(directory->get(), name, shapeOf(there));
+  } else if (::mkdirat(directory->get(), name.c_str(), 0700) == 0 &&
+             ::fchmodat(directory->get(), name.c_str(), mode, 0) == 0) {
+    entry = lookAt(directory->get(), name);
+  }
+  if (!entry && errno == EEXIST) {
     lookAgain(Side::here, there.place);
     if (setAsideUnknown(there.place)) return Outcome::again;
     return waitFor(item.number, 1);
   }
-  if (!isMade || !syncFileSystem(directory->get())) {
+  if (!entry || !syncFileSystem(directory->get())) {
     return failedHere(item, errno, "It cannot be made here");
   }
-  const auto entry = lookAt(directory->get(), name);
-  if (!entry || entry->kind != there.kind || (!isDirectory && !entry->isPlaceholder)) {
+  if (entry->kind != there.kind) {
     lookAgain(Side::here, there.place);
     return waitFor(item.number, 1);
   }
@@ -540,17 +551,17 @@ Engine::Outcome Engine::meet(Lock& lock, Item item) {
     });
     return Outcome::again;
   }
-  if (item.here->size != item.there->size || different_[item.number] == pair(item)) {
-    return conflict(item);
-  }
-  return compare(lock, item);
+  return areDifferent(item) ? conflict(item) : compare(lock, item);
 }
 
 Engine::Outcome Engine::goneThere(Lock& lock, const Item& item) {
   const Node& here = *item.here;
   const bool isChanged = isContentChangedHere(item) && !isTouchedOnly(item);
   const bool isMoved = here.place != item.agreed->place && !here.isPlaceholder;
-  if (isChanged || isMoved) {
+  const bool isKept = isChanged || isMoved;
+  if (!isKept && areHeldThere_ && !item.isConfirmed) return Outcome::later;
+  if (const auto outcome = askAgain(lock, item)) return *outcome;
+  if (isKept) {
     // What was done here is not undone by a removal there.
     change(item.number, [](Item& now) {
       now.agreed.reset();
@@ -559,8 +570,38 @@ Engine::Outcome Engine::goneThere(Lock& lock, const Item& item) {
     });
     return Outcome::again;
   }
-  if (areHeldThere_ && !item.isConfirmed) return Outcome::later;
   return removeHere(lock, item);
+}
+
+/// Asks once more for what is said to be gone there, since a listing may have lied; absent when it
+/// is gone.
+std::optional<Engine::Outcome> Engine::askAgain(Lock& lock, const Item& item) {
+  const Place& agreed = item.agreed->place;
+  const auto parent = items_->path(Side::there, agreed.parent);
+  if (!parent) {
+    if (isInTrouble() || !hasLookedThere_) return waitFor(item.number, firstRetry);
+    return std::nullopt;
+  }
+  const auto found = remotely(lock, [&] { return remote_.look(joined(*parent, agreed.name)); });
+  if (!found && remoteProblemOf(found.error()) != RemoteProblem::notFound) {
+    return failed(item, found.error());
+  }
+  const bool isIt = found &&
+                    (found->identifier == item.agreed->identity || found->identifier.empty()) &&
+                    (found->kind == RemoteKind::file) == (item.agreed->kind == Kind::file);
+  if (!isIt) return std::nullopt;
+  const auto other = items_->at(Side::there, agreed);
+  if (other && (other->here || other->agreed || other->there->kind == Kind::directory)) {
+    return std::nullopt;
+  }
+  Database::Transaction transaction(*database_);
+  if (other) items_->erase(other->number);
+  change(item.number, [&](Item& now) {
+    if (!now.there) now.there = nodeThere(agreed, *found);
+  });
+  transaction.commit();
+  if (item.agreed->kind == Kind::directory) there_.directories.emplace_back(item.number, true);
+  return Outcome::again;
 }
 
 /// Removes a file after it was taken aside, where nobody reaches it by its name any more, and found
@@ -589,21 +630,6 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
   if (item.here->kind == Kind::file && !item.here->isPlaceholder) {
     item.agreedHere = item.here->version;
     change(item.number, [&](Item& now) { now.agreedHere = item.agreedHere; });
-  }
-  // Asked once more; a listing may have lied.
-  const Place& agreed = item.agreed->place;
-  if (const auto parent = items_->path(Side::there, agreed.parent)) {
-    const auto now = remotely(lock, [&] { return remote_.look(joined(*parent, agreed.name)); });
-    if (now && (now->identifier == item.agreed->identity || now->identifier.empty()) &&
-        (now->kind == RemoteKind::file) == (item.agreed->kind == Kind::file)) {
-      const auto other = items_->at(Side::there, agreed);
-      lookAgain(Side::there, agreed);
-      if (!other) return waitFor(item.number, 1);
-    } else if (!now && remoteProblemOf(now.error()) != RemoteProblem::notFound) {
-      return failed(item, now.error());
-    }
-  } else if (isInTrouble() || !hasLookedThere_) {
-    return waitFor(item.number, firstRetry);
   }
   const auto current = items_->load(item.number);
   if (!current || !current->here || current->there || isBusy(item.number) ||
@@ -741,8 +767,7 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
   const bool isChangedHere = isContentChangedHere(item);
   const bool isChangedThere = isContentChangedThere(item);
   if (isChangedHere) {
-    const bool isDifferent =
-        item.here->size != item.there->size || different_[item.number] == pair(item);
+    const bool isDifferent = areDifferent(item);
     // Of content that appeared in a placeholder it is not known whether it was only brought in.
     const bool isUnknown = !item.agreedHere;
     if (isChangedThere || isUnknown) {
@@ -820,7 +845,6 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
     now.agreed->mode = wanted.mode ? here.mode : now.agreed->mode;
     if (wanted.modified) now.agreed->modified = here.modified;
   });
-  if (isListing_) ownChanges_.insert(item.number);
   return Outcome::again;
 }
 
@@ -913,7 +937,6 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
     now.agreed->place = target;
     if (isFile && wasAgreed) now.agreed->version = now.there->version;
   });
-  if (isListing_) ownChanges_.insert(item.number);
   return Outcome::again;
 }
 

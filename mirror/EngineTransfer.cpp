@@ -22,6 +22,8 @@ namespace docsource::mirror {
 namespace {
 
 constexpr std::size_t pieceSize = 1U << 20U;
+/// Of so many uploads without an answer the contents are remembered.
+constexpr std::size_t mostSent = 8;
 
 class Hash {
  public:
@@ -51,8 +53,17 @@ Error notWholeError() {
 /// A file here from its beginning to its end, as one version of it or not at all.
 class FileSource final : public RemoteSource {
  public:
-  FileSource(int file, std::string version, std::int64_t size, Engine::Transfer& transfer)
-      : file_(file), version_(std::move(version)), size_(size), transfer_(transfer) {}
+  /// Called with the hash of all of it before the last bytes are handed over: until then nobody
+  /// can have all of it.
+  using BeforeTheLast = std::function<Result<void>(const std::string& hash)>;
+
+  FileSource(int file, std::string version, std::int64_t size, Engine::Transfer& transfer,
+             BeforeTheLast beforeTheLast = {})
+      : file_(file),
+        version_(std::move(version)),
+        size_(size),
+        transfer_(transfer),
+        beforeTheLast_(std::move(beforeTheLast)) {}
 
   std::uint64_t size() const override { return static_cast<std::uint64_t>(size_); }
 
@@ -62,26 +73,36 @@ class FileSource final : public RemoteSource {
     const ssize_t count = ::pread(file_, buffer_.data(), buffer_.size(), position_);
     if (count < 0) return Error::posix(errno, "The document cannot be read");
     position_ += count;
-    if (count == 0) {
-      const auto now = lookAtFile(file_);
-      if (position_ != size_ || !now || now->version != version_ || now->isPlaceholder) {
-        return notWholeError();
-      }
-    }
+    if (position_ > size_ || (count == 0 && position_ != size_)) return notWholeError();
     const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(count));
     hash_.add(bytes);
+    if (position_ == size_) {
+      const auto now = lookAtFile(file_);
+      if (!now || now->version != version_ || now->isPlaceholder) return notWholeError();
+      if (!isWhole_) {
+        isWhole_ = true;
+        whole_ = hash_.finish();
+        if (beforeTheLast_) {
+          if (auto noted = beforeTheLast_(whole_); !noted) return noted.error();
+        }
+      }
+    }
     transfer_.done = static_cast<std::uint64_t>(position_);
     return bytes;
   }
 
-  std::string hash() { return hash_.finish(); }
+  /// Of all of it, once it was read.
+  const std::string& hash() const { return whole_; }
 
  private:
   const int file_;
   const std::string version_;
   const std::int64_t size_;
   Engine::Transfer& transfer_;
+  const BeforeTheLast beforeTheLast_;
   std::int64_t position_ = 0;
+  bool isWhole_ = false;
+  std::string whole_;
   std::string buffer_;
   Hash hash_;
 };
@@ -176,15 +197,29 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
       }
       transfer->done = 0;
     }
-    FileSource source(opened->get(), here.version, here.size, *transfer);
+    // Should its answer be lost, what the remote has then is known as what was sent.
+    const auto noteSent = [this, &item](const std::string& hash) -> Result<void> {
+      const Lock noting(mutex_);
+      return guarded([&]() -> Result<void> {
+        change(item.number, [&](Item& now) {
+          auto sent = now.sent.value_or(std::string());
+          if (sent.find(hash) == std::string::npos) sent += hash;
+          now.sent = sent.substr(sent.size() - std::min(sent.size(), mostSent * hash.size()));
+        });
+        return {};
+      });
+    };
+    FileSource source(opened->get(), here.version, here.size, *transfer, noteSent);
     RemoteAttributes attributes;
     attributes.modified = RemoteTime(std::chrono::nanoseconds(here.modified.value_or(0)));
     attributes.mode = static_cast<unsigned>(here.mode.value_or(0644));
     const auto ifVersion = item.there ? std::optional(item.agreed->version) : std::nullopt;
     Lock inner(mutex_);
+    beginChange(target);
     const auto written = guarded([&] {
       return remotely(inner, [&] { return remote_.write(path, ifVersion, attributes, source); });
     });
+    endChange(target);
     guarded([&] {
       if (!written) {
         lookAgain(Side::here, here.place);
@@ -205,12 +240,12 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
         now.agreed->modified = here.modified;
         now.agreedHere = here.version;
         now.hash = source.hash();
+        now.sent.reset();
         now.tries = 0;
         now.reason.reset();
         const bool rests = now.here && now.here->version != here.version;
         if (!rests) now.due = this->now();
       });
-      if (isListing_) ownChanges_.insert(item.number);
       return true;
     });
     end(transfer);
@@ -270,22 +305,24 @@ Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
         lookAgain(Side::here, here.place);
         lookAgain(Side::there, there.place);
         failed(item, own ? other.error() : own.error());
-      } else if (*own != *other) {
-        different_[item.number] = pair(item);
-        change(item.number, [&](Item& now) { now.due = this->now(); });
-      } else {
-        change(item.number, [&](Item& now) {
-          if (!now.there || now.there->version != there.version) return;
-          if (!now.agreed) {
-            now.agreed = there;
-          } else {
-            agreeOnContent(now, there);
-          }
-          now.agreedHere = here.version;
-          now.hash = *own;
-          now.due = this->now();
-        });
+        return true;
       }
+      const bool isEqual = *own == *other;
+      if (!isEqual) different_[item.number] = pair(item);
+      change(item.number, [&](Item& now) {
+        now.due = this->now();
+        // What was sent before is no version of somebody else's.
+        const bool isOwn = isEqual || (now.sent && now.sent->find(*other) != std::string::npos);
+        if (!isOwn || !now.there || now.there->version != there.version) return;
+        if (!now.agreed) {
+          now.agreed = there;
+        } else {
+          agreeOnContent(now, there);
+        }
+        now.agreedHere = isEqual ? std::optional(here.version) : std::nullopt;
+        now.hash = *other;
+        now.sent.reset();
+      });
       return true;
     });
     end(transfer);

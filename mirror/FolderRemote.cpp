@@ -308,6 +308,15 @@ class FolderRemote final : public Remote {
         ::fsync(directory->get()) != 0) {
       return errorOfNew(errno, directory->get(), name, "Cannot make", path);
     }
+    if (const auto made = mirror::openDirectoryBelow(directory->get(), name)) {
+      watch(path, made.get());
+      // What was put there before it was watched.
+      mirror::listDirectory(made.get(), [&](const std::string& entry) {
+        const std::lock_guard lock(mutex_);
+        changed_.insert(joined(path, entry));
+        return true;
+      });
+    }
     const auto item = itemAt(directory->get(), name);
     if (!item) return errorOf(errno, "Cannot look at", path);
     return *item;
@@ -331,6 +340,7 @@ class FolderRemote final : public Remote {
     ::fsync(source->get());
     const auto item = itemAt(goal->get(), toName);
     if (!item) return errorOf(errno, "Cannot look at", to);
+    if (!ifVersion) movedDirectory(from, to);
     // Somebody may have put another content under the new name already.
     if (ifVersion && item->version != *ifVersion) return changedError(to);
     return *item;
@@ -585,6 +595,15 @@ class FolderRemote final : public Remote {
     }
     const int number = watch.number();
     watches_.insert_or_assign(number, std::pair(path, std::move(watch)));
+  }
+
+  /// What is watched below goes on under its new path.
+  void movedDirectory(const std::string& from, const std::string& to) {
+    const std::lock_guard lock(mutex_);
+    for (auto& [number, watched] : watches_) {
+      std::string& path = watched.first;
+      if (path == from || path.starts_with(from + "/")) path.replace(0, from.size(), to);
+    }
   }
 
   /// Has the callback called at the next event, once. The mutex is held.

@@ -4,6 +4,7 @@
 #include "mirror/Items.h"
 
 #include <array>
+#include <utility>
 
 namespace docsource::mirror {
 namespace {
@@ -17,7 +18,8 @@ constexpr const char* schema =
     " agreedModified, agreedMode, agreedPlaceholder,"
     " thereParent, thereName, thereKind, thereIdentity, thereVersion, thereSize, thereModified,"
     " thereMode, therePlaceholder,"
-    " agreedHere, hash, due, tries, reason, pinned, wanted, movedOut, confirmed, conflictWith,"
+    " agreedHere, hash, sent, due, tries, reason, pinned, wanted, movedOut, confirmed, "
+    "conflictWith,"
     " conflictSince);"
     "CREATE INDEX IF NOT EXISTS itemHere ON item (hereParent, hereName)"
     " WHERE hereParent IS NOT NULL;"
@@ -87,7 +89,7 @@ Item Items::read(const Statement& row) {
     *node = readNode(row, at);
     at += nodeColumns;
   }
-  for (auto* text : {&item.agreedHere, &item.hash}) {
+  for (auto* text : {&item.agreedHere, &item.hash, &item.sent}) {
     if (!row.isNull(at)) *text = row.text(at);
     ++at;
   }
@@ -111,15 +113,21 @@ std::optional<Item> Items::load(ItemNumber number) {
 void Items::save(Item& item) {
   static const std::string values = [] {
     std::string text = "INSERT OR REPLACE INTO item VALUES (?";
-    for (int column = 0; column < 3 * nodeColumns + 11; ++column) text += ",?";
+    for (int column = 0; column < 3 * nodeColumns + 12; ++column) text += ",?";
     return text + ")";
   }();
+  settled_.erase(item.number);
   auto statement = database_.prepare(values);
   statement.bind(item.number == 0 ? std::nullopt : std::optional(item.number));
   bindNode(statement, item.here);
   bindNode(statement, item.agreed);
   bindNode(statement, item.there);
-  statement.bind(item.agreedHere).bind(item.hash).bind(item.due).bind(item.tries).bind(item.reason);
+  statement.bind(item.agreedHere)
+      .bind(item.hash)
+      .bind(item.sent)
+      .bind(item.due)
+      .bind(item.tries)
+      .bind(item.reason);
   for (const bool flag : {item.isPinned, item.isWanted, item.movedOut, item.isConfirmed}) {
     statement.bind(static_cast<std::int64_t>(flag));
   }
@@ -128,7 +136,19 @@ void Items::save(Item& item) {
   if (item.number == 0) item.number = database_.lastInsertedRow();
 }
 
+void Items::writeSettled() {
+  if (settled_.empty()) return;
+  Database::Transaction transaction(database_);
+  for (const ItemNumber number : std::exchange(settled_, {})) {
+    database_.prepare("UPDATE item SET due=NULL, reason=NULL, tries=0 WHERE number=?")
+        .bind(number)
+        .run();
+  }
+  transaction.commit();
+}
+
 void Items::erase(ItemNumber number) {
+  settled_.erase(number);
   database_.prepare("DELETE FROM item WHERE number=?").bind(number).run();
   database_.prepare("UPDATE item SET conflictWith=NULL WHERE conflictWith=?").bind(number).run();
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,8 @@ struct Item {
   std::optional<std::string> agreedHere;
   /// BLAKE2b of the agreed content; absent when it was never here.
   std::optional<std::string> hash;
+  /// The hashes, one behind the other, of contents that were sent there without an answer.
+  std::optional<std::string> sent;
 
   /// When it has to be looked at, in milliseconds of the engine's clock; absent when all is done.
   std::optional<std::int64_t> due;
@@ -96,6 +99,9 @@ class Items {
   /// Writes all of it; gives it a number when it has none.
   void save(Item& item);
   void erase(ItemNumber number);
+  /// Nothing is left to do with the item, unless it is saved again before writeSettled().
+  void settled(ItemNumber number) { settled_.insert(number); }
+  void writeSettled();
 
   std::optional<Item> at(Side side, const Place& place);
   /// Items of that identity; several only while files are being exchanged.
@@ -130,6 +136,7 @@ class Items {
   static Item read(const Statement& row);
 
   Database& database_;
+  std::set<ItemNumber> settled_;
 };
 
 }  // namespace docsource::mirror

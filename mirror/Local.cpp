@@ -86,6 +86,7 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   entry.names = status.stx_nlink;
   if (entry.kind != Kind::file) return entry;
   entry.size = static_cast<std::int64_t>(status.stx_size);
+  entry.hasBlocks = status.stx_blocks > 0;
   entry.version = std::to_string(entry.size) + ":" + std::to_string(entry.modified) + ":" +
                   std::to_string(nanoseconds(status.stx_ctime));
   std::array<char, 1024> mark{};
@@ -149,11 +150,18 @@ bool moveEntry(int from, const std::string& name, int to, const std::string& new
   return ::renameat2(from, name.c_str(), to, newName.c_str(), RENAME_NOREPLACE) == 0;
 }
 
-bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape) {
+std::optional<LocalEntry> makePlaceholder(int directory, const std::string& name,
+                                          const Placeholder::Shape& shape) {
   const qx::FileDescriptor made(::openat(directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
-  return made && ok(Placeholder(made.get()).reset(shape)) &&
-         ::linkat(AT_FDCWD, pathOf(made.get()).c_str(), directory, name.c_str(),
-                  AT_SYMLINK_FOLLOW) == 0;
+  const bool isMade = made && ok(Placeholder(made.get()).reset(shape)) &&
+                      ::linkat(AT_FDCWD, pathOf(made.get()).c_str(), directory, name.c_str(),
+                               AT_SYMLINK_FOLLOW) == 0;
+  auto entry = isMade ? lookAtFile(made.get()) : std::nullopt;
+  if (entry && entry->isHidden) {
+    entry->isPlaceholder = true;
+    entry->mode = shape.mode.value_or(0);
+  }
+  return entry;
 }
 
 bool syncFileSystem(int directory) { return ::syncfs(directory) == 0; }

@@ -28,6 +28,8 @@ struct LocalEntry {
   bool isPlaceholder = false;
   /// Nobody's to read, so that it is not known whether it is a placeholder.
   bool isHidden = false;
+  /// Whether the file system keeps anything of its content.
+  bool hasBlocks = false;
 };
 
 /// Of a descriptor, or of an entry; absent with errno set.
@@ -50,7 +52,8 @@ bool moveEntry(int from, const std::string& name, int to, const std::string& new
 using Announcement = Placeholder::Announcement;
 
 /// Makes a placeholder, which appears whole, and over nothing. On disk after syncFileSystem().
-bool makePlaceholder(int directory, const std::string& name, const Placeholder::Shape& shape);
+std::optional<LocalEntry> makePlaceholder(int directory, const std::string& name,
+                                          const Placeholder::Shape& shape);
 /// Everything that was done on the file system of the directory is on disk.
 bool syncFileSystem(int directory);
 

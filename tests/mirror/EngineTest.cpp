@@ -52,7 +52,7 @@ class EngineTest : public testing::Test {
     return text;
   }
 
-  qx::ManualClock& clock_ = *new qx::ManualClock;
+  qx::ManualClock& clock_ = newClock();
   Scratch scratch_;
   const std::string there_ = scratch_ / "there";
   std::unique_ptr<Machine> machine_;

@@ -48,7 +48,7 @@ std::string contents(const std::string& root) {
 /// Whether the fault came; not when there are fewer calls.
 bool tryWith(const Operation& operation, const std::string& mechanism, Fault fault, int at) {
   const Scratch scratch;
-  auto& clock = *new qx::ManualClock;
+  auto& clock = newClock();
   qx::Clock::setCurrent(clock);
   coordinate(scratch / "", mechanism);
   const auto there = scratch / "there";

@@ -19,6 +19,8 @@ class UnreliableRemote final : public Remote {
   unsigned lies = 0;
   bool hasIdentifiers = true;
   std::mt19937_64* random = nullptr;
+  /// Called when something was written there, before whoever wrote it is told.
+  std::function<void()> hasWritten;
   /// Has the mirror ask what has changed; the run decides when.
   std::function<void()> tell;
 
@@ -58,8 +60,11 @@ class UnreliableRemote final : public Remote {
   }
   Result<RemoteItem> write(const std::string& path, const std::optional<std::string>& ifVersion,
                            const RemoteAttributes& attributes, RemoteSource& source) override {
-    return tried<RemoteItem>(
-        [&] { return shown(remote_->write(path, ifVersion, attributes, source)); });
+    return tried<RemoteItem>([&] {
+      auto written = shown(remote_->write(path, ifVersion, attributes, source));
+      if (hasWritten) hasWritten();
+      return written;
+    });
   }
   Result<RemoteItem> makeDirectory(const std::string& path,
                                    const RemoteAttributes& attributes) override {
@@ -121,6 +126,7 @@ class Model {
   unsigned below(std::size_t limit) { return static_cast<unsigned>(random_() % limit); }
   bool chance(unsigned percent) { return below(100) < percent; }
 
+  const Side& anySide() { return sides_[isAlone_ ? 0 : below(sides_.size())]; }
   void act();
   bool work(Machine& machine);
   void interfere();
@@ -138,7 +144,10 @@ class Model {
   std::string compare();
   static std::string trees(Machine& machine);
   std::string rest();
-  void say(const std::string& line) { trace_.push_back(line); }
+  void say(const std::string& line) {
+    trace_.push_back(line);
+    if (getenv("MT")) fprintf(stderr, "%s\n", line.c_str());
+  }
   std::string relative(const std::string& path) const;
 
   Scratch scratch_;
@@ -152,6 +161,9 @@ class Model {
   int contents_ = 0;
   unsigned interference_ = 0;
   bool isCrashed_ = false;
+  /// Nobody changes anything but the one machine, which then has nobody to be in conflict with.
+  bool isAlone_ = false;
+  bool isMeanwhile_ = false;
   std::optional<unsigned> crashAfter_;
   int writing_ = -1;
   std::string writingPath_;

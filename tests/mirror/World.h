@@ -62,6 +62,12 @@ inline void save(const std::string& path, const std::string& text) {
   ::rename((path + ".new").c_str(), path.c_str());
 }
 
+/// A clock of a test's own, which threads that end late may still look at.
+inline qx::ManualClock& newClock() {
+  static auto& clocks = *new std::vector<std::unique_ptr<qx::ManualClock>>;
+  return *clocks.emplace_back(std::make_unique<qx::ManualClock>());
+}
+
 /// How the machine keeps programs from reading placeholders: "access", or "cooperative".
 inline void coordinate(const std::string& root, const std::string& mechanism) {
   ::setenv("DOCSOURCE_ROOT", root.c_str(), 1);
