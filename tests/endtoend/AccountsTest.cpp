@@ -97,9 +97,7 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
 INSTANTIATE_TEST_SUITE_P(, Accounts, testing::Values("access", "open", "cooperative"),
                          [](const auto& mode) { return std::string(mode.param); });
 
-// These two do not hold yet: a sync may end before everything has arrived, and a directory that was
-// made here is not watched at the origin. They are run by --gtest_also_run_disabled_tests.
-TEST_P(Accounts, DISABLED_DocumentsAreReadEditedAndCarriedBack) {
+TEST_P(Accounts, DocumentsAreReadEditedAndCarriedBack) {
   add();
   EXPECT_EQ(state("letter.txt"), "placeholder");
   EXPECT_EQ(fs::file_size(here("letter.txt")), letter_.size());
@@ -161,7 +159,7 @@ TEST_P(Accounts, AWorkTreeOfGitIsWholeOnBothSides) {
   EXPECT_EQ(ask("cd '" + there("work") + "' && git log --format=%s | tr -d '\\n'"), "321");
 }
 
-TEST_P(Accounts, DISABLED_NothingIsLostWhileEitherSideIsAway) {
+TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   // Not there at the start: the set-up waits for nobody, and what was there stays a placeholder.
   add();
   const std::string away = places_ / "away";

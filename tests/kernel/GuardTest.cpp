@@ -28,6 +28,11 @@ class GuardTest : public KernelTest {
     EXPECT_EQ(platformd_->end(SIGTERM), 0);
     start();
   }
+  /// Whether it waits for the platform: in state D of proc(5), as long as nobody answers.
+  static bool isHeldBack(const ChildProcess& reader) {
+    const auto status = readAll("/proc/" + std::to_string(reader.id()) + "/status");
+    return status.find("State:\tD") != std::string::npos;
+  }
   static std::size_t descriptorsOf(pid_t process) {
     std::size_t count = 0;
     std::error_code gone;
@@ -68,6 +73,9 @@ TEST_P(GuardTest, WhatWasAddedOnceIsGuardedWhoeverIsThere) {
   ChildProcess moved(reader("mmap", outside + "/moved"));
   ChildProcess wandering(reader("read", outside + "/wandering/document"));
   ChildProcess linked(reader("read", outside + "/link"));
+  for (const auto* each : {&removed, &moved, &wandering, &linked}) {
+    EXPECT_TRUE(eventually([&] { return isHeldBack(*each); }));
+  }
   // They come back to where somebody is.
   add("com.example.next");
   EXPECT_EQ(removed.readLine(), "right");
