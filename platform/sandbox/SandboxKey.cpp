@@ -104,8 +104,9 @@ std::optional<SandboxKey> SandboxKeyStore::readKey() const {
            text ? posixError(EINVAL, "It has the wrong size") : text.error());
     return std::nullopt;
   }
-  std::copy((*text)->begin(), (*text)->end(), key.begin());
-  sodium_memzero((*text)->data(), (*text)->size());
+  std::string& bytes = **text;
+  std::copy(bytes.begin(), bytes.end(), key.begin());
+  sodium_memzero(bytes.data(), bytes.size());
   return key;
 }
 
