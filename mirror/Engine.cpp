@@ -208,6 +208,12 @@ bool Engine::step() {
   return guarded([&] {
     if (isClosed_) return false;
     if (std::exchange(shallTryAgain_, false)) troubleUntil_ = 0;
+    if (now() >= lookHereAt_) {
+      constexpr std::int64_t many = 10'000;
+      const auto times = 1 + items_->count("1") / many;
+      if (lookHereAt_ != 0) here_.directories.emplace_back(rootItem, true);
+      lookHereAt_ = now() + times * options_.lookThroughHere.count();
+    }
     bool hasDone = observeHere(lock);
     hasDone = observeThere(lock) || hasDone;
     hasDone = settleDue(lock) || hasDone;
@@ -223,7 +229,7 @@ std::optional<std::int64_t> Engine::idleFor() {
   return guarded([&]() -> std::optional<std::int64_t> {
     auto next = items_->nextDue(heldBack());
     const auto look = isInTrouble() ? troubleUntil_ : shallLookThere_ ? now() : lookThereAt_;
-    next = std::min(next.value_or(look), look);
+    next = std::min({next.value_or(look), look, lookHereAt_});
     return std::max<std::int64_t>(*next - now(), 0);
   });
 }
@@ -239,6 +245,12 @@ Result<Item> Engine::find(Lock& lock, const std::string& path) {
     const auto named = items_->withIdentity(Side::here, entry->identity);
     const auto first = std::find_if(named.begin(), named.end(),
                                     [](const Item& item) { return item.here->kind != Kind::link; });
+    // Written without anybody's being told.
+    if (first != named.end() && !entry->isPlaceholder && first->here->kind == Kind::file &&
+        first->here->version != entry->version && !isBusy(first->number)) {
+      lookAgain(Side::here, first->here->place);
+      wake_();
+    }
     // Also when its file was exchanged for another that is not known yet.
     if (first != named.end() && (isLast || absolute(Side::here, first->number) == real))
       return *first;

@@ -256,6 +256,7 @@ class Engine {
   Observation here_;
   Observation there_;
 
+  std::int64_t lookHereAt_ = 0;
   std::int64_t lookThereAt_ = 0;
   std::atomic<bool> isToldOfChanges_ = false;
   std::atomic<bool> shallLookThere_ = true;

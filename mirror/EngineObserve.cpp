@@ -55,7 +55,8 @@ Node Engine::nodeHere(Place place, const LocalEntry& entry) const {
   node.size = entry.size;
   node.mode = entry.mode;
   node.isPlaceholder = entry.isPlaceholder;
-  if (node.kind == Kind::file) node.modified = entry.modified;
+  // While content is being brought in, the time is that of the last piece.
+  if (node.kind == Kind::file && !entry.isProviding) node.modified = entry.modified;
   return node;
 }
 

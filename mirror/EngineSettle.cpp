@@ -776,7 +776,9 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
     }
     return upload(lock, item);
   }
-  if (isChangedThere) return refresh(item);
+  // Filled by who ended before it was.
+  const bool isCutOff = item.here->isPlaceholder && !item.here->modified;
+  if (isChangedThere || isCutOff) return refresh(item);
   if (item.here->isPlaceholder && (item.isWanted || isPinned(item))) return download(lock, item);
   return attributes(lock, std::move(item));
 }
@@ -824,8 +826,8 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
   if (able.modes && here.mode != item.agreed->mode) {
     wanted.mode = static_cast<unsigned>(*here.mode);
   }
-  if (able.modificationTimes && here.kind == Kind::file && !here.isPlaceholder &&
-      here.modified != item.agreed->modified) {
+  const bool hasTime = here.kind == Kind::file && here.modified && item.agreed->modified;
+  if (able.modificationTimes && hasTime && here.modified != item.agreed->modified) {
     wanted.modified = attributesOf(here).modified;
   }
   if (!wanted.mode && !wanted.modified) return Outcome::done;

@@ -100,6 +100,7 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
     const std::string_view text(mark.data(), static_cast<std::size_t>(size));
     entry.isPlaceholder = counts(text, status, inode);
     if (entry.isPlaceholder) entry.mode = modeIn(text).value_or(entry.mode);
+    entry.isProviding = entry.isPlaceholder && text.starts_with("providing ");
   } else if (errno == EACCES) {
     entry.isHidden = true;
   } else if (errno != ENODATA && errno != EOPNOTSUPP) {

@@ -26,6 +26,8 @@ struct LocalEntry {
   /// Of a placeholder, the document's.
   std::int64_t mode = 0;
   bool isPlaceholder = false;
+  /// A placeholder that is being filled, or was when whoever filled it ended.
+  bool isProviding = false;
   /// Nobody's to read, so that it is not known whether it is a placeholder.
   bool isHidden = false;
   /// Whether the file system keeps anything of its content.

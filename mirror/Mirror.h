@@ -26,6 +26,9 @@ struct MirrorOptions {
   std::chrono::milliseconds rest{2000};
   /// A document that some program has open for writing rests longer.
   std::chrono::milliseconds restWhileOpen{60000};
+  /// How often what is here is looked through, since nobody tells of what is written through a name
+  /// outside of the storage or through a mapping; less often with more than ten thousand items.
+  std::chrono::milliseconds lookThroughHere{100000};
   /// How often a remote is looked through that cannot tell what changed.
   std::chrono::milliseconds lookThrough{45000};
   /// Uploads and downloads that the mirror begins itself, at a time. Downloads that somebody waits
