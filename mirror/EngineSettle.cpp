@@ -580,7 +580,10 @@ std::optional<Engine::Outcome> Engine::askAgain(Lock& lock, const Item& item) {
   const auto parent = items_->path(Side::there, agreed.parent);
   if (!parent) {
     if (isInTrouble() || !hasLookedThere_) return waitFor(item.number, firstRetry);
-    return std::nullopt;
+    const auto above = items_->load(agreed.parent);
+    const bool isGoneToo = above && above->agreed && !above->there;
+    const auto outcome = isGoneToo ? askAgain(lock, *above) : std::nullopt;
+    return outcome == Outcome::later ? waitFor(item.number, firstRetry) : outcome;
   }
   const auto found = remotely(lock, [&] { return remote_.look(joined(*parent, agreed.name)); });
   if (!found && remoteProblemOf(found.error()) != RemoteProblem::notFound) {
