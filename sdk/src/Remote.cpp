@@ -14,6 +14,7 @@ constexpr const char* retryAfterKey = "retryAfter";
 RemoteSource::~RemoteSource() = default;
 Remote::~Remote() = default;
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): those that can tell keep it.
 bool Remote::notifyOfChanges(std::function<void()>) { return false; }
 
 Error remoteError(RemoteProblem problem, std::string description,
