@@ -61,7 +61,7 @@ struct Directories {
   std::string runtime;
   std::optional<std::string> machineRuntime;
   std::optional<std::string> machineState;
-  std::string machineBundles;
+  std::vector<std::string> machineBundles;
 
   Directories() {
     if (rootOverride) {
@@ -77,13 +77,14 @@ struct Directories {
       const std::string machine = normalised(*machineOverride);
       machineRuntime = machine + "/run";
       machineState = machine + "/state";
-      machineBundles = machine + "/lib";
-    } else {
-      machineBundles = bundlesBesideProgram();
-      if (!rootOverride) {
-        machineRuntime = "/run/docsource";
-        machineState = "/var/lib/docsource";
-      }
+      machineBundles.push_back(machine + "/lib");
+    } else if (!rootOverride) {
+      machineRuntime = "/run/docsource";
+      machineState = "/var/lib/docsource";
+    }
+    if (auto beside = bundlesBesideProgram();
+        machineBundles.empty() || machineBundles.front() != beside) {
+      machineBundles.push_back(std::move(beside));
     }
   }
 };
@@ -132,7 +133,7 @@ const std::optional<std::string>& rootOverride() { return directories().rootOver
 const std::optional<std::string>& machineOverride() { return directories().machineOverride; }
 const std::optional<std::string>& machineRuntimeDirectory() { return directories().machineRuntime; }
 const std::optional<std::string>& machineState() { return directories().machineState; }
-const std::string& machineBundles() { return directories().machineBundles; }
+const std::vector<std::string>& machineBundles() { return directories().machineBundles; }
 
 bool servesMachine() { return ::geteuid() == 0 && machineRuntimeDirectory().has_value(); }
 

@@ -18,7 +18,8 @@
 /// | bundles that come with the programs | lib/docsource beside the bin of this program |
 ///
 /// DOCSOURCE_MACHINE names a directory that stands for the machine: "run", "state" and "lib" in it
-/// take the places of the last three. DOCSOURCE_ROOT makes a world of its own for one user: it is
+/// take the places of the last three, and the bundles that come with the programs count after those
+/// in "lib". DOCSOURCE_ROOT makes a world of its own for one user: it is
 /// the root, the runtime directory is "run" in it, and of the machine only the bundles count,
 /// unless DOCSOURCE_MACHINE is set too.
 ///
@@ -35,9 +36,10 @@ const std::optional<std::string>& machineOverride();
 /// Absent in a world of its own.
 const std::optional<std::string>& machineRuntimeDirectory();
 const std::optional<std::string>& machineState();
-/// Holds the machine's Applications and Extensions. Programs that stand in libexec/docsource, and
-/// not in bin, find it too.
-const std::string& machineBundles();
+/// Each holds Applications and Extensions of the machine; what is in the first goes before what is
+/// in the second, where there is one. Programs that stand in libexec/docsource, and not in bin, find
+/// them too.
+const std::vector<std::string>& machineBundles();
 
 /// Whom platformd serves when this process is it: everybody, as root outside of a world of its own;
 /// else the user that it runs as, or, for root, whose the runtime directory is.

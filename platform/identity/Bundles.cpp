@@ -123,10 +123,9 @@ struct Entry {
 };
 
 struct Folder {
-  Folder(BundleKind itsKind, BundleStanding itsStanding, Inotify& inotify)
-      : kind(itsKind),
-        standing(itsStanding),
-        place(inotify, bundleFolder(itsKind, itsStanding), changeMask) {}
+  Folder(BundleKind itsKind, BundleStanding itsStanding, std::size_t itsRank,
+         const std::string& path, Inotify& inotify)
+      : kind(itsKind), standing(itsStanding), rank(itsRank), place(inotify, path, changeMask) {}
 
   bool mayHold(const std::string& name) const {
     const auto suffix = bundleSuffix(kind);
@@ -135,11 +134,29 @@ struct Folder {
 
   BundleKind kind;
   BundleStanding standing;
+  /// What is in a folder of a lower one goes before what is here.
+  std::size_t rank;
   WatchedPath place;
   /// In byte order.
   std::map<std::string, Entry> entries;
   std::map<FileIdentity, std::vector<const Entry*>> byExecutable;
 };
+
+/// In the order of their ranks.
+std::deque<Folder> allFolders(Inotify& inotify) {
+  constexpr std::array kinds{BundleKind::application, BundleKind::extension};
+  std::deque<Folder> folders;
+  std::size_t rank = 0;
+  for (const auto standing : {BundleStanding::machine, BundleStanding::user}) {
+    const auto count = bundleFolders(kinds.front(), standing).size();
+    for (std::size_t i = 0; i < count; ++i, ++rank) {
+      for (const auto kind : kinds) {
+        folders.emplace_back(kind, standing, rank, bundleFolders(kind, standing)[i], inotify);
+      }
+    }
+  }
+  return folders;
+}
 
 /// Threads that read bundles: as many as there are bundles to read, up to a limit, since each may
 /// be held up for ever.
@@ -655,24 +672,31 @@ class WatchingCatalog final : public BundleCatalog {
 
   void index() {
     for (auto& bundles : good_) bundles.clear();
-    std::set<std::string> identifiers;
-    std::set<FileIdentity> executables;
+    // Those of the machine, and the rank of the first that has them.
+    std::map<std::string, std::size_t> identifiers;
+    std::map<FileIdentity, std::size_t> executables;
+    const auto isTaken = [](const auto& all, const auto& which, std::size_t rank) {
+      const auto found = all.find(which);
+      return found != all.end() && found->second < rank;
+    };
     for (auto& folder : folders_) {
       folder.byExecutable.clear();
       for (auto& [name, entry] : folder.entries) {
         if (!entry.bundle) continue;
-        if (folder.standing == BundleStanding::machine) {
-          identifiers.insert(entry.bundle->identifier);
-          executables.insert(*entry.executable);
-        } else if (identifiers.contains(entry.bundle->identifier)) {
+        if (isTaken(identifiers, entry.bundle->identifier, folder.rank)) {
           complain(entry.refusal, entry.bundle->path,
                    "A bundle of the machine has its identifier.");
           continue;
-        } else if (folder.kind == BundleKind::application &&
-                   executables.contains(*entry.executable)) {
+        }
+        if (folder.kind == BundleKind::application &&
+            isTaken(executables, *entry.executable, folder.rank)) {
           complain(entry.refusal, entry.bundle->path,
                    "A bundle of the machine has its executable.");
           continue;
+        }
+        if (folder.standing == BundleStanding::machine) {
+          identifiers.try_emplace(entry.bundle->identifier, folder.rank);
+          executables.try_emplace(*entry.executable, folder.rank);
         }
         entry.refusal.clear();
         good(folder.kind).push_back(entry.bundle);
@@ -685,10 +709,7 @@ class WatchingCatalog final : public BundleCatalog {
   std::condition_variable readingEnded_;
   Inotify inotify_;
   /// Those of the machine first, as index() wants it.
-  std::array<Folder, 4> folders_{Folder(BundleKind::application, BundleStanding::machine, inotify_),
-                                 Folder(BundleKind::extension, BundleStanding::machine, inotify_),
-                                 Folder(BundleKind::application, BundleStanding::user, inotify_),
-                                 Folder(BundleKind::extension, BundleStanding::user, inotify_)};
+  std::deque<Folder> folders_ = allFolders(inotify_);
   std::array<std::vector<std::shared_ptr<const Bundle>>, 2> good_;
   /// How many readings questions wait for.
   unsigned awaited_ = 0;
@@ -724,12 +745,14 @@ bool isDaemon(const AuditToken& token) {
 
 }  // namespace
 
-std::string bundleFolder(BundleKind kind, BundleStanding standing) {
+std::vector<std::string> bundleFolders(BundleKind kind, BundleStanding standing) {
   const bool isApplication = kind == BundleKind::application;
-  if (standing == BundleStanding::machine) {
-    return Places::machineBundles() + (isApplication ? "/Applications" : "/Extensions");
+  if (standing == BundleStanding::user) {
+    return {isApplication ? Places::applications() : Places::extensions()};
   }
-  return isApplication ? Places::applications() : Places::extensions();
+  auto folders = Places::machineBundles();
+  for (auto& folder : folders) folder += isApplication ? "/Applications" : "/Extensions";
+  return folders;
 }
 
 std::string_view bundleSuffix(BundleKind kind) {

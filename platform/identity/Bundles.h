@@ -15,8 +15,9 @@ enum class BundleKind { application, extension };
 /// Whose it is: it came with the programs of this machine, or its user installed it.
 enum class BundleStanding { machine, user };
 
-/// Where bundles of that kind and standing lie.
-std::string bundleFolder(BundleKind kind, BundleStanding standing);
+/// Where bundles of that kind and standing lie: one folder for a user, one or more for the machine,
+/// the one that goes before first.
+std::vector<std::string> bundleFolders(BundleKind kind, BundleStanding standing);
 /// What the names of their directories end in.
 std::string_view bundleSuffix(BundleKind kind);
 
@@ -48,7 +49,8 @@ Result<Bundle> readBundle(BundleKind kind, const std::string& path);
 /// broken bundle is skipped with one line in the log and looked at again when it changes.
 ///
 /// A bundle of the machine goes before one of the user: a user's bundle with its identifier, or an
-/// application with its executable, is skipped like a broken one.
+/// application with its executable, is skipped like a broken one. So is, of two folders of the
+/// machine, what comes second.
 ///
 /// Bundles are read on threads of their own, each as if it lay on a file system that does not
 /// answer. Questions wait for what changed, but not longer than a moment: a bundle that cannot be

@@ -27,6 +27,8 @@ using qx::BundleKind;
 using qx::BundleStanding;
 using qx::Dictionary;
 
+const char* const tool = "com.veltro.docsource.tool";
+
 /// Every test has an empty catalog to begin with.
 class BundleCatalogTest : public testing::Test {
  protected:
@@ -36,14 +38,17 @@ class BundleCatalogTest : public testing::Test {
     temporaryRoot();
     for (const auto kind : {BundleKind::application, BundleKind::extension}) {
       for (const auto standing : {BundleStanding::machine, BundleStanding::user}) {
-        fs::remove_all(qx::bundleFolder(kind, standing));
-        fs::create_directories(qx::bundleFolder(kind, standing));
+        fs::remove_all(folder(kind, standing));
+        fs::create_directories(folder(kind, standing));
       }
     }
   }
 
   static std::string machines(const std::string& name) {
-    return qx::bundleFolder(BundleKind::application, BundleStanding::machine) + "/" + name + ".app";
+    return folder(BundleKind::application, BundleStanding::machine) + "/" + name + ".app";
+  }
+  static std::string folder(BundleKind kind, BundleStanding standing) {
+    return qx::bundleFolders(kind, standing).front();
   }
 
   static std::string application(const std::string& name) {
@@ -56,7 +61,7 @@ class BundleCatalogTest : public testing::Test {
   static std::string identifiers(BundleKind kind = BundleKind::application) {
     std::string text;
     for (const auto& bundle : BundleCatalog::shared().bundles(kind)) {
-      text += bundle->identifier + " ";
+      if (bundle->identifier != tool) text += bundle->identifier + " ";
     }
     return text;
   }
@@ -293,6 +298,18 @@ TEST_F(BundleCatalogTest, ClaimsAreSettled) {
   EXPECT_EQ(identityOf(m), "nobody");
   fs::remove_all(machines("n"));
   EXPECT_EQ(identityOf(m), "com.example.one");
+
+  // The tool's came with this build; one beside the machine's state goes before it.
+  const auto pathOfTool = [] {
+    const auto bundle = BundleCatalog::shared().bundle(BundleKind::application, tool);
+    return bundle ? bundle->path : "none";
+  };
+  const std::string beside = pathOfTool();
+  EXPECT_TRUE(beside.ends_with("/lib/docsource/Applications/docsource.app")) << beside;
+  makeBundle(machines("tool"), tool);
+  EXPECT_EQ(pathOfTool(), machines("tool"));
+  fs::remove_all(machines("tool"));
+  EXPECT_EQ(pathOfTool(), beside);
 }
 
 /// In another mount namespace a file is the same file; in another user namespace nobody is anybody,

@@ -36,7 +36,9 @@ using qx::FileDescriptor;
 constexpr std::array kinds{BundleKind::application, BundleKind::extension};
 
 /// Where a user's bundles are put.
-std::string folderOf(BundleKind kind) { return qx::bundleFolder(kind, qx::BundleStanding::user); }
+std::string folderOf(BundleKind kind) {
+  return qx::bundleFolders(kind, qx::BundleStanding::user).front();
+}
 
 Error failure(const std::string& path, int errnum = errno) {
   return qx::fileError(errnum, qx::URL::fileURL(path));
@@ -223,18 +225,19 @@ qx::Result<std::string> placeFor(const Source& source, const std::string& identi
 }  // namespace
 
 std::vector<InstalledBundle> installedBundles(BundleKind kind, qx::BundleStanding standing) {
-  std::set<std::string> paths;
-  std::error_code failed;
-  for (fs::directory_iterator entry(qx::bundleFolder(kind, standing), failed), end;
-       !failed && entry != end; entry.increment(failed)) {
-    const auto name = entry->path().filename().string();
-    if (name.ends_with(qx::bundleSuffix(kind)) && !name.starts_with('.')) {
-      paths.insert(entry->path());
-    }
-  }
   std::vector<InstalledBundle> bundles;
-  bundles.reserve(paths.size());
-  for (const auto& path : paths) bundles.push_back({path, qx::readBundle(kind, path)});
+  for (const auto& folder : qx::bundleFolders(kind, standing)) {
+    std::set<std::string> paths;
+    std::error_code failed;
+    for (fs::directory_iterator entry(folder, failed), end; !failed && entry != end;
+         entry.increment(failed)) {
+      const auto name = entry->path().filename().string();
+      if (name.ends_with(qx::bundleSuffix(kind)) && !name.starts_with('.')) {
+        paths.insert(entry->path());
+      }
+    }
+    for (const auto& path : paths) bundles.push_back({path, qx::readBundle(kind, path)});
+  }
   return bundles;
 }
 
