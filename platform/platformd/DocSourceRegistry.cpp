@@ -145,6 +145,9 @@ DocSourceRegistry::SourcePointer DocSourceRegistry::ownerOf(const qx::URL& url,
     {
       std::lock_guard lock(mutex_);
       for (const auto& directory : *around) {
+        // What lies in another user's directory is not the owner's of one further up: not even its
+        // name is.
+        if (isForAllUsers_ && directory.owner != around->front().owner) break;
         const qx::FileIdentity identity{directory.device, directory.inode};
         for (const auto& [key, entry] : sources_) {
           if (entry.directory != identity) continue;

@@ -80,8 +80,12 @@ int accessCheck(const qx::AuditToken& process, std::string_view operation,
 int accessCheck(const qx::AuditToken& process, std::string_view operation, const std::string& path,
                 int directoriesUp) {
   const int errnum = accessCheck(process, operation, path);
-  // A placeholder that nobody guards has no permissions: its owner may have it provided.
-  if (errnum == EACCES && qx::kernel::isHiddenFile(path, process.effectiveUser())) return 0;
+  // A placeholder that nobody guards has no permissions: its owner may have it provided, where the
+  // process sees it.
+  if (errnum == EACCES && qx::kernel::isHiddenFile(path, process.effectiveUser()) &&
+      accessCheck(process, "file-read-metadata", path) == 0) {
+    return 0;
+  }
   if (errnum != ENOENT) return errnum;
   std::filesystem::path above = path;
   for (; directoriesUp > 0; --directoriesUp) {

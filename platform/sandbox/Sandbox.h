@@ -34,13 +34,14 @@ Result<FileDescriptor> consumeSandboxExtension(std::string_view token);
 
 }  // namespace qx
 
-/// Whether the process behind the token may perform `operation` ("file-read-data" or
-/// "file-write-data") on `path`: 0 when allowed, else an errno. Answered from the process's own
+/// Whether the process behind the token may perform `operation` ("file-read-data",
+/// "file-write-data", or "file-read-metadata" for what takes no permission of the file's own) on
+/// `path`: 0 when allowed, else an errno. Answered from the process's own
 /// point of view: the path is resolved inside its mount namespace without leaving it, must reach
 /// the same file as outside, on a mount that is not read-only for a write, and the permissions of
 /// the file and of the directories on the way must let the process's user, groups and capabilities
-/// do it. Nothing is allowed to the token of nobody or of a process that is gone. Any thread; may
-/// block on the file system.
+/// do it. Nothing is allowed to the token of nobody, of a process that is gone, or of one that has
+/// become another user or group since. Any thread; may block on the file system.
 int SandboxCheckByAuditToken(const qx::AuditToken& token, std::string_view operation,
                              qx::SandboxFilter filter, unsigned flags, const std::string& path);
 

@@ -29,6 +29,7 @@
 
 namespace {
 
+using qx::AuditToken;
 using qx::FileDescriptor;
 using qx::ProcessDirectory;
 
@@ -47,6 +48,10 @@ class Authority {
   }
 
   uid_t user() const { return credentials_.fileSystemUser; }
+  bool isOf(const AuditToken& token) const {
+    return credentials_.effectiveUser == token.effectiveUser() &&
+           credentials_.effectiveGroup == token.effectiveGroup();
+  }
 
   /// 0 or the errno, as inode_permission does it in the kernel.
   int check(const FileDescriptor& file, const struct stat& status, unsigned wanted) const {
@@ -299,9 +304,13 @@ int checkWritable(const FileDescriptor& file) {
   return 0;
 }
 
-int checkPath(const ProcessDirectory& process, unsigned wanted, const std::string& path) {
+int checkPath(const ProcessDirectory& process, const AuditToken& token, unsigned wanted,
+              const std::string& path) {
   auto authority = Authority::of(process);
   if (!authority) return ESRCH;
+  // Whoever connects and then executes a program that is set-user-ID or set-group-ID (execve(2)),
+  // with the socket in a child's hands, gets nothing by that program's rights.
+  if (!authority->isOf(token)) return EPERM;
   Walk walk(process, *authority);
   if (int failure = walk.to(path)) return failure;
 
@@ -318,17 +327,18 @@ int checkPath(const ProcessDirectory& process, unsigned wanted, const std::strin
 
 int SandboxCheckByAuditToken(const qx::AuditToken& token, std::string_view operation,
                              qx::SandboxFilter filter, unsigned, const std::string& path) {
-  unsigned wanted = 0;
+  std::optional<unsigned> wanted;
+  if (operation == "file-read-metadata") wanted = 0;
   if (operation == "file-read-data") wanted = reading;
   if (operation == "file-write-data") wanted = writing;
-  if (wanted == 0 || filter != qx::SandboxFilter::path || !path.starts_with('/') ||
+  if (!wanted || filter != qx::SandboxFilter::path || !path.starts_with('/') ||
       path.find('\0') != std::string::npos) {
     return EINVAL;
   }
   if (path.size() >= PATH_MAX) return ENAMETOOLONG;
   auto process = ProcessDirectory::open(token);
   if (!process) return ESRCH;
-  int answer = checkPath(*process, wanted, path);
+  int answer = checkPath(*process, token, *wanted, path);
   // What was read belonged to the process only if it is there to the end.
   return process->isRunning() ? answer : ESRCH;
 }

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <array>
 
 #include "platform/base/Errors.h"
 #include "platform/base/Text.h"
@@ -134,6 +135,72 @@ TEST_F(MachineTest, NobodyHostsTheDirectoryOfAnother) {
             0);
   EXPECT_EQ(platform_->count("user " + std::to_string(mallory().number())), 1U)
       << "one doc source was ever coordinated for the other user";
+}
+
+/// Lets others reach what is in a user's storage.
+void openTheWayTo(const MachineUser& user) {
+  for (fs::path path = user.storage(); path.string().size() >= user.root().size();
+       path = path.parent_path()) {
+    fs::permissions(path, fs::perms(0755));
+  }
+}
+
+TEST_F(MachineTest, NobodyGainsBySetUserIDProgramsOrSharedDirectories) {
+  alice().start();
+  mallory().start();
+  openTheWayTo(alice());
+  openTheWayTo(mallory());
+  const std::string plan = alice().document("plan"), program = machine_ / "set-uid";
+  chmod(plan.c_str(), 0600);
+  fs::copy_file("/bin/cat", program);
+  chmod(program.c_str(), 04755);
+  // The process that connected executes a program of root's; its child has the socket.
+  EXPECT_EQ(mallory().run([&] {
+    Wire wire = connectTo(coordinationService);
+    const auto succeeds = [&](const char* operation) {
+      return wire.call(operation, {URL::fileURL(plan)}).outcome() == "success";
+    };
+    if (succeeds(coordinateReading) || succeeds(finishedWriting)) return 1;
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0) return 2;
+    const pid_t process = getpid();
+    if (fork() == 0) {
+      close(ends[0]);
+      const bool isRoot = eventually([&] {
+        struct stat status;
+        const std::string directory = "/proc/" + std::to_string(process);
+        return stat(directory.c_str(), &status) == 0 && status.st_uid == 0;
+      });
+      std::ofstream(mallory().root() + "/found")
+          << isRoot << succeeds(coordinateReading) << succeeds(finishedWriting) << std::endl;
+      _exit(0);
+    }
+    close(ends[1]);
+    dup2(ends[0], STDIN_FILENO);  // until the child has ended
+    execl(program.c_str(), program.c_str(), nullptr);
+    return 3;
+  }),
+            0);
+  EXPECT_EQ(*FileManager::readFile(mallory().root() + "/found"), "100\n");
+
+  // In a tree of one user's there is a directory of another's.
+  const std::string theirs = mallory().storage() + "/alice's";
+  fs::create_directory(theirs);
+  alice().give(theirs);
+  chmod(theirs.c_str(), 0700);
+  EXPECT_EQ(alice().run([&] {
+    Wire wire = connectTo(coordinationService);
+    for (const char* operation : {coordinateReading, finishedWriting}) {
+      std::ofstream(theirs + "/secret") << "alice's";
+      if (wire.call(operation, {URL::fileURL(theirs + "/secret")}).outcome() != "success") return 1;
+    }
+    // What is mallory's is asked for, and after that nothing else is on its way.
+    const auto url = URL::fileURL(mallory().document("letter"));
+    return wire.call(coordinateReading, {url}).outcome() == "success" ? 0 : 2;
+  }),
+            0);
+  EXPECT_TRUE(mallory().daemon().logs("/letter"));
+  EXPECT_EQ(mallory().daemon().count("/secret"), 0U);
 }
 
 TEST_F(MachineTest, AKeyOpensWhatItsUserMayOpenAndNothingElse) {
