@@ -205,6 +205,48 @@ TEST_F(SandboxedApplication, RedeemsReadsAndWritesWhatItWasGranted) {
   EXPECT_EQ(handed.ask("redeem\t" + arguments.substr(0, arguments.find(' '))), "content of B");
 }
 
+TEST_F(SandboxedApplication, HasNoTokenLeftAfterARevocation) {
+  install(app);
+  install(other);
+  ChildProcess sandboxed(command(app));
+  const auto bookmark = grant("A.txt", app), others = grant("A.txt", other);
+  const auto granted = resolve(sandboxed, bookmark);
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "content of A");
+  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.siblingToken), "beside A");
+  EXPECT_EQ(grantor_.connect("com.veltro.DocSource.Grants")
+                .call("revokeItemWithID:ofProviderID:forConsumerID:completion:", {"item/a", p, app})
+                .outcome(),
+            "success");
+  const auto nothingIsLeft = [&] {
+    EXPECT_EQ(sandboxed.ask("resolve\t" + bookmark), "error DSErrorDomain 3");
+    for (const auto& token : {granted.token, granted.siblingToken}) {
+      EXPECT_EQ(sandboxed.ask("redeem\t" + token), "error QXPOSIXErrorDomain 74");
+      EXPECT_EQ(grantor_.connect(sandboxService)
+                    .call(consumeExtension, {Bytes(token.begin(), token.end())})
+                    .outcome(),
+                "QXPOSIXErrorDomain 74");
+    }
+  };
+  nothingIsLeft();
+  // Saved anew, under its name and under another: neither is what the token was for.
+  const std::string document = provider_.document("A.txt");
+  fs::rename(document, document + ".moved");
+  write(document, "another");
+  nothingIsLeft();
+  fs::rename(document + ".moved", document);
+  EXPECT_EQ(platform_->end(SIGKILL), -SIGKILL);
+  ASSERT_TRUE(installation_.becomesUnserved(sandboxService));
+  startPlatform();
+  nothingIsLeft();
+  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
+  start();
+  ASSERT_TRUE(isRegistered(provider_));
+  nothingIsLeft();
+  // Who still has a grant resolves the bookmark anew.
+  ChildProcess stillGranted(command(other));
+  EXPECT_EQ(stillGranted.ask("redeem\t" + resolve(stillGranted, others).token), "content of A");
+}
+
 TEST_F(SandboxedApplication, GetsNothingWithoutAGrantOrByAFalseToken) {
   install(app);
   install(other);
