@@ -53,7 +53,8 @@ EventChannel::State EventChannel::receive(Received& received) const {
     count = recvmsg(socket_.get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (count < 0 && errno == EINTR);
   if (count < 0 && errno == EAGAIN) return State::nothing;
-  if (count != sizeof received.message) return State::ended;
+  const bool isCut = (header.msg_flags & MSG_TRUNC) != 0;
+  if (count != sizeof received.message || isCut) return State::ended;
   received.descriptor.reset();
   const cmsghdr* rights = CMSG_FIRSTHDR(&header);
   if (rights && rights->cmsg_level == SOL_SOCKET && rights->cmsg_type == SCM_RIGHTS) {

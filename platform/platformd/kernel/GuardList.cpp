@@ -43,6 +43,7 @@ std::string escaped(std::string_view path) {
 std::optional<std::string> unescaped(std::string_view text) {
   std::string path;
   for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '\0') return std::nullopt;
     if (text[at] != '%') {
       path += text[at];
       continue;
