@@ -1,15 +1,18 @@
-// What the guard of placeholders reads: its own list, the lists of programs that users write, and
-// the messages between its two processes. The first byte says which.
+// What the guard of placeholders reads: its own list, line by line and whole, the lists of programs
+// that users write, and the messages between its two processes. The first byte says which.
 
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <array>
+#include <fstream>
 #include <string>
 
 #include "fuzz/Fuzz.h"
 #include "platform/platformd/kernel/EventChannel.h"
 #include "platform/platformd/kernel/GuardList.h"
 #include "platform/platformd/kernel/Programs.h"
+#include "tests/support/TemporaryDirectory.h"
 
 using namespace qx;
 using fuzz::require;
@@ -26,6 +29,23 @@ void readEntry(std::string_view line) {
   const std::string text = kernel::textOf(*guarded);
   require(text.find('\n') == std::string::npos, "an entry is one line");
   require(kernel::parseGuarded(text) == guarded, "an entry is read as it was written");
+}
+
+/// Every line that says something is kept, whatever stands around it and whatever is added.
+void readList(std::string_view text) {
+  static const auto& directory = *new test::TemporaryDirectory;
+  const auto list = [] {
+    return kernel::GuardList(
+        FileDescriptor(open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  };
+  std::ofstream(directory / "guarded", std::ofstream::binary) << text;
+  kernel::GuardList read = list();
+  auto expected = read.all();
+  require(list().all() == expected, "the same list is read again");
+  const auto own = kernel::parseGuarded("tree 4294967294 - /added");
+  if (!read.add(*own)) return;
+  expected.insert(*own);
+  require(list().all() == expected, "what is added is added to the rest");
 }
 
 void readPrograms(std::string_view text) {
@@ -59,10 +79,11 @@ void receive(std::string_view bytes) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::muteLog();
   fuzz::Input input(data, size);
-  const auto kind = input.byte() % 3;
+  const auto kind = input.byte() % 4;
   const auto text = fuzz::textOf(input.rest());
   if (kind == 0) readEntry(text);
   if (kind == 1) readPrograms(text);
   if (kind == 2) receive(text);
+  if (kind == 3) readList(text);
   return 0;
 }

@@ -214,6 +214,19 @@ void addGuarding() {
       {"# mine\nwhole-file tar\nnever-provide  indexer # it looks into everything\n\nsenseless",
        "whole-file a/b\nnever-provide"});
   add("guarding", '\2' + std::string(24, '\0'));
+  add("guarding", "\3",
+      {"tree 1000 - /a\nsenseless\nmoved 7 0102030405060708:1:0a0b /b\n", "tree 1000 - /a\n\n"});
+}
+
+void addSandboxes() {
+  using namespace std::string_literals;
+  // The right key and one that is too short; what was taken back by path and by file.
+  for (const char* list : {"0\n", "5\n7 0 0 /document\n9 2 3 /a%20b\n", "5\n7 0 0\n"}) {
+    add("sandbox", "\0\4\4\1\1"s + list);
+    add("sandbox", "\0\4\4\0\6secret\1"s + list);
+    add("sandbox", "\1\2\3\0\x08\0\1a\1"s + list);
+  }
+  add("sandbox", "\2", {"com.example.app\n", "a", "\n", "a\nb\n"});
 }
 
 }  // namespace
@@ -234,6 +247,7 @@ int main(int count, char** arguments) try {
   addBundles();
   addGrants();
   addGuarding();
+  addSandboxes();
   return 0;
 } catch (const std::exception& failure) {
   std::fprintf(stderr, "fuzz-seeds: %s\n", failure.what());
