@@ -203,6 +203,24 @@ TEST_F(MachineTest, NobodyGainsBySetUserIDProgramsOrSharedDirectories) {
   EXPECT_EQ(mallory().daemon().count("/secret"), 0U);
 }
 
+TEST_F(MachineTest, APlaceholderInAnothersTreeIsReadWhenItIsBackAndNeverAsZeros) {
+  if (!coordinatesEverybody()) GTEST_SKIP() << "needs CAP_SYS_ADMIN, to keep readers waiting";
+  alice().start();
+  mallory().start();
+  openTheWayTo(mallory());
+  fs::permissions(mallory().storage(), fs::perms(0777));
+  const std::string here = alice().document("plan"), there = mallory().document("alice's");
+  fs::rename(here, there);
+  ChildProcess reader(asUser(alice().number(), {"cat", there}));
+  EXPECT_TRUE(eventually([&] {
+    const auto place = FileManager::readFile("/proc/" + std::to_string(reader.id()) + "/wchan");
+    return place && place->starts_with("fanotify");
+  }));
+  fs::rename(there, here);
+  EXPECT_EQ(reader.readLine() + "\n", alice().content("plan"));
+  EXPECT_EQ(mallory().daemon().count("alice's"), 0U);
+}
+
 TEST_F(MachineTest, AKeyOpensWhatItsUserMayOpenAndNothingElse) {
   alice().start();
   mallory().start();

@@ -332,7 +332,8 @@ void GuardedTrees::wasMoved(const FileHandle& what) {
   struct stat status;
   if (!file || fstat(file.get(), &status) != 0 || status.st_nlink == 0) return;
   const auto path = pathOf(file.get());
-  if (path && placeOf(*path) && S_ISDIR(status.st_mode)) return;
+  const auto place = path ? placeOf(*path) : std::nullopt;
+  if (place && place->owner == status.st_uid && S_ISDIR(status.st_mode)) return;
   std::size_t placeholders = 0;
   if (S_ISDIR(status.st_mode)) {
     const FileDescriptor directory = reopen(file.get(), O_RDONLY | O_DIRECTORY);
@@ -397,6 +398,8 @@ std::optional<GuardedTrees::Place> GuardedTrees::verified(const std::optional<st
   if (!file || fstat(file.get(), &status) != 0 || identityOf(status) != identity) {
     return std::nullopt;
   }
+  // What somebody else put into a tree is not the tree's.
+  if (status.st_uid != place->owner) return std::nullopt;
   return place;
 }
 
