@@ -20,10 +20,6 @@ using Errors = Mailbox<Error>;
 
 std::vector<std::uint8_t> bytesOf(const std::string& hex) { return *qx::hexDecode(hex); }
 
-void joinTo(std::vector<std::uint8_t>& all, const std::vector<std::uint8_t>& more) {
-  all.insert(all.end(), more.begin(), more.end());
-}
-
 /// A reply, or a failure, with one value.
 std::vector<std::uint8_t> answer(std::int64_t kind, std::int64_t id, const Value& value) {
   Encoder message;
@@ -88,15 +84,6 @@ TEST(BadPeer, HearsOfUnknownOperationsAndWrongArgumentsAndMayGoOn) {
   EXPECT_EQ(failureOf("listCompletion:", with(text)), 2);
   EXPECT_TRUE(served.object->echoed.all().empty());
   EXPECT_TRUE(echoes(served.peer));
-}
-
-TEST(BadPeer, SpeaksOneByteAtATimeAndIsUnderstood) {
-  Served served = Served::make();
-  auto frames = echoCall(1, "first");
-  joinTo(frames, echoCall(2, "second"));
-  for (std::uint8_t byte : frames) ASSERT_TRUE(served.peer.sendBytes({&byte, 1}));
-  EXPECT_EQ(served.peer.readMessage()->first, Value("first"));
-  EXPECT_EQ(served.peer.readMessage()->first, Value("second"));
 }
 
 TEST(Caller, GetsEachReplyThatDoesNotMatchAsErrorThree) {
