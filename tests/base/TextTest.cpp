@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/base/UUID.h"
-
 namespace {
 
 using qx::base64Decode;
@@ -52,19 +50,6 @@ TEST(TextTest, Base64AgreesWithItsRFC) {
     EXPECT_FALSE(base64Decode(text)) << text;
   }
   EXPECT_FALSE(base64Decode(std::string_view("Zm9\0", 4)));
-}
-
-TEST(UUIDTest, TextAndBytesBelongTogether) {
-  const auto uuid = qx::UUID::parse("00112233-4455-6677-8899-aabbCCddeeff");
-  ASSERT_TRUE(uuid);
-  EXPECT_EQ(uuid->bytes[15], 0xff);
-  EXPECT_EQ(uuid->text(), "00112233-4455-6677-8899-AABBCCDDEEFF");
-  for (const char* text :
-       {"", "00112233445566778899aabbccddeeff", "00112233-4455-6677-8899-aabbccddeef",
-        "00112233-4455-6677-8899-aabbccddeefff", "00112233-4455-6677-88990aabbccddeeff",
-        "0011223-34455-6677-8899-aabbccddeeff", "g0112233-4455-6677-8899-aabbccddeeff"}) {
-    EXPECT_FALSE(qx::UUID::parse(text)) << text;
-  }
 }
 
 }  // namespace

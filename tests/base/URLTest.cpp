@@ -52,16 +52,4 @@ TEST(URLTest, AFileURLGivesItsPathBack) {
   EXPECT_EQ(URL::fileURL("/", true).absoluteString(), "file:///");
 }
 
-TEST(URLTest, ComponentsAreAppendedToThePath) {
-  const auto append = [](const char* text, const char* component, bool isDirectory) {
-    return URL(text)
-        .URLByAppendingPathComponent_isDirectory(component, isDirectory)
-        .absoluteString();
-  };
-  EXPECT_EQ(append("file:///dir", "100% sure?", false), "file:///dir/100%25%20sure%3F");
-  EXPECT_EQ(append("file:///dir/", "sub", true), "file:///dir/sub/");
-  EXPECT_EQ(append("file:///dir/", "sub/", true), "file:///dir/sub/");
-  EXPECT_EQ(append("file:///dir?q/x#f", "a", false), "file:///dir/a?q/x#f");
-}
-
 }  // namespace
