@@ -7,11 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "platform/base/Errors.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -117,28 +115,6 @@ TEST(ReplaceFileTest, AKilledWriterLeavesNothing) {
   EXPECT_EQ(entryCount(directory.path()), 1u);
 }
 
-TEST(ReplaceFileTest, ReadersSeeOneContentOrTheOther) {
-  TemporaryDirectory directory;
-  const std::string path = directory / "file";
-  const std::string contents[] = {std::string(200'000, 'a'), std::string(150'000, 'b')};
-  ASSERT_EQ(FileManager::replaceFile(path, contents[0]), std::nullopt);
-  std::atomic<bool> done = false;
-  std::atomic<int> reads = 0;
-  std::thread reader([&] {
-    while (!done) {
-      const std::string content = contentOf(path);
-      EXPECT_TRUE(content == contents[0] || content == contents[1]) << content.size();
-      ++reads;
-    }
-  });
-  for (unsigned i = 0; i < 60 || reads < 10; ++i) {
-    EXPECT_EQ(FileManager::replaceFile(path, contents[i % 2]), std::nullopt);
-  }
-  done = true;
-  reader.join();
-  EXPECT_EQ(entryCount(directory.path()), 1u);
-}
-
 TEST(FileManagerTest, DirectoriesAreMadeWithTheirParentsAndRemovedAsTrees) {
   TemporaryDirectory directory;
   EXPECT_EQ(FileManager::createDirectory(directory / "a/b//c/"), std::nullopt);
@@ -162,28 +138,6 @@ TEST(FileManagerTest, DirectoriesAreMadeWithTheirParentsAndRemovedAsTrees) {
   EXPECT_EQ(FileManager::removeTree(directory / "tree"), std::nullopt);
   EXPECT_FALSE(FileManager::fileExists(directory / "tree"));
   EXPECT_TRUE(FileManager::fileExists(directory / "a/d"));
-}
-
-TEST(FileManagerTest, WholeFilesAndStreams) {
-  TemporaryDirectory directory;
-  const std::string content(100'000, 'x');
-  ASSERT_EQ(FileManager::replaceFile(directory / "file", content), std::nullopt);
-  EXPECT_EQ(contentOf(directory / "file"), content);
-  // A file that does not know its size.
-  EXPECT_NE(contentOf("/proc/self/status").find("Pid:"), std::string::npos);
-  EXPECT_EQ(FileManager::readFile(directory / "absent").error(),
-            fileError(ENOENT, URL::fileURL(directory / "absent")));
-  EXPECT_EQ(errnoOf(FileManager::readFile(directory.path()).error()), EISDIR);
-
-  const auto stream = FileManager::inputStream(directory / "file");
-  ASSERT_TRUE(stream);
-  EXPECT_EQ(std::string(std::istreambuf_iterator(*stream), {}), content);
-  EXPECT_EQ(FileManager::inputStream(directory / "absent"), nullptr);
-  // An error is not the end of the file.
-  const auto broken = FileManager::inputStream(directory.path());
-  ASSERT_TRUE(broken);
-  broken->get();
-  EXPECT_TRUE(broken->bad());
 }
 
 }  // namespace

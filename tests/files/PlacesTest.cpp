@@ -22,30 +22,6 @@ void inProcessOfItsOwn(const std::function<void()>& body) {
             0);
 }
 
-TEST(PlacesTest, EverythingLiesUnderTheRootThatIsGiven) {
-  inProcessOfItsOwn([] {
-    TemporaryDirectory directory;
-    const std::string given = (directory / "new/root") + "//";
-    ::setenv("DOCSOURCE_ROOT", given.c_str(), 1);
-    ::umask(0077);
-    EXPECT_EQ(Places::prepare(), 0);
-    EXPECT_EQ(Places::prepare(), 0);
-    EXPECT_EQ(Places::rootOverride(), given);
-    const std::string root = directory / "new/root";
-    EXPECT_EQ(Places::root(), root);
-    EXPECT_EQ(Places::runtimeDirectory(), root + "/run");
-    EXPECT_EQ(Places::serviceSocket("com.veltro.DocSource"), root + "/run/com.veltro.DocSource");
-    EXPECT_EQ(Places::keyState(), root + "/run/key-state");
-    EXPECT_EQ(Places::sandboxKey(), root + "/run/sandbox.key");
-    for (const char* name :
-         {"/Applications", "/Extensions", "/Containers/Group", "/Home", "/run/notify"}) {
-      EXPECT_TRUE(std::filesystem::is_directory(root + name)) << name;
-    }
-    EXPECT_EQ(std::filesystem::status(root + "/run").permissions(), std::filesystem::perms(0700));
-    EXPECT_FALSE(Places::servesMachine());
-  });
-}
-
 TEST(PlacesTest, WithoutARootTheUserDecides) {
   for (const bool isNamed : {true, false}) {
     inProcessOfItsOwn([isNamed] {
