@@ -5,7 +5,6 @@
 #include <fstream>
 #include <limits>
 #include <random>
-#include <sstream>
 
 #include "platform/base/Errors.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -95,29 +94,6 @@ TEST(PropertyListTest, EveryStringComesOutAsItWentIn) {
   const auto back = PropertyList::read(*text);
   ASSERT_TRUE(back.ok()) << back.error().text();
   EXPECT_EQ(*back, value);
-}
-
-TEST(PropertyListTest, NumbersAndDatesComeOutAsTheyWentIn) {
-  using namespace std::chrono;  // NOLINT: literals of dates
-  using Integer = std::numeric_limits<std::int64_t>;
-  using Real = std::numeric_limits<double>;
-  const Array values{Integer::min(),
-                     -1,
-                     Integer::max(),
-                     0.1,
-                     -0.0,
-                     5e-324,
-                     Real::max(),
-                     Real::infinity(),
-                     Date(sys_days(year(0) / 1 / 1)),
-                     Date(sys_days(year(10000) / 1 / 1)) - 1s,
-                     Date(-1s),
-                     Date(sys_days(year(2024) / 2 / 29))};
-  const auto text = PropertyList::write(values);
-  ASSERT_TRUE(text.ok());
-  const auto back = PropertyList::read(*text);
-  ASSERT_TRUE(back.ok()) << back.error().text();
-  EXPECT_EQ(*back, Value(values));
 }
 
 TEST(PropertyListTest, WhatHasNoFormIsNotWritten) {
@@ -286,24 +262,6 @@ TEST(PropertyListTest, ErrorsSayWhereAndWhat) {
             fileError(ENOENT, URL::fileURL(directory / "missing")));
   EXPECT_TRUE(
       PropertyList::readFile(directory.path()).error().is(QXStandardErrorDomain, fileUnknownError));
-}
-
-TEST(PropertyListTest, ReadsStreamsOfAnySize) {
-  Array strings;
-  for (int i = 0; i < 30000; ++i) strings.emplace_back("string number " + std::to_string(i));
-  const auto text = PropertyList::write(strings);
-  ASSERT_TRUE(text.ok());
-  // Around the size of the pieces in which a stream is read, a border falls on every token.
-  for (std::size_t padding = 65500; padding < 65570; ++padding) {
-    std::istringstream stream(document("<string>" + std::string(padding - 50, 'x') + "</string>"));
-    const auto read = PropertyList::read(stream);
-    ASSERT_TRUE(read.ok());
-    ASSERT_EQ(read->as<std::string>()->size(), padding - 50);
-  }
-  std::istringstream stream(*text);
-  const auto read = PropertyList::read(stream);
-  ASSERT_TRUE(read.ok());
-  EXPECT_EQ(*read, Value(strings));
 }
 
 }  // namespace
