@@ -20,18 +20,6 @@ class KeyStateTest : public testing::Test {
   qx::test::LogCapture log;
 };
 
-TEST_F(KeyStateTest, IsReadFromItsLine) {
-  EXPECT_EQ(DeviceLockState(), 3) << "without the file there is no lock";
-  EXPECT_NE(DeviceUnlockedSinceBoot(), 0);
-  write("lock-state=-2 unlocked-since-boot=1\n");
-  EXPECT_EQ(DeviceLockState(), -2);
-  EXPECT_NE(DeviceUnlockedSinceBoot(), 0);
-  write("lock-state=3 unlocked-since-boot=0");
-  EXPECT_EQ(DeviceLockState(), 3);
-  EXPECT_EQ(DeviceUnlockedSinceBoot(), 0);
-  EXPECT_EQ(qx::test::LogCapture::mailbox().all().size(), 0u);
-}
-
 TEST_F(KeyStateTest, WhatCannotBeUnderstoodIsLocked) {
   std::size_t lines = 0;
   for (const char* text :
