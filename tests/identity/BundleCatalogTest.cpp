@@ -171,63 +171,6 @@ TEST_F(BundleCatalogTest, ABrokenBundleIsSkippedWithOneLineForEachState) {
   EXPECT_EQ(lines(), 3u);
 }
 
-TEST_F(BundleCatalogTest, AProcessBelongsToTheBundleOfItsExecutable) {
-  makeBundle(application("shell"), "com.example.shell", "/bin/sh",
-             {{"com.example.right", true}, {"com.example.limit", 7}});
-  makeBundle(application("cat"), "com.example.cat");
-  ChildProcess process({programOf(application("shell")), "-c",
-                        "echo ready; read x; exec " + programOf(application("cat"))});
-  ASSERT_EQ(process.readLine(), "ready");
-  auto token = AuditToken::ofProcess(process.id());
-  EXPECT_EQ(BundleIdentifierFromAuditToken(token), "com.example.shell");
-  EXPECT_EQ(qx::entitlementOfProcess(token, "com.example.right"), qx::Value(true));
-  EXPECT_EQ(qx::entitlementOfProcess(token, "com.example.limit"), qx::Value(7));
-  EXPECT_EQ(qx::entitlementOfProcess(token, "com.example.wrong"), std::nullopt);
-  EXPECT_EQ(qx::entitlementOfProcess(token, "com.veltro.file-coordination.host"), std::nullopt);
-
-  // An identity does not outlive an exec, nor the process; the token stays the same.
-  process.writeLine("go on");
-  ASSERT_EQ(process.ask("hello"), "hello");
-  EXPECT_EQ(BundleIdentifierFromAuditToken(token), "com.example.cat");
-  EXPECT_EQ(qx::entitlementOfProcess(token, "com.example.right"), std::nullopt);
-  process.end();
-  EXPECT_EQ(BundleIdentifierFromAuditToken(token), std::nullopt);
-  EXPECT_EQ(BundleIdentifierFromAuditToken(AuditToken()), std::nullopt);
-
-  ChildProcess stranger({"/bin/cat"});
-  EXPECT_EQ(identityOf(stranger), "nobody") << "an equal file is another one";
-}
-
-TEST_F(BundleCatalogTest, AReplacedExecutableTakesTheIdentityAlong) {
-  auto bundle = application("one");
-  makeBundle(bundle, "com.example.one");
-  ChildProcess before({programOf(bundle)});
-  EXPECT_EQ(identityOf(before), "com.example.one");
-  fs::copy_file("/bin/cat", bundle + "/new");
-  fs::rename(bundle + "/new", programOf(bundle));
-  EXPECT_EQ(identityOf(before), "nobody");
-  ChildProcess after({programOf(bundle)});
-  EXPECT_EQ(identityOf(after), "com.example.one");
-
-  // An executable elsewhere that becomes another file by a link nobody watches.
-  auto store = temporaryRoot() + "/store";
-  fs::remove_all(store);
-  for (const char* release : {"/1", "/2"}) {
-    fs::create_directories(store + release);
-    fs::copy_file("/bin/cat", store + release + "/tool");
-  }
-  fs::create_directory_symlink("1", store + "/current");
-  writeList(bundle + "/Info.plist", bundleInfo("com.example.one", store + "/current/tool"));
-  ChildProcess first({store + "/1/tool"});
-  ChildProcess second({store + "/2/tool"});
-  EXPECT_EQ(identityOf(first), "com.example.one");
-  EXPECT_EQ(identityOf(second), "nobody");
-  fs::create_directory_symlink("2", store + "/next");
-  fs::rename(store + "/next", store + "/current");
-  EXPECT_TRUE(within(std::chrono::seconds(1), [&] { return identityOf(first) == "nobody"; }));
-  EXPECT_EQ(identityOf(second), "com.example.one");
-}
-
 /// Who owns an executable and an identifier that several bundles claim.
 TEST_F(BundleCatalogTest, ClaimsAreSettled) {
   LogCapture log;
@@ -443,33 +386,6 @@ TEST_F(BundleCatalogTest, ABundleThatCannotBeReadHoldsUpNobodyElse) {
   EXPECT_TRUE(within(std::chrono::seconds(1), [&] {
     return identifiers() == "com.example.good com.example.hanging com.example.new ";
   }));
-}
-
-TEST_F(BundleCatalogTest, ObserversHearOfEveryChangeOneAtATime) {
-  auto& seen = *new Mailbox<std::string>;
-  auto& inside = *new std::atomic<int>(0);
-  BundleCatalog::shared().observeChanges([&seen, &inside] {
-    EXPECT_EQ(++inside, 1);
-    seen.put(identifiers());
-    --inside;
-  });
-  const auto isSeen = [&](const std::string& state) {
-    return seen.waitUntil(
-        [&](const auto& states) { return !states.empty() && states.back() == state; });
-  };
-  auto prepared = temporaryRoot() + "/prepared-4";
-  makeBundle(prepared, "4");
-  makeBundle(application("1"), "1");
-  EXPECT_TRUE(isSeen("1 "));
-  // A question that finds a change first does not keep it from the observers.
-  for (int round = 0; round < 50; ++round) {
-    fs::rename(prepared, application("4"));
-    EXPECT_EQ(identifiers(), "1 4 ");
-    ASSERT_TRUE(isSeen("1 4 ")) << round;
-    fs::rename(application("4"), prepared);
-    EXPECT_EQ(identifiers(), "1 ");
-    ASSERT_TRUE(isSeen("1 ")) << round;
-  }
 }
 
 }  // namespace

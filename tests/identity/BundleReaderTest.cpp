@@ -21,28 +21,6 @@ class BundleReaderTest : public testing::Test {
   std::string path = root / "One.docext";
 };
 
-TEST_F(BundleReaderTest, ReadsWhatIsThere) {
-  makeBundle(path, "com.example.one", "/bin/cat", {{"entitled", true}});
-  auto info = bundleInfo("com.example.one", "program");
-  info["QXExtension"] = Dictionary{{"QXExtensionPointName", "point"}};
-  writeList(path + "/Info.plist", info);
-  auto bundle = qx::readBundle(BundleKind::extension, path);
-  ASSERT_TRUE(bundle) << bundle.error().text();
-  EXPECT_EQ(bundle->identifier, "com.example.one");
-  EXPECT_EQ(bundle->executable, path + "/program");
-  EXPECT_EQ(bundle->info, info);
-  EXPECT_EQ(bundle->entitlements, (Dictionary{{"entitled", true}}));
-  // Replaced by an equal file it is in another state; without entitlements it has none.
-  auto before = bundle->infoStamp;
-  writeList(path + "/Info.plist", bundleInfo("com.example.one", "/bin/cat"));
-  fs::remove(path + "/Entitlements.plist");
-  auto after = qx::readBundle(BundleKind::extension, path);
-  ASSERT_TRUE(after);
-  EXPECT_FALSE(after->infoStamp == before);
-  EXPECT_EQ(after->executable, "/bin/cat");
-  EXPECT_TRUE(after->entitlements.empty());
-}
-
 TEST_F(BundleReaderTest, BrokenOnesSayWhy) {
   struct Case {
     const char* what;
