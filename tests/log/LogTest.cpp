@@ -94,25 +94,6 @@ TEST(LogText, EscapesWhatWouldBreakALine) {
   EXPECT_EQ(qx::fillLogText("%s\n", {""}), "\n");
 }
 
-TEST(LogText, WritesObjects) {
-  static std::vector<std::string> messages;
-  ds_default_log().setSink([](LogLevel, const std::string& text) { messages.push_back(text); });
-  const std::optional<std::string> absent;
-  DS_LOG("[ERROR] %@", absent);
-  DS_LOG("[ERROR] %@", qx::URL("file:///a%20b"));
-  DS_LOG("[ERROR] %@", qx::Error("Domain", 7, "It is so."));
-  DS_LOG("[ERROR] %@",
-         qx::Value(qx::Array{"a\nb", 2, qx::Dictionary{{"k", qx::Value(true)}}, qx::Array{}}));
-  DS_LOG("[ERROR] %s %d %d", "text", -3, 18446744073709551615U);
-  ASSERT_EQ(messages.size(), 5U);
-  EXPECT_EQ(messages[0], "[ERROR] (null)");
-  EXPECT_EQ(messages[1], "[ERROR] file:///a%20b");
-  EXPECT_EQ(messages[2], "[ERROR] Domain 7: It is so.");
-  EXPECT_TRUE(messages[3].starts_with("[ERROR] (a\\x0ab, 2, {k: ")) << messages[3];
-  EXPECT_TRUE(messages[3].ends_with("}, ())")) << messages[3];
-  EXPECT_EQ(messages[4], "[ERROR] text -3 18446744073709551615");
-}
-
 TEST(Log, LineHasTimeProgramAndLevel) {
   unsetenv("JOURNAL_STREAM");
   Log log;
