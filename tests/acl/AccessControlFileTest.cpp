@@ -8,29 +8,6 @@ using AccessControlFile = StoreFixture;
 
 constexpr auto cannotRead = "[ERROR] Cannot read access control from disk. Error: ";
 
-TEST_F(AccessControlFile, isNotThereAtTheFirstStart) {
-  auto store = std::make_shared<Store>();
-  EXPECT_TRUE(std::filesystem::is_directory(directory()));
-  EXPECT_FALSE(std::filesystem::exists(path()));
-  EXPECT_EQ(takeLines(), Lines());
-  EXPECT_FALSE(isAllowed(*store, "p", "i", "c"));
-
-  allow(*store, "p", "i", "c");
-  struct stat status {};
-  ASSERT_EQ(::stat(path().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0600U);
-  EXPECT_EQ(fileText(),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-            "\t<key>p</key>\n\t<dict>\n\t\t<key>c</key>\n\t\t<dict>\n"
-            "\t\t\t<key>AllowedItemIDs</key>\n\t\t\t<array>\n\t\t\t\t<string>i</string>\n"
-            "\t\t\t</array>\n\t\t</dict>\n\t</dict>\n</dict>\n</plist>\n");
-  takeLines();
-
-  auto restarted = std::make_shared<Store>();
-  EXPECT_EQ(takeLines(), (Lines{readFromDisk}));
-  EXPECT_TRUE(isAllowed(*restarted, "p", "i", "c"));
-}
-
 TEST_F(AccessControlFile, thatIsCorruptEmptiesTheListAndIsWrittenOver) {
   auto store = std::make_shared<Store>();
   std::string deep;
@@ -57,51 +34,6 @@ TEST_F(AccessControlFile, thatIsCorruptEmptiesTheListAndIsWrittenOver) {
   }
   allow(*store, "p", "i", "d");
   EXPECT_EQ(fileList(), qx::Value(qx::Dictionary{{"p", entry("d", {"i"})}}));
-}
-
-TEST_F(AccessControlFile, thatIsMissingLeavesTheListAsItIs) {
-  auto store = std::make_shared<Store>();
-  allow(*store, "p", "i", "c");
-  takeLines();
-  std::filesystem::remove(path());
-  reread(*store);
-  EXPECT_EQ(takeLines(), Lines());
-  EXPECT_TRUE(isAllowed(*store, "p", "i", "c"));
-
-  // The directory is made once in the life of a process.
-  std::filesystem::remove_all(directory());
-  reread(*store);
-  EXPECT_FALSE(std::filesystem::exists(directory()));
-  EXPECT_TRUE(isAllowed(*store, "p", "i", "c"));
-}
-
-TEST_F(AccessControlFile, thatCannotBeWrittenLeavesTheGrantInMemory) {
-  auto store = std::make_shared<Store>();
-  allow(*store, "p", "0", "c");
-  const std::string couldNotWrite = "[ERROR] Could not write to " + path();
-  const auto expectFailure = [&](const std::string& item) {
-    takeLines();
-    allow(*store, "p", item, "c");
-    const auto lines = takeLines();
-    ASSERT_EQ(lines.size(), 3U);
-    EXPECT_EQ(lines[1], committing);
-    EXPECT_EQ(lines[2], couldNotWrite);
-    EXPECT_TRUE(isAllowed(*store, "p", item, "c"));
-  };
-
-  // Something stands where the file must be; the directory is gone.
-  std::filesystem::remove(path());
-  std::filesystem::create_directories(path() + "/occupied");
-  expectFailure("1");
-  std::filesystem::remove_all(directory());
-  expectFailure("2");
-  std::filesystem::create_directories(directory());
-
-  allow(*store, "p", "3", "c");
-  auto restarted = std::make_shared<Store>();
-  for (const char* item : {"0", "1", "2", "3"}) {
-    EXPECT_TRUE(isAllowed(*restarted, "p", item, "c")) << item;
-  }
 }
 
 TEST_F(AccessControlFile, hasAPathEvenWhereItsDirectoryCannotBeMade) {
@@ -177,21 +109,6 @@ TEST_F(AccessControlFile, ofAnotherShapeWorksWhereItIsRightAndLosesNothing) {
   disallow(*store, "good", "i", "stringApp");
   good.erase("stringApp");
   EXPECT_EQ(fileList(), expected);
-}
-
-TEST_F(AccessControlFile, whoseRootIsNoDictionaryGrantsNothing) {
-  for (const char* value :
-       {"<string>p</string>", "<array><dict><key>p</key><dict/></dict></array>"}) {
-    putList(value);
-    const std::string before = fileText();
-    auto store = std::make_shared<Store>();
-    EXPECT_EQ(takeLines(), (Lines{readFromDisk}));
-    disallow(*store, "p", "i", "c");
-    EXPECT_EQ(fileText(), before);
-    allow(*store, "p", "i", "c");
-    EXPECT_EQ(fileList(), qx::Value(qx::Dictionary{{"p", entry("c", {"i"})}}));
-    takeLines();
-  }
 }
 
 }  // namespace

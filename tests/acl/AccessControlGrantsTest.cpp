@@ -64,21 +64,4 @@ TEST_F(AccessControlGrants, answerAbsentAndEmptyIdentifiersEachInItsWay) {
   EXPECT_EQ(takeLines(), Lines());
 }
 
-TEST_F(AccessControlGrants, takeAnyIdentifierThroughFileAndRestart) {
-  std::string everyByteOfASCII;
-  for (int c = 1; c < 128; ++c) everyByteOfASCII += static_cast<char>(c);
-  const std::vector<std::string> identifiers{
-      everyByteOfASCII,   std::string("\0nul\0", 5), " leading and trailing\t", "na\u00efve",
-      "na\u0069\u0308ve", "\U0001F4C4\uFFFE\u2028",  std::string(1 << 20, 'x')};
-  auto store = std::make_shared<Store>();
-  for (const auto& identifier : identifiers) allow(*store, identifier, identifier, identifier);
-  for (const auto& text : takeLines()) EXPECT_EQ(text.find('\n'), std::string::npos);
-
-  auto restarted = std::make_shared<Store>();
-  for (const auto& identifier : identifiers) {
-    EXPECT_TRUE(isAllowed(*restarted, identifier, identifier, identifier));
-    EXPECT_FALSE(isAllowed(*restarted, identifier, identifier + "x", identifier));
-  }
-}
-
 }  // namespace
