@@ -1,16 +1,10 @@
 #include "platform/platformd/FileCoordinationService.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
 #include <map>
 #include <vector>
 
 #include "tests/coordination/Fixture.h"
-#include "tests/support/ChildProcess.h"
-#include "tests/support/InChild.h"
 
 namespace {
 
@@ -34,25 +28,6 @@ class FileCoordinationServiceTest : public CoordinationTest {
   }
   std::shared_ptr<FileCoordinationService> service;
 };
-
-TEST_F(FileCoordinationServiceTest, AReadReachesTheOwnerAndItsAnswerTheReader) {
-  Client provider, reader;
-  ASSERT_EQ(provider.add("source", directory), success);
-  auto read = reader.beginRead(items / "document");
-  EXPECT_EQ(provider.nextCall(), provideCall("source", items / "document", "com.example.tests"));
-  EXPECT_FALSE(reader.hasInput());
-  const qx::Error failure("VendorDomain", -7, qx::Dictionary{{"description", "No."}, {"more", 1}});
-  provider.reply(failure);
-  EXPECT_EQ(reader.answer(read).error(), failure);
-
-  // A reader that belongs to no bundle.
-  beNobody();
-  read = reader.beginRead(items / "document");
-  EXPECT_EQ(provider.nextCall(),
-            provideCall("source", items / "document", "pid:" + std::to_string(getpid())));
-  provider.reply();
-  EXPECT_EQ(reader.end(read), success);
-}
 
 TEST_F(FileCoordinationServiceTest, WhatNobodyOwnsIsReadAtOnce) {
   Client provider, reader;
@@ -157,31 +132,6 @@ TEST_F(FileCoordinationServiceTest, AProviderThatDoesNotAnswerLeavesRoomForOther
   EXPECT_EQ(outcomes[lost], reads.size() - 10);
 }
 
-TEST_F(FileCoordinationServiceTest, ALostConnectionForgetsItsSourcesAndFailsItsReaders) {
-  Client provider, reader, survivor;
-  TemporaryDirectory elsewhere;
-  std::ofstream(elsewhere / "file") << "x";
-  ASSERT_EQ(provider.add("source", directory), success);
-  ASSERT_EQ(survivor.add("survivor", URL::fileURL(elsewhere.path(), true)), success);
-  const auto waiting = reader.beginRead(items / "document");
-  const auto alsoWaiting = reader.beginRead(items / "other");
-  provider.nextCall();
-  provider.nextCall();
-  LogCapture log;
-  provider.close();
-  EXPECT_EQ(reader.end(waiting), lost);
-  EXPECT_EQ(reader.end(alsoWaiting), lost);
-  ASSERT_TRUE(
-      log.mailbox().waitFor("[NOTICE] Doc source source is gone: its connection was lost."));
-  EXPECT_EQ(reader.read(items / "document"), success);
-  auto read = reader.beginRead(elsewhere / "file");
-  EXPECT_EQ(survivor.provideNext(), "survivor");
-  EXPECT_EQ(reader.end(read), success);
-  ASSERT_EQ(survivor.add("source", directory), success);
-  read = reader.beginRead(items / "document");
-  EXPECT_EQ(survivor.provideNext(), "source");
-}
-
 TEST_F(FileCoordinationServiceTest, AddingTakesTheEntitlementAsANumberThatIsTrue) {
   Client client;
   EXPECT_EQ(client.add("a", directory), success);
@@ -228,27 +178,6 @@ TEST_F(FileCoordinationServiceTest, ASourceBelongsToTheConnectionThatAddedItWhil
   EXPECT_EQ(second.remove("a"), success);
 }
 
-TEST_F(FileCoordinationServiceTest, AbsentAndImpossibleArgumentsAreNamed) {
-  Client client;
-  const URL web("https://example.com/a");
-  const std::string add = "addDocSource:providedItemsURL:completion:",
-                    remove = "removeDocSource:completion:";
-  const std::optional<std::string> none;
-  struct Case {
-    std::string operation;
-    Array arguments;
-    qx::Error error;
-  };
-  for (const auto& [operation, arguments, error] :
-       {Case{add, {absent, directory}, DSInvalidParameterError("identifier", none)},
-        Case{add, {"a", absent}, DSInvalidParameterError("URL", none)},
-        Case{add, {"a", web}, DSInvalidParameterError("URL", web.absoluteString())},
-        Case{remove, {absent}, DSInvalidParameterError("identifier", none)},
-        Case{finishedWriting, {absent}, DSInvalidParameterError("URL", none)}}) {
-    EXPECT_EQ(client.call(operation, arguments).error(), error) << operation;
-  }
-}
-
 TEST_F(FileCoordinationServiceTest, WhatCannotBeIsReadAtOnceAndWhatIsNotYetIsAskedFor) {
   Client provider, reader;
   ASSERT_EQ(provider.add("source", directory), success);
@@ -266,43 +195,6 @@ TEST_F(FileCoordinationServiceTest, WhatCannotBeIsReadAtOnceAndWhatIsNotYetIsAsk
     provider.reply();
     EXPECT_EQ(reader.end(read), success);
   }
-}
-
-TEST_F(CoordinationTest, AnOrdinaryUserReadsAndWritesWhatItsPermissionsLetIt) {
-  ChildProcess service({ownProgram(), "serve", "-"});
-  ASSERT_EQ(service.readLine(), "ready");
-  for (const std::string& path : {temporaryRoot(), qx::Places::runtimeDirectory(), items.path()}) {
-    chmod(path.c_str(), 0755);
-  }
-  chmod((items / "document").c_str(), geteuid() == 0 ? 0600 : 0);
-  chmod((items / "other").c_str(), 0444);
-  Client provider;
-  ASSERT_EQ(provider.add("source", directory), success);
-  EXPECT_EQ(inChild([&] {
-              if (!dropPrivileges()) return 1;
-              Client client;
-              const auto refused = qx::fileError(EACCES, URL::fileURL(items / "document"));
-              const Array document{URL::fileURL(items / "document")};
-              EXPECT_EQ(client.call(coordinateReading, document).error(), refused);
-              EXPECT_EQ(client.call(finishedWriting, document).error(), refused);
-              const auto read = client.beginRead(items / "other");
-              EXPECT_EQ(provider.provideNext(), "source");
-              EXPECT_EQ(client.end(read), success);
-              EXPECT_NE(client.wrote(items / "other"), success);
-              return testing::Test::HasFailure() ? 2 : 0;
-            }),
-            0);
-}
-
-TEST_F(FileCoordinationServiceTest, AFinishedWriteIsPassedOn) {
-  Client provider, writer;
-  ASSERT_EQ(provider.add("source", directory), success);
-  EXPECT_EQ(writer.wrote("/dev/null"), success);
-  EXPECT_EQ(writer.wrote(items / "document"), success);
-  EXPECT_EQ(provider.nextCall(),
-            "docSource:writerWithID:didFinishWritingForURL:completionHandler: (source, "
-            "com.example.tests, " +
-                URL::fileURL(items / "document").absoluteString() + ")");
 }
 
 }  // namespace
