@@ -68,36 +68,6 @@ TEST_F(RegistryTest, RegistersOneAfterTheOtherWhateverFails) {
   EXPECT_EQ(called.all(), (std::vector<std::string>{"second", "first"}));
 }
 
-TEST_F(RegistryTest, FollowsTheInstalledExtensions) {
-  const ProviderBundle a("A"), b("B");
-  a.install();
-  b.install();
-  begin();
-  const auto first = Registry::providerWithIdentifier("A");
-  const auto replaced = Registry::providerWithIdentifier("B");
-  ASSERT_TRUE(first && replaced);
-
-  b.install();
-  ASSERT_TRUE(waitForLine(registered(b, "B"), 2));
-  EXPECT_EQ(Registry::providerWithIdentifier("A"), first);
-  const auto replacement = Registry::providerWithIdentifier("B");
-  EXPECT_NE(replacement, replaced);
-  ASSERT_TRUE(replacement);
-  EXPECT_EQ(count(LogCapture::mailbox().all(), registered(a, "A")), 1);
-
-  a.remove();
-  ASSERT_TRUE(events.waitFor("remove A"));
-  EXPECT_FALSE(Registry::providerWithIdentifier("A"));
-  EXPECT_EQ(Registry::providerWithIdentifier("B"), replacement);
-  events.take();
-  b.remove();
-  ASSERT_TRUE(events.waitFor("remove B"));
-  EXPECT_TRUE(Registry::providersInfo().empty());
-  EXPECT_EQ(events.all().size(), 1U);
-  // One that is gone still knows what it was.
-  EXPECT_EQ(first->identifier(), "A");
-}
-
 TEST_F(RegistryTest, OfTwoWithOneIdentifierTheLaterCountsAndBothAreRegistered) {
   const ProviderBundle one("A", "1"), two("A", "2");
   one.install();
@@ -121,14 +91,6 @@ TEST_F(RegistryTest, TheListingEndsAtTheFirstAbsentValue) {
                       {"B", qx::Dictionary{}}}));
 }
 
-TEST_F(RegistryTest, ARefusalOfTheCoordinationServiceIsLogged) {
-  ProviderBundle("refused").install();
-  begin();
-  EXPECT_TRUE(waitForLine(
-      "[ERROR] Could not add doc source refused to the file-coordination service. Error: " +
-      DSNotPermittedError().text()));
-}
-
 TEST_F(RegistryTest, ACountThatLeavesNoAttemptIsAFailure) {
   const ProviderBundle a("A");
   a.install();
@@ -149,7 +111,6 @@ class URLResolutionTest : public ProvidersTest {
     ProvidersTest::SetUp();
     a.install();
     std::filesystem::create_directories(b.path() + "/no-storage");
-    a.addPipe("changed");
     b.install();
     c.install(17);
     begin();
@@ -195,58 +156,6 @@ TEST_F(URLResolutionTest, TheDirectoryItselfEndsTheWalk) {
               std::vector<std::string>{
                   "[DEBUG] Ignoring URLs that exactly match the document container folder"});
   }
-}
-
-TEST_F(URLResolutionTest, QueriesThatFailAreSkipped) {
-  const std::string missing =
-      "[DEBUG] Doc source B doesn't have a provided items directory; it may not have run so far.";
-  const auto resolved = resolve(URL("file:///tmp/x"));
-  EXPECT_EQ(resolved.owner, "");
-  EXPECT_FALSE(resolved.isExcluded);
-  ASSERT_EQ(resolved.lines.size(), 2U);
-  EXPECT_EQ(resolved.lines[0], missing);
-  EXPECT_TRUE(resolved.lines[1].starts_with(
-      "[ERROR] Cannot get the relationship between URL (null) and file:///tmp/x. Error: "
-      "QXStandardErrorDomain 256: "))
-      << resolved.lines[1];
-
-  // What is no file is a failure with every provider.
-  for (const auto& url : {std::optional<URL>(), std::optional(URL("https://example.com/x"))}) {
-    const auto failed = resolve(url);
-    EXPECT_EQ(failed.owner, "");
-    EXPECT_FALSE(failed.isExcluded);
-    ASSERT_EQ(failed.lines.size(), 3U);
-    EXPECT_TRUE(failed.lines[0].starts_with("[ERROR] Cannot get the relationship between URL " +
-                                            URL::fileURL(a.storage(), true).absoluteString() +
-                                            " and " + qx::logText(url) + ". Error: "))
-        << failed.lines[0];
-  }
-}
-
-TEST_F(URLResolutionTest, AWrittenItemIsItsOwnersAffair) {
-  const auto other = Registry::providerWithIdentifier("C");
-  const auto tell = [&](const URL& url) {
-    LogCapture::mailbox().take();
-    other->_writerWithID_didFinishWritingForURL("writer", url);
-    auto lines = LogCapture::mailbox().all();
-    EXPECT_EQ(lines.front(), "[INFO] QXFileCoordinator is telling us the item at URL " +
-                                 url.absoluteString() + " was changed by writer ID writer.");
-    return lines;
-  };
-  const auto written = a.url("x");
-  EXPECT_EQ(count(tell(written), "[DEBUG] The item at URL " + written.absoluteString() +
-                                     " is provided by the etxension A"),
-            1);
-  EXPECT_EQ(a.changedURL(), written.absoluteString());
-
-  tell(URL::fileURL(a.storage(), true));
-  EXPECT_EQ(log.count("[ERROR]"), 0U);
-
-  const URL foreign("file:///tmp/x");
-  EXPECT_EQ(count(tell(foreign),
-                  "[ERROR] Could not find any extension that provides an item at "
-                  "URL file:///tmp/x"),
-            1);
 }
 
 }  // namespace

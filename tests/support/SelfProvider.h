@@ -19,10 +19,9 @@
 #include "tests/support/BundleMaker.h"
 
 /// A provider extension that is the test program itself, started once more by the extension host.
-/// What it is to do lies in its bundle: pipes (fifo(7)) in which it meets the test, "setup" where
-/// it reads how its set-up ends, "changed" where it writes the URL of a changed item; a file "deaf"
-/// lets it ignore the end of its connection, a file "stubborn" SIGTERM; with a file "by-inode"
-/// items are named by their inode numbers.
+/// What it is to do lies in its bundle: a pipe "setup" (fifo(7)) where it reads how its set-up
+/// ends; a file "deaf" lets it ignore the end of its connection, a file "stubborn" SIGTERM; with a
+/// file "by-inode" items are named by their inode numbers.
 namespace qx::test {
 
 /// Items are named by their file name; "fail..." fails, "nameless" has no identifier, "hang..." is
@@ -52,7 +51,6 @@ class SelfProvider final : public _QXDocSourceVendor {
   }
   void _itemChangedAtURL_completion(const std::optional<URL>& url,
                                     Completion<Error> reply) override {
-    if (std::filesystem::exists("changed")) std::ofstream("changed") << url->absoluteString();
     answer(url, [&](const auto& error, const auto&) { reply(error); });
   }
   void _stopProvidingItemAtURL_completion(const std::optional<URL>& url,
@@ -162,12 +160,6 @@ class ProviderBundle {
   void endSetup(const std::string& how) const { std::ofstream(path_ + "/setup") << how << "\n"; }
   bool isBeingSetUp() const {
     return bool(FileDescriptor(open((path_ + "/setup").c_str(), O_WRONLY | O_NONBLOCK)));
-  }
-  /// Waits until the provider is told of a change.
-  std::string changedURL() const {
-    std::string url;
-    std::getline(std::ifstream(path_ + "/changed"), url);
-    return url;
   }
 
  private:
