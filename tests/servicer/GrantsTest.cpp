@@ -68,27 +68,6 @@ TEST_F(Grants, AreRefusedWithAReason) {
 }
 
 TEST_F(Grants, GiveTokensInTheDocumentsFolderAlone) {
-  const auto siblingOf = [this](const std::string& document) {
-    const auto answer = call(extendSandbox, {URL(document), "A", "C"});
-    const auto* sibling = answer.at<URL>(2);
-    return sibling ? sibling->absoluteString() : "";
-  };
-  for (const auto& [document, sibling] : std::vector<std::pair<std::string, std::string>>{
-           {"file:///a/Report.txt", "file:///a/.Report.txt"},
-           {"file:///a/A%20B.txt", "file:///a/.A%20B.txt"},
-           {"file:///a%2Fb/c", "file:///a%2Fb/.c"},
-           {"file:///Report", "file:///.Report"},
-           {"file:///a/b/", "file:///a/.b"},
-           {"file:///a/.hidden", "file:///a/..hidden"},
-           {"file://localhost/a/ä", "file://localhost/a/.ä"}}) {
-    EXPECT_EQ(siblingOf(document), sibling);
-  }
-  // Whatever it gives for these, it is no URL of another folder.
-  for (const char* odd : {"file:///", "file:", "/", "", "x"}) {
-    const auto sibling = siblingOf(odd);
-    EXPECT_TRUE(sibling.empty() || sibling.find("/.") != std::string::npos) << odd << sibling;
-  }
-
   const URL folder = URL::fileURL(a.storage(), true);
   for (const char* name : {"x", ".x", "../x"}) put(a.url(name));
   const auto hasSiblingToken = [&](const std::string& name) {

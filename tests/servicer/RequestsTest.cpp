@@ -59,21 +59,6 @@ TEST_F(Requests, AreForThoseWithATrueNumberAmongTheirEntitlements) {
   logs("[DEBUG] providersCompletionHandler:: Client is missing entitlement");
 }
 
-TEST_F(Requests, ListTheProvidersAndWakeTheDaemonUp) {
-  const auto entry = [](const ProviderBundle& bundle, const char* identifier) {
-    return Dictionary{{"documentStorageURL", URL::fileURL(bundle.storage(), true)},
-                      {"providerIdentifier", identifier}};
-  };
-  const Dictionary listing{{"A", entry(a, "A")}, {"B", entry(b, "B")}};
-  EXPECT_EQ(call(listProviders, {}).values, (Array{absent, listing}));
-  logs("[DEBUG] Serving: providersCompletionHandler:");
-  logs("[DEBUG] providersCompletionHandler:: returning providers " + text(listing));
-  // That needs nothing.
-  beNobody();
-  EXPECT_EQ(call(wakeUp, {}).values, Array());
-  logs("[DEBUG] Serving: wakeUpCompletion:");
-}
-
 TEST_F(Requests, TellEarlyErrorsToTheLogAndHideThemFromStartAndStop) {
   struct Case {
     Array arguments;
