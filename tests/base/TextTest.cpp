@@ -23,12 +23,6 @@ TEST(TextTest, TellsUTF8FromWhatLooksLikeIt) {
   }
 }
 
-TEST(TextTest, HexadecimalTakesEitherCaseAndNothingElse) {
-  EXPECT_EQ(qx::hexEncode(bytes(std::string("\0\x9f\xff", 3))), "009fff");
-  EXPECT_EQ(qx::hexDecode("009fFF"), bytes(std::string("\0\x9f\xff", 3)));
-  for (const char* text : {"0", "0g", " 00", "00 "}) EXPECT_FALSE(qx::hexDecode(text)) << text;
-}
-
 TEST(TextTest, Base64AgreesWithItsRFC) {
   const std::vector<std::pair<std::string, std::string>> vectors{
       {"", ""},

@@ -264,19 +264,6 @@ TEST(Descriptors, GoWithTheirOwnFrameHoweverManyWaitToBeSent) {
   EXPECT_EQ(taken.all(), (std::vector<std::int64_t>{3, 3, 3}));
 }
 
-TEST(Descriptors, SixteenComeWithOneFrameAndThoseNobodyNamesAreClosed) {
-  Served served = Served::make();
-  Witness witness;
-  std::vector<int> sixteen(16, witness.writing());
-  served.peer.sendBytes(takeCall(1, 2), sixteen);
-  EXPECT_EQ(served.peer.readMessage()->first, Value(3));
-  // A frame that names none, after which nothing comes.
-  served.peer.sendBytes(echoCall(2, "x"), sixteen);
-  EXPECT_EQ(served.peer.readMessage()->first, Value("x"));
-  EXPECT_TRUE(witness.isClosedEverywhere());
-  EXPECT_TRUE(echoes(served.peer));
-}
-
 TEST(Descriptors, ThatAreTooManyOrBelongNowhereCostTheConnectionAndDoNotStay) {
   {
     LogCapture log;

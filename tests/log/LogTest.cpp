@@ -75,14 +75,6 @@ std::vector<std::string> linesOf(const std::string& text) {
   return lines;
 }
 
-TEST(LogText, FillsPlaceholdersInOrder) {
-  EXPECT_EQ(qx::fillLogText("[INFO] %s is %d of %@.", {"%d%s", "2", "%"}),
-            "[INFO] %d%s is 2 of %.");
-  EXPECT_EQ(qx::fillLogText("100% of %s%", {"it"}), "100% of it%");
-  EXPECT_EQ(qx::fillLogText("%x %s", {}), "%x %s");
-  EXPECT_EQ(qx::fillLogText("", {}), "");
-}
-
 TEST(LogText, EscapesWhatWouldBreakALine) {
   EXPECT_EQ(qx::fillLogText("%s", {std::string("a\nb\r\t\x1b[1m\x7f\0z", 12)}),
             "a\\x0ab\\x0d\\x09\\x1b[1m\\x7f\\x00z");
