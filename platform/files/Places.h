@@ -37,8 +37,8 @@ const std::optional<std::string>& machineOverride();
 const std::optional<std::string>& machineRuntimeDirectory();
 const std::optional<std::string>& machineState();
 /// Each holds Applications and Extensions of the machine; what is in the first goes before what is
-/// in the second, where there is one. Programs that stand in libexec/docsource, and not in bin, find
-/// them too.
+/// in the second, where there is one. Programs that stand in libexec/docsource, and not in bin,
+/// find them too.
 const std::vector<std::string>& machineBundles();
 
 /// Whom platformd serves when this process is it: everybody, as root outside of a world of its own;
