@@ -143,7 +143,7 @@ def command(kind, top, port):
         program = "/usr/bin/php"
         if not os.path.exists("/usr/share/php/Sabre/autoload.php"):
             return None
-        environment = {"FILES": files, "LOCKS": top + "/locks", "PHP_CLI_SERVER_WORKERS": "4"}
+        environment = {"FILES": files, "LOCKS": top + "/locks"}
         arguments = ["-S", f"127.0.0.1:{port}", write(top + "/index.php", SABRE)]
     if not os.path.exists(program):
         return None
