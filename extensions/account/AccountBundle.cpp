@@ -32,16 +32,17 @@ std::string identifierOf(const std::string& name) { return identifierPrefix + na
 std::string bundleNameOf(const std::string& name) { return "account-" + name; }
 
 Lists listsFor(const std::string& name, const std::string& kind, const std::string& executable,
-               const std::string& sourceKey, const std::string& source) {
+               const qx::Dictionary& settings) {
   const auto group = "group." + identifierOf(name);
+  auto extension = settings;
+  extension["QXExtensionPointName"] = "com.veltro.docsource-nonui";
+  extension["QXExtensionDocSourceDocumentGroup"] = group;
+  extension["QXExtensionKeepsRunning"] = true;
+  extension[nameKey] = name;
+  extension[kindKey] = kind;
   return {{{"QXBundleIdentifier", identifierOf(name)},
            {"QXBundleExecutable", executable},
-           {"QXExtension", qx::Dictionary{{"QXExtensionPointName", "com.veltro.docsource-nonui"},
-                                          {"QXExtensionDocSourceDocumentGroup", group},
-                                          {"QXExtensionKeepsRunning", true},
-                                          {nameKey, name},
-                                          {kindKey, kind},
-                                          {sourceKey, source}}}},
+           {"QXExtension", std::move(extension)}},
           {{"com.veltro.application-groups", qx::Array{group}}}};
 }
 
@@ -53,6 +54,7 @@ std::optional<Account> accountOf(const qx::Bundle& bundle) {
       extension ? qx::find<std::string>(*extension, "QXExtensionDocSourceDocumentGroup") : nullptr;
   if (!name || !kind || !group || bundle.identifier != identifierOf(*name)) return std::nullopt;
   const auto* source = qx::find<std::string>(*extension, directoryKey);
+  if (!source) source = qx::find<std::string>(*extension, urlKey);
   const auto container = qx::Places::groupContainers() + "/" + *group;
   return Account{*name,
                  bundle.identifier,

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "extensions/account/Settings.h"
 #include "platform/base/Result.h"
 #include "platform/base/Value.h"
 #include "platform/identity/Bundles.h"
@@ -13,16 +14,11 @@
 /// them. Both ends, the tool and the account's process, know it by this.
 namespace account {
 
-/// What documents live in, and the settings that say where.
-inline constexpr const char* nameKey = "DocSourceAccountName";
-inline constexpr const char* kindKey = "DocSourceAccountKind";
-inline constexpr const char* directoryKey = "DocSourceAccountDirectory";
-
 struct Account {
   std::string name;
   /// Of its bundle, and of the service of its process.
   std::string identifier;
-  /// "folder".
+  /// That of kindKey.
   std::string kind;
   /// Where the documents live, as a person wrote it.
   std::string source;
@@ -41,7 +37,7 @@ struct Lists {
   qx::Dictionary entitlements;
 };
 Lists listsFor(const std::string& name, const std::string& kind, const std::string& executable,
-               const std::string& sourceKey, const std::string& source);
+               const qx::Dictionary& settings);
 
 std::string identifierOf(const std::string& name);
 /// "account-NAME".

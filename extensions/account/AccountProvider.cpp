@@ -28,7 +28,7 @@ Result<std::shared_ptr<Mirror>> AccountProvider::mirror() {
   if (!documentStorage()) {
     return Error::posix(EINVAL, "The bundle of the account names no document group");
   }
-  auto remote = makeRemote_(*this);
+  auto remote = makeRemote_([this](const std::string& key) { return infoString(key); });
   if (!remote) return remote.error();
   docsource::MirrorOptions options;
   options.storage = *documentStorage();

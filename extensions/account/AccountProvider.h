@@ -7,15 +7,16 @@
 #include "docsource/provider.h"
 #include "docsource/remote.h"
 #include "extensions/account/AccountService.h"
+#include "extensions/account/Settings.h"
 #include "mirror/Mirror.h"
 
 /// The process of an account: the provider of its documents, which a mirror keeps in agreement with
 /// a remote, and the service for the tool. Runs as long as its user's broker does.
 class AccountProvider final : public docsource::Provider {
  public:
-  /// Makes the remote that the account's settings name. Called once, before anything else.
+  /// Makes the remote that the settings of an account name.
   using MakeRemote = std::function<docsource::Result<std::unique_ptr<docsource::Remote>>(
-      const Provider& settings)>;
+      const account::Settings& setting)>;
 
   explicit AccountProvider(MakeRemote makeRemote)
       : Provider(Concurrency::concurrent), makeRemote_(std::move(makeRemote)) {}

@@ -2,17 +2,14 @@
 
 #include <cerrno>
 
-#include "extensions/account/AccountBundle.h"
-#include "extensions/account/AccountProvider.h"
+#include "extensions/account/AccountProgram.h"
 
-int main() {
+int main(int argc, char** argv) {
   using docsource::Remote;
   using docsource::Result;
-  return AccountProvider([](const docsource::Provider& settings) {
-           const auto directory = settings.infoString(account::directoryKey);
-           return directory
-                      ? Result<std::unique_ptr<Remote>>(docsource::makeFolderRemote(*directory))
-                      : docsource::Error::posix(EINVAL, "The account names no directory");
-         })
-      .run();
+  return account::runProgram(argc, argv, [](const account::Settings& setting) {
+    const auto directory = setting(account::directoryKey);
+    return directory ? Result<std::unique_ptr<Remote>>(docsource::makeFolderRemote(*directory))
+                     : docsource::Error::posix(EINVAL, "The account names no directory");
+  });
 }

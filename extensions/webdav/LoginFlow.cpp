@@ -3,6 +3,9 @@
 #include <charconv>
 
 namespace docsource::webdav {
+
+using namespace http;
+
 namespace {
 
 constexpr std::chrono::milliseconds askAgain{2000};

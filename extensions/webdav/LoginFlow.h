@@ -4,7 +4,7 @@
 #include <string>
 
 #include "docsource/error.h"
-#include "extensions/webdav/HTTP.h"
+#include "extensions/http/HTTP.h"
 
 namespace docsource::webdav {
 
@@ -20,7 +20,7 @@ struct Login {
 /// Logs in at a server that announces identifiers (docs/servers.md) by its "login flow v2": `show`
 /// is called once with the address of the page on which a person agrees; then it is asked until
 /// that is done, for twenty minutes at most. `server` is the address of the installation.
-Result<Login> logIn(const std::string& server, ConnectionOptions options,
+Result<Login> logIn(const std::string& server, http::ConnectionOptions options,
                     const std::function<void(const std::string& page)>& show);
 
 }  // namespace docsource::webdav

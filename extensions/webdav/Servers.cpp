@@ -11,6 +11,9 @@
 #include <ctime>
 
 namespace docsource::webdav {
+
+using namespace http;
+
 namespace {
 
 constexpr std::string_view asidePrefix = ".docsource-";

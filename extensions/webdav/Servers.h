@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "docsource/remote.h"
-#include "extensions/webdav/HTTP.h"
+#include "extensions/http/HTTP.h"
 #include "extensions/webdav/MultiStatus.h"
 
 namespace docsource::webdav {
@@ -37,7 +37,7 @@ struct Server {
   bool checks() const { return hasTags && checksReplacing && checksCreating && checksRemoving; }
 
   /// What is known from the first answers: to PROPFIND of the top, and to OPTIONS.
-  static Server announced(const Resource& top, const Answer& options);
+  static Server announced(const Resource& top, const http::Answer& options);
 
   /// The header that makes a request depend on the tag of what it is about.
   std::string condition(const std::string& url, const std::string& tag) const;

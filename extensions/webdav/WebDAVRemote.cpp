@@ -21,11 +21,15 @@
 #include <unordered_map>
 #include <utility>
 
-#include "extensions/webdav/Content.h"
+#include "extensions/http/Content.h"
+#include "extensions/http/Settings.h"
 #include "extensions/webdav/MultiStatus.h"
 #include "extensions/webdav/Servers.h"
 
 namespace docsource::webdav {
+
+using namespace http;
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -1382,6 +1386,13 @@ Result<RemoteItem> WebDAVRemote::setAttributes(const std::string& path,
 }
 
 }  // namespace
+
+Result<std::unique_ptr<Remote>> makeWebDAVRemote(const account::Settings& setting) {
+  WebDAVOptions options;
+  options.url = setting(account::urlKey).value_or("");
+  options.connection = connectionFrom(setting);
+  return makeWebDAVRemote(std::move(options));
+}
 
 Result<std::unique_ptr<Remote>> makeWebDAVRemote(WebDAVOptions options) {
   const auto bad = [](const std::string& why) {

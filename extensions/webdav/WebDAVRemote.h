@@ -5,7 +5,8 @@
 #include <string>
 
 #include "docsource/remote.h"
-#include "extensions/webdav/HTTP.h"
+#include "extensions/account/Settings.h"
+#include "extensions/http/HTTP.h"
 
 /// Documents on a WebDAV server (RFC 4918).
 namespace docsource::webdav {
@@ -13,7 +14,7 @@ namespace docsource::webdav {
 struct WebDAVOptions {
   /// The account's top: http or https, without user, password, query or fragment.
   std::string url;
-  ConnectionOptions connection;
+  http::ConnectionOptions connection;
   /// Larger documents go to a server that takes parts in parts of this size, in bytes; one part for
   /// each upload under way is held in memory. Such servers want 5 MB at least.
   std::uint64_t partSize = 10 * 1024 * 1024;
@@ -22,5 +23,6 @@ struct WebDAVOptions {
 /// An error when the URL is none that can be used. Nothing is asked before the first operation;
 /// what the remote is capable of is known when identity() has succeeded.
 Result<std::unique_ptr<Remote>> makeWebDAVRemote(WebDAVOptions options);
+Result<std::unique_ptr<Remote>> makeWebDAVRemote(const account::Settings& setting);
 
 }  // namespace docsource::webdav

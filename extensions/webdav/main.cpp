@@ -1,12 +1,10 @@
 // The process of an account whose documents live on a WebDAV server.
 
-#include "extensions/account/AccountProvider.h"
-#include "extensions/webdav/Settings.h"
+#include "extensions/account/AccountProgram.h"
+#include "extensions/webdav/WebDAVRemote.h"
 
-int main() {
-  return AccountProvider([](const docsource::Provider& settings) {
-           return docsource::webdav::makeWebDAVRemote(
-               [&](const std::string& key) { return settings.infoString(key); });
-         })
-      .run();
+int main(int argc, char** argv) {
+  return account::runProgram(argc, argv, [](const account::Settings& setting) {
+    return docsource::webdav::makeWebDAVRemote(setting);
+  });
 }

@@ -62,7 +62,7 @@ class Mirrored : public testing::TestWithParam<std::string> {
   std::string here(const std::string& path) { return scratch_ / "here/" + path; }
 
   qx::test::TemporaryDirectory scratch_;
-  ServerProcess server_{GetParam()};
+  ServerProcess server_{GetParam(), SERVERS};
   std::unique_ptr<Mirror> mirror_;
 };
 

@@ -73,7 +73,7 @@ class RealServers : public testing::TestWithParam<Kind> {
     std::filesystem::rename(file + ".other", file);
   }
 
-  ServerProcess server_{GetParam().name};
+  ServerProcess server_{GetParam().name, SERVERS};
   std::unique_ptr<Remote> remote_;
   std::string identity_;
   int written_ = 0;

@@ -11,7 +11,7 @@
 #include <map>
 
 #include "extensions/webdav/LoginFlow.h"
-#include "extensions/webdav/Settings.h"
+#include "extensions/http/Settings.h"
 #include "tests/webdav/ServerProcess.h"
 
 namespace docsource::webdav::test {
@@ -381,7 +381,7 @@ TEST(ScriptedServer, LogsInOnAPageAndKeepsSecretsToTheirFiles) {
   ServerProcess server("cloud", SCRIPTED);
   const auto top = server.says().substr(0, server.says().find("/remote.php"));
   unsigned questions = 0;
-  ConnectionOptions options;
+  http::ConnectionOptions options;
   options.wait = [&](milliseconds) {
     if (++questions == 3) server.ask(R"({"agreed": ""})");
     return true;
@@ -398,12 +398,13 @@ TEST(ScriptedServer, LogsInOnAPageAndKeepsSecretsToTheirFiles) {
 
   const auto file = server.directory() + "/password";
   std::ofstream(file) << "pass word\nmore";
-  EXPECT_FALSE(secretFromFile(file)) << "others may read it";
+  EXPECT_FALSE(http::secretFromFile(file)) << "others may read it";
   std::filesystem::permissions(file, std::filesystem::perms::owner_read);
-  EXPECT_EQ(*secretFromFile(file), "pass word");
-  EXPECT_EQ(*secretFromCommand("echo pass word; echo more"), "pass word");
+  const std::vector<std::string> lines{"pass word", "more"};
+  EXPECT_EQ(*http::secretFromFile(file), lines);
+  EXPECT_EQ(*http::secretFromCommand("echo pass word; echo more"), lines);
   for (const std::string command : {"false", "echo", "echo geheim; exit 1", "/none"}) {
-    const auto none = secretFromCommand(command + " 2>/dev/null");
+    const auto none = http::secretFromCommand(command + " 2>/dev/null");
     ASSERT_FALSE(none) << command;
     EXPECT_EQ(textOf(none.error()).find("geheim"), std::string::npos);
   }

@@ -16,7 +16,7 @@ namespace docsource::webdav::test {
 /// A server of servers.py or one that is scripted, as an ordinary process. Ended with this object.
 class ServerProcess {
  public:
-  explicit ServerProcess(const std::string& kind, const std::string& script = SERVERS)
+  ServerProcess(const std::string& kind, const std::string& script)
       : process_({"python3", script, kind, directory_.path()}), line_(process_.readLine()) {}
   ~ServerProcess() { process_.wait(); }
   ServerProcess(const ServerProcess&) = delete;

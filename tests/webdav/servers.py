@@ -3,7 +3,8 @@
 
     servers.py KIND DIRECTORY
 
-KIND is apache, nginx, lighttpd, rclone or sabre. Everything lies in DIRECTORY: what is served in
+KIND is apache, nginx, lighttpd, rclone, sabre or tls, which is rclone with a certificate that it has
+issued itself, in "certificate". Everything lies in DIRECTORY: what is served in
 "files", and the server's own things beside it. The port is one that the kernel had free. Prints the
 URL when the server answers, or "missing WHAT" when it is not installed, and ends it when standard
 input ends.
@@ -134,11 +135,20 @@ def command(kind, top, port):
         if not os.path.exists("/usr/lib/lighttpd/mod_webdav.so"):
             return None
         arguments = ["-D", "-f", write(top + "/conf", LIGHTTPD.format(**values))]
-    elif kind == "rclone":
+    elif kind in ("rclone", "tls"):
         program = "/usr/bin/rclone"
         environment = {"RCLONE_CONFIG": top + "/conf"}
         arguments = ["serve", "webdav", files, "--addr", f"127.0.0.1:{port}",
                      "--dir-cache-time", "0s", "--user", "user", "--pass", "pass word"]
+        if kind == "tls":
+            if not shutil.which("openssl"):
+                return None
+            made = {"-keyout": top + "/key", "-out": top + "/certificate"}
+            subprocess.run(["openssl", "req", "-x509", "-nodes", "-newkey", "rsa:2048", "-days", "2",
+                            "-subj", "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1",
+                            *[word for pair in made.items() for word in pair]],
+                           check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            arguments += ["--cert", made["-out"], "--key", made["-keyout"]]
     else:
         program = "/usr/bin/php"
         if not os.path.exists("/usr/share/php/Sabre/autoload.php"):
@@ -181,7 +191,8 @@ def main():
             print("failed", kind, open(top + "/output").read().replace("\n", " "), flush=True)
             return
         time.sleep(0.01)
-    print(f"http://127.0.0.1:{port}/", flush=True)
+    scheme = "https" if kind == "tls" else "http"
+    print(f"{scheme}://127.0.0.1:{port}/", flush=True)
     sys.stdin.read()
     server.terminate()
     server.wait()

@@ -16,6 +16,7 @@
 #include "platform/files/FileManager.h"
 #include "platform/files/Places.h"
 #include "platform/plist/PropertyList.h"
+#include "tools/docsource/AccountTrial.h"
 #include "tools/docsource/Accounts.h"
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
@@ -75,7 +76,7 @@ Result<void> install(const std::string& name, const account::Lists& lists) {
   for (const auto& [file, list] : {std::pair("/Info.plist", &lists.info),
                                    std::pair("/Entitlements.plist", &lists.entitlements)}) {
     const auto text = qx::PropertyList::write(*list);
-    if (!error && text) error = qx::FileManager::replaceFile(bundle + file, *text, 0644);
+    if (!error && text) error = qx::FileManager::replaceFile(bundle + file, *text, 0600);
     if (!text) error = text.error();
   }
   if (!error) {
@@ -101,6 +102,65 @@ Result<std::string> folderFrom(const std::string& argument) {
                      " lie in one another; choose another directory");
   }
   return folder;
+}
+
+/// The settings that the options of a server give, with whole paths for files.
+Result<qx::Dictionary> settingsFrom(const Arguments& arguments) {
+  qx::Dictionary settings;
+  for (const auto& [key, value] : arguments.settings) settings[key] = value;
+  for (const char* key : {account::secretFileKey, account::authorityKey,
+                          account::clientCertificateKey, account::clientKeyKey}) {
+    const auto* file = qx::find<std::string>(settings, key);
+    if (!file) continue;
+    auto path = absolutePath(*file);
+    if (::access(path.c_str(), R_OK) != 0) return Error::file(errno, path);
+    settings[key] = std::move(path);
+  }
+  const auto* proxy = qx::find<std::string>(settings, account::proxyKey);
+  if (proxy && proxy->find('@') != std::string::npos) {
+    return complaint(
+        "A password of a proxy does not belong on a command line; docsourced takes "
+        "the proxy with its password from https_proxy in its environment");
+  }
+  if (settings.contains(account::secretFileKey) && settings.contains(account::secretCommandKey)) {
+    return complaint("The password comes from a command or from a file, not from both");
+  }
+  return settings;
+}
+
+/// Adds the account, once its program has found that it would work.
+int add(const Arguments& arguments, const std::string& kind, const qx::Dictionary& settings) {
+  const auto& name = arguments.subject;
+  if (const auto problem = account::problemOfName(name)) {
+    return fail(arguments, complaint(*problem));
+  }
+  if (accountCalled(name)) {
+    return fail(arguments, complaint("There is an account \"" + name +
+                                     "\" already; choose another name, or remove it"));
+  }
+  const auto program = programOf(kind);
+  if (!program) return fail(arguments, program.error());
+  const auto lists = account::listsFor(name, kind, *program, settings);
+  qx::Bundle bundle{};
+  bundle.identifier = account::identifierOf(name);
+  bundle.info = lists.info;
+  const auto added = *account::accountOf(bundle);
+  const auto notes = tryAccount(*program, settings, arguments.timeout);
+  if (!notes) return fail(arguments, notes.error());
+  const auto link = linkFor(name);
+  if (auto linked = makeLink(link, added.storage); !linked) return fail(arguments, linked.error());
+  if (auto installed = install(name, lists); !installed) {
+    removeLink(added);
+    return fail(arguments, installed.error());
+  }
+  qx::Dictionary object{{"name", name},
+                        {"identifier", added.identifier},
+                        {"documents", link},
+                        {"storage", added.storage}};
+  if (!notes->empty()) object["note"] = *notes;
+  return answer(arguments.json, object,
+                "added " + onOneLine(name) + "; its documents appear at " + onOneLine(link) + "\n" +
+                    (notes->empty() ? "" : onOneLine(*notes) + "\n"));
 }
 
 std::string textOf(const qx::Dictionary& dictionary, const char* key) {
@@ -207,35 +267,26 @@ Result<void> checkRemoval(const Account& account, const Arguments& arguments) {
 }  // namespace
 
 int addFolder(const Arguments& arguments) {
-  const auto& name = arguments.subject;
-  if (const auto problem = account::problemOfName(name)) {
-    return fail(arguments, complaint(*problem));
-  }
   const auto folder = folderFrom(arguments.second);
   if (!folder) return fail(arguments, folder.error());
-  if (accountCalled(name)) {
-    return fail(arguments, complaint("There is an account \"" + name +
-                                     "\" already; choose another name, or remove it"));
+  return add(arguments, "folder", {{account::directoryKey, *folder}});
+}
+
+int addWebDAV(const Arguments& arguments) {
+  auto settings = settingsFrom(arguments);
+  if (!settings) return fail(arguments, settings.error());
+  const auto has = [&](const char* key) { return settings->contains(key); };
+  const bool hasSecret = has(account::secretCommandKey) || has(account::secretFileKey);
+  if (!hasSecret && (has(account::userKey) || has(account::authenticationKey))) {
+    return fail(arguments, complaint("Say what tells the password, with --password-command or "
+                                     "--password-file"));
   }
-  const auto program = programOf("folder");
-  if (!program) return fail(arguments, program.error());
-  const auto lists = account::listsFor(name, "folder", *program, account::directoryKey, *folder);
-  qx::Bundle bundle{};
-  bundle.identifier = account::identifierOf(name);
-  bundle.info = lists.info;
-  const auto added = *account::accountOf(bundle);
-  const auto link = linkFor(name);
-  if (auto linked = makeLink(link, added.storage); !linked) return fail(arguments, linked.error());
-  if (auto installed = install(name, lists); !installed) {
-    removeLink(added);
-    return fail(arguments, installed.error());
+  if (hasSecret && !has(account::userKey) && !has(account::authenticationKey)) {
+    return fail(arguments, complaint("Say whose password it is, with --user; or that it is a "
+                                     "token, with --bearer"));
   }
-  return answer(arguments.json,
-                {{"name", name},
-                 {"identifier", added.identifier},
-                 {"documents", link},
-                 {"storage", added.storage}},
-                "added " + onOneLine(name) + "; its documents appear at " + onOneLine(link) + "\n");
+  (*settings)[account::urlKey] = arguments.second;
+  return add(arguments, "webdav", *settings);
 }
 
 int accounts(const Arguments& arguments) {

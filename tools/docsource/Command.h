@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,6 +46,8 @@ struct Arguments {
   bool confirmDeletions = false;
   /// The version of a conflict that is to be taken; empty to list them.
   std::string take;
+  /// Of an account to be added, as its process will find them (extensions/account/Settings.h).
+  std::map<std::string, std::string> settings;
   /// What stood behind "--", for the program that is to be run.
   std::vector<std::string> rest;
 };
@@ -69,6 +72,7 @@ int resolve(const Arguments& arguments);
 
 // Accounts.
 int addFolder(const Arguments& arguments);
+int addWebDAV(const Arguments& arguments);
 int accounts(const Arguments& arguments);
 int removeAccount(const Arguments& arguments);
 int sync(const Arguments& arguments);

@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "extensions/account/Settings.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Output.h"
 
@@ -51,6 +53,8 @@ constexpr Command commands[] = {
      "Have the document's content brought in and copy it to standard output"},
     {"add folder", "NAME DIRECTORY", false, false, addFolder,
      "Add an account for the documents of a directory, which then appear at ~/DocSource/NAME"},
+    {"add webdav", "NAME URL", false, false, addWebDAV,
+     "Add an account for the documents below an address of a WebDAV server"},
     {"accounts", nullptr, false, false, accounts,
      "List the accounts, how they are, and what waits to be uploaded"},
     {"remove", "NAME", false, false, removeAccount, "Remove an account and its documents here"},
@@ -99,9 +103,59 @@ CLI::App& groupCalled(const std::string& name, CLI::App& app) {
   return group;
 }
 
+/// Options of accounts on servers: each is a setting of the account.
+struct SettingOption {
+  const char* name;
+  const char* key;
+  /// What the option takes; null for one that is given or not, whose setting is then `value`.
+  const char* type;
+  const char* value;
+  const char* description;
+};
+
+constexpr SettingOption reachOptions[] = {
+    {"--ca", account::authorityKey, "FILE", nullptr,
+     "Trust the certificate authorities in this file, instead of those of the system"},
+    {"--certificate", account::clientCertificateKey, "FILE", nullptr,
+     "Show this client certificate"},
+    {"--certificate-key", account::clientKeyKey, "FILE", nullptr, "The private key of that certificate"},
+    {"--proxy", account::proxyKey, "URL", nullptr,
+     "Go through this proxy, instead of the one that https_proxy names"},
+};
+constexpr SettingOption webDAVOptions[] = {
+    {"--user", account::userKey, "NAME", nullptr, "The name to log in with"},
+    {"--password-command", account::secretCommandKey, "COMMAND", nullptr,
+     "A command of the shell that prints the password when it is needed"},
+    {"--password-file", account::secretFileKey, "FILE", nullptr,
+     "A file with the password in its first line, that nobody else may read (mode 0600)"},
+    {"--bearer", account::authenticationKey, nullptr, "bearer",
+     "What the command prints or the file holds is a bearer token"},
+};
+
+void addSettings(std::span<const SettingOption> options, CLI::App& entry, Arguments& arguments) {
+  for (const auto& option : options) {
+    auto& settings = arguments.settings;
+    if (option.type) {
+      entry
+          .add_option_function<std::string>(
+              option.name,
+              [&settings, &option](const std::string& value) { settings[option.key] = value; },
+              option.description)
+          ->type_name(option.type);
+    } else {
+      entry.add_flag_callback(
+          option.name, [&settings, &option] { settings[option.key] = option.value; },
+          option.description);
+    }
+  }
+}
+
 /// Those of single commands.
 void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
-  if (command.run == status) {
+  if (command.run == addWebDAV) {
+    addSettings(webDAVOptions, entry, arguments);
+    addSettings(reachOptions, entry, arguments);
+  } else if (command.run == status) {
     entry.add_flag("-r,--recursive", arguments.recursive, "Of everything below a directory");
   } else if (command.run == removeAccount) {
     entry.add_flag("--discard", arguments.discard, "Even what exists nowhere else");

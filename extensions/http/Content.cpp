@@ -1,4 +1,4 @@
-#include "extensions/webdav/Content.h"
+#include "extensions/http/Content.h"
 
 #include <openssl/evp.h>
 
@@ -6,7 +6,7 @@
 #include <array>
 #include <utility>
 
-namespace docsource::webdav {
+namespace docsource::http {
 namespace {
 
 constexpr std::size_t pieceSize = 256UL * 1024;
@@ -106,4 +106,4 @@ Result<std::string> SourceUpload::take(std::uint64_t most) {
   return all;
 }
 
-}  // namespace docsource::webdav
+}  // namespace docsource::http

@@ -8,7 +8,7 @@
 #include <optional>
 #include <random>
 
-namespace docsource::webdav {
+namespace docsource::http {
 
 /// What became of one attempt at a request.
 struct Attempt {
@@ -70,4 +70,4 @@ class Pacer {
   std::minstd_rand random_{std::random_device()()};
 };
 
-}  // namespace docsource::webdav
+}  // namespace docsource::http

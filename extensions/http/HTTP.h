@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "docsource/remote.h"
-#include "extensions/webdav/Pacer.h"
+#include "extensions/http/Pacer.h"
 
-namespace docsource::webdav {
+namespace docsource::http {
 
 /// How a server is reached and who asks.
 struct ConnectionOptions {
@@ -144,4 +144,4 @@ class Session {
   std::atomic<long> scheme_{0};
 };
 
-}  // namespace docsource::webdav
+}  // namespace docsource::http

@@ -6,9 +6,9 @@
 #include <string_view>
 
 #include "docsource/remote.h"
-#include "extensions/webdav/HTTP.h"
+#include "extensions/http/HTTP.h"
 
-namespace docsource::webdav {
+namespace docsource::http {
 
 /// A checksum that grows with what is added.
 class Checksum {
@@ -63,4 +63,4 @@ class SourceUpload final : public Upload {
   Checksum sha1_;
 };
 
-}  // namespace docsource::webdav
+}  // namespace docsource::http

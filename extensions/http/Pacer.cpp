@@ -1,10 +1,10 @@
 // The one place where retries are decided.
 
-#include "extensions/webdav/Pacer.h"
+#include "extensions/http/Pacer.h"
 
 #include <algorithm>
 
-namespace docsource::webdav {
+namespace docsource::http {
 namespace {
 
 using std::chrono::milliseconds;
@@ -77,4 +77,4 @@ bool Pacer::again(const Attempt& attempt, unsigned number, bool isRepeatable) {
   return wait_(delay);
 }
 
-}  // namespace docsource::webdav
+}  // namespace docsource::http

@@ -3,7 +3,7 @@
 // Only HTTP/1.1 is spoken: an upload that is broken off must be seen as such by every server and
 // every proxy on the way, and there a missing rest of the announced length says so.
 
-#include "extensions/webdav/HTTP.h"
+#include "extensions/http/HTTP.h"
 
 #include <curl/curl.h>
 
@@ -13,7 +13,7 @@
 #include <charconv>
 #include <utility>
 
-namespace docsource::webdav {
+namespace docsource::http {
 namespace {
 
 constexpr std::size_t mostText = 64UL * 1024;
@@ -359,10 +359,12 @@ Result<Answer> Session::perform(const Request& request) {
                                                          " does not reach it (status " +
                                                          std::to_string(status) + ").");
     }
-    auto sentence = host + " cannot be reached: ";
+    auto sentence = host + (code == CURLE_PEER_FAILED_VERIFICATION
+                                ? " shows a certificate that is not trusted: "
+                                : " cannot be reached: ");
     sentence.append(text[0] != '\0' ? text.data() : curl_easy_strerror(code)).append(".");
     return remoteError(RemoteProblem::unreachable, std::move(sentence));
   }
 }
 
-}  // namespace docsource::webdav
+}  // namespace docsource::http
