@@ -129,10 +129,11 @@ class ServerAccounts : public Broker, public testing::WithParamInterface<Kind> {
   std::optional<Daemon> platform_;
 };
 
-INSTANTIATE_TEST_SUITE_P(, ServerAccounts,
-                         testing::Values(Kind{"webdav", "tls", WEBDAV_SERVERS, "pass word",
-                                              "--password"}),
-                         [](const auto& kind) { return kind.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    , ServerAccounts,
+    testing::Values(Kind{"webdav", "tls", WEBDAV_SERVERS, "pass word", "--password"},
+                    Kind{"s3", "s3rver", S3_SERVERS, "S3RVER\nS3RVER", "--key"}),
+    [](const auto& kind) { return kind.param.name; });
 
 TEST_P(ServerAccounts, DocumentsAreReadEditedAndCarriedBack) {
   ASSERT_EQ(there("PUT", "letter.txt", "from there").status, 0);

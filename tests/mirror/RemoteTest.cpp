@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "extensions/s3/S3Remote.h"
 #include "tests/mirror/World.h"
+#include "tests/webdav/ServerProcess.h"
 
 namespace {
 
@@ -11,7 +13,8 @@ using namespace docsource::test;
 
 struct Kind {
   std::string name;
-  /// Over what `base` stands for: twice the same for the same one.
+  /// Over what `base` stands for: twice the same for the same one. Null when there is no such
+  /// server.
   std::function<std::unique_ptr<Remote>(const std::string& base)> make;
 };
 
@@ -32,10 +35,12 @@ class Text final : public RemoteSource {
 
 class RemoteTest : public testing::TestWithParam<Kind> {
  protected:
-  RemoteTest() {
+  void SetUp() override {
     fs::create_directories(base_);
+    remote_ = GetParam().make(base_);
+    if (!remote_) GTEST_SKIP() << "its server is not installed";
     const auto identity = remote_->identity(true);
-    EXPECT_TRUE(identity);
+    EXPECT_TRUE(identity) << identity.error().text();
     identity_ = identity ? *identity : "";
   }
   Result<RemoteItem> write(const std::string& path, const std::string& text,
@@ -68,7 +73,7 @@ class RemoteTest : public testing::TestWithParam<Kind> {
 
   Scratch scratch_;
   const std::string base_ = scratch_ / "base";
-  const std::unique_ptr<Remote> remote_ = GetParam().make(base_);
+  std::unique_ptr<Remote> remote_;
   std::string identity_;
 };
 
@@ -171,7 +176,36 @@ TEST_P(RemoteTest, IsKnownAgainAndTellsWhatHasChanged) {
               std::find(told->items.begin(), told->items.end(), "new") != told->items.end());
 }
 
-const Kind kinds[] = {{"Folder", [](const std::string& base) { return makeFolderRemote(base); }}};
+using webdav::test::ServerProcess;
+
+std::unique_ptr<Remote> inBucket(const ServerProcess& server, const std::string& base) {
+  if (!server.url()) return nullptr;
+  s3::S3Options options;
+  options.url = "s3://docs" + base;
+  options.endpoint = server.url();
+  options.credentials = [] { return Result<s3::Credentials>({"S3RVER", "S3RVER", std::nullopt}); };
+  return *s3::makeS3Remote(std::move(options));
+}
+
+const Kind kinds[] = {{"Folder", [](const std::string& base) { return makeFolderRemote(base); }},
+                      {"WebDAV",
+                       [](const std::string& base) -> std::unique_ptr<Remote> {
+                         static const ServerProcess server("rclone", WEBDAV_SERVERS);
+                         if (!server.url()) return nullptr;
+                         auto options = server.options();
+                         fs::create_directories(server.files() + base);
+                         options.url += base.substr(1);
+                         return *webdav::makeWebDAVRemote(std::move(options));
+                       }},
+                      {"S3Moto",
+                       [](const std::string& base) {
+                         static const ServerProcess server("moto", S3_SERVERS);
+                         return inBucket(server, base);
+                       }},
+                      {"S3rver", [](const std::string& base) {
+                         static const ServerProcess server("s3rver", S3_SERVERS);
+                         return inBucket(server, base);
+                       }}};
 
 INSTANTIATE_TEST_SUITE_P(Remotes, RemoteTest, testing::ValuesIn(kinds),
                          [](const auto& kind) { return kind.param.name; });

@@ -289,6 +289,13 @@ int addWebDAV(const Arguments& arguments) {
   return add(arguments, "webdav", *settings);
 }
 
+int addS3(const Arguments& arguments) {
+  auto settings = settingsFrom(arguments);
+  if (!settings) return fail(arguments, settings.error());
+  (*settings)[account::urlKey] = arguments.second;
+  return add(arguments, "s3", *settings);
+}
+
 int accounts(const Arguments& arguments) {
   qx::Array array;
   std::vector<std::vector<std::string>> rows;

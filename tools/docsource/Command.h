@@ -73,6 +73,7 @@ int resolve(const Arguments& arguments);
 // Accounts.
 int addFolder(const Arguments& arguments);
 int addWebDAV(const Arguments& arguments);
+int addS3(const Arguments& arguments);
 int accounts(const Arguments& arguments);
 int removeAccount(const Arguments& arguments);
 int sync(const Arguments& arguments);

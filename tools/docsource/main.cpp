@@ -55,6 +55,8 @@ constexpr Command commands[] = {
      "Add an account for the documents of a directory, which then appear at ~/DocSource/NAME"},
     {"add webdav", "NAME URL", false, false, addWebDAV,
      "Add an account for the documents below an address of a WebDAV server"},
+    {"add s3", "NAME s3://BUCKET[/PREFIX]", false, false, addS3,
+     "Add an account for the documents in a bucket of an S3 store"},
     {"accounts", nullptr, false, false, accounts,
      "List the accounts, how they are, and what waits to be uploaded"},
     {"remove", "NAME", false, false, removeAccount, "Remove an account and its documents here"},
@@ -118,7 +120,8 @@ constexpr SettingOption reachOptions[] = {
      "Trust the certificate authorities in this file, instead of those of the system"},
     {"--certificate", account::clientCertificateKey, "FILE", nullptr,
      "Show this client certificate"},
-    {"--certificate-key", account::clientKeyKey, "FILE", nullptr, "The private key of that certificate"},
+    {"--certificate-key", account::clientKeyKey, "FILE", nullptr,
+     "The private key of that certificate"},
     {"--proxy", account::proxyKey, "URL", nullptr,
      "Go through this proxy, instead of the one that https_proxy names"},
 };
@@ -130,6 +133,21 @@ constexpr SettingOption webDAVOptions[] = {
      "A file with the password in its first line, that nobody else may read (mode 0600)"},
     {"--bearer", account::authenticationKey, nullptr, "bearer",
      "What the command prints or the file holds is a bearer token"},
+};
+
+constexpr SettingOption s3Options[] = {
+    {"--endpoint", account::endpointKey, "URL", nullptr,
+     "The address of the store, https://HOST or http://HOST:PORT"},
+    {"--region", account::regionKey, "NAME", nullptr,
+     "The region of the bucket; us-east-1 unless the store says another"},
+    {"--key-command", account::secretCommandKey, "COMMAND", nullptr,
+     "A command of the shell that prints the identifier of the key, its secret and, where it has "
+     "one, its token, each on a line"},
+    {"--key-file", account::secretFileKey, "FILE", nullptr,
+     "A file with these lines, that nobody else may read (mode 0600); without either, docsourced "
+     "has AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY in its environment"},
+    {"--store-times", account::timesKey, nullptr, "store",
+     "Show the store's own times, and ask no object for the document's time and permissions"},
 };
 
 void addSettings(std::span<const SettingOption> options, CLI::App& entry, Arguments& arguments) {
@@ -154,6 +172,9 @@ void addSettings(std::span<const SettingOption> options, CLI::App& entry, Argume
 void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
   if (command.run == addWebDAV) {
     addSettings(webDAVOptions, entry, arguments);
+    addSettings(reachOptions, entry, arguments);
+  } else if (command.run == addS3) {
+    addSettings(s3Options, entry, arguments);
     addSettings(reachOptions, entry, arguments);
   } else if (command.run == status) {
     entry.add_flag("-r,--recursive", arguments.recursive, "Of everything below a directory");
