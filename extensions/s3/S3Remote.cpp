@@ -438,7 +438,7 @@ Result<Answer> S3Remote::send(const Call& call) {
     Request request{call.method, origin + signable.path};
     if (!signable.query.empty()) request.url += "?" + signable.query;
     for (const auto& [name, value] : signable.headers) {
-      request.headers.push_back(name + ": " + value);
+      request.headers.emplace_back(name).append(": ").append(value);
     }
     request.headers.push_back("authorization: " +
                               authorization(signable, *who, region, time.data()));

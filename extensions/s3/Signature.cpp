@@ -74,7 +74,7 @@ std::string queryOf(const std::map<std::string, std::string>& parameters) {
   }
   std::string query;
   for (const auto& [name, value] : sorted) {
-    query += (query.empty() ? "" : "&") + name + "=" + value;
+    query.append(query.empty() ? "" : "&").append(name).append("=").append(value);
   }
   return query;
 }
