@@ -128,16 +128,16 @@ Result<qx::Dictionary> settingsFrom(const Arguments& arguments) {
   return settings;
 }
 
-/// Adds the account, once its program has found that it would work.
+Result<void> checkName(const std::string& name) {
+  if (const auto problem = account::problemOfName(name)) return complaint(*problem);
+  if (!accountCalled(name)) return {};
+  return complaint("There is an account \"" + name +
+                   "\" already; choose another name, or remove it");
+}
+
+/// Adds the account, whose name is good, once its program has found that it would work.
 int add(const Arguments& arguments, const std::string& kind, const qx::Dictionary& settings) {
   const auto& name = arguments.subject;
-  if (const auto problem = account::problemOfName(name)) {
-    return fail(arguments, complaint(*problem));
-  }
-  if (accountCalled(name)) {
-    return fail(arguments, complaint("There is an account \"" + name +
-                                     "\" already; choose another name, or remove it"));
-  }
   const auto program = programOf(kind);
   if (!program) return fail(arguments, program.error());
   const auto lists = account::listsFor(name, kind, *program, settings);
@@ -267,12 +267,14 @@ Result<void> checkRemoval(const Account& account, const Arguments& arguments) {
 }  // namespace
 
 int addFolder(const Arguments& arguments) {
+  if (auto named = checkName(arguments.subject); !named) return fail(arguments, named.error());
   const auto folder = folderFrom(arguments.second);
   if (!folder) return fail(arguments, folder.error());
   return add(arguments, "folder", {{account::directoryKey, *folder}});
 }
 
 int addWebDAV(const Arguments& arguments) {
+  if (auto named = checkName(arguments.subject); !named) return fail(arguments, named.error());
   auto settings = settingsFrom(arguments);
   if (!settings) return fail(arguments, settings.error());
   const auto has = [&](const char* key) { return settings->contains(key); };
@@ -290,6 +292,7 @@ int addWebDAV(const Arguments& arguments) {
 }
 
 int addS3(const Arguments& arguments) {
+  if (auto named = checkName(arguments.subject); !named) return fail(arguments, named.error());
   auto settings = settingsFrom(arguments);
   if (!settings) return fail(arguments, settings.error());
   (*settings)[account::urlKey] = arguments.second;
