@@ -24,7 +24,9 @@ docsource::Result<std::string> tryOut(const AccountProvider::MakeRemote& makeRem
   if (!remote) return remote.error();
   const auto identity = (*remote)->identity(false);
   if (!identity) return identity.error();
-  if ((*remote)->capabilities().conditions) return std::string();
+  // Servers could; of a directory nobody expects it.
+  const bool isServer = settings->contains(urlKey);
+  if (!isServer || (*remote)->capabilities().conditions) return std::string();
   return std::string(
       "It does not compare versions itself: what somebody else changes there in the moment of an "
       "upload is overwritten (docs/servers.md).");
