@@ -1,12 +1,16 @@
 // The commands that are one operation of the broker each.
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <future>
 #include <memory>
 #include <utility>
 
+#include "docsource/placeholder.h"
+#include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
+#include "tools/docsource/Interruption.h"
 #include "tools/docsource/Location.h"
 #include "tools/docsource/Output.h"
 #include "tools/docsource/ProgressBar.h"
@@ -37,8 +41,25 @@ void addExtension(const docsource::SandboxExtension& extension, qx::Dictionary& 
   object["siblingURL"] = extension.siblingURL;
   object["siblingToken"] = extension.siblingToken;
   text += "token: " + extension.token.value_or("none") + "\n";
-  text += "sibling: " + extension.siblingURL.value_or("none") + "\n";
+  text += "sibling: ";
+  text += extension.siblingURL ? onOneLine(readable(*extension.siblingURL)) : "none";
+  text += "\n";
   text += "sibling token: " + extension.siblingToken.value_or("none") + "\n";
+}
+
+/// A grant counts as soon as there is such a consumer; as a rule nobody means that.
+void tellOfUnknownConsumer(const Arguments& arguments) {
+  for (const auto standing : {qx::BundleStanding::machine, qx::BundleStanding::user}) {
+    for (const auto kind : {qx::BundleKind::application, qx::BundleKind::extension}) {
+      for (const auto& installed : installedBundles(kind, standing)) {
+        if (installed.bundle && installed.bundle->identifier == arguments.consumer) return;
+      }
+    }
+  }
+  std::fprintf(stderr,
+               "Note: no bundle with the identifier %s is installed. The grant is recorded, and "
+               "counts when there is one; is the name right (docsource bundles)?\n",
+               onOneLine(arguments.consumer).c_str());
 }
 
 int printBookmark(const Arguments& arguments, const std::string& bookmark) {
@@ -59,7 +80,8 @@ int providers(const Arguments& arguments) {
   for (const auto& provider : *listing) {
     array.emplace_back(qx::Dictionary{{"providerIdentifier", provider.identifier},
                                       {"documentStorageURL", provider.documentStorageURL}});
-    rows.push_back({provider.identifier, provider.documentStorageURL.value_or("none")});
+    rows.push_back({provider.identifier,
+                    provider.documentStorageURL ? readable(*provider.documentStorageURL) : "none"});
   }
   return answer(arguments.json, {{"providers", std::move(array)}},
                 table({"PROVIDER", "DOCUMENTS"}, rows));
@@ -75,12 +97,35 @@ int start(const Arguments& arguments) {
   auto result = answered->get_future();
   client.startProviding(
       url, arguments.provider, arguments.consumer,
-      [answered](docsource::Result<void> answer) { answered->set_value(std::move(answer)); });
+      [answered](docsource::Result<void> answer) { answered->set_value(std::move(answer)); },
+      Client::noTimeout);
+  const Interruption interruption;
   ProgressBar bar;
   const auto path = docsource::pathOfURL(url);
+  using Clock = std::chrono::steady_clock;
+  // While bytes arrive it is worth waiting.
+  auto lastSign = Clock::now();
+  std::uint64_t arrived = 0;
   constexpr std::chrono::milliseconds redrawn(100);
-  while (bar.isShown() && result.wait_for(redrawn) == std::future_status::timeout) {
+  while (result.wait_for(redrawn) == std::future_status::timeout) {
     if (path) bar.draw(*path);
+    const auto document =
+        path ? docsource::placeholderStatus(*path)
+             : docsource::Result<docsource::PlaceholderStatus>(docsource::Error::file(ENOENT, url));
+    if (document && document->occupied != arrived) {
+      arrived = document->occupied;
+      lastSign = Clock::now();
+    }
+    if (interruption.hasCome()) {
+      bar.remove();
+      (void)client.stopProviding(url, arguments.provider, arguments.consumer);
+      return interrupted;
+    }
+    if (Clock::now() - lastSign > arguments.timeout) {
+      bar.remove();
+      return fail(arguments, docsource::Error(docsource::LibraryError::timedOut,
+                                              "Nothing of " + readable(url) + " arrives."));
+    }
   }
   auto outcome = result.get();
   bar.remove();
@@ -93,6 +138,7 @@ int extendSandbox(const Arguments& arguments) {
                              .extendSandbox(urlFromArgument(arguments.subject), arguments.provider,
                                             arguments.consumer);
   if (!extension) return fail(arguments, extension.error());
+  tellOfUnknownConsumer(arguments);
   qx::Dictionary object;
   std::string text;
   addExtension(*extension, object, text);
@@ -103,6 +149,7 @@ int extendBookmark(const Arguments& arguments) {
   const auto bookmark = Client(arguments.timeout)
                             .extendBookmark(urlFromArgument(arguments.subject), arguments.consumer);
   if (!bookmark) return fail(arguments, bookmark.error());
+  tellOfUnknownConsumer(arguments);
   return printBookmark(arguments, *bookmark);
 }
 
@@ -112,16 +159,15 @@ int bookmark(const Arguments& arguments) {
   if (!bookmark) return fail(arguments, bookmark.error());
   if (*bookmark) return printBookmark(arguments, **bookmark);
   answer(arguments.json, {{"bookmark", qx::Value()}}, "");
-  std::fprintf(stderr, "There is no bookmarkable string: %s belongs to no provider.\n",
-               onOneLine(url).c_str());
-  return operationFailed;
+  return fail(arguments, complaint("There is no bookmarkable string: " + readable(url) +
+                                   " belongs to no provider"));
 }
 
 int resolve(const Arguments& arguments) {
   const auto document = Client(arguments.timeout).resolveBookmark(arguments.subject);
   if (!document) return fail(arguments, document.error());
   qx::Dictionary object{{"url", document->url}};
-  std::string text = "document: " + document->url + "\n";
+  std::string text = "document: " + onOneLine(readable(document->url)) + "\n";
   addExtension(document->extension, object, text);
   return answer(arguments.json, object, text);
 }

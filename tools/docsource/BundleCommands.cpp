@@ -22,7 +22,7 @@ qx::Dictionary describe(const qx::Bundle& bundle) {
 
 int install(const Arguments& arguments) {
   const auto installation = installBundle(arguments.subject);
-  if (!installation) return fail(installation.error());
+  if (!installation) return fail(arguments, installation.error());
   const auto& bundle = installation->bundle;
   qx::Dictionary object = describe(bundle);
   object["replaced"] = installation->replaced;
@@ -33,7 +33,7 @@ int install(const Arguments& arguments) {
 
 int uninstall(const Arguments& arguments) {
   const auto paths = uninstallBundles(arguments.subject);
-  if (!paths) return fail(paths.error());
+  if (!paths) return fail(arguments, paths.error());
   std::string text;
   for (const auto& path : *paths) text += "removed " + onOneLine(path) + "\n";
   return answer(arguments.json, {{"removed", qx::Array(paths->begin(), paths->end())}}, text);
@@ -49,7 +49,10 @@ int bundles(const Arguments& arguments) {
         qx::Dictionary object{{"kind", nameOf(kind)}, {"path", installed.path}};
         if (installed.bundle) {
           object = describe(*installed.bundle);
-          rows.push_back({installed.bundle->identifier, nameOf(kind), owner, installed.path});
+          const auto problem = problemOfStarting(*installed.bundle);
+          if (problem) object["error"] = *problem;
+          rows.push_back({installed.bundle->identifier + (problem ? " (cannot start)" : ""),
+                          nameOf(kind), owner, installed.path + (problem ? ": " + *problem : "")});
         } else {
           const auto text = installed.bundle.error().text();
           object["error"] = text;

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <set>
 #include <system_error>
@@ -241,6 +242,24 @@ std::vector<InstalledBundle> installedBundles(BundleKind kind, qx::BundleStandin
   return bundles;
 }
 
+std::optional<std::string> problemOfStarting(const qx::Bundle& bundle) {
+  const auto& program = bundle.executable;
+  std::error_code failed;
+  if (!fs::is_regular_file(program, failed)) {
+    return "Its program " + program + " is not there.";
+  }
+  if (::access(program.c_str(), X_OK) != 0)
+    return "Its program " + program + " cannot be executed.";
+  std::ifstream file(program, std::ios::binary);
+  std::string line;
+  if (!std::getline(file, line) || !line.starts_with("#!")) return std::nullopt;
+  // The interpreter of a script (execve(2)).
+  const auto begin = std::min(line.find_first_not_of(" \t", 2), line.size());
+  const auto interpreter = line.substr(begin, line.find_first_of(" \t\r", begin) - begin);
+  if (::access(interpreter.c_str(), X_OK) == 0) return std::nullopt;
+  return "Its program " + program + " takes " + interpreter + ", which is not there.";
+}
+
 qx::Result<Installation> installBundle(const std::string& argument) {
   const auto source = sourceAt(argument);
   if (!source) return source.error();
@@ -249,6 +268,7 @@ qx::Result<Installation> installBundle(const std::string& argument) {
   if (isOfMachine(original->identifier)) {
     return refusal("A bundle of the machine has the identifier " + original->identifier + ".");
   }
+  if (const auto problem = problemOfStarting(*original)) return refusal(*problem);
   const auto place = placeFor(*source, original->identifier);
   if (!place) return place.error();
 

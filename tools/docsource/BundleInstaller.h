@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,5 +36,9 @@ struct InstalledBundle {
 };
 /// In byte order of the directories' names.
 std::vector<InstalledBundle> installedBundles(qx::BundleKind kind, qx::BundleStanding standing);
+
+/// Why the program of a bundle that is there cannot be started, one sentence; absent when it can,
+/// as far as that is to be seen without starting it.
+std::optional<std::string> problemOfStarting(const qx::Bundle& bundle);
 
 }  // namespace tool

@@ -21,6 +21,8 @@ enum ExitStatus : int {
   wrongUsage = 2,
   /// The service is away, or went away before it answered.
   serviceUnreachable = 3,
+  /// The user gave it up, as a shell tells it.
+  interrupted = 130,
 };
 
 /// The command line. A command finds filled in what the table says it takes.
@@ -55,9 +57,29 @@ struct Arguments {
 /// Of this tool: one sentence that says what is wrong and what to do about it.
 docsource::Error complaint(const std::string& sentence);
 
-/// Prints the error as text and tells the exit status that goes with it.
+/// Prints the error to standard error, with what to do next where that is known: as text, or with
+/// --json as an object {"error": {"domain", "code", "text", "next"}}. The exit status that goes
+/// with it.
 int fail(const Arguments& arguments, const docsource::Error& error);
-int fail(const qx::Error& error);
+int fail(const Arguments& arguments, const qx::Error& error);
+/// Of a command line that makes no sense.
+int refuseUsage(bool json, const std::string& sentence);
+
+/// One command of the table, as completion needs it.
+struct CommandName {
+  /// "first second" is the command `second` of the group `first`.
+  const char* name;
+  /// What its arguments without a name are; null where there are none.
+  const char* subject;
+  const char* description;
+};
+/// All of them, in the order of the table.
+std::vector<CommandName> commandNames();
+
+/// What could stand where the last of the words stands, one candidate to a line, with a tab and a
+/// description behind it; the word "/files" stands for the names of files, "/directories" for those
+/// of directories. Asked for by the shells' completion scripts (docsource --complete WORD…).
+int complete(const std::vector<std::string>& words);
 
 // The broker's operations.
 int wakeUp(const Arguments& arguments);
@@ -105,6 +127,9 @@ int bundles(const Arguments& arguments);
 int deviceStatus(const Arguments& arguments);
 int deviceLock(const Arguments& arguments);
 int deviceUnlock(const Arguments& arguments);
+
+/// Looks at everything that can be wrong and says it in a sentence each; fails when something is.
+int doctor(const Arguments& arguments);
 
 /// When the application was started its exit status is this program's.
 int run(const Arguments& arguments);

@@ -44,14 +44,15 @@ int deviceStatus(const Arguments& arguments) {
 
 int deviceLock(const Arguments& arguments) {
   const qx::KeyState state{locked, qx::readKeyState().unlockedSinceBoot};
-  if (auto error = write(state)) return fail(*error);
+  if (auto error = write(state)) return fail(arguments, *error);
   return show(arguments, state);
 }
 
 int deviceUnlock(const Arguments& arguments) {
   const qx::KeyState state{unlocked, true};
-  if (auto error = write(state)) return fail(*error);
-  if (auto error = qx::SystemNotifyCenter::post(firstUnlockNotification)) return fail(*error);
+  if (auto error = write(state)) return fail(arguments, *error);
+  if (auto error = qx::SystemNotifyCenter::post(firstUnlockNotification))
+    return fail(arguments, *error);
   return show(arguments, state);
 }
 

@@ -42,8 +42,7 @@ int copy(const Arguments& arguments, const docsource::Result<docsource::Descript
   while (printed) {
     const ssize_t count = readPiece(document->get(), buffer);
     if (count < 0) {
-      std::fprintf(stderr, "The document cannot be read: %s\n", std::strerror(errno));
-      return operationFailed;
+      return fail(arguments, docsource::Error::posix(errno, "The document cannot be read"));
     }
     if (count == 0) break;
     size += count;

@@ -74,8 +74,7 @@ int printFile(const Arguments& arguments) {
   if (list.error().is(QXStandardErrorDomain, qx::fileNoSuchFileError)) {
     return printGrants(arguments, {});
   }
-  std::fprintf(stderr, "%s: ", onOneLine(path).c_str());
-  return fail(list.error());
+  return fail(arguments, list.error());
 }
 
 }  // namespace
@@ -110,10 +109,9 @@ int revoke(const Arguments& arguments) {
     }
   }
   if (grants && !item) {
-    std::fprintf(stderr, "There is no such grant: %s of %s to %s.\n",
-                 onOneLine(arguments.subject).c_str(), onOneLine(arguments.provider).c_str(),
-                 onOneLine(arguments.consumer).c_str());
-    return operationFailed;
+    return fail(arguments, complaint("There is no such grant: " + arguments.subject + " of " +
+                                     arguments.provider + " to " + arguments.consumer +
+                                     " (docsource grants lists them)"));
   }
   const auto revoked =
       client.revoke(item.value_or(arguments.subject), arguments.provider, arguments.consumer);

@@ -216,15 +216,16 @@ int run(const Arguments& arguments) {
   const auto bundle =
       qx::BundleCatalog::shared().bundle(qx::BundleKind::application, arguments.subject);
   if (!bundle) {
-    return fail(refusal("There is no application " + arguments.subject + "."));
+    return fail(arguments, refusal("There is no application " + arguments.subject + "."));
   }
   const auto program = find(sandboxProgram);
   if (!program) {
-    return fail(refusal(std::string("Applications are run under bubblewrap, but there is no ") +
+    return fail(arguments,
+                refusal(std::string("Applications are run under bubblewrap, but there is no ") +
                         sandboxProgram + " on this machine."));
   }
   const auto contents = contentsFor(*bundle);
-  if (!contents) return fail(contents.error());
+  if (!contents) return fail(arguments, contents.error());
 
   const std::string privateRuntime = "/run/user/" + std::to_string(::getuid());
   // Bubblewrap's own environment can be read inside too, so it is the application's already.
@@ -236,7 +237,7 @@ int run(const Arguments& arguments) {
   const auto ended =
       runSandbox(*program, bundle->identifier,
                  argumentsFor(*contents, privateRuntime, arguments.rest), std::move(variables));
-  return ended ? *ended : fail(ended.error());
+  return ended ? *ended : fail(arguments, ended.error());
 }
 
 }  // namespace tool

@@ -14,6 +14,7 @@
 #include "platform/files/FileManager.h"
 #include "tools/docsource/Accounts.h"
 #include "tools/docsource/Command.h"
+#include "tools/docsource/Interruption.h"
 #include "tools/docsource/Location.h"
 #include "tools/docsource/Output.h"
 #include "tools/docsource/ProgressBar.h"
@@ -225,8 +226,20 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
   if (!process) return process.error();
   auto observer = AccountProcess::of(*place.account);
   ProgressBar bar;
+  const Interruption interruption;
   const auto draw = [&] {
-    if (!bar.isShown() || !observer) return;
+    if (!observer) return;
+    // What is brought in for this call alone; it answers then. Nothing may be under way just now.
+    if (interruption.hasCome()) {
+      (void)observer->ask<>(
+          [&](DSAccount& each, auto completion) {
+            each.cancelTransferOfItemAtURL_completion(qx::URL::fileURL(place.path),
+                                                      std::move(completion));
+          },
+          arguments.timeout);
+      return;
+    }
+    if (!bar.isShown()) return;
     const auto answer = observer->ask<qx::Array>(
         [](DSAccount& each, auto completion) { each.transfersCompletion(std::move(completion)); },
         arguments.timeout);

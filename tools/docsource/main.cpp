@@ -19,8 +19,6 @@
 namespace tool {
 namespace {
 
-constexpr std::string_view toolErrorDomain = "DocSourceToolErrorDomain";
-
 struct Command {
   /// "first second" is the command `second` of the group `first`.
   const char* name;
@@ -79,6 +77,8 @@ constexpr Command commands[] = {
     {"device status", nullptr, false, false, deviceStatus, "Tell whether the device is locked"},
     {"device lock", nullptr, false, false, deviceLock, "Lock it"},
     {"device unlock", nullptr, false, false, deviceUnlock, "Unlock it"},
+    {"doctor", nullptr, false, false, doctor,
+     "Look at everything that can be wrong, and say what to do about it"},
     {"run", "IDENTIFIER", false, false, run,
      "Run an installed application in a sandbox; its arguments stand behind --"},
 };
@@ -91,6 +91,20 @@ std::string checkTimeout(const std::string& text) {
     return "SECONDS is a number from 0.001 on";
   }
   return {};
+}
+
+/// What the word that stands for an argument means.
+const char* meaningOf(std::string_view subject) {
+  if (subject == "URL") return "The document: its path or its file URL";
+  if (subject == "STRING") return "A bookmarkable string";
+  if (subject == "TOKEN") return "A token, as extend-sandbox prints it";
+  if (subject == "NAME") return "The account's name";
+  if (subject == "DIRECTORY") return "Where its documents are";
+  if (subject == "PATH") return "A document or a directory";
+  if (subject == "ITEM-OR-PATH") return "The item as docsource grants lists it, or the document";
+  if (subject == "BUNDLE") return "A directory NAME.app or NAME.docext";
+  if (subject == "IDENTIFIER") return "A bundle identifier, as docsource bundles lists it";
+  return "";
 }
 
 /// The group of that name, made at the first command that stands in it.
@@ -189,29 +203,45 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
   }
 }
 
+/// The arguments without a name.
+void addSubjects(std::string_view subject, CLI::App& entry, Arguments& arguments) {
+  const auto option = [&](std::string_view word, auto& place) {
+    return entry.add_option(std::string(word), place, meaningOf(word))->type_name("");
+  };
+  if (subject.empty()) return;
+  if (subject.ends_with("...")) {
+    option(subject.substr(0, subject.find('.')), arguments.subjects)->required();
+  } else if (subject.starts_with('[')) {
+    option(subject.substr(1, subject.size() - 2), arguments.subject);
+  } else {
+    const auto space = std::min(subject.find(' '), subject.size());
+    option(subject.substr(0, space), arguments.subject)->required();
+    if (space < subject.size()) option(subject.substr(space + 1), arguments.second)->required();
+  }
+}
+
+/// Those of all commands, before the command's name and behind it.
+void addCommonOptions(CLI::App& app, Arguments& arguments) {
+  app.add_flag("--json", arguments.json, "Print one JSON object; an error as one, too");
+  app.add_option_function<double>(
+         "--timeout",
+         [&arguments](double seconds) {
+           arguments.timeout = std::chrono::milliseconds(std::llround(seconds * 1000));
+           arguments.givenTimeout = arguments.timeout;
+         },
+         "How long to wait for an answer; 30 unless given")
+      ->type_name("SECONDS")
+      ->check(checkTimeout);
+}
+
 void add(CLI::App& app, const Command& command, Arguments& arguments, const Command*& chosen) {
   const std::string_view name = command.name;
   const auto word = name.find(' ') + 1;  // 0 where there is but one
   CLI::App& group = word == 0 ? app : groupCalled(std::string(name.substr(0, word - 1)), app);
   CLI::App* entry = group.add_subcommand(std::string(name.substr(word)), command.description);
   entry->fallthrough();
-  const std::string_view subject = command.subject ? command.subject : "";
-  if (subject.ends_with("...")) {
-    const std::string one(subject.substr(0, subject.find('.')));
-    entry->add_option(one, arguments.subjects, "")->type_name("")->required();
-  } else if (subject.starts_with('[')) {
-    const std::string one(subject.substr(1, subject.size() - 2));
-    entry->add_option(one, arguments.subject, "")->type_name("");
-  } else if (const auto space = subject.find(' '); space != std::string_view::npos) {
-    entry->add_option(std::string(subject.substr(0, space)), arguments.subject, "")
-        ->type_name("")
-        ->required();
-    entry->add_option(std::string(subject.substr(space + 1)), arguments.second, "")
-        ->type_name("")
-        ->required();
-  } else if (command.subject) {
-    entry->add_option(command.subject, arguments.subject, "")->type_name("")->required();
-  }
+  addSubjects(command.subject ? command.subject : "", *entry, arguments);
+  addCommonOptions(*entry, arguments);
   addOptions(command, *entry, arguments);
   if (command.takesProvider) {
     entry->add_option("--provider", arguments.provider, "The provider's bundle identifier")
@@ -246,17 +276,17 @@ int cutArguments(int argc, const char* const* argv, Arguments& arguments) {
 }
 
 int interpret(int argc, const char* const* argv) {
+  if (argc > 1 && argv[1] == std::string_view("--complete")) {
+    return complete({argv + 2, argv + argc});
+  }
   Arguments arguments;
   argc = cutArguments(argc, argv, arguments);
-  double timeout = 30;
+  arguments.timeout = std::chrono::seconds(30);
   const Command* chosen = nullptr;
   CLI::App app("Client of the document broker, and the tool to administer it.", "docsource");
   app.require_subcommand(1);
-  app.add_flag("--json", arguments.json, "Print one JSON object");
-  const auto* given =
-      app.add_option("--timeout", timeout, "How long to wait for an answer; 30 unless given")
-          ->type_name("SECONDS")
-          ->check(checkTimeout);
+  app.set_version_flag("--version", "docsource " DOCSOURCE_VERSION);
+  addCommonOptions(app, arguments);
   app.footer(
       "A URL may be a plain path. The exit status is 0; 1 when the operation answered with an "
       "error or not in time; 2 for a wrong command line; 3 when the service cannot be reached. "
@@ -265,41 +295,25 @@ int interpret(int argc, const char* const* argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    const bool json = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
     if (const auto unknown = unknownCommand(app, error)) {
-      std::fprintf(stderr, "There is no command \"%s\".\nRun with --help for more information.\n",
-                   onOneLine(*unknown).c_str());
-      return wrongUsage;
+      return refuseUsage(json, "There is no command \"" + onOneLine(*unknown) + "\".");
     }
+    if (json && error.get_exit_code() != 0) return refuseUsage(json, error.what());
     return app.exit(error) == 0 ? success : wrongUsage;
   }
   if (chosen->run != run && !arguments.rest.empty()) {
-    std::fputs("Only a program that is run takes arguments behind --\n", stderr);
-    return wrongUsage;
+    return refuseUsage(arguments.json, "Only a program that is run takes arguments behind --");
   }
-  arguments.timeout = std::chrono::milliseconds(std::llround(timeout * 1000));
-  if (given->count() > 0) arguments.givenTimeout = arguments.timeout;
   return chosen->run(arguments);
 }
 
 }  // namespace
 
-docsource::Error complaint(const std::string& sentence) {
-  return {std::string(toolErrorDomain), 1, sentence + "."};
-}
-
-int fail(const Arguments& arguments, const docsource::Error& error) {
-  const bool isOwn = error.domain() == toolErrorDomain;
-  std::string text = onOneLine(isOwn ? error.description() : error.text());
-  if (error.is(docsource::LibraryError::timedOut)) {
-    text += " (waited " + std::to_string(arguments.timeout.count()) + " ms, --timeout)";
-  }
-  std::fprintf(stderr, "%s\n", text.c_str());
-  return error.isConnectionFailure() ? serviceUnreachable : operationFailed;
-}
-
-int fail(const qx::Error& error) {
-  std::fprintf(stderr, "%s\n", onOneLine(error.text()).c_str());
-  return operationFailed;
+std::vector<CommandName> commandNames() {
+  std::vector<CommandName> names;
+  for (const auto& each : commands) names.push_back({each.name, each.subject, each.description});
+  return names;
 }
 
 }  // namespace tool

@@ -1,0 +1,256 @@
+// `docsource doctor`: one sentence about everything that can be wrong, in the order in which it
+// matters: who does not run, what the kernel and the file system cannot, what is installed and does
+// not work.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/coordination/CoordinationState.h"
+#include "platform/device/KeyState.h"
+#include "platform/files/FileManager.h"
+#include "platform/files/Places.h"
+#include "tools/docsource/Accounts.h"
+#include "tools/docsource/BundleInstaller.h"
+#include "tools/docsource/Command.h"
+#include "tools/docsource/Output.h"
+
+namespace tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* coordinationService = "com.veltro.FileCoordination";
+constexpr const char* brokerService = "com.veltro.DocSource";
+
+/// What was found, for a person.
+class Report {
+ public:
+  void good(const std::string& subject, const std::string& sentence) {
+    add("ok", subject, sentence);
+  }
+  /// Works, and is less than it could be.
+  void note(const std::string& subject, const std::string& sentence) {
+    add("note", subject, sentence);
+  }
+  void wrong(const std::string& subject, const std::string& sentence) {
+    isWell_ = false;
+    add("wrong", subject, sentence);
+  }
+  int print(const Arguments& arguments) {
+    const int printed =
+        answer(arguments.json, {{"well", isWell_}, {"findings", std::move(findings_)}}, text_);
+    return isWell_ ? printed : operationFailed;
+  }
+
+ private:
+  void add(const std::string& state, const std::string& subject, const std::string& sentence) {
+    findings_.emplace_back(
+        qx::Dictionary{{"state", state}, {"subject", subject}, {"text", sentence}});
+    text_ += state + std::string(7 - state.size(), ' ') + onOneLine(subject + ": " + sentence);
+    text_ += "\n";
+  }
+
+  qx::Array findings_;
+  std::string text_;
+  bool isWell_ = true;
+};
+
+void lookAtBroker(const Arguments& arguments, Report& report) {
+  docsource::Client client(arguments.timeout);
+  const auto socket = qx::Places::serviceSocket(brokerService);
+  const auto awake = client.wakeUp();
+  if (!awake) {
+    return report.wrong("docsourced",
+                        "It does not answer at " + socket + " (" + awake.error().description() +
+                            "). Start it: systemctl --user start docsourced.service; what it says "
+                            "is in journalctl --user -t docsourced");
+  }
+  report.good("docsourced", "It answers at " + socket + ".");
+  const auto listing = client.providers();
+  if (!listing) {
+    return report.wrong("this program",
+                        listing.error().description() + " Its bundle, docsource.app in " +
+                            qx::Places::machineBundles() +
+                            "/Applications, must name this very file; was it copied?");
+  }
+  for (const auto& installed :
+       installedBundles(qx::BundleKind::extension, qx::BundleStanding::user)) {
+    if (!installed.bundle || problemOfStarting(*installed.bundle)) continue;
+    const auto& identifier = installed.bundle->identifier;
+    const auto isListed = [&](const docsource::ProviderInfo& one) {
+      return one.identifier == identifier && one.documentStorageURL;
+    };
+    if (std::any_of(listing->begin(), listing->end(), isListed)) continue;
+    report.wrong(identifier,
+                 "docsourced does not have it among its providers. Why, its log says: "
+                 "journalctl --user -t docsourced");
+  }
+}
+
+void lookAtPlatform(Report& report) {
+  const auto socket = qx::Places::serviceSocket(coordinationService);
+  if (!QXConduitConnection::connectToService(coordinationService)) {
+    return report.wrong("platformd", "It does not answer at " + socket +
+                                         ", so nobody brings content in or watches over "
+                                         "placeholders. Start it, as root: systemctl start "
+                                         "platformd.service");
+  }
+  report.good("platformd", "It answers at " + socket + ".");
+  switch (qx::readCoordinationMechanism().value_or(qx::CoordinationMechanism::cooperative)) {
+    case qx::CoordinationMechanism::access:
+      return report.good("kernel", "Every program waits for the content that it reads.");
+    case qx::CoordinationMechanism::open:
+      return report.note(
+          "kernel",
+          "Programs wait when they open a document, for all of it: the kernel cannot "
+          "tell of single accesses (Linux 6.14 can).");
+    case qx::CoordinationMechanism::cooperative:
+      return report.note("kernel",
+                         "platformd may not watch files (it takes CAP_SYS_ADMIN): programs cannot "
+                         "open a document whose content is not here. Bring it in with docsource "
+                         "get, or copy it with docsource read.");
+  }
+}
+
+void lookAtLock(Report& report) {
+  if (!qx::readKeyState().unlockedSinceBoot) {
+    report.wrong("device",
+                 "It was not unlocked since it was started, and until then there are no "
+                 "providers. Whoever unlocks it says so with docsource device unlock.");
+  }
+}
+
+/// What documents need of their file system: holes, attributes, space.
+void lookAtFileSystem(Report& report) {
+  std::error_code failed;
+  auto place = fs::path(qx::Places::groupContainers());
+  while (!fs::exists(place, failed) && place.has_relative_path()) place = place.parent_path();
+  const auto where = place.string();
+  const qx::FileDescriptor file(::open(where.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  struct stat status {};
+  constexpr off_t size = 1 << 20U;
+  if (!file || ::ftruncate(file.get(), size) != 0 || ::fstat(file.get(), &status) != 0) {
+    return report.wrong("file system", "No file can be made in " + where + ".");
+  }
+  if (status.st_blocks * 512 >= size) {
+    return report.wrong("file system", "That of " + where + " has no sparse files.");
+  }
+  if (::fsetxattr(file.get(), "user.docsource.test", "1", 1, 0) != 0) {
+    return report.wrong("file system", "That of " + where +
+                                           " has no extended attributes of users, "
+                                           "and without them nothing can be a placeholder.");
+  }
+  struct statvfs space {};
+  if (::statvfs(where.c_str(), &space) != 0) return;
+  const auto left = static_cast<std::uint64_t>(space.f_bavail) * space.f_frsize;
+  constexpr std::uint64_t little = 200'000'000;
+  if (left < little) {
+    return report.wrong("file system", "Only " + sizeText(left) + " are left on that of " + where +
+                                           ". To give some back: docsource evict DIRECTORY");
+  }
+  report.good("file system",
+              "That of " + where + " is fit for documents, and has " + sizeText(left) + " left.");
+}
+
+void lookAtBundles(Report& report) {
+  std::size_t count = 0;
+  for (const auto kind : {qx::BundleKind::application, qx::BundleKind::extension}) {
+    for (const auto standing : {qx::BundleStanding::machine, qx::BundleStanding::user}) {
+      for (const auto& installed : installedBundles(kind, standing)) {
+        ++count;
+        if (!installed.bundle) {
+          report.wrong(installed.path, "It is broken: " + installed.bundle.error().description() +
+                                           " Install it anew or remove it.");
+        } else if (const auto problem = problemOfStarting(*installed.bundle)) {
+          report.wrong(installed.bundle->identifier, *problem + " Install it anew or remove it.");
+        }
+      }
+    }
+  }
+  report.good("bundles", std::to_string(count) + " are installed (docsource bundles).");
+}
+
+void lookAtAccounts(const Arguments& arguments, Report& report) {
+  const auto all = installedAccounts();
+  if (all.empty()) report.good("accounts", "There are none (docsource add --help).");
+  for (const auto& account : all) {
+    auto process = AccountProcess::of(account);
+    using Health = docsource::Result<std::tuple<std::optional<qx::Dictionary>>>;
+    const auto asked = process ? process->ask<qx::Dictionary>(
+                                     [](DSAccount& each, auto completion) {
+                                       each.healthCompletion(std::move(completion));
+                                     },
+                                     arguments.timeout)
+                               : Health(process.error());
+    if (!asked) {
+      report.wrong("account " + account.name, asked.error().description());
+      continue;
+    }
+    const auto health = std::get<0>(*asked).value_or(qx::Dictionary());
+    const auto* state = qx::find<std::string>(health, "state");
+    const auto* reason = qx::find<std::string>(health, "reason");
+    const auto* failures = qx::find<std::int64_t>(health, "failed");
+    std::error_code failed;
+    const auto link = linkFor(account.name);
+    const auto more = reason ? " " + *reason : std::string();
+    if (fs::read_symlink(link, failed) != account.storage) {
+      report.note("account " + account.name, "Its documents are in " + account.storage + ", and " +
+                                                 link + " does not lead there.");
+    }
+    if (state && *state == "ok" && (!failures || *failures == 0)) {
+      report.good("account " + account.name, "It is in agreement with " + account.source + ".");
+    } else {
+      report.wrong("account " + account.name, "It is " + (state ? *state : std::string("silent")) +
+                                                  "." + more + " To try again: docsource sync " +
+                                                  account.name);
+    }
+  }
+}
+
+void lookAtSandbox(Report& report) {
+  std::error_code failed;
+  const char* path = std::getenv("PATH");
+  std::string rest = path ? path : "/usr/bin:/bin";
+  bool isThere = false;
+  while (!rest.empty() && !isThere) {
+    const auto end = std::min(rest.find(':'), rest.size());
+    isThere = ::access((rest.substr(0, end) + "/bwrap").c_str(), X_OK) == 0;
+    rest.erase(0, std::min(end + 1, rest.size()));
+  }
+  if (!isThere) {
+    return report.note("sandbox",
+                       "docsource run takes bubblewrap (bwrap), which is not installed.");
+  }
+  long most = 1;
+  std::ifstream("/proc/sys/user/max_user_namespaces") >> most;
+  if (most == 0) {
+    return report.note("sandbox",
+                       "docsource run takes user namespaces, and this machine allows "
+                       "none (user.max_user_namespaces).");
+  }
+  report.good("sandbox", "docsource run can make one.");
+}
+
+}  // namespace
+
+int doctor(const Arguments& arguments) {
+  Report report;
+  lookAtBroker(arguments, report);
+  lookAtPlatform(report);
+  lookAtLock(report);
+  lookAtFileSystem(report);
+  lookAtBundles(report);
+  lookAtAccounts(arguments, report);
+  lookAtSandbox(report);
+  return report.print(arguments);
+}
+
+}  // namespace tool
