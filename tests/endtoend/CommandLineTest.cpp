@@ -135,6 +135,11 @@ TEST_F(CommandLine, RefusesWhatIsNoCommand) {
   }
   EXPECT_EQ(run({"device", "explode"}).errors.find("There is no command \"explode\"."), 0U);
   EXPECT_NE(ask({"--help"}).find("extend-sandbox"), std::string::npos);
+  EXPECT_NE(ask({"read", "--help"}).find("--timeout SECONDS"), std::string::npos);
+  EXPECT_EQ(ask({"--version"}).find("docsource "), 0U);
+  EXPECT_EQ(ask({"--complete", "start", "--consumer", ""}).find(toolIdentifier), 0U);
+  EXPECT_EQ(ask({"--complete", "--json", "device", "un"}),
+            "status\tTell whether the device is locked\nlock\tLock it\nunlock\tUnlock it\n");
 }
 
 TEST_F(CommandLine, TellsThatAServiceIsAway) {
@@ -142,6 +147,14 @@ TEST_F(CommandLine, TellsThatAServiceIsAway) {
            {"wake-up"}, {"providers", "--json"}, {"consume", "token"}, {"read", "/etc/passwd"}}) {
     fails(command, "cannot be reached", 3);
   }
+  const auto error = run({"wake-up", "--json"}).errors;
+  EXPECT_EQ(
+      error.find(R"({"error": {"code": 2, "domain": "DocSourceLibraryErrorDomain", "next": ")"), 0U)
+      << error;
+  EXPECT_NE(error.find(installation_.root() + "/run/com.veltro.DocSource"), std::string::npos);
+  const auto found = run({"doctor"});
+  EXPECT_EQ(found.status, 1);
+  EXPECT_EQ(found.output.find("wrong  docsourced: "), 0U) << found.output;
 }
 
 TEST_F(CommandLine, CarriesOutTheItemRequests) {
@@ -157,19 +170,22 @@ TEST_F(CommandLine, CarriesOutTheItemRequests) {
   EXPECT_EQ(ask({"providers", "--json"}),
             R"({"providers": [{"documentStorageURL": ")" + storage +
                 R"(", "providerIdentifier": "com.example.provider"}]})" + "\n");
-  EXPECT_NE(ask({"providers"}).find(std::string(provider) + "  " + storage + "\n"),
+  EXPECT_NE(ask({"providers"}).find(std::string(provider) + "  " + installed.storage()),
             std::string::npos);
 
   const auto request = [&](const std::string& command, const std::string& document) {
     return run({command, document, "--provider", provider, "--consumer", "com.example.app"});
   };
-  EXPECT_EQ(request("start", "other.txt").errors,
-            "DSErrorDomain 3: The operation is not permitted.\n");
+  EXPECT_EQ(request("start", "other.txt")
+                .errors.find("DSErrorDomain 3: The operation is not permitted.\n"),
+            0U);
 
   const auto url = installed.url("50% of über.txt").absoluteString();
   const auto extended = request("extend-sandbox", "./50% of über.txt");
   EXPECT_NE(answer(extended.output, "token"), "") << extended.errors;
-  EXPECT_EQ(answer(extended.output, "sibling"), installed.url(".50% of über.txt").absoluteString());
+  EXPECT_NE(extended.errors.find("no bundle with the identifier com.example.app"),
+            std::string::npos);
+  EXPECT_EQ(answer(extended.output, "sibling"), installed.document(".50% of über.txt"));
   EXPECT_EQ(answer(extended.output, "sibling token"), "none");
 
   // A link is no document; whoever names one means what it leads to.
@@ -178,7 +194,7 @@ TEST_F(CommandLine, CarriesOutTheItemRequests) {
   const auto behindLink = request("extend-sandbox", link);
   EXPECT_NE(answer(behindLink.output, "token"), "none") << behindLink.errors;
   EXPECT_NE(answer(behindLink.output, "token"), "");
-  EXPECT_EQ(answer(behindLink.output, "sibling"), installed.url(".other.txt").absoluteString());
+  EXPECT_EQ(answer(behindLink.output, "sibling"), installed.document(".other.txt"));
 
   // The same document as relative path, as absolute path and as URL.
   EXPECT_EQ(request("placeholder", "50% of über.txt").status, 0);
@@ -208,7 +224,7 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
                   path + R"(", "size": 100000, "state": ")" + name + "\"}]}\n");
   };
   const auto request = [&](const std::string& command) {
-    ask({command, "a.txt", "--provider", "com.example.provider", "--consumer", "com.example.app"});
+    ask({command, "a.txt", "--provider", "com.example.provider", "--consumer", toolIdentifier});
   };
   request("extend-sandbox");
   state("placeholder");
@@ -255,7 +271,7 @@ TEST_F(CommandLine, ShowsOnATerminalHowFarADocumentHasArrived) {
   start();
   ASSERT_TRUE(isRegistered(installed));
   const auto path = installed.document("A.txt");
-  ask({"extend-sandbox", path, "--provider", provider, "--consumer", "com.example.app"});
+  ask({"extend-sandbox", path, "--provider", provider, "--consumer", toolIdentifier});
   fs::resize_file(path, 1 << 20U);
   ASSERT_EQ(::setxattr(path.c_str(), "user.docsource.placeholder", "placeholder", 11, 0), 0);
 
@@ -280,8 +296,8 @@ TEST_F(CommandLine, ShowsOnATerminalHowFarADocumentHasArrived) {
   installed.behave({{vendorStart, "hold"}});
   Outcome outcome;
   std::thread tool([&] {
-    outcome = run({"start", path, "--provider", provider, "--consumer", "com.example.app"},
-                  terminal.data());
+    outcome =
+        run({"start", path, "--provider", provider, "--consumer", toolIdentifier}, terminal.data());
   });
   EXPECT_TRUE(shows(line("[------------------------------]   0%  0 B of 1.0 MB"))) << shown;
   std::fstream(path, std::ofstream::in | std::ofstream::out) << std::string(1 << 19U, 'x');
@@ -307,7 +323,7 @@ TEST_F(CommandLine, CopiesDocumentsAsTheyAre) {
   for (int i = 0; bytes.size() < 400'001; ++i) bytes += static_cast<char>(i * 7);
   std::ofstream("/" + installed.document("B c.txt")) << bytes;
   const auto extended =
-      ask({"extend-sandbox", "B c.txt", "--provider", provider, "--consumer", "com.example.app"});
+      ask({"extend-sandbox", "B c.txt", "--provider", provider, "--consumer", toolIdentifier});
   const auto token = answer(extended, "token");
   EXPECT_TRUE(ask({"consume", token}) == bytes);
   const std::vector<std::uint8_t> raw(bytes.begin(), bytes.end());
@@ -342,7 +358,7 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   fails({"resolve", bookmark}, "DSErrorDomain 3: The operation is not permitted.\n");
   EXPECT_EQ(ask({"extend-bookmark", "A.txt", "--consumer", toolIdentifier}), bookmark + "\n");
   const auto resolved = ask({"resolve", bookmark});
-  EXPECT_EQ(answer(resolved, "document"), installed.url("A.txt").absoluteString());
+  EXPECT_EQ(answer(resolved, "document"), installed.document("A.txt"));
   EXPECT_NE(answer(resolved, "token"), "none");
   // An item is one line of the table whatever its identifier.
   const auto table = ask({"grants"});

@@ -56,6 +56,16 @@ docsource::Result<Account> accountCalled(const std::string& name) {
 
 std::string linkFor(const std::string& name) { return homeDirectory() + "/DocSource/" + name; }
 
+std::string familiarPath(const Account& account, const std::string& path) {
+  std::error_code failed;
+  const auto link = linkFor(account.name);
+  const auto storage = fs::canonical(account.storage, failed).string();
+  const bool isBelow = !failed && path.starts_with(storage) &&
+                       (path.size() == storage.size() || path[storage.size()] == '/');
+  const bool leadsThere = isBelow && fs::canonical(link, failed) == storage && !failed;
+  return leadsThere ? link + path.substr(storage.size()) : path;
+}
+
 docsource::Result<Place> placeOf(const std::string& argument) {
   const auto url = urlFromArgument(argument);
   const auto given = docsource::pathOfURL(url);

@@ -28,6 +28,8 @@ docsource::Result<Account> accountCalled(const std::string& name);
 
 /// Where a person finds the documents: ~/DocSource/NAME, a link to the storage.
 std::string linkFor(const std::string& name);
+/// The path of an account's item as a person knows it: through that link, where it leads there.
+std::string familiarPath(const Account& account, const std::string& path);
 
 /// What a person means by a path.
 struct Place {

@@ -74,7 +74,7 @@ int printFile(const Arguments& arguments) {
   if (list.error().is(QXStandardErrorDomain, qx::fileNoSuchFileError)) {
     return printGrants(arguments, {});
   }
-  return fail(arguments, list.error());
+  return fail(arguments, complaint(path + " cannot be read: " + list.error().text()));
 }
 
 }  // namespace

@@ -108,6 +108,8 @@ Result<qx::Array> statusOf(const Account& account, const std::vector<std::string
 /// One line of `status`.
 struct Line {
   std::string path;
+  /// As a person knows it.
+  std::string shown;
   std::string state;
   std::optional<std::string> reason;
   std::optional<bool> isPinned;
@@ -118,7 +120,7 @@ struct Line {
 Result<Line> lineByMarks(const std::string& path) {
   const auto document = docsource::placeholderStatus(path);
   if (!document) return document.error();
-  return Line{path, nameOf(document->state), {}, {}, document->size, document->occupied};
+  return Line{path, path, nameOf(document->state), {}, {}, document->size, document->occupied};
 }
 
 /// `said` is what the account says.
@@ -131,6 +133,7 @@ Result<Line> lineByAccount(const std::string& path, const qx::Value& said) {
   const auto* state = item ? qx::find<std::string>(*item, "state") : nullptr;
   if (!state || ::lstat(path.c_str(), &status) != 0) return Error::file(ENOENT, path);
   Line line{path,
+            path,
             *state,
             {},
             false,
@@ -155,6 +158,7 @@ void addLines(const Place& place, const Arguments& arguments, std::vector<Line>&
   for (std::size_t i = 0; i < items->size(); ++i) {
     auto line = said ? lineByAccount((*items)[i], (*said)[i]) : lineByMarks((*items)[i]);
     if (line) {
+      if (place.account) line->shown = familiarPath(*place.account, line->path);
       lines.push_back(*std::move(line));
     } else if (items->size() == 1) {
       outcome.failed(line.error());
@@ -341,7 +345,7 @@ int status(const Arguments& arguments) {
     if (line.isPinned) object["pinned"] = *line.isPinned;
     array.emplace_back(std::move(object));
     rows.push_back({line.state + (line.isPinned == true ? " (pinned)" : ""),
-                    std::to_string(line.size), std::to_string(line.occupied), line.path});
+                    std::to_string(line.size), std::to_string(line.occupied), line.shown});
     if (hasReasons) rows.back().push_back(line.reason.value_or(""));
   }
   return outcome.end(

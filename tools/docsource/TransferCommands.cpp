@@ -116,7 +116,7 @@ int transfers(const Arguments& arguments) {
                                           {"path", path}});
         rows.push_back({direction, std::to_string(total > 0 ? 100 * done / total : 0) + "%",
                         sizeText(static_cast<std::uint64_t>(done)),
-                        sizeText(static_cast<std::uint64_t>(total)), path});
+                        sizeText(static_cast<std::uint64_t>(total)), familiarPath(account, path)});
       });
   const int printed = answer(arguments.json, {{"transfers", std::move(array)}},
                              table({"DIRECTION", "DONE", "BYTES", "OF", "DOCUMENT"}, rows));
@@ -151,11 +151,13 @@ int conflicts(const Arguments& arguments) {
                                           {"theirs", theirs},
                                           {"ours", ours},
                                           {"since", numberIn(entry, "since")}});
-        text += onOneLine(theirs) + "\n  since " + time + "\n";
-        text += "  theirs  " + onOneLine(theirs) + "\n          to take it: docsource conflicts " +
-                "--take " + onOneLine(quoted(theirs)) + "\n";
-        text += "  ours    " + onOneLine(ours) + "\n          to take it: docsource conflicts " +
-                "--take " + onOneLine(quoted(ours)) + "\n";
+        text += onOneLine(familiarPath(account, theirs)) + "\n  since " + time + "\n";
+        for (const auto& [whose, path] : {std::pair("theirs  ", familiarPath(account, theirs)),
+                                          std::pair("ours    ", familiarPath(account, ours))}) {
+          text += std::string("  ") + whose + onOneLine(path) +
+                  "\n          to take it: docsource " + "conflicts --take " +
+                  onOneLine(quoted(path)) + "\n";
+        }
       });
   const int printed = answer(arguments.json, {{"conflicts", std::move(array)}},
                              text.empty() ? "There are no conflicts.\n" : text);
