@@ -89,6 +89,7 @@ user_unit_is_active() { [[ $(as_user "systemctl --user is-active $1") == active 
 coordination_is() { [[ $(as_root cat /run/docsource/coordination) == "$1" ]]; }
 status_is() { as_user "docsource status '$1'" | grep -q "^$2 "; }
 reads_as_original() { as_user "cmp ~/DocSource/letters/$1 ~/elsewhere/$1"; }
+refuses_to_open() { as_user "! cat ~/DocSource/letters/$1 >/dev/null 2>&1"; }
 arrived() { as_user "grep -qx '$1' ~/elsewhere/letter.txt"; }
 account_is_well() { as_user 'docsource accounts --json 2>&1' | grep -q '"state": "ok"'; }
 evict() {
@@ -200,13 +201,23 @@ wait_until 'the account is ready' account_is_well
 evict picture.jpg
 check 'cmp got the document' reads_as_original picture.jpg
 
+headline 'On a machine where nobody may watch files'
+limit 'CapabilityBoundingSet=~CAP_SYS_ADMIN'
+check 'programs have to ask' coordination_is cooperative
+wait_until 'the account is ready' account_is_well
+evict picture.jpg
+check 'cat is refused, and gets no zeros' refuses_to_open picture.jpg
+show 'docsource get ~/DocSource/letters/picture.jpg'
+check 'then cmp got the document' reads_as_original picture.jpg
+evict picture.jpg
+
 headline 'The account and the packages are removed'
 if as_root apt-get remove --quiet=2 --yes docsource >"$packages/refusal.log" 2>&1; then
   fail 'the package went although there were documents to guard'
 fi
-grep -A 9 '^These directories' "$packages/refusal.log" | sed 's/^/    /'
+grep -A 6 '^These directories' "$packages/refusal.log" | sed 's/^/    /'
 show 'docsource remove letters'
-as_root apt-get purge --quiet=2 --yes docsource | sed 's/^/    /'
+as_root apt-get purge --quiet=2 --yes docsource 2>&1 | grep -v '^(Reading' | sed 's/^/    /'
 check 'the documents are where they came from' \
   as_user 'grep -qx "I was edited." ~/elsewhere/letter.txt'
 check 'no process is left' as_root sh -c '! pgrep -f libexec/docsource'
