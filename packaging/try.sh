@@ -220,7 +220,7 @@ show 'docsource remove letters'
 as_root apt-get purge --quiet=2 --yes docsource 2>&1 | grep -v '^(Reading' | sed 's/^/    /'
 check 'the documents are where they came from' \
   as_user 'grep -qx "I was edited." ~/elsewhere/letter.txt'
-check 'no process is left' as_root sh -c '! pgrep -f libexec/docsource'
+check 'no process is left' as_root sh -c "! pgrep -x 'platformd|docsourced|docsource-folder'"
 
 shut_down
 printf '\nEverything did what it should.\n'

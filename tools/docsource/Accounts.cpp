@@ -88,6 +88,19 @@ docsource::Result<Place> placeOf(const std::string& argument) {
   return Place{whole, accountOf(whole)};
 }
 
+void giveUpTransfers(const Place& place, std::chrono::milliseconds timeout) {
+  auto process = place.account ? AccountProcess::of(*place.account)
+                               : docsource::Error::file(ENOENT, place.path);
+  if (!process) return;
+  // Nothing may be under way just now, which is no error.
+  (void)process->ask<>(
+      [&](DSAccount& each, auto completion) {
+        each.cancelTransferOfItemAtURL_completion(qx::URL::fileURL(place.path),
+                                                  std::move(completion));
+      },
+      timeout);
+}
+
 docsource::Result<AccountProcess> AccountProcess::of(const Account& account) {
   auto connection = QXConduitConnection::connectToService(account.identifier);
   if (!connection) {

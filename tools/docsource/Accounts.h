@@ -40,6 +40,9 @@ struct Place {
 };
 docsource::Result<Place> placeOf(const std::string& argument);
 
+/// Gives up what the account transfers of the item, or of what is below it.
+void giveUpTransfers(const Place& place, std::chrono::milliseconds timeout);
+
 /// A connection to the process of an account. One thread.
 class AccountProcess {
  public:

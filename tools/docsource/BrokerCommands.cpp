@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "docsource/placeholder.h"
+#include "tools/docsource/Accounts.h"
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Interruption.h"
@@ -118,7 +119,12 @@ int start(const Arguments& arguments) {
     }
     if (interruption.hasCome()) {
       bar.remove();
-      (void)client.stopProviding(url, arguments.provider, arguments.consumer);
+      const auto place = placeOf(arguments.subject);
+      if (place && place->account) {
+        giveUpTransfers(*place, arguments.timeout);
+      } else {
+        (void)client.stopProviding(url, arguments.provider, arguments.consumer);
+      }
       return interrupted;
     }
     if (Clock::now() - lastSign > arguments.timeout) {

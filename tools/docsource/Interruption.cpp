@@ -2,12 +2,21 @@
 
 #include "tools/docsource/Interruption.h"
 
+#include <unistd.h>
+
+#include "tools/docsource/Command.h"
+
 namespace tool {
 namespace {
 
 volatile std::sig_atomic_t wasInterrupted = 0;
 
-void note(int) { wasInterrupted = 1; }
+/// Who is tired of waiting for what was given up presses it again, and again.
+void note(int) {
+  constexpr int patience = 3;
+  wasInterrupted = wasInterrupted + 1;
+  if (wasInterrupted >= patience) ::_exit(interrupted);
+}
 
 }  // namespace
 
@@ -16,8 +25,6 @@ Interruption::Interruption() {
   struct sigaction action {};
   action.sa_handler = note;
   ::sigemptyset(&action.sa_mask);
-  // The next one ends the program, for who does not want to wait.
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
   ::sigaction(SIGINT, &action, &before_);
 }
 

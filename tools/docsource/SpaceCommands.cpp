@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -48,7 +49,8 @@ class Outcome {
  public:
   explicit Outcome(const Arguments& arguments) : arguments_(arguments) {}
   void failed(const Error& error) {
-    const int status = fail(arguments_, error);
+    const bool isGivenUp = error.is(docsource::posixErrorDomain, EINTR);
+    const int status = isGivenUp ? interrupted : fail(arguments_, error);
     worst_ = std::max(worst_, status);
   }
   bool hasFailed() const { return worst_ != success; }
@@ -232,18 +234,9 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
   ProgressBar bar;
   const Interruption interruption;
   const auto draw = [&] {
-    if (!observer) return;
-    // What is brought in for this call alone; it answers then. Nothing may be under way just now.
-    if (interruption.hasCome()) {
-      (void)observer->ask<>(
-          [&](DSAccount& each, auto completion) {
-            each.cancelTransferOfItemAtURL_completion(qx::URL::fileURL(place.path),
-                                                      std::move(completion));
-          },
-          arguments.timeout);
-      return;
-    }
-    if (!bar.isShown()) return;
+    // What is brought in for this call alone; it answers then.
+    if (interruption.hasCome()) return giveUpTransfers(place, arguments.timeout);
+    if (!bar.isShown() || !observer) return;
     const auto answer = observer->ask<qx::Array>(
         [](DSAccount& each, auto completion) { each.transfersCompletion(std::move(completion)); },
         arguments.timeout);
@@ -265,6 +258,7 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
       },
       timeout, draw);
   bar.remove();
+  if (!answer && interruption.hasCome()) return Error::posix(EINTR, place.path);
   return answer ? Result<void>() : answer.error();
 }
 
