@@ -210,6 +210,9 @@ check 'cat is refused, and gets no zeros' refuses_to_open picture.jpg
 show 'docsource get ~/DocSource/letters/picture.jpg'
 check 'then cmp got the document' reads_as_original picture.jpg
 evict picture.jpg
+limit ''
+check 'and when it may again, cmp gets it by itself' reads_as_original picture.jpg
+evict picture.jpg
 
 headline 'The account and the packages are removed'
 if as_root apt-get remove --quiet=2 --yes docsource >"$packages/refusal.log" 2>&1; then

@@ -26,7 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 using docsource::Error;
 using docsource::PlaceholderState;
-using docsource::PlaceholderStatus;
 using docsource::Result;
 
 /// In whose name a document is given back; the broker wants to know, the provider is not told.
@@ -154,8 +153,11 @@ void addLines(const Place& place, const Arguments& arguments, std::vector<Line>&
   std::optional<qx::Array> said;
   if (place.account) {
     auto answer = statusOf(*place.account, *items, arguments);
-    if (answer) said = *std::move(answer);
-    if (!answer) outcome.failed(answer.error());
+    if (answer) {
+      said = *std::move(answer);
+    } else {
+      outcome.failed(answer.error());
+    }
   }
   for (std::size_t i = 0; i < items->size(); ++i) {
     auto line = said ? lineByAccount((*items)[i], (*said)[i]) : lineByMarks((*items)[i]);
@@ -204,7 +206,7 @@ Result<void> evictDocument(const std::string& path, const Arguments& arguments) 
   const auto provider = providerOf(client, path);
   if (!provider) return provider.error();
   if (!*provider) return complaint(path + " belongs to no provider");
-  const auto stopped = client.stopProviding(docsource::fileURL(path), **provider, ownIdentifier);
+  auto stopped = client.stopProviding(docsource::fileURL(path), **provider, ownIdentifier);
   if (!stopped) return stopped;
   const auto after = docsource::placeholderStatus(path);
   if (!after) return after.error();
