@@ -210,8 +210,13 @@ check 'cat is refused, and gets no zeros' refuses_to_open picture.jpg
 show 'docsource get ~/DocSource/letters/picture.jpg'
 check 'then cmp got the document' reads_as_original picture.jpg
 evict picture.jpg
+
+headline 'Where somebody may again'
 limit ''
-check 'and when it may again, cmp gets it by itself' reads_as_original picture.jpg
+check 'every program is coordinated' coordination_is access
+show 'docsource get ~/DocSource/letters/picture.jpg'
+evict picture.jpg
+check 'cmp got the document by itself' reads_as_original picture.jpg
 evict picture.jpg
 
 headline 'The account and the packages are removed'
