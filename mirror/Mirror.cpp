@@ -57,7 +57,11 @@ class Mirror::Implementation {
     std::unique_lock lock(mutex_);
     const auto rounds = rounds_;
     // Until a whole round has found nothing to do.
-    settled_.wait(lock, [&] { return isStopped_ || (rounds_ > rounds + 1 && isQuiet_); });
+    while (!isStopped_ && (rounds_ <= rounds + 1 || !isQuiet_)) {
+      // Rounds are not due while there is nothing to do; a transfer ends one by itself.
+      if (rounds_ <= rounds + 1) wake();
+      settled_.wait(lock);
+    }
     lock.unlock();
     const auto health = engine_.health();
     if (health.state == MirrorHealth::State::ok ||
