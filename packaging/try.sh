@@ -155,6 +155,7 @@ headline 'It is edited'
 show 'echo "I was edited." >>~/DocSource/letters/letter.txt'
 wait_until 'the edit arrives' arrived 'I was edited.'
 show 'cat ~/elsewhere/letter.txt'
+show 'docsource sync letters'
 show 'docsource doctor'
 
 headline 'The packages are upgraded while documents are read'
@@ -228,7 +229,7 @@ show 'docsource remove letters'
 as_root apt-get purge --quiet=2 --yes docsource 2>&1 | grep -v '^(Reading' | sed 's/^/    /'
 check 'the documents are where they came from' \
   as_user 'grep -qx "I was edited." ~/elsewhere/letter.txt'
-check 'no process is left' as_root sh -c "! pgrep -x 'platformd|docsourced|docsource-folder'"
+check 'no process is left' as_root sh -c "! pgrep -f '^(/usr/libexec/docsource/|platformd)'"
 
 shut_down
 printf '\nEverything did what it should.\n'
