@@ -65,6 +65,9 @@ int fail(const Arguments& arguments, const qx::Error& error);
 /// Of a command line that makes no sense.
 int refuseUsage(bool json, const std::string& sentence);
 
+/// The socket of a service, for a person: the one that is there, else where one is looked for.
+std::string socketOf(const std::string& service);
+
 /// One command of the table, as completion needs it.
 struct CommandName {
   /// "first second" is the command `second` of the group `first`.

@@ -65,7 +65,7 @@ class Report {
 
 void lookAtBroker(const Arguments& arguments, Report& report) {
   docsource::Client client(arguments.timeout);
-  const auto socket = qx::Places::serviceSocket(brokerService);
+  const auto socket = socketOf(brokerService);
   const auto awake = client.wakeUp();
   if (!awake) {
     return report.wrong("docsourced",
@@ -96,7 +96,7 @@ void lookAtBroker(const Arguments& arguments, Report& report) {
 }
 
 void lookAtPlatform(Report& report) {
-  const auto socket = qx::Places::serviceSocket(coordinationService);
+  const auto socket = socketOf(coordinationService);
   if (!QXConduitConnection::connectToService(coordinationService)) {
     return report.wrong("platformd", "It does not answer at " + socket +
                                          ", so nobody brings content in or watches over "

@@ -2,6 +2,7 @@
 // one object on standard error.
 
 #include <cstdio>
+#include <filesystem>
 
 #include "platform/files/Places.h"
 #include "sdk/src/Bridge.h"
@@ -29,7 +30,7 @@ std::string nextStep(const docsource::Error& error) {
       error.description().find("The service ") == 0) {
     const auto service = serviceIn(error.description());
     const bool isPlatform = qx::Places::isOfPlatform(service);
-    return "Its socket is " + qx::Places::serviceSocket(service) + ". Does " +
+    return "Its socket is " + socketOf(service) + ". Does " +
            (isPlatform ? "platformd" : "docsourced") + " run? To see: docsource doctor; under " +
            "systemd it is started by: systemctl " +
            (isPlatform ? "start platformd.service" : "--user start docsourced.service");
@@ -61,6 +62,17 @@ void printFailure(bool json, const qx::Error& error, const std::string& sentence
 
 docsource::Error complaint(const std::string& sentence) {
   return {std::string(toolErrorDomain), 1, sentence + "."};
+}
+
+std::string socketOf(const std::string& service) {
+  std::string all;
+  for (const auto& directory : qx::Places::serviceDirectories(service)) {
+    auto socket = directory + "/" + service;
+    std::error_code failed;
+    if (std::filesystem::is_socket(socket, failed)) return socket;
+    all += (all.empty() ? "" : " or ") + std::move(socket);
+  }
+  return all;
 }
 
 int fail(const Arguments& arguments, const docsource::Error& error) {
