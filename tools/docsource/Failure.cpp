@@ -67,7 +67,8 @@ docsource::Error complaint(const std::string& sentence) {
 std::string socketOf(const std::string& service) {
   std::string all;
   for (const auto& directory : qx::Places::serviceDirectories(service)) {
-    auto socket = directory + "/" + service;
+    auto socket = directory;
+    socket.append("/").append(service);
     std::error_code failed;
     if (std::filesystem::is_socket(socket, failed)) return socket;
     all += (all.empty() ? "" : " or ") + std::move(socket);
