@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -81,6 +82,12 @@ bool issueSandboxExtensionsForURL(const std::optional<qx::URL>& url,
                                   std::optional<qx::URL>* outSiblingURL,
                                   std::optional<qx::Bytes>* outSiblingToken,
                                   std::optional<qx::Error>* outError);
+
+/// Shows a document that was granted in the sandboxes of the consumer, where it is run in one, and
+/// takes it out of them again unless `isGranted` still holds then. That it cannot be shown is
+/// logged; the tokens are good all the same. Blocks on the disk.
+void showInSandboxes(const std::optional<std::string>& consumerID,
+                     const std::optional<qx::URL>& url, const std::function<bool()>& isGranted);
 
 /// Takes back every token that was issued for a document or its hidden sibling. Blocks on the disk.
 std::optional<qx::Error> takeBackSandboxExtensionsForURL(const qx::URL& url);

@@ -67,6 +67,9 @@ struct BookmarkExtension {
       if (completion) completion(std::nullopt, error);
       return;
     }
+    showInSandboxes(consumerID, itemURL, [&] {
+      return !store || !store->wasRevokedSince(*began, providerID, itemID, consumerID);
+    });
     const auto string = bookmarkableString(providerID, itemID);
     DS_LOG("[DEBUG] Successfully generated bookmarkable string “%@” from URL %@.", string, url);
     completion(string, std::nullopt);
@@ -201,6 +204,7 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
         std::optional<qx::Error> issueError;
         const bool isIssued =
             issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError);
+        showInSandboxes(clientID, url, isGranted);
         // Tokens that are issued after the grant was taken back would be good.
         if (!isGranted()) return fail(DSNotPermittedError());
         if (isIssued) {

@@ -7,6 +7,7 @@
 #include "acl/DSAccessControlStore.h"
 #include "platform/log/Log.h"
 #include "platform/sandbox/Sandbox.h"
+#include "platform/views/DocumentViews.h"
 #include "providers/DSExtensionDocSource.h"
 #include "servicer/DSConduitServicer.h"
 
@@ -88,6 +89,7 @@ void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_comp
         std::optional<qx::Error> issueError;
         const bool isIssued =
             issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError);
+        showInSandboxes(consumerID, url, [&] { return !wasRevoked(); });
         // Tokens that are issued after the document's were taken back would be good.
         if (wasRevoked()) return fail(DSNotPermittedError());
         if (isIssued) {
@@ -114,6 +116,19 @@ std::optional<qx::URL> hiddenSiblingURLForURL(const qx::URL& url) {
   sibling += '.';
   sibling += text.substr(nameStart);
   return qx::URL::parse(sibling);
+}
+
+void showInSandboxes(const std::optional<std::string>& consumerID,
+                     const std::optional<qx::URL>& url, const std::function<bool()>& isGranted) {
+  if (!consumerID || !url) return;
+  const auto failure = qx::DocumentViews::show(*consumerID, *url);
+  // What was taken back meanwhile may have been shown after it was taken out.
+  const auto left = isGranted() ? std::nullopt : qx::DocumentViews::hide(*consumerID, *url);
+  for (const auto& error : {failure, left}) {
+    if (!error) continue;
+    DS_LOG("[ERROR] What the sandboxes of %@ show of URL %@ is not right. Error: %@", consumerID,
+           url, *error);
+  }
 }
 
 std::optional<qx::Error> takeBackSandboxExtensionsForURL(const qx::URL& url) {

@@ -6,6 +6,7 @@
 
 #include "acl/DSAccessControlStore.h"
 #include "platform/log/Log.h"
+#include "platform/views/DocumentViews.h"
 #include "servicer/DSConduitServicer.h"
 #include "servicer/DSItemURLs.h"
 
@@ -88,7 +89,11 @@ void DSGrantsServicer::revokeItemWithID_ofProviderID_forConsumerID_completion(
         for (const auto& url : urls) {
           auto untold = url ? std::nullopt : std::optional(DSProxyNotFoundError(providerID, {}));
           if (url && !*url) untold = url->error();
-          const auto problem = untold ? untold : takeBackSandboxExtensionsForURL(**url);
+          auto problem = untold ? untold : takeBackSandboxExtensionsForURL(**url);
+          if (!untold) {
+            const auto left = qx::DocumentViews::hide(*consumerID, **url);
+            if (!problem) problem = left;
+          }
           if (problem && !failure) failure = DSPluginOperationFailedError(problem);
         }
         if (failure) {

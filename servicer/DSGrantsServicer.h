@@ -10,9 +10,10 @@
 ///
 /// When a revocation has answered without an error, the access-control file is without the grant,
 /// durably; bookmarks of that consumer for that item do not resolve; no token for the document that
-/// was issued before redeems, for anybody; and no request that was under way brings any of it back.
-/// With an error the grant may be gone already, and the rest be undone: whoever asks again begins
-/// where it stopped, but for grants of which "all" does not know any more.
+/// was issued before redeems, for anybody; the consumer's sandboxes show it no more; and no request
+/// that was under way brings any of it back. With an error the grant may be gone already, and the
+/// rest be undone: whoever asks again begins where it stopped, but for grants of which "all" does
+/// not know any more.
 ///
 /// Operations run on the thread on which the connection delivers them, and wait for the disk there;
 /// what has to be asked of providers is answered from theirs.

@@ -151,6 +151,7 @@ std::string applications() { return root() + "/Applications"; }
 std::string extensions() { return root() + "/Extensions"; }
 std::string groupContainers() { return root() + "/Containers/Group"; }
 std::string dataContainers() { return root() + "/Containers/Data"; }
+std::string documentViews() { return root() + "/Containers/Views"; }
 std::string home() { return root() + "/Home"; }
 
 bool isOfPlatform(const std::string& serviceName) {

@@ -59,6 +59,8 @@ std::string applications();     // <root>/Applications
 std::string extensions();       // <root>/Extensions
 std::string groupContainers();  // <root>/Containers/Group
 std::string dataContainers();   // <root>/Containers/Data
+/// What each application that is run in a sandbox sees of documents.
+std::string documentViews();  // <root>/Containers/Views
 /// The daemon's home directory.
 std::string home();        // <root>/Home
 std::string sandboxKey();  // <run>/sandbox.key

@@ -124,7 +124,7 @@ TEST_F(SandboxedApplication, SeesNothingButItsOwn) {
   install(other);
   fs::create_directories(dataOf(other));
   write(dataOf(other) + "/secret", "of another application");
-  grant("A.txt", app);
+  grant("A.txt", other);
   ASSERT_TRUE(fs::exists(installation_ / "run/com.veltro.DocSource.lock"));
   write(installation_ / "run/sandbox.key", std::string(32, 'k'));
   const FileDescriptor leak(open(installation_.root().c_str(), O_PATH));
@@ -132,7 +132,7 @@ TEST_F(SandboxedApplication, SeesNothingButItsOwn) {
   ChildProcess sandboxed(command(app));
 
   for (const auto& hidden :
-       {provider_.document("A.txt"), installation_ / "Containers/Group",
+       {provider_.document("A.txt"), installation_ / "Containers/Views",
         installation_ / "Extensions", installation_ / "Home", installation_ / "run/sandbox.key",
         installation_ / "run/com.veltro.DocSource.lock", installation_ / "run/notify",
         dataOf(other) + "/secret", bundleOf(other) + "/Info.plist", builtProgram("docsourced"),
@@ -142,7 +142,8 @@ TEST_F(SandboxedApplication, SeesNothingButItsOwn) {
   }
   EXPECT_EQ(sandboxed.ask("list\t" + installation_.root()), "Applications Containers run");
   EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Applications"), app + std::string(".app"));
-  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers"), "Data");
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers"), "Data Group");
+  EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers/Group"), "");
   EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "Containers/Data"), app);
   EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "run"),
             "com.veltro.DocSource com.veltro.DocSource.Grants com.veltro.FileCoordination "
@@ -192,7 +193,7 @@ TEST_F(SandboxedApplication, RedeemsReadsAndWritesWhatItWasGranted) {
 
   // Its document and nothing else.
   EXPECT_EQ(sandboxed.ask("look-around\t" + granted.token), "error ENOTDIR");
-  EXPECT_EQ(sandboxed.ask("read\t" + provider_.document("A.txt")), "error ENOENT");
+  EXPECT_EQ(sandboxed.ask("list\t" + provider_.storage()), ".A.txt A.txt");
   EXPECT_EQ(content(provider_.document("B c.txt")), "content of B");
 
   // A token from somebody who may grant, in the application's arguments.
@@ -271,14 +272,16 @@ TEST_F(SandboxedApplication, GetsNothingWithoutAGrantOrByAFalseToken) {
 TEST_F(SandboxedApplication, KeepsItsIdentityAndIsCheckedFromInside) {
   install(app, {{writeEntitlement, true}});
   ChildProcess sandboxed(command(app));
-  const auto url = provider_.url("A.txt").absoluteString();
+  const auto url = provider_.url("B c.txt").absoluteString();
 
-  // What it was granted it cannot pass on, since it cannot reach it itself.
+  // What it was not granted it cannot pass on, since it cannot reach it itself.
   const auto bookmark = grant("A.txt", app);
   EXPECT_EQ(sandboxed.ask("extend-bookmark\t" + url + "\t" + other), "error DSErrorDomain 3");
   EXPECT_EQ(sandboxed.ask("coordinate\t" + url), "error QXStandardErrorDomain 260");
-  // Nor through a file or a link of its own in the document's place: there is no place for one.
-  EXPECT_EQ(sandboxed.ask("write\t" + provider_.document("A.txt") + "\tx"), "error ENOENT");
+  // Nor through a file of its own in the document's place.
+  EXPECT_EQ(sandboxed.ask("write\t" + provider_.document("B c.txt") + "\tx"), "written");
+  EXPECT_EQ(sandboxed.ask("extend-bookmark\t" + url + "\t" + other), "error DSErrorDomain 3");
+  EXPECT_EQ(content(provider_.document("B c.txt")), "content of B");
   // A file of its own passes the check; the broker then finds no provider for it.
   EXPECT_EQ(sandboxed.ask("write\town\tmine"), "written");
   EXPECT_EQ(sandboxed.ask("extend-bookmark\t" +
@@ -359,6 +362,7 @@ TEST_F(SandboxedApplication, IsRefusedWhatLeadsOutOfASandbox) {
   };
   for (const auto& [number, arguments] : std::initializer_list<Case>{
            {SYS_add_key, {}},
+           {SYS_linkat, {}},
            {SYS_keyctl, {0, 0xfffffffd, 1}},
            {SYS_request_key, {}},
            {SYS_ptrace, {PTRACE_TRACEME}},

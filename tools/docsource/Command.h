@@ -50,6 +50,8 @@ struct Arguments {
   std::string take;
   /// Of an account to be added, as its process will find them (extensions/account/Settings.h).
   std::map<std::string, std::string> settings;
+  /// Of a program that is to be run.
+  std::vector<std::string> documents;
   /// What stood behind "--", for the program that is to be run.
   std::vector<std::string> rest;
 };

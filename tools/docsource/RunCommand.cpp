@@ -2,6 +2,9 @@
 // system's directories, its bundle, its own data directory and the sockets of the services, and
 // nothing else of this machine.
 //
+// In the place of the documents it has its view of them (platform/views), in which the broker shows
+// those that it was granted: the ones that are named here before it begins, others while it runs.
+//
 // What is not to be seen is not put in, rather than hidden: of the runtime directory the
 // application gets the directory that holds the sockets and never held a secret. The one thing that
 // is covered is the root, which may lie within a directory of the system.
@@ -18,15 +21,19 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "platform/base/Errors.h"
 #include "platform/base/Result.h"
 #include "platform/conduit/ServiceSocket.h"
+#include "platform/coordination/CoordinationState.h"
 #include "platform/files/FileManager.h"
 #include "platform/files/Places.h"
 #include "platform/identity/Bundles.h"
+#include "platform/views/DocumentView.h"
 #include "tools/docsource/Command.h"
+#include "tools/docsource/Location.h"
 #include "tools/docsource/SandboxProcess.h"
 
 namespace tool {
@@ -57,6 +64,9 @@ constexpr std::array configuration{
 constexpr std::array passedVariables{"LANG", "LANGUAGE", "TERM",    "COLORTERM",
                                      "TZ",   "USER",     "LOGNAME", "DOCSOURCE_LOG"};
 
+constexpr std::array systemDirectories{"/bin",   "/dev",    "/etc",  "/lib",  "/lib32",
+                                       "/lib64", "/libx32", "/proc", "/sbin", "/usr"};
+
 Error refusal(const std::string& what) {
   return {std::string(QXStandardErrorDomain), qx::fileUnknownError, what};
 }
@@ -67,6 +77,11 @@ Result<std::string> resolved(const std::string& path) {
     return qx::fileError(errno, qx::URL::fileURL(path));
   }
   return std::string(buffer.data());
+}
+
+std::optional<std::string> whereIs(const std::string& path) {
+  auto found = resolved(path);
+  return found ? std::optional(*std::move(found)) : std::nullopt;
 }
 
 bool isWithin(const std::string& path, const std::string& directory) {
@@ -113,6 +128,9 @@ struct Contents {
   std::string sockets;
   /// Absent where the machine has no services.
   std::optional<std::string> machine;
+  /// What the application sees of documents, and where.
+  std::string view;
+  std::string groups;
 };
 
 Result<Contents> contentsFor(const qx::Bundle& bundle) {
@@ -124,7 +142,10 @@ Result<Contents> contentsFor(const qx::Bundle& bundle) {
   auto executable = resolved(bundle.executable);
   auto data = dataContainer(bundle.identifier);
   auto sockets = resolved(qx::Places::sandboxServices());
-  for (const auto* one : {&root, &place, &executable, &data, &sockets}) {
+  if (auto error = qx::DocumentView::make(bundle.identifier)) return *error;
+  auto view = resolved(qx::DocumentView::shownDirectory(bundle.identifier));
+  auto groups = resolved(qx::Places::groupContainers());
+  for (const auto* one : {&root, &place, &executable, &data, &sockets, &view, &groups}) {
     if (!*one) return one->error();
   }
   if (*root == "/") return refusal("The root directory / cannot be kept out of a sandbox.");
@@ -133,7 +154,71 @@ Result<Contents> contentsFor(const qx::Bundle& bundle) {
   if (const auto& directory = qx::Places::machineRuntimeDirectory()) {
     if (auto resolvedOne = resolved(*directory)) machine = std::move(*resolvedOne);
   }
-  return Contents{*root, *place, *executable, *data, *sockets, std::move(machine)};
+  return Contents{*root, *place, *executable, *data, *sockets, std::move(machine), *view, *groups};
+}
+
+/// The documents that are named on the command line: where they are, without links, and the links
+/// that lead there from the paths that were given.
+struct NamedDocuments {
+  std::set<std::string> paths;
+  std::map<std::string, std::string> links;
+  /// The exit status where one of them is no document, or is not granted.
+  std::optional<int> failed;
+};
+
+/// The first link on an absolute path.
+std::optional<std::string> firstLink(const std::string& path) {
+  std::error_code failed;
+  for (auto end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    auto above = path.substr(0, end);
+    if (fs::is_symlink(above, failed)) return above;
+    if (end == std::string::npos) return std::nullopt;
+  }
+}
+
+/// Has the broker grant a document, and sees to it that it is shown.
+std::optional<docsource::Error> grant(docsource::Client& client, const std::string& path,
+                                      const std::string& application) {
+  const auto url = docsource::fileURL(path);
+  const auto mechanism = qx::readCoordinationMechanism();
+  if (!mechanism || *mechanism == qx::CoordinationMechanism::cooperative) {
+    // Nobody brings its content in when it is read.
+    if (auto read = client.coordinateReading(url); !read) return read.error();
+  }
+  if (auto granted = client.extendBookmark(url, application); !granted) return granted.error();
+  const auto document = qx::DocumentView::documentAt(path);
+  const auto view = document ? qx::DocumentView::open(application) : std::nullopt;
+  const auto shown = view ? view->shown(*document) : std::nullopt;
+  struct stat status;
+  if (shown && ::stat(path.c_str(), &status) == 0 &&
+      qx::identityOf(status) == qx::identityOf(*shown)) {
+    return std::nullopt;
+  }
+  return complaint(path +
+                   " cannot be shown in a sandbox: that takes a document on the file system "
+                   "of " +
+                   qx::Places::root() + ", and a broker that knows how");
+}
+
+NamedDocuments grantAll(const Arguments& arguments, const std::string& application) {
+  NamedDocuments all;
+  docsource::Client client(arguments.timeout);
+  for (const auto& each : arguments.documents) {
+    const auto path = resolved(each);
+    if (!path) {
+      all.failed = fail(path.error());
+      break;
+    }
+    if (const auto error = grant(client, *path, application)) {
+      all.failed = fail(arguments, *error);
+      break;
+    }
+    all.paths.insert(*path);
+    if (const auto link = firstLink(absolutePath(each))) {
+      if (const auto target = resolved(*link)) all.links[*link] = *target;
+    }
+  }
+  return all;
 }
 
 std::map<std::string, std::string> environmentFor(const Contents& contents,
@@ -162,8 +247,15 @@ std::map<std::string, std::string> environmentFor(const Contents& contents,
   return variables;
 }
 
+/// Whether there is something else at a path in every sandbox.
+bool isOfTheSystem(const std::string& path) {
+  return std::any_of(systemDirectories.begin(), systemDirectories.end(),
+                     [&](const char* directory) { return isWithin(path, directory); });
+}
+
 /// Bubblewrap's arguments; it carries them out in their order.
 std::vector<std::string> argumentsFor(const Contents& contents, const std::string& privateRuntime,
+                                      const NamedDocuments& documents,
                                       const std::vector<std::string>& applicationArguments) {
   std::vector<std::string> all;
   auto add = [&all](std::initializer_list<std::string> some) {
@@ -200,13 +292,22 @@ std::vector<std::string> argumentsFor(const Contents& contents, const std::strin
     add({"--ro-bind", contents.executable, contents.executable});
   }
   add({"--bind", contents.data, contents.data});
+  add({"--bind", contents.view, contents.groups});
   add({"--ro-bind", contents.sockets, contents.root + "/run"});
   if (contents.machine) {
     add({"--ro-bind", *contents.machine, std::string(machineInside) + "/run"});
   }
+  for (const auto& [link, target] : documents.links) {
+    const bool isTaken = isWithin(link, contents.root) || isOfTheSystem(link);
+    if (!isTaken) add({"--symlink", target, link});
+  }
   add({"--remount-ro", contents.root, "--remount-ro", "/", "--chdir", contents.data, "--",
        contents.executable});
-  all.insert(all.end(), applicationArguments.begin(), applicationArguments.end());
+  // A path that leads to a document from here leads there from the application's directory too.
+  for (const auto& argument : applicationArguments) {
+    const auto path = documents.paths.empty() ? std::nullopt : whereIs(argument);
+    all.push_back(path && documents.paths.contains(*path) ? *path : argument);
+  }
   return all;
 }
 
@@ -227,6 +328,9 @@ int run(const Arguments& arguments) {
   const auto contents = contentsFor(*bundle);
   if (!contents) return fail(arguments, contents.error());
 
+  const auto documents = grantAll(arguments, bundle->identifier);
+  if (documents.failed) return *documents.failed;
+
   const std::string privateRuntime = "/run/user/" + std::to_string(::getuid());
   // Bubblewrap's own environment can be read inside too, so it is the application's already.
   std::vector<std::string> variables;
@@ -234,9 +338,9 @@ int run(const Arguments& arguments) {
     variables.push_back(name);
     variables.back().append("=").append(value);
   }
-  const auto ended =
-      runSandbox(*program, bundle->identifier,
-                 argumentsFor(*contents, privateRuntime, arguments.rest), std::move(variables));
+  const auto ended = runSandbox(*program, bundle->identifier,
+                                argumentsFor(*contents, privateRuntime, documents, arguments.rest),
+                                std::move(variables));
   return ended ? *ended : fail(arguments, ended.error());
 }
 

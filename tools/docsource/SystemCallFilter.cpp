@@ -36,6 +36,8 @@ constexpr std::array refused{
     "init_module", "ioperm", "iopl", "kexec_file_load", "kexec_load", "lookup_dcookie",
     "nfsservctl", "open_by_handle_at", "perf_event_open", "query_module", "quotactl", "quotactl_fd",
     "reboot", "swapoff", "swapon", "syslog", "userfaultfd", "vhangup", "vm86", "vm86old",
+    // Hard links, by which a document would stay within reach when its grant is taken back.
+    "link", "linkat",
     // What does the work of other system calls without being seen by a filter.
     "io_uring_enter", "io_uring_register", "io_uring_setup",
     // Mounts and namespaces.

@@ -197,6 +197,11 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
   } else if (command.run == sync) {
     entry.add_flag("--confirm-deletions", arguments.confirmDeletions,
                    "Delete the many documents that are gone on one side on the other");
+  } else if (command.run == run) {
+    entry
+        .add_option("--document", arguments.documents,
+                    "A document that is granted to it and shown under its path")
+        ->type_name("PATH...");
   } else if (command.run == conflicts) {
     entry.add_option("--take", arguments.take, "The version that is to be the document")
         ->type_name("PATH");

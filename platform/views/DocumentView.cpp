@@ -1,0 +1,506 @@
+// Both sides of a document by names and inodes.
+
+#include "platform/views/DocumentView.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <utility>
+
+#include "platform/base/Errors.h"
+#include "platform/files/FileManager.h"
+#include "platform/files/Inotify.h"
+#include "platform/files/Places.h"
+#include "platform/platformd/kernel/Beneath.h"
+#include "platform/sandbox/EncodedPath.h"
+
+namespace qx {
+namespace {
+
+using kernel::eachEntry;
+using kernel::openBeneath;
+using kernel::openDirectoryStrictly;
+
+constexpr const char* nextLink = "next";
+/// The same file once more, on its way to be known.
+constexpr const char* nextKnown = "next-known";
+constexpr int mostAsides = 100;
+
+using Status = std::optional<struct stat>;
+
+Status statusOf(const FileDescriptor& directory, const std::string& name) {
+  struct stat status;
+  if (!directory || fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return std::nullopt;
+  }
+  return status;
+}
+
+bool isSame(const Status& one, const Status& other) {
+  return one && other && identityOf(*one) == identityOf(*other);
+}
+
+bool isFile(const Status& status) { return status && S_ISREG(status->st_mode); }
+
+std::pair<std::string, std::string> split(const std::string& document) {
+  const auto slash = document.rfind('/');
+  if (slash == std::string::npos) return {"", document};
+  return {document.substr(0, slash), document.substr(slash + 1)};
+}
+
+std::string joined(const std::string& directory, const std::string& name) {
+  return directory.empty() ? name : directory + "/" + name;
+}
+
+std::optional<std::string> resolved(const std::string& path) {
+  std::array<char, PATH_MAX> buffer{};
+  if (!realpath(path.c_str(), buffer.data())) return std::nullopt;
+  return std::string(buffer.data());
+}
+
+std::string rootOf(const std::string& application) {
+  return Places::documentViews() + "/" + application;
+}
+
+bool isName(const std::string& application) {
+  return !application.empty() && application.find('/') == std::string::npos &&
+         application.find('\0') == std::string::npos && application != "." && application != "..";
+}
+
+FileDescriptor openTree(const FileDescriptor& root, const char* tree,
+                        const std::string& directory) {
+  return openBeneath(root.get(), std::string(tree) + "/" + directory, O_RDONLY | O_DIRECTORY);
+}
+
+/// "letter (WORD).txt" of "letter.txt".
+std::string withWord(const std::string& name, const std::string& word) {
+  const auto dot = name.rfind('.');
+  const auto end = dot == std::string::npos || dot == 0 ? name.size() : dot;
+  return name.substr(0, end) + " (" + word + ")" + name.substr(end);
+}
+
+}  // namespace
+
+std::optional<Error> DocumentView::make(const std::string& application) {
+  if (!isName(application)) return posixError(EINVAL, application);
+  if (auto error = FileManager::createDirectory(Places::documentViews())) return error;
+  const auto root = rootOf(application);
+  for (const auto& path : {root, root + "/shown", root + "/known"}) {
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+      return fileError(errno, URL::fileURL(path));
+    }
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+      return fileError(ENOTDIR, URL::fileURL(path));
+    }
+  }
+  return std::nullopt;
+}
+
+std::string DocumentView::shownDirectory(const std::string& application) {
+  return rootOf(application) + "/shown";
+}
+
+std::optional<DocumentView> DocumentView::open(const std::string& application) {
+  if (!isName(application)) return std::nullopt;
+  const auto views = resolved(Places::documentViews());
+  if (!views) return std::nullopt;
+  auto root = openDirectoryStrictly(*views + "/" + application);
+  const auto containers = resolved(Places::groupContainers());
+  auto documents = containers ? openDirectoryStrictly(*containers) : FileDescriptor();
+  if (!root || !documents) return std::nullopt;
+  return DocumentView(application, std::move(root), std::move(documents));
+}
+
+std::vector<std::string> DocumentView::applications() {
+  std::vector<std::string> all;
+  const FileDescriptor views(
+      ::open(Places::documentViews().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (views) eachEntry(views.get(), [&](const char* name) { all.emplace_back(name); });
+  return all;
+}
+
+std::optional<std::string> DocumentView::documentAt(const std::string& path) {
+  const auto canonical = canonicalEntryPath(path);
+  const auto containers = resolved(Places::groupContainers());
+  if (!canonical || !containers || !kernel::isBelow(*canonical, *containers)) return std::nullopt;
+  return canonical->substr(containers->size() + 1);
+}
+
+std::string DocumentView::pathOf(const std::string& document) {
+  return resolved(Places::groupContainers()).value_or(Places::groupContainers()) + "/" + document;
+}
+
+std::string DocumentView::siblingOf(const std::string& document) {
+  const auto slash = document.rfind('/');
+  return std::string(document).insert(slash == std::string::npos ? 0 : slash + 1, ".");
+}
+
+DocumentView::Folder DocumentView::folderOf(const std::string& document) const {
+  const auto [directory, name] = split(document);
+  return {name, openTree(root_, "known", directory), shownFolder(directory),
+          outsideFolder(directory)};
+}
+
+FileDescriptor DocumentView::shownFolder(const std::string& directory) const {
+  return openTree(root_, "shown", directory);
+}
+
+FileDescriptor DocumentView::outsideFolder(const std::string& directory) const {
+  return openBeneath(documents_.get(), directory.empty() ? "." : directory, O_RDONLY | O_DIRECTORY);
+}
+
+std::optional<struct stat> DocumentView::shown(const std::string& document) const {
+  const auto [directory, name] = split(document);
+  return statusOf(shownFolder(directory), name);
+}
+
+bool DocumentView::isShown(const std::string& document) const {
+  const auto [directory, name] = split(document);
+  const auto known = openTree(root_, "known", directory);
+  return isFile(statusOf(known, name)) ||
+         (name.starts_with('.') && isFile(statusOf(known, name.substr(1))));
+}
+
+std::vector<std::string> DocumentView::directories() const {
+  std::vector<std::string> all, open{""};
+  while (!open.empty()) {
+    const auto directory = std::move(open.back());
+    open.pop_back();
+    const auto known = openTree(root_, "known", directory);
+    if (!known) continue;
+    bool hasDocuments = false;
+    eachEntry(known.get(), [&](const char* name) {
+      const auto status = statusOf(known, name);
+      if (status && S_ISDIR(status->st_mode)) {
+        open.push_back(joined(directory, name));
+      }
+      hasDocuments = hasDocuments || isFile(status);
+    });
+    if (hasDocuments) all.push_back(directory);
+  }
+  return all;
+}
+
+std::vector<std::string> DocumentView::documentsIn(const std::string& directory) const {
+  std::vector<std::string> all;
+  const auto known = openTree(root_, "known", directory);
+  if (!known) return all;
+  eachEntry(known.get(), [&](const char* name) {
+    if (isFile(statusOf(known, name))) all.push_back(joined(directory, name));
+  });
+  return all;
+}
+
+/// What stands in the way of a directory of the view gets another name.
+Result<FileDescriptor> DocumentView::makeDirectories(const char* tree,
+                                                     const std::string& directory) const {
+  auto at = openTree(root_, tree, "");
+  for (std::size_t begin = 0; at && begin < directory.size();) {
+    const auto end = std::min(directory.find('/', begin), directory.size());
+    const auto name = directory.substr(begin, end - begin);
+    auto below = openBeneath(at.get(), name, O_RDONLY | O_DIRECTORY);
+    if (!below) {
+      const auto there = statusOf(at, name);
+      if (there && !S_ISDIR(there->st_mode)) {
+        if (auto error = putAside({name, {}, at.duplicate(), {}})) return *error;
+      }
+      if (mkdirat(at.get(), name.c_str(), 0700) != 0 && errno != EEXIST) {
+        return posixError(errno, directory);
+      }
+      below = openBeneath(at.get(), name, O_RDONLY | O_DIRECTORY);
+    }
+    at = std::move(below);
+    begin = end + 1;
+  }
+  if (!at) return posixError(errno, directory);
+  return at;
+}
+
+Result<DocumentView::Folder> DocumentView::makeFolderOf(const std::string& document) const {
+  auto folder = folderOf(document);
+  const auto [directory, name] = split(document);
+  if (!folder.known) {
+    auto made = makeDirectories("known", directory);
+    if (!made) return made.error();
+    folder.known = *std::move(made);
+  }
+  if (!folder.shown) {
+    auto made = makeDirectories("shown", directory);
+    if (!made) return made.error();
+    folder.shown = *std::move(made);
+  }
+  return folder;
+}
+
+void DocumentView::dropNext() const {
+  for (const char* name : {nextLink, nextKnown}) unlinkat(root_.get(), name, 0);
+}
+
+/// A link to the file of that name, where nobody else changes it.
+std::optional<Error> DocumentView::prepare(const FileDescriptor& from,
+                                           const std::string& name) const {
+  dropNext();
+  if (linkat(from.get(), name.c_str(), root_.get(), nextLink, 0) != 0) {
+    return posixError(errno, "The document " + name + " cannot be linked");
+  }
+  return std::nullopt;
+}
+
+/// The file that was prepared is what both sides have.
+std::optional<Error> DocumentView::record(const Folder& folder) const {
+  if (renameat(root_.get(), nextKnown, folder.known.get(), folder.name.c_str()) != 0) {
+    return posixError(errno, folder.name);
+  }
+  dropNext();
+  return std::nullopt;
+}
+
+/// Puts what was prepared into the view.
+std::optional<Error> DocumentView::place(const Folder& folder) const {
+  if (linkat(root_.get(), nextLink, root_.get(), nextKnown, 0) != 0) {
+    return posixError(errno, folder.name);
+  }
+  const auto move = [&] {
+    return renameat(root_.get(), nextLink, folder.shown.get(), folder.name.c_str()) == 0;
+  };
+  if (move()) return std::nullopt;
+  if (errno != EISDIR) return posixError(errno, folder.name);
+  if (auto error = putAside(folder)) return error;
+  return move() ? std::nullopt : std::optional(posixError(errno, folder.name));
+}
+
+std::optional<Error> DocumentView::takeIn(const Folder& folder) const {
+  if (auto error = prepare(folder.outside, folder.name)) return error;
+  if (!isFile(statusOf(root_, nextLink))) {
+    dropNext();
+    return posixError(EINVAL, folder.name + " is no document");
+  }
+  if (auto error = place(folder)) return error;
+  return record(folder);
+}
+
+/// Only a plain file that has no other name: a link to something else would become the document,
+/// and two documents one. Settled where the application's file is none.
+Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder, bool replaces) const {
+  const auto unlinkable = prepare(folder.shown, folder.name);
+  const auto file = statusOf(root_, nextLink);
+  constexpr mode_t special = S_ISUID | S_ISGID | S_ISVTX;
+  if (unlinkable || !isFile(file) || file->st_uid != geteuid() || file->st_nlink != 2 ||
+      (file->st_mode & special) != 0) {
+    dropNext();
+    if (auto error = putAside(folder)) return *error;
+    if (!replaces) return Outcome::settled;
+    if (auto error = takeIn(folder)) return *error;
+    return Outcome::settled;
+  }
+  if (linkat(root_.get(), nextLink, root_.get(), nextKnown, 0) != 0 ||
+      renameat2(root_.get(), nextLink, folder.outside.get(), folder.name.c_str(),
+                replaces ? 0 : RENAME_NOREPLACE) != 0) {
+    auto error = posixError(errno, folder.name + " cannot be put in the document's place");
+    dropNext();
+    return error;
+  }
+  if (auto error = record(folder)) return *error;
+  return Outcome::saved;
+}
+
+/// Both have replaced the document: the application's file stands beside it.
+std::optional<Error> DocumentView::putBeside(const Folder& folder) const {
+  const auto unlinkable = prepare(folder.shown, folder.name);
+  const auto file = statusOf(root_, nextLink);
+  if (!unlinkable && isFile(file) && file->st_nlink == 2) {
+    for (int number = 1; number <= mostAsides; ++number) {
+      auto word = "changed by " + application_;
+      if (number > 1) word.append(" ").append(std::to_string(number));
+      if (renameat2(root_.get(), nextLink, folder.outside.get(),
+                    withWord(folder.name, word).c_str(), RENAME_NOREPLACE) == 0) {
+        return std::nullopt;
+      }
+      if (errno != EEXIST) return posixError(errno, folder.name);
+    }
+  }
+  return putAside(folder);
+}
+
+/// What the application has under a name that it cannot have stays its own, under another.
+std::optional<Error> DocumentView::putAside(const Folder& folder) {
+  for (int number = 1; number <= mostAsides; ++number) {
+    const auto name = withWord(folder.name, "aside " + std::to_string(number));
+    if (renameat2(folder.shown.get(), folder.name.c_str(), folder.shown.get(), name.c_str(),
+                  RENAME_NOREPLACE) == 0 ||
+        errno == ENOENT) {
+      return std::nullopt;
+    }
+    if (errno != EEXIST) break;
+  }
+  return posixError(errno, folder.name + " is in the way in a view");
+}
+
+std::optional<Error> DocumentView::show(const std::string& document) {
+  const auto folder = makeFolderOf(document);
+  if (!folder) return folder.error();
+  const auto theirs = statusOf(folder->outside, folder->name);
+  if (!isFile(theirs)) return fileError(theirs ? EINVAL : ENOENT, URL::fileURL(pathOf(document)));
+  if (!statusOf(folder->known, folder->name)) {
+    // Whatever the application had there before it was granted the document is not a save of it.
+    const auto ours = statusOf(folder->shown, folder->name);
+    if (ours && !isSame(ours, theirs)) {
+      if (auto error = putAside(*folder)) return error;
+    }
+    if (auto error = takeIn(*folder)) return error;
+  }
+  for (const auto& each : {document, siblingOf(document)}) {
+    if (const auto settled = settle(each, Look::late); !settled) return settled.error();
+  }
+  return std::nullopt;
+}
+
+Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, Look look) {
+  if (!isShown(document)) return Outcome::settled;
+  const auto made = makeFolderOf(document);
+  if (!made) return made.error();
+  const Folder& folder = *made;
+  const auto known = statusOf(folder.known, folder.name);
+  auto ours = statusOf(folder.shown, folder.name);
+  auto theirs = statusOf(folder.outside, folder.name);
+  if (!isFile(theirs)) theirs.reset();
+
+  if (isSame(ours, theirs)) {
+    if (isSame(known, ours)) return Outcome::settled;
+    // It was carried over, but nobody got as far as saying so.
+    if (auto error = prepare(folder.outside, folder.name)) return *error;
+    if (renameat(root_.get(), nextLink, root_.get(), nextKnown) != 0) {
+      return posixError(errno, folder.name);
+    }
+    if (auto error = record(folder)) return *error;
+    return Outcome::saved;
+  }
+  const bool weChanged = ours && !isSame(ours, known);
+  const bool theyChanged = theirs && !isSame(theirs, known);
+  if (weChanged && look == Look::writing) return Outcome::settled;
+  if (weChanged && theyChanged) {
+    // A sibling that is known to nobody yet may be on both sides: the document's is the one.
+    if (auto error = known ? putBeside(folder) : putAside(folder)) return *error;
+  }
+  if (theyChanged) {
+    if (auto error = takeIn(folder)) return *error;
+    return Outcome::settled;
+  }
+  if (weChanged && folder.outside) {
+    if (!theirs && known && look != Look::late) return Outcome::waiting;
+    return takeOut(folder, theirs.has_value());
+  }
+  if (!known) return Outcome::settled;
+  if (look != Look::late) return Outcome::waiting;
+  if (!theirs) {
+    if (!weChanged) unlinkat(folder.shown.get(), folder.name.c_str(), 0);
+    unlinkat(folder.known.get(), folder.name.c_str(), 0);
+    return Outcome::settled;
+  }
+  // The application may have given the document another name, to make a new one: one file must not
+  // be both.
+  if (theirs->st_nlink > 2) {
+    bool isElsewhere = false;
+    eachEntry(folder.shown.get(), [&](const char* name) {
+      isElsewhere = isElsewhere || isSame(statusOf(folder.shown, name), theirs);
+    });
+    if (isElsewhere) return Outcome::settled;
+  }
+  if (auto error = takeIn(folder)) return *error;
+  return Outcome::settled;
+}
+
+namespace {
+
+/// Removes all names of these files below a directory; whether it is certain that there are none
+/// now: nothing was found, and nothing was moved while it was looked for.
+class Search {
+ public:
+  Search(const std::vector<FileIdentity>& files, bool mayRemoveTrees)
+      : files_(files), mayRemoveTrees_(mayRemoveTrees) {}
+
+  bool isClean(const FileDescriptor& directory) {
+    look(directory, 0);
+    return !hasFound_ && inotify_.read().empty();
+  }
+
+ private:
+  /// No document lies deeper; what does was put there so that it is not found.
+  static constexpr int deepest = 128;
+
+  void look(const FileDescriptor& directory, int depth) {
+    watches_.push_back(inotify_.watch(kernel::procPath(directory.get()), IN_MOVED_TO));
+    if (!watches_.back()) hasFound_ = true;
+    eachEntry(directory.get(), [&](const char* name) {
+      const auto status = statusOf(directory, name);
+      if (!status) return;
+      if (S_ISDIR(status->st_mode)) {
+        const auto below = openBeneath(directory.get(), name, O_RDONLY | O_DIRECTORY);
+        if (below && depth < deepest) return look(below, depth + 1);
+        hasFound_ = true;
+        const auto path = mayRemoveTrees_ && below ? kernel::pathOf(below.get()) : std::nullopt;
+        if (path) (void)FileManager::removeTree(*path);
+      } else if (std::find(files_.begin(), files_.end(), identityOf(*status)) != files_.end()) {
+        hasFound_ = true;
+        unlinkat(directory.get(), name, 0);
+      }
+    });
+  }
+
+  const std::vector<FileIdentity>& files_;
+  const bool mayRemoveTrees_;
+  Inotify inotify_;
+  std::vector<Inotify::Watch> watches_;
+  bool hasFound_ = false;
+};
+
+}  // namespace
+
+std::optional<Error> DocumentView::removeEverywhere(const Files& files,
+                                                    const std::function<void()>& end) const {
+  constexpr int patience = 20, most = 500;
+  for (const char* tree : {"known", "shown"}) {
+    const auto directory = openTree(root_, tree, "");
+    if (!directory) return posixError(errno, "The view cannot be opened");
+    for (int attempt = 1; !Search(files, attempt > patience).isClean(directory); ++attempt) {
+      if (attempt == patience) end();
+      if (attempt == most) return posixError(EBUSY, "The document cannot be taken out of a view");
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> DocumentView::hide(const std::string& document,
+                                        const std::function<void()>& endSandboxes) {
+  Files files;
+  bool isAlone = true;
+  for (const auto& each : {document, siblingOf(document)}) {
+    const auto folder = folderOf(each);
+    const auto known = statusOf(folder.known, folder.name);
+    const auto theirs = statusOf(folder.outside, folder.name);
+    for (const auto& file : {known, theirs}) {
+      if (isFile(file)) files.push_back(identityOf(*file));
+    }
+    // The file that is known last is the one that tells, should this be done again.
+    const auto ours = statusOf(folder.shown, folder.name);
+    if (isSame(ours, known) || isSame(ours, theirs)) {
+      unlinkat(folder.shown.get(), folder.name.c_str(), 0);
+    }
+    if (known) unlinkat(folder.known.get(), folder.name.c_str(), 0);
+    const auto left = statusOf(folder.outside, folder.name);
+    const bool isTheOnlyName =
+        known ? isSame(left, known) && left->st_nlink == 1 : !left || left->st_nlink == 1;
+    isAlone = isAlone && isTheOnlyName;
+  }
+  dropNext();
+  return isAlone ? std::nullopt : removeEverywhere(files, endSandboxes);
+}
+
+}  // namespace qx

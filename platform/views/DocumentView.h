@@ -1,0 +1,129 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/base/FileDescriptor.h"
+#include "platform/base/Result.h"
+#include "platform/identity/ProcessDirectory.h"
+
+namespace qx {
+
+/// What one application that runs in sandboxes sees of documents: a directory tree of its own,
+/// which its sandboxes have in the place of the directory of the group containers. A document is in
+/// it under its own path, as a hard link to the document. So what is read and written there is the
+/// document's, also a placeholder's content that is brought in on demand. Directories on the way to
+/// a document are the view's own; whatever else the application makes in them is its data.
+///
+/// On disk, in Places::documentViews():
+///
+///     IDENTIFIER/shown/   what the application sees, and changes as it likes
+///     IDENTIFIER/known/   under the same path each document that is shown, as a second hard link:
+///                         the file that both sides had when they last were the same
+///     IDENTIFIER/next     a link on its way to its place
+///
+/// Nothing else is kept. Whose file is newer is told by comparing three inodes: a side that has
+/// another file than the known one has replaced the document. Every step leaves a state from which
+/// the next look goes on, so whoever does this may be killed at any time.
+///
+/// The application may do anything to its tree at any moment. Directories are opened beneath the
+/// view without following links (openat2(2)), files are judged when they have been linked to where
+/// the application cannot reach them, and never opened. It cannot make hard links, which the
+/// system-call filter of its sandbox refuses: so there is one name for each link that was made
+/// here.
+///
+/// One thread at a time for each application; blocks on the file system. `document` is a path
+/// relative to the directory of the group containers.
+class DocumentView {
+ public:
+  /// Makes an application's view where there is none, readable by its user alone.
+  static std::optional<Error> make(const std::string& application);
+  /// The directory that is to be bound into the sandbox, of a view that was made.
+  static std::string shownDirectory(const std::string& application);
+  /// Absent where the application has no view: it was never run in a sandbox.
+  static std::optional<DocumentView> open(const std::string& application);
+  /// Those that have one.
+  static std::vector<std::string> applications();
+
+  /// The document that an absolute path leads to; absent for what is not below the directory of the
+  /// group containers, links on the way resolved.
+  static std::optional<std::string> documentAt(const std::string& path);
+  static std::string pathOf(const std::string& document);
+  /// The hidden file beside it.
+  static std::string siblingOf(const std::string& document);
+
+  /// Whether a name in a directory is a document that is shown, or the hidden sibling of one.
+  bool isShown(const std::string& document) const;
+  /// The directories of all documents that are shown.
+  std::vector<std::string> directories() const;
+  /// The documents that are shown in one.
+  std::vector<std::string> documentsIn(const std::string& directory) const;
+
+  /// Shows a document, and its hidden sibling where there is one. What the application had under
+  /// those names gets others.
+  std::optional<Error> show(const std::string& document);
+
+  enum class Look {
+    early,    // somebody may be in the middle of replacing a file: what is missing may come
+    writing,  // the same, and the application has its file still open
+    late,     // who had something in mind has had the time
+  };
+  enum class Outcome {
+    settled,  // both sides have the same file, or it is no document
+    saved,    // the application's file has become the document
+    waiting,  // something is missing: look again, late
+  };
+  /// Makes both sides the same. The application's file goes over to the document when it is a
+  /// plain file of its own; a file that has replaced the document outside goes into the view. Where
+  /// both have replaced it, the application's stands beside the document from then on, under a name
+  /// that says so. A document that is gone, late, goes from the view; one that the application
+  /// removed comes back.
+  Result<Outcome> settle(const std::string& document, Look look);
+
+  /// Takes a document and its sibling out of the view, under whatever name the application has put
+  /// them. `endSandboxes` is called when it goes on moving them about while they are looked for.
+  std::optional<Error> hide(const std::string& document, const std::function<void()>& endSandboxes);
+
+  /// Directories to be watched: of the view, and the document's own. Empty where there is none.
+  FileDescriptor shownFolder(const std::string& directory) const;
+  FileDescriptor outsideFolder(const std::string& directory) const;
+  /// A document as the view has it.
+  std::optional<struct stat> shown(const std::string& document) const;
+
+ private:
+  struct Folder {
+    std::string name;  // of the document, in each
+    FileDescriptor known, shown, outside;
+  };
+  using Files = std::vector<FileIdentity>;
+
+  DocumentView(std::string application, FileDescriptor root, FileDescriptor documents)
+      : application_(std::move(application)),
+        root_(std::move(root)),
+        documents_(std::move(documents)) {}
+
+  Folder folderOf(const std::string& document) const;
+  Result<Folder> makeFolderOf(const std::string& document) const;
+  Result<FileDescriptor> makeDirectories(const char* tree, const std::string& directory) const;
+
+  void dropNext() const;
+  std::optional<Error> prepare(const FileDescriptor& from, const std::string& name) const;
+  std::optional<Error> record(const Folder& folder) const;
+  std::optional<Error> place(const Folder& folder) const;
+  std::optional<Error> takeIn(const Folder& folder) const;
+  Result<Outcome> takeOut(const Folder& folder, bool replaces) const;
+  std::optional<Error> putBeside(const Folder& folder) const;
+  static std::optional<Error> putAside(const Folder& folder);
+  std::optional<Error> removeEverywhere(const Files& files, const std::function<void()>& end) const;
+
+  std::string application_;
+  FileDescriptor root_;
+  FileDescriptor documents_;  // the directory of the group containers
+};
+
+}  // namespace qx

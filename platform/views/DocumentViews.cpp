@@ -1,0 +1,306 @@
+// The directories of all documents that are shown are watched, on both sides (inotify(7)); whatever
+// happens under a document's name there makes both sides be looked at, a moment later.
+
+#include "platform/views/DocumentViews.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "platform/base/Errors.h"
+#include "platform/files/Inotify.h"
+#include "platform/identity/ProcessDirectory.h"
+#include "platform/identity/SandboxRecord.h"
+#include "platform/log/Log.h"
+#include "platform/platformd/kernel/Beneath.h"
+#include "platform/queue/Reactor.h"
+#include "platform/queue/WorkQueue.h"
+#include "platform/views/DocumentView.h"
+
+namespace qx {
+namespace {
+
+using Look = DocumentView::Look;
+using Outcome = DocumentView::Outcome;
+
+/// What happens at once is looked at once.
+constexpr std::chrono::milliseconds gathering(20);
+/// For who replaces a document in two steps, and for a directory that is exchanged.
+constexpr std::chrono::seconds grace(2);
+
+constexpr std::uint32_t selfMask = IN_MOVE_SELF | IN_DELETE_SELF;
+constexpr std::uint32_t shownMask =
+    selfMask | IN_CREATE | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+constexpr std::uint32_t outsideMask =
+    selfMask | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+
+bool isEarlier(const timespec& one, const timespec& other) {
+  return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
+
+timespec now() {
+  timespec time{};
+  clock_gettime(CLOCK_REALTIME, &time);
+  return time;
+}
+
+/// Ends every process in the sandboxes of an application.
+void endSandboxes(const std::string& application) {
+  DS_LOG("[NOTICE] Ending %@: it hides a document that is being taken back.", application);
+  std::error_code failed;
+  for (std::filesystem::directory_iterator at("/proc", failed), end; !failed && at != end;
+       at.increment(failed)) {
+    const std::string name = at->path().filename();
+    pid_t number = 0;
+    const auto [behind, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+    if (error != std::errc() || behind != name.data() + name.size()) continue;
+    // Opened first: if it is the application's still, so is the process that the number meant.
+    const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, number, 0)));
+    const auto directory = process ? ProcessDirectory::open(number) : std::nullopt;
+    const auto around = directory ? surroundingsOf(*directory) : std::nullopt;
+    if (around && around->application == application) {
+      syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0);
+    }
+  }
+}
+
+/// Everything is on the queue.
+class Keeper final : public ReactorHandler, public std::enable_shared_from_this<Keeper> {
+ public:
+  static const std::shared_ptr<Keeper>& shared() {
+    static const auto& keeper = *new std::shared_ptr<Keeper>(std::make_shared<Keeper>());
+    return keeper;
+  }
+
+  void begin(DocumentViews::OnWritten onWritten) {
+    queue_->async([self = shared_from_this(), onWritten = std::move(onWritten)] {
+      self->onWritten_ = onWritten;
+      self->source_ = Reactor::shared().add(self->inotify_.descriptor(), 0, self);
+      Reactor::shared().arm(self->source_, self->inotify_.descriptor(), EPOLLIN);
+      for (const auto& application : DocumentView::applications()) {
+        const auto view = DocumentView::open(application);
+        if (!view) continue;
+        for (const auto& directory : view->directories()) self->follow({application, directory});
+      }
+    });
+  }
+
+  void ready(std::uint32_t /*events*/) override {
+    queue_->sync([this] { takeEvents(); });
+    Reactor::shared().arm(source_, inotify_.descriptor(), EPOLLIN);
+  }
+
+  std::optional<Error> show(const std::string& application, const std::string& path) {
+    return queue_->sync([&]() -> std::optional<Error> {
+      auto view = DocumentView::open(application);
+      if (!view) return std::nullopt;
+      const auto document = DocumentView::documentAt(path);
+      if (!document) return posixError(EXDEV, path + " is in no group container");
+      const auto shown = view->show(*document);
+      if (!shown) follow(folderOf(application, *document));
+      return shown;
+    });
+  }
+
+  std::optional<Error> hide(const std::string& application, const std::string& path) {
+    return queue_->sync([&]() -> std::optional<Error> {
+      auto view = DocumentView::open(application);
+      const auto document = DocumentView::documentAt(path);
+      if (!view || !document) return std::nullopt;
+      // What was saved while it was granted is the document's.
+      takeEvents();
+      for (const auto& each : {*document, DocumentView::siblingOf(*document)}) {
+        settle(application, each, false);
+        told_.erase({application, each});
+      }
+      return view->hide(*document, [&] { endSandboxes(application); });
+    });
+  }
+
+ private:
+  /// A directory of documents, of one application.
+  using FolderName = std::pair<std::string, std::string>;
+  using DocumentName = std::pair<std::string, std::string>;
+  struct Folder {
+    Inotify::Watch shown, outside;
+  };
+
+  static FolderName folderOf(const std::string& application, const std::string& document) {
+    const auto slash = document.rfind('/');
+    return {application, slash == std::string::npos ? "" : document.substr(0, slash)};
+  }
+
+  /// Watches a directory of documents on both sides, and then makes them the same: whatever happens
+  /// afterwards is heard of.
+  void follow(const FolderName& name) {
+    const auto& [application, directory] = name;
+    const auto view = DocumentView::open(application);
+    if (!view) return;
+    Folder folder;
+    const auto shown = view->shownFolder(directory);
+    const auto outside = view->outsideFolder(directory);
+    if (shown) folder.shown = inotify_.watch(kernel::procPath(shown.get()), shownMask);
+    if (outside) folder.outside = inotify_.watch(kernel::procPath(outside.get()), outsideMask);
+    const auto known = folders_.find(name);
+    const bool isNew = known == folders_.end() ||
+                       known->second.shown.number() != folder.shown.number() ||
+                       known->second.outside.number() != folder.outside.number();
+    if (isNew) {
+      byWatch_.insert({folder.shown.number(), name});
+      byWatch_.insert({folder.outside.number(), name});
+      folders_[name] = std::move(folder);
+      lookAtAll(name);
+    }
+  }
+
+  void unfollow(const FolderName& name) {
+    const auto folder = folders_.find(name);
+    if (folder == folders_.end()) return;
+    for (const int number : {folder->second.shown.number(), folder->second.outside.number()}) {
+      byWatch_.erase({number, name});
+    }
+    folders_.erase(folder);
+  }
+
+  void lookAtAll(const FolderName& name) {
+    const auto view = DocumentView::open(name.first);
+    if (!view) return;
+    for (const auto& document : view->documentsIn(name.second)) {
+      look({name.first, document}, false);
+      look({name.first, DocumentView::siblingOf(document)}, false);
+    }
+  }
+
+  void takeEvents() {
+    for (const auto& event : inotify_.read()) {
+      if (event.isOverflow()) {
+        writing_.clear();
+        for (const auto& [name, folder] : folders_) lookAtAll(name);
+        continue;
+      }
+      // Handling one may change which there are.
+      std::set<FolderName> concerned;
+      for (auto at = byWatch_.lower_bound({event.watch, {}});
+           at != byWatch_.end() && at->first == event.watch; ++at) {
+        concerned.insert(at->second);
+      }
+      for (const auto& name : concerned) handle(event, name);
+    }
+  }
+
+  void handle(const Inotify::Event& event, const FolderName& name) {
+    if (event.name.empty()) {
+      // The directory itself came away; there may be another in its place.
+      if ((event.mask & (selfMask | IN_IGNORED)) != 0) goOnLater(name);
+      return;
+    }
+    const DocumentName document{name.first,
+                                name.second.empty() ? event.name : name.second + "/" + event.name};
+    if (!pending_.contains(document)) {
+      const auto view = DocumentView::open(name.first);
+      if (!view || !view->isShown(document.second)) return;
+    }
+    const bool isOurs = folders_.at(name).shown.number() == event.watch;
+    if (isOurs && (event.mask & IN_CREATE) != 0 && (event.mask & IN_ISDIR) == 0) {
+      writing_.insert(document);
+    } else if (isOurs) {
+      writing_.erase(document);
+    }
+    look(document, isOurs && (event.mask & IN_CLOSE_WRITE) != 0);
+  }
+
+  void goOnLater(const FolderName& name) {
+    unfollow(name);
+    queue_->after(grace, [self = shared_from_this(), name] { self->follow(name); });
+  }
+
+  void look(const DocumentName& document, bool isClosed) {
+    if (pending_.empty()) {
+      queue_->after(gathering, [self = shared_from_this()] {
+        for (const auto& [each, wasClosed] : std::exchange(self->pending_, {})) {
+          self->settle(each.first, each.second, wasClosed);
+        }
+      });
+    }
+    auto& wasClosed = pending_[document];
+    wasClosed = wasClosed || isClosed;
+  }
+
+  void settle(const std::string& application, const std::string& document, bool isClosed,
+              bool isLate = false) {
+    auto view = DocumentView::open(application);
+    if (!view) return;
+    const DocumentName name{application, document};
+    const auto look = isLate ? Look::late : writing_.contains(name) ? Look::writing : Look::early;
+    const auto outcome = view->settle(document, look);
+    if (!outcome) {
+      DS_LOG("[ERROR] What %@ and others have of %@ cannot be made the same. Error: %@",
+             application, DocumentView::pathOf(document), outcome.error());
+    } else if (*outcome == Outcome::saved) {
+      tell(*view, name);
+    } else if (*outcome == Outcome::waiting) {
+      if (!waiting_.insert(name).second) return;
+      queue_->after(grace, [self = shared_from_this(), name] {
+        self->waiting_.erase(name);
+        self->settle(name.first, name.second, false, true);
+      });
+    } else if (isClosed && isWritten(*view, name)) {
+      tell(*view, name);
+    }
+  }
+
+  /// Whether the file is later than what was told of it, or than the time since which is told.
+  bool isWritten(const DocumentView& view, const DocumentName& name) const {
+    const auto status = view.shown(name.second);
+    const auto told = told_.find(name);
+    return status && isEarlier(told == told_.end() ? start_ : told->second, status->st_mtim);
+  }
+
+  void tell(const DocumentView& view, const DocumentName& name) {
+    if (const auto status = view.shown(name.second)) told_[name] = status->st_mtim;
+    if (!onWritten_) return;
+    WorkQueue::global().async(
+        [onWritten = onWritten_, application = name.first,
+         url = URL::fileURL(DocumentView::pathOf(name.second))] { onWritten(application, url); });
+  }
+
+  const std::shared_ptr<WorkQueue> queue_ = WorkQueue::serial("DocumentViews queue");
+  const timespec start_ = now();
+  Inotify inotify_;
+  Reactor::SourceID source_ = 0;
+  // On the queue.
+  DocumentViews::OnWritten onWritten_;
+  std::map<FolderName, Folder> folders_;
+  std::set<std::pair<int, FolderName>> byWatch_;
+  std::map<DocumentName, bool> pending_;  // to be looked at; whether the application closed it
+  std::set<DocumentName> waiting_;        // to be looked at late
+  std::set<DocumentName> writing_;        // made by the application, and not closed since
+  std::map<DocumentName, timespec> told_;
+};
+
+}  // namespace
+
+void DocumentViews::begin(OnWritten onWritten) { Keeper::shared()->begin(std::move(onWritten)); }
+
+std::optional<Error> DocumentViews::show(const std::string& application, const URL& document) {
+  const auto path = document.path();
+  return path ? Keeper::shared()->show(application, *path) : std::nullopt;
+}
+
+std::optional<Error> DocumentViews::hide(const std::string& application, const URL& document) {
+  const auto path = document.path();
+  return path ? Keeper::shared()->hide(application, *path) : std::nullopt;
+}
+
+}  // namespace qx

@@ -1,0 +1,304 @@
+// Programs that know nothing of this system, in sandboxes, on documents under their own paths: real
+// programs, a real provider, placeholders where content can be brought in on demand; what comes and
+// goes while they run; and programs that mean ill.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/files/FileManager.h"
+#include "tests/endtoend/Broker.h"
+#include "tests/support/BundleMaker.h"
+#include "tests/support/ChildProcess.h"
+
+namespace qx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const char* const app = "com.example.unknowing";
+const char* const provider = "com.example.provider";
+
+bool canSandbox() {
+  ChildProcess probe({"bwrap", "--unshare-user", "--disable-userns", "--unshare-pid",
+                      "--unshare-net", "--ro-bind", "/", "/", "--proc", "/proc", "true"});
+  return probe.wait() == 0;
+}
+
+std::string inQuotes(const std::string& word) { return "'" + word + "'"; }
+
+class ShownDocuments : public Broker {
+ protected:
+  void SetUp() override {
+    if (!canSandbox()) GTEST_SKIP() << "no bubblewrap, or no user namespaces";
+    fs::create_directories(origin_ + "/folder");
+    for (const char* name : {"letter", "diary", "folder/plan"}) writeOrigin(name, text(name));
+    ASSERT_EQ(outside("sqlite3 " + inQuotes(origin_ + "/data.db") +
+                      " 'create table t (x); insert into t values (1)'"),
+              0);
+    storage_ = installation_.installExampleProvider(origin_);
+    platform_.emplace("platformd", installation_.root());
+    start();
+    ASSERT_TRUE(installation_.becomesServed(sandboxService));
+    ASSERT_TRUE(daemon_->logs("[INFO] Registered doc source extension " + std::string(provider)));
+    install(app);
+  }
+
+  void install(const std::string& identifier) {
+    const std::string staged = installation_.staging();
+    makeBundle(staged + "/bundle", identifier, builtProgram("sandboxed-consumer"));
+    fs::copy_file(CLIENT_LIBRARY, staged + "/bundle/" + CLIENT_LIBRARY_NAME);
+    installation_.put(staged + "/bundle", installation_ / ("Applications/" + identifier + ".app"));
+  }
+
+  static std::string text(const std::string& name) {
+    return "content of " + name + std::string(6000, '.') + "\n";
+  }
+  void writeOrigin(const std::string& name, const std::string& text) const {
+    std::ofstream(origin_ + "/" + name) << text;
+  }
+  std::string path(const std::string& name) const { return storage_ + "/" + name; }
+  static std::string contentOf(const std::string& path) {
+    auto text = FileManager::readFile(path);
+    return text ? *text : "(unreadable)";
+  }
+  bool originBecomes(const std::string& name, const std::string& text) const {
+    return eventually([&] { return contentOf(origin_ + "/" + name) == text; });
+  }
+
+  static int outside(const std::string& line) { return ChildProcess({"sh", "-c", line}).wait(); }
+  std::vector<std::string> tool(const std::vector<std::string>& words) const {
+    std::vector<std::string> all{"env", "DOCSOURCE_ROOT=" + installation_.root(),
+                                 builtProgram("docsource")};
+    all.insert(all.end(), words.begin(), words.end());
+    return all;
+  }
+  int runTool(const std::vector<std::string>& words) const {
+    return ChildProcess(tool(words)).wait();
+  }
+  int grant(const std::string& name, const std::string& consumer = app) const {
+    return runTool({"extend-bookmark", path(name), "--consumer", consumer});
+  }
+  int revoke(const std::string& name, const std::string& consumer = app) const {
+    return runTool({"revoke", path(name), "--provider", provider, "--consumer", consumer});
+  }
+
+  /// What a shell in the sandbox makes of a line: its status and output.
+  static std::string shell(ChildProcess& sandbox, const std::string& line) {
+    return sandbox.ask("run\t" + line);
+  }
+  static bool shellEventually(ChildProcess& sandbox, const std::string& line,
+                              const std::string& expected) {
+    return eventually([&] { return shell(sandbox, line) == expected; });
+  }
+  std::string listing(ChildProcess& sandbox, const std::string& folder = "") const {
+    return sandbox.ask("list\t" + (folder.empty() ? storage_ : path(folder)));
+  }
+  bool isPlaceholder(const std::string& name) const {
+    struct stat status;
+    return stat(path(name).c_str(), &status) == 0 && status.st_blocks * 512 < status.st_size;
+  }
+
+  const std::string origin_ = installation_ / "Origin";
+  std::string storage_;
+  std::optional<Daemon> platform_;
+};
+
+TEST_F(ShownDocuments, AreReadWrittenAndSavedByProgramsThatKnowNothing) {
+  // By a relative path through a link, as people name documents.
+  const std::string link = installation_.staging() + "/Documents";
+  fs::create_directory_symlink(storage_, link);
+  ASSERT_TRUE(isPlaceholder("letter"));
+  ASSERT_EQ(runTool({"run", app, "--document", installation_ / "Origin/letter"}), 1)
+      << "it belongs to no provider";
+  ChildProcess sandbox({"sh", "-c", "cd " + inQuotes(link) + " && exec " + [&] {
+                          std::string line;
+                          for (const auto& word :
+                               tool({"run", app, "--document", "letter", "folder/plan",
+                                     link + "/data.db", "--", "letter", "-n", "other"})) {
+                            line += inQuotes(word) + " ";
+                          }
+                          return line;
+                        }()});
+  EXPECT_EQ(sandbox.ask("arguments"), "-n " + path("letter") + " other");
+  EXPECT_EQ(listing(sandbox), "data.db folder letter") << "and no sibling of theirs";
+  EXPECT_EQ(listing(sandbox, "folder"), "plan");
+  EXPECT_EQ(shell(sandbox, "cat " + inQuotes(path("diary"))).substr(0, 2), "1 ");
+
+  // Read on demand, under both names.
+  const auto head = "head -c 17 " + inQuotes(path("letter"));
+  EXPECT_EQ(shell(sandbox, head), "0 content of letter");
+  EXPECT_EQ(shell(sandbox, "head -c 10 " + inQuotes(link + "/folder/plan")), "0 content of");
+  EXPECT_FALSE(isPlaceholder("letter"));
+
+  // In place.
+  EXPECT_EQ(
+      shell(sandbox, "printf CONTENT | dd conv=notrunc status=none of=" + inQuotes(path("letter"))),
+      "0 ");
+  auto expected = "CONTENT" + text("letter").substr(7);
+  EXPECT_TRUE(originBecomes("letter", expected));
+  // A new file that is renamed over it; nothing but the document comes out.
+  EXPECT_EQ(shell(sandbox, "sed -i s/CONTENT/Words/ " + inQuotes(path("letter"))), "0 ");
+  expected.replace(0, 7, "Words");
+  EXPECT_TRUE(originBecomes("letter", expected));
+  EXPECT_EQ(contentOf(path("letter")), expected);
+  if (fs::exists("/usr/bin/vim")) {
+    // Which gives the old file another name and makes a new one.
+    EXPECT_EQ(shell(sandbox,
+                    "vim -u NONE -es -c 'set backup writebackup backupcopy=no' "
+                    "-c '%s/Words/Sentences/' -c wq " +
+                        inQuotes(path("letter")))
+                  .substr(0, 2),
+              "0 ");
+    expected.replace(0, 5, "Sentences");
+    EXPECT_TRUE(originBecomes("letter", expected));
+    EXPECT_EQ(listing(sandbox), "data.db folder letter letter~");
+  }
+  EXPECT_EQ(shell(sandbox,
+                  "/usr/bin/python3 -c 'import mmap,sys; f=open(sys.argv[1],\"r+b\"); "
+                  "m=mmap.mmap(f.fileno(),0); m[0:2]=b\"PL\"; m.close(); f.close()' " +
+                      inQuotes(path("folder/plan"))),
+            "0 ");
+  EXPECT_TRUE(originBecomes("folder/plan", "PL" + text("folder/plan").substr(2)));
+  EXPECT_EQ(shell(sandbox, "sqlite3 " + inQuotes(path("data.db")) +
+                               " 'insert into t values (2); select sum(x) from t'"),
+            "0 3 ");
+  EXPECT_TRUE(eventually([&] {
+    return outside("test \"$(sqlite3 " + inQuotes(origin_ + "/data.db") +
+                   " 'select sum(x) from t')\" = 3") == 0;
+  }));
+  // What is not the document's stays here, but for the hidden sibling.
+  EXPECT_EQ(
+      shell(sandbox, "cd " + inQuotes(storage_) + " && echo own > own && echo beside > .letter"),
+      "0 ");
+  EXPECT_TRUE(eventually([&] { return contentOf(path(".letter")) == "beside\n"; }));
+  for (const char* own : {"own", "letter~", "letter.swp", ".letter.swp"}) {
+    EXPECT_FALSE(fs::exists(path(own))) << own;
+  }
+
+  // What others do to the document.
+  const auto replaced = path("new");
+  std::ofstream(replaced) << "by others\n";
+  fs::rename(replaced, path("letter"));
+  EXPECT_TRUE(shellEventually(sandbox, "cat " + inQuotes(path("letter")), "0 by others "));
+  EXPECT_EQ(shell(sandbox, "echo more >> " + inQuotes(path("letter"))), "0 ");
+  EXPECT_EQ(contentOf(path("letter")), "by others\nmore\n");
+  // Removed here it comes back; removed there it goes.
+  EXPECT_EQ(shell(sandbox, "rm " + inQuotes(path("letter"))), "0 ");
+  EXPECT_TRUE(shellEventually(sandbox, "cat " + inQuotes(path("letter")), "0 by others more "));
+  fs::remove(path("folder/plan"));
+  EXPECT_TRUE(eventually([&] { return listing(sandbox, "folder").empty(); }));
+}
+
+TEST_F(ShownDocuments, ComeWithAGrantAndGoWithItWhileTheApplicationRuns) {
+  ChildProcess sandbox(tool({"run", app, "--document", path("letter")}));
+  EXPECT_EQ(listing(sandbox), "letter");
+  ASSERT_EQ(grant("diary"), 0);
+  EXPECT_EQ(listing(sandbox), "diary letter") << "when the answer is there, so is the document";
+  EXPECT_EQ(shell(sandbox, "head -c 16 " + inQuotes(path("diary"))), "0 content of diary");
+  install("com.example.other");
+  ASSERT_EQ(grant("folder/plan", "com.example.other"), 0);
+  EXPECT_EQ(listing(sandbox), "diary letter") << "what others are granted is nothing to it";
+
+  // The revocation comes while programs have it open, and in the middle of a save.
+  EXPECT_EQ(shell(sandbox, "cd " + inQuotes(storage_) +
+                               "; (exec 3< diary; cp diary new; mv diary old; echo > /tmp/open; "
+                               "while ! test -e /tmp/gone; do :; done; head -c 7 <&3 > /tmp/read) "
+                               "> /dev/null 2>&1 & while ! test -e /tmp/open; do :; done"),
+            "0 ");
+  ASSERT_EQ(revoke("diary"), 0);
+  EXPECT_EQ(listing(sandbox), "letter new") << "a copy is the application's own";
+  EXPECT_TRUE(shellEventually(sandbox, "touch /tmp/gone; cat /tmp/read", "0 content"));
+  EXPECT_EQ(shell(sandbox, "mv " + inQuotes(path("new")) + " " + inQuotes(path("diary"))), "0 ");
+
+  // The daemon is killed, and things happen meanwhile.
+  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
+  EXPECT_EQ(shell(sandbox, "sed -i s/content/CONTENT/ " + inQuotes(path("letter"))), "0 ");
+  daemon_.reset();
+  start();
+  EXPECT_TRUE(originBecomes("letter", "CONTENT" + text("letter").substr(7)));
+  EXPECT_EQ(contentOf(path("diary")), text("diary")) << "nothing comes out without a grant";
+  EXPECT_EQ(contentOf(origin_ + "/diary"), text("diary"));
+  // What it had under the name of a document does not become the document with the grant.
+  ASSERT_EQ(grant("diary"), 0);
+  EXPECT_EQ(listing(sandbox), "diary diary (aside 1) letter");
+  EXPECT_EQ(contentOf(path("diary")), text("diary"));
+
+  // Both replace it, unseen: neither is lost.
+  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
+  EXPECT_EQ(shell(sandbox, "cd " + inQuotes(storage_) + "; echo inside > x; mv x letter"), "0 ");
+  std::ofstream(path("x")) << "outside\n";
+  fs::rename(path("x"), path("letter"));
+  daemon_.reset();
+  start();
+  EXPECT_TRUE(shellEventually(sandbox, "cat " + inQuotes(path("letter")), "0 outside "));
+  EXPECT_EQ(contentOf(path("letter (changed by " + std::string(app) + ")")), "inside\n");
+
+  // Another run of the application has what it was granted, and nothing else.
+  sandbox.end();
+  ChildProcess next(tool({"run", app}));
+  EXPECT_EQ(listing(next), "diary diary (aside 1) letter");
+}
+
+TEST_F(ShownDocuments, AreNoWayOutForAHostileApplication) {
+  const std::string secret = installation_ / "secret";
+  std::ofstream(secret) << "secret";
+  ChildProcess sandbox(tool({"run", app, "--document", path("letter"), path("diary")}));
+  const auto in = [&](const std::string& line) {
+    return shell(sandbox, "cd " + inQuotes(storage_) + " && " + line);
+  };
+  // No name of its own for a document's file, and none outside of the view.
+  EXPECT_NE(in("ln letter mine 2>&1"), "0 ");
+  EXPECT_EQ(in("mv letter \"$HOME\" 2>/dev/null; test -e letter; echo $?").substr(0, 2), "0 ");
+  ASSERT_TRUE(shellEventually(sandbox, "test -e " + inQuotes(path("letter")), "0 "));
+
+  // In a document's place: a link out, a directory, a pipe, another document, a set-user-ID file.
+  for (const auto& trick :
+       {"ln -s " + inQuotes(secret) + " x", "ln -s ../../../../../secret x", std::string("mkdir x"),
+        std::string("mkfifo x"), std::string("cp letter x; chmod u+s x")}) {
+    const auto before = contentOf(path("letter"));
+    EXPECT_EQ(in("rm -rf x letter; " + trick + "; mv -T x letter"), "0 ") << trick;
+    EXPECT_TRUE(shellEventually(sandbox,
+                                "test -f " + inQuotes(path("letter")) + " && test ! -L " +
+                                    inQuotes(path("letter")) + " && test ! -u " +
+                                    inQuotes(path("letter")),
+                                "0 "))
+        << trick;
+    EXPECT_EQ(contentOf(path("letter")), before) << trick;
+    struct stat status;
+    ASSERT_EQ(lstat(path("letter").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & (S_IFMT | S_ISUID), mode_t(S_IFREG)) << trick;
+  }
+  EXPECT_EQ(in("mv diary letter"), "0 ");
+  EXPECT_TRUE(
+      shellEventually(sandbox, "head -c 17 " + inQuotes(path("letter")), "0 content of letter"));
+  EXPECT_TRUE(
+      shellEventually(sandbox, "head -c 16 " + inQuotes(path("diary")), "0 content of diary"));
+  EXPECT_EQ(contentOf(path("diary")), text("diary"));
+
+  // The directory itself exchanged for a link out of the view.
+  const auto group = fs::path(storage_).parent_path().string();
+  EXPECT_EQ(shell(sandbox, "cd " + inQuotes(group) + " && mv 'Doc Source Storage' away && ln -s " +
+                               inQuotes(installation_.root()) + " 'Doc Source Storage'"),
+            "0 ");
+  EXPECT_TRUE(eventually([&] { return listing(sandbox) == "diary letter"; }));
+  EXPECT_EQ(contentOf(path("letter")), text("letter"));
+
+  // A document that is moved about without a pause does not escape its revocation.
+  EXPECT_EQ(in("mkdir -p a/b c; (mv letter a/b/1; while :; do mv a/b/1 c/2; mv c/2 a/b/1; done) "
+               "> /dev/null 2>&1 & "
+               "while test -e letter; do :; done"),
+            "0 ");
+  ASSERT_EQ(revoke("letter"), 0);
+  struct stat status;
+  ASSERT_EQ(stat(path("letter").c_str(), &status), 0);
+  EXPECT_EQ(status.st_nlink, 1U) << "there is no other name of the document anywhere";
+  EXPECT_EQ(contentOf(secret), "secret");
+}
+
+}  // namespace
+}  // namespace qx::test
