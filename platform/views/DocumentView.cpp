@@ -295,7 +295,14 @@ Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder, bool r
   if (unlinkable || !isFile(file) || file->st_uid != geteuid() || file->st_nlink != 2 ||
       (file->st_mode & special) != 0) {
     dropNext();
-    if (auto error = putAside(folder)) return *error;
+    // A file with other names is another document, which nobody loses.
+    const bool isOther = isFile(file) && file->st_nlink > 2;
+    if (isOther && unlinkat(folder.shown.get(), folder.name.c_str(), 0) != 0) {
+      return posixError(errno, folder.name);
+    }
+    if (!isOther) {
+      if (auto error = putAside(folder)) return *error;
+    }
     if (!replaces) return Outcome::settled;
     if (auto error = takeIn(folder)) return *error;
     return Outcome::settled;
