@@ -6,9 +6,9 @@
 #include "platform/log/Log.h"
 #include "platform/notify/SystemNotifyCenter.h"
 #include "platform/queue/WorkQueue.h"
-#include "platform/views/DocumentViews.h"
 #include "providers/DSExtensionDocSource.h"
 #include "servicer/DSGrants.h"
+#include "servicer/DSShownDocuments.h"
 
 namespace {
 
@@ -45,12 +45,7 @@ void DSServer::startCompletion(std::function<void()> completion) {
 }
 
 void DSServer::resumeListeners() {
-  qx::DocumentViews::begin([](const std::string& application, const qx::URL& document) {
-    DS_LOG("[INFO] %@ wrote the item at URL %@ in its sandbox.", application, document);
-    if (const auto owner = DSExtensionDocSource::providerForURL(document)) {
-      owner->itemChangedAtURL(document);
-    }
-  });
+  dsBeginToShowDocuments();
   grantsListener_->resume();
   listener_->resume();
 }

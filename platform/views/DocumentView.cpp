@@ -30,6 +30,7 @@ using kernel::openDirectoryStrictly;
 constexpr const char* nextLink = "next";
 /// The same file once more, on its way to be known.
 constexpr const char* nextKnown = "next-known";
+constexpr const char* toldMark = "told";
 constexpr int mostAsides = 100;
 
 using Status = std::optional<struct stat>;
@@ -159,6 +160,23 @@ FileDescriptor DocumentView::outsideFolder(const std::string& directory) const {
 std::optional<struct stat> DocumentView::shown(const std::string& document) const {
   const auto [directory, name] = split(document);
   return statusOf(shownFolder(directory), name);
+}
+
+std::optional<struct stat> DocumentView::known(const std::string& document) const {
+  const auto [directory, name] = split(document);
+  return statusOf(openTree(root_, "known", directory), name);
+}
+
+std::optional<timespec> DocumentView::toldUntil() const {
+  const auto status = statusOf(root_, toldMark);
+  return status ? std::optional(status->st_mtim) : std::nullopt;
+}
+
+void DocumentView::setToldUntil(const timespec& time) const {
+  const FileDescriptor file(
+      openat(root_.get(), toldMark, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  const timespec times[] = {time, time};
+  if (file) futimens(file.get(), times);
 }
 
 bool DocumentView::isShown(const std::string& document) const {
@@ -409,7 +427,9 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
   if (!theirs) {
     if (!weChanged) unlinkat(folder.shown.get(), folder.name.c_str(), 0);
     unlinkat(folder.known.get(), folder.name.c_str(), 0);
-    return Outcome::settled;
+    // As many names as there were in the view are left of one that was removed.
+    const nlink_t ownNames = isSame(ours, known) ? 2 : 1;
+    return known->st_nlink > ownNames ? Outcome::moved : Outcome::settled;
   }
   // The application may have given the document another name, to make a new one: one file must not
   // be both.

@@ -26,6 +26,7 @@ namespace qx {
 ///     IDENTIFIER/known/   under the same path each document that is shown, as a second hard link:
 ///                         the file that both sides had when they last were the same
 ///     IDENTIFIER/next     a link on its way to its place
+///     IDENTIFIER/told     its time: what was written before is known to the providers
 ///
 /// Nothing else is kept. Whose file is newer is told by comparing three inodes: a side that has
 /// another file than the known one has replaced the document. Every step leaves a state from which
@@ -77,6 +78,7 @@ class DocumentView {
     settled,  // both sides have the same file, or it is no document
     saved,    // the application's file has become the document
     waiting,  // something is missing: look again, late
+    moved,    // the document has another name now, and is in the view no more
   };
   /// Makes both sides the same. The application's file goes over to the document when it is a
   /// plain file of its own; a file that has replaced the document outside goes into the view. Where
@@ -94,6 +96,11 @@ class DocumentView {
   FileDescriptor outsideFolder(const std::string& directory) const;
   /// A document as the view has it.
   std::optional<struct stat> shown(const std::string& document) const;
+  std::optional<struct stat> known(const std::string& document) const;
+
+  /// Absent while nothing has been told.
+  std::optional<timespec> toldUntil() const;
+  void setToldUntil(const timespec& time) const;
 
  private:
   struct Folder {

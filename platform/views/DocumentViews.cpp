@@ -83,14 +83,17 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     return keeper;
   }
 
-  void begin(DocumentViews::OnWritten onWritten) {
-    queue_->async([self = shared_from_this(), onWritten = std::move(onWritten)] {
+  void begin(DocumentViews::OnWritten onWritten, DocumentViews::OnMoved onMoved) {
+    queue_->async([self = shared_from_this(), onWritten = std::move(onWritten),
+                   onMoved = std::move(onMoved)] {
       self->onWritten_ = onWritten;
+      self->onMoved_ = onMoved;
       self->source_ = Reactor::shared().add(self->inotify_.descriptor(), 0, self);
       Reactor::shared().arm(self->source_, self->inotify_.descriptor(), EPOLLIN);
       for (const auto& application : DocumentView::applications()) {
         const auto view = DocumentView::open(application);
         if (!view) continue;
+        if (const auto time = view->toldUntil()) self->since_[application] = *time;
         for (const auto& directory : view->directories()) self->follow({application, directory});
       }
     });
@@ -108,6 +111,9 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       const auto document = DocumentView::documentAt(path);
       if (!document) return posixError(EXDEV, path + " is in no group container");
       const auto shown = view->show(*document);
+      const auto status = view->shown(*document);
+      // What others wrote to it before is not the application's writing.
+      if (status) told_.try_emplace({application, *document}, status->st_mtim);
       if (!shown) follow(folderOf(application, *document));
       return shown;
     });
@@ -177,8 +183,8 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     const auto view = DocumentView::open(name.first);
     if (!view) return;
     for (const auto& document : view->documentsIn(name.second)) {
-      look({name.first, document}, false);
-      look({name.first, DocumentView::siblingOf(document)}, false);
+      look({name.first, document}, true);
+      look({name.first, DocumentView::siblingOf(document)}, true);
     }
   }
 
@@ -228,8 +234,14 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   void look(const DocumentName& document, bool isClosed) {
     if (pending_.empty()) {
       queue_->after(gathering, [self = shared_from_this()] {
+        const auto time = now();
+        std::set<std::string> applications;
         for (const auto& [each, wasClosed] : std::exchange(self->pending_, {})) {
           self->settle(each.first, each.second, wasClosed);
+          applications.insert(each.first);
+        }
+        for (const auto& application : applications) {
+          if (const auto view = DocumentView::open(application)) view->setToldUntil(time);
         }
       });
     }
@@ -242,6 +254,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     auto view = DocumentView::open(application);
     if (!view) return;
     const DocumentName name{application, document};
+    const auto before = isLate ? view->known(document) : std::nullopt;
     const auto look = isLate ? Look::late : writing_.contains(name) ? Look::writing : Look::early;
     const auto outcome = view->settle(document, look);
     if (!outcome) {
@@ -255,6 +268,14 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
         self->waiting_.erase(name);
         self->settle(name.first, name.second, false, true);
       });
+    } else if (*outcome == Outcome::moved && before && onMoved_) {
+      const auto isIt = [identity = identityOf(*before)](const URL& url) {
+        const auto path = url.path();
+        struct stat status;
+        return path && lstat(path->c_str(), &status) == 0 && identityOf(status) == identity;
+      };
+      WorkQueue::global().async(
+          [onMoved = onMoved_, application, isIt] { onMoved(application, isIt); });
     } else if (isClosed && isWritten(*view, name)) {
       tell(*view, name);
     }
@@ -264,7 +285,11 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   bool isWritten(const DocumentView& view, const DocumentName& name) const {
     const auto status = view.shown(name.second);
     const auto told = told_.find(name);
-    return status && isEarlier(told == told_.end() ? start_ : told->second, status->st_mtim);
+    const auto since = since_.find(name.first);
+    const auto known = told != told_.end()     ? told->second
+                       : since != since_.end() ? since->second
+                                               : start_;
+    return status && isEarlier(known, status->st_mtim);
   }
 
   void tell(const DocumentView& view, const DocumentName& name) {
@@ -281,6 +306,8 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   Reactor::SourceID source_ = 0;
   // On the queue.
   DocumentViews::OnWritten onWritten_;
+  DocumentViews::OnMoved onMoved_;
+  std::map<std::string, timespec> since_;  // of applications that ran before
   std::map<FolderName, Folder> folders_;
   std::set<std::pair<int, FolderName>> byWatch_;
   std::map<DocumentName, bool> pending_;  // to be looked at; whether the application closed it
@@ -291,7 +318,9 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
 
 }  // namespace
 
-void DocumentViews::begin(OnWritten onWritten) { Keeper::shared()->begin(std::move(onWritten)); }
+void DocumentViews::begin(OnWritten onWritten, OnMoved onMoved) {
+  Keeper::shared()->begin(std::move(onWritten), std::move(onMoved));
+}
 
 std::optional<Error> DocumentViews::show(const std::string& application, const URL& document) {
   const auto path = document.path();

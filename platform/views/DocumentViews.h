@@ -17,8 +17,13 @@ namespace qx::DocumentViews {
 /// Called on the global queue when an application has written a document.
 using OnWritten = std::function<void(const std::string& application, const URL& document)>;
 
+/// Called on the global queue when a document has gone from an application's view because it was
+/// renamed; `isIt` tells whether it is what a URL leads to.
+using OnMoved = std::function<void(const std::string& application,
+                                   const std::function<bool(const URL&)>& isIt)>;
+
 /// Carries over what happened while nobody looked, and keeps looking from then on. Once.
-void begin(OnWritten onWritten);
+void begin(OnWritten onWritten, OnMoved onMoved);
 
 /// Shows a document to an application that is run in sandboxes; nothing happens for any other. An
 /// error where the document cannot be shown: it is no plain file, or lies on another file system

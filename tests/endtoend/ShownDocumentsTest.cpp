@@ -217,6 +217,19 @@ TEST_F(ShownDocuments, ComeWithAGrantAndGoWithItWhileTheApplicationRuns) {
   EXPECT_TRUE(shellEventually(sandbox, "touch /tmp/gone; cat /tmp/read", "0 content"));
   EXPECT_EQ(shell(sandbox, "mv " + inQuotes(path("new")) + " " + inQuotes(path("diary"))), "0 ");
 
+  // A document that gets another name, and stays the same item, does so here.
+  const auto scripted = installation_.installProvider("com.example.p");
+  ASSERT_TRUE(isRegistered(scripted));
+  fs::create_directories(scripted.storage());
+  std::ofstream(scripted.document("A.txt")) << "an item";
+  ASSERT_EQ(runTool({"extend-bookmark", scripted.document("A.txt"), "--consumer", app}), 0);
+  EXPECT_EQ(sandbox.ask("read\t" + scripted.document("A.txt")), "an item");
+  scripted.behave({{"items", Dictionary{{"C.txt", "item/a"}}}});
+  fs::rename(scripted.document("A.txt"), scripted.document("C.txt"));
+  EXPECT_TRUE(
+      eventually([&] { return sandbox.ask("read\t" + scripted.document("C.txt")) == "an item"; }));
+  EXPECT_EQ(sandbox.ask("list\t" + scripted.storage()), "C.txt");
+
   // The daemon is killed, and things happen meanwhile.
   EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
   EXPECT_EQ(shell(sandbox, "sed -i s/content/CONTENT/ " + inQuotes(path("letter"))), "0 ");
@@ -239,6 +252,38 @@ TEST_F(ShownDocuments, ComeWithAGrantAndGoWithItWhileTheApplicationRuns) {
   start();
   EXPECT_TRUE(shellEventually(sandbox, "cat " + inQuotes(path("letter")), "0 outside "));
   EXPECT_EQ(contentOf(path("letter (changed by " + std::string(app) + ")")), "inside\n");
+
+  // It is killed again and again while the application saves: each time it goes on, the document is
+  // whole at any moment, and the last version is the document in the end.
+  EXPECT_EQ(shell(sandbox, "cd " + inQuotes(storage_) +
+                               "; (i=0; while ! test -e /tmp/stop; do i=$((i+1)); echo version $i "
+                               "> x && mv x letter; done; cp letter /tmp/last) > /dev/null 2>&1 &"),
+            "0 ");
+  for (int kill = 0; kill < 6; ++kill) {
+    const auto before = contentOf(path("letter"));
+    EXPECT_TRUE(eventually([&] {
+      const auto now = contentOf(path("letter"));
+      EXPECT_TRUE(now == "outside\n" || now.starts_with("version ")) << now;
+      return now != before;
+    }));
+    EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
+    daemon_.reset();
+    start();
+  }
+  EXPECT_TRUE(
+      shellEventually(sandbox, "touch /tmp/stop; test -e /tmp/last && echo last", "0 last "));
+  const auto last = shell(sandbox, "cat /tmp/last").substr(2);
+  EXPECT_TRUE(originBecomes("letter", last.substr(0, last.size() - 1) + "\n"));
+  std::size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(storage_)) files += entry.is_regular_file();
+  EXPECT_EQ(files, 4U) << "diary, letter, data.db, and the one of the application from before";
+
+  // Written in place while nobody looks.
+  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
+  EXPECT_EQ(shell(sandbox, "echo unseen >> " + inQuotes(path("letter"))), "0 ");
+  daemon_.reset();
+  start();
+  EXPECT_TRUE(originBecomes("letter", last.substr(0, last.size() - 1) + "\nunseen\n"));
 
   // Another run of the application has what it was granted, and nothing else.
   sandbox.end();

@@ -1,0 +1,47 @@
+#include "servicer/DSShownDocuments.h"
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "acl/DSAccessControlStore.h"
+#include "platform/log/Log.h"
+#include "platform/views/DocumentViews.h"
+#include "providers/DSExtensionDocSource.h"
+#include "servicer/DSConduitServicer.h"
+#include "servicer/DSItemURLs.h"
+
+namespace {
+
+void wrote(const std::string& application, const qx::URL& document) {
+  DS_LOG("[INFO] %@ wrote the item at URL %@ in its sandbox.", application, document);
+  if (const auto owner = DSExtensionDocSource::providerForURL(document)) {
+    owner->itemChangedAtURL(document);
+  }
+}
+
+/// Nobody knows an item by its file: whichever of the application's items is there now is it.
+void wasMoved(const std::string& application, const std::function<bool(const qx::URL&)>& isIt) {
+  constexpr std::chrono::seconds timeForSearching(20);
+  std::vector<DSItem> items;
+  for (const auto& grant : DSAccessControlStore::sharedStore()->grants()) {
+    if (grant.consumer == application) items.push_back({grant.provider, grant.item});
+  }
+  auto asked = items;
+  dsFindItemURLs(std::move(asked), timeForSearching,
+                 [application, isIt, items = std::move(items)](const std::vector<DSItemURL>& urls) {
+                   for (std::size_t i = 0; i < urls.size(); ++i) {
+                     if (!urls[i] || !*urls[i] || !isIt(**urls[i])) continue;
+                     showInSandboxes(application, **urls[i], [&] {
+                       return DSAccessControlStore::sharedStore()
+                           ->isProviderIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
+                               items[i].providerID, items[i].itemID, application);
+                     });
+                   }
+                 });
+}
+
+}  // namespace
+
+void dsBeginToShowDocuments() { qx::DocumentViews::begin(wrote, wasMoved); }
