@@ -91,8 +91,10 @@ class DocumentView {
   /// them. `endSandboxes` is called when it goes on moving them about while they are looked for.
   std::optional<Error> hide(const std::string& document, const std::function<void()>& endSandboxes);
 
-  /// Directories to be watched: of the view, and the document's own. Empty where there is none.
-  FileDescriptor shownFolder(const std::string& directory) const;
+  /// Directories to be watched: of the view, and the documents' own, empty where there is none.
+  Result<FileDescriptor> makeShownFolder(const std::string& directory) const {
+    return makeDirectories("shown", directory);
+  }
   FileDescriptor outsideFolder(const std::string& directory) const;
   /// A document as the view has it.
   std::optional<struct stat> shown(const std::string& document) const;
@@ -115,6 +117,7 @@ class DocumentView {
         documents_(std::move(documents)) {}
 
   Folder folderOf(const std::string& document) const;
+  FileDescriptor shownFolder(const std::string& directory) const;
   Result<Folder> makeFolderOf(const std::string& document) const;
   Result<FileDescriptor> makeDirectories(const char* tree, const std::string& directory) const;
 

@@ -110,7 +110,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       if (!view) return std::nullopt;
       const auto document = DocumentView::documentAt(path);
       if (!document) return posixError(EXDEV, path + " is in no group container");
-      const auto shown = view->show(*document);
+      auto shown = view->show(*document);
       const auto status = view->shown(*document);
       // What others wrote to it before is not the application's writing.
       if (status) told_.try_emplace({application, *document}, status->st_mtim);
@@ -127,7 +127,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       // What was saved while it was granted is the document's.
       takeEvents();
       for (const auto& each : {*document, DocumentView::siblingOf(*document)}) {
-        settle(application, each, false);
+        settle(application, each, true);
         told_.erase({application, each});
       }
       return view->hide(*document, [&] { endSandboxes(application); });
@@ -154,9 +154,9 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     const auto view = DocumentView::open(application);
     if (!view) return;
     Folder folder;
-    const auto shown = view->shownFolder(directory);
+    const auto shown = view->makeShownFolder(directory);
     const auto outside = view->outsideFolder(directory);
-    if (shown) folder.shown = inotify_.watch(kernel::procPath(shown.get()), shownMask);
+    if (shown) folder.shown = inotify_.watch(kernel::procPath(shown->get()), shownMask);
     if (outside) folder.outside = inotify_.watch(kernel::procPath(outside.get()), outsideMask);
     const auto known = folders_.find(name);
     const bool isNew = known == folders_.end() ||
@@ -260,25 +260,34 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     if (!outcome) {
       DS_LOG("[ERROR] What %@ and others have of %@ cannot be made the same. Error: %@",
              application, DocumentView::pathOf(document), outcome.error());
-    } else if (*outcome == Outcome::saved) {
-      tell(*view, name);
-    } else if (*outcome == Outcome::waiting) {
-      if (!waiting_.insert(name).second) return;
-      queue_->after(grace, [self = shared_from_this(), name] {
-        self->waiting_.erase(name);
-        self->settle(name.first, name.second, false, true);
-      });
-    } else if (*outcome == Outcome::moved && before && onMoved_) {
-      const auto isIt = [identity = identityOf(*before)](const URL& url) {
-        const auto path = url.path();
-        struct stat status;
-        return path && lstat(path->c_str(), &status) == 0 && identityOf(status) == identity;
-      };
-      WorkQueue::global().async(
-          [onMoved = onMoved_, application, isIt] { onMoved(application, isIt); });
-    } else if (isClosed && isWritten(*view, name)) {
-      tell(*view, name);
+      return;
     }
+    switch (*outcome) {
+      case Outcome::saved:
+        return tell(*view, name);
+      case Outcome::settled:
+        if (isClosed && isWritten(*view, name)) tell(*view, name);
+        return;
+      case Outcome::waiting:
+        if (!waiting_.insert(name).second) return;
+        return queue_->after(grace, [self = shared_from_this(), name] {
+          self->waiting_.erase(name);
+          self->settle(name.first, name.second, false, true);
+        });
+      case Outcome::moved:
+        if (before) tellOfMove(application, identityOf(*before));
+    }
+  }
+
+  void tellOfMove(const std::string& application, const FileIdentity& file) const {
+    if (!onMoved_) return;
+    const auto isIt = [file](const URL& url) {
+      const auto path = url.path();
+      struct stat status;
+      return path && lstat(path->c_str(), &status) == 0 && identityOf(status) == file;
+    };
+    WorkQueue::global().async(
+        [onMoved = onMoved_, application, isIt] { onMoved(application, isIt); });
   }
 
   /// Whether the file is later than what was told of it, or than the time since which is told.

@@ -327,13 +327,21 @@ TEST_F(ShownDocuments, AreNoWayOutForAHostileApplication) {
       shellEventually(sandbox, "head -c 16 " + inQuotes(path("diary")), "0 content of diary"));
   EXPECT_EQ(contentOf(path("diary")), text("diary"));
 
+  // More names than anybody is told of, and a save among them.
+  ASSERT_EQ(kill(daemon_->id(), SIGSTOP), 0);
+  EXPECT_EQ(in("mkdir y && for i in $(seq 20000); do : > y$i; done; rm y?*; sed s/content/FILLED/ "
+               "letter > x && mv x letter"),
+            "0 ");
+  ASSERT_EQ(kill(daemon_->id(), SIGCONT), 0);
+  EXPECT_TRUE(originBecomes("letter", "FILLED" + text("letter").substr(7)));
+
   // The directory itself exchanged for a link out of the view.
   const auto group = fs::path(storage_).parent_path().string();
   EXPECT_EQ(shell(sandbox, "cd " + inQuotes(group) + " && mv 'Doc Source Storage' away && ln -s " +
                                inQuotes(installation_.root()) + " 'Doc Source Storage'"),
             "0 ");
   EXPECT_TRUE(eventually([&] { return listing(sandbox) == "diary letter"; }));
-  EXPECT_EQ(contentOf(path("letter")), text("letter"));
+  EXPECT_EQ(contentOf(path("letter")), "FILLED" + text("letter").substr(7));
 
   // A document that is moved about without a pause does not escape its revocation.
   EXPECT_EQ(in("mkdir -p a/b c; (mv letter a/b/1; while :; do mv a/b/1 c/2; mv c/2 a/b/1; done) "
