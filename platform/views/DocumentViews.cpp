@@ -127,7 +127,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       // What was saved while it was granted is the document's.
       takeEvents();
       for (const auto& each : {*document, DocumentView::siblingOf(*document)}) {
-        settle(application, each, true);
+        settle(*view, {application, each}, true);
         told_.erase({application, each});
       }
       return view->hide(*document, [&] { endSandboxes(application); });
@@ -233,30 +233,40 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
 
   void look(const DocumentName& document, bool isClosed) {
     if (pending_.empty()) {
-      queue_->after(gathering, [self = shared_from_this()] {
-        const auto time = now();
-        std::set<std::string> applications;
-        for (const auto& [each, wasClosed] : std::exchange(self->pending_, {})) {
-          self->settle(each.first, each.second, wasClosed);
-          applications.insert(each.first);
-        }
-        for (const auto& application : applications) {
-          if (const auto view = DocumentView::open(application)) view->setToldUntil(time);
-        }
-      });
+      pendingSince_ = now();
+      queue_->after(gathering, [self = shared_from_this()] { self->lookAtSome(); });
     }
     auto& wasClosed = pending_[document];
     wasClosed = wasClosed || isClosed;
   }
 
-  void settle(const std::string& application, const std::string& document, bool isClosed,
-              bool isLate = false) {
-    auto view = DocumentView::open(application);
-    if (!view) return;
-    const DocumentName name{application, document};
-    const auto before = isLate ? view->known(document) : std::nullopt;
+  /// A few, in turn, so that who grants or revokes need not wait for all. Called as long as there
+  /// are any.
+  void lookAtSome() {
+    constexpr int atATime = 256;
+    std::map<std::string, std::optional<DocumentView>> views;
+    for (int count = 0; count < atATime && !pending_.empty(); ++count) {
+      auto next = pending_.upper_bound(lastLookedAt_);
+      if (next == pending_.end()) next = pending_.begin();
+      const auto [name, wasClosed] = *next;
+      pending_.erase(next);
+      lastLookedAt_ = name;
+      auto [view, isNew] = views.try_emplace(name.first);
+      if (isNew) view->second = DocumentView::open(name.first);
+      if (view->second) settle(*view->second, name, wasClosed);
+    }
+    if (!pending_.empty())
+      return queue_->async([self = shared_from_this()] { self->lookAtSome(); });
+    for (const auto& [application, view] : views) {
+      if (view) view->setToldUntil(pendingSince_);
+    }
+  }
+
+  void settle(DocumentView& view, const DocumentName& name, bool isClosed, bool isLate = false) {
+    const auto& [application, document] = name;
+    const auto before = isLate ? view.known(document) : std::nullopt;
     const auto look = isLate ? Look::late : writing_.contains(name) ? Look::writing : Look::early;
-    const auto outcome = view->settle(document, look);
+    const auto outcome = view.settle(document, look);
     if (!outcome) {
       DS_LOG("[ERROR] What %@ and others have of %@ cannot be made the same. Error: %@",
              application, DocumentView::pathOf(document), outcome.error());
@@ -264,15 +274,15 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     }
     switch (*outcome) {
       case Outcome::saved:
-        return tell(*view, name);
+        return tell(view, name);
       case Outcome::settled:
-        if (isClosed && isWritten(*view, name)) tell(*view, name);
+        if (isClosed && isWritten(view, name)) tell(view, name);
         return;
       case Outcome::waiting:
         if (!waiting_.insert(name).second) return;
         return queue_->after(grace, [self = shared_from_this(), name] {
           self->waiting_.erase(name);
-          self->settle(name.first, name.second, false, true);
+          if (auto later = DocumentView::open(name.first)) self->settle(*later, name, false, true);
         });
       case Outcome::moved:
         if (before) tellOfMove(application, identityOf(*before));
@@ -320,8 +330,10 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   std::map<FolderName, Folder> folders_;
   std::set<std::pair<int, FolderName>> byWatch_;
   std::map<DocumentName, bool> pending_;  // to be looked at; whether the application closed it
-  std::set<DocumentName> waiting_;        // to be looked at late
-  std::set<DocumentName> writing_;        // made by the application, and not closed since
+  timespec pendingSince_{};
+  DocumentName lastLookedAt_;
+  std::set<DocumentName> waiting_;  // to be looked at late
+  std::set<DocumentName> writing_;  // made by the application, and not closed since
   std::map<DocumentName, timespec> told_;
 };
 
