@@ -275,6 +275,7 @@ TEST_F(SandboxedApplication, KeepsItsIdentityAndIsCheckedFromInside) {
   const auto url = provider_.url("B c.txt").absoluteString();
 
   // What it was not granted it cannot pass on, since it cannot reach it itself.
+  EXPECT_EQ(sandboxed.ask("arguments"), "") << "it runs";
   const auto bookmark = grant("A.txt", app);
   EXPECT_EQ(sandboxed.ask("extend-bookmark\t" + url + "\t" + other), "error DSErrorDomain 3");
   EXPECT_EQ(sandboxed.ask("coordinate\t" + url), "error QXStandardErrorDomain 260");
