@@ -13,7 +13,7 @@
 namespace docsource::test {
 namespace {
 
-constexpr int firstSize = 64;
+constexpr std::size_t firstSize = 64;
 constexpr std::string_view partial = "PARTIAL";
 
 }  // namespace
@@ -64,7 +64,7 @@ std::string Model::relative(const std::string& path) const {
 std::string Model::newContent() {
   const int number = contents_++;
   std::string text = "content " + std::to_string(number) + "\n";
-  text.resize(static_cast<std::size_t>(firstSize + number), '.');
+  text.resize(firstSize + static_cast<std::size_t>(number), '.');
   return text;
 }
 
@@ -72,11 +72,11 @@ std::string Model::newContent() {
 int Model::contentOf(const std::string& path) {
   const auto entry = mirror::lookAt(AT_FDCWD, path);
   if (!entry || entry->kind != mirror::Kind::file) return -1;
-  if (entry->isPlaceholder) return static_cast<int>(entry->size) - firstSize;
+  if (entry->isPlaceholder) return static_cast<int>(entry->size) - static_cast<int>(firstSize);
   const auto text = read(path);
   int number = -1;
   if (std::sscanf(text.c_str(), "content %d", &number) != 1) return -1;
-  return text.size() == static_cast<std::size_t>(firstSize + number) ? number : -1;
+  return text.size() == firstSize + static_cast<std::size_t>(number) ? number : -1;
 }
 
 std::vector<std::string> Model::entries(const std::string& root) const {

@@ -78,7 +78,7 @@ void lookAtBroker(const Arguments& arguments, Report& report) {
   if (!listing) {
     return report.wrong("this program",
                         listing.error().description() + " Its bundle, docsource.app in " +
-                            qx::Places::machineBundles() +
+                            qx::Places::machineBundles().back() +
                             "/Applications, must name this very file; was it copied?");
   }
   for (const auto& installed :

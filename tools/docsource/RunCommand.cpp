@@ -206,7 +206,7 @@ NamedDocuments grantAll(const Arguments& arguments, const std::string& applicati
   for (const auto& each : arguments.documents) {
     const auto path = resolved(each);
     if (!path) {
-      all.failed = fail(path.error());
+      all.failed = fail(arguments, path.error());
       break;
     }
     if (const auto error = grant(client, *path, application)) {
