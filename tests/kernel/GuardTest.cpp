@@ -253,7 +253,9 @@ TEST_F(PatienceTest, WhoWaitsForNobodyIsLetGoAfterThirtySeconds) {
   auto accesses = qx::kernel::AccessGroup::create();
   auto changes = qx::kernel::ChangeGroup::create();
   ASSERT_TRUE(accesses.ok() && changes.ok());
-  auto [ours, theirs] = qx::kernel::EventChannel::pair();
+  auto channel = qx::kernel::EventChannel::pair();
+  auto& ours = channel.first;
+  auto& theirs = channel.second;
   const auto coordinator = std::make_shared<qx::kernel::KernelCoordinator>(
       std::make_shared<DocSourceRegistry>(), std::move(theirs),
       qx::kernel::AccessGroup(FileDescriptor(fcntl(accesses->descriptor(), F_DUPFD_CLOEXEC, 0))),
