@@ -10,8 +10,8 @@
 #include <fstream>
 #include <map>
 
-#include "extensions/webdav/LoginFlow.h"
 #include "extensions/http/Settings.h"
+#include "extensions/webdav/LoginFlow.h"
 #include "tests/webdav/ServerProcess.h"
 
 namespace docsource::webdav::test {
