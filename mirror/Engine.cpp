@@ -13,6 +13,7 @@
 
 #include "mirror/Parts.h"
 #include "platform/base/UUID.h"
+#include "platform/coordination/CoordinationState.h"
 #include "platform/files/FileManager.h"
 #include "platform/queue/Clock.h"
 
@@ -208,6 +209,12 @@ bool Engine::step() {
   return guarded([&] {
     if (isClosed_) return false;
     if (std::exchange(shallTryAgain_, false)) troubleUntil_ = 0;
+    const auto mechanism = qx::readCoordinationMechanism();
+    const bool isGuarded = mechanism && *mechanism != qx::CoordinationMechanism::cooperative;
+    if (std::exchange(isUnguarded_, !isGuarded) && isGuarded) {
+      madeReadable_.clear();
+      here_.directories.emplace_back(rootItem, true);
+    }
     if (now() >= lookHereAt_) {
       constexpr std::int64_t many = 10'000;
       const auto times = 1 + items_->count("1") / many;

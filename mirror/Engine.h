@@ -253,6 +253,11 @@ class Engine {
   std::map<std::string, ItemNumber> coming_;
   std::set<std::pair<ItemNumber, std::string>> wentAway_;
   bool isObservingHere_ = false;
+  /// Whether nobody keeps readers from placeholders that have permissions.
+  bool isUnguarded_ = true;
+  /// Placeholders that were made readable since somebody guards them, or left to who made them
+  /// unreadable.
+  std::set<std::string> madeReadable_;
   Observation here_;
   Observation there_;
 

@@ -93,7 +93,7 @@ class Mirror::Implementation {
       if (hasDone || isStopped_) continue;
       // What is due but cannot be begun waits for a transfer to end, which wakes.
       constexpr std::int64_t least = 20;
-      constexpr std::int64_t most = 60'000;
+      constexpr std::int64_t most = 20'000;
       const auto idle = std::clamp(engine_.idleFor().value_or(most), least, most);
       pollfd waited[] = {{event_.get(), POLLIN, 0}, {engine_.descriptor(), POLLIN, 0}};
       (void)::poll(waited, std::size(waited), static_cast<int>(idle));

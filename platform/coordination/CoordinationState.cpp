@@ -2,6 +2,8 @@
 
 #include "platform/coordination/CoordinationState.h"
 
+#include <unistd.h>
+
 #include <string>
 
 #include "platform/coordination/FileCoordinationProtocol.h"
@@ -16,6 +18,7 @@ constexpr CoordinationMechanism all[] = {CoordinationMechanism::access, Coordina
                                          CoordinationMechanism::cooperative};
 
 std::string fileIn(const std::string& directory) { return directory + "/coordination"; }
+std::string ownFile() { return fileIn(Places::serviceDirectory(fileCoordinationServiceName)); }
 
 }  // namespace
 
@@ -42,6 +45,8 @@ std::optional<CoordinationMechanism> readCoordinationMechanism() {
   return std::nullopt;
 }
 
+void withdrawCoordinationMechanism() { ::unlink(ownFile().c_str()); }
+
 void announceCoordinationMechanism(CoordinationMechanism mechanism) {
   switch (mechanism) {
     case CoordinationMechanism::access:
@@ -54,7 +59,7 @@ void announceCoordinationMechanism(CoordinationMechanism mechanism) {
       DS_LOG("[NOTICE] Only programs that ask for it are coordinated.");
       break;
   }
-  const auto path = fileIn(Places::serviceDirectory(fileCoordinationServiceName));
+  const auto path = ownFile();
   if (auto error = FileManager::replaceFile(path, std::string(nameOf(mechanism)) + "\n", 0644)) {
     DS_LOG("[ERROR] Cannot write %@. Error: %@", path, *error);
   }

@@ -16,8 +16,11 @@ enum class CoordinationMechanism {
 std::string_view nameOf(CoordinationMechanism mechanism);
 
 /// What the platformd that serves this user last announced, the user's own or the machine's; absent
-/// when none ever did.
+/// while it guards nothing yet, or when there is none.
 std::optional<CoordinationMechanism> readCoordinationMechanism();
+/// Takes the file away: nobody is coordinated from now on who does not ask, until the next
+/// announcement.
+void withdrawCoordinationMechanism();
 /// Writes the file and says it in the log.
 void announceCoordinationMechanism(CoordinationMechanism mechanism);
 

@@ -96,7 +96,7 @@ qx::FileDescriptor inherited(int number) {
   return qx::FileDescriptor(number);
 }
 
-int work() {
+int work(bool byAccess) {
   // The holder says when to end.
   signal(SIGTERM, SIG_IGN);
   signal(SIGINT, SIG_IGN);
@@ -104,7 +104,6 @@ int work() {
   const auto turn = waitForTurnToServe();
   int number = EventHolder::workerSockets;
   for (const auto& name : serviceNames()) qx::adoptServiceSocket(name, inherited(number++));
-  const bool byAccess = qx::readCoordinationMechanism() == CoordinationMechanism::access;
   Services services;
   auto coordinator = std::make_shared<qx::kernel::KernelCoordinator>(
       services.registry, qx::kernel::EventChannel(inherited(EventHolder::workerChannel)),
@@ -123,6 +122,8 @@ int work() {
 
 int hold(EventHolder::Groups groups) {
   waitForTurnToServe().reset();
+  // Until the first worker has marked what is to be guarded.
+  qx::withdrawCoordinationMechanism();
   std::vector<qx::FileDescriptor> sockets;
   bool boundHere = false;
   for (const auto& name : serviceNames()) {
@@ -174,7 +175,7 @@ int keepNeededCapabilities() {
 
 int main(int argc, char* argv[]) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));
-  const bool isWorker = arguments.size() == 2 &&
+  const bool isWorker = arguments.size() == 3 &&
                         std::string_view(arguments[1]) == EventHolder::workerOption &&
                         fcntl(EventHolder::workerChannel, F_GETFD) >= 0;
   if (!isWorker) {
@@ -193,7 +194,7 @@ int main(int argc, char* argv[]) {
                  qx::posixError(errnum, "The rights cannot be restricted").description().c_str());
     return 1;
   }
-  if (isWorker) return work();
+  if (isWorker) return work(arguments[2] == qx::nameOf(CoordinationMechanism::access));
   qx::RunLoop::main().stopOnSignals({SIGTERM, SIGINT});
   for (const std::string& name : serviceNames()) {
     if (auto taken = qx::claimService(name)) {
@@ -208,12 +209,7 @@ int main(int argc, char* argv[]) {
     auto groups =
         EventHolder::groups(wanted == CoordinationMechanism::access ? qx::kernel::preAccess
                                                                     : qx::kernel::openPermission);
-    if (groups) {
-      qx::announceCoordinationMechanism(groups->mask == qx::kernel::preAccess
-                                            ? CoordinationMechanism::access
-                                            : CoordinationMechanism::open);
-      return hold(*std::move(groups));
-    }
+    if (groups) return hold(*std::move(groups));
     DS_LOG("[INFO] The kernel cannot be asked for accesses. Error: %@", groups.error());
   }
   qx::announceCoordinationMechanism(CoordinationMechanism::cooperative);

@@ -37,6 +37,7 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
     platform_.emplace("platformd", installation_.root(),
                       std::map<std::string, std::string>{{"DOCSOURCE_COORDINATION", GetParam()}});
     ASSERT_TRUE(installation_.becomesServed(coordinationService));
+    ASSERT_TRUE(eventually([&] { return fs::exists(installation_ / "run/coordination"); }));
     const auto mode = FileManager::readFile(installation_ / "run/coordination");
     if (mode && *mode != std::string(GetParam()) + "\n") {
       GTEST_SKIP() << "not " << GetParam() << " but " << *mode;
@@ -146,6 +147,18 @@ TEST_P(Accounts, DocumentsAreReadEditedAndCarriedBack) {
   EXPECT_FALSE(fs::exists(fs::symlink_status(home_ + "/DocSource/Work")));
   EXPECT_TRUE(fs::exists(there("images/cat.jpg")));
   EXPECT_TRUE(daemon_->logs("Extension " + identifier));
+}
+
+TEST_P(Accounts, WhatCameWhileNobodyGuardedIsReadableAfterwards) {
+  platform_.reset();
+  add();
+  const auto permissions = [&] { return fs::status(here("letter.txt")).permissions(); };
+  EXPECT_TRUE(eventually([&] { return fs::exists(here("letter.txt")); }));
+  EXPECT_EQ(permissions(), fs::perms::none);
+  startPlatform();
+  if (isCooperative()) return;
+  EXPECT_TRUE(eventually([&] { return permissions() != fs::perms::none; }));
+  EXPECT_EQ(ask("cat '" + here("letter.txt") + "'"), letter_);
 }
 
 TEST_P(Accounts, AWorkTreeOfGitIsWholeOnBothSides) {

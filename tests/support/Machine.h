@@ -110,6 +110,7 @@ class MachineTest : public testing::Test {
                       std::map<std::string, std::string>{{"DOCSOURCE_MACHINE", machine_.path()}});
     EXPECT_TRUE(
         eventually([&] { return std::filesystem::exists(machine_ / "run/com.veltro.Sandbox"); }));
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(machine_ / "run/coordination"); }));
   }
   bool coordinatesEverybody() const {
     std::string mechanism;

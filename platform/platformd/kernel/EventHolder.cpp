@@ -139,7 +139,8 @@ void EventHolder::startWorker() {
   variables.push_back(nullptr);
   std::string name = "platformd";
   std::string option = workerOption;
-  std::array<char*, 3> arguments{name.data(), option.data(), nullptr};
+  std::string mechanism(nameOf(groups_.mechanism()));
+  std::array<char*, 4> arguments{name.data(), option.data(), mechanism.data(), nullptr};
   const int errnum = posix_spawn(&worker_, "/proc/self/exe", &actions, &attributes,
                                  arguments.data(), variables.data());
   posix_spawnattr_destroy(&attributes);
@@ -228,7 +229,10 @@ void EventHolder::receive() {
         answer(received.message.number, received.message.errnum);
         break;
       case Message::Kind::ready:
-        if (!std::exchange(isReady_, true)) sd_notify(0, "READY=1");
+        if (!std::exchange(isReady_, true)) {
+          announceCoordinationMechanism(groups_.mechanism());
+          sd_notify(0, "READY=1");
+        }
         nextStart_ = steady_clock::now();
         break;
       case Message::Kind::stopped:

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/base/FileDescriptor.h"
+#include "platform/coordination/CoordinationState.h"
 #include "platform/identity/ProcessDirectory.h"
 #include "platform/platformd/kernel/EventChannel.h"
 #include "platform/platformd/kernel/FanotifyGroup.h"
@@ -32,6 +33,9 @@ class EventHolder {
     ChangeGroup changes;
     /// The kind of events: preAccess where the kernel has it for files under the root.
     std::uint64_t mask = preAccess;
+    CoordinationMechanism mechanism() const {
+      return mask == preAccess ? CoordinationMechanism::access : CoordinationMechanism::open;
+    }
     /// The service manager has them too, and keeps them when this process ends.
     bool stored = false;
   };
@@ -52,6 +56,7 @@ class EventHolder {
   static constexpr int workerAccesses = 4;
   static constexpr int workerChanges = 5;
   static constexpr int workerSockets = 6;
+  /// Followed by the name of the mechanism.
   static constexpr const char* workerOption = "--worker";
 
  private:

@@ -11,6 +11,7 @@
 
 #include "platform/base/Errors.h"
 #include "platform/base/FileDescriptor.h"
+#include "platform/coordination/CoordinationState.h"
 #include "platform/log/Log.h"
 
 namespace qx::kernel {
@@ -233,6 +234,8 @@ void KernelCoordinator::lookAgain(const std::string& path) {
 void KernelCoordinator::stop() {
   queue_->sync([&] {
     if (!groupsStay_) {
+      // What becomes a placeholder from now on is unreadable from the start.
+      withdrawCoordinationMechanism();
       // Also where the marks have not come to yet.
       const std::size_t concealed = trees_.conceal();
       DS_LOG("[NOTICE] Stopping; %d placeholders are unreadable until the next start.", concealed);
