@@ -48,17 +48,18 @@ TEST(Flow, WhoTakesAReplyMayWaitForAnother) {
   const auto proxy = caller->remoteObjectProxyWithErrorHandler<Trial>(
       [](const qx::Error& error) { ADD_FAILURE() << error.text(); });
   constexpr int count = 8;
-  Gate replied;
+  // The last of them are still waiting when the test has seen all.
+  const auto replied = std::make_shared<Gate>();
   // Both directions are full of replies before the first is read.
   for (int i = 0; i < count; ++i) {
-    proxy->echo_completion("x", [&](const auto&) {
-      replied.pass();
-      replied.wait(count);
+    proxy->echo_completion("x", [replied](const auto&) {
+      replied->pass();
+      replied->wait(count);
     });
   }
   callee->resume();
   caller->resume();
-  replied.wait(count);
+  replied->wait(count);
 }
 
 TEST(Flow, AFrameOfTheLargestSizeIsTakenAndNoLargerOne) {
