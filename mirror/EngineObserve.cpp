@@ -281,8 +281,9 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
     const auto known = knownHere(entry->identity);
     const auto there = items_->at(Side::there, place);
     if (!known.empty()) {
-      entry->isPlaceholder = known.front().here->isPlaceholder;
-      if (entry->isPlaceholder) entry->mode = known.front().here->mode.value_or(entry->mode);
+      Node node = *known.front().here;
+      node.identity = entry->identity;
+      believe(entry, node);
     } else if (!entry->hasBlocks && there && there->there->kind == Kind::file) {
       // One that was made and not noted.
       entry->isPlaceholder = true;

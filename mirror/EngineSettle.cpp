@@ -415,7 +415,8 @@ Engine::Outcome Engine::removeStray(const Item& item) {
   if (!hasLookedThere_ || isInTrouble() || !there_.isEmpty())
     return waitFor(item.number, firstRetry);
   const auto directory = directoryHere(here.place.parent);
-  const auto entry = directory ? lookAt(directory->get(), here.place.name) : std::nullopt;
+  auto entry = directory ? lookAt(directory->get(), here.place.name) : std::nullopt;
+  believe(entry, here);
   if (!entry || entry->identity != here.identity || !entry->isPlaceholder) {
     lookAgain(Side::here, here.place);
     return waitFor(item.number, firstRetry);
@@ -621,7 +622,11 @@ bool Engine::removeEntry(int directory, const Place& place,
     lookAgain(Side::here, place);
     return false;
   }
-  const auto taken = lookAt(aside_.get(), aside);
+  auto taken = lookAt(aside_.get(), aside);
+  if (taken) {
+    const auto known = items_->withIdentity(Side::here, taken->identity);
+    if (!known.empty()) believe(taken, *known.front().here);
+  }
   if (taken && isIt(*taken) && ::unlinkat(aside_.get(), aside.c_str(), 0) == 0) return true;
   recoverAside();
   lookAgain(Side::here, place);
@@ -669,7 +674,8 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
   } else {
     const auto file = openFile(directory->get(), name, here.isPlaceholder ? O_PATH : O_RDONLY);
     if (!file) return failedHere(item, errno, "The document cannot be opened");
-    const auto before = lookAtFile(file.get());
+    auto before = lookAtFile(file.get());
+    believe(before, here);
     const bool isSame = before && before->identity == here.identity &&
                         before->isPlaceholder == here.isPlaceholder &&
                         (here.isPlaceholder || before->version == here.version);
@@ -812,7 +818,8 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
                    0) != 0) {
       return failedHere(item, errno, "Its permissions cannot be set");
     }
-    const auto now = lookAt(directory->get(), here.place.name);
+    auto now = lookAt(directory->get(), here.place.name);
+    believe(now, here);
     change(item.number, [&](Item& changed) {
       changed.agreed->mode = there.mode;
       if (!now || now->identity != here.identity || !changed.here) return;
@@ -892,7 +899,8 @@ Engine::Outcome Engine::moveHere(Lock& lock, const Item& item) {
     }
     return failedHere(*current, errno, "It cannot be moved");
   }
-  const auto moved = lookAt(goal->get(), target.name);
+  auto moved = lookAt(goal->get(), target.name);
+  believe(moved, *current->here);
   if (!moved || moved->identity != current->here->identity) {
     moveEntry(goal->get(), target.name, source->get(), from.name);
     lookAgain(Side::here, from);

@@ -118,6 +118,12 @@ std::optional<LocalEntry> lookAt(int directory, const std::string& name) {
   return entryOf(directory, name.c_str(), AT_SYMLINK_NOFOLLOW);
 }
 
+void believe(std::optional<LocalEntry>& entry, const Node& known) {
+  if (!entry || !entry->isHidden || entry->identity != known.identity) return;
+  entry->isPlaceholder = known.isPlaceholder;
+  if (entry->isPlaceholder) entry->mode = known.mode.value_or(entry->mode);
+}
+
 qx::FileDescriptor openDirectoryBelow(int directory, const std::string& path) {
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   qx::FileDescriptor found(::openat(directory, ".", flags));

@@ -40,6 +40,9 @@ struct LocalEntry {
 std::optional<LocalEntry> lookAtFile(int file);
 std::optional<LocalEntry> lookAt(int directory, const std::string& name);
 
+/// Where the mark of an entry cannot be read, what is known of that file decides what it is.
+void believe(std::optional<LocalEntry>& entry, const Node& known);
+
 /// Opens a directory below another by its path ("" for itself); empty with errno set. Nothing on
 /// the way may be a link.
 qx::FileDescriptor openDirectoryBelow(int directory, const std::string& path);
