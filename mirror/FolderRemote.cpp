@@ -36,6 +36,8 @@ using mirror::lookAt;
 
 /// Begins the names of what is being written; never shown.
 constexpr const char* ownPrefix = ".docsource-";
+/// Ends them.
+constexpr const char* sideEnding = ".new";
 constexpr const char* markName = ".docsource-remote";
 constexpr unsigned watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY |
                                    IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR;
@@ -82,7 +84,7 @@ Error errorOf(int errnum, const std::string& what, const std::string& path) {
 class SideFile {
  public:
   SideFile(int directory, mode_t mode) : directory_(directory) {
-    name_ = ownPrefix + qx::UUID::random().text() + ".new";
+    name_ = ownPrefix + qx::UUID::random().text() + sideEnding;
     file_ = qx::FileDescriptor(
         ::openat(directory, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode));
   }
@@ -352,7 +354,10 @@ class FolderRemote final : public Remote {
     const auto directory = open(parent);
     if (!directory) return directory.error();
     if (!ifVersion) {
-      if (::unlinkat(directory->get(), name.c_str(), AT_REMOVEDIR) != 0) {
+      const auto remove = [&] {
+        return ::unlinkat(directory->get(), name.c_str(), AT_REMOVEDIR) == 0;
+      };
+      if (!remove() && (errno != ENOTEMPTY || !clear(directory->get(), name) || !remove())) {
         return errorOf(errno, "Cannot remove", path);
       }
       ::fsync(directory->get());
@@ -508,6 +513,21 @@ class FolderRemote final : public Remote {
   static bool isInUse(int directory, const std::string& name) {
     const auto file = mirror::openFile(directory, name, O_RDONLY);
     return file && mirror::isBeingWritten(file.get());
+  }
+
+  /// Removes what writers left in a directory that were ended while they wrote; whether nothing
+  /// else is in it.
+  static bool clear(int parent, const std::string& name) {
+    const auto directory = mirror::openDirectoryBelow(parent, name);
+    bool isClear = static_cast<bool>(directory);
+    const auto leave = [&](const std::string& entry) {
+      isClear = isOwn(entry) && entry.ends_with(sideEnding) && !isInUse(directory.get(), entry) &&
+                ::unlinkat(directory.get(), entry.c_str(), 0) == 0;
+      return isClear;
+    };
+    if (isClear) isClear = mirror::listDirectory(directory.get(), leave) && isClear;
+    if (!isClear) errno = ENOTEMPTY;
+    return isClear;
   }
 
   Result<void> apply(int file, const std::string& path, const RemoteAttributes& attributes) const {

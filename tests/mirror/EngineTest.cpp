@@ -221,6 +221,14 @@ TEST_F(EngineTest, RemovesMuchAtATimeOnlyWhenItIsConfirmed) {
 }
 
 // Two machines work on the same five repositories in turn.
+TEST_F(EngineTest, RemovesADirectoryInWhichAWriterWasEnded) {
+  write(there("d/e/.docsource-half.new"), "hal");
+  fs::remove_all(here("d"));
+  settle();
+  EXPECT_FALSE(fs::exists(there("d")));
+  EXPECT_FALSE(fs::exists(here("d")));
+}
+
 TEST_F(EngineTest, CarriesGitRepositories) {
   if (!run("git --version")) GTEST_SKIP() << "there is no git";
   Machine other(scratch_ / "other", makeFolderRemote(there_), "other");
