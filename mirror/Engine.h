@@ -150,7 +150,7 @@ class Engine {
   void freeLinks(const std::string& identity);
   Observation& seen(Side side) { return side == Side::here ? here_ : there_; }
   bool stays(ItemNumber directory, const std::string& name, const LocalEntry& entry);
-  bool cleanUp(int directory, const std::string& name, const LocalEntry& entry);
+  bool cleanUp(ItemNumber number, int directory, const std::string& name, const LocalEntry& entry);
   void recoverAside();
   Node nodeHere(Place place, const LocalEntry& entry) const;
   static Node nodeThere(Place place, const RemoteItem& item);

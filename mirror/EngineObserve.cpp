@@ -114,14 +114,31 @@ bool Engine::stays(ItemNumber directory, const std::string& name, const LocalEnt
 
 /// Takes care of what a crash of the placeholder library left beside a document; true when the
 /// entry is that.
-bool Engine::cleanUp(int directory, const std::string& name, const LocalEntry& entry) {
+bool Engine::cleanUp(ItemNumber number, int directory, const std::string& name,
+                     const LocalEntry& entry) {
   constexpr std::string_view sideName = ".docsource-";
   if (!name.starts_with(sideName)) return false;
   const auto known = items_->withIdentity(Side::here, entry.identity);
   const bool isUnderWay = !busy_.empty();
   if (isUnderWay || entry.kind != Kind::file) return true;
-  if (entry.isPlaceholder || known.empty()) {
+  const auto children = items_->children(Side::here, number);
+  // Content that was brought in for a placeholder, and did not come to its place.
+  const bool isThereToo = std::any_of(children.begin(), children.end(), [&](ItemNumber child) {
+    const auto item = items_->load(child);
+    return item && item->here && item->here->isPlaceholder && item->agreed &&
+           item->agreed->size == entry.size && item->agreed->modified == entry.modified;
+  });
+  if (entry.isPlaceholder || (known.empty() && isThereToo)) {
     ::unlinkat(directory, name.c_str(), 0);
+    return true;
+  }
+  if (known.empty()) {
+    // What a program has put in the document's place in the moment of an exchange.
+    constexpr int most = 1000;
+    for (int attempt = 1; attempt < most; ++attempt) {
+      const auto shown = nameBeside("Recovered document", conflictText(), attempt);
+      if (moveEntry(directory, name, directory, shown) || errno != EEXIST) break;
+    }
     return true;
   }
   // The content was exchanged for a placeholder and never given up: it returns to its name.
@@ -274,7 +291,7 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
     if (errno == ENOENT) noteGone(Side::here, place);
     return;
   }
-  if (cleanUp(file, name, *entry)) return;
+  if (cleanUp(directory, file, name, *entry)) return;
   if (!entry->kind) return noteGone(Side::here, place);
   if (entry->isHidden) {
     // What it is cannot be told from its mark; what is known of it is believed.
