@@ -113,7 +113,7 @@ TEST_F(ShownDocuments, AreReadWrittenAndSavedByProgramsThatKnowNothing) {
   const TemporaryDirectory elsewhere;
   const std::string link = elsewhere / "Documents";
   fs::create_directory_symlink(storage_, link);
-  ASSERT_TRUE(isPlaceholder("letter"));
+  ASSERT_TRUE(eventually([&] { return isPlaceholder("letter"); }));
   ASSERT_EQ(runTool({"run", app, "--document", installation_ / "Origin/letter"}), 1)
       << "it belongs to no provider";
   ChildProcess sandbox({"sh", "-c", "cd " + inQuotes(link) + " && exec " + [&] {
