@@ -354,8 +354,8 @@ class FolderRemote final : public Remote {
     const auto directory = open(parent);
     if (!directory) return directory.error();
     if (!ifVersion) {
-      const auto remove = [&] {
-        return ::unlinkat(directory->get(), name.c_str(), AT_REMOVEDIR) == 0;
+      const auto remove = [&, entry = name.c_str()] {
+        return ::unlinkat(directory->get(), entry, AT_REMOVEDIR) == 0;
       };
       if (!remove() && (errno != ENOTEMPTY || !clear(directory->get(), name) || !remove())) {
         return errorOf(errno, "Cannot remove", path);

@@ -112,9 +112,16 @@ int work(bool byAccess) {
       byAccess ? qx::kernel::preAccess : qx::kernel::openPermission,
       qx::kernel::GuardList(qx::kernel::openStateDirectory()));
   services.registry->setObserver(coordinator);
-  // It says that the service is ready when everything is guarded that was before.
-  coordinator->start([] { qx::RunLoop::main().stop(); });
-  services.resume();
+  // Nobody is served before everything is guarded that was before, but by the next worker.
+  const bool isNext = qx::hasAnnouncedCoordinationMechanism();
+  coordinator->start([] { qx::RunLoop::main().stop(); },
+                     [services, byAccess, isNext] {
+                       if (isNext) return;
+                       qx::announceCoordinationMechanism(byAccess ? CoordinationMechanism::access
+                                                                  : CoordinationMechanism::open);
+                       services.resume();
+                     });
+  if (isNext) services.resume();
   qx::RunLoop::main().run();
   coordinator->stop();
   return 0;

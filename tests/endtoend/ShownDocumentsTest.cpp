@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -99,8 +100,7 @@ class ShownDocuments : public Broker {
     return sandbox.ask("list\t" + (folder.empty() ? storage_ : path(folder)));
   }
   bool isPlaceholder(const std::string& name) const {
-    struct stat status;
-    return stat(path(name).c_str(), &status) == 0 && status.st_blocks * 512 < status.st_size;
+    return ::getxattr(path(name).c_str(), "user.docsource.placeholder", nullptr, 0) > 0;
   }
 
   const std::string origin_ = installation_ / "Origin";

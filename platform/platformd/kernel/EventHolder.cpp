@@ -229,10 +229,7 @@ void EventHolder::receive() {
         answer(received.message.number, received.message.errnum);
         break;
       case Message::Kind::ready:
-        if (!std::exchange(isReady_, true)) {
-          announceCoordinationMechanism(groups_.mechanism());
-          sd_notify(0, "READY=1");
-        }
+        if (!std::exchange(isReady_, true)) sd_notify(0, "READY=1");
         nextStart_ = steady_clock::now();
         break;
       case Message::Kind::stopped:
