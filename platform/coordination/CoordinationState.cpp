@@ -45,8 +45,6 @@ std::optional<CoordinationMechanism> readCoordinationMechanism() {
   return std::nullopt;
 }
 
-bool hasAnnouncedCoordinationMechanism() { return ::access(ownFile().c_str(), F_OK) == 0; }
-
 void withdrawCoordinationMechanism() { ::unlink(ownFile().c_str()); }
 
 void announceCoordinationMechanism(CoordinationMechanism mechanism) {

@@ -16,10 +16,8 @@ enum class CoordinationMechanism {
 std::string_view nameOf(CoordinationMechanism mechanism);
 
 /// What the platformd that serves this user last announced, the user's own or the machine's; absent
-/// while it guards nothing yet, or when there is none.
+/// when there is none that guards.
 std::optional<CoordinationMechanism> readCoordinationMechanism();
-/// Whether the platformd of this process has announced one.
-bool hasAnnouncedCoordinationMechanism();
 /// Takes the file away: nobody is coordinated from now on who does not ask, until the next
 /// announcement.
 void withdrawCoordinationMechanism();

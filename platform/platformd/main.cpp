@@ -112,16 +112,9 @@ int work(bool byAccess) {
       byAccess ? qx::kernel::preAccess : qx::kernel::openPermission,
       qx::kernel::GuardList(qx::kernel::openStateDirectory()));
   services.registry->setObserver(coordinator);
-  // Nobody is served before everything is guarded that was before, but by the next worker.
-  const bool isNext = qx::hasAnnouncedCoordinationMechanism();
-  coordinator->start([] { qx::RunLoop::main().stop(); },
-                     [services, byAccess, isNext] {
-                       if (isNext) return;
-                       qx::announceCoordinationMechanism(byAccess ? CoordinationMechanism::access
-                                                                  : CoordinationMechanism::open);
-                       services.resume();
-                     });
-  if (isNext) services.resume();
+  // It says that the service is ready when everything is guarded that was before.
+  coordinator->start([] { qx::RunLoop::main().stop(); });
+  services.resume();
   qx::RunLoop::main().run();
   coordinator->stop();
   return 0;
@@ -129,8 +122,8 @@ int work(bool byAccess) {
 
 int hold(EventHolder::Groups groups) {
   waitForTurnToServe().reset();
-  // Until the first worker has marked what is to be guarded.
-  qx::withdrawCoordinationMechanism();
+  // Not before: the worker of an earlier start takes the announcement back at its end.
+  qx::announceCoordinationMechanism(groups.mechanism());
   std::vector<qx::FileDescriptor> sockets;
   bool boundHere = false;
   for (const auto& name : serviceNames()) {

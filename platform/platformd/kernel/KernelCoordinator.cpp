@@ -87,7 +87,7 @@ void KernelCoordinator::slowly(uid_t user, WorkQueue::Task task) {
   queue->async([self = shared_from_this(), task = std::move(task)] { task(); });
 }
 
-void KernelCoordinator::start(std::function<void()> onStop, std::function<void()> onReady) {
+void KernelCoordinator::start(std::function<void()> onStop) {
   onStop_ = std::move(onStop);
   // What is called back later finds nothing to do once this is gone.
   const auto toQueue = [weak = weak_from_this()](WorkQueue::Task task) {
@@ -132,11 +132,10 @@ void KernelCoordinator::start(std::function<void()> onStop, std::function<void()
   for (const auto& path : trees_.paths()) watch_->add(path);
   Input::begin(shared_from_this(), holder_.descriptor(), &KernelCoordinator::receive);
   Input::begin(shared_from_this(), changeGroup_.descriptor(), &KernelCoordinator::drain);
-  WorkQueue::global().async([self = shared_from_this(), onReady = std::move(onReady)] {
+  WorkQueue::global().async([self = shared_from_this()] {
     const auto scan = self->trees_.guardAll();
     DS_LOG("[INFO] Guarding %d directories with %d placeholders from before.", scan.directories,
            scan.placeholders);
-    if (onReady) onReady();
     self->holder_.send({Message::Kind::ready}, -1, true);
   });
 }

@@ -39,8 +39,8 @@ class KernelCoordinator final : public DocSourceObserver,
 
   /// Takes events, and begins to guard what is on the list; when all of it is guarded the holder is
   /// told that the service is ready. `onStop` is called, on the queue, when the holder asks for the
-  /// end or is gone; `onReady`, on a thread of its own, just before the holder is told.
-  void start(std::function<void()> onStop, std::function<void()> onReady = {});
+  /// end or is gone.
+  void start(std::function<void()> onStop);
 
   /// The last that is to be done: sees to it that nobody reads zeros when the groups close, unless
   /// they stay open elsewhere.
