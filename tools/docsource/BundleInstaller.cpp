@@ -250,7 +250,7 @@ std::optional<std::string> problemOfStarting(const qx::Bundle& bundle) {
   }
   if (::access(program.c_str(), X_OK) != 0)
     return "Its program " + program + " cannot be executed.";
-  std::ifstream file(program, std::ios::binary);
+  std::ifstream file(program, std::ifstream::binary);
   std::string line;
   if (!std::getline(file, line) || !line.starts_with("#!")) return std::nullopt;
   // The interpreter of a script (execve(2)).
