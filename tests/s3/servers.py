@@ -7,15 +7,12 @@ KIND is moto or s3rver. `./dev` installs both into build/servers; what is there 
 well. They have one bucket, "docs". Prints its address when the server answers, or "missing WHAT" when
 it is not installed, and ends it when standard input ends.
 """
-import ctypes, os, shutil, signal, socket, subprocess, sys, time, urllib.request
+import os, shutil, sys, urllib.request
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../support"))
+from serverprocess import free_port, serve
 
 INSTALLED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../build/servers")
-
-
-def free_port():
-    with socket.socket() as trial:
-        trial.bind(("127.0.0.1", 0))
-        return trial.getsockname()[1]
 
 
 def command(kind, top, port):
@@ -32,43 +29,19 @@ def command(kind, top, port):
     return [found] + arguments if found else None
 
 
-def die_with_parent():
-    ctypes.CDLL(None).prctl(1, signal.SIGTERM)
-
-
-def answers(port):
-    try:
-        socket.create_connection(("127.0.0.1", port), 1).close()
-        return True
-    except OSError:
-        return False
-
-
 def main():
     kind, top = sys.argv[1], os.path.abspath(sys.argv[2])
     os.makedirs(top, exist_ok=True)
     port = free_port()
-    words = command(kind, top, port)
-    if words is None:
-        print("missing", kind, flush=True)
-        return
-    output = open(top + "/output", "ab")
+    address = f"http://127.0.0.1:{port}"
+
+    def make_bucket():
+        if kind == "moto":
+            urllib.request.urlopen(urllib.request.Request(address + "/docs", method="PUT")).read()
+
     # s3rver makes its continuation tokens with DES, which OpenSSL 3 has among what is old.
-    environment = {**os.environ, "NODE_OPTIONS": "--openssl-legacy-provider"}
-    server = subprocess.Popen(words, env=environment, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
-                              preexec_fn=die_with_parent)
-    while not answers(port):
-        if server.poll() is not None:
-            print("failed", kind, open(top + "/output").read().replace("\n", " "), flush=True)
-            return
-        time.sleep(0.01)
-    if kind == "moto":
-        request = urllib.request.Request(f"http://127.0.0.1:{port}/docs", method="PUT")
-        urllib.request.urlopen(request).read()
-    print(f"http://127.0.0.1:{port}", flush=True)
-    sys.stdin.read()
-    server.terminate()
-    server.wait()
+    serve(kind, top, port, command(kind, top, port), {"NODE_OPTIONS": "--openssl-legacy-provider"}, address,
+          make_bucket)
 
 
 main()

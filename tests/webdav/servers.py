@@ -9,7 +9,10 @@ issued itself, in "certificate". Everything lies in DIRECTORY: what is served in
 URL when the server answers, or "missing WHAT" when it is not installed, and ends it when standard
 input ends.
 """
-import ctypes, os, shutil, signal, socket, subprocess, sys, time
+import os, shutil, subprocess, sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../support"))
+from serverprocess import free_port, serve
 
 SABRE = r"""<?php
 set_include_path('/usr/share/php');
@@ -92,12 +95,6 @@ webdav.sqlite-db-name = "{top}/properties"
 """
 
 
-def free_port():
-    with socket.socket() as trial:
-        trial.bind(("127.0.0.1", 0))
-        return trial.getsockname()[1]
-
-
 def write(path, text):
     with open(path, "w") as file:
         file.write(text)
@@ -160,42 +157,13 @@ def command(kind, top, port):
     return [program] + arguments, environment
 
 
-def die_with_parent():
-    ctypes.CDLL(None).prctl(1, signal.SIGTERM)
-
-
-def answers(port):
-    try:
-        socket.create_connection(("127.0.0.1", port), 1).close()
-        return True
-    except OSError:
-        return False
-
-
 def main():
     kind, top = sys.argv[1], os.path.abspath(sys.argv[2])
     os.makedirs(top, exist_ok=True)
-    port = free_port()
-    if len(sys.argv) > 3:
-        port = int(sys.argv[3])
-    what = command(kind, top, port)
-    if what is None:
-        print("missing", kind, flush=True)
-        return
-    words, environment = what
-    output = open(top + "/output", "ab")
-    server = subprocess.Popen(words, env={**os.environ, **environment}, stdin=subprocess.DEVNULL,
-                              stdout=output, stderr=output, preexec_fn=die_with_parent)
-    while not answers(port):
-        if server.poll() is not None:
-            print("failed", kind, open(top + "/output").read().replace("\n", " "), flush=True)
-            return
-        time.sleep(0.01)
+    port = int(sys.argv[3]) if len(sys.argv) > 3 else free_port()
+    words, environment = command(kind, top, port) or (None, {})
     scheme = "https" if kind == "tls" else "http"
-    print(f"{scheme}://127.0.0.1:{port}/", flush=True)
-    sys.stdin.read()
-    server.terminate()
-    server.wait()
+    serve(kind, top, port, words, environment, f"{scheme}://127.0.0.1:{port}/")
 
 
 main()
