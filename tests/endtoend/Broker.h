@@ -7,11 +7,19 @@
 #include <optional>
 #include <string>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Daemons.h"
 #include "tests/support/Installation.h"
 #include "tests/support/Operations.h"
 
 namespace qx::test {
+
+/// Whether bubblewrap is there and can make what it needs.
+inline bool canSandbox() {
+  ChildProcess probe({"bwrap", "--unshare-user", "--disable-userns", "--unshare-pid",
+                      "--unshare-net", "--ro-bind", "/", "/", "--proc", "/proc", "true"});
+  return probe.wait() == 0;
+}
 
 /// An installation, and the daemon that serves it once it is started.
 class Broker : public testing::Test {

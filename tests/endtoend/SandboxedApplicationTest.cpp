@@ -30,13 +30,6 @@ const char* const app = "com.example.sandboxed";
 const char* const other = "com.example.other";
 const char* const p = "com.example.p";
 
-/// Whether bubblewrap is there and can make what it needs.
-bool canSandbox() {
-  ChildProcess probe({"bwrap", "--unshare-user", "--disable-userns", "--unshare-pid",
-                      "--unshare-net", "--ro-bind", "/", "/", "--proc", "/proc", "true"});
-  return probe.wait() == 0;
-}
-
 std::string content(const std::string& path) {
   auto text = FileManager::readFile(path);
   return text ? *text : "(unreadable)";

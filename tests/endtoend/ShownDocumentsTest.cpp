@@ -24,12 +24,6 @@ namespace fs = std::filesystem;
 const char* const app = "com.example.unknowing";
 const char* const provider = "com.example.provider";
 
-bool canSandbox() {
-  ChildProcess probe({"bwrap", "--unshare-user", "--disable-userns", "--unshare-pid",
-                      "--unshare-net", "--ro-bind", "/", "/", "--proc", "/proc", "true"});
-  return probe.wait() == 0;
-}
-
 std::string inQuotes(const std::string& word) { return "'" + word + "'"; }
 
 class ShownDocuments : public Broker {
