@@ -28,7 +28,8 @@ using kernel::openBeneath;
 using kernel::openDirectoryStrictly;
 
 constexpr const char* nextLink = "next";
-/// The same file once more, on its way to be known.
+/// The same file once more, on its way to be known. Alone, it tells that the link has come to its
+/// place.
 constexpr const char* nextKnown = "next-known";
 constexpr const char* toldMark = "told";
 constexpr int mostAsides = 100;
@@ -79,11 +80,40 @@ FileDescriptor openTree(const FileDescriptor& root, const char* tree,
   return openBeneath(root.get(), std::string(tree) + "/" + directory, O_RDONLY | O_DIRECTORY);
 }
 
+/// Whether the file that was to be linked has lost its name before or after it: linkat(2) finds no
+/// file then, or makes its only name. A look at what has the name now follows.
+bool isReplaced(const std::optional<Error>& unlinkable, const Status& file) {
+  return unlinkable ? unlinkable->code() == ENOENT : file && file->st_nlink < 2;
+}
+
+/// A plain file of the user's that has so many names.
+bool isOwnFile(const Status& status, nlink_t names) {
+  constexpr mode_t special = S_ISUID | S_ISGID | S_ISVTX;
+  return isFile(status) && status->st_uid == geteuid() && status->st_nlink == names &&
+         (status->st_mode & special) == 0;
+}
+
 /// "letter (WORD).txt" of "letter.txt".
 std::string withWord(const std::string& name, const std::string& word) {
   const auto dot = name.rfind('.');
   const auto end = dot == std::string::npos || dot == 0 ? name.size() : dot;
   return name.substr(0, end) + " (" + word + ")" + name.substr(end);
+}
+
+/// Gives a file the name of a document with a word, and a number where others have that.
+std::optional<Error> moveTo(const FileDescriptor& to, const FileDescriptor& from,
+                            const std::string& file, const std::string& name,
+                            const std::string& word) {
+  for (int number = 1; number <= mostAsides; ++number) {
+    const auto numbered = number > 1 ? word + " " + std::to_string(number) : word;
+    if (renameat2(from.get(), file.c_str(), to.get(), withWord(name, numbered).c_str(),
+                  RENAME_NOREPLACE) == 0 ||
+        errno == ENOENT) {
+      return std::nullopt;
+    }
+    if (errno != EEXIST) break;
+  }
+  return posixError(errno, name + " cannot be kept under another name");
 }
 
 }  // namespace
@@ -258,7 +288,7 @@ Result<DocumentView::Folder> DocumentView::makeFolderOf(const std::string& docum
 }
 
 void DocumentView::dropNext() const {
-  for (const char* name : {nextLink, nextKnown}) unlinkat(root_.get(), name, 0);
+  for (const char* name : {nextKnown, nextLink}) unlinkat(root_.get(), name, 0);
 }
 
 /// A link to the file of that name, where nobody else changes it.
@@ -280,28 +310,63 @@ std::optional<Error> DocumentView::record(const Folder& folder) const {
   return std::nullopt;
 }
 
-/// Puts what was prepared into the view.
-std::optional<Error> DocumentView::place(const Folder& folder) const {
+void DocumentView::noteWhatWasCarriedOver() const {
+  const auto carried = statusOf(root_, nextKnown);
+  const auto next = statusOf(root_, nextLink);
+  // The link that is still on its way has not come anywhere.
+  if (!carried || isSame(next, carried)) return;
+  for (const auto& directory : directories()) {
+    for (const auto& document : documentsIn(directory)) {
+      for (const auto& each : {document, siblingOf(document)}) {
+        const auto folder = folderOf(each);
+        if (!isSame(statusOf(folder.outside, folder.name), carried)) continue;
+        if (next && !isSame(next, statusOf(folder.known, folder.name))) (void)keepNext(folder);
+        (void)record(folder);
+        return;
+      }
+    }
+  }
+}
+
+/// Puts what was prepared into the view, in the place of the file that was expected there; whether
+/// it has come there. What the application put there meanwhile is kept.
+Result<bool> DocumentView::place(const Folder& folder, const Status& expected) const {
   if (linkat(root_.get(), nextLink, root_.get(), nextKnown, 0) != 0) {
     return posixError(errno, folder.name);
   }
-  const auto move = [&] {
-    return renameat(root_.get(), nextLink, folder.shown.get(), folder.name.c_str()) == 0;
+  const auto move = [&](unsigned flags) {
+    return renameat2(root_.get(), nextLink, folder.shown.get(), folder.name.c_str(), flags) == 0;
   };
-  if (move()) return std::nullopt;
-  if (errno != EISDIR) return posixError(errno, folder.name);
-  if (auto error = putAside(folder)) return error;
-  return move() ? std::nullopt : std::optional(posixError(errno, folder.name));
+  if (expected && move(RENAME_EXCHANGE)) {
+    if (!isSame(statusOf(root_, nextLink), expected)) {
+      if (auto error = keepNext(folder)) return *error;
+    }
+    return true;
+  }
+  if (move(RENAME_NOREPLACE)) return true;
+  const int reason = errno;
+  dropNext();
+  if (reason == EEXIST) return false;
+  return posixError(reason, folder.name);
 }
 
-std::optional<Error> DocumentView::takeIn(const Folder& folder) const {
-  if (auto error = prepare(folder.outside, folder.name)) return error;
-  if (!isFile(statusOf(root_, nextLink))) {
+/// Brings the document into the view. Where the application is faster, that is left to the look
+/// that follows.
+std::optional<Error> DocumentView::takeIn(const Folder& folder, const Status& expected) const {
+  const auto unlinkable = prepare(folder.outside, folder.name);
+  const auto file = statusOf(root_, nextLink);
+  if (isReplaced(unlinkable, file)) {
+    dropNext();
+    return std::nullopt;
+  }
+  if (unlinkable) return unlinkable;
+  if (!isFile(file)) {
     dropNext();
     return posixError(EINVAL, folder.name + " is no document");
   }
-  if (auto error = place(folder)) return error;
-  return record(folder);
+  const auto isThere = place(folder, expected);
+  if (!isThere) return isThere.error();
+  return *isThere ? record(folder) : std::nullopt;
 }
 
 /// Only a plain file that has no other name: a link to something else would become the document,
@@ -309,9 +374,11 @@ std::optional<Error> DocumentView::takeIn(const Folder& folder) const {
 Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder, bool replaces) const {
   const auto unlinkable = prepare(folder.shown, folder.name);
   const auto file = statusOf(root_, nextLink);
-  constexpr mode_t special = S_ISUID | S_ISGID | S_ISVTX;
-  if (unlinkable || !isFile(file) || file->st_uid != geteuid() || file->st_nlink != 2 ||
-      (file->st_mode & special) != 0) {
+  if (isReplaced(unlinkable, file)) {
+    dropNext();
+    return Outcome::settled;
+  }
+  if (unlinkable || !isOwnFile(file, 2)) {
     dropNext();
     // A file with other names is another document, which nobody loses.
     const bool isOther = isFile(file) && file->st_nlink > 2;
@@ -322,7 +389,7 @@ Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder, bool r
       if (auto error = putAside(folder)) return *error;
     }
     if (!replaces) return Outcome::settled;
-    if (auto error = takeIn(folder)) return *error;
+    if (auto error = takeIn(folder, std::nullopt)) return *error;
     return Outcome::settled;
   }
   if (linkat(root_.get(), nextLink, root_.get(), nextKnown, 0) != 0 ||
@@ -340,32 +407,23 @@ Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder, bool r
 std::optional<Error> DocumentView::putBeside(const Folder& folder) const {
   const auto unlinkable = prepare(folder.shown, folder.name);
   const auto file = statusOf(root_, nextLink);
-  if (!unlinkable && isFile(file) && file->st_nlink == 2) {
-    for (int number = 1; number <= mostAsides; ++number) {
-      auto word = "changed by " + application_;
-      if (number > 1) word.append(" ").append(std::to_string(number));
-      if (renameat2(root_.get(), nextLink, folder.outside.get(),
-                    withWord(folder.name, word).c_str(), RENAME_NOREPLACE) == 0) {
-        return std::nullopt;
-      }
-      if (errno != EEXIST) return posixError(errno, folder.name);
-    }
-  }
-  return putAside(folder);
+  if (isReplaced(unlinkable, file)) return std::nullopt;
+  if (unlinkable || !isOwnFile(file, 2)) return putAside(folder);
+  return moveTo(folder.outside, root_, nextLink, folder.name, "changed by " + application_);
+}
+
+/// What came out of the view where something else was expected is a version of the application's.
+std::optional<Error> DocumentView::keepNext(const Folder& folder) const {
+  const auto file = statusOf(root_, nextLink);
+  if (isFile(file) && file->st_nlink > 1) return std::nullopt;  // another document
+  return isOwnFile(file, 1)
+             ? moveTo(folder.outside, root_, nextLink, folder.name, "changed by " + application_)
+             : moveTo(folder.shown, root_, nextLink, folder.name, "aside");
 }
 
 /// What the application has under a name that it cannot have stays its own, under another.
 std::optional<Error> DocumentView::putAside(const Folder& folder) {
-  for (int number = 1; number <= mostAsides; ++number) {
-    const auto name = withWord(folder.name, "aside " + std::to_string(number));
-    if (renameat2(folder.shown.get(), folder.name.c_str(), folder.shown.get(), name.c_str(),
-                  RENAME_NOREPLACE) == 0 ||
-        errno == ENOENT) {
-      return std::nullopt;
-    }
-    if (errno != EEXIST) break;
-  }
-  return posixError(errno, folder.name + " is in the way in a view");
+  return moveTo(folder.shown, folder.shown, folder.name, folder.name, "aside");
 }
 
 std::optional<Error> DocumentView::show(const std::string& document) {
@@ -373,13 +431,15 @@ std::optional<Error> DocumentView::show(const std::string& document) {
   if (!folder) return folder.error();
   const auto theirs = statusOf(folder->outside, folder->name);
   if (!isFile(theirs)) return fileError(theirs ? EINVAL : ENOENT, URL::fileURL(pathOf(document)));
-  if (!statusOf(folder->known, folder->name)) {
+  for (int attempt = 0; !statusOf(folder->known, folder->name); ++attempt) {
+    if (attempt == mostAsides) return posixError(EBUSY, folder->name);
     // Whatever the application had there before it was granted the document is not a save of it.
     const auto ours = statusOf(folder->shown, folder->name);
-    if (ours && !isSame(ours, theirs)) {
+    const bool isIt = isSame(ours, theirs);
+    if (ours && !isIt) {
       if (auto error = putAside(*folder)) return error;
     }
-    if (auto error = takeIn(*folder)) return error;
+    if (auto error = takeIn(*folder, isIt ? ours : std::nullopt)) return error;
   }
   for (const auto& each : {document, siblingOf(document)}) {
     if (const auto settled = settle(each, Look::late); !settled) return settled.error();
@@ -415,7 +475,7 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
     if (auto error = known ? putBeside(folder) : putAside(folder)) return *error;
   }
   if (theyChanged) {
-    if (auto error = takeIn(folder)) return *error;
+    if (auto error = takeIn(folder, ours)) return *error;
     return Outcome::settled;
   }
   if (weChanged && folder.outside) {
@@ -440,7 +500,7 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
     });
     if (isElsewhere) return Outcome::settled;
   }
-  if (auto error = takeIn(folder)) return *error;
+  if (auto error = takeIn(folder, std::nullopt)) return *error;
   return Outcome::settled;
 }
 

@@ -26,6 +26,7 @@ namespace qx {
 ///     IDENTIFIER/known/   under the same path each document that is shown, as a second hard link:
 ///                         the file that both sides had when they last were the same
 ///     IDENTIFIER/next     a link on its way to its place
+///     IDENTIFIER/next-known   the same, until it is among those that are known
 ///     IDENTIFIER/told     its time: what was written before is known to the providers
 ///
 /// Nothing else is kept. Whose file is newer is told by comparing three inodes: a side that has
@@ -57,6 +58,10 @@ class DocumentView {
   static std::string pathOf(const std::string& document);
   /// The hidden file beside it.
   static std::string siblingOf(const std::string& document);
+
+  /// Notes what was carried over when the process before was killed, so that it is not taken for a
+  /// change of the other side. To be called before anything else is done with the view.
+  void noteWhatWasCarriedOver() const;
 
   /// Whether a name in a directory is a document that is shown, or the hidden sibling of one.
   bool isShown(const std::string& document) const;
@@ -124,10 +129,12 @@ class DocumentView {
   void dropNext() const;
   std::optional<Error> prepare(const FileDescriptor& from, const std::string& name) const;
   std::optional<Error> record(const Folder& folder) const;
-  std::optional<Error> place(const Folder& folder) const;
-  std::optional<Error> takeIn(const Folder& folder) const;
+  Result<bool> place(const Folder& folder, const std::optional<struct stat>& expected) const;
+  std::optional<Error> takeIn(const Folder& folder,
+                              const std::optional<struct stat>& expected) const;
   Result<Outcome> takeOut(const Folder& folder, bool replaces) const;
   std::optional<Error> putBeside(const Folder& folder) const;
+  std::optional<Error> keepNext(const Folder& folder) const;
   static std::optional<Error> putAside(const Folder& folder);
   std::optional<Error> removeEverywhere(const Files& files, const std::function<void()>& end) const;
 

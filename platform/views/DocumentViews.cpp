@@ -93,6 +93,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       for (const auto& application : DocumentView::applications()) {
         const auto view = DocumentView::open(application);
         if (!view) continue;
+        view->noteWhatWasCarriedOver();
         if (const auto time = view->toldUntil()) self->since_[application] = *time;
         for (const auto& directory : view->directories()) self->follow({application, directory});
       }
@@ -179,6 +180,17 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     folders_.erase(folder);
   }
 
+  /// After events were lost: a directory may be another, and a document too.
+  void followAllAnew() {
+    writing_.clear();
+    std::set<FolderName> names;
+    for (const auto& [name, folder] : folders_) names.insert(name);
+    for (const auto& name : names) {
+      unfollow(name);
+      follow(name);
+    }
+  }
+
   void lookAtAll(const FolderName& name) {
     const auto view = DocumentView::open(name.first);
     if (!view) return;
@@ -191,8 +203,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   void takeEvents() {
     for (const auto& event : inotify_.read()) {
       if (event.isOverflow()) {
-        writing_.clear();
-        for (const auto& [name, folder] : folders_) lookAtAll(name);
+        followAllAnew();
         continue;
       }
       // Handling one may change which there are.
