@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <utility>
 
 #include "tests/support/BundleMaker.h"
@@ -93,6 +94,11 @@ Daemon::~Daemon() {
   std::string text;
   for (auto line = report; line != lines.end(); ++line) text += *line + "\n";
   EXPECT_EQ(text, "");
+  if (!testing::Test::HasFailure()) return;
+  constexpr std::size_t mostShown = 200;
+  for (auto at = lines.size() - std::min(lines.size(), mostShown); at < lines.size(); ++at) {
+    std::cerr << lines[at] << "\n";
+  }
 }
 
 void Daemon::readLog(State& state) {
