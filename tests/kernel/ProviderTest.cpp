@@ -91,6 +91,30 @@ TEST_P(ProviderTest, AnyProgramReadsAndEditsItsDocuments) {
   EXPECT_EQ(readAll(origin_ + "/letter"), readAll(document("letter")));
 }
 
+TEST_P(ProviderTest, WhatItHidBeforeAnybodyKeptReadersWaitingIsReadableAfterwards) {
+  EXPECT_EQ(platformd_->end(SIGTERM), 0);
+  std::ofstream(origin_ + "/letter") << contentOf("letter", 5000);
+  storage_ = installation_.installExampleProvider(origin_);
+  start();
+  const auto mode = [&] {
+    struct stat status {};
+    return stat(document("letter").c_str(), &status) == 0 ? int(status.st_mode & 0777) : -1;
+  };
+  ASSERT_TRUE(eventually([&] { return isPlaceholder("letter") && mode() == 0; }));
+  platformd_.emplace("platformd", installation_.root(),
+                     std::map<std::string, std::string>{{"DOCSOURCE_COORDINATION", GetParam()}});
+  ASSERT_TRUE(eventually([&] { return mode() > 0; }));
+  EXPECT_TRUE(isPlaceholder("letter"));
+  // The permissions are the user's to change from then on.
+  EXPECT_TRUE(eventually([&] {
+    std::array<char, 200> mark{};
+    const auto size = getxattr(document("letter").c_str(), "user.docsource.placeholder",
+                               mark.data(), mark.size());
+    return size > 0 && std::string_view(mark.data()).find("mode:") == std::string_view::npos;
+  }));
+  EXPECT_EQ(readAll(document("letter")), readAll(origin_ + "/letter"));
+}
+
 TEST_P(ProviderTest, EvictionsAndReadersGetAlong) {
   provide({{"contested", 300'000}});
   constexpr int rounds = 20;

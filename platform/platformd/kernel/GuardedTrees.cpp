@@ -453,6 +453,7 @@ bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, boo
     accesses_.watchFile(file, openPermission);
   }
   accesses_.stopIgnoring(file, preAccess);
+  if (!isConcealing_) Placeholder::revealHidden(file, status);
   if (isClosed) {
     // Not before: the provider may hold a lease, and openings that are told fail then.
     accesses_.stopIgnoring(file, openPermission);

@@ -132,4 +132,21 @@ void reveal(int file, const struct stat& status) {
   removeAttribute(file, modeAttribute);
 }
 
+void revealHidden(int file, const struct stat& status) {
+  constexpr std::string_view modeWord = " mode:";
+  constexpr int octal = 8;
+  if ((status.st_mode & permissions) != 0) return;
+  auto mark = ownAttribute(file, placeholderAttribute);
+  const auto at = mark ? mark->find(modeWord) : std::string::npos;
+  if (at == std::string::npos) return;
+  const char* digits = mark->data() + at + modeWord.size();
+  unsigned mode = 0;
+  const auto [end, problem] = std::from_chars(digits, mark->data() + mark->size(), mode, octal);
+  if (problem != std::errc() || chmod(procPath(file).c_str(), mode & 0777) != 0) return;
+  // What it says holds for files without permissions: those it has now are the user's to change. A
+  // mark that its provider has taken off meanwhile does not come back.
+  mark->erase(at, static_cast<std::size_t>(end - mark->data()) - at);
+  setxattr(procPath(file).c_str(), placeholderAttribute, mark->data(), mark->size(), XATTR_REPLACE);
+}
+
 }  // namespace qx::kernel::Placeholder

@@ -47,5 +47,9 @@ bool conceal(int file, const struct stat& status);
 /// concealed.
 void reveal(int file, const struct stat& status);
 
+/// Gives a placeholder that its provider made while nobody kept readers waiting the permissions
+/// that its mark names. Only of a file that readers wait for by now.
+void revealHidden(int file, const struct stat& status);
+
 }  // namespace Placeholder
 }  // namespace qx::kernel
