@@ -662,8 +662,8 @@ bool Engine::observeThere(Lock& lock) {
     }
     isToldOfChanges_ = false;
     shallLookThere_ = false;
-    const auto changes =
-        remotely(lock, [&] { return remote_.changes(cursor_.value_or(std::string())); });
+    const auto cursor = cursor_.value_or(std::string());
+    const auto changes = remotely(lock, [&] { return remote_.changes(cursor); });
     if (!changes) {
       shallLookThere_ = true;
       return false;

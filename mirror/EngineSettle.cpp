@@ -285,6 +285,10 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
   auto other = items_->at(side, place);
   if (!other || other->number == item.number) return true;
   settle(lock, other->number);
+  // It may be known by now that the item is another one, or belongs elsewhere.
+  const auto wanting = items_->load(item.number);
+  const auto goal = !wanting ? std::nullopt : side == Side::here ? wanting->there : wanting->here;
+  if (!goal || goal->place != place) return false;
   other = items_->at(side, place);
   if (!other || other->number == item.number) return true;
   if (side == Side::here) return !isBusy(other->number) && setAside(*other);
