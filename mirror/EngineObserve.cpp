@@ -561,8 +561,8 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
   item->tries = 0;
   item->reason.reset();
   item->isConfirmed = false;
-  // What is being uploaded is removed there when it has arrived.
-  if (isNothing(item) && !isBusy(number)) return items_->erase(number);
+  // What is being uploaded is removed there when it has arrived, and what was there is asked for.
+  if (isNothing(item) && !item->agreed && !isBusy(number)) return items_->erase(number);
   items_->save(*item);
 }
 

@@ -194,6 +194,11 @@ Engine::Outcome Engine::settleOnce(Lock& lock, Item item) {
     return Outcome::again;
   }
   if (!item.here && !item.there) {
+    if (item.agreed) {
+      if (const auto outcome = askAgain(lock, item)) return *outcome;
+      const auto now = items_->load(item.number);
+      if (!now || now->here || now->there) return Outcome::again;
+    }
     Database::Transaction transaction(*database_);
     items_->erase(item.number);
     transaction.commit();
