@@ -151,6 +151,7 @@ class Engine {
   Observation& seen(Side side) { return side == Side::here ? here_ : there_; }
   bool stays(ItemNumber directory, const std::string& name, const LocalEntry& entry);
   bool cleanUp(ItemNumber number, int directory, const std::string& name, const LocalEntry& entry);
+  bool finishRemoval(const std::string& name);
   void recoverAside();
   Node nodeHere(Place place, const LocalEntry& entry) const;
   static Node nodeThere(Place place, const RemoteItem& item);
@@ -179,8 +180,11 @@ class Engine {
   std::optional<Outcome> reshapeHere(const Item& item, const Placeholder::Shape& shape, Node& now);
   Announcement announceFor(ItemNumber number, Lock* lock);
   Outcome conflict(const Item& item);
+  Result<RemoteItem> moveThere(Lock& lock, const Item& item, const Place& to);
+  static std::string decisionOn(const LocalEntry& entry);
   bool removeEntry(int directory, const Place& place,
-                   const std::function<bool(const LocalEntry&)>& isIt);
+                   const std::function<bool(const LocalEntry&)>& isIt,
+                   const std::optional<LocalEntry>& decided = {});
   Outcome removeHere(Lock& lock, const Item& noted);
   bool haveParent(Lock& lock, Side side, ItemNumber parent);
   bool haveRoom(Lock& lock, Side side, const Item& item, const Place& place);
@@ -203,6 +207,7 @@ class Engine {
   Outcome upload(Lock& lock, const Item& item);
   Outcome download(Lock& lock, const Item& item);
   Outcome compare(Lock& lock, const Item& item);
+  Outcome recognise(Lock& lock, const Item& item);
   bool isTouchedOnly(const Item& item);
   std::shared_ptr<Transfer> begin(const Item& item, bool isUpload, std::int64_t total);
   void end(const std::shared_ptr<Transfer>& transfer);

@@ -165,6 +165,12 @@ void Engine::put(Side side, Item& item, Node node) {
   const std::string before = old ? old->identity : std::string();
   if (old && old->identity != node.identity && old->kind == Kind::directory)
     watches_.erase(item.number);
+  if (side == Side::there && old && item.agreed && old->place != node.place &&
+      items_->fact(movingFact(item.number)) == textOf(node.place)) {
+    // Moved from here, without an answer.
+    item.agreed->place = node.place;
+    items_->dropFact(movingFact(item.number));
+  }
   old = std::move(node);
   item.due = now() + (rests ? options_.rest.count() : 0);
   item.tries = 0;
@@ -556,6 +562,12 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
     }
   }
   item->movedOut = side == Side::here && movedOut && item->here->isPlaceholder;
+  if (side == Side::here && item->sent && !item->agreed && item->here->place != nowhere) {
+    // Its first version may have arrived there: it is looked for, and removed.
+    item->agreed = item->here;
+    item->agreed->identity.clear();
+    item->agreed->version.clear();
+  }
   nodeOf(*item, side).reset();
   item->due = now() + (side == Side::here ? options_.rest.count() : 0);
   item->tries = 0;
@@ -714,12 +726,31 @@ bool Engine::observeThere(Lock& lock) {
   return hasSeen;
 }
 
+/// What was to be removed when the process ended, and is still what it was, goes; unless somebody
+/// has it open, or it has come back there.
+bool Engine::finishRemoval(const std::string& name) {
+  const auto file = openFile(aside_.get(), name, O_RDONLY);
+  const auto entry = file ? lookAtFile(file.get()) : std::nullopt;
+  if (!entry || (!entry->isPlaceholder && isOpenElsewhere(file.get()))) return false;
+  const auto known = items_->withIdentity(Side::here, entry->identity);
+  if (known.size() != 1 || known.front().there) return false;
+  if (::unlinkat(aside_.get(), name.c_str(), 0) != 0) return false;
+  change(known.front().number, [](Item& gone) {
+    gone.here.reset();
+    gone.agreed.reset();
+  });
+  return true;
+}
+
 /// What was taken aside when the process ended returns to its place, and is decided about anew.
 void Engine::recoverAside() {
   listDirectory(aside_.get(), [&](const std::string& name) {
     const auto entry = lookAt(aside_.get(), name);
     if (entry && entry->names > 1) {  // it is somewhere else as well
       ::unlinkat(aside_.get(), name.c_str(), 0);
+      return true;
+    }
+    if (entry && items_->fact("decided " + name) == decisionOn(*entry) && finishRemoval(name)) {
       return true;
     }
     const auto fact = items_->fact("aside " + name);

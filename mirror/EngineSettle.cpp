@@ -285,6 +285,25 @@ bool Engine::haveParent(Lock& lock, Side side, ItemNumber parent) {
   return has(items_->load(parent));
 }
 
+/// Has the remote move an item, both of whose paths are known. Should the answer be lost, the item
+/// is known to have come to its place from here.
+Result<RemoteItem> Engine::moveThere(Lock& lock, const Item& item, const Place& to) {
+  const auto from = *items_->path(Side::there, item.number);
+  const auto target = joined(*items_->path(Side::there, to.parent), to.name);
+  const std::string fact = movingFact(item.number);
+  {
+    Database::Transaction transaction(*database_);
+    items_->setFact(fact, textOf(to));
+    transaction.commit();
+  }
+  auto moved = remotely(lock, [&] { return remote_.move(from, target, versionOf(*item.there)); });
+  const auto problem = moved ? std::nullopt : std::optional(remoteProblemOf(moved.error()));
+  if (problem == RemoteProblem::changedMeanwhile || problem == RemoteProblem::notFound) {
+    items_->dropFact(fact);
+  }
+  return moved;
+}
+
 /// Nothing else has the place; what has it goes on to where it belongs, or aside.
 bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& place) {
   auto other = items_->at(side, place);
@@ -298,8 +317,7 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
   if (!other || other->number == item.number) return true;
   if (side == Side::here) return !isBusy(other->number) && setAside(*other);
   const auto from = items_->path(Side::there, other->number);
-  const auto parent = items_->path(Side::there, place.parent);
-  if (!from || !parent) return false;
+  if (!from || !items_->path(Side::there, place.parent)) return false;
   // Its removal has not been carried there yet.
   if (!other->here && other->agreed) return false;
   if (!other->here) {
@@ -312,8 +330,7 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
   // Two that exchange their names.
   for (int attempt = 1; attempt < 10; ++attempt) {
     const std::string name = nameBeside(place.name, conflictText(), attempt);
-    const auto moved = remotely(
-        lock, [&] { return remote_.move(*from, joined(*parent, name), versionOf(*other->there)); });
+    const auto moved = moveThere(lock, *other, {place.parent, name});
     if (!moved && remoteProblemOf(moved.error()) == RemoteProblem::changedMeanwhile) continue;
     if (!moved) return false;
     change(other->number, [&](Item& now) {
@@ -324,6 +341,7 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
       if (now.agreed) now.agreed->place = now.there->place;
       now.due = this->now();
     });
+    items_->dropFact(movingFact(other->number));
     return true;
   }
   return false;
@@ -600,7 +618,8 @@ std::optional<Engine::Outcome> Engine::askAgain(Lock& lock, const Item& item) {
     return failed(item, found.error());
   }
   const bool isIt = found &&
-                    (found->identifier == item.agreed->identity || found->identifier.empty()) &&
+                    (found->identifier == item.agreed->identity || found->identifier.empty() ||
+                     item.agreed->identity.empty()) &&
                     (found->kind == RemoteKind::file) == (item.agreed->kind == Kind::file);
   if (!isIt) return std::nullopt;
   const auto other = items_->at(Side::there, agreed);
@@ -617,14 +636,21 @@ std::optional<Engine::Outcome> Engine::askAgain(Lock& lock, const Item& item) {
   return Outcome::again;
 }
 
+std::string Engine::decisionOn(const LocalEntry& entry) {
+  return entry.identity + " " + std::to_string(entry.size) + " " + std::to_string(entry.modified) +
+         (entry.isPlaceholder ? " placeholder" : "");
+}
+
 /// Removes a file after it was taken aside, where nobody reaches it by its name any more, and found
 /// to be what is to go; otherwise it returns.
 bool Engine::removeEntry(int directory, const Place& place,
-                         const std::function<bool(const LocalEntry&)>& isIt) {
+                         const std::function<bool(const LocalEntry&)>& isIt,
+                         const std::optional<LocalEntry>& decided) {
   const std::string aside = std::to_string(place.parent) + "-" + std::to_string(++asides_);
   {
     Database::Transaction transaction(*database_);
-    items_->setFact("aside " + aside, std::to_string(place.parent) + "/" + place.name);
+    items_->setFact("aside " + aside, textOf(place));
+    items_->setFact("decided " + aside, decided ? decisionOn(*decided) : std::string());
     transaction.commit();
   }
   if (!moveEntry(directory, place.name, aside_.get(), aside)) {
@@ -695,16 +721,20 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
     if (!here.isPlaceholder && isOpenElsewhere(file.get())) {
       return waitForOthers(item.number);
     }
-    const bool isRemoved = removeEntry(directory->get(), here.place, [&](const LocalEntry& taken) {
+    const auto isIt = [&](const LocalEntry& taken) {
       return taken.identity == here.identity && taken.isPlaceholder == here.isPlaceholder &&
              taken.size == before->size && taken.modified == before->modified &&
              (here.isPlaceholder || !isOpenElsewhere(file.get()));
-    });
+    };
+    const bool isRemoved = removeEntry(directory->get(), here.place, isIt, before);
     if (!isRemoved) return waitForOthers(item.number);
   }
   Database::Transaction transaction(*database_);
   watches_.erase(item.number);
-  change(item.number, [](Item& now) { now.here.reset(); });
+  change(item.number, [](Item& now) {
+    now.here.reset();
+    if (!now.there) now.agreed.reset();
+  });
   freeLinks(here.identity);
   transaction.commit();
   return Outcome::again;
@@ -712,6 +742,7 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
 
 Engine::Outcome Engine::goneHere(Lock& lock, const Item& item) {
   const Node& there = *item.there;
+  if (isContentChangedThere(item) && item.sent && !item.movedOut) return recognise(lock, item);
   if (isContentChangedThere(item) || there.place != item.agreed->place || item.movedOut) {
     change(item.number, [](Item& now) {
       now.agreed.reset();
@@ -747,7 +778,10 @@ Engine::Outcome Engine::goneHere(Lock& lock, const Item& item) {
     }
     return failed(item, removed.error());
   }
-  change(item.number, [](Item& now) { now.there.reset(); });
+  change(item.number, [](Item& now) {
+    now.there.reset();
+    if (!now.here) now.agreed.reset();
+  });
   return Outcome::again;
 }
 
@@ -941,11 +975,10 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
     return Outcome::again;
   }
   const Node there = *current->there;
-  const auto from = items_->path(Side::there, item.number);
-  const auto parent = items_->path(Side::there, target.parent);
-  if (!from || !parent) return waitFor(item.number, firstRetry);
-  const auto moved = remotely(
-      lock, [&] { return remote_.move(*from, joined(*parent, target.name), versionOf(there)); });
+  const bool canBe =
+      items_->path(Side::there, item.number) && items_->path(Side::there, target.parent);
+  if (!canBe) return waitFor(item.number, firstRetry);
+  const auto moved = moveThere(lock, *current, target);
   if (!moved) {
     lookAgain(Side::there, there.place);
     lookAgain(Side::there, target);
@@ -959,6 +992,7 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
     now.agreed->place = target;
     if (isFile && wasAgreed) now.agreed->version = now.there->version;
   });
+  items_->dropFact(movingFact(item.number));
   return Outcome::again;
 }
 

@@ -329,6 +329,38 @@ Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
   });
 }
 
+/// Finds out whether what is there of a document that is gone here is a version that was sent from
+/// here, without an answer; if so, both had agreed on it.
+Engine::Outcome Engine::recognise(Lock& lock, const Item& item) {
+  if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
+  if (isClosed_ || busy_.size() >= options_.transfers) return Outcome::later;
+  const Node there = *item.there;
+  const auto path = items_->path(Side::there, item.number);
+  if (!path) return waitFor(item.number, 1);
+  auto transfer = begin(item, false, there.size);
+  return run(lock, [this, transfer, item, there, path] {
+    Lock inner(mutex_);
+    const auto found = guarded([&] {
+      return remotely(inner, [&] { return hashThere(*path, there.version, *transfer); });
+    });
+    guarded([&] {
+      if (!found) {
+        lookAgain(Side::there, there.place);
+        failed(item, found.error());
+        return true;
+      }
+      change(item.number, [&](Item& now) {
+        now.due = this->now();
+        if (!now.there || now.there->version != there.version || !now.sent) return;
+        if (now.agreed && now.sent->find(*found) != std::string::npos) agreeOnContent(now, there);
+        now.sent.reset();
+      });
+      return true;
+    });
+    end(transfer);
+  });
+}
+
 Engine::Outcome Engine::download(Lock& lock, const Item& item) {
   if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
   if (isClosed_ || busy_.size() >= options_.transfers) return Outcome::later;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <type_traits>
 
 #include "mirror/Engine.h"
@@ -19,6 +20,13 @@ struct Engine::Transfer {
   std::atomic<std::uint64_t> total = 0;
   std::atomic<bool> isCancelled = false;
 };
+
+/// A place as a fact.
+inline std::string textOf(const Place& place) {
+  return std::to_string(place.parent) + "/" + place.name;
+}
+/// The name of the fact that tells where the remote is moving an item to.
+inline std::string movingFact(ItemNumber number) { return "moving " + std::to_string(number); }
 
 /// What the database could not do becomes an error of whoever asked, and everything is looked at
 /// again.
