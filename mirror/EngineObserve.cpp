@@ -196,6 +196,7 @@ void Engine::freeLinks(const std::string& identity) {
 Item Engine::goneOrNew(Side side, const Node& node) {
   if (node.kind == Kind::link || (side == Side::here && node.isPlaceholder)) return {};
   auto gone = items_->at(side == Side::here ? Side::there : Side::here, node.place);
+  if (!gone) gone = items_->lastAt(node.place);
   const bool isThat = gone && gone->agreed && !nodeOf(*gone, side) && !gone->movedOut &&
                       gone->agreed->kind == node.kind && gone->agreed->place == node.place;
   return isThat ? *std::move(gone) : Item();

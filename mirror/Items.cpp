@@ -32,6 +32,8 @@ constexpr const char* schema =
     "CREATE INDEX IF NOT EXISTS itemDue ON item (due) WHERE due IS NOT NULL;"
     "CREATE INDEX IF NOT EXISTS itemConflict ON item (conflictWith)"
     " WHERE conflictWith IS NOT NULL;"
+    "CREATE INDEX IF NOT EXISTS itemNowhere ON item (agreedParent, agreedName)"
+    " WHERE hereKind IS NULL AND thereKind IS NULL;"
     // What waits for a removal, counted at every removal.
     "CREATE INDEX IF NOT EXISTS itemRemoved ON item (confirmed)"
     " WHERE agreedKind IS NOT NULL AND (hereKind IS NULL OR thereKind IS NULL);"
@@ -156,6 +158,14 @@ void Items::erase(ItemNumber number) {
 std::optional<Item> Items::at(Side side, const Place& place) {
   auto row = database_.prepare("SELECT * FROM item WHERE " + column(side, "Parent") + "=? AND " +
                                column(side, "Name") + "=?");
+  row.bind(place.parent).bind(place.name);
+  return row.step() ? std::optional(read(row)) : std::nullopt;
+}
+
+std::optional<Item> Items::lastAt(const Place& place) {
+  auto row = database_.prepare(
+      "SELECT * FROM item WHERE hereKind IS NULL AND thereKind IS NULL AND agreedParent=? AND"
+      " agreedName=?");
   row.bind(place.parent).bind(place.name);
   return row.step() ? std::optional(read(row)) : std::nullopt;
 }

@@ -104,6 +104,8 @@ class Items {
   void writeSettled();
 
   std::optional<Item> at(Side side, const Place& place);
+  /// What is on neither side, and was agreed to be there.
+  std::optional<Item> lastAt(const Place& place);
   /// Items of that identity; several only while files are being exchanged.
   std::vector<Item> withIdentity(Side side, const std::string& identity);
   /// Numbers of the items in a directory, at most `most` with a number greater than `after`, in
