@@ -158,6 +158,13 @@ show 'cat ~/elsewhere/letter.txt'
 show 'docsource sync letters'
 show 'docsource doctor'
 
+headline 'Programs in Python ask too'
+install "/root/$(cd "$packages" && ls -- python3-docsource_*.deb)" >"$packages/python.log" || fail "$(<"$packages/python.log")"
+evict letter.txt
+show "python3 -c 'import docsource, os
+print(docsource.Client().open(os.path.expanduser(\"~/DocSource/letters/letter.txt\")).read().decode(), end=\"\")'"
+check 'Python got the document' test "$(tail -n 1 <<<"$output")" = 'I was edited.'
+
 headline 'The packages are upgraded while documents are read'
 install --reinstall "${ours[@]}" >"$packages/upgrade.log" 2>&1 &
 upgrade_id=$!
