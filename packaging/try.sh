@@ -105,7 +105,7 @@ unshare --mount --pid --fork true 2>/dev/null || skip 'no namespaces can be made
 
 headline 'A fresh Debian'
 if [[ ! -e $base ]]; then
-  mmdebstrap --quiet --variant=apt \
+  mmdebstrap --quiet --variant=apt --format=tar \
     --include=systemd-sysv,libpam-systemd,dbus,dbus-user-session,bash,procps bookworm "$base.new" ||
     skip 'no Debian could be made: is a mirror reachable?'
   mv "$base.new" "$base"

@@ -110,7 +110,7 @@ class Service {
     auto made = QXConduitConnection::connectToService(name_);
     if (!made) {
       return Error(LibraryError::serviceUnavailable, "The service " + name_ + " cannot be reached.",
-                   {}, bridge::fromPlatform(made.error()));
+                   {}, Error::posix(static_cast<int>(made.error().code()), "Its socket"));
     }
     connection_ = std::move(*made);
     connection_->setRemoteObjectInterface(interface_);

@@ -158,6 +158,11 @@ int add(const Arguments& arguments, const std::string& kind, const qx::Dictionar
                         {"documents", link},
                         {"storage", added.storage}};
   if (!notes->empty()) object["note"] = *notes;
+  // Under a service manager this starts the broker where it does not run.
+  if (auto awake = docsource::Client(arguments.timeout).wakeUp(); !awake) {
+    std::fprintf(stderr, "Note: the documents appear when docsourced runs. %s\n",
+                 onOneLine(awake.error().description()).c_str());
+  }
   return answer(arguments.json, object,
                 "added " + onOneLine(name) + "; its documents appear at " + onOneLine(link) + "\n" +
                     (notes->empty() ? "" : onOneLine(*notes) + "\n"));

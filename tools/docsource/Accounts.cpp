@@ -66,6 +66,26 @@ std::string familiarPath(const Account& account, const std::string& path) {
   return leadsThere ? link + path.substr(storage.size()) : path;
 }
 
+std::string inFamiliarWords(std::string sentence, const std::vector<Account>& accounts) {
+  constexpr std::string_view opening = "\"file://";
+  for (auto at = sentence.find(opening); at != std::string::npos;
+       at = sentence.find(opening, at + 1)) {
+    const auto length = std::min(sentence.find('"', at + 1), sentence.size()) - at - 1;
+    sentence.replace(at + 1, length, readable(sentence.substr(at + 1, length)));
+  }
+  for (const auto& account : accounts) {
+    std::error_code failed;
+    const auto storage = fs::canonical(account.storage, failed).string();
+    const auto known = failed ? storage : familiarPath(account, storage);
+    if (known == storage) continue;
+    for (auto at = sentence.find(storage); at != std::string::npos;
+         at = sentence.find(storage, at + known.size())) {
+      sentence.replace(at, storage.size(), known);
+    }
+  }
+  return sentence;
+}
+
 docsource::Result<Place> placeOf(const std::string& argument) {
   const auto url = urlFromArgument(argument);
   const auto given = docsource::pathOfURL(url);

@@ -30,6 +30,10 @@ docsource::Result<Account> accountCalled(const std::string& name);
 std::string linkFor(const std::string& name);
 /// The path of an account's item as a person knows it: through that link, where it leads there.
 std::string familiarPath(const Account& account, const std::string& path);
+/// A sentence with paths in place of file URLs in quotation marks, and with the items of accounts
+/// as a person knows them.
+std::string inFamiliarWords(std::string sentence,
+                            const std::vector<Account>& accounts = installedAccounts());
 
 /// What a person means by a path.
 struct Place {

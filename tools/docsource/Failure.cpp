@@ -6,6 +6,7 @@
 
 #include "platform/files/Places.h"
 #include "sdk/src/Bridge.h"
+#include "tools/docsource/Accounts.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Output.h"
 
@@ -53,7 +54,7 @@ void printFailure(bool json, const qx::Error& error, const std::string& sentence
     if (!next.empty()) object.emplace("next", next);
     std::fprintf(stderr, "%s\n", toJSON(qx::Dictionary{{"error", std::move(object)}}).c_str());
   } else {
-    std::fprintf(stderr, "%s\n", onOneLine(sentence).c_str());
+    std::fprintf(stderr, "%s\n", onOneLine(inFamiliarWords(sentence)).c_str());
     if (!next.empty()) std::fprintf(stderr, "%s.\n", onOneLine(next).c_str());
   }
 }

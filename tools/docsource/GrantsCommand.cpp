@@ -8,6 +8,7 @@
 #include "platform/base/Errors.h"
 #include "platform/files/Places.h"
 #include "platform/plist/PropertyList.h"
+#include "tools/docsource/Accounts.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Location.h"
 #include "tools/docsource/Output.h"
@@ -52,6 +53,7 @@ int printGrants(const Arguments& arguments, const Grants& grants) {
   const bool hasPaths = std::any_of(grants.begin(), grants.end(),
                                     [](const Grant& grant) { return grant.url.has_value(); });
   if (hasPaths) headings.emplace_back("DOCUMENT");
+  const auto accounts = installedAccounts();
   for (const auto& grant : grants) {
     qx::Dictionary object{{"providerIdentifier", grant.provider},
                           {"consumerIdentifier", grant.consumer},
@@ -59,7 +61,9 @@ int printGrants(const Arguments& arguments, const Grants& grants) {
     if (grant.url) object.emplace("url", *grant.url);
     array.emplace_back(std::move(object));
     rows.push_back({grant.provider, grant.consumer, grant.item});
-    if (hasPaths) rows.back().push_back(grant.url ? readable(*grant.url) : "");
+    if (hasPaths) {
+      rows.back().push_back(grant.url ? inFamiliarWords(readable(*grant.url), accounts) : "");
+    }
   }
   return answer(arguments.json, {{"grants", std::move(array)}}, table(headings, rows));
 }

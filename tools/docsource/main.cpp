@@ -6,10 +6,12 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <numeric>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "extensions/account/Settings.h"
@@ -31,24 +33,8 @@ struct Command {
   const char* description;
 };
 
+/// In the order in which people meet them, which is that of --help.
 constexpr Command commands[] = {
-    {"wake-up", nullptr, false, false, wakeUp, "Wait until the broker serves calls"},
-    {"providers", nullptr, false, false, providers,
-     "List the providers and their documents' place"},
-    {"placeholder", "URL", true, true, placeholder, "Have a placeholder of the document made"},
-    {"start", "URL", true, true, start, "Have the document's content brought in"},
-    {"stop", "URL", true, true, stop, "Tell that the consumer needs the document no longer"},
-    {"extend-sandbox", "URL", true, true, extendSandbox,
-     "Grant the document to the consumer and print the tokens for it"},
-    {"extend-bookmark", "URL", false, true, extendBookmark,
-     "Grant the document to the consumer and print a bookmarkable string for it"},
-    {"bookmark", "URL", false, false, bookmark, "Print a bookmarkable string for the document"},
-    {"resolve", "STRING", false, false, resolve,
-     "Print the document of a bookmarkable string and the tokens for it"},
-    {"consume", "TOKEN", false, false, consume,
-     "Redeem a token and copy its document to standard output"},
-    {"read", "URL", false, false, read,
-     "Have the document's content brought in and copy it to standard output"},
     {"add folder", "NAME DIRECTORY", false, false, addFolder,
      "Add an account for the documents of a directory, which then appear at ~/DocSource/NAME"},
     {"add webdav", "NAME URL", false, false, addWebDAV,
@@ -59,28 +45,45 @@ constexpr Command commands[] = {
      "List the accounts, how they are, and what waits to be uploaded"},
     {"remove", "NAME", false, false, removeAccount, "Remove an account and its documents here"},
     {"sync", "[NAME]", false, false, sync, "Look for changes now, and wait until both sides agree"},
+    {"conflicts", nullptr, false, false, conflicts,
+     "List documents that were changed on both sides, or settle one of them"},
     {"status", "PATH...", false, false, status,
      "Tell of documents whether their content is here, and what they occupy"},
     {"get", "PATH...", false, false, get, "Have the content of documents brought in"},
     {"evict", "PATH...", false, false, evict, "Have the space of documents given back"},
     {"pin", "PATH...", false, false, pin, "Keep the content of documents here from now on"},
     {"unpin", "PATH...", false, false, unpin, "Keep it no longer"},
+    {"read", "URL", false, false, read,
+     "Have the document's content brought in and copy it to standard output"},
     {"transfers", nullptr, false, false, transfers, "List what is under way, in both directions"},
     {"cancel", "PATH", false, false, cancel, "Give the transfer of a document up"},
-    {"conflicts", nullptr, false, false, conflicts,
-     "List documents that were changed on both sides, or settle one of them"},
+    {"doctor", nullptr, false, false, doctor,
+     "Look at everything that can be wrong, and say what to do about it"},
     {"grants", nullptr, false, false, grants, "List the grants"},
     {"revoke", "ITEM-OR-PATH", true, true, revoke, "Take a grant back"},
+    {"extend-bookmark", "URL", false, true, extendBookmark,
+     "Grant the document to the consumer and print a bookmarkable string for it"},
+    {"extend-sandbox", "URL", true, true, extendSandbox,
+     "Grant the document to the consumer and print the tokens for it"},
+    {"bookmark", "URL", false, false, bookmark, "Print a bookmarkable string for the document"},
+    {"resolve", "STRING", false, false, resolve,
+     "Print the document of a bookmarkable string and the tokens for it"},
+    {"consume", "TOKEN", false, false, consume,
+     "Redeem a token and copy its document to standard output"},
+    {"run", "IDENTIFIER", false, false, run,
+     "Run an installed application in a sandbox; its arguments stand behind --"},
     {"install", "BUNDLE", false, false, install, "Install an application or a provider extension"},
     {"uninstall", "IDENTIFIER", false, false, uninstall, "Remove the bundles of that identifier"},
     {"bundles", nullptr, false, false, bundles, "List the installed bundles"},
+    {"providers", nullptr, false, false, providers,
+     "List the providers and their documents' place"},
+    {"placeholder", "URL", true, true, placeholder, "Have a placeholder of the document made"},
+    {"start", "URL", true, true, start, "Have the document's content brought in"},
+    {"stop", "URL", true, true, stop, "Tell that the consumer needs the document no longer"},
+    {"wake-up", nullptr, false, false, wakeUp, "Wait until the broker serves calls"},
     {"device status", nullptr, false, false, deviceStatus, "Tell whether the device is locked"},
     {"device lock", nullptr, false, false, deviceLock, "Lock it"},
     {"device unlock", nullptr, false, false, deviceUnlock, "Unlock it"},
-    {"doctor", nullptr, false, false, doctor,
-     "Look at everything that can be wrong, and say what to do about it"},
-    {"run", "IDENTIFIER", false, false, run,
-     "Run an installed application in a sandbox; its arguments stand behind --"},
 };
 
 /// Within what fits the clocks; an operation that takes longer than a year has been forgotten.
@@ -271,6 +274,31 @@ std::optional<std::string> unknownCommand(const CLI::App& app, const CLI::ParseE
   return rest.front();
 }
 
+/// How many letters differ, are missing or are too many, at most.
+std::size_t distance(std::string_view one, std::string_view other) {
+  std::vector<std::size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), 0);
+  for (std::size_t i = 0; i < one.size(); ++i) {
+    auto diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < other.size(); ++j) {
+      const auto replaced = diagonal + (one[i] == other[j] ? 0 : 1);
+      diagonal = std::exchange(row[j + 1], std::min({replaced, row[j] + 1, row[j + 1] + 1}));
+    }
+  }
+  return row.back();
+}
+
+/// What is probably meant by a word that is no command; empty where nothing is.
+std::string likelyCommand(std::string_view word) {
+  std::string_view best;
+  for (const auto& command : commands) {
+    const std::string_view whole = command.name;
+    const auto name = whole.substr(0, whole.find(' '));
+    if (best.empty() || distance(word, name) < distance(word, best)) best = name;
+  }
+  return distance(word, best) <= 2 && word.size() > 2 ? std::string(best) : std::string();
+}
+
 /// Cuts off what is for the program that is to be run, so that it reaches that program as it is.
 int cutArguments(int argc, const char* const* argv, Arguments& arguments) {
   const auto* const end = argv + argc;
@@ -283,6 +311,13 @@ int cutArguments(int argc, const char* const* argv, Arguments& arguments) {
 int interpret(int argc, const char* const* argv) {
   if (argc > 1 && argv[1] == std::string_view("--complete")) {
     return complete({argv + 2, argv + argc});
+  }
+  // "help COMMAND" is "COMMAND --help".
+  std::vector<const char*> words(argv, argv + argc);
+  if (argc > 1 && argv[1] == std::string_view("help")) {
+    words.erase(words.begin() + 1);
+    words.push_back("--help");
+    argv = words.data();
   }
   Arguments arguments;
   argc = cutArguments(argc, argv, arguments);
@@ -297,12 +332,18 @@ int interpret(int argc, const char* const* argv) {
       "error or not in time; 2 for a wrong command line; 3 when the service cannot be reached. "
       "That of a program that is run is passed on.");
   for (const auto& command : commands) add(app, command, arguments, chosen);
+  if (argc == 1) {
+    std::fputs(app.help().c_str(), stderr);
+    return wrongUsage;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     const bool json = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
     if (const auto unknown = unknownCommand(app, error)) {
-      return refuseUsage(json, "There is no command \"" + onOneLine(*unknown) + "\".");
+      const auto likely = likelyCommand(*unknown);
+      return refuseUsage(json, "There is no command \"" + onOneLine(*unknown) + "\"" +
+                                   (likely.empty() ? "." : "; is it \"" + likely + "\"?"));
     }
     if (json && error.get_exit_code() != 0) return refuseUsage(json, error.what());
     return app.exit(error) == 0 ? success : wrongUsage;
