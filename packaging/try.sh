@@ -124,7 +124,7 @@ as_root useradd --create-home --shell /bin/bash alice
 as_root loginctl enable-linger alice
 as_user 'mkdir elsewhere && echo "Dear diary, today I was installed." >elsewhere/letter.txt &&
   head -c 3000000 /dev/urandom >elsewhere/picture.jpg && mkdir elsewhere/notes &&
-  for i in {1..60}; do yes "note $i" | head -n 3000 >elsewhere/notes/$i.txt; done'
+  for i in {1..60}; do seq -f "note $i, %g" 3000 >elsewhere/notes/$i.txt; done'
 
 headline 'The packages are installed'
 install() {

@@ -133,7 +133,7 @@ TEST_P(Accounts, DocumentsAreReadEditedAndCarriedBack) {
   EXPECT_EQ(state("images/cat.jpg"), "placeholder");
   ask("docsource pin '" + here("images") + "'");
   EXPECT_TRUE(eventually([&] { return state("images/cat.jpg") == "present"; }));
-  refuses("docsource evict '" + here("images") + "'", "pin");
+  refuses("docsource evict '" + here("images") + "'", here("images"));
   ask("docsource unpin '" + here("images") + "' && docsource evict '" + here("images") + "'");
   EXPECT_NE(ask("docsource status -r '" + here("") + "'").find("cat.jpg"), std::string::npos);
   EXPECT_EQ(ask("docsource transfers --json"), "{\"transfers\": []}\n");

@@ -135,7 +135,10 @@ TEST_F(CommandLine, RefusesWhatIsNoCommand) {
   }
   EXPECT_EQ(run({"device", "explode"}).errors.find("There is no command \"explode\"."), 0U);
   EXPECT_NE(ask({"--help"}).find("extend-sandbox"), std::string::npos);
-  EXPECT_NE(ask({"read", "--help"}).find("--timeout SECONDS"), std::string::npos);
+  EXPECT_EQ(run({"acounts"}).errors.find("There is no command \"acounts\"; is it \"accounts\"?"),
+            0U);
+  EXPECT_EQ(ask({"help", "read"}), ask({"read", "--help"}));
+  EXPECT_NE(ask({"help", "read"}).find("--timeout SECONDS"), std::string::npos);
   EXPECT_EQ(ask({"--version"}).find("docsource "), 0U);
   EXPECT_EQ(ask({"--complete", "start", "--consumer", ""}).find(toolIdentifier), 0U);
   EXPECT_EQ(ask({"--complete", "--json", "device", "un"}),
