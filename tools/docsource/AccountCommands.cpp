@@ -326,11 +326,15 @@ int accounts(const Arguments& arguments) {
     object["storage"] = each.storage;
     array.emplace_back(std::move(object));
   }
-  return answer(
-      arguments.json, {{"accounts", std::move(array)}},
-      table({"ACCOUNT", "KIND", "STATE", "ITEMS", "TO UPLOAD", "FAILED", "DOCUMENTS", "SOURCE"},
-            rows) +
-          notes);
+  if (rows.empty()) {
+    notes = "There is no account yet; docsource add --help says how one is added.\n";
+  }
+  return answer(arguments.json, {{"accounts", std::move(array)}},
+                rows.empty() ? notes
+                             : table({"ACCOUNT", "KIND", "STATE", "ITEMS", "TO UPLOAD", "FAILED",
+                                      "DOCUMENTS", "SOURCE"},
+                                     rows) +
+                                   notes);
 }
 
 int removeAccount(const Arguments& arguments) {

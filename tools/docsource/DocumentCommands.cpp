@@ -34,7 +34,9 @@ ssize_t readPiece(int file, std::span<std::uint8_t> buffer) {
   return static_cast<ssize_t>(size);
 }
 
-int copy(const Arguments& arguments, const docsource::Result<docsource::Descriptor>& document) {
+/// `name` is what a person calls the document.
+int copy(const Arguments& arguments, const docsource::Result<docsource::Descriptor>& document,
+         const std::string& name) {
   if (!document) return fail(arguments, document.error());
   std::vector<std::uint8_t> buffer(pieceSize);
   bool printed = !arguments.json || print(R"({"content": ")");
@@ -42,7 +44,7 @@ int copy(const Arguments& arguments, const docsource::Result<docsource::Descript
   while (printed) {
     const ssize_t count = readPiece(document->get(), buffer);
     if (count < 0) {
-      return fail(arguments, docsource::Error::posix(errno, "The document cannot be read"));
+      return fail(arguments, docsource::Error::posix(errno, name + " cannot be read"));
     }
     if (count == 0) break;
     size += count;
@@ -59,13 +61,15 @@ int copy(const Arguments& arguments, const docsource::Result<docsource::Descript
 }  // namespace
 
 int consume(const Arguments& arguments) {
-  return copy(arguments, docsource::Client(arguments.timeout).redeem(arguments.subject));
+  return copy(arguments, docsource::Client(arguments.timeout).redeem(arguments.subject),
+              "The document");
 }
 
 int read(const Arguments& arguments) {
   return copy(
       arguments,
-      docsource::Client(arguments.timeout).openForReading(urlFromArgument(arguments.subject)));
+      docsource::Client(arguments.timeout).openForReading(urlFromArgument(arguments.subject)),
+      arguments.subject);
 }
 
 }  // namespace tool

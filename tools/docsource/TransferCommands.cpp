@@ -118,8 +118,10 @@ int transfers(const Arguments& arguments) {
                         sizeText(static_cast<std::uint64_t>(done)),
                         sizeText(static_cast<std::uint64_t>(total)), familiarPath(account, path)});
       });
-  const int printed = answer(arguments.json, {{"transfers", std::move(array)}},
-                             table({"DIRECTION", "DONE", "BYTES", "OF", "DOCUMENT"}, rows));
+  const int printed =
+      answer(arguments.json, {{"transfers", std::move(array)}},
+             rows.empty() ? "Nothing is under way.\n"
+                          : table({"DIRECTION", "DONE", "BYTES", "OF", "DOCUMENT"}, rows));
   return outcome == success ? printed : outcome;
 }
 
