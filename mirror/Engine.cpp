@@ -311,6 +311,19 @@ Result<void> Engine::provide(const std::string& path) {
   });
 }
 
+void Engine::hurry(const std::string& path, std::uint64_t offset, std::uint64_t size) {
+  std::shared_ptr<Transfer> transfer;
+  {
+    Lock lock(mutex_);
+    transfer = guarded([&]() -> std::shared_ptr<Transfer> {
+      const auto found = find(lock, path);
+      const auto busy = found ? busy_.find(found->number) : busy_.end();
+      return busy == busy_.end() ? nullptr : busy->second;
+    });
+  }
+  if (transfer && !transfer->isUpload) transfer->arrival.want({offset, offset + size});
+}
+
 Result<void> Engine::evict(const std::string& path) {
   Lock lock(mutex_);
   return guarded([&]() -> Result<void> {
@@ -330,14 +343,16 @@ Result<void> Engine::evict(const std::string& path) {
       }
       return first ? Result<void>(*first) : Result<void>();
     }
-    if (item.here->isPlaceholder) return {};
+    const bool hasParts =
+        item.here->isPlaceholder && items_->fact(partsFact + item.here->identity).has_value();
+    if (item.here->isPlaceholder && !hasParts) return {};
     const auto busy = [&](const char* why) {
       return Error::posix(EBUSY, "The content of " + path + " is kept: " + why);
     };
     if (item.here->kind == Kind::link) return busy("it is a second name of a document");
     if (isPinned(item)) return busy("it is pinned");
     if (isBusy(item.number)) return busy("it is being transferred");
-    if (!item.agreed || !item.there || item.here->version != item.agreedHere) {
+    if (!item.agreed || !item.there || (!hasParts && item.here->version != item.agreedHere)) {
       return busy("it has not been uploaded yet");
     }
     auto shape = shapeOf(*item.agreed);
@@ -347,6 +362,7 @@ Result<void> Engine::evict(const std::string& path) {
       wake_();
       return busy("a program has it open, or has changed it");
     }
+    items_->forgetFact(partsFact + item.here->identity);
     change(item.number, [&](Item& evicted) {
       if (!evicted.here) return;
       now.place = evicted.here->place;

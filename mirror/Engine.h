@@ -53,7 +53,12 @@ namespace docsource::mirror {
 ///    inode is gone is that document (so editors save); a file whose inode is known goes on under
 ///    its new name; a placeholder always is the item that it was made for. Attributes of files
 ///    decide nothing but whether there is content.
-/// 7. Of two contents that know nothing of each other both are kept, the remote's under the name.
+/// 7. Programs may read parts of a document before all of it is here. What is in one inode
+/// descends
+///    from one version, which is noted by the inode before any part is published: the next attempt
+///    goes on with the parts of that version, and for any other one the document gets another
+///    inode.
+/// 8. Of two contents that know nothing of each other both are kept, the remote's under the name.
 ///
 /// Order of steps: content before the note of it here (a crash leaves content that is compared), a
 /// remote's answer before its note (a crash leaves two equal contents, which are compared).
@@ -89,6 +94,7 @@ class Engine {
 
   // As in Mirror.h.
   Result<void> provide(const std::string& path);
+  void hurry(const std::string& path, std::uint64_t offset, std::uint64_t size);
   Result<void> evict(const std::string& path);
   Result<void> pin(const std::string& path, bool isPinned);
   Result<MirrorStatus> status(const std::string& path);
@@ -214,6 +220,8 @@ class Engine {
   Outcome run(Lock& lock, std::function<void()> work);
   Result<void> fill(const std::shared_ptr<Transfer>& transfer);
   Result<void> fillOnce(const std::shared_ptr<Transfer>& transfer, const Item& item);
+  Result<std::string> fetch(PlaceholderWriter& writer, Transfer& transfer, const Item& item,
+                            const std::string& path);
   Result<std::string> hashThere(const std::string& path, const std::string& version,
                                 Transfer& transfer);
 

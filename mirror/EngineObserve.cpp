@@ -169,7 +169,7 @@ void Engine::put(Side side, Item& item, Node node) {
       items_->fact(movingFact(item.number)) == textOf(node.place)) {
     // Moved from here, without an answer.
     item.agreed->place = node.place;
-    items_->dropFact(movingFact(item.number));
+    items_->forgetFact(movingFact(item.number));
   }
   old = std::move(node);
   item.due = now() + (rests ? options_.rest.count() : 0);

@@ -299,7 +299,7 @@ Result<RemoteItem> Engine::moveThere(Lock& lock, const Item& item, const Place& 
   auto moved = remotely(lock, [&] { return remote_.move(from, target, versionOf(*item.there)); });
   const auto problem = moved ? std::nullopt : std::optional(remoteProblemOf(moved.error()));
   if (problem == RemoteProblem::changedMeanwhile || problem == RemoteProblem::notFound) {
-    items_->dropFact(fact);
+    items_->forgetFact(fact);
   }
   return moved;
 }
@@ -341,7 +341,7 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
       if (now.agreed) now.agreed->place = now.there->place;
       now.due = this->now();
     });
-    items_->dropFact(movingFact(other->number));
+    items_->forgetFact(movingFact(other->number));
     return true;
   }
   return false;
@@ -992,7 +992,7 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
     now.agreed->place = target;
     if (isFile && wasAgreed) now.agreed->version = now.there->version;
   });
-  items_->dropFact(movingFact(item.number));
+  items_->forgetFact(movingFact(item.number));
   return Outcome::again;
 }
 

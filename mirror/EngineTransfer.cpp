@@ -423,6 +423,109 @@ Result<void> Engine::fill(const std::shared_ptr<Transfer>& transfer) {
   return result;
 }
 
+/// Fetches what is not there yet of the agreed version, what somebody waits for first. The hash of
+/// all of it.
+Result<std::string> Engine::fetch(PlaceholderWriter& writer, Transfer& transfer, const Item& item,
+                                  const std::string& path) {
+  /// Less than that comes at once.
+  constexpr std::uint64_t leastInParts = 1U << 20U;
+  const auto wanted = static_cast<std::uint64_t>(item.agreed->size);
+  auto& arrival = transfer.arrival;
+  qx::ByteRanges before;
+  for (const auto& [begin, end] : writer.parts()) before.add({begin, end});
+  const auto publish = [&](const qx::ByteRanges& there) -> Result<void> {
+    {
+      const Lock noting(mutex_);
+      const auto noted = guarded([&]() -> Result<void> {
+        items_->setFact(partsFact + item.here->identity, item.agreed->version);
+        return {};
+      });
+      if (!noted) return noted;
+    }
+    return writer.publish({there.all().begin(), there.all().end()});
+  };
+  if (wanted >= leastInParts) {
+    if (auto announced = writer.publish({}); !announced) return announced.error();
+  }
+  arrival.begin(wanted, before, remote_.capabilities().ranges, publish);
+  transfer.done = before.size();
+
+  Hash hash;
+  std::uint64_t hashed = 0;
+  std::string piece;
+  const auto catchUp = [&]() -> Result<void> {
+    const auto missing = arrival.there().missing(0, wanted);
+    const auto end = missing ? missing->begin : wanted;
+    while (hashed < end) {
+      piece.resize(std::min<std::uint64_t>(pieceSize, end - hashed));
+      const auto count =
+          ::pread(writer.file(), piece.data(), piece.size(), static_cast<off_t>(hashed));
+      if (count <= 0) return Error::posix(count < 0 ? errno : EIO, "The document cannot be read");
+      hash.add({piece.data(), static_cast<std::size_t>(count)});
+      hashed += static_cast<std::uint64_t>(count);
+    }
+    return {};
+  };
+  Result<void> result;
+  while (result) {
+    const auto range = arrival.next();
+    if (result = catchUp(); !range || !result) break;
+    std::uint64_t at = range->begin;
+    bool isTurning = false;
+    piece.clear();
+    // In large pieces, since the platform looks at each write to a placeholder.
+    const auto flush = [&]() -> Result<void> {
+      if (piece.empty()) return {};
+      if (auto written = writer.writeAt(at, piece); !written) return written;
+      if (at == hashed) {
+        hash.add(piece);
+        hashed += piece.size();
+      }
+      at += piece.size();
+      piece.clear();
+      return {};
+    };
+    const auto vouched = hash;
+    const auto vouchedTo = hashed;
+    Lock lock(mutex_);
+    result = guarded([&]() -> Result<void> {
+      return remotely(lock, [&]() -> Result<void> {
+        const auto take = [&](std::string_view bytes) -> Result<void> {
+          isTurning = arrival.shallTurn();
+          if (isTurning || transfer.isCancelled) return cancelledError();
+          if (bytes.size() > range->end - at - piece.size()) return notWholeError();
+          piece.append(bytes);
+          transfer.done += bytes.size();
+          return piece.size() >= pieceSize ? flush() : Result<void>();
+        };
+        auto read = remote_.read(path, item.agreed->version, at, range->size(), take);
+        return read ? flush() : read;
+      });
+    });
+    if (result && at != range->end) result = notWholeError();
+    if (result) {
+      arrival.add(*range);
+      continue;
+    }
+    // The remote has not stood for what came.
+    hash = vouched;
+    hashed = vouchedTo;
+    transfer.done = arrival.there().size();
+    if (isTurning) result = {};
+  }
+  const auto published = arrival.end();
+  if (result && !published) result = published;
+  if (result) return hash.finish();
+  // What is here of the right version is not fetched again.
+  const auto problem = remoteProblemOf(result.error());
+  const bool staysRight = problem == RemoteProblem::unreachable ||
+                          problem == RemoteProblem::notNow || (transfer.isCancelled && isClosed_);
+  if (staysRight && wanted >= leastInParts && published) {
+    if (const auto there = arrival.there(); !there.isEmpty()) (void)publish(there);
+  }
+  return result.error();
+}
+
 Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const Item& item) {
   const auto wanted = static_cast<std::uint64_t>(item.agreed->size);
   Lock lock(mutex_);
@@ -440,26 +543,18 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   transfer->done = 0;
   transfer->total = wanted;
   const auto shape = shapeOf(*item.agreed);
-  Hash hash;
+  std::string hash;
   std::optional<LocalEntry> now;
+  const auto known = partsFact + item.here->identity;
   {
-    auto writer = Placeholder(file.get()).fill();
-    if (!writer) return writer.error();
     lock.lock();
-    auto read = guarded([&]() -> Result<void> {
-      return remotely(lock, [&] {
-        return remote_.read(path, item.agreed->version, 0, wanted, [&](std::string_view bytes) {
-          if (transfer->isCancelled) return Result<void>(cancelledError());
-          if (bytes.size() > wanted - transfer->done) return Result<void>(notWholeError());
-          hash.add(bytes);
-          transfer->done += bytes.size();
-          return writer->write(bytes);
-        });
-      });
-    });
+    const bool goesOn = guarded([&] { return items_->fact(known) == item.agreed->version; });
     lock.unlock();
-    if (!read) return read;
-    if (transfer->done != wanted) return notWholeError();
+    auto writer = Placeholder(file.get()).fill(goesOn && remote_.capabilities().ranges);
+    if (!writer) return writer.error();
+    auto fetched = fetch(*writer, *transfer, item, path);
+    if (!fetched) return fetched.error();
+    hash = *std::move(fetched);
     // Which inode the document will have is known before it has it.
     if (auto announced = announceFor(item.number, &lock)(writer->file()); !announced) {
       return announced;
@@ -471,6 +566,7 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   return guarded([&]() -> Result<void> {
     if (!now) return Error::posix(EIO, "The document cannot be looked at");
     coming_.erase(now->identity);
+    items_->forgetFact(known);
     change(item.number, [&](Item& filled) {
       if (!filled.here || (filled.here->identity != item.here->identity &&
                            filled.here->identity != now->identity)) {
@@ -481,7 +577,7 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
       // With another time somebody has written already.
       const bool isWhole = now->size == item.agreed->size && now->modified == item.agreed->modified;
       filled.agreedHere = isWhole ? std::optional(now->version) : std::nullopt;
-      filled.hash = hash.finish();
+      filled.hash = hash;
       filled.isWanted = false;
       filled.tries = 0;
       filled.reason.reset();

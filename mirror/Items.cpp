@@ -254,7 +254,7 @@ void Items::setFact(const std::string& name, const std::string& value) {
   database_.prepare("INSERT OR REPLACE INTO fact VALUES (?,?)").bind(name).bind(value).run();
 }
 
-void Items::dropFact(const std::string& name) {
+void Items::forgetFact(const std::string& name) {
   database_.prepare("DELETE FROM fact WHERE name=?").bind(name).run();
 }
 

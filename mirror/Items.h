@@ -131,7 +131,7 @@ class Items {
 
   std::optional<std::string> fact(const std::string& name);
   void setFact(const std::string& name, const std::string& value);
-  void dropFact(const std::string& name);
+  void forgetFact(const std::string& name);
 
   Database& database() { return database_; }
 

@@ -146,6 +146,9 @@ void Mirror::stop() { implementation_->stop(); }
 Result<void> Mirror::provide(const std::string& path) {
   return implementation_->engine().provide(path);
 }
+void Mirror::hurry(const std::string& path, std::uint64_t offset, std::uint64_t size) {
+  implementation_->engine().hurry(path, offset, size);
+}
 Result<void> Mirror::evict(const std::string& path) {
   return implementation_->engine().evict(path);
 }

@@ -133,6 +133,9 @@ class Mirror {
   /// Brings the content of a document in and waits for that; success when it is there. Everything
   /// below, for a directory. The document may have a second name outside of the storage.
   Result<void> provide(const std::string& path);
+  /// While it is being brought in: somebody waits for these bytes, which come first where the
+  /// remote can begin anywhere, and can be read as soon as they are there. Returns at once.
+  void hurry(const std::string& path, std::uint64_t offset, std::uint64_t size);
   /// Makes a placeholder of it again, and of what is below it. EBUSY when a program has it open,
   /// or it has not been uploaded, or is pinned; nothing is left out silently.
   Result<void> evict(const std::string& path);

@@ -5,11 +5,16 @@
 #include <string>
 #include <type_traits>
 
+#include "mirror/Arrival.h"
 #include "mirror/Engine.h"
 
 namespace docsource::mirror {
 
 /// What the source files of the engine share beyond its header.
+
+/// The fact of which version the parts are that programs may have read of a placeholder; followed
+/// by the identity of its inode.
+inline const std::string partsFact = "parts ";
 
 /// One transfer under way. Its counters are set by the thread that works, and read by any.
 struct Engine::Transfer {
@@ -19,6 +24,7 @@ struct Engine::Transfer {
   std::atomic<std::uint64_t> done = 0;
   std::atomic<std::uint64_t> total = 0;
   std::atomic<bool> isCancelled = false;
+  Arrival arrival;
 };
 
 /// A place as a fact.

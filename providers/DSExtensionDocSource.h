@@ -158,6 +158,8 @@ class DSExtensionDocSource final : public QXDocSource,
   void _provideItemAtURL_toReaderWithID_completionHandler(
       const std::optional<qx::URL>& url, const std::optional<std::string>& reader,
       qx::Completion<qx::Error> completion) override;
+  void _readerOfItemAtURL_waitsForBytes(const std::optional<qx::URL>& url,
+                                        const std::optional<qx::Array>& bytes) override;
   void _writerWithID_didFinishWritingForURL(const std::optional<std::string>& writer,
                                             const std::optional<qx::URL>& url) override;
 

@@ -32,6 +32,25 @@ void DSExtensionDocSource::_provideItemAtURL_toReaderWithID_completionHandler(
   });
 }
 
+void DSExtensionDocSource::_readerOfItemAtURL_waitsForBytes(const std::optional<qx::URL>& url,
+                                                            const std::optional<qx::Array>& bytes) {
+  performExtensionRequest(
+      [self = shared_from_this(), url, bytes](const std::optional<qx::Error>& error,
+                                              const std::shared_ptr<_QXDocSourceVendor>& proxy,
+                                              const Callback& done) {
+        if (error) {
+          // Providers need not know of it.
+          DS_LOG("[DEBUG] Cannot tell extension %@ which bytes of %@ are waited for. Error: %@",
+                 self->identifier(), url, error);
+          if (done) done();
+          return;
+        }
+        proxy->_readerOfItemAtURL_waitsForBytes_completion(url, bytes, [done] {
+          if (done) done();
+        });
+      });
+}
+
 void DSExtensionDocSource::_writerWithID_didFinishWritingForURL(
     const std::optional<std::string>& writer, const std::optional<qx::URL>& url) {
   DS_LOG("[INFO] QXFileCoordinator is telling us the item at URL %@ was changed by writer ID %@.",

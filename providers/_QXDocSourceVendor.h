@@ -12,6 +12,8 @@
   OPERATION(_performInitialSetupWithCompletion, (), (std::string, qx::URL, qx::Error)) \
   OPERATION(_providePlaceholderAtURL_completion, (qx::URL), (qx::URL, qx::Error))      \
   OPERATION(_startProvidingItemAtURL_completion, (qx::URL), (qx::Error))               \
+  /* offset and number of the bytes that a reader waits for */                         \
+  OPERATION(_readerOfItemAtURL_waitsForBytes_completion, (qx::URL, qx::Array), ())     \
   OPERATION(_itemChangedAtURL_completion, (qx::URL), (qx::Error))                      \
   OPERATION(_stopProvidingItemAtURL_completion, (qx::URL), (qx::Error))                \
   OPERATION(_identifierForItemAtURL_completion, (qx::URL), (qx::Error, std::string))   \

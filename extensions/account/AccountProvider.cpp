@@ -61,6 +61,11 @@ Result<void> AccountProvider::startProviding(const std::string& path) {
   return running ? (*running)->provide(path) : running.error();
 }
 
+void AccountProvider::readerWaits(const std::string& path, std::uint64_t offset,
+                                  std::uint64_t size) {
+  if (const auto running = mirror()) (*running)->hurry(path, offset, size);
+}
+
 Result<void> AccountProvider::itemChanged(const std::string& path) {
   const auto running = mirror();
   if (!running) return running.error();

@@ -25,6 +25,7 @@ class AccountProvider final : public docsource::Provider {
   docsource::Result<void> performInitialSetup() override;
   docsource::Result<void> providePlaceholder(const std::string& path) override;
   docsource::Result<void> startProviding(const std::string& path) override;
+  void readerWaits(const std::string& path, std::uint64_t offset, std::uint64_t size) override;
   docsource::Result<void> itemChanged(const std::string& path) override;
   docsource::Result<void> stopProviding(const std::string& path) override;
   docsource::Result<std::string> identifierForItem(const std::string& path) override;

@@ -22,6 +22,9 @@ inline constexpr const char* fileCoordinationHostEntitlement = "com.veltro.file-
   /* doc source's identifier, item, reader's identifier */                                    \
   OPERATION(docSource_provideItemAtURL_toReaderWithID_completionHandler,                      \
             (std::string, qx::URL, std::string), (qx::Error))                                 \
+  /* doc source's identifier, item that is being provided, offset and number of the bytes */  \
+  OPERATION(docSource_readerOfItemAtURL_waitsForBytes_completionHandler,                      \
+            (std::string, qx::URL, qx::Array), ())                                            \
   /* doc source's identifier, writer's identifier, item */                                    \
   OPERATION(docSource_writerWithID_didFinishWritingForURL_completionHandler,                  \
             (std::string, std::string, qx::URL), ())

@@ -7,6 +7,7 @@
 #include "platform/base/Completion.h"
 #include "platform/base/Error.h"
 #include "platform/base/URL.h"
+#include "platform/base/Value.h"
 #include "platform/queue/OperationQueue.h"
 
 /// What QXFileCoordinator asks of a provider of documents. The operations run on the provider's
@@ -32,6 +33,10 @@ class QXDocSource {
   virtual void _provideItemAtURL_toReaderWithID_completionHandler(
       const std::optional<qx::URL>& url, const std::optional<std::string>& reader,
       qx::Completion<qx::Error> completion) = 0;
+  /// While the item is being provided: a reader of it waits for so many bytes from the offset on. A
+  /// hint, which may be passed over.
+  virtual void _readerOfItemAtURL_waitsForBytes(const std::optional<qx::URL>& /*url*/,
+                                                const std::optional<qx::Array>& /*bytes*/) {}
   virtual void _writerWithID_didFinishWritingForURL(const std::optional<std::string>& writer,
                                                     const std::optional<qx::URL>& url) = 0;
 };

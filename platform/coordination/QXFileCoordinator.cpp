@@ -171,6 +171,16 @@ class CoordinationHost final : public QXFileCoordinationHost {
     });
   }
 
+  void docSource_readerOfItemAtURL_waitsForBytes_completionHandler(
+      const std::optional<std::string>& docSource, const std::optional<qx::URL>& url,
+      const std::optional<qx::Array>& bytes, qx::Completion<> completion) override {
+    if (auto source = sourceWith(docSource)) {
+      source->_providedItemsOperationQueue()->addOperation(
+          [=] { source->_readerOfItemAtURL_waitsForBytes(url, bytes); });
+    }
+    completion();
+  }
+
   void docSource_writerWithID_didFinishWritingForURL_completionHandler(
       const std::optional<std::string>& docSource, const std::optional<std::string>& writerID,
       const std::optional<qx::URL>& url, qx::Completion<> completion) override {

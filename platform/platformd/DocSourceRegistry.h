@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/ByteRanges.h"
 #include "platform/base/Completion.h"
 #include "platform/base/Error.h"
 #include "platform/base/URL.h"
@@ -29,6 +30,10 @@ class DocSourceHost {
   /// why the provider cannot be asked any more.
   virtual void provideItem(const std::string& docSource, const qx::URL& url,
                            const std::string& readerID, qx::Completion<qx::Error> completion) = 0;
+  /// While an item is being provided: somebody waits for these bytes of it. A hint; hosts that
+  /// make no use of it need not.
+  virtual void readerWaits(const std::string& /*docSource*/, const qx::URL& /*url*/,
+                           qx::ByteRange /*bytes*/) {}
   /// The completion is called once: when the host has heard of it, or cannot any more.
   virtual void writerDidFinish(const std::string& docSource, const std::string& writerID,
                                const qx::URL& url, qx::Completion<> completion) = 0;
@@ -110,6 +115,11 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   /// The same of an item that is known to be this doc source's; nothing is looked up.
   void provide(const DocSource& owner, const qx::URL& url, const std::string& readerID,
                qx::Completion<qx::Error> completion);
+
+  /// An item of this doc source is being provided, and somebody waits for these bytes of it.
+  static void hurry(const DocSource& owner, const qx::URL& url, qx::ByteRange bytes) {
+    owner.host->readerWaits(owner.identifier, url, bytes);
+  }
 
   /// Tells the owner, if there is one, that the item was written. Called back when it has heard.
   void didFinishWriting(const qx::URL& url, const std::string& writerID,

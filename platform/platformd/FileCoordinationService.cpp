@@ -43,6 +43,18 @@ class ConnectionHost final : public DocSourceHost {
                                                                       answer);
   }
 
+  void readerWaits(const std::string& docSource, const qx::URL& url, qx::ByteRange bytes) override {
+    const auto connection = connection_.lock();
+    if (!connection) return;
+    // A host that does not know of it provides all the same.
+    connection->remoteObjectProxyWithErrorHandler<QXFileCoordinationHost>([](const qx::Error&) {})
+        ->docSource_readerOfItemAtURL_waitsForBytes_completionHandler(
+            docSource, url,
+            qx::Array{static_cast<std::int64_t>(bytes.begin),
+                      static_cast<std::int64_t>(bytes.size())},
+            [] {});
+  }
+
   void writerDidFinish(const std::string& docSource, const std::string& writerID,
                        const qx::URL& url, qx::Completion<> completion) override {
     const auto heard = completion ? qx::once(std::move(completion)) : [] {};

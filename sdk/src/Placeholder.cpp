@@ -147,6 +147,12 @@ bool isOfShape(int file, const Placeholder::Shape& shape) {
          sparse::timeOf(status.st_mtim) == shape.modified;
 }
 
+/// Whether programs may have read parts of the file before all of it was there.
+bool hasParts(int file) {
+  const auto mark = mark::read(file);
+  return mark.state != PlaceholderState::present && mark.parts && !mark.parts->isEmpty();
+}
+
 /// Makes a placeholder of a file that is marked already, or has no content. One without a name is
 /// marked last: nobody else can see it, and its size changes without anybody being asked.
 bool makePlaceholder(int file, const Placeholder::Shape& shape, mode_t mode, bool cooperative) {
@@ -161,11 +167,12 @@ bool makePlaceholder(int file, const Placeholder::Shape& shape, mode_t mode, boo
 
 /// A placeholder, on its way to the place of `old`.
 Result<Replacement> placeholderFor(int old, const Placeholder::Shape& shape, mode_t mode,
-                                   const Placeholder::Announcement& announce) {
+                                   const Placeholder::Announcement& announce,
+                                   bool cooperative = true) {
   auto made = Replacement::beginFor(old);
   if (!made) return made;
   mark::copyOtherAttributes(old, made->file());
-  if (!makePlaceholder(made->file(), shape, mode, true) || ::fsync(made->file()) != 0) {
+  if (!makePlaceholder(made->file(), shape, mode, cooperative) || ::fsync(made->file()) != 0) {
     return fileError(old, errno);
   }
   if (announce) {
@@ -235,8 +242,10 @@ Result<void> Placeholder::reset(const Shape& shape, const Announcement& announce
       shape.mode.value_or(docsource::shapeOf(status, mark).mode.value_or(usualMode)));
   const bool isPresent = mark.state == PlaceholderState::present;
   const bool isNew = status.st_size == 0 && isPresent;
-  if (!isNew && isCooperative()) {
-    auto made = placeholderFor(file_, shape, mode, announce);
+  const bool cooperative = isCooperative();
+  // What programs may have read of the content keeps to its file.
+  if (!isNew && (cooperative || hasParts(file_))) {
+    auto made = placeholderFor(file_, shape, mode, announce, cooperative);
     if (!made) return made.error();
     if (auto exchanged = made->exchange(); !exchanged) return exchanged;
     return made->settle();
@@ -285,15 +294,33 @@ class PlaceholderWriter::Target {
       : replacement_(std::move(replacement)), old_(old), shape_(shape) {}
   ~Target() {
     if (isDone_ || !access_) return;
-    // What cannot be given back stays, in what is a placeholder all the same.
-    static_cast<void>(makePlaceholder(file(), shape_, mode({}), false));
-    access_->keepMode();
+    if (parts_ && !parts_->isEmpty()) {
+      // Somebody may have read them.
+      mark::setPlaceholder(file(), shape_.mode, parts_);
+    } else {
+      // What cannot be given back stays, in what is a placeholder all the same.
+      static_cast<void>(makePlaceholder(file(), shape_, mode({}), false));
+      access_->keepMode();
+    }
   }
   Target(const Target&) = delete;
   Target& operator=(const Target&) = delete;
 
   int file() const { return access_ ? access_->get() : replacement_->file(); }
   Error error(int errnum) const { return fileError(file(), errnum); }
+
+  const std::optional<qx::ByteRanges>& parts() const { return parts_; }
+  void setParts(std::optional<qx::ByteRanges> parts) { parts_ = std::move(parts); }
+  Result<void> publish(const qx::ByteRanges& parts) {
+    if (!access_) return {};
+    auto all = parts_.value_or(qx::ByteRanges());
+    for (const auto& [begin, end] : parts.all()) all.add({begin, end});
+    if (all != parts_ && !all.isEmpty() && ::fsync(file()) != 0) return error(errno);
+    // Set again even if it says so already: who is told of it may not have been.
+    if (!mark::setProviding(file(), shape_.mode, all)) return error(errno);
+    parts_ = std::move(all);
+    return {};
+  }
 
   Result<void> finish(const Placeholder::Shape& shape) {
     struct stat status {};
@@ -347,13 +374,14 @@ class PlaceholderWriter::Target {
   std::optional<Replacement> replacement_;
   int old_ = -1;
   Placeholder::Shape shape_;
+  std::optional<qx::ByteRanges> parts_;  // that the mark tells of
   bool isDone_ = false;
 };
 
-Result<PlaceholderWriter> Placeholder::fill() const {
+Result<PlaceholderWriter> Placeholder::fill(bool goesOn) const {
   const auto shape = shapeOf(file_);
   if (!shape) return shape.error();
-  if (isCooperative()) {
+  if (isCooperative() || (!goesOn && hasParts(file_))) {
     auto replacement = Replacement::beginFor(file_);
     if (!replacement) return replacement.error();
     if (!sparse::setSize(replacement->file(), shape->size)) return fileError(file_, errno);
@@ -365,9 +393,14 @@ Result<PlaceholderWriter> Placeholder::fill() const {
   const auto was = mark::read(access->get());
   auto now = *shape;
   if (was.mode) now.mode = *was.mode;
-  if (!mark::setProviding(access->get(), now.mode)) return fileError(file_, errno);
+  auto kept = goesOn ? was.parts : std::nullopt;
+  if (!mark::setProviding(access->get(), now.mode, kept)) return fileError(file_, errno);
   auto target = std::make_unique<PlaceholderWriter::Target>(*std::move(access), now);
   const int file = target->file();
+  if (kept && !kept->isEmpty()) {
+    target->setParts(std::move(kept));
+    return PlaceholderWriter(std::move(target));
+  }
   if (was.state == PlaceholderState::present ? ::fsync(file) != 0
                                              : !sparse::makeSparse(file, now, true)) {
     return fileError(file_, errno);
@@ -439,6 +472,17 @@ Result<void> PlaceholderWriter::writeAt(std::uint64_t offset, std::string_view b
   if (!sparse::writeAt(file(), static_cast<off_t>(offset), bytes)) return target_->error(errno);
   position_ = offset + bytes.size();
   return {};
+}
+
+PlaceholderWriter::Parts PlaceholderWriter::parts() const {
+  const auto& parts = target_->parts();
+  return parts ? Parts(parts->all().begin(), parts->all().end()) : Parts();
+}
+
+Result<void> PlaceholderWriter::publish(const Parts& parts) {
+  qx::ByteRanges ranges;
+  for (const auto& [begin, end] : parts) ranges.add({begin, end});
+  return target_->publish(ranges);
 }
 
 Result<void> PlaceholderWriter::copy(int source) {

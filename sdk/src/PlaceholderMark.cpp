@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "platform/files/InodeMark.h"
+#include "platform/identity/PlaceholderMark.h"
 #include "platform/identity/ProcessDirectory.h"
 
 namespace docsource::mark {
@@ -32,23 +33,6 @@ std::optional<std::string> valueOf(const std::string& file, const char* name) {
   return std::string(value.data(), static_cast<std::size_t>(size));
 }
 
-/// Whether the process that the mark names still runs.
-bool isBeingFilled(std::string_view mark) {
-  if (!mark.starts_with(providingWord)) return false;
-  mark.remove_prefix(providingWord.size());
-  pid_t process = -1;
-  std::uint64_t startTime = 0;
-  const char* end = mark.data() + mark.size();
-  const auto first = std::from_chars(mark.data(), end, process);
-  if (first.ec != std::errc() || first.ptr == end || *first.ptr != ' ') return false;
-  const auto second = std::from_chars(first.ptr + 1, end, startTime);
-  const bool isWhole = second.ptr == end || *second.ptr == ' ';
-  if (second.ec != std::errc() || !isWhole || process <= 0) return false;
-  const auto directory = qx::ProcessDirectory::open(process);
-  const auto state = directory ? directory->state() : std::nullopt;
-  return state && state->startTime == startTime && directory->isRunning();
-}
-
 std::optional<mode_t> modeOf(std::string_view mark) {
   while (!mark.empty()) {
     auto word = mark.substr(0, mark.find(' '));
@@ -63,7 +47,8 @@ std::optional<mode_t> modeOf(std::string_view mark) {
   return std::nullopt;
 }
 
-bool set(int file, std::string text, std::optional<mode_t> mode) {
+bool set(int file, std::string text, std::optional<mode_t> mode,
+         const std::optional<qx::ByteRanges>& parts) {
   const auto inode = qx::inodeNameOf(file);
   if (!inode) return false;
   text += " " + qx::markWord(*inode);
@@ -72,6 +57,7 @@ bool set(int file, std::string text, std::optional<mode_t> mode) {
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), *mode, 8).ptr;
     text.append(" ").append(modeWord).append(digits.data(), end);
   }
+  if (parts) text.append(" ").append(qx::partsWord(*parts));
   return ::setxattr(descriptorPath(file).c_str(), attribute, text.data(), text.size(), 0) == 0;
 }
 
@@ -87,7 +73,7 @@ Mark read(int file) {
   if (!value) {
     const bool isHidden = errno == EACCES && (status.st_mode & permissions) == 0;
     return {isHidden ? PlaceholderState::placeholder : PlaceholderState::present, std::nullopt,
-            isHidden};
+            std::nullopt, isHidden};
   }
   const auto inode = qx::inodeNameOf(file);
   if (!inode) return {};
@@ -97,21 +83,23 @@ Mark read(int file) {
     const auto confirmed = valueOf(path, platformAttribute);
     if (!confirmed || qx::markedInode(*confirmed, *inode) != qx::MarkedInode::this_) return {};
   }
-  return {isBeingFilled(*value) ? PlaceholderState::providing : PlaceholderState::placeholder,
-          modeOf(*value), false};
+  return {qx::isBeingFilled(*value) ? PlaceholderState::providing : PlaceholderState::placeholder,
+          modeOf(*value), qx::partsThere(*value), false};
 }
 
-bool setPlaceholder(int file, std::optional<mode_t> mode) {
-  return set(file, std::string(placeholderWord), mode);
+bool setPlaceholder(int file, std::optional<mode_t> mode,
+                    const std::optional<qx::ByteRanges>& parts) {
+  return set(file, std::string(placeholderWord), mode, parts);
 }
 
-bool setProviding(int file, std::optional<mode_t> mode) {
+bool setProviding(int file, std::optional<mode_t> mode,
+                  const std::optional<qx::ByteRanges>& parts) {
   const auto self = qx::ProcessDirectory::open(::getpid());
   const auto state = self ? self->state() : std::nullopt;
   return set(file,
              std::string(providingWord) + std::to_string(::getpid()) + " " +
                  std::to_string(state ? state->startTime : 0),
-             mode);
+             mode, parts);
 }
 
 bool clear(int file) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "docsource/placeholder.h"
+#include "platform/base/ByteRanges.h"
 
 /// The mark of placeholders: what it says, and of which inode (docsource/placeholder.h has its
 /// form). Files are named by descriptors, of any kind, O_PATH among them. Any thread. What can fail
@@ -18,6 +19,8 @@ struct Mark {
   PlaceholderState state = PlaceholderState::present;
   /// The permissions of the document, where they are not the file's own.
   std::optional<mode_t> mode;
+  /// What is there of the content, as far as whoever fills the file tells.
+  std::optional<qx::ByteRanges> parts;
   /// A file without permissions, whose mark its owner cannot read either.
   bool isHidden = false;
 };
@@ -25,8 +28,10 @@ struct Mark {
 Mark read(int file);
 
 /// Sets "placeholder", or "providing" by this process, for this inode. Durable after fsync(2).
-bool setPlaceholder(int file, std::optional<mode_t> mode);
-bool setProviding(int file, std::optional<mode_t> mode);
+bool setPlaceholder(int file, std::optional<mode_t> mode,
+                    const std::optional<qx::ByteRanges>& parts = std::nullopt);
+bool setProviding(int file, std::optional<mode_t> mode,
+                  const std::optional<qx::ByteRanges>& parts = std::nullopt);
 /// Clearing one that is not there succeeds.
 bool clear(int file);
 

@@ -83,6 +83,13 @@ class Operations : public std::enable_shared_from_this<Operations> {
     }
   }
 
+  /// Runs it at once, beside the operations, unless the end has come before.
+  void during(const std::function<void()>& work) {
+    if (!begin()) return;
+    work();
+    end();
+  }
+
   /// Returns when no operation is running and none will begin any more.
   void stop() {
     std::unique_lock lock(mutex_);
@@ -146,6 +153,21 @@ class Provider::Vendor final : public _QXDocSourceVendor {
   void _startProvidingItemAtURL_completion(const std::optional<qx::URL>& url,
                                            qx::Completion<qx::Error> completion) override {
     request(&Provider::startProviding, url, std::move(completion));
+  }
+  /// On the thread of the connection: a provider that does one thing at a time is doing it.
+  void _readerOfItemAtURL_waitsForBytes_completion(const std::optional<qx::URL>& url,
+                                                   const std::optional<qx::Array>& bytes,
+                                                   qx::Completion<> completion) override {
+    const auto path = url ? url->path() : std::nullopt;
+    const auto* offset = bytes && bytes->size() == 2 ? bytes->at(0).as<std::int64_t>() : nullptr;
+    const auto* size = offset ? bytes->at(1).as<std::int64_t>() : nullptr;
+    if (path && size && *offset >= 0 && *size > 0) {
+      operations_->during([&] {
+        provider_.readerWaits(*path, static_cast<std::uint64_t>(*offset),
+                              static_cast<std::uint64_t>(*size));
+      });
+    }
+    completion();
   }
   void _itemChangedAtURL_completion(const std::optional<qx::URL>& url,
                                     qx::Completion<qx::Error> completion) override {
@@ -237,6 +259,9 @@ class Provider::Implementation {
 Provider::Provider(Concurrency concurrency)
     : implementation_(std::make_unique<Implementation>(concurrency)) {}
 Provider::~Provider() = default;
+
+void Provider::readerWaits(const std::string& /*path*/, std::uint64_t /*offset*/,
+                           std::uint64_t /*size*/) {}
 
 const std::string& Provider::identifier() const { return implementation_->identifier; }
 const std::optional<std::string>& Provider::documentStorage() const {

@@ -49,6 +49,11 @@ class SelfProvider final : public _QXDocSourceVendor {
       if (!name.starts_with("hang")) reply(error);
     });
   }
+  void _readerOfItemAtURL_waitsForBytes_completion(const std::optional<URL>&,
+                                                   const std::optional<Array>&,
+                                                   Completion<> reply) override {
+    reply();
+  }
   void _itemChangedAtURL_completion(const std::optional<URL>& url,
                                     Completion<Error> reply) override {
     answer(url, [&](const auto& error, const auto&) { reply(error); });

@@ -30,13 +30,14 @@ constexpr std::size_t mostDirectories = 64;
 }  // namespace
 
 Changes::Changes(std::shared_ptr<DocSourceRegistry> registry, const ChangeGroup& group,
-                 GuardedTrees& trees, Claims& claims, OnArrival onArrival,
+                 GuardedTrees& trees, Claims& claims, OnArrival onArrival, OnProgress onProgress,
                  std::function<void()> onLoss, OnQueue onQueue, Slowly slowly)
     : registry_(std::move(registry)),
       group_(group),
       trees_(trees),
       claims_(claims),
       onArrival_(std::move(onArrival)),
+      onProgress_(std::move(onProgress)),
       onLoss_(std::move(onLoss)),
       onQueue_(std::move(onQueue)),
       slowly_(std::move(slowly)),
@@ -99,6 +100,7 @@ void Changes::applyToFile(const ChangeEvent& change, const GuardedTrees::Directo
   }
   const bool isPlaceholder = trees_.examine(file.get(), status, directory.owner, isClosed);
   if (isPlaceholder && change.mask & FAN_MOVED_TO) onArrival_(identityOf(status));
+  if (isPlaceholder && change.mask & FAN_ATTRIB) onProgress_(identityOf(status));
   if (isPlaceholder || !isForeign || !directory.place) {
     // Of what the provider does, and of a placeholder, there is nothing to tell.
     if (!isForeign) writes_.isKnown(status);

@@ -26,16 +26,17 @@ class Changes {
  public:
   using OnQueue = std::function<void(WorkQueue::Task)>;
   using OnArrival = std::function<void(const std::optional<FileIdentity>&)>;
+  using OnProgress = std::function<void(const FileIdentity&)>;
   using Slowly = std::function<void(uid_t, WorkQueue::Task)>;
 
   /// What is handed over must outlive this, but for the registry. `onQueue` comes back to the
   /// queue, `slowly` runs what takes long, elsewhere, one thing of a user after the other, and
   /// keeps all of this alive meanwhile; `onArrival` is called with a placeholder that has come to a
-  /// place in a tree, and with nothing when a directory has, `onLoss` when the kernel has lost
-  /// events.
+  /// place in a tree, and with nothing when a directory has, `onProgress` when the attributes of
+  /// one have changed, `onLoss` when the kernel has lost events.
   Changes(std::shared_ptr<DocSourceRegistry> registry, const ChangeGroup& group,
-          GuardedTrees& trees, Claims& claims, OnArrival onArrival, std::function<void()> onLoss,
-          OnQueue onQueue, Slowly slowly);
+          GuardedTrees& trees, Claims& claims, OnArrival onArrival, OnProgress onProgress,
+          std::function<void()> onLoss, OnQueue onQueue, Slowly slowly);
 
   /// Takes what the kernel has told of until now.
   void drain();
@@ -54,6 +55,7 @@ class Changes {
   GuardedTrees& trees_;
   Claims& claims_;
   const OnArrival onArrival_;
+  const OnProgress onProgress_;
   const std::function<void()> onLoss_;
   const OnQueue onQueue_;
   const Slowly slowly_;

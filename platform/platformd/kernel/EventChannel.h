@@ -11,7 +11,7 @@ namespace qx::kernel {
 /// What the process that holds the groups and the one that does the work tell each other.
 struct Message {
   enum class Kind : std::uint32_t {
-    event,    // to the worker, with the file: number, process, mask
+    event,    // to the worker, with the file: number, process, thread, mask, begin and end
     answer,   // to the holder: number, errnum
     ready,    // to the holder: the services are served
     stop,     // to the worker: end; errnum is 1 when the group stays alive without us
@@ -22,6 +22,11 @@ struct Message {
   std::int32_t process = 0;
   std::int32_t errnum = 0;
   std::uint64_t mask = 0;
+  std::int32_t thread = 0;
+  /// Whether it is known which bytes are wanted, and which.
+  std::uint32_t hasRange = 0;
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;
 };
 
 /// One end of the connection between the two, a SOCK_SEQPACKET socket pair (unix(7)); whole

@@ -189,8 +189,13 @@ void EventHolder::keep(AccessEvent event) {
   // The same open file under every number: what came with the event goes.
   if (document.events > 1 && document.file) dup3(document.file.get(), number, O_CLOEXEC);
   const bool isOurs = event.process == worker_ || event.process == getpid();
-  pending_.insert_or_assign(number,
-                            Pending{std::move(event.file), event.process, event.mask, identity});
+  Message message{Message::Kind::event, number, event.process, 0, event.mask, event.thread};
+  if (event.range) {
+    message.hasRange = 1;
+    message.begin = event.range->begin;
+    message.end = event.range->end;
+  }
+  pending_.insert_or_assign(number, Pending{std::move(event.file), message, identity});
   if (isOurs) {
     answer(number, 0);
   } else {
@@ -203,9 +208,7 @@ void EventHolder::sendEvents() {
     const int number = unsent_.front();
     const auto pending = pending_.find(number);
     if (pending != pending_.end()) {
-      const Message message{Message::Kind::event, number, pending->second.process, 0,
-                            pending->second.mask};
-      if (channel_.send(message, number) != EventChannel::Sent::yes) return;
+      if (channel_.send(pending->second.message, number) != EventChannel::Sent::yes) return;
     }
     unsent_.pop_front();
   }

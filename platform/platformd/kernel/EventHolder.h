@@ -68,8 +68,7 @@ class EventHolder {
   };
   struct Pending {
     FileDescriptor number;
-    pid_t process = 0;
-    std::uint64_t mask = 0;
+    Message message;  // as the worker gets it
     FileIdentity document;
   };
 

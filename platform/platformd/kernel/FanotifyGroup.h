@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/ByteRanges.h"
 #include "platform/base/FileDescriptor.h"
 #include "platform/base/Result.h"
 #include "platform/platformd/kernel/Beneath.h"
@@ -24,8 +25,13 @@ struct AccessEvent {
   /// The file, opened by the kernel for this event; using it causes no event. Its number is the
   /// name of the event in the process that read it: open until the event is answered.
   FileDescriptor file;
+  /// The thread that waits, and the process that it is of.
+  pid_t thread = 0;
   pid_t process = 0;
   std::uint64_t mask = 0;
+  /// Which bytes it wants, in whole pages. Absent where the kernel does not tell; of a mapping,
+  /// which a program may extend without asking (mremap(2)), it says little.
+  std::optional<ByteRange> range;
 };
 
 /// A group that is asked before content is accessed (FAN_CLASS_PRE_CONTENT). While it has a

@@ -111,6 +111,7 @@ void KernelCoordinator::start(std::function<void()> onStop) {
           });
         });
       },
+      [this](const FileIdentity& file) { readers_->progressed(file); },
       [this] {
         for (const auto& path : trees_.paths()) {
           const auto tree = trees_.placeOf(path == "/" ? "/." : path + "/.");
@@ -157,8 +158,9 @@ void KernelCoordinator::receive() {
       groupsStay_ = message.errnum != 0;
       onStop_();
     } else if (message.kind == Message::Kind::event && received.descriptor) {
-      readers_->decide({message.number, message.process, message.mask},
-                       std::move(received.descriptor));
+      Readers::Access access{message.number, message.process, message.mask, message.thread, {}};
+      if (message.hasRange != 0) access.range = ByteRange{message.begin, message.end};
+      readers_->decide(access, std::move(received.descriptor));
     }
   }
 }

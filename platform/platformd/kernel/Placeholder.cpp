@@ -16,6 +16,7 @@
 
 #include "platform/base/FileDescriptor.h"
 #include "platform/files/InodeMark.h"
+#include "platform/identity/PlaceholderMark.h"
 #include "platform/platformd/kernel/Beneath.h"
 
 namespace qx::kernel::Placeholder {
@@ -72,6 +73,13 @@ bool isOne(int file, const struct stat& status) {
   const auto marked = inodeIn(*mark, file);
   if (marked != MarkedInode::none) return marked == MarkedInode::this_;
   return status.st_blocks * blockUnit < status.st_size || ownAttribute(file, vouchedAttribute);
+}
+
+std::optional<ByteRanges> partsThere(int file) {
+  const auto mark = attribute(file, placeholderAttribute);
+  if (!mark || inodeIn(*mark, file) != MarkedInode::this_) return std::nullopt;
+  auto parts = qx::partsThere(*mark);
+  return parts && isBeingFilled(*mark) ? parts : std::nullopt;
 }
 
 void vouch(int file) {

@@ -2,7 +2,10 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <string>
+
+#include "platform/base/ByteRanges.h"
 
 namespace qx::kernel {
 
@@ -24,6 +27,12 @@ namespace Placeholder {
 
 /// `status` is the file's fstat(2).
 bool isOne(int file, const struct stat& status);
+
+/// The bytes that its provider, which fills it at this moment, says are there and on disk. They
+/// become more until the file is content, and never less: a provider that has told of some gives
+/// the document another inode before it takes them away. Absent where nobody tells: the mark has to
+/// name the inode.
+std::optional<ByteRanges> partsThere(int file);
 
 /// Gives a placeholder a first block, of zeros: programs that copy files skip what the file system
 /// says is a hole (lseek(2), SEEK_DATA), without reading anything, so that nothing would tell of

@@ -97,6 +97,8 @@ const ProgramList& ProgramList::standard() {
   // packaging/programs.conf says the same.
   static const auto& list = *new ProgramList(parse(
       "whole-file tar\nwhole-file bsdtar\nwhole-file star\nwhole-file gtar\nwhole-file bsdcpio\n"
+      "whole-file cp\nwhole-file mv\nwhole-file install\nwhole-file ginstall\nwhole-file grep\n"
+      "whole-file qemu-img\n"
       "never-provide localsearch-3\nnever-provide localsearch-extractor-3\n"
       "never-provide tracker-miner-fs-3\nnever-provide tracker-extract-3\n"
       "never-provide baloo_file\nnever-provide baloo_file_extractor\n"

@@ -8,6 +8,7 @@
 
 #include "platform/log/Log.h"
 #include "platform/platformd/kernel/Placeholder.h"
+#include "platform/platformd/kernel/ReadCall.h"
 #include "platform/platformd/kernel/ReaderErrors.h"
 
 namespace qx::kernel {
@@ -62,7 +63,54 @@ void Readers::decide(const Access& access, FileDescriptor file) {
   auto place = known == documents_.end() ? trees_.locate(file.get(), status) : known->second.place;
   if (claims_.isExempt(access.process, place)) return end(0);
   if (kind == ProgramKind::neverProvide) return end(EPERM);
-  wait(identity, access, user, std::move(file), std::move(place));
+  Access waiting = access;
+  waiting.range = kind == ProgramKind::wholeFile || !access.range
+                      ? std::nullopt
+                      : std::optional(access.range->within(std::uint64_t(status.st_size)));
+  if (known != documents_.end() && known->second.isAsked &&
+      partOf(waiting, identity, Placeholder::partsThere(file.get())) == Part::there) {
+    return end(0);
+  }
+  wait(identity, waiting, user, std::move(file), std::move(place));
+}
+
+/// Whether the program may go on with the parts that there are.
+Readers::Part Readers::partOf(Access& access, const FileIdentity& identity,
+                              const std::optional<ByteRanges>& parts) {
+  if (!parts || !access.range) return Part::absent;
+  if (!access.isReader) {
+    const auto call = readCallOf(access.thread, identity);
+    if (call == ReadCall::unknown) return Part::unknown;
+    if (call == ReadCall::no) {
+      access.range.reset();
+      return Part::absent;
+    }
+    access.isReader = true;
+  }
+  return parts->contains(*access.range) ? Part::there : Part::absent;
+}
+
+void Readers::progressed(const FileIdentity& identity) {
+  constexpr std::chrono::milliseconds moment{1};
+  const auto found = documents_.find(identity);
+  if (found == documents_.end() || !found->second.isAsked) return;
+  Document& document = found->second;
+  const auto parts = Placeholder::partsThere(document.file.get());
+  if (!parts) return;
+  bool isUnknown = false;
+  std::erase_if(document.accesses, [&](Access& access) {
+    const Part part = partOf(access, identity, parts);
+    isUnknown = isUnknown || part == Part::unknown;
+    if (part == Part::there) letGo(access, 0);
+    if (part == Part::absent && access.isReader && !std::exchange(access.isTold, true)) {
+      registry_->hurry(*document.source, URL::fileURL(document.place->path), *access.range);
+    }
+    return part == Part::there;
+  });
+  if (!isUnknown) return;
+  Clock::current().schedule(moment, [this, onQueue = onQueue_, identity] {
+    onQueue([this, identity] { progressed(identity); });
+  });
 }
 
 void Readers::wait(const FileIdentity& identity, const Access& access, uid_t user,
@@ -85,7 +133,7 @@ void Readers::wait(const FileIdentity& identity, const Access& access, uid_t use
     document.place = std::move(place);
   }
   processes_.begin(access.process, user);
-  if (isNew) ask(identity);
+  isNew ? ask(identity) : progressed(identity);
 }
 
 void Readers::letGo(const Access& access, int errnum) {
@@ -108,6 +156,8 @@ void Readers::ask(const FileIdentity& identity) {
   Document& document = documents_.at(identity);
   struct stat status;
   if (fstat(document.file.get(), &status) != 0) return finish(identity, EIO);
+  // Another file has its place, and nobody provides this one any more.
+  if (status.st_nlink == 0) return finish(identity, EAGAIN);
   if (auto now = trees_.locate(document.file.get(), status)) document.place = std::move(now);
   if (!document.place && status.st_nlink > 1 && !std::exchange(document.isSearched, true)) {
     await(identity);
@@ -121,12 +171,14 @@ void Readers::ask(const FileIdentity& identity) {
   document.isAsked = true;
   document.turn = ++lastTurn_;
   document.changed = status.st_ctim;
+  document.source = claim->source;
   registry_->provide(claim->source, URL::fileURL(document.place->path),
                      ProcessLineage::identifierOf(document.accesses.front().process),
                      [this, onQueue = onQueue_, identity,
                       turn = document.turn](const std::optional<Error>& error) {
                        onQueue([this, identity, turn, error] { provided(identity, turn, error); });
                      });
+  progressed(identity);
 }
 
 /// By a name that is not quickly found: it has several, or is seen through another mount.

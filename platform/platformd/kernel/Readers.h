@@ -34,11 +34,14 @@ namespace qx::kernel {
 /// | is a placeholder | works for its doc source | goes on |
 /// | | never has content brought in (Programs) | EPERM when it touches content |
 /// | | opens it, where accesses are told too | goes on, unless it needs the whole file at once |
-/// | | anything else | waits, at the cost of its user |
+/// | | reads bytes that are there already (Placeholder::partsThere, ReadCall) | goes on, and is
+/// asked at its next read | | | anything else | waits, at the cost of its user |
 ///
 /// The registry is asked once for each file, however many wait; all get its answer. When nobody can
 /// be asked, because there is no doc source, or it was lost while it provided, a file waits for one
-/// to come, up to `patience`, and then gets EAGAIN. Of each file one descriptor is kept.
+/// to come, up to `patience`, and then gets EAGAIN. Of each file one descriptor is kept. While a
+/// file is being provided, its doc source is told which bytes are waited for, and who waits for
+/// them goes on when they are there; programs that need the whole file at once (Programs) never do.
 ///
 /// Everything runs on the coordinator's queue; callbacks come back to it through `onQueue`.
 class Readers {
@@ -52,6 +55,11 @@ class Readers {
     int number = 0;  // the holder's name for it
     pid_t process = 0;
     std::uint64_t mask = 0;
+    pid_t thread = 0;
+    /// The bytes that it wants to get at; absent where it needs the whole file.
+    std::optional<ByteRange> range;
+    bool isReader = false;  // and gets at these bytes alone
+    bool isTold = false;    // that it waits for them
   };
 
   /// What is handed over must outlive this, but for the registry. `drain` takes the changes that
@@ -66,6 +74,8 @@ class Readers {
   void askAgain();
   /// A placeholder has come to a place in a tree.
   void arrived(const FileIdentity& identity);
+  /// A placeholder that is waited for may have more of its content than before.
+  void progressed(const FileIdentity& identity);
   /// Doc sources went, and with them what they were asked: who waits, waits for the next.
   void lookWhoIsAway();
 
@@ -77,9 +87,10 @@ class Readers {
     std::optional<GuardedTrees::Place> place;
     bool isSearched = false;
     bool isAsked = false;
-    std::uint64_t turn = 0;      // of the asking
-    timespec changed{};          // when it was asked for, the time of its last change
-    std::uint64_t patience = 0;  // counts the waits for somebody to ask
+    std::uint64_t turn = 0;           // of the asking
+    std::optional<DocSource> source;  // that was asked
+    timespec changed{};               // when it was asked for, the time of its last change
+    std::uint64_t patience = 0;       // counts the waits for somebody to ask
     Clock::TimerID deadline = 0;
   };
   using Documents = std::map<FileIdentity, Document>;
@@ -88,6 +99,9 @@ class Readers {
   void wait(const FileIdentity& identity, const Access& access, uid_t user, FileDescriptor file,
             std::optional<GuardedTrees::Place> place);
   void ask(const FileIdentity& identity);
+  enum class Part { there, absent, unknown };
+  static Part partOf(Access& access, const FileIdentity& identity,
+                     const std::optional<ByteRanges>& parts);
   void searchFor(const FileIdentity& identity, const struct stat& status);
   void await(const FileIdentity& identity);
   void provided(const FileIdentity& identity, std::uint64_t turn,

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "docsource/error.h"
 
@@ -19,6 +21,8 @@
 ///     "providing PID START inode:N:S.NNNNNNNNN"    that process fills it at the moment; START is
 ///                             when the process was started (proc_pid_stat(5), field 22). Once it
 ///                             is gone, the file is a placeholder like any other.
+///     "there:BEGIN-END,..."   a further word: these bytes are in the file and on disk already, and
+///                             are not taken out of it again
 ///     "mode:OCTAL"            a further word: the permissions of the document, where those of the
 ///                             placeholder are others
 ///
@@ -117,7 +121,11 @@ class DOCSOURCE_API Placeholder {
   /// Begins to bring the content in, all of it; nothing is left of an earlier attempt. Of a
   /// document that is present the content is another one afterwards; where it is filled in place it
   /// is a placeholder from now on.
-  Result<PlaceholderWriter> fill() const;
+  /// With `goesOn`, what an earlier attempt has published stays, and is told by the writer's
+  /// parts(): for a provider that has remembered which version that is of. Otherwise a file with
+  /// published parts is replaced by another one, which is published as a whole: who read them sees
+  /// no other content behind them.
+  Result<PlaceholderWriter> fill(bool goesOn = false) const;
 
   enum class Eviction {
     evicted,
@@ -142,8 +150,8 @@ class DOCSOURCE_API Placeholder {
   int file_;
 };
 
-/// Fills one placeholder. Without finish() it stays or becomes one again, and what was written is
-/// given back, when the writer is destroyed.
+/// Fills one placeholder. Without finish() it stays or becomes one again when the writer is
+/// destroyed; what was written is given back, unless parts of it were published, which stay.
 class DOCSOURCE_API PlaceholderWriter {
  public:
   PlaceholderWriter(PlaceholderWriter&& other) noexcept;
@@ -158,6 +166,17 @@ class DOCSOURCE_API PlaceholderWriter {
   Result<void> write(std::string_view bytes);
   /// Anywhere, in any order; write() goes on behind it.
   Result<void> writeAt(std::uint64_t offset, std::string_view bytes);
+
+  /// What is there already of an earlier attempt, in order: offsets of the first byte and of the
+  /// one behind the last.
+  using Parts = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
+  Parts parts() const;
+  /// Lets programs go on that only read and wait for nothing else than these bytes, which were
+  /// written or were there before, while the rest is being brought in: makes them durable, and then
+  /// has the mark say that they are there. With none it says that there will be some, which has
+  /// Provider::readerWaits() called. Does nothing where content comes in a file of its own. Any
+  /// thread, while another one writes; one at a time, and not during finish().
+  Result<void> publish(const Parts& parts);
 
   /// The whole of another open file, from its beginning, to the beginning of this one; write() goes
   /// on behind it. The kernel copies where it can (copy_file_range(2)), and begins to write to disk

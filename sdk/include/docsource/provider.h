@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -65,6 +66,11 @@ class DOCSOURCE_API Provider {
 
   /// Have the content at `path`. Answer when it is there completely.
   virtual Result<void> startProviding(const std::string& path) = 0;
+
+  /// While startProviding() runs for `path`: a program waits for these bytes. A provider that
+  /// publishes what it has (PlaceholderWriter::publish) had better bring them first. Comes at any
+  /// time, on any thread of the library, also during another operation; must return at once.
+  virtual void readerWaits(const std::string& path, std::uint64_t offset, std::uint64_t size);
 
   /// Somebody else changed the item at `path`; take the change over.
   virtual Result<void> itemChanged(const std::string& path) = 0;

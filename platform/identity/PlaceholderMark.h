@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/base/ByteRanges.h"
+
+/// What the mark of a placeholder, the extended attribute "user.docsource.placeholder", says of how
+/// it is being filled. The mark is words with single spaces between; which inode it holds for is
+/// told by InodeMark.h.
+namespace qx {
+
+/// Whether it says "providing PID START" and that process runs (proc_pid_stat(5), field 22).
+bool isBeingFilled(std::string_view mark);
+
+/// The bytes that are there, in the file and on disk, of the version that the placeholder stands
+/// for: a word "there:BEGIN-END,BEGIN-END". Whoever sets it has synced them before (fsync(2)), and
+/// never takes them out of that file again. Absent without that word: whoever fills the file does
+/// not tell of parts.
+std::optional<ByteRanges> partsThere(std::string_view mark);
+/// The word. Of very many ranges those that are longest.
+std::string partsWord(const ByteRanges& parts);
+
+}  // namespace qx

@@ -1,0 +1,104 @@
+#!/usr/bin/env python3
+"""A proxy before one server, that is as slow or as broken as it is told to be.
+
+    proxy.py PORT [SETTINGS]
+
+Prints its own address. SETTINGS, and each line of standard input, is an object in JSON; what it has is
+set, and the line is answered with how many bytes of answers were passed on since the last one.
+
+    delay    so many seconds pass before a request is passed on
+    rate     so many bytes of answers a second, on each connection
+    faults   what becomes of the requests to come, one each: "reset", a status (503, with a body and
+             Retry-After: 0), or an object with "cut": the connection is reset after so many bytes of
+             the answer
+
+Ends with standard input.
+"""
+import json, socket, struct, sys, threading, time
+
+settings = {"delay": 0, "rate": 0, "faults": []}
+passed = [0]
+lock = threading.Lock()
+
+
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
+
+
+def answers(server, client, limit):
+    """Passes answers on until either side ends."""
+    due = time.monotonic()
+    try:
+        while True:
+            rate = settings["rate"]
+            piece = server.recv(min(65536, max(1024, int(rate / 50))) if rate else 262144)
+            if not piece:
+                break
+            if rate:
+                due = max(due, time.monotonic() - 0.05) + len(piece) / rate
+                time.sleep(max(0, due - time.monotonic()))
+            if limit[0] is not None:
+                piece = piece[:limit[0]]
+                limit[0] -= len(piece)
+            client.sendall(piece)
+            with lock:
+                passed[0] += len(piece)
+            if limit[0] == 0:
+                break
+    except OSError:
+        pass
+    for each in (server, client):
+        try:
+            reset(each) if limit[0] == 0 else each.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+
+
+def serve(client, port):
+    client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    server = socket.create_connection(("127.0.0.1", port))
+    server.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    limit = [None]
+    threading.Thread(target=answers, args=(server, client, limit), daemon=True).start()
+    methods = (b"GET ", b"PUT ", b"POST ", b"HEAD ", b"DELETE ", b"OPTIONS ", b"PROPFIND ", b"MKCOL ",
+               b"MOVE ", b"COPY ", b"PROPPATCH ")
+    try:
+        while piece := client.recv(262144):
+            if piece.startswith(methods):
+                time.sleep(settings["delay"])
+                with lock:
+                    fault = settings["faults"].pop(0) if settings["faults"] else None
+                if fault == "reset":
+                    return reset(client)
+                if isinstance(fault, int):
+                    text = b"<html>The proxy is tired.</html>"
+                    client.sendall(b"HTTP/1.1 %d Tired\r\nRetry-After: 0\r\nContent-Type: text/html\r\n"
+                                   b"Connection: close\r\nContent-Length: %d\r\n\r\n" % (fault, len(text)) + text)
+                    break
+                if fault:
+                    limit[0] = fault["cut"]
+            server.sendall(piece)
+    except OSError:
+        pass
+    for each in (server, client):
+        try:
+            each.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+
+
+def listen(listener, port):
+    while True:
+        threading.Thread(target=serve, args=(listener.accept()[0], port), daemon=True).start()
+
+
+settings.update(json.loads(sys.argv[2]) if len(sys.argv) > 2 else {})
+listener = socket.create_server(("127.0.0.1", 0), backlog=128)
+threading.Thread(target=listen, args=(listener, int(sys.argv[1])), daemon=True).start()
+print(f"http://127.0.0.1:{listener.getsockname()[1]}", flush=True)
+for line in sys.stdin:
+    with lock:
+        settings.update(json.loads(line))
+        count, passed[0] = passed[0], 0
+    print(count, flush=True)
