@@ -4,9 +4,12 @@
 // documents comes before, as that may be refused, and goes after.
 
 #include <fcntl.h>
+#include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -278,6 +281,19 @@ int addFolder(const Arguments& arguments) {
   return add(arguments, "folder", {{account::directoryKey, *folder}});
 }
 
+/// Whether whatever goes to the URL can be read on the way.
+bool isInTheClear(const std::string& url) {
+  constexpr std::string_view scheme = "http://";
+  if (url.size() < scheme.size() || strncasecmp(url.c_str(), scheme.data(), scheme.size()) != 0) {
+    return false;
+  }
+  auto host = url.substr(scheme.size(), url.find_first_of("/?#", scheme.size()) - scheme.size());
+  if (host.starts_with('[')) return !host.starts_with("[::1]");
+  host.resize(std::min(host.find(':'), host.size()));
+  const bool isAddress = host.find_first_not_of("0123456789.") == std::string::npos;
+  return host != "localhost" && !(isAddress && host.starts_with("127."));
+}
+
 int addWebDAV(const Arguments& arguments) {
   if (auto named = checkName(arguments.subject); !named) return fail(arguments, named.error());
   auto settings = settingsFrom(arguments);
@@ -291,6 +307,13 @@ int addWebDAV(const Arguments& arguments) {
   if (hasSecret && !has(account::userKey) && !has(account::authenticationKey)) {
     return fail(arguments, complaint("Say whose password it is, with --user; or that it is a "
                                      "token, with --bearer"));
+  }
+  if (hasSecret && isInTheClear(arguments.second)) {
+    std::fprintf(stderr,
+                 "docsource: warning: %s is not encrypted. Everybody on the way can read the "
+                 "documents, and the password too unless the server asks for a digest of it. Use "
+                 "https:// if the server has it.\n",
+                 onOneLine(arguments.second).c_str());
   }
   (*settings)[account::urlKey] = arguments.second;
   return add(arguments, "webdav", *settings);
