@@ -25,11 +25,6 @@ constexpr std::uint32_t appearanceMask = IN_CREATE | IN_MOVED_TO | IN_ATTRIB;
 /// event.
 constexpr int attempts = 100;
 
-bool isDirectory(const std::string& path) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
 /// The proper ancestors of an absolute path, nearest first.
 std::vector<std::string> ancestorsOf(const std::string& path) {
   std::vector<std::string> ancestors;
@@ -116,8 +111,21 @@ bool WatchedPath::isUnsettledBy(const Inotify::Event& event) const {
   });
 }
 
-bool WatchedPath::directoryIsStillThere() {
-  auto again = inotify_.watch(path_, mask_ | selfMask);
+Inotify::Watch WatchedPath::watch(const std::string& directory, std::uint32_t mask) const {
+  if (!open_) return inotify_.watch(directory, mask);
+  const FileDescriptor opened = open_(directory);
+  if (!opened) return {};
+  return inotify_.watch("/proc/self/fd/" + std::to_string(opened.get()), mask);
+}
+
+bool WatchedPath::isDirectory(const std::string& path) const {
+  if (open_) return static_cast<bool>(open_(path));
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool WatchedPath::directoryIsStillThere() const {
+  auto again = watch(path_, mask_ | selfMask);
   return again.number() == directory_.number();
 }
 
@@ -126,14 +134,14 @@ void WatchedPath::establish() {
   for (int attempt = 0; attempt < attempts; ++attempt) {
     ancestors_.clear();
     awaited_.clear();
-    directory_ = inotify_.watch(path_, mask_ | selfMask);
+    directory_ = watch(path_, mask_ | selfMask);
     int reason = directory_ ? 0 : errno;
     std::string missing = path_;
     for (const auto& ancestor : ancestors) {
       bool nearest = !directory_ && awaited_.empty();
-      auto watch = inotify_.watch(ancestor, nearest ? selfMask | appearanceMask : selfMask);
-      if (watch && nearest) awaited_ = missing.substr(missing.rfind('/') + 1);
-      if (watch) ancestors_.push_back(std::move(watch));
+      auto found = watch(ancestor, nearest ? selfMask | appearanceMask : selfMask);
+      if (found && nearest) awaited_ = missing.substr(missing.rfind('/') + 1);
+      if (found) ancestors_.push_back(std::move(found));
       if (awaited_.empty()) missing = ancestor;
     }
     if (directory_ ? directoryIsStillThere() : !isDirectory(missing)) return;

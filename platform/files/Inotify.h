@@ -84,9 +84,12 @@ class Inotify {
 /// the nearest ancestor that exists. Ancestors that are moved or removed are noticed too.
 class WatchedPath {
  public:
+  /// How directories on the path are found; with errno set when they are not.
+  using Open = FileDescriptor (*)(const std::string& directory);
+
   /// `mask` is what is wanted of the directory. Nothing is watched before establish().
-  WatchedPath(Inotify& inotify, std::string path, std::uint32_t mask)
-      : inotify_(inotify), path_(std::move(path)), mask_(mask) {}
+  WatchedPath(Inotify& inotify, std::string path, std::uint32_t mask, Open open = nullptr)
+      : inotify_(inotify), path_(std::move(path)), mask_(mask), open_(open) {}
 
   const std::string& path() const { return path_; }
 
@@ -100,11 +103,14 @@ class WatchedPath {
   void establish();
 
  private:
-  bool directoryIsStillThere();
+  Inotify::Watch watch(const std::string& directory, std::uint32_t mask) const;
+  bool isDirectory(const std::string& path) const;
+  bool directoryIsStillThere() const;
 
   Inotify& inotify_;
   std::string path_;
   std::uint32_t mask_;
+  Open open_;
   Inotify::Watch directory_;
   std::vector<Inotify::Watch> ancestors_;
   /// The entry of the nearest ancestor that would be the next step to the missing directory.

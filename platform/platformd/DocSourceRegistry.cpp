@@ -260,9 +260,14 @@ void DocSourceRegistry::didFinishWriting(const qx::URL& url, const std::string& 
                                          qx::Completion<> completion,
                                          const std::optional<qx::User>& as) {
   if (const SourcePointer owner = placeOf(url, as).owner) {
-    DS_LOG("[INFO] Doc source %@ is told that %@ wrote %@.", owner->identifier, writerID, url);
-    owner->host->writerDidFinish(owner->identifier, writerID, url, std::move(completion));
+    didFinishWriting(*owner, url, writerID, std::move(completion));
   } else if (completion) {
     completion();
   }
+}
+
+void DocSourceRegistry::didFinishWriting(const DocSource& owner, const qx::URL& url,
+                                         const std::string& writerID, qx::Completion<> completion) {
+  DS_LOG("[INFO] Doc source %@ is told that %@ wrote %@.", owner.identifier, writerID, url);
+  owner.host->writerDidFinish(owner.identifier, writerID, url, std::move(completion));
 }

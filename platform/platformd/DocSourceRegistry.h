@@ -125,6 +125,10 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   void didFinishWriting(const qx::URL& url, const std::string& writerID,
                         qx::Completion<> completion = {},
                         const std::optional<qx::User>& as = std::nullopt);
+  /// Tells this doc source that an item was written that is known to be its own; nothing is looked
+  /// up.
+  static void didFinishWriting(const DocSource& owner, const qx::URL& url,
+                               const std::string& writerID, qx::Completion<> completion = {});
 
  private:
   using SourcePointer = std::shared_ptr<const DocSource>;

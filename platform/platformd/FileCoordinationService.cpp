@@ -16,6 +16,7 @@
 #include "platform/files/Places.h"
 #include "platform/identity/Bundles.h"
 #include "platform/platformd/ServicePeer.h"
+#include "platform/platformd/kernel/Beneath.h"
 #include "platform/platformd/kernel/CooperativeGuard.h"
 #include "platform/sandbox/Sandbox.h"
 
@@ -274,6 +275,8 @@ class FileCoordinationClient final : public QXFileCoordination,
     struct stat status;
     if (!directory || fstat(directory.get(), &status) != 0) return qx::fileError(errno, url);
     if (status.st_uid != user) return DSNotPermittedError();
+    // Its placeholders could not be guarded: whoever opened one would wait for that program.
+    if (qx::kernel::isServedByProgram(directory.get())) return qx::fileError(EOPNOTSUPP, url);
     return qx::URL::fileURL(path, true);
   }
 

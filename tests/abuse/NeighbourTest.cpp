@@ -2,16 +2,22 @@
 // connections, descriptors, bytes and calls as he is let.
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/xattr.h>
 
 #include <atomic>
 #include <thread>
 
+#include "platform/files/FileManager.h"
 #include "tests/abuse/Abuse.h"
 #include "tests/abuse/Bystander.h"
+#include "tests/abuse/ServedFileSystem.h"
 #include "tests/support/Machine.h"
 
 namespace qx::test {
 namespace {
+
+namespace fs = std::filesystem;
 
 /// Everything that one user can have the service hold, until a file appears.
 int hoard(const MachineUser& user, const std::string& stop) {
@@ -89,6 +95,130 @@ TEST_F(MachineTest, AHostileUserHoldsUpNobodyElse) {
   tally.note = usage.text();
   std::ofstream(stop).flush();
   attack.join();
+}
+
+constexpr const char* addDocSource = "addDocSource:providedItemsURL:completion:";
+
+std::string readWithin(const MachineUser& user, const std::string& path) {
+  return user.output({"timeout", "20", "cat", path});
+}
+
+/// A child of this process that does one thing and is ended with this object.
+class Doing {
+ public:
+  explicit Doing(const std::function<void()>& what) : process_(fork()) {
+    if (process_ == 0) {
+      what();
+      _exit(0);
+    }
+  }
+  Doing(const Doing&) = delete;
+  Doing& operator=(const Doing&) = delete;
+  ~Doing() {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+  pid_t process() const { return process_; }
+
+ private:
+  const pid_t process_;
+};
+
+/// Whether the kernel comes to keep a process waiting for an answer from somebody; for root.
+bool isHeld(pid_t process) {
+  return eventually([&] {
+    const auto at = FileManager::readFile("/proc/" + std::to_string(process) + "/wchan");
+    return at && (at->starts_with("fanotify") || at->starts_with("request_wait"));
+  });
+}
+
+TEST_F(MachineTest, AFileSystemOfAUsersProgramHoldsUpNobodyElse) {
+  if (!coordinatesEverybody()) GTEST_SKIP() << "needs CAP_SYS_ADMIN, to keep readers waiting";
+  if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "needs /dev/fuse";
+  alice().start();
+  const std::string served = mallory().root() + "/served", tree = mallory().root() + "/tree";
+  const std::string mounted = mallory().root() + "/mounted", over = mallory().root() + "/over";
+  for (const auto& directory : {served, tree}) fs::create_directory(directory);
+  mallory().give(mallory().root());
+  std::optional<ServedFileSystem> files(std::in_place, served, mallory().number(), false);
+  if (!files->isMounted()) GTEST_SKIP() << "needs the kernel's FUSE";
+  std::optional<ServedFileSystem> another;
+  std::thread hostile([&] {
+    EXPECT_EQ(mallory().run([&] {
+      Wire wire = connectTo(coordinationService);
+      wire.call(addDocSource, {"served", URL::fileURL(served, true)});
+      if (wire.call(addDocSource, {"tree", URL::fileURL(tree, true)}).outcome() != "success") {
+        return 1;
+      }
+      const FileDescriptor file(open((tree + "/one").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+      if (fsetxattr(file.get(), "user.docsource.placeholder", "absent", 6, 0) != 0 ||
+          ftruncate(file.get(), 1 << 20) != 0) {
+        return 2;
+      }
+      std::ofstream(mallory().root() + "/ready").flush();
+      if (!eventually([&] { return fs::exists(mounted); })) return 3;
+      // A file of the one, and one that lies below the other by now.
+      const Doing opening([&] { open((served + "/document").c_str(), O_RDONLY | O_CLOEXEC); });
+      char byte = 0;
+      const Doing reading([&] { (void)!pread(file.get(), &byte, 1, 0); });
+      std::ofstream(mallory().root() + "/new") << opening.process() << " " << reading.process();
+      fs::rename(mallory().root() + "/new", mallory().root() + "/doing");
+      return eventually([&] { return fs::exists(over); }) ? 0 : 4;
+    }),
+              0);
+  });
+  EXPECT_TRUE(eventually([&] { return fs::exists(mallory().root() + "/ready"); }));
+  files->hang();
+  another.emplace(tree, mallory().number(), true);
+  std::ofstream(mounted).flush();
+  EXPECT_TRUE(eventually([&] { return fs::exists(mallory().root() + "/doing"); }));
+  pid_t opening = 0, reading = 0;
+  std::ifstream(mallory().root() + "/doing") >> opening >> reading;
+  EXPECT_TRUE(isHeld(opening));
+  EXPECT_TRUE(isHeld(reading));
+  // What she asks for, what comes into her tree, and what she adds.
+  EXPECT_EQ(readWithin(alice(), alice().document("plan")), alice().content("plan"));
+  EXPECT_EQ(alice().run([&] {
+    const std::string more = alice().root() + "/more";
+    fs::create_directory(more);
+    Wire wire = connectTo(coordinationService);
+    return wire.call(addDocSource, {"more", URL::fileURL(more, true)}).outcome() == "success" ? 0
+                                                                                              : 1;
+  }),
+            0);
+  std::ofstream(over).flush();
+  files.reset();
+  another.reset();
+  hostile.join();
+}
+
+TEST_F(MachineTest, NobodyTakesATreeByALinkThatIsPutThereLater) {
+  if (!coordinatesEverybody()) GTEST_SKIP() << "needs CAP_SYS_ADMIN, to keep readers waiting";
+  alice().start();
+  const std::string bait = mallory().root() + "/bait", many = mallory().root() + "/many";
+  fs::create_directory(bait);
+  for (int i = 0; i < 10000; ++i) fs::create_directories(many + "/" + std::to_string(i));
+  mallory().give(mallory().root());
+  const std::string swapped = machine_ / "swapped";
+  std::thread hostile([&] {
+    EXPECT_EQ(mallory().run([&] {
+      Wire wire = connectTo(coordinationService);
+      // The second has been accepted, and waits for its turn to be marked.
+      const auto first = wire.begin(addDocSource, {"many", URL::fileURL(many, true)});
+      const auto second = wire.begin(addDocSource, {"bait", URL::fileURL(bait, true)});
+      if (!eventually([&] { return fs::exists(swapped); })) return 1;
+      wire.answer(first);
+      wire.answer(second);
+      return 0;
+    }),
+              0);
+  });
+  EXPECT_TRUE(platform_->logs("/bait/ of user"));
+  fs::rename(bait, bait + ".old");
+  fs::create_directory_symlink(alice().storage(), bait);
+  std::ofstream(swapped).flush();
+  hostile.join();
+  EXPECT_EQ(readWithin(alice(), alice().document("plan")), alice().content("plan"));
 }
 
 }  // namespace

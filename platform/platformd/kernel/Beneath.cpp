@@ -5,19 +5,25 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstring>
+#include <fstream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <utility>
 
 #include "platform/base/Text.h"
+#include "platform/files/Places.h"
 
 namespace qx::kernel {
 namespace {
@@ -35,6 +41,32 @@ FileDescriptor open2(int directory, const char* path, int flags, std::uint64_t r
     descriptor = syscall(SYS_openat2, directory, path, &how, sizeof how);
   } while (descriptor < 0 && errno == EINTR);
   return FileDescriptor(static_cast<int>(descriptor));
+}
+
+/// STATX_MNT_ID_UNIQUE of later headers (Linux 6.8).
+constexpr unsigned uniqueMountName = 0x4000;
+constexpr std::size_t mostMounts = 4096;
+
+/// The mount that an open file is on, named in one of the two ways (statx(2)); absent where the
+/// kernel does not know that one. The file system is not asked anything.
+std::optional<std::uint64_t> mountOf(int file, unsigned kind) {
+  struct statx status {};
+  if (statx(file, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, kind, &status) != 0 ||
+      (status.stx_mask & kind) == 0) {
+    return std::nullopt;
+  }
+  return status.stx_mnt_id;
+}
+
+/// By the list of mounts (proc_pid_mountinfo(5)).
+bool isOfProgram(std::uint64_t mount) {
+  std::ifstream mounts("/proc/self/mountinfo");
+  for (std::string line; std::getline(mounts, line);) {
+    if (!line.starts_with(std::to_string(mount) + " ")) continue;
+    const auto type = line.find(" - ");
+    return type == std::string::npos || line.compare(type + 3, 4, "fuse") == 0;
+  }
+  return true;
 }
 
 /// How often a path is followed anew on which something is renamed meanwhile (EAGAIN).
@@ -57,6 +89,49 @@ FileDescriptor openDirectoryStrictly(const std::string& path) {
     return open2(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK,
                  RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS);
   });
+}
+
+bool isServedByProgram(int file) {
+  // Mounts of which it is known, by the names that the kernel never uses again.
+  static auto& known = *new std::map<std::uint64_t, bool>;
+  static auto& mutex = *new std::mutex;
+  const auto unique = mountOf(file, uniqueMountName);
+  if (unique) {
+    const std::lock_guard lock(mutex);
+    if (const auto found = known.find(*unique); found != known.end()) return found->second;
+  }
+  const auto number = mountOf(file, STATX_MNT_ID);
+  const bool isServed = !number || isOfProgram(*number);
+  if (unique) {
+    const std::lock_guard lock(mutex);
+    if (known.size() >= mostMounts) known.clear();
+    known[*unique] = isServed;
+  }
+  return isServed;
+}
+
+FileDescriptor openDirectoryPromptly(const std::string& path) {
+  if (!Places::servesMachine()) return openDirectoryStrictly(path);
+  FileDescriptor directory(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  for (std::size_t at = 1; directory && at < path.size();) {
+    const auto end = std::min(path.find('/', at), path.size());
+    const std::string name = path.substr(at, end - at);
+    at = end + 1;
+    if (name.empty()) continue;
+    // The first directory of a mount is found in the file system above it, which is none of a
+    // program's.
+    directory = persistently([&] {
+      return open2(directory.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW,
+                   RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS);
+    });
+    if (directory && isServedByProgram(directory.get())) {
+      directory.reset();
+      errno = EOPNOTSUPP;
+    }
+  }
+  if (!directory) return {};
+  return FileDescriptor(
+      openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
 }
 
 FileDescriptor openBeneath(int directory, const std::string& path, int flags) {

@@ -22,6 +22,15 @@ namespace qx::kernel {
 /// A directory, by an absolute path without links (openat2(2), RESOLVE_NO_SYMLINKS).
 FileDescriptor openDirectoryStrictly(const std::string& path);
 
+/// The same for a service that works for several users: no step of the path leads into a file
+/// system that a program serves (EOPNOTSUPP), so that no user's program can keep the service
+/// waiting. A service for one user goes wherever that user goes.
+FileDescriptor openDirectoryPromptly(const std::string& path);
+
+/// Whether a program serves the file system of an open file (fuse(4)); found out without asking
+/// that program. What cannot be found out counts as served.
+bool isServedByProgram(int file);
+
 /// What lies below an open directory, on the same mount and without a link anywhere, the last name
 /// included (openat2(2), RESOLVE_BENEATH, RESOLVE_NO_XDEV, RESOLVE_NO_SYMLINKS).
 FileDescriptor openBeneath(int directory, const std::string& path, int flags);

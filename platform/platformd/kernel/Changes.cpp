@@ -29,11 +29,9 @@ constexpr std::size_t mostDirectories = 64;
 
 }  // namespace
 
-Changes::Changes(std::shared_ptr<DocSourceRegistry> registry, const ChangeGroup& group,
-                 GuardedTrees& trees, Claims& claims, OnArrival onArrival, OnProgress onProgress,
-                 std::function<void()> onLoss, OnQueue onQueue, Slowly slowly)
-    : registry_(std::move(registry)),
-      group_(group),
+Changes::Changes(const ChangeGroup& group, GuardedTrees& trees, Claims& claims, OnArrival onArrival,
+                 OnProgress onProgress, OnLoss onLoss, OnQueue onQueue, Slowly slowly)
+    : group_(group),
       trees_(trees),
       claims_(claims),
       onArrival_(std::move(onArrival)),
@@ -43,13 +41,14 @@ Changes::Changes(std::shared_ptr<DocSourceRegistry> registry, const ChangeGroup&
       slowly_(std::move(slowly)),
       writes_(now()) {}
 
-void Changes::drain() {
+void Changes::drain(bool all) {
   std::map<FileHandle, std::optional<GuardedTrees::Directory>> directories;
-  for (const auto& change : group_.read()) {
+  exempt_.clear();
+  for (const auto& change : group_.read(all)) {
     if (!change.directory) {
       DS_LOG("[NOTICE] Changes of files were lost; looking at everything again.");
       writes_.clear();
-      onLoss_();
+      onLoss_(std::nullopt);
       continue;
     }
     if (change.process == getpid()) continue;
@@ -64,11 +63,17 @@ void Changes::drain() {
   }
 }
 
+bool Changes::isExempt(pid_t process, const std::optional<GuardedTrees::Place>& place) {
+  const auto [known, isNew] = exempt_.try_emplace({process, place ? place->path : std::string()});
+  if (isNew) known->second = claims_.isExempt(process, place);
+  return known->second;
+}
+
 void Changes::apply(const ChangeEvent& change,
                     const std::optional<GuardedTrees::Directory>& directory) {
   if (change.mask & (FAN_MOVED_FROM | FAN_DELETE) && change.target) {
-    slowly_(directory ? directory->owner : 0,
-            [this, target = *change.target] { trees_.wasMoved(target); });
+    later(directory ? directory->owner : 0,
+          [this, target = *change.target] { trees_.wasMoved(target); });
   }
   if (!directory || change.name.empty() || change.name == ".") return;
   if (change.mask & FAN_ONDIR) {
@@ -76,7 +81,7 @@ void Changes::apply(const ChangeEvent& change,
     FileDescriptor made =
         openBeneath(directory->file.get(), change.name, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
     const bool isForeign = directory->place && claims_.of(*directory->place) &&
-                           !claims_.isExempt(change.process, directory->place);
+                           !isExempt(change.process, directory->place);
     if (made) {
       look(std::move(made), directory->owner,
            isForeign ? std::optional(change.process) : std::nullopt);
@@ -91,7 +96,7 @@ void Changes::apply(const ChangeEvent& change,
 
 void Changes::applyToFile(const ChangeEvent& change, const GuardedTrees::Directory& directory,
                           const FileDescriptor& file, const struct stat& status) {
-  const bool isForeign = !claims_.isExempt(change.process, directory.place);
+  const bool isForeign = !isExempt(change.process, directory.place);
   const bool isModified = (change.mask & FAN_MODIFY) != 0;
   const bool isClosed = (change.mask & (FAN_CLOSE_WRITE | FAN_MOVED_TO)) != 0;
   if (isForeign && isModified && status.st_size == 0 && status.st_uid == directory.owner) {
@@ -115,33 +120,58 @@ void Changes::applyToFile(const ChangeEvent& change, const GuardedTrees::Directo
     std::erase(writers, change.process);
   }
   if (change.mask & FAN_MOVED_TO) writers.push_back(change.process);
-  for (const pid_t writer : writers) {
-    writes_.isKnown(status);
-    report(file, directory.path + "/" + change.name, writer);
-  }
+  if (writers.empty()) return;
+  writes_.isKnown(status);
+  struct stat now;
+  if (fstat(file.get(), &now) != 0 || Placeholder::isOne(file.get(), now)) return;
+  GuardedTrees::Place place = *directory.place;
+  place.path = directory.path + "/" + change.name;
+  for (const pid_t writer : writers) tell(place, writer);
 }
 
-void Changes::look(FileDescriptor directory, uid_t owner, std::optional<pid_t> maker) {
-  trees_.watch(directory.get(), owner);
-  slowly_(owner, [this, directory = std::make_shared<FileDescriptor>(std::move(directory)), owner,
-                  maker] {
-    auto scan = trees_.look(directory->get(), owner, maker.has_value());
-    onQueue_([this] { onArrival_(std::nullopt); });
-    if (!maker) return;
-    onQueue_([this, maker, contents = std::move(scan.contents)] {
-      for (const auto& path : contents) {
-        const auto place = trees_.placeOf(path);
-        if (place)
-          registry_->didFinishWriting(URL::fileURL(path), ProcessLineage::identifierOf(*maker));
-      }
+void Changes::later(uid_t user, WorkQueue::Task task) {
+  auto& backlog = backlogs_[user];
+  if (backlog.tasks >= mostOfOneUser) {
+    backlog.isLost = true;
+    return;
+  }
+  ++backlog.tasks;
+  slowly_(user, [this, user, task = std::move(task)] {
+    task();
+    onQueue_([this, user] {
+      auto& done = backlogs_[user];
+      if (--done.tasks != 0) return;
+      const bool isLost = done.isLost;
+      backlogs_.erase(user);
+      if (!isLost) return;
+      DS_LOG("[NOTICE] User %d changes more than can be followed; looking at everything again.",
+             user);
+      onLoss_(user);
     });
   });
 }
 
-void Changes::report(const FileDescriptor& file, const std::string& path, pid_t writer) {
-  struct stat status;
-  if (fstat(file.get(), &status) != 0 || Placeholder::isOne(file.get(), status)) return;
-  registry_->didFinishWriting(URL::fileURL(path), ProcessLineage::identifierOf(writer));
+void Changes::look(FileDescriptor directory, uid_t owner, std::optional<pid_t> maker) {
+  trees_.watch(directory.get(), owner);
+  later(owner,
+        [this, directory = std::make_shared<FileDescriptor>(std::move(directory)), owner, maker] {
+          auto scan = trees_.look(directory->get(), owner, maker.has_value());
+          onQueue_([this] { onArrival_(std::nullopt); });
+          if (!maker) return;
+          onQueue_([this, maker, contents = std::move(scan.contents)] {
+            for (const auto& path : contents) {
+              if (const auto place = trees_.placeOf(path)) tell(*place, *maker);
+            }
+          });
+        });
+}
+
+void Changes::tell(const GuardedTrees::Place& place, pid_t writer) const {
+  // The path is not looked up: where it leads by now is nobody's business here.
+  if (const Claims::Claim* claim = claims_.of(place)) {
+    DocSourceRegistry::didFinishWriting(claim->source, URL::fileURL(place.path),
+                                        ProcessLineage::identifierOf(writer));
+  }
 }
 
 }  // namespace qx::kernel

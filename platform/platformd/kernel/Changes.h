@@ -3,10 +3,13 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/platformd/DocSourceRegistry.h"
 #include "platform/platformd/kernel/Claims.h"
@@ -28,18 +31,22 @@ class Changes {
   using OnArrival = std::function<void(const std::optional<FileIdentity>&)>;
   using OnProgress = std::function<void(const FileIdentity&)>;
   using Slowly = std::function<void(uid_t, WorkQueue::Task)>;
+  /// Of one user, or of all.
+  using OnLoss = std::function<void(std::optional<uid_t>)>;
+  /// What is to be looked at of one user's, each with a descriptor.
+  static constexpr std::size_t mostOfOneUser = 256;
 
-  /// What is handed over must outlive this, but for the registry. `onQueue` comes back to the
+  /// What is handed over must outlive this. `onQueue` comes back to the
   /// queue, `slowly` runs what takes long, elsewhere, one thing of a user after the other, and
   /// keeps all of this alive meanwhile; `onArrival` is called with a placeholder that has come to a
   /// place in a tree, and with nothing when a directory has, `onProgress` when the attributes of
-  /// one have changed, `onLoss` when the kernel has lost events.
-  Changes(std::shared_ptr<DocSourceRegistry> registry, const ChangeGroup& group,
-          GuardedTrees& trees, Claims& claims, OnArrival onArrival, OnProgress onProgress,
-          std::function<void()> onLoss, OnQueue onQueue, Slowly slowly);
+  /// one have changed, `onLoss` when the kernel has lost events, or one user's were too many.
+  Changes(const ChangeGroup& group, GuardedTrees& trees, Claims& claims, OnArrival onArrival,
+          OnProgress onProgress, OnLoss onLoss, OnQueue onQueue, Slowly slowly);
 
-  /// Takes what the kernel has told of until now.
-  void drain();
+  /// Takes what the kernel has told of until now, or a few hundred of it: however many changes one
+  /// user makes, who waits for a file does not wait for all of them to be looked at.
+  void drain(bool all);
 
  private:
   void apply(const ChangeEvent& change, const std::optional<GuardedTrees::Directory>& directory);
@@ -48,18 +55,28 @@ class Changes {
   /// Marks a directory that came into a tree; what somebody else put into it before counts as
   /// written.
   void look(FileDescriptor directory, uid_t owner, std::optional<pid_t> maker);
-  void report(const FileDescriptor& file, const std::string& path, pid_t writer);
+  /// Has it done where it takes long; past the bound everything of that user's is looked at
+  /// instead.
+  void later(uid_t user, WorkQueue::Task task);
+  void tell(const GuardedTrees::Place& place, pid_t writer) const;
+  bool isExempt(pid_t process, const std::optional<GuardedTrees::Place>& place);
 
-  const std::shared_ptr<DocSourceRegistry> registry_;
   const ChangeGroup& group_;
   GuardedTrees& trees_;
   Claims& claims_;
   const OnArrival onArrival_;
   const OnProgress onProgress_;
-  const std::function<void()> onLoss_;
+  const OnLoss onLoss_;
   const OnQueue onQueue_;
   const Slowly slowly_;
   FinishedWrites writes_;
+  struct Backlog {
+    std::size_t tasks = 0;
+    bool isLost = false;
+  };
+  std::map<uid_t, Backlog> backlogs_;
+  /// What was found out for what is being taken, by process and directory.
+  std::map<std::pair<pid_t, std::string>, bool> exempt_;
 };
 
 }  // namespace qx::kernel

@@ -45,9 +45,9 @@ int mark(int group, unsigned flags, std::uint64_t mask, int file) {
   return fanotify_mark(group, flags, mask, AT_FDCWD, procPath(file).c_str()) == 0 ? 0 : errno;
 }
 
-/// Hands each event that can be read now to `take`, with its length.
+/// Hands each event that can be read now to `take`, with its length, or some of them.
 template <class Take>
-void readEvents(int group, Take take) {
+void readEvents(int group, bool all, Take take) {
   alignas(fanotify_event_metadata) std::array<char, 16384> buffer;
   for (;;) {
     const ssize_t length = read(group, buffer.data(), buffer.size());
@@ -60,6 +60,7 @@ void readEvents(int group, Take take) {
       take(event, buffer.data() + at);
       at += event.event_len;
     }
+    if (!all) return;
   }
 }
 
@@ -137,7 +138,7 @@ Result<AccessGroup> AccessGroup::create(bool waitsForLeases) {
 
 std::vector<AccessEvent> AccessGroup::read() const {
   std::vector<AccessEvent> events;
-  readEvents(descriptor_.get(), [&](const fanotify_event_metadata& event, const char* bytes) {
+  readEvents(descriptor_.get(), true, [&](const fanotify_event_metadata& event, const char* bytes) {
     if (event.fd < 0) return;
     events.push_back({FileDescriptor(event.fd), event.pid, processOf(event.pid), event.mask,
                       rangeIn(bytes, event)});
@@ -192,9 +193,9 @@ Result<ChangeGroup> ChangeGroup::create() {
   return ChangeGroup(std::move(group));
 }
 
-std::vector<ChangeEvent> ChangeGroup::read() const {
+std::vector<ChangeEvent> ChangeGroup::read(bool all) const {
   std::vector<ChangeEvent> events;
-  readEvents(descriptor_.get(), [&](const fanotify_event_metadata& event, const char* bytes) {
+  readEvents(descriptor_.get(), all, [&](const fanotify_event_metadata& event, const char* bytes) {
     ChangeEvent change{event.mask, event.pid, {}, {}, {}};
     if (!(event.mask & FAN_Q_OVERFLOW)) {
       readRecords(bytes, event, change);

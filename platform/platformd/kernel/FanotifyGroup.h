@@ -92,7 +92,8 @@ class ChangeGroup {
   explicit ChangeGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   int descriptor() const { return descriptor_.get(); }
-  std::vector<ChangeEvent> read() const;
+  /// Everything, or a few hundred of them.
+  std::vector<ChangeEvent> read(bool all) const;
   int watchDirectory(int directory) const;
 
  private:

@@ -23,7 +23,7 @@ std::string parentOf(const std::string& path) {
 /// A directory on that file system: the one at the path, or the nearest above that is there.
 FileDescriptor mountAt(std::string path, const FileHandle::FileSystem& fileSystem) {
   for (;; path = parentOf(path)) {
-    FileDescriptor directory = openDirectoryStrictly(path);
+    FileDescriptor directory = openDirectoryPromptly(path);
     if (directory && fileSystemOf(directory.get()) == fileSystem) return directory;
     if (directory || path == "/") return {};
   }
@@ -51,7 +51,7 @@ GuardedTrees::GuardedTrees(const AccessGroup& accesses, const ChangeGroup& chang
 }
 
 FileDescriptor GuardedTrees::openRoot(const std::string& path, uid_t owner) {
-  FileDescriptor root = openDirectoryStrictly(path);
+  FileDescriptor root = openDirectoryPromptly(path);
   struct stat status;
   if (root && (fstat(root.get(), &status) != 0 || status.st_uid != owner)) {
     root.reset();
@@ -200,16 +200,26 @@ GuardedTrees::Scan GuardedTrees::lookAt(const std::string& path, uid_t owner) {
 GuardedTrees::Scan GuardedTrees::claim(uid_t owner, const std::string& path) {
   {
     const std::lock_guard listLock(listMutex_);
+    const FileDescriptor root = openRoot(path, owner);
+    const int errnum = root ? 0 : errno;
     std::optional<Guarded> isNew;
     {
       const std::lock_guard lock(mutex_);
+      const auto known = trees_.find(path);
+      const bool isOthers = known != trees_.end() && known->second.entry.owner != owner;
+      if (errnum == EACCES || (!root && isOthers)) {
+        Scan refused;
+        refused.errnum = EACCES;
+        return refused;
+      }
       auto& tree = trees_[path];
-      ++tree.claims;
-      if (!tree.isRemembered || tree.entry.owner != owner) {
+      // Those of whom it was before are no claims on this one.
+      tree.claims = isOthers ? 1 : tree.claims + 1;
+      if (known == trees_.end()) {
         isNew = tree.entry = {Guarded::Kind::tree, owner, path, std::nullopt};
       }
     }
-    if (isNew && !openRoot(path, owner)) {
+    if (isNew && !root) {
       const bool isRemembered = list_.add(*isNew);
       const std::lock_guard lock(mutex_);
       trees_[path].isRemembered = isRemembered;
@@ -218,28 +228,30 @@ GuardedTrees::Scan GuardedTrees::claim(uid_t owner, const std::string& path) {
   return lookAt(path, owner);
 }
 
-void GuardedTrees::release(const std::string& path) {
-  uid_t owner = 0;
+bool GuardedTrees::release(uid_t owner, const std::string& path) {
   {
     const std::lock_guard lock(mutex_);
     const auto tree = trees_.find(path);
-    if (tree == trees_.end() || tree->second.claims == 0 || --tree->second.claims > 0) return;
-    owner = tree->second.entry.owner;
+    if (tree == trees_.end() || tree->second.entry.owner != owner || tree->second.claims == 0 ||
+        --tree->second.claims > 0) {
+      return false;
+    }
   }
   const FileDescriptor root = openRoot(path, owner);
-  if (root && countPlaceholders(root.get(), path, owner) != 0) return;
+  if (root && countPlaceholders(root.get(), path, owner) != 0) return false;
   const std::lock_guard listLock(listMutex_);
   std::optional<Guarded> forgotten;
   {
     const std::lock_guard lock(mutex_);
     const auto tree = trees_.find(path);
     // One that is away may hold placeholders when it comes back.
-    if (tree == trees_.end() || tree->second.claims > 0) return;
-    if (!root && tree->second.entry.handle) return;
+    if (tree == trees_.end() || tree->second.claims > 0) return false;
+    if (!root && tree->second.entry.handle && tree->second.isRemembered) return false;
     forgotten = tree->second.entry;
     trees_.erase(tree);
   }
   list_.remove(*forgotten);
+  return true;
 }
 
 std::optional<GuardedTrees::Scan> GuardedTrees::lookAgain(const std::string& path) {

@@ -55,11 +55,13 @@ class GuardedTrees {
   Scan guardAll();
   /// A doc source claims the tree: remembers it, then marks it, each directory before it is looked
   /// through, so that what comes into it afterwards is told. Placeholders that were concealed are
-  /// revealed. `path` is without links. EACCES for a directory that is not the owner's.
+  /// revealed. `path` is without links. EACCES, and nothing is remembered, for a directory that is
+  /// not the owner's, and for one that is away and was another's.
   Scan claim(uid_t owner, const std::string& path);
-  /// No doc source claims it any more, as often as it was claimed. It is forgotten at once when it
-  /// holds no placeholder.
-  void release(const std::string& path);
+  /// No doc source of the owner claims it any more, as often as it was claimed. It is forgotten at
+  /// once when it holds no placeholder, and when it is away and there is no room to remember it.
+  /// Whether it was forgotten.
+  bool release(uid_t owner, const std::string& path);
   /// Looks whether another directory is at the path now, and marks it. Absent when there is not.
   std::optional<Scan> lookAgain(const std::string& path);
   /// Marks what is there once more, as events were lost.

@@ -12,6 +12,7 @@
 #include "platform/base/Errors.h"
 #include "platform/base/FileDescriptor.h"
 #include "platform/coordination/CoordinationState.h"
+#include "platform/files/Places.h"
 #include "platform/log/Log.h"
 
 namespace qx::kernel {
@@ -22,9 +23,11 @@ std::string withoutSlash(std::string path) {
   return path;
 }
 
-/// The path without links, as far as it leads anywhere.
+/// The path without links, as far as it leads anywhere. Where there are several users it came
+/// without, and is not followed again: whoever has put a link there since gets nothing by it.
 std::string canonical(const URL& directory) {
   const std::string path = directory.path().value_or("/");
+  if (Places::servesMachine()) return withoutSlash(path);
   std::error_code problem;
   const auto resolved = std::filesystem::weakly_canonical(path, problem).string();
   return withoutSlash(problem ? path : resolved);
@@ -97,7 +100,7 @@ void KernelCoordinator::start(std::function<void()> onStop) {
     if (const auto self = weak.lock()) self->slowly(user, std::move(task));
   };
   changes_ = std::make_unique<Changes>(
-      registry_, changeGroup_, trees_, claims_,
+      changeGroup_, trees_, claims_,
       [this](const std::optional<FileIdentity>& file) {
         if (file) return readers_->arrived(*file);
         // With a directory any number may have come, and directories may come all the time.
@@ -112,10 +115,10 @@ void KernelCoordinator::start(std::function<void()> onStop) {
         });
       },
       [this](const FileIdentity& file) { readers_->progressed(file); },
-      [this] {
+      [this](std::optional<uid_t> user) {
         for (const auto& path : trees_.paths()) {
           const auto tree = trees_.placeOf(path == "/" ? "/." : path + "/.");
-          if (!tree) continue;
+          if (!tree || (user && *user != tree->owner)) continue;
           slowly(tree->owner, [this, path] {
             trees_.markAgain(path);
             DS_LOG("[INFO] Looked at %@ again.", path);
@@ -124,7 +127,8 @@ void KernelCoordinator::start(std::function<void()> onStop) {
       },
       toQueue, toSlowQueue);
   readers_ = std::make_unique<Readers>(
-      registry_, holder_, trees_, claims_, *programs_, [this] { drain(); }, toQueue, toSlowQueue);
+      registry_, holder_, trees_, claims_, *programs_, [this] { changes_->drain(true); }, toQueue,
+      toSlowQueue);
   watch_ = TreeWatch::start([weak = weak_from_this()](const std::string& path) {
     const auto self = weak.lock();
     const auto tree = self ? self->trees_.placeOf(path + "/.") : std::nullopt;
@@ -174,7 +178,7 @@ void KernelCoordinator::docSourceAdded(const DocSource& source, std::function<vo
     programs_->learn(source.owner);
     slowly(source.owner, [this, source, onWatched, replaced] {
       claim(source, onWatched);
-      if (replaced) trees_.release(replaced->tree);
+      if (replaced) release(replaced->source.owner, replaced->tree);
     });
     readers_->askAgain();
   });
@@ -185,7 +189,8 @@ void KernelCoordinator::docSourceRemoved(const DocSource& source) {
     const auto removed = claims_.remove(source);
     if (!removed) return;
     // The marks stay: who reads what nobody provides any more waits, and is not shown zeros.
-    slowly(source.owner, [this, tree = removed->tree] { trees_.release(tree); });
+    slowly(source.owner,
+           [this, owner = source.owner, tree = removed->tree] { release(owner, tree); });
     readers_->lookWhoIsAway();
   });
 }
@@ -201,8 +206,11 @@ void KernelCoordinator::docSourceLost(const DocSource& source) {
 /// marks keep readers from zeros whether it is there or not.
 void KernelCoordinator::claim(const DocSource& source, const std::function<void()>& onWatched) {
   const std::string path = canonical(source.directory);
-  watch_->add(path);
   const auto scan = trees_.claim(source.owner, path);
+  if (scan.errnum != EACCES) {
+    watch_->add(path);
+    lookAgain(path);  // before the watch another directory may have come
+  }
   if (scan.mask == 0 && scan.errnum == ENOENT) {
     DS_LOG("[INFO] %@ is watched for doc source %@ when it appears.", path, source.identifier);
   } else if (scan.mask == 0) {
@@ -223,6 +231,10 @@ void KernelCoordinator::claim(const DocSource& source, const std::function<void(
     readers_->askAgain();
     onWatched();
   });
+}
+
+void KernelCoordinator::release(uid_t owner, const std::string& path) {
+  if (trees_.release(owner, path)) watch_->remove(path);
 }
 
 void KernelCoordinator::lookAgain(const std::string& path) {

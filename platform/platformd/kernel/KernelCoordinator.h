@@ -58,9 +58,10 @@ class KernelCoordinator final : public DocSourceObserver,
   void slowly(uid_t user, WorkQueue::Task task);
   // On the queue.
   void receive();
-  void drain() { changes_->drain(); }
+  void drain() { changes_->drain(false); }
   // On the queue of the user.
   void claim(const DocSource& source, const std::function<void()>& onWatched);
+  void release(uid_t owner, const std::string& path);
   void lookAgain(const std::string& path);
 
   const std::shared_ptr<DocSourceRegistry> registry_;

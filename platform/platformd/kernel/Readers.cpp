@@ -40,8 +40,8 @@ void Readers::decide(const Access& access, FileDescriptor file) {
   if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return end(0);
   const FileIdentity identity = identityOf(status);
   const auto known = documents_.find(identity);
-  if (known == documents_.end() && Placeholder::isOne(file.get(), status)) {
-    // Perhaps it was emptied, or made, by whoever writes now: its change was queued before this.
+  if (known == documents_.end() && status.st_size == 0 && Placeholder::isOne(file.get(), status)) {
+    // Perhaps it was emptied by whoever writes now: its change was queued before this.
     drain_();
     if (fstat(file.get(), &status) != 0) return end(0);
   }

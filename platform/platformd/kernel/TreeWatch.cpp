@@ -13,6 +13,7 @@
 
 #include "platform/base/FileDescriptor.h"
 #include "platform/files/Inotify.h"
+#include "platform/platformd/kernel/Beneath.h"
 #include "platform/queue/Reactor.h"
 
 namespace qx::kernel {
@@ -27,7 +28,7 @@ class Paths {
 
   void add(const std::string& path) {
     const std::lock_guard lock(mutex_);
-    const auto [entry, isNew] = paths_.try_emplace(path, inotify_, path, 0);
+    const auto [entry, isNew] = paths_.try_emplace(path, inotify_, path, 0, &openDirectoryPromptly);
     if (isNew) entry->second.establish();
   }
   void remove(const std::string& path) {
