@@ -75,9 +75,34 @@ bool isName(const std::string& application) {
          application.find('\0') == std::string::npos && application != "." && application != "..";
 }
 
+/// A directory in another, to be looked through and changed: what an application has taken off its
+/// permissions is given back.
+FileDescriptor openDirectory(const FileDescriptor& above, const std::string& name) {
+  const auto found = openBeneath(above.get(), name, O_PATH | O_DIRECTORY);
+  struct stat status;
+  if (!found || fstat(found.get(), &status) != 0) return {};
+  if (status.st_uid == geteuid() && (status.st_mode & S_IRWXU) != S_IRWXU) {
+    chmod(kernel::procPath(found.get()).c_str(), (status.st_mode & 07777) | S_IRWXU);
+  }
+  return kernel::reopen(found.get(), O_RDONLY | O_DIRECTORY);
+}
+
 FileDescriptor openTree(const FileDescriptor& root, const char* tree,
                         const std::string& directory) {
-  return openBeneath(root.get(), std::string(tree) + "/" + directory, O_RDONLY | O_DIRECTORY);
+  const std::string path = std::string(tree) + "/" + directory;
+  auto found = openBeneath(root.get(), path, O_RDONLY | O_DIRECTORY);
+  struct stat status;
+  if (found ? fstat(found.get(), &status) == 0 && (status.st_mode & S_IRWXU) == S_IRWXU
+            : errno != EACCES) {
+    return found;
+  }
+  found = root.duplicate();
+  for (std::size_t begin = 0; found && begin < path.size();) {
+    const auto end = std::min(path.find('/', begin), path.size());
+    found = openDirectory(found, path.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return found;
 }
 
 /// Whether the file that was to be linked has lost its name before or after it: linkat(2) finds no
@@ -506,34 +531,46 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
 
 namespace {
 
-/// Removes all names of these files below a directory; whether it is certain that there are none
-/// now: nothing was found, and nothing was moved while it was looked for.
+/// Removes all names of these files below a directory. While somebody may move things there it
+/// watches what it looks at (inotify(7)).
 class Search {
  public:
-  Search(const std::vector<FileIdentity>& files, bool mayRemoveTrees)
-      : files_(files), mayRemoveTrees_(mayRemoveTrees) {}
-
-  bool isClean(const FileDescriptor& directory) {
-    look(directory, 0);
-    return !hasFound_ && inotify_.read().empty();
+  Search(const std::vector<FileIdentity>& files, const FileDescriptor& top, bool isQuiet)
+      : files_(files), top_(top), isQuiet_(isQuiet) {
+    look(top_, 0);
+    while (!raised_.empty()) {
+      const auto directory = std::move(raised_.back());
+      raised_.pop_back();
+      look(directory, 0);
+    }
   }
+
+  /// Whether it is certain that there are none now: nothing was found, and nothing was moved.
+  bool isClean() { return !hasFound_ && isSure_ && (isQuiet_ || inotify_.read().empty()); }
+  /// Whether looking once more may tell: everything could be looked at, and watched.
+  bool isSure() const { return isSure_; }
 
  private:
   /// No document lies deeper; what does was put there so that it is not found.
   static constexpr int deepest = 128;
 
   void look(const FileDescriptor& directory, int depth) {
-    watches_.push_back(inotify_.watch(kernel::procPath(directory.get()), IN_MOVED_TO));
-    if (!watches_.back()) hasFound_ = true;
+    if (!isQuiet_) {
+      // There may be none left: every program of the user takes from the same store.
+      watches_.push_back(inotify_.watch(kernel::procPath(directory.get()), IN_MOVED_TO));
+      isSure_ = isSure_ && watches_.back();
+    }
     eachEntry(directory.get(), [&](const char* name) {
       const auto status = statusOf(directory, name);
       if (!status) return;
       if (S_ISDIR(status->st_mode)) {
-        const auto below = openBeneath(directory.get(), name, O_RDONLY | O_DIRECTORY);
+        auto below = openDirectory(directory, name);
         if (below && depth < deepest) return look(below, depth + 1);
-        hasFound_ = true;
-        const auto path = mayRemoveTrees_ && below ? kernel::pathOf(below.get()) : std::nullopt;
-        if (path) (void)FileManager::removeTree(*path);
+        if (!below || !isQuiet_ || !raise(directory, name)) {
+          isSure_ = false;
+        } else {
+          raised_.push_back(std::move(below));
+        }
       } else if (std::find(files_.begin(), files_.end(), identityOf(*status)) != files_.end()) {
         hasFound_ = true;
         unlinkat(directory.get(), name, 0);
@@ -541,31 +578,51 @@ class Search {
     });
   }
 
+  /// Moves what lies too deep up to the top, so that no depth is too deep.
+  bool raise(const FileDescriptor& directory, const char* name) {
+    for (;; ++lastNumber_) {
+      const auto raisedName = "moved up " + std::to_string(lastNumber_);
+      if (renameat2(directory.get(), name, top_.get(), raisedName.c_str(), RENAME_NOREPLACE) == 0) {
+        return true;
+      }
+      if (errno != EEXIST) return false;
+    }
+  }
+
   const std::vector<FileIdentity>& files_;
-  const bool mayRemoveTrees_;
+  const FileDescriptor& top_;
+  const bool isQuiet_;
   Inotify inotify_;
   std::vector<Inotify::Watch> watches_;
+  std::vector<FileDescriptor> raised_;
+  int lastNumber_ = 1;
   bool hasFound_ = false;
+  bool isSure_ = true;
 };
 
 }  // namespace
 
 std::optional<Error> DocumentView::removeEverywhere(const Files& files,
-                                                    const std::function<void()>& end) const {
+                                                    const EndSandboxes& end) const {
   constexpr int patience = 20, most = 500;
   for (const char* tree : {"known", "shown"}) {
     const auto directory = openTree(root_, tree, "");
     if (!directory) return posixError(errno, "The view cannot be opened");
-    for (int attempt = 1; !Search(files, attempt > patience).isClean(directory); ++attempt) {
-      if (attempt == patience) end();
+    bool isEnding = false, isClean = false;
+    for (int attempt = 1; !isClean; ++attempt) {
       if (attempt == most) return posixError(EBUSY, "The document cannot be taken out of a view");
+      // What was killed may be in the middle of something still.
+      const bool isQuiet = isEnding && end() == 0;
+      Search search(files, directory, isQuiet);
+      isClean = search.isClean() && (!isQuiet || end() == 0);
+      isEnding = isEnding || attempt == patience || !search.isSure();
     }
   }
   return std::nullopt;
 }
 
 std::optional<Error> DocumentView::hide(const std::string& document,
-                                        const std::function<void()>& endSandboxes) {
+                                        const EndSandboxes& endSandboxes) {
   Files files;
   bool isAlone = true;
   for (const auto& each : {document, siblingOf(document)}) {

@@ -92,9 +92,12 @@ class DocumentView {
   /// removed comes back.
   Result<Outcome> settle(const std::string& document, Look look);
 
+  /// Ends what runs in the application's sandboxes; how many processes there were.
+  using EndSandboxes = std::function<std::size_t()>;
   /// Takes a document and its sibling out of the view, under whatever name the application has put
-  /// them. `endSandboxes` is called when it goes on moving them about while they are looked for.
-  std::optional<Error> hide(const std::string& document, const std::function<void()>& endSandboxes);
+  /// them. `endSandboxes` is called when it goes on moving them about while they are looked for, or
+  /// has them where they cannot be looked for while it runs.
+  std::optional<Error> hide(const std::string& document, const EndSandboxes& endSandboxes);
 
   /// Directories to be watched: of the view, and the documents' own, empty where there is none.
   Result<FileDescriptor> makeShownFolder(const std::string& directory) const {
@@ -136,7 +139,7 @@ class DocumentView {
   std::optional<Error> putBeside(const Folder& folder) const;
   std::optional<Error> keepNext(const Folder& folder) const;
   static std::optional<Error> putAside(const Folder& folder);
-  std::optional<Error> removeEverywhere(const Files& files, const std::function<void()>& end) const;
+  std::optional<Error> removeEverywhere(const Files& files, const EndSandboxes& end) const;
 
   std::string application_;
   FileDescriptor root_;

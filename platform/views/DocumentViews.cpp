@@ -3,6 +3,7 @@
 
 #include "platform/views/DocumentViews.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
@@ -55,9 +56,11 @@ timespec now() {
   return time;
 }
 
-/// Ends every process in the sandboxes of an application.
-void endSandboxes(const std::string& application) {
-  DS_LOG("[NOTICE] Ending %@: it hides a document that is being taken back.", application);
+constexpr int timeToEnd = 1000;  // milliseconds
+
+/// Ends every process in the sandboxes of an application; how many there were.
+std::size_t endSandboxes(const std::string& application) {
+  std::size_t count = 0;
   std::error_code failed;
   for (std::filesystem::directory_iterator at("/proc", failed), end; !failed && at != end;
        at.increment(failed)) {
@@ -69,10 +72,19 @@ void endSandboxes(const std::string& application) {
     const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, number, 0)));
     const auto directory = process ? ProcessDirectory::open(number) : std::nullopt;
     const auto around = directory ? surroundingsOf(*directory) : std::nullopt;
-    if (around && around->application == application) {
-      syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0);
-    }
+    if (!around || around->application != application) continue;
+    // A process lives as long as one of its threads does, whatever became of the first.
+    pollfd itsEnd{process.get(), POLLIN, 0};
+    if (poll(&itsEnd, 1, 0) > 0) continue;
+    ++count;
+    syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0);
+    poll(&itsEnd, 1, timeToEnd);
   }
+  if (count != 0) {
+    DS_LOG("[NOTICE] Ended %@ (%d processes): it hides a document that is being taken back.",
+           application, count);
+  }
+  return count;
 }
 
 /// Everything is on the queue.
@@ -125,13 +137,24 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       auto view = DocumentView::open(application);
       const auto document = DocumentView::documentAt(path);
       if (!view || !document) return std::nullopt;
-      // What was saved while it was granted is the document's.
       takeEvents();
-      for (const auto& each : {*document, DocumentView::siblingOf(*document)}) {
-        settle(*view, {application, each}, true);
-        told_.erase({application, each});
+      return hide(*view, {application, *document});
+    });
+  }
+
+  std::optional<Error> hideAll(const std::string& application) {
+    return queue_->sync([&]() -> std::optional<Error> {
+      auto view = DocumentView::open(application);
+      if (!view) return std::nullopt;
+      takeEvents();
+      std::optional<Error> failure;
+      for (const auto& directory : view->directories()) {
+        for (const auto& document : view->documentsIn(directory)) {
+          auto left = hide(*view, {application, document});
+          if (left && !failure) failure = std::move(left);
+        }
       }
-      return view->hide(*document, [&] { endSandboxes(application); });
+      return failure;
     });
   }
 
@@ -146,6 +169,16 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   static FolderName folderOf(const std::string& application, const std::string& document) {
     const auto slash = document.rfind('/');
     return {application, slash == std::string::npos ? "" : document.substr(0, slash)};
+  }
+
+  std::optional<Error> hide(DocumentView& view, const DocumentName& name) {
+    const auto& [application, document] = name;
+    // What was saved while it was granted is the document's.
+    for (const auto& each : {document, DocumentView::siblingOf(document)}) {
+      settle(view, {application, each}, true);
+      told_.erase({application, each});
+    }
+    return view.hide(document, [&] { return endSandboxes(application); });
   }
 
   /// Watches a directory of documents on both sides, and then makes them the same: whatever happens
@@ -362,6 +395,10 @@ std::optional<Error> DocumentViews::show(const std::string& application, const U
 std::optional<Error> DocumentViews::hide(const std::string& application, const URL& document) {
   const auto path = document.path();
   return path ? Keeper::shared()->hide(application, *path) : std::nullopt;
+}
+
+std::optional<Error> DocumentViews::hideAll(const std::string& application) {
+  return Keeper::shared()->hideAll(application);
 }
 
 }  // namespace qx

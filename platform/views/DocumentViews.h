@@ -34,4 +34,8 @@ std::optional<Error> show(const std::string& application, const URL& document);
 /// and from its data. An application that keeps on moving it about meanwhile is ended.
 std::optional<Error> hide(const std::string& application, const URL& document);
 
+/// The same of every document that the application is shown. What it still has a grant for comes
+/// back when it is shown again.
+std::optional<Error> hideAll(const std::string& application);
+
 }  // namespace qx::DocumentViews
