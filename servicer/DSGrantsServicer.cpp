@@ -1,18 +1,21 @@
 #include "servicer/DSGrantsServicer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <utility>
 
 #include "acl/DSAccessControlStore.h"
 #include "platform/log/Log.h"
+#include "platform/sandbox/Sandbox.h"
 #include "platform/views/DocumentViews.h"
 #include "servicer/DSConduitServicer.h"
 #include "servicer/DSItemURLs.h"
 
 namespace {
 
-/// A listing is worth something without the URLs; a revocation is not complete without them.
+/// A listing is worth something without the URLs; a revocation without them takes back more than it
+/// was to.
 constexpr std::chrono::seconds timeForListing(5);
 constexpr std::chrono::seconds timeForRevoking(20);
 
@@ -84,17 +87,25 @@ void DSGrantsServicer::revokeItemWithID_ofProviderID_forConsumerID_completion(
       std::move(items), timeForRevoking,
       [completion = std::move(completion), providerID,
        consumerID](const std::vector<DSItemURL>& urls) {
-        // As many as possible, whatever becomes of the others.
         std::optional<qx::Error> failure;
-        for (const auto& url : urls) {
-          auto untold = url ? std::nullopt : std::optional(DSProxyNotFoundError(providerID, {}));
-          if (url && !*url) untold = url->error();
-          auto problem = untold ? untold : takeBackSandboxExtensionsForURL(**url);
-          if (!untold) {
-            const auto left = qx::DocumentViews::hide(*consumerID, **url);
-            if (!problem) problem = left;
-          }
+        const auto note = [&](const std::optional<qx::Error>& problem) {
           if (problem && !failure) failure = DSPluginOperationFailedError(problem);
+        };
+        if (std::all_of(urls.begin(), urls.end(),
+                        [](const DSItemURL& url) { return url && *url; })) {
+          // As many as possible, whatever becomes of the others.
+          for (const auto& url : urls) {
+            note(takeBackSandboxExtensionsForURL(**url));
+            note(qx::DocumentViews::hide(*consumerID, **url));
+          }
+        } else {
+          // Its provider does not say which document it was: then it was any.
+          DS_LOG(
+              "[NOTICE] Provider ID %@ cannot name a document that consumer ID %@ had: every token "
+              "is taken back.",
+              providerID, consumerID);
+          note(SandboxTakeBackAllFileExtensions());
+          note(qx::DocumentViews::hideAll(*consumerID));
         }
         if (failure) {
           DS_LOG(

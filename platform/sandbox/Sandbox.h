@@ -59,3 +59,6 @@ std::optional<std::string> SandboxIssueFileExtension(std::string_view extensionC
 /// (the file "sandbox.taken-back" in the runtime directory). Of one process for each user, the one
 /// that issues; any thread; blocks on the disk.
 std::optional<qx::Error> SandboxTakeBackFileExtensions(const std::string& path);
+
+/// The same of every token, for whatever document: for one of which nobody can say where it is.
+std::optional<qx::Error> SandboxTakeBackAllFileExtensions();

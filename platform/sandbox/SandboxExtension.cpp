@@ -16,6 +16,7 @@
 
 #include <array>
 #include <charconv>
+#include <functional>
 #include <mutex>
 
 #include "platform/base/Errors.h"
@@ -68,6 +69,25 @@ std::optional<std::string> pathWithoutLinks(const std::string& path) {
   return canonical;
 }
 
+/// Adds to what was taken back, one at a time.
+std::optional<qx::Error> takeBack(const std::function<void(qx::TakenBackExtensions& all)>& add) {
+  static std::mutex mutex;
+  const std::lock_guard lock(mutex);
+  const auto store = qx::SandboxKeyStore::own();
+  if (!store) return store.error();
+  auto known = qx::TakenBackExtensions::read(*store);
+  qx::TakenBackExtensions all;
+  if (known) {
+    all = std::move(*known);
+  } else {
+    DS_LOG("[ERROR] What was taken back cannot be read: every sandbox extension is. Error: %@",
+           known.error());
+    all.addEverything();
+  }
+  add(all);
+  return all.write();
+}
+
 qx::Error invalid() {
   return qx::posixError(EBADMSG, "The sandbox extension is forged, altered or stale");
 }
@@ -99,24 +119,15 @@ std::optional<std::string> SandboxIssueFileExtension(std::string_view extensionC
 }
 
 std::optional<qx::Error> SandboxTakeBackFileExtensions(const std::string& path) {
-  static std::mutex mutex;
-  const std::lock_guard lock(mutex);
-  const auto store = qx::SandboxKeyStore::own();
-  if (!store) return store.error();
-  auto known = qx::TakenBackExtensions::read(*store);
-  qx::TakenBackExtensions all;
-  if (known) {
-    all = std::move(*known);
-  } else {
-    DS_LOG("[ERROR] What was taken back cannot be read: every sandbox extension is. Error: %@",
-           known.error());
-    all.addEverything();
-  }
   const std::string canonical = qx::canonicalEntryPath(path).value_or(path);
   struct stat status;
   const bool isThere = lstat(canonical.c_str(), &status) == 0;
-  all.add(canonical, isThere ? std::optional(qx::identityOf(status)) : std::nullopt);
-  return all.write();
+  const auto file = isThere ? std::optional(qx::identityOf(status)) : std::nullopt;
+  return takeBack([&](qx::TakenBackExtensions& all) { all.add(canonical, file); });
+}
+
+std::optional<qx::Error> SandboxTakeBackAllFileExtensions() {
+  return takeBack([](qx::TakenBackExtensions& all) { all.addEverything(); });
 }
 
 qx::Result<qx::FileDescriptor> qx::consumeSandboxExtension(std::string_view token) {
