@@ -3,6 +3,7 @@
 // was checked.
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -158,6 +159,15 @@ TEST_F(LinkSwap, ABookmarkIsForTheFileThatTheClientMayWrite) {
     return wire.call(extendBookmark, {URL::fileURL(mine), app}).outcome() == "success";
   }));
   ASSERT_EQ(wire.call(extendBookmark, {URL::fileURL(secret), app}).outcome(), "DSErrorDomain 3");
+  // Reached over a bind mount they are the same files.
+  fs::create_directories(folder_);
+  if (mount(provider_.storage().c_str(), folder_.c_str(), nullptr, MS_BIND, nullptr) == 0) {
+    const auto reached = wire.call(extendBookmark, {URL::fileURL(folder_ + "/mine"), app});
+    EXPECT_EQ(reached.values, (Array{"docsource:com.example.p/" + own, Value()}));
+    EXPECT_EQ(wire.call(extendBookmark, {URL::fileURL(folder_ + "/secret"), app}).outcome(),
+              "DSErrorDomain 3");
+    umount2(folder_.c_str(), MNT_DETACH);
+  }
   {
     Swapping swapping(mine, secret);
     for (std::size_t i = 0; i < tries(100000, 3000); ++i) {
