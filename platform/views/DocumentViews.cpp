@@ -172,13 +172,12 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   }
 
   std::optional<Error> hide(DocumentView& view, const DocumentName& name) {
-    const auto& [application, document] = name;
     // What was saved while it was granted is the document's.
-    for (const auto& each : {document, DocumentView::siblingOf(document)}) {
-      settle(view, {application, each}, true);
-      told_.erase({application, each});
+    for (const auto& each : {name.second, DocumentView::siblingOf(name.second)}) {
+      settle(view, {name.first, each}, true);
+      told_.erase({name.first, each});
     }
-    return view.hide(document, [&] { return endSandboxes(application); });
+    return view.hide(name.second, [&] { return endSandboxes(name.first); });
   }
 
   /// Watches a directory of documents on both sides, and then makes them the same: whatever happens
