@@ -5,12 +5,18 @@
 // it is destroyed, and goes back when it is not the version that was to be replaced. Where a file
 // system cannot exchange, the version is compared and the file renamed over it.
 //
+// What is under way has a hidden name and is locked (flock(2)) as long as its process lives.
+// Whoever lists a directory ends what another one left there: what was not written to its end goes,
+// and so does what was to be replaced or removed, which its name tells by hashes of versions.
+// Anything else that came out of an exchange is somebody's document, and gets a name.
+//
 // The directory is known by a hidden file in it, which holds a random name. Between two questions
 // for that, it is known by its inode: everything is done below a descriptor that was compared.
 
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/epoll.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -36,8 +42,9 @@ using mirror::lookAt;
 
 /// Begins the names of what is being written; never shown.
 constexpr const char* ownPrefix = ".docsource-";
-/// Ends them.
+/// Ends them, and those of what is on its way out.
 constexpr const char* sideEnding = ".new";
+constexpr const char* oldEnding = ".old";
 constexpr const char* markName = ".docsource-remote";
 constexpr unsigned watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY |
                                    IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR;
@@ -48,6 +55,14 @@ constexpr long fuseMagic = 0x65735546;
 constexpr long nineMagic = 0x01021997;
 
 bool isOwn(const std::string& name) { return name.starts_with(ownPrefix); }
+
+/// Stands for a version in the name of what may be destroyed when it is of that version.
+std::string sign(const std::string& version) {
+  return "." + std::to_string(std::hash<std::string>()(version)) + ".";
+}
+
+/// Keeps others from a hidden file.
+bool lock(int file) { return ::flock(file, LOCK_EX | LOCK_NB) == 0; }
 
 /// `changed` for what stands in the way of an operation because another one was there first.
 Error errorOf(int errnum, const std::string& what, const std::string& path) {
@@ -87,6 +102,7 @@ class SideFile {
     name_ = ownPrefix + qx::UUID::random().text() + sideEnding;
     file_ = qx::FileDescriptor(
         ::openat(directory, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (file_) lock(file_.get());
   }
   ~SideFile() {
     if (file_ && !isKept_) ::unlinkat(directory_, name_.c_str(), 0);
@@ -98,6 +114,11 @@ class SideFile {
   explicit operator bool() const { return static_cast<bool>(file_); }
   const std::string& name() const { return name_; }
   void keep() { isKept_ = true; }
+  bool rename(const std::string& name) {
+    if (::renameat(directory_, name_.c_str(), directory_, name.c_str()) != 0) return false;
+    name_ = name;
+    return true;
+  }
 
  private:
   const int directory_;
@@ -182,7 +203,10 @@ class FolderRemote final : public Remote {
     watch(path, directory->get());
     std::optional<Error> problem;
     const bool isWhole = mirror::listDirectory(directory->get(), [&](const std::string& name) {
-      if (isOwn(name)) return true;
+      if (isOwn(name)) {
+        endAbandoned(directory->get(), name, isShared());
+        return true;
+      }
       const auto item = itemAt(directory->get(), name);
       if (item) {
         visit(*item);
@@ -365,7 +389,9 @@ class FolderRemote final : public Remote {
     }
     if (auto fits = check(directory->get(), name, path, ifVersion); !fits) return fits;
     // Taken aside first: what was put there in the last moment comes back.
-    const std::string aside = ownPrefix + qx::UUID::random().text() + ".old";
+    const std::string aside =
+        ownPrefix + qx::UUID::random().text() + sign(*ifVersion) + &oldEnding[1];
+    const auto held = hold(directory->get(), name);
     if (!renameNew(directory->get(), name, directory->get(), aside)) {
       return errorOf(errno, "Cannot remove", path);
     }
@@ -510,19 +536,52 @@ class FolderRemote final : public Remote {
     return {};
   }
 
+  bool isShared() const {
+    const std::lock_guard lock(mutex_);
+    return isShared_;
+  }
+
+  /// Keeps others from a document that is about to get a hidden name, as long as the descriptor is
+  /// open. Not on a share, where such a lock may keep programs from reading.
+  qx::FileDescriptor hold(int directory, const std::string& name) const {
+    auto file = isShared() ? qx::FileDescriptor() : mirror::openFile(directory, name, O_RDONLY);
+    if (file) ::flock(file.get(), LOCK_SH | LOCK_NB);
+    return file;
+  }
+
+  /// Ends what a process that was ended left under a hidden name. On a share nobody may know of
+  /// locks, and only what is `onlyOld` is left by somebody for certain.
+  void endAbandoned(int directory, const std::string& name, bool onlyOld) const {
+    const bool isNew = name.ends_with(sideEnding);
+    if (!isNew && !name.ends_with(oldEnding)) return;
+    const auto file = mirror::openFile(directory, name, O_RDONLY);
+    if (!file || (!lock(file.get()) && errno == EWOULDBLOCK)) return;
+    if (mirror::isBeingWritten(file.get())) return;
+    struct stat status {};
+    constexpr std::time_t day = 86400;
+    if (::fstat(file.get(), &status) != 0) return;
+    if (onlyOld && std::time(nullptr) - status.st_ctime < day) return;
+    const auto entry = lookAt(directory, name);
+    if (!entry || entry->kind != mirror::Kind::file) return;
+    if (isNew || name.find(sign(versionOf(*entry))) != std::string::npos) {
+      ::unlinkat(directory, name.c_str(), 0);
+    } else {
+      bringBack(directory, name, "Recovered document");
+    }
+  }
+
   static bool isInUse(int directory, const std::string& name) {
     const auto file = mirror::openFile(directory, name, O_RDONLY);
     return file && mirror::isBeingWritten(file.get());
   }
 
-  /// Removes what writers left in a directory that were ended while they wrote; whether nothing
-  /// else is in it.
-  static bool clear(int parent, const std::string& name) {
+  /// Removes what was left under hidden names in a directory; whether nothing else is in it.
+  bool clear(int parent, const std::string& name) const {
     const auto directory = mirror::openDirectoryBelow(parent, name);
     bool isClear = static_cast<bool>(directory);
     const auto leave = [&](const std::string& entry) {
-      isClear = isOwn(entry) && entry.ends_with(sideEnding) && !isInUse(directory.get(), entry) &&
-                ::unlinkat(directory.get(), entry.c_str(), 0) == 0;
+      if (isOwn(entry)) endAbandoned(directory.get(), entry, false);
+      isClear = isOwn(entry) && !lookAt(directory.get(), entry) && errno == ENOENT;
       return isClear;
     };
     if (isClear) isClear = mirror::listDirectory(directory.get(), leave) && isClear;
@@ -581,6 +640,12 @@ class FolderRemote final : public Remote {
   Result<void> replace(int directory, SideFile& side, const std::string& name,
                        const std::string& path, const std::string& version) const {
     if (auto fits = check(directory, name, path, version); !fits) return fits;
+    const auto written = mirror::lookAtFile(side.get());
+    const auto held = hold(directory, name);
+    if (!written || !side.rename(ownPrefix + qx::UUID::random().text() + sign(version) +
+                                 sign(versionOf(*written)) + &oldEnding[1])) {
+      return errorOf(errno, "Cannot write", path);
+    }
     const char* own = side.name().c_str();
     if (::renameat2(directory, own, directory, name.c_str(), RENAME_EXCHANGE) != 0) {
       if (errno != EINVAL && errno != ENOSYS) return errorOf(errno, "Cannot write", path);
