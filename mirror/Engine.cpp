@@ -148,6 +148,18 @@ bool Engine::isPinned(const Item& item) {
   return false;
 }
 
+bool Engine::isGuarded() {
+  const auto mechanism = qx::readCoordinationMechanism();
+  return mechanism && *mechanism != qx::CoordinationMechanism::cooperative;
+}
+
+/// At everything, also once more at what was to be made readable and may not have been, since who
+/// guarded it ended at that moment.
+void Engine::lookThroughHere() {
+  madeReadable_.clear();
+  here_.directories.emplace_back(rootItem, true);
+}
+
 Result<void> Engine::open() {
   const Lock lock(mutex_);
   if (const auto problem = qx::FileManager::createDirectory(options_.storage)) {
@@ -209,16 +221,11 @@ bool Engine::step() {
   return guarded([&] {
     if (isClosed_) return false;
     if (std::exchange(shallTryAgain_, false)) troubleUntil_ = 0;
-    const auto mechanism = qx::readCoordinationMechanism();
-    const bool isGuarded = mechanism && *mechanism != qx::CoordinationMechanism::cooperative;
-    if (std::exchange(isUnguarded_, !isGuarded) && isGuarded) {
-      madeReadable_.clear();
-      here_.directories.emplace_back(rootItem, true);
-    }
+    if (std::exchange(isUnguarded_, !isGuarded()) && !isUnguarded_) lookThroughHere();
     if (now() >= lookHereAt_) {
       constexpr std::int64_t many = 10'000;
       const auto times = 1 + items_->count("1") / many;
-      if (lookHereAt_ != 0) here_.directories.emplace_back(rootItem, true);
+      if (lookHereAt_ != 0) lookThroughHere();
       lookHereAt_ = now() + times * options_.lookThroughHere.count();
     }
     bool hasDone = observeHere(lock);
@@ -237,6 +244,9 @@ std::optional<std::int64_t> Engine::idleFor() {
     auto next = items_->nextDue(heldBack());
     const auto look = isInTrouble() ? troubleUntil_ : shallLookThere_ ? now() : lookThereAt_;
     next = std::min({next.value_or(look), look, lookHereAt_});
+    for (const Side side : {Side::here, Side::there}) {
+      next = std::min(*next, goingUntil(side).value_or(*next));
+    }
     return std::max<std::int64_t>(*next - now(), 0);
   });
 }
@@ -536,7 +546,7 @@ void Engine::beginSync(bool confirmRemovals) {
         .bind(now())
         .run();
     transaction.commit();
-    here_.directories.emplace_back(rootItem, true);
+    lookThroughHere();
     cursor_.reset();
     shallLookThere_ = true;
     shallTryAgain_ = true;
@@ -549,6 +559,7 @@ bool Engine::isQuiet() {
   const Lock lock(mutex_);
   return guarded([&] {
     if (broken_ || isInTrouble() || isClosed_) return true;
+    if (goingUntil(Side::here) || goingUntil(Side::there)) return false;
     const auto next = items_->nextDue(heldBack() + " AND reason IS NULL AND tries>=0");
     return here_.isEmpty() && there_.isEmpty() && !shallLookThere_ && busy_.empty() && !next;
   });

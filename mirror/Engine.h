@@ -123,6 +123,9 @@ class Engine {
     /// Items that are not at their place any more, and entries that no item is known to be.
     std::set<ItemNumber> missing;
     std::map<std::pair<ItemNumber, std::string>, Node> found;
+    /// When the first and the last went of what may be going still.
+    std::optional<std::int64_t> firstGone;
+    std::int64_t lastGone = 0;
     bool isEmpty() const {
       return directories.empty() && names.empty() && missing.empty() && found.empty();
     }
@@ -205,7 +208,8 @@ class Engine {
   static std::string pair(const Item& item);
   bool areDifferent(const Item& item) const;
   void countRemovals();
-  std::string heldBack() const;
+  std::optional<std::int64_t> goingUntil(Side side);
+  std::string heldBack();
   Outcome failed(const Item& item, const Error& error);
   Outcome failedHere(const Item& item, int errnum, const std::string& what);
 
@@ -239,6 +243,8 @@ class Engine {
   std::string absolute(Side side, ItemNumber number);
   bool isBusy(ItemNumber number) const { return busy_.contains(number); }
   bool isBusyBelow(Side side, ItemNumber directory);
+  static bool isGuarded();
+  void lookThroughHere();
   bool isPinned(const Item& item);
   template <class F>
   auto guarded(F work) -> decltype(work());

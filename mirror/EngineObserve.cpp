@@ -319,6 +319,8 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
   if (entry->isPlaceholder && entry->isUnreadable && entry->mode != 0 && !isUnguarded_ &&
       madeReadable_.insert(entry->identity).second) {
     makeReadable(file, name);
+    // Once somebody guards them again, all of them are looked at.
+    if (!isGuarded()) isUnguarded_ = true;
   }
   if (!items_->at(Side::here, place) && stays(directory, name, *entry)) {
     here_.found.erase({directory, name});
@@ -574,6 +576,11 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
   item->tries = 0;
   item->reason.reset();
   item->isConfirmed = false;
+  if (item->agreed) {
+    auto& seen = this->seen(side);
+    seen.lastGone = now();
+    if (!seen.firstGone) seen.firstGone = seen.lastGone;
+  }
   // What is being uploaded is removed there when it has arrived, and what was there is asked for.
   if (isNothing(item) && !item->agreed && !isBusy(number)) return items_->erase(number);
   items_->save(*item);

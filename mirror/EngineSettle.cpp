@@ -70,12 +70,24 @@ void Engine::countRemovals() {
   areHeldThere_ = isMuch(there);
 }
 
-/// What is not held back until somebody confirms it. "Here" are removals that happened here.
-std::string Engine::heldBack() const {
+/// Until when more may be about to go on that side: how much goes at once is known only when
+/// nothing goes any more. Who goes on removing for long is not waited for; absent then too.
+std::optional<std::int64_t> Engine::goingUntil(Side side) {
+  constexpr std::int64_t atMost = 10;
+  auto& seen = this->seen(side);
+  const auto rest = options_.rest.count();
+  if (seen.firstGone && now() >= seen.lastGone + rest) seen.firstGone.reset();
+  if (!seen.firstGone || now() >= *seen.firstGone + atMost * rest) return std::nullopt;
+  return std::min(seen.lastGone + rest, *seen.firstGone + atMost * rest);
+}
+
+/// What is not held back until somebody confirms it, or until nothing goes any more. "Here" are
+/// removals that happened here.
+std::string Engine::heldBack() {
   std::string condition = "1";
-  if (areHeldHere_)
+  if (areHeldHere_ || goingUntil(Side::here))
     condition += " AND NOT (agreedKind IS NOT NULL AND hereKind IS NULL AND NOT confirmed)";
-  if (areHeldThere_)
+  if (areHeldThere_ || goingUntil(Side::there))
     condition += " AND NOT (agreedKind IS NOT NULL AND thereKind IS NULL AND NOT confirmed)";
   return condition;
 }
@@ -831,7 +843,11 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
   // Filled by who ended before it was.
   const bool isCutOff = item.here->isPlaceholder && !item.here->modified;
   if (isChangedThere || isCutOff) return refresh(item);
-  if (item.here->isPlaceholder && (item.isWanted || isPinned(item))) return download(lock, item);
+  // Truncated by its path, of which no program's being kept waiting tells.
+  const bool isCut = item.here->isPlaceholder && item.here->size != item.agreed->size;
+  if (item.here->isPlaceholder && (isCut || item.isWanted || isPinned(item))) {
+    return download(lock, item);
+  }
   return attributes(lock, std::move(item));
 }
 

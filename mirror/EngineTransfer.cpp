@@ -542,7 +542,14 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   const auto& path = opened->second;
   transfer->done = 0;
   transfer->total = wanted;
-  const auto shape = shapeOf(*item.agreed);
+  auto shape = shapeOf(*item.agreed);
+  // A program has given the placeholder another size: it gets what there is, in that size.
+  const auto before = lookAtFile(file.get());
+  if (before && before->isPlaceholder && !before->isProviding &&
+      before->size != item.agreed->size) {
+    shape.size = static_cast<std::uint64_t>(before->size);
+    shape.modified = Placeholder::Time(std::chrono::nanoseconds(before->modified));
+  }
   std::string hash;
   std::optional<LocalEntry> now;
   const auto known = partsFact + item.here->identity;

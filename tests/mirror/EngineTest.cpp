@@ -199,11 +199,18 @@ TEST_F(EngineTest, WaitsForARemoteThatIsAwayOrNotTheSame) {
 TEST_F(EngineTest, RemovesMuchAtATimeOnlyWhenItIsConfirmed) {
   for (int number = 0; number < 20; ++number) write(here("n" + std::to_string(number)), "x");
   settle();
+  machine_->stop();
+  machine_->options().rest = std::chrono::seconds(2);
+  ASSERT_TRUE(machine_->start());
+  settle();
   const auto all = names(there_);
   for (const bool isThere : {false, true}) {
     const auto root = isThere ? there_ : machine_->storage;
     for (int number = isThere ? 15 : 0; number < (isThere ? 20 : 15); ++number) {
       fs::remove(root + "/n" + std::to_string(number));
+      // One after the other is at once as well.
+      machine_->engine().beginSync(false);
+      machine_->engine().step();
     }
     if (isThere) fs::remove_all(there("d"));
     settle();
@@ -220,15 +227,45 @@ TEST_F(EngineTest, RemovesMuchAtATimeOnlyWhenItIsConfirmed) {
   EXPECT_EQ(names(there_), "a.txt ");
 }
 
-// Two machines work on the same five repositories in turn.
-TEST_F(EngineTest, RemovesADirectoryInWhichAWriterWasEnded) {
-  write(there("d/e/.docsource-half.new"), "hal");
-  fs::remove_all(here("d"));
+TEST_F(EngineTest, TakesTheSizeThatAProgramGaveToAPlaceholder) {
+  fs::resize_file(here("a.txt"), 2);
+  fs::resize_file(here("d/e/b.txt"), 8);
   settle();
-  EXPECT_FALSE(fs::exists(there("d")));
-  EXPECT_FALSE(fs::exists(here("d")));
+  EXPECT_EQ(read(there("a.txt")), "fi");
+  EXPECT_EQ(read(there("d/e/b.txt")), std::string("second\0\0", 8));
+  EXPECT_EQ(state("a.txt"), MirrorItemState::present);
 }
 
+TEST_F(EngineTest, MakesReadableWhatWasHiddenWhileNobodyGuarded) {
+  bringIn();
+  coordinate(scratch_ / "", "cooperative");
+  ASSERT_TRUE(machine_->engine().evict(here("a.txt")));
+  EXPECT_EQ(state("a.txt"), MirrorItemState::placeholder);
+  EXPECT_EQ(fs::status(here("a.txt")).permissions(), fs::perms::none);
+  // The engine has made no step since nobody guarded.
+  coordinate(scratch_ / "", "access");
+  settle();
+  EXPECT_NE(fs::status(here("a.txt")).permissions(), fs::perms::none);
+}
+
+TEST_F(EngineTest, EndsWhatAWriterHasLeftThatWasEnded) {
+  // Half of an upload, and what somebody put there in the moment of an exchange.
+  write(there("d/.docsource-half.new"), "hal");
+  write(there("d/.docsource-one.1.2.old"), "somebody's");
+  settle();
+  EXPECT_EQ(names(there_), "a.txt d d/Recovered document d/e d/e/b.txt ");
+  EXPECT_EQ(read(there("d/Recovered document")), "somebody's");
+  EXPECT_EQ(names(there_), names(machine_->storage));
+  EXPECT_EQ(std::distance(fs::directory_iterator(there("d")), {}), 2);
+  // Nothing of that keeps a directory.
+  write(there("d/e/.docsource-half.new"), "hal");
+  fs::remove_all(here("d/e"));
+  settle();
+  EXPECT_FALSE(fs::exists(there("d/e")));
+  EXPECT_FALSE(fs::exists(here("d/e")));
+}
+
+// Two machines work on the same five repositories in turn.
 TEST_F(EngineTest, CarriesGitRepositories) {
   if (!run("git --version")) GTEST_SKIP() << "there is no git";
   Machine other(scratch_ / "other", makeFolderRemote(there_), "other");
