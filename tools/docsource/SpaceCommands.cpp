@@ -273,7 +273,13 @@ int forEach(const Arguments& arguments, ItemOperation operation, bool takesLong,
   qx::Array array;
   std::uint64_t before = 0, after = 0;
   for (const auto& subject : arguments.subjects) {
-    const auto place = placeOf(subject);
+    auto place = placeOf(subject);
+    // It is what a link leads to that has content.
+    std::error_code leadsNowhere;
+    const auto document = place && fs::is_symlink(fs::symlink_status(place->path, leadsNowhere))
+                              ? fs::canonical(place->path, leadsNowhere)
+                              : fs::path();
+    if (!document.empty() && !leadsNowhere) place = placeOf(document);
     if (!place) {
       outcome.failed(place.error());
       continue;
