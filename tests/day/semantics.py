@@ -128,6 +128,11 @@ class Case:
         return sorted(os.listdir(self.there))
 
 
+def accepted(c, program):
+    """Statuses. With "open" a mark is gone at the opening that rsync has listed before; it says so (23)."""
+    return (0, 23) if program == "rsync" and c.world.mode == "open" else (0,)
+
+
 # Looking, opening, reading
 
 
@@ -170,7 +175,8 @@ def every_way_to_read_brings_in(c):
 
     def to(*command):
         def way(path):
-            run(*[part.format(path, f"{c.aside}/{command[0]}") for part in command])
+            done = run(*[part.format(path, f"{c.aside}/{command[0]}") for part in command], check=False)
+            expect(done.returncode in accepted(c, command[0]), f"{command}: {done.problem}")
             return read(f"{c.aside}/{command[0]}")
         return way
     ways = [read, mapped, sent, copied, program("cat", "{}"), program("dd", "if={}", "bs=7000", "status=none"),
@@ -312,8 +318,8 @@ def every_way_to_save_arrives(c):
             expected = read(f"{c.here}/{name}")
             expect(expected.endswith(b"line\n" * 3000), f"{name} lost content here")
             c.arrives(name, expected)
-    stray = [name for name in c.origin_names() if name not in names]
-    expect(not stray, f"stray at the origin: {stray}")
+    # While a document is being carried there is a hidden file beside it.
+    eventually(lambda: set(c.origin_names()) <= set(names), lambda: f"stray at the origin: {set(c.origin_names()) - set(names)}")
 
 
 @together
@@ -552,7 +558,8 @@ def a_copy_is_a_document_of_its_own(c):
     run("cp", "-a", "a", "a2", cwd=c.here)
     put(f"{c.here}/a2", b"EDIT", "ab")
     c.want("b")
-    run("rsync", "-aX", "b", "b2", cwd=c.here)
+    copied = run("rsync", "-aX", "b", "b2", cwd=c.here, check=False)
+    expect(copied.returncode in accepted(c, "rsync"), copied.problem)
     run("cp", "-a", "d", "d2", cwd=c.here)
     put(f"{c.here}/d2/c", b"EDIT", "ab")
     for name, expected in {"a": content("a"), "a2": content("a") + b"EDIT", "b2": content("b"), "b": content("b"),

@@ -28,13 +28,18 @@ def children(process):
     return found
 
 
-def resident(process):
-    """Kilobytes."""
-    with open(f"/proc/{process}/status") as file:
-        for line in file:
-            if line.startswith("VmRSS"):
-                return int(line.split()[1])
-    return 0
+def own_memory(process):
+    """What belongs to it alone, in kilobytes."""
+    with open(f"/proc/{process}/smaps_rollup") as file:
+        sizes = {line.split()[0]: int(line.split()[1]) for line in file.readlines()[1:]}
+    return sizes["Private_Dirty:"] + sizes["Private_Clean:"]
+
+
+def processor_time(process):
+    """Seconds, since it was started."""
+    with open(f"/proc/{process}/stat") as file:
+        fields = file.read().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 class World:
@@ -80,13 +85,13 @@ class World:
         if "docsourced" not in self.daemons:
             as_root(self._start_docsourced)
 
-    def start(self):
+    def start(self, patience=None):
         self.start_daemons()
         if not self.is_added:
             self.tool("add", "folder", self.account, self.origin)
             self.is_added = True
-        eventually(lambda: os.path.isdir(self.docs), f"{self.docs} does not appear")
-        self.healthy()
+        eventually(lambda: os.path.isdir(self.docs), f"{self.docs} does not appear", patience)
+        self.healthy(patience)
 
     def _spawn(self, program, user):
         log = open(f"{self.directory}/{program}.log", "ab")
@@ -184,12 +189,12 @@ class World:
                 return account
         return {}
 
-    def healthy(self):
+    def healthy(self, patience=None):
         eventually(lambda: self.accounts().get("state", self.accounts().get("health")) == "ok",
-                   lambda: f"{self.account} does not get well: {self.accounts()}")
+                   lambda: f"{self.account} does not get well: {self.accounts()}", patience)
 
-    def synchronise(self, patience=300):
-        return self.tool("sync", self.account, check=False, patience=patience)
+    def synchronise(self, *arguments, patience=300):
+        return self.tool("sync", self.account, *arguments, check=False, patience=patience)
 
     def is_idle(self):
         account = self.accounts()
@@ -236,7 +241,7 @@ class Plain:
         as_root(self.process.kill)
         self.process.wait()
 
-    def synchronise(self):
+    def synchronise(self, *arguments):
         pass
 
     def is_idle(self):
