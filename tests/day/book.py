@@ -60,13 +60,19 @@ class Book:
 
     def __init__(self):
         self.lock = threading.Lock()
-        self.written, self.seen_off, self.findings = {}, set(), []
+        self.written, self.seen_off, self.findings, self.failed_saves = {}, set(), [], 0
 
     def wrote(self, content, who, over=None):
         with self.lock:
             self.written[digest(content)] = who
             if over is not None:
                 self.seen_off.add(digest(over))
+
+    def failed(self, content):
+        """Its program was told that it could not be saved; it may be somewhere all the same."""
+        with self.lock:
+            self.failed_saves += 1
+            self.seen_off.add(digest(content))
 
     def removed(self, content):
         with self.lock:

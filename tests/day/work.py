@@ -304,7 +304,11 @@ class Shared:
             new = text(r)
             # Told before: the new content may be read by others as soon as it is there.
             self.book.wrote(new, f"{who} {how.__name__} {name}", over=old)
-            how(path, lambda _: new, r)
+            try:
+                how(path, lambda _: new, r)
+            except OSError:
+                self.book.failed(new)
+                raise
 
     def colleague(self, origin, aside, r):
         """Somebody who works right at the origin, with none of our programs; looks at what was
@@ -461,5 +465,5 @@ def day(worlds, base, seed, seconds, killer, workers=2):
         return at_rest(worlds) or compare(worlds, shadow, desks, book)
     findings = problems + pool.submit(end).result()
     done = f"{sum(desk.count for desk in desks)} steps ({sum(desk.failures for desk in desks)} tried again), " \
-           f"{len(book.written)} contents of shared documents, killed: {killer.victims}"
+           f"{len(book.written)} contents of shared documents ({book.failed_saves} saves failed), killed: {killer.victims}"
     return findings, done
