@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+#include <csignal>
+#include <cstdio>
 
 #include <array>
 #include <cerrno>
@@ -41,6 +43,16 @@ Result<std::shared_ptr<Mirror>> AccountProvider::mirror() {
   service_ = *std::move(service);
   mirror_ = made;
   return made;
+}
+
+void AccountProvider::begin() {
+  // As in run(): before the first thread, so that none of them takes the signal.
+  sigset_t termination;
+  sigemptyset(&termination);
+  sigaddset(&termination, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+  const auto running = mirror();
+  if (!running) std::fprintf(stderr, "%s\n", running.error().text().c_str());
 }
 
 Result<void> AccountProvider::performInitialSetup() {
