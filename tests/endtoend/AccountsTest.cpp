@@ -205,6 +205,11 @@ TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   start();
   EXPECT_TRUE(eventually([&] { return content(there("letter.txt")) == letter_ + "down\n"; }));
 
+  // Its process is killed: the next one goes on although nobody wants a document.
+  for (const pid_t each : extensions()) ASSERT_EQ(kill(each, SIGKILL), 0);
+  std::ofstream(there("later.txt")) << "later";
+  EXPECT_TRUE(eventually([&] { return fs::exists(here("later.txt")); }));
+
   // Changed on both sides: both are there, and either can be taken.
   fs::rename(origin_, away);
   ask("echo ours >> '" + here("letter.txt") + "'; echo theirs >> '" + away + "/letter.txt'");

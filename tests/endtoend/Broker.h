@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemons.h"
@@ -36,6 +40,17 @@ class Broker : public testing::Test {
   void stop() {
     EXPECT_EQ(daemon_->end(SIGTERM), 0);
     EXPECT_TRUE(daemon_->everyProcessEnds());
+  }
+
+  /// The processes of extensions, whichever thread of the daemon started them.
+  std::vector<pid_t> extensions() const {
+    std::vector<pid_t> all;
+    for (const auto& thread :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_->id()) + "/task")) {
+      std::ifstream children(thread.path() / "children");
+      all.insert(all.end(), std::istream_iterator<pid_t>(children), {});
+    }
+    return all;
   }
 
   /// Waits until a provider is registered (again).

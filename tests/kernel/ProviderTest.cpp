@@ -49,16 +49,6 @@ class ProviderTest : public Broker, public testing::WithParamInterface<const cha
     struct stat status {};
     return stat(document(name).c_str(), &status) == 0 ? status.st_blocks : -1;
   }
-  /// Whichever thread of the daemon started them.
-  std::vector<pid_t> extensions() const {
-    std::vector<pid_t> all;
-    for (const auto& thread :
-         fs::directory_iterator("/proc/" + std::to_string(daemon_->id()) + "/task")) {
-      std::ifstream children(thread.path() / "children");
-      all.insert(all.end(), std::istream_iterator<pid_t>(children), {});
-    }
-    return all;
-  }
 
   const std::string origin_ = installation_.staging();
   std::string storage_;
