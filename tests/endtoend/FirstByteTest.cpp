@@ -104,7 +104,6 @@ class FirstByte : public Broker, public testing::WithParamInterface<const char*>
     const auto text = FileManager::readFile(here_);
     return text ? *text : text.error().text();
   }
-  /// The account's process; absent while there is none.
   const TemporaryDirectory places_;
   const std::string home_ = places_ / "home";
   const std::string here_ = home_ + "/DocSource/Work/film";
