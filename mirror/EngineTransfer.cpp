@@ -436,7 +436,7 @@ Result<std::string> Engine::fetch(PlaceholderWriter& writer, Transfer& transfer,
   const auto publish = [&](const qx::ByteRanges& there) -> Result<void> {
     {
       const Lock noting(mutex_);
-      const auto noted = guarded([&]() -> Result<void> {
+      auto noted = guarded([&]() -> Result<void> {
         items_->setFact(partsFact + item.here->identity, item.agreed->version);
         return {};
       });
