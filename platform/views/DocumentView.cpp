@@ -378,7 +378,7 @@ Result<bool> DocumentView::place(const Folder& folder, const Status& expected) c
 /// Brings the document into the view. Where the application is faster, that is left to the look
 /// that follows.
 std::optional<Error> DocumentView::takeIn(const Folder& folder, const Status& expected) const {
-  const auto unlinkable = prepare(folder.outside, folder.name);
+  auto unlinkable = prepare(folder.outside, folder.name);
   const auto file = statusOf(root_, nextLink);
   if (isReplaced(unlinkable, file)) {
     dropNext();
