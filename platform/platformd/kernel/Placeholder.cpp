@@ -144,7 +144,7 @@ void revealHidden(int file, const struct stat& status) {
   constexpr std::string_view modeWord = " mode:";
   constexpr int octal = 8;
   if ((status.st_mode & permissions) != 0) return;
-  auto mark = ownAttribute(file, placeholderAttribute);
+  const auto mark = ownAttribute(file, placeholderAttribute);
   const auto at = mark ? mark->find(modeWord) : std::string::npos;
   if (at == std::string::npos) return;
   const char* digits = mark->data() + at + modeWord.size();
@@ -153,8 +153,8 @@ void revealHidden(int file, const struct stat& status) {
   if (problem != std::errc() || chmod(procPath(file).c_str(), mode & 0777) != 0) return;
   // What it says holds for files without permissions: those it has now are the user's to change. A
   // mark that its provider has taken off meanwhile does not come back.
-  mark->erase(at, static_cast<std::size_t>(end - mark->data()) - at);
-  setxattr(procPath(file).c_str(), placeholderAttribute, mark->data(), mark->size(), XATTR_REPLACE);
+  const std::string left = mark->substr(0, at) + std::string(end, mark->data() + mark->size());
+  setxattr(procPath(file).c_str(), placeholderAttribute, left.data(), left.size(), XATTR_REPLACE);
 }
 
 }  // namespace qx::kernel::Placeholder
