@@ -1141,6 +1141,8 @@ Engine::Outcome Engine::conflict(const Item& item) {
       now.agreed.reset();
       now.agreedHere.reset();
       now.hash.reset();
+      // What was sent is of the copy's contents: the remote's are somebody else's from now on.
+      now.sent.reset();
       now.isWanted = !item.here->isPlaceholder;
     });
     transaction.commit();
