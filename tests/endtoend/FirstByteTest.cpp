@@ -163,18 +163,22 @@ TEST_P(FirstByte, WhatIsThereOutlivesItsProviderAndNoOtherVersionFollowsIt) {
   if (GetParam() != std::string("access")) GTEST_SKIP() << "a whole is a whole";
   auto file = opened(here_);
   EXPECT_EQ(part(file, 0, 3 * mebibyte), "right");
-  told();
   const auto first = extensions();
   ASSERT_EQ(first.size(), 1U);
   ASSERT_EQ(::kill(first.front(), SIGKILL), 0);
+  // What was on its way to it is not counted.
+  ASSERT_TRUE(eventually([&] { return extensions() != first; }));
+  told();
   // A read fails or is right, and the next attempt goes on where the last one was.
   for (std::size_t at = 0; at < size;) {
     const auto said = part(file, at, mebibyte);
     EXPECT_TRUE(said == "right" || said == std::strerror(EAGAIN)) << said;
     if (said == "right") at += mebibyte;
   }
-  EXPECT_NE(extensions(), first);
-  EXPECT_LT(told(), size) << "what was there is not brought in again";
+#ifndef __SANITIZE_THREAD__
+  // Slowed down so much, an attempt has published next to nothing when it ends.
+  EXPECT_LT(told(), size - mebibyte) << "what was there is not brought in again";
+#endif
   EXPECT_TRUE(whole() == contentOf(1));
 
   file.reset();
