@@ -61,7 +61,7 @@ printf 'Dear Bob,\nthe meeting is on Monday.\n' >"$work/server/letter.txt"
 head -c 3000000 /dev/urandom >"$work/server/plans/house.jpg"
 printf 'secret\n' >"$work/server/plans/budget.txt"
 
-rclone serve webdav "$work/server" --addr 127.0.0.1:0 --user ann --pass apple 2>"$work/rclone" &
+rclone serve webdav "$work/server" --addr 127.0.0.1:0 --user ann --pass plum 2>"$work/rclone" &
 ids+=($!)
 serving() { port=$(sed -n 's|.*http://127.0.0.1:\([0-9]*\)/.*|\1|p' "$work/rclone"); [[ -n $port ]]; }
 wait_until serving
@@ -76,7 +76,7 @@ fi
 docsourced 2>>"$work/log" </dev/null &
 ids+=($!)
 wait_until docsource --timeout 5 wake-up
-printf 'apple\n' >"$HOME/.password"
+printf 'plum\n' >"$HOME/.password"
 chmod 600 "$HOME/.password"
 mkdir "$work/Editor.app"
 cat >"$work/Editor.app/Info.plist" <<PLIST
@@ -99,7 +99,7 @@ type_line 'du -sh --apparent-size DocSource/Work/; du -sh DocSource/Work/'
 type_line 'cat DocSource/Work/letter.txt'
 type_line "sed -i 's/Monday/Tuesday/' DocSource/Work/letter.txt"
 type_line 'docsource sync Work'
-type_line "curl -s -u ann:apple http://127.0.0.1:$port/letter.txt"
+type_line "curl -s -u ann:plum http://127.0.0.1:$port/letter.txt"
 type_line 'docsource evict DocSource/Work/letter.txt'
 type_line 'docsource status DocSource/Work/letter.txt'
 if ! bwrap --unshare-user --disable-userns --unshare-pid --ro-bind / / --proc /proc true 2>/dev/null; then
@@ -111,5 +111,5 @@ type_line "docsource run org.example.editor --document DocSource/Work/letter.txt
     -u NONE -es DocSource/Work/letter.txt -c '!ls -R \$DOCSOURCE_ROOT/Containers/Group' \\
     -c '%s/Tuesday/Friday/' -c wq"
 type_line 'docsource sync Work'
-type_line "curl -s -u ann:apple http://127.0.0.1:$port/letter.txt"
+type_line "curl -s -u ann:plum http://127.0.0.1:$port/letter.txt"
 if [[ -n $picture ]]; then draw >"$picture"; fi
