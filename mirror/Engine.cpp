@@ -13,7 +13,6 @@
 
 #include "mirror/Parts.h"
 #include "platform/base/UUID.h"
-#include "platform/coordination/CoordinationState.h"
 #include "platform/files/FileManager.h"
 #include "platform/queue/Clock.h"
 
@@ -148,18 +147,6 @@ bool Engine::isPinned(const Item& item) {
   return false;
 }
 
-bool Engine::isGuarded() {
-  const auto mechanism = qx::readCoordinationMechanism();
-  return mechanism && *mechanism != qx::CoordinationMechanism::cooperative;
-}
-
-/// At everything, also once more at what was to be made readable and may not have been, since who
-/// guarded it ended at that moment.
-void Engine::lookThroughHere() {
-  madeReadable_.clear();
-  here_.directories.emplace_back(rootItem, true);
-}
-
 Result<void> Engine::open() {
   const Lock lock(mutex_);
   if (const auto problem = qx::FileManager::createDirectory(options_.storage)) {
@@ -221,11 +208,10 @@ bool Engine::step() {
   return guarded([&] {
     if (isClosed_) return false;
     if (std::exchange(shallTryAgain_, false)) troubleUntil_ = 0;
-    if (std::exchange(isUnguarded_, !isGuarded()) && !isUnguarded_) lookThroughHere();
     if (now() >= lookHereAt_) {
       constexpr std::int64_t many = 10'000;
       const auto times = 1 + items_->count("1") / many;
-      if (lookHereAt_ != 0) lookThroughHere();
+      if (lookHereAt_ != 0) here_.directories.emplace_back(rootItem, true);
       lookHereAt_ = now() + times * options_.lookThroughHere.count();
     }
     bool hasDone = observeHere(lock);
@@ -546,7 +532,7 @@ void Engine::beginSync(bool confirmRemovals) {
         .bind(now())
         .run();
     transaction.commit();
-    lookThroughHere();
+    here_.directories.emplace_back(rootItem, true);
     cursor_.reset();
     shallLookThere_ = true;
     shallTryAgain_ = true;

@@ -243,8 +243,6 @@ class Engine {
   std::string absolute(Side side, ItemNumber number);
   bool isBusy(ItemNumber number) const { return busy_.contains(number); }
   bool isBusyBelow(Side side, ItemNumber directory);
-  static bool isGuarded();
-  void lookThroughHere();
   bool isPinned(const Item& item);
   template <class F>
   auto guarded(F work) -> decltype(work());
@@ -272,11 +270,6 @@ class Engine {
   std::map<std::string, ItemNumber> coming_;
   std::set<std::pair<ItemNumber, std::string>> wentAway_;
   bool isObservingHere_ = false;
-  /// Whether nobody keeps readers from placeholders that have permissions.
-  bool isUnguarded_ = true;
-  /// Placeholders that were made readable since somebody guards them, or left to who made them
-  /// unreadable.
-  std::set<std::string> madeReadable_;
   Observation here_;
   Observation there_;
 

@@ -316,12 +316,6 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
       return;
     }
   }
-  if (entry->isPlaceholder && entry->isUnreadable && entry->mode != 0 && !isUnguarded_ &&
-      madeReadable_.insert(entry->identity).second) {
-    makeReadable(file, name);
-    // Once somebody guards them again, all of them are looked at.
-    if (!isGuarded()) isUnguarded_ = true;
-  }
   if (!items_->at(Side::here, place) && stays(directory, name, *entry)) {
     here_.found.erase({directory, name});
     return;

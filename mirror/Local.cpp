@@ -87,7 +87,6 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   if (entry.kind != Kind::file) return entry;
   entry.size = static_cast<std::int64_t>(status.stx_size);
   entry.hasBlocks = status.stx_blocks > 0;
-  entry.isUnreadable = (status.stx_mode & 0777U) == 0;
   entry.version = std::to_string(entry.size) + ":" + std::to_string(entry.modified) + ":" +
                   std::to_string(nanoseconds(status.stx_ctime));
   std::array<char, 1024> mark{};
@@ -176,11 +175,6 @@ bool syncFileSystem(int directory) { return ::syncfs(directory) == 0; }
 
 bool reshape(int file, const Placeholder::Shape& shape, const Announcement& announce) {
   return ok(Placeholder(file).reset(shape, announce));
-}
-
-bool makeReadable(int directory, const std::string& name) {
-  const auto file = openFile(directory, name, O_PATH);
-  return file && ok(Placeholder(file.get()).adapt());
 }
 
 Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& next,

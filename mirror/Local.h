@@ -30,8 +30,6 @@ struct LocalEntry {
   bool isProviding = false;
   /// Nobody's to read, so that it is not known whether it is a placeholder.
   bool isHidden = false;
-  /// Without any permission: how a placeholder looks that nobody guards.
-  bool isUnreadable = false;
   /// Whether the file system keeps anything of its content.
   bool hasBlocks = false;
 };
@@ -66,10 +64,6 @@ bool syncFileSystem(int directory);
 
 /// A placeholder gets another shape, and perhaps another inode, which is announced.
 bool reshape(int file, const Placeholder::Shape& shape, const Announcement& announce);
-
-/// Gives a placeholder that was made while nobody guarded the permissions of its document, which
-/// somebody guards now. Keeps its inode.
-bool makeReadable(int directory, const std::string& name);
 
 enum class Giving { done, inUse, changed, failed };
 /// Makes a placeholder of the shape `next` of a document whose content is that of `version`, unless

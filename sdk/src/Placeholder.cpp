@@ -40,6 +40,13 @@ bool isCooperative() {
   return !mechanism || *mechanism == qx::CoordinationMechanism::cooperative;
 }
 
+/// Whether nobody would keep readers of this file waiting if it had permissions: platformd gives
+/// them to a placeholder that has none as soon as it guards it, and nobody does before.
+bool isUnguarded(int file) {
+  struct stat status {};
+  return isCooperative() || (::fstat(file, &status) == 0 && (status.st_mode & permissions) == 0);
+}
+
 std::string pathOf(int file) {
   std::string path(4096, '\0');
   const auto link = mark::descriptorPath(file);
@@ -242,10 +249,10 @@ Result<void> Placeholder::reset(const Shape& shape, const Announcement& announce
       shape.mode.value_or(docsource::shapeOf(status, mark).mode.value_or(usualMode)));
   const bool isPresent = mark.state == PlaceholderState::present;
   const bool isNew = status.st_size == 0 && isPresent;
-  const bool cooperative = isCooperative();
+  const bool isHidden = isUnguarded(file_);
   // What programs may have read of the content keeps to its file.
-  if (!isNew && (cooperative || hasParts(file_))) {
-    auto made = placeholderFor(file_, shape, mode, announce, cooperative);
+  if (!isNew && (isHidden || hasParts(file_))) {
+    auto made = placeholderFor(file_, shape, mode, announce, isHidden);
     if (!made) return made.error();
     if (auto exchanged = made->exchange(); !exchanged) return exchanged;
     return made->settle();
@@ -271,19 +278,9 @@ Result<void> Placeholder::adapt(const Announcement& announce) const {
   if (::fstat(file_, &status) != 0) return fileError(file_, errno);
   const auto mark = mark::read(file_);
   if (mark.state == PlaceholderState::present) return {};
-  const bool cooperative = isCooperative();
   const bool isHidden = (status.st_mode & permissions) == 0;
-  if (cooperative == isHidden) return {};
-  if (cooperative) return reset(docsource::shapeOf(status, mark), announce);
-  auto access = Access::open(file_);
-  if (!access) return access.error();
-  const int file = access->get();
-  const auto readable = mark::read(file);
-  // Nobody's to read because somebody wanted it so.
-  if (readable.state == PlaceholderState::present || !readable.mode) return {};
-  access->keepMode();
-  auto shape = docsource::shapeOf(status, readable);
-  return Placeholder(file).reset(shape, announce);
+  if (isHidden || !isCooperative()) return {};
+  return reset(docsource::shapeOf(status, mark), announce);
 }
 
 class PlaceholderWriter::Target {
@@ -381,7 +378,7 @@ class PlaceholderWriter::Target {
 Result<PlaceholderWriter> Placeholder::fill(bool goesOn) const {
   const auto shape = shapeOf(file_);
   if (!shape) return shape.error();
-  if (isCooperative() || (!goesOn && hasParts(file_))) {
+  if (isUnguarded(file_) || (!goesOn && hasParts(file_))) {
     auto replacement = Replacement::beginFor(file_);
     if (!replacement) return replacement.error();
     if (!sparse::setSize(replacement->file(), shape->size)) return fileError(file_, errno);
@@ -412,7 +409,7 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
                                                  const std::optional<Shape>& next,
                                                  const Announcement& announce) const {
   if (state() != PlaceholderState::present) return Eviction::notPresent;
-  const bool cooperative = isCooperative();
+  const bool cooperative = isUnguarded(file_);
   // Nobody may have it open for the lease, this process neither, but for the one descriptor.
   const bool isOpen = !(::fcntl(file_, F_GETFL) & O_PATH);
   auto access = Access::open(file_, cooperative || isOpen ? O_RDONLY : O_RDWR);

@@ -236,18 +236,6 @@ TEST_F(EngineTest, TakesTheSizeThatAProgramGaveToAPlaceholder) {
   EXPECT_EQ(state("a.txt"), MirrorItemState::present);
 }
 
-TEST_F(EngineTest, MakesReadableWhatWasHiddenWhileNobodyGuarded) {
-  bringIn();
-  coordinate(scratch_ / "", "cooperative");
-  ASSERT_TRUE(machine_->engine().evict(here("a.txt")));
-  EXPECT_EQ(state("a.txt"), MirrorItemState::placeholder);
-  EXPECT_EQ(fs::status(here("a.txt")).permissions(), fs::perms::none);
-  // The engine has made no step since nobody guarded.
-  coordinate(scratch_ / "", "access");
-  settle();
-  EXPECT_NE(fs::status(here("a.txt")).permissions(), fs::perms::none);
-}
-
 TEST_F(EngineTest, EndsWhatAWriterHasLeftThatWasEnded) {
   // Half of an upload, and what somebody put there in the moment of an exchange.
   write(there("d/.docsource-half.new"), "hal");
