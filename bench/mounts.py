@@ -116,12 +116,18 @@ def mounted(words, mountpoint, unmount):
         process.wait()
 
 
-@contextlib.contextmanager
-def rclone(place, address):
-    """rclone mount with its full cache, which is empty."""
+def prepared(place):
+    """A directory with one in it to mount on."""
     place = pathlib.Path(place)
     mountpoint = place / "mount"
     mountpoint.mkdir(parents=True)
+    return place, mountpoint
+
+
+@contextlib.contextmanager
+def rclone(place, address):
+    """rclone mount with its full cache, which is empty."""
+    place, mountpoint = prepared(place)
     with mounted([need("rclone"), "mount", f":webdav,url='{address}',vendor=other:", mountpoint,
                   "--vfs-cache-mode", "full", "--cache-dir", place / "cache", "--config", "/dev/null"],
                  mountpoint, ["fusermount3", "-u"]):
@@ -130,9 +136,7 @@ def rclone(place, address):
 
 @contextlib.contextmanager
 def davfs2(place, address):
-    place = pathlib.Path(place)
-    mountpoint = place / "mount"
-    mountpoint.mkdir(parents=True)
+    place, mountpoint = prepared(place)
     (place / "cache").mkdir()
     # It becomes the user of that name.
     need("mount.davfs")
@@ -146,9 +150,7 @@ def davfs2(place, address):
 
 @contextlib.contextmanager
 def s3fs(place, address):
-    place = pathlib.Path(place)
-    mountpoint = place / "mount"
-    mountpoint.mkdir(parents=True)
+    place, mountpoint = prepared(place)
     secret = place / "secret"
     secret.write_text("S3RVER:S3RVER\n")
     secret.chmod(0o600)

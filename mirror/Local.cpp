@@ -10,12 +10,12 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 
 #include "platform/files/InodeMark.h"
+#include "platform/identity/PlaceholderMark.h"
 
 namespace docsource::mirror {
 namespace {
@@ -41,19 +41,6 @@ bool ok(const Result<void>& result) {
 }
 
 std::string pathOf(int file) { return "/proc/self/fd/" + std::to_string(file); }
-
-/// The word "mode:OCTAL" of a mark.
-std::optional<std::int64_t> modeIn(std::string_view mark) {
-  constexpr std::string_view word = "mode:";
-  constexpr int octal = 8;
-  const auto at = mark.find(word);
-  if (at == std::string_view::npos) return std::nullopt;
-  std::int64_t mode = 0;
-  const auto digits = mark.substr(at + word.size());
-  const auto end = digits.data() + digits.size();
-  if (std::from_chars(digits.data(), end, mode, octal).ec != std::errc()) return std::nullopt;
-  return mode & 0777;
-}
 
 /// Whether a mark makes a placeholder of the file that carries it.
 bool counts(std::string_view mark, const struct statx& status, const qx::InodeName& inode) {
@@ -99,7 +86,10 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   if (size >= 0) {
     const std::string_view text(mark.data(), static_cast<std::size_t>(size));
     entry.isPlaceholder = counts(text, status, inode);
-    if (entry.isPlaceholder) entry.mode = modeIn(text).value_or(entry.mode);
+    if (entry.isPlaceholder) {
+      const auto mode = qx::modeIn(text);
+      if (mode) entry.mode = *mode & 0777U;
+    }
     entry.isProviding = entry.isPlaceholder && text.starts_with("providing ");
   } else if (errno == EACCES) {
     entry.isHidden = true;

@@ -35,11 +35,7 @@ docsource::Result<std::string> tryOut(const AccountProvider::MakeRemote& makeRem
 }  // namespace
 
 int runProgram(int argc, char** argv, const AccountProvider::MakeRemote& makeRemote) {
-  if (argc < 2 || std::string_view(argv[1]) != "--try") {
-    AccountProvider provider(makeRemote);
-    provider.begin();
-    return provider.run();
-  }
+  if (argc < 2 || std::string_view(argv[1]) != "--try") return AccountProvider(makeRemote).run();
   const auto outcome = tryOut(makeRemote);
   const auto text = outcome ? *outcome : outcome.error().description();
   if (!text.empty()) std::printf("%s\n", text.c_str());

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <csignal>
 #include <cstdio>
 
 #include <array>
@@ -46,11 +45,6 @@ Result<std::shared_ptr<Mirror>> AccountProvider::mirror() {
 }
 
 void AccountProvider::begin() {
-  // As in run(): before the first thread, so that none of them takes the signal.
-  sigset_t termination;
-  sigemptyset(&termination);
-  sigaddset(&termination, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &termination, nullptr);
   const auto running = mirror();
   if (!running) std::fprintf(stderr, "%s\n", running.error().text().c_str());
 }

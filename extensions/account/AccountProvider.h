@@ -21,11 +21,10 @@ class AccountProvider final : public docsource::Provider {
   explicit AccountProvider(MakeRemote makeRemote)
       : Provider(Concurrency::concurrent), makeRemote_(std::move(makeRemote)) {}
 
-  /// Begins with the mirror, before run(): a process that was started again is asked for nothing
-  /// for as long as nobody wants a document.
-  void begin();
-
  protected:
+  /// With the mirror: a process that was started again is asked for nothing for as long as nobody
+  /// wants a document.
+  void begin() override;
   docsource::Result<void> performInitialSetup() override;
   docsource::Result<void> providePlaceholder(const std::string& path) override;
   docsource::Result<void> startProviding(const std::string& path) override;

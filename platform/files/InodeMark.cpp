@@ -42,15 +42,20 @@ std::string markWord(const InodeName& inode) {
   return word;
 }
 
-MarkedInode markedInode(std::string_view mark, const InodeName& inode) {
+std::optional<std::string_view> wordWith(std::string_view beginning, std::string_view mark) {
   while (!mark.empty()) {
     const auto word = mark.substr(0, mark.find(' '));
+    if (word.starts_with(beginning)) return word;
     mark.remove_prefix(word.size() == mark.size() ? word.size() : word.size() + 1);
-    if (!word.starts_with(prefix)) continue;
-    const bool isNamed = word == markWord({inode.number, std::nullopt}) || word == markWord(inode);
-    return isNamed ? MarkedInode::this_ : MarkedInode::other;
   }
-  return MarkedInode::none;
+  return std::nullopt;
+}
+
+MarkedInode markedInode(std::string_view mark, const InodeName& inode) {
+  const auto word = wordWith(prefix, mark);
+  if (!word) return MarkedInode::none;
+  const bool isNamed = *word == markWord({inode.number, std::nullopt}) || *word == markWord(inode);
+  return isNamed ? MarkedInode::this_ : MarkedInode::other;
 }
 
 }  // namespace qx

@@ -33,6 +33,9 @@ std::optional<InodeName> inodeNameOf(int file);
 /// Of an entry of a directory, itself if it is a link; AT_FDCWD stands for the working directory.
 std::optional<InodeName> inodeNameOf(int directory, const std::string& name);
 
+/// The first word of a mark that begins so.
+std::optional<std::string_view> wordWith(std::string_view beginning, std::string_view mark);
+
 /// The word that names it.
 std::string markWord(const InodeName& inode);
 

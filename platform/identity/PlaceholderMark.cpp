@@ -1,7 +1,10 @@
 #include "platform/identity/PlaceholderMark.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 
+#include "platform/files/InodeMark.h"
 #include "platform/identity/ProcessDirectory.h"
 
 namespace qx {
@@ -9,6 +12,9 @@ namespace {
 
 constexpr std::string_view providingWord = "providing ";
 constexpr std::string_view thereWord = "there:";
+constexpr std::string_view modeBeginning = "mode:";
+constexpr int octal = 8;
+constexpr mode_t permissions = 07777;
 /// Attributes share one block of the file system, and the mark has other words.
 constexpr std::size_t mostRanges = 16;
 
@@ -31,18 +37,41 @@ bool isBeingFilled(std::string_view mark) {
 }
 
 std::optional<ByteRanges> partsThere(std::string_view mark) {
-  while (!mark.empty()) {
-    auto word = mark.substr(0, mark.find(' '));
-    mark.remove_prefix(word.size() == mark.size() ? word.size() : word.size() + 1);
-    if (!word.starts_with(thereWord)) continue;
-    word.remove_prefix(thereWord.size());
-    return ByteRanges::parse(word);
-  }
-  return std::nullopt;
+  const auto word = wordWith(thereWord, mark);
+  return word ? ByteRanges::parse(word->substr(thereWord.size())) : std::nullopt;
 }
 
 std::string partsWord(const ByteRanges& parts) {
   return std::string(thereWord) + parts.largest(mostRanges).text();
+}
+
+std::optional<mode_t> modeIn(std::string_view mark) {
+  const auto word = wordWith(modeBeginning, mark);
+  if (!word) return std::nullopt;
+  const auto digits = word->substr(modeBeginning.size());
+  const char* const last = digits.data() + digits.size();
+  mode_t mode = 0;
+  const auto [end, problem] = std::from_chars(digits.data(), last, mode, octal);
+  const bool isMode = problem == std::errc() && end == last && mode <= permissions;
+  return isMode ? std::optional(mode) : std::nullopt;
+}
+
+std::string modeWord(mode_t mode) {
+  std::array<char, 8> digits{};
+  const auto end =
+      std::to_chars(digits.data(), digits.data() + digits.size(), mode & permissions, octal);
+  return std::string(modeBeginning).append(digits.data(), end.ptr);
+}
+
+std::string withoutMode(std::string_view mark) {
+  const auto word = wordWith(modeBeginning, mark);
+  if (!word) return std::string(mark);
+  const auto begin = static_cast<std::size_t>(word->data() - mark.data());
+  const auto end = std::min(begin + word->size() + 1, mark.size());
+  std::string left(mark.substr(0, begin));
+  left += mark.substr(end);
+  if (end == mark.size() && !left.empty() && left.back() == ' ') left.pop_back();
+  return left;
 }
 
 }  // namespace qx

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <string_view>
 
 #include "platform/files/InodeMark.h"
@@ -20,7 +19,6 @@ namespace {
 
 constexpr std::string_view placeholderWord = "placeholder";
 constexpr std::string_view providingWord = "providing ";
-constexpr std::string_view modeWord = "mode:";
 /// With it the platform says of an inode that a mark that names none holds for it. Only those who
 /// administer the machine can read it, and nobody else set it.
 constexpr const char* platformAttribute = "trusted.docsource.placeholder";
@@ -33,30 +31,12 @@ std::optional<std::string> valueOf(const std::string& file, const char* name) {
   return std::string(value.data(), static_cast<std::size_t>(size));
 }
 
-std::optional<mode_t> modeOf(std::string_view mark) {
-  while (!mark.empty()) {
-    auto word = mark.substr(0, mark.find(' '));
-    mark.remove_prefix(word.size() == mark.size() ? word.size() : word.size() + 1);
-    if (!word.starts_with(modeWord)) continue;
-    word.remove_prefix(modeWord.size());
-    mode_t mode = 0;
-    const auto read = std::from_chars(word.data(), word.data() + word.size(), mode, 8);
-    const bool isMode = read.ec == std::errc() && read.ptr == word.data() + word.size();
-    return isMode && mode <= permissions ? std::optional(mode) : std::nullopt;
-  }
-  return std::nullopt;
-}
-
 bool set(int file, std::string text, std::optional<mode_t> mode,
          const std::optional<qx::ByteRanges>& parts) {
   const auto inode = qx::inodeNameOf(file);
   if (!inode) return false;
   text += " " + qx::markWord(*inode);
-  if (mode) {
-    std::array<char, 8> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), *mode, 8).ptr;
-    text.append(" ").append(modeWord).append(digits.data(), end);
-  }
+  if (mode) text.append(" ").append(qx::modeWord(*mode));
   if (parts) text.append(" ").append(qx::partsWord(*parts));
   return ::setxattr(descriptorPath(file).c_str(), attribute, text.data(), text.size(), 0) == 0;
 }
@@ -84,7 +64,7 @@ Mark read(int file) {
     if (!confirmed || qx::markedInode(*confirmed, *inode) != qx::MarkedInode::this_) return {};
   }
   return {qx::isBeingFilled(*value) ? PlaceholderState::providing : PlaceholderState::placeholder,
-          modeOf(*value), qx::partsThere(*value), false};
+          qx::modeIn(*value), qx::partsThere(*value), false};
 }
 
 bool setPlaceholder(int file, std::optional<mode_t> mode,

@@ -297,6 +297,7 @@ int Provider::run() {
   pthread_sigmask(SIG_BLOCK, &termination, nullptr);
   const qx::FileDescriptor terminated(signalfd(-1, &termination, SFD_CLOEXEC));
   const auto closed = std::make_shared<const qx::FileDescriptor>(eventfd(0, EFD_CLOEXEC));
+  begin();
 
   const auto operations = std::make_shared<Operations>(
       implementation_->concurrency == Concurrency::serial

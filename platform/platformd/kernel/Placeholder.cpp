@@ -9,7 +9,6 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <optional>
 #include <string_view>
@@ -141,19 +140,13 @@ void reveal(int file, const struct stat& status) {
 }
 
 void revealHidden(int file, const struct stat& status) {
-  constexpr std::string_view modeWord = " mode:";
-  constexpr int octal = 8;
   if ((status.st_mode & permissions) != 0) return;
   const auto mark = ownAttribute(file, placeholderAttribute);
-  const auto at = mark ? mark->find(modeWord) : std::string::npos;
-  if (at == std::string::npos) return;
-  const char* digits = mark->data() + at + modeWord.size();
-  unsigned mode = 0;
-  const auto [end, problem] = std::from_chars(digits, mark->data() + mark->size(), mode, octal);
-  if (problem != std::errc() || chmod(procPath(file).c_str(), mode & 0777) != 0) return;
+  const auto mode = mark ? modeIn(*mark) : std::nullopt;
+  if (!mode || chmod(procPath(file).c_str(), *mode & 0777U) != 0) return;
   // What it says holds for files without permissions: those it has now are the user's to change. A
   // mark that its provider has taken off meanwhile does not come back.
-  const std::string left = mark->substr(0, at) + std::string(end, mark->data() + mark->size());
+  const auto left = withoutMode(*mark);
   setxattr(procPath(file).c_str(), placeholderAttribute, left.data(), left.size(), XATTR_REPLACE);
 }
 

@@ -55,6 +55,10 @@ class DOCSOURCE_API Provider {
   std::optional<std::string> infoString(const std::string& key) const;
 
  protected:
+  /// The process has begun, perhaps in the place of one that was killed, and is asked for nothing
+  /// before somebody wants a document. Called once by run(), on its thread, before any operation.
+  virtual void begin() {}
+
   /// Get everything ready: make the document storage and what should be visible in it. Comes
   /// each time the broker registers the provider, so also when all is there already. An error
   /// makes the broker try again a few times, and then do without this provider.
