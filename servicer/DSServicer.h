@@ -53,7 +53,7 @@ class DSServicer {
   static void answerEarly(qx::Completion<Values...> completion,
                           const std::optional<std::type_identity_t<Values>>&... values) {
     if (!completion) return;
-    qx::WorkQueue::global().async(
+    qx::WorkQueue::global().asyncBriefly(
         [completion = std::move(completion), values...] { completion(values...); });
   }
 

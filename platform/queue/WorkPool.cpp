@@ -36,21 +36,25 @@ void WorkPool::setSize(unsigned size, unsigned cap) {
 }
 
 void WorkPool::submit(Job job) {
-  Sleeper* woken = nullptr;
+  IdleThread* woken = nullptr;
+  bool isHere = false;
   {
     const std::lock_guard lock(mutex_);
+    isHere = job.isBrief && jobs_.empty();
     jobs_.push_back(std::move(job));
     woken = provideThread();
   }
-  if (woken) woken->wake();
+  if (!woken) return;
+  if (isHere) woken->binding->bindToThisProcessor();
+  woken->sleeper.wake();
 }
 
-Sleeper* WorkPool::provideThread() {
-  Sleeper* woken = nullptr;
-  if (!sleepers_.empty() && !isOneAwakening_) {
+WorkPool::IdleThread* WorkPool::provideThread() {
+  IdleThread* woken = nullptr;
+  if (!idleThreads_.empty() && !isOneAwakening_) {
     isOneAwakening_ = true;
-    woken = sleepers_.back();
-    sleepers_.pop_back();
+    woken = idleThreads_.back();
+    idleThreads_.pop_back();
   }
   if (!isShortOfThreads()) return woken;
   if (mayGrow(size_)) {
@@ -74,13 +78,14 @@ void WorkPool::startWorker() {
   ++threads_;
 }
 
-void WorkPool::runNext(std::unique_lock<std::mutex>& lock) {
+void WorkPool::runNext(std::unique_lock<std::mutex>& lock, ProcessorBinding& binding) {
   Job job = std::move(jobs_.front());
   jobs_.pop_front();
   ++begun_;
-  Sleeper* const woken = jobs_.empty() ? nullptr : provideThread();
+  IdleThread* const woken = jobs_.empty() ? nullptr : provideThread();
   lock.unlock();
-  if (woken) woken->wake();
+  if (woken) woken->sleeper.wake();
+  if (!job.isBrief) binding.release();
   if (job.work) {
     job.work->runInPool();
   } else {
@@ -92,14 +97,15 @@ void WorkPool::runNext(std::unique_lock<std::mutex>& lock) {
 
 void WorkPool::work() {
   setOwnerOfThread(this);
+  ProcessorBinding binding;
   std::unique_lock lock(mutex_);
   for (;;) {
     if (!jobs_.empty()) {
-      runNext(lock);
+      runNext(lock, binding);
       continue;
     }
     ++idle_;
-    const bool isNeeded = sleep(lock);
+    const bool isNeeded = sleep(lock, binding);
     --idle_;
     if (!isNeeded) {
       --threads_;
@@ -108,25 +114,26 @@ void WorkPool::work() {
   }
 }
 
-bool WorkPool::sleep(std::unique_lock<std::mutex>& lock) {
-  Sleeper sleeper;
-  sleepers_.push_back(&sleeper);
+bool WorkPool::sleep(std::unique_lock<std::mutex>& lock, ProcessorBinding& binding) {
+  IdleThread thread;
+  thread.binding = &binding;
+  idleThreads_.push_back(&thread);
   // Only what is too much looks at the clock: an idle process has nothing to wake up for.
   while (isTooMany()) {
     lock.unlock();
-    const bool isWoken = sleeper.sleepFor(idleTime);
+    const bool isWoken = thread.sleeper.sleepFor(idleTime);
     lock.lock();
     if (isWoken) {
       isOneAwakening_ = false;
       return true;
     }
     // Taken off the list meanwhile: the waking comes.
-    if (std::erase(sleepers_, &sleeper) == 0) break;
+    if (std::erase(idleThreads_, &thread) == 0) break;
     if (isTooMany()) return !jobs_.empty();
-    sleepers_.push_back(&sleeper);
+    idleThreads_.push_back(&thread);
   }
   lock.unlock();
-  sleeper.sleep();
+  thread.sleeper.sleep();
   lock.lock();
   isOneAwakening_ = false;
   return true;

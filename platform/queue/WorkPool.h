@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/queue/ProcessorBinding.h"
 #include "platform/queue/Sleeper.h"
 
 namespace qx {
@@ -43,8 +44,11 @@ class WorkPool final : private ThreadOwner {
  public:
   static WorkPool& shared();
 
-  void submit(std::function<void()> task) { submit(Job{nullptr, std::move(task)}); }
-  void submit(std::shared_ptr<PoolWork> work) { submit(Job{std::move(work), nullptr}); }
+  void submit(std::function<void()> task) { submit(Job{nullptr, std::move(task), false}); }
+  void submit(std::shared_ptr<PoolWork> work) { submit(Job{std::move(work), nullptr, false}); }
+  /// A job that is over in microseconds, from a thread that is about to wait. A thread that is
+  /// woken for it, and only for it, runs on the caller's processor.
+  void submitBrief(std::function<void()> task) { submit(Job{nullptr, std::move(task), true}); }
 
   void setSize(unsigned size, unsigned cap);
 
@@ -64,6 +68,13 @@ class WorkPool final : private ThreadOwner {
   struct Job {
     std::shared_ptr<PoolWork> work;
     std::function<void()> task;
+    bool isBrief = false;
+  };
+
+  /// A thread that sleeps until there is a job, for as long as it is on the list.
+  struct IdleThread {
+    Sleeper sleeper;
+    ProcessorBinding* binding = nullptr;
   };
 
   WorkPool();
@@ -71,20 +82,20 @@ class WorkPool final : private ThreadOwner {
   void threadGoesOn() override;
   void submit(Job job);
   /// Takes the next job and runs it, and comes back with the mutex held.
-  void runNext(std::unique_lock<std::mutex>& lock);
+  void runNext(std::unique_lock<std::mutex>& lock, ProcessorBinding& binding);
   bool isShortOfThreads() const { return jobs_.size() > idle_; }
   bool mayGrow(unsigned limit) const { return threads_ - waiting_ < limit; }
   bool isTooMany() const { return threads_ - waiting_ > size_; }
   /// With the mutex held. The thread that is to be woken when it is not held any more, or null.
-  [[nodiscard]] Sleeper* provideThread();
+  [[nodiscard]] IdleThread* provideThread();
   void startWorker();
   void work();
   /// Until woken, or, where there are too many threads, for a while; whether to go on.
-  bool sleep(std::unique_lock<std::mutex>& lock);
+  bool sleep(std::unique_lock<std::mutex>& lock, ProcessorBinding& binding);
   void watch();
 
   std::mutex mutex_;
-  std::vector<Sleeper*> sleepers_;
+  std::vector<IdleThread*> idleThreads_;
   bool isOneAwakening_ = false;  // and has not come for its job yet
   std::condition_variable backlogArose_;
   std::deque<Job> jobs_;

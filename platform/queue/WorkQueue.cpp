@@ -302,6 +302,7 @@ class GlobalQueue final : public WorkQueue {
 
   void async(Task task) override { WorkPool::shared().submit(std::move(task)); }
   void barrierAsync(Task task) override { async(std::move(task)); }
+  void asyncBriefly(Task task) override { WorkPool::shared().submitBrief(std::move(task)); }
   void suspend() override {}
   void resume() override {}
 

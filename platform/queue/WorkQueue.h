@@ -42,6 +42,12 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   virtual void async(Task task) = 0;
   virtual void barrierAsync(Task task) = 0;
 
+  /// The same as async(), for a task that is over in microseconds and waits for nothing, submitted
+  /// by a thread that is about to wait itself: an answer to what it has read. On the global queue
+  /// the task runs on the caller's processor if a thread has to be woken for it. Another processor
+  /// may be asleep, and then takes longer to wake up than the task takes.
+  virtual void asyncBriefly(Task task) { async(std::move(task)); }
+
   /// Submits, waits until it has run, and returns what it returned.
   template <class F>
   auto sync(F&& work) {
