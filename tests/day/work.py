@@ -340,7 +340,7 @@ def at_rest(worlds, patience=4 * people.PATIENCE, confirms=False):
     Removals of much at once wait for a word, which is given when it `confirms`."""
     def shown(world, origin):
         """A placeholder that nobody guards has no permissions, and gets its document's with the content."""
-        items = tree(world.docs, content=False)
+        items = world.here(content=False)
         if world.mode == "cooperative":
             for path, item in items.items():
                 if item[:2] == ("file", 0) and origin.get(path, item)[0::2] == item[0::2]:
@@ -355,7 +355,7 @@ def at_rest(worlds, patience=4 * people.PATIENCE, confirms=False):
             if not all(world.is_idle() for world in worlds):
                 return False
             try:
-                origin = tree(worlds[0].origin, content=False)
+                origin = worlds[0].at_origin(content=False)
                 looks.append([origin] + [shown(world, origin) for world in worlds])
             except OSError:
                 return False
@@ -365,7 +365,7 @@ def at_rest(worlds, patience=4 * people.PATIENCE, confirms=False):
         return []
     except TimeIsUp:
         lines = [f"{world.name} does not come to rest" for world in worlds if not world.is_idle()]
-        origin = tree(worlds[0].origin, content=False)
+        origin = worlds[0].at_origin(content=False)
         for world in worlds:
             lines += differences(shown(world, origin), origin, (world.name, "origin"))
         return lines
@@ -376,7 +376,7 @@ def compare(worlds, shadow, desks, book):
     findings = list(book.findings)
     for world in worlds:
         world.bring_in(world.docs)
-    trees = {"origin": tree(worlds[0].origin), **{world.name: tree(world.docs) for world in worlds}}
+    trees = {"origin": worlds[0].at_origin(), **{world.name: world.here() for world in worlds}}
     for world in worlds:
         findings += differences(trees[world.name], trees["origin"], (world.name, "origin"))
     for desk in desks:
@@ -386,15 +386,15 @@ def compare(worlds, shadow, desks, book):
             def own(all_items):
                 return {path: item for path, item in all_items.items() if path.startswith(top)
                         and "/repository/.git" not in path and not path.endswith("/table.db")}
-            findings += differences(own(items), own(tree(shadow)), (side, "expected"))
+            findings += differences(own(items), own(desk.world.kept(tree(shadow))), (side, "expected"))
         for world in worlds:
             for tops in ((f"{world.docs}/desk-{desk.name}", f"{shadow}/desk-{desk.name}"),):
                 findings += same_by_programs(world, *tops)
-    present = {item[2] for items in trees.values() for item in items.values() if item[0] == "file"}
+    present = {item[-1] for items in trees.values() for item in items.values() if item[0] == "file"}
     findings += book.missing(present)
     for path, item in trees["origin"].items():
-        if path.startswith("shared/") and item[0] == "file" and item[2] not in book.written:
-            findings.append(f"{path}: a content that nobody wrote: {read(f'{worlds[0].origin}/{path}')[:60]!r}")
+        if path.startswith("shared/") and item[0] == "file" and item[-1] not in book.written:
+            findings.append(f"{path}: a content that nobody wrote: {read(f'{worlds[0].docs}/{path}')[:60]!r}")
     return findings
 
 
@@ -416,16 +416,19 @@ def same_by_programs(world, top, expected):
     return findings
 
 
-def day(worlds, base, seed, seconds, killer, workers=2):
-    """The findings and what was done."""
+def day(worlds, base, seed, seconds, killer, workers=2, pause=0.2):
+    """The findings and what was done. Somebody works right at an origin that is a directory."""
     shadow, book = f"{base}/expected", Book()
     shared, desks, ended = Shared(book), [], threading.Event()
     pool = people.people(len(worlds) * workers + 2)
     origin = worlds[0].origin
 
     def begin():
-        os.makedirs(f"{origin}/shared", exist_ok=True)
+        if origin:
+            os.makedirs(f"{origin}/shared", exist_ok=True)
         for world in worlds:
+            if not origin:
+                os.makedirs(f"{world.docs}/shared", exist_ok=True)
             eventually(lambda: os.path.isdir(f"{world.docs}/shared"), "the origin's directory does not appear")
         for world in worlds:
             for number in range(workers):
@@ -442,7 +445,7 @@ def day(worlds, base, seed, seconds, killer, workers=2):
                 shared.step(desk.world, desk.name, r)
             elif what < 0.95:
                 desk.tidy(r)
-            ended.wait(r.random() * 0.2)
+            ended.wait(r.random() * pause)
 
     def colleague():
         r = random.Random(f"{seed} colleague")
@@ -451,7 +454,7 @@ def day(worlds, base, seed, seconds, killer, workers=2):
             ended.wait(r.random() * 2)
 
     with killer:
-        running = [pool.submit(person, desk) for desk in desks] + [pool.submit(colleague)]
+        running = [pool.submit(person, desk) for desk in desks] + [pool.submit(colleague)] * bool(origin)
         ended.wait(seconds)
         ended.set()
         problems = []

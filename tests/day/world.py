@@ -13,6 +13,7 @@ import subprocess
 import threading
 
 import people
+from book import tree
 from people import IS_ROOT, USER, TimeIsUp, as_root, eventually, run
 
 
@@ -42,7 +43,22 @@ def processor_time(process):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-class World:
+class Side:
+    """What is on one machine, and at the origin, as far as it has to be equal."""
+
+    @staticmethod
+    def kept(items):
+        """Of a tree, what the origin can keep."""
+        return items
+
+    def here(self, content=True):
+        return self.kept(tree(self.docs, content))
+
+    def at_origin(self, content=True):
+        return tree(self.origin, content)
+
+
+class World(Side):
     def __init__(self, base, name, origin, programs, mode):
         self.name, self.origin, self.programs, self.mode = name, origin, programs, mode
         self.directory = f"{base}/{name}"
@@ -88,10 +104,14 @@ class World:
     def start(self, patience=None):
         self.start_daemons()
         if not self.is_added:
-            self.tool("add", "folder", self.account, self.origin)
+            self.tool("add", *self.addition())
             self.is_added = True
         eventually(lambda: os.path.isdir(self.docs), f"{self.docs} does not appear", patience)
         self.healthy(patience)
+
+    def addition(self):
+        """The words that add the account."""
+        return "folder", self.account, self.origin
 
     def _spawn(self, program, user):
         log = open(f"{self.directory}/{program}.log", "ab")
@@ -209,7 +229,7 @@ class World:
         return self.tool("evict", path, check=False).returncode == 0
 
 
-class Plain:
+class Plain(Side):
     """Stands in for a World: `fake.py` copies between a plain directory and the origin."""
     mode = "plain"
 

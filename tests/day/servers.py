@@ -1,0 +1,163 @@
+"""Accounts of two machines at one server, which is killed, started again, slowed and filled while they
+are used, and to which the line breaks."""
+import json
+import os
+import random
+import subprocess
+import threading
+
+import people
+from book import tree
+from people import IS_ROOT, as_root, run
+from world import World, children
+
+TESTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
+
+
+class Server:
+    """One of tests/webdav/servers.py or tests/s3/servers.py behind a proxy; all of it by root."""
+
+    def __init__(self, kind, base):
+        self.kind, self.place = kind, f"{base}/server"
+        self.script = f"{TESTS}/{'s3' if kind in ('s3rver', 'moto') else 'webdav'}/servers.py"
+        os.makedirs(self.place)
+        self.is_small = IS_ROOT and kind != "moto"
+        if self.is_small:
+            run("mount", "-t", "tmpfs", "-o", "size=192m,mode=755", "tmpfs", self.place)
+        self.process, self.port = None, None
+        self.start()
+        self.line = subprocess.Popen([people.PYTHON, f"{TESTS}/support/proxy.py", self.port], stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.address = self.line.stdout.readline().strip()
+
+    def start(self):
+        environment = dict(os.environ, **({"SERVER_PORT": self.port} if self.port else {}))
+        self.process = subprocess.Popen([people.PYTHON, self.script, self.kind, self.place], env=environment,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        address = self.process.stdout.readline().strip()
+        if not address.startswith("http"):
+            raise OSError(0, f"{self.kind}: {address}")
+        self.port = address.rstrip("/").rsplit(":", 1)[1]
+
+    def kill(self):
+        for server in children(self.process.pid):
+            os.kill(server, 9)
+        self.end_process()
+
+    def end_process(self):
+        self.process.stdin.close()
+        self.process.wait(30)
+
+    def tell_line(self, **settings):
+        self.line.stdin.write(json.dumps(settings) + "\n")
+        self.line.stdin.flush()
+        self.line.stdout.readline()
+
+    def fill(self):
+        with open(f"{self.place}/full", "wb", buffering=0) as file:
+            try:
+                while True:
+                    file.write(bytes(1 << 16))
+            except OSError:
+                pass
+
+    def empty(self):
+        if os.path.exists(f"{self.place}/full"):
+            os.unlink(f"{self.place}/full")
+
+    def end(self):
+        self.line.stdin.close()
+        self.line.wait(30)
+        self.end_process()
+        if self.is_small:
+            run("umount", self.place)
+
+    def files(self, content):
+        """What it holds, with the digest or the size of each file."""
+        top, ending = f"{self.place}/files", ""
+        if self.kind == "s3rver":
+            top, ending = f"{top}/docs/deep", "._S3rver_object"
+        return {path.removesuffix(ending): ("file", item[2]) for path, item in tree(top, content).items()
+                if item[0] == "file" and path.endswith(ending)
+                and path.removesuffix(ending).rpartition("/")[2] not in ("", ".docsource-mark")}
+
+
+class ServerWorld(World):
+    """What servers keep of documents: names and contents."""
+
+    def __init__(self, base, name, server, programs, mode):
+        super().__init__(base, name, None, programs, mode)
+        self.server = server
+
+    def addition(self):
+        if self.server.script.endswith("webdav/servers.py"):
+            return "webdav", self.account, self.server.address
+        key = f"{self.home}/key"
+        with open(os.open(key, os.O_WRONLY | os.O_CREAT, 0o600), "w") as file:
+            file.write("S3RVER\nS3RVER\n")
+        return "s3", self.account, "s3://docs/deep", "--endpoint", self.server.address, "--key-file", key
+
+    @staticmethod
+    def kept(items):
+        return {path: (item[0], item[2]) for path, item in items.items() if item[0] == "file"}
+
+    def at_origin(self, content=True):
+        return self.server.files(content)
+
+
+class Trouble:
+    """For the server and the line to it, and for the machines, until the end of the block."""
+
+    def __init__(self, server, worlds, seed):
+        self.server, self.worlds, self.random = server, worlds, random.Random(seed)
+        self.victims = {}
+
+    def __enter__(self):
+        self.stop, self.problem = threading.Event(), None
+        self.thread = threading.Thread(target=self._work)
+        self.thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.stop.set()
+        self.thread.join()
+        if self.problem:
+            raise self.problem
+
+    def _work(self):
+        try:
+            while not self.stop.wait(self.random.uniform(2, 10)):
+                what = self.random.choice([self.restart, self.slow, self.late, self.broken, self.full, self.killed])
+                self.victims[what.__name__] = self.victims.get(what.__name__, 0) + 1
+                what()
+        except Exception as problem:  # noqa: BLE001: told at the end
+            self.problem = problem
+
+    def restart(self):
+        as_root(self.server.kill)
+        self.stop.wait(self.random.uniform(0, 10))
+        as_root(self.server.start)
+
+    def for_a_while(self, **settings):
+        self.server.tell_line(**settings)
+        self.stop.wait(self.random.uniform(2, 20))
+        self.server.tell_line(delay=0, rate=0, faults=[])
+
+    def slow(self):
+        self.for_a_while(rate=self.random.choice([2_000, 20_000, 200_000]))
+
+    def late(self):
+        self.for_a_while(delay=self.random.choice([0.05, 0.5, 2]))
+
+    def broken(self):
+        kinds = ["reset", 500, 502, 503, 429, {"cut": self.random.randrange(1, 300)}]
+        self.for_a_while(faults=[self.random.choice(kinds) for _ in range(self.random.randrange(1, 30))])
+
+    def full(self):
+        if self.server.is_small:
+            as_root(self.server.fill)
+            self.stop.wait(self.random.uniform(2, 20))
+            as_root(self.server.empty)
+
+    def killed(self):
+        self.random.choice(self.worlds).kill("account")
