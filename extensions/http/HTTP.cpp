@@ -19,6 +19,9 @@ namespace {
 constexpr std::size_t mostText = 64UL * 1024;
 constexpr std::size_t mostHeaders = 256UL * 1024;
 constexpr std::size_t mostIdle = 8;
+/// Of what the socket has, so much at once (the largest that there was before 7.88,
+/// CURLOPT_BUFFERSIZE(3)).
+constexpr long bufferSize = 512L << 10;
 constexpr long mostRedirects = 5;
 /// The way to log in is learned from the first refusal, and a password may have changed since.
 constexpr unsigned mostRefusals = 3;
@@ -272,6 +275,7 @@ Result<Answer> Session::perform(const Request& request) {
     handle->set(CURLOPT_NOSIGNAL, 1L);
     handle->set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     handle->set(CURLOPT_USERAGENT, "DocSource/1.0");
+    handle->set(CURLOPT_BUFFERSIZE, bufferSize);
     handle->set(CURLOPT_URL, request.url.c_str());
     handle->set(CURLOPT_PATH_AS_IS, 1L);
     handle->set(CURLOPT_PROTOCOLS_STR, "http,https");
