@@ -4,9 +4,11 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "platform/files/Places.h"
 #include "platform/identity/Bundles.h"
@@ -59,18 +61,35 @@ bool wasStartedAs(const ProcessDirectory& process, const std::optional<std::stri
   return environment->starts_with(entry) || environment->find('\0' + entry) != std::string::npos;
 }
 
-/// Whether the daemon is reached from the process, passing one that was started as the extension.
-bool isBelow(pid_t process, const std::string& docSource, pid_t daemon, bool isMarked) {
-  for (int depth = 0; depth < deepest && process > 1; ++depth) {
-    if (process == daemon) return isMarked;
-    const auto directory = ProcessDirectory::open(process);
-    const auto kin = directory ? kinOf(*directory) : std::nullopt;
-    if (!kin) return false;
-    isMarked = isMarked || wasStartedAs(*directory, docSource);
-    process = kin->parent;
+/// A process and its ancestors, as far as the daemon, or as far as there are any.
+struct Line {
+  std::vector<std::pair<pid_t, ProcessDirectory>> processes;
+  bool reachesDaemon = false;
+
+  Line(pid_t process, pid_t daemon) {
+    for (int depth = 0; depth < deepest && process > 1; ++depth) {
+      reachesDaemon = process == daemon;
+      auto directory = reachesDaemon ? std::nullopt : ProcessDirectory::open(process);
+      const auto kin = directory ? kinOf(*directory) : std::nullopt;
+      if (!kin) return;
+      processes.emplace_back(process, *std::move(directory));
+      process = kin->parent;
+    }
   }
-  return false;
-}
+
+  bool has(pid_t process) const {
+    return std::any_of(processes.begin(), processes.end(),
+                       [&](const auto& each) { return each.first == process; });
+  }
+
+  /// Whether it comes from the daemon by one that was started as the extension. Most programs come
+  /// from elsewhere, and what they were started with need not be read.
+  bool comesFrom(const std::string& docSource) const {
+    return reachesDaemon && std::any_of(processes.begin(), processes.end(), [&](const auto& each) {
+             return wasStartedAs(each.second, docSource);
+           });
+  }
+};
 
 /// Absent when the process is gone.
 std::optional<bool> isOf(pid_t process, uid_t owner, const std::string& docSource, pid_t daemon) {
@@ -79,10 +98,13 @@ std::optional<bool> isOf(pid_t process, uid_t owner, const std::string& docSourc
   if (!kin) return std::nullopt;
   if (!isOwn(*directory, owner)) return false;
   if (process == daemon) return true;
-  const bool isMarked = wasStartedAs(*directory, docSource);
-  if (isBelow(kin->parent, docSource, daemon, isMarked)) return true;
+  const Line line(process, daemon);
+  if (line.comesFrom(docSource)) return true;
   // An orphan stays in the process group that the extension leads.
-  return kin->group != process && isBelow(kin->group, docSource, daemon, isMarked);
+  if (line.has(kin->group)) return false;
+  const Line leader(kin->group, daemon);
+  return leader.comesFrom(docSource) ||
+         (leader.reachesDaemon && wasStartedAs(*directory, docSource));
 }
 
 /// Of a process that may be gone.

@@ -60,17 +60,22 @@ void Readers::decide(const Access& access, FileDescriptor file) {
   const auto kind = programs_.kindOf(access.process, user);
   const bool isLook = (access.mask & preAccess) == 0 && !trees_.tellsOfOpeningsOnly(status.st_dev);
   if (isLook && kind != ProgramKind::wholeFile) return end(0);
-  auto place = known == documents_.end() ? trees_.locate(file.get(), status) : known->second.place;
-  if (claims_.isExempt(access.process, place)) return end(0);
-  if (kind == ProgramKind::neverProvide) return end(EPERM);
   Access waiting = access;
   waiting.range = kind == ProgramKind::wholeFile || !access.range
                       ? std::nullopt
                       : std::optional(access.range->within(std::uint64_t(status.st_size)));
-  if (known != documents_.end() && known->second.isAsked &&
-      partOf(waiting, identity, Placeholder::partsThere(file.get())) == Part::there) {
-    return end(0);
+  // Before the longer question whose process it is: this is asked for each read of what arrives.
+  if (known != documents_.end() && known->second.isAsked && waiting.range &&
+      kind != ProgramKind::neverProvide) {
+    const auto parts = Placeholder::partsThere(file.get());
+    if (parts && parts->contains(*waiting.range) &&
+        partOf(waiting, identity, parts) == Part::there) {
+      return end(0);
+    }
   }
+  auto place = known == documents_.end() ? trees_.locate(file.get(), status) : known->second.place;
+  if (claims_.isExempt(access.process, place)) return end(0);
+  if (kind == ProgramKind::neverProvide) return end(EPERM);
   wait(identity, waiting, user, std::move(file), std::move(place));
 }
 
