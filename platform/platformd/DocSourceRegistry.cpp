@@ -111,19 +111,15 @@ std::optional<qx::Error> DocSourceRegistry::remove(const std::string& identifier
 }
 
 void DocSourceRegistry::forget(const std::shared_ptr<DocSourceHost>& host) {
-  std::vector<SourcePointer> forgotten;
-  {
-    std::lock_guard lock(mutex_);
-    std::erase_if(sources_, [&](const auto& entry) {
-      const bool isOurs = entry.second.source->host == host;
-      if (isOurs) forgotten.push_back(entry.second.source);
-      return isOurs;
-    });
-  }
-  for (const auto& source : forgotten) {
-    DS_LOG("[NOTICE] Doc source %@ is gone: its connection was lost.", source->identifier);
-    if (const auto observer = observer_.lock()) observer->docSourceLost(*source);
-  }
+  std::lock_guard lock(mutex_);
+  std::erase_if(sources_, [&](const auto& entry) {
+    const bool isOurs = entry.second.source->host == host;
+    if (isOurs) {
+      DS_LOG("[NOTICE] Doc source %@ is gone: its connection was lost.",
+             entry.second.source->identifier);
+    }
+    return isOurs;
+  });
 }
 
 DocSourceRegistry::Place DocSourceRegistry::placeOf(const qx::URL& url,

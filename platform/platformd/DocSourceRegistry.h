@@ -61,8 +61,6 @@ class DocSourceObserver {
   /// known that it cannot be.
   virtual void docSourceAdded(const DocSource& source, std::function<void()> onWatched) = 0;
   virtual void docSourceRemoved(const DocSource& source) = 0;
-  /// Its host is gone; it may come back.
-  virtual void docSourceLost(const DocSource& source) = 0;
 };
 
 /// The doc sources that are registered, and the coordination of who reads and writes their items.

@@ -340,6 +340,16 @@ TEST_P(KernelTest, ATreeIsWatchedAlthoughWhoAddedItGoes) {
   next.provideNext();
   EXPECT_EQ(waiting.readLine(), "right");
   EXPECT_EQ(patient.readLine(), "right");
+  // Lost while it provides.
+  ChildProcess asking(reader("read", document(1)));
+  while (const auto message = next.receive()) {
+    if (message->size() == 4) break;
+  }
+  next.close();
+  WireHost last;
+  last.beginToAdd("com.example.source");
+  last.provideNext();
+  EXPECT_EQ(asking.readLine(), "right");
 }
 
 TEST_P(KernelTest, DirectoriesThatComeLaterAreWatched) {

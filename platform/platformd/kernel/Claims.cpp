@@ -12,7 +12,7 @@ bool Claims::add(const DocSource& source, std::string tree, std::optional<Claim>
     if (known->second.source.number > source.number) return false;
     replaced = std::move(known->second);
   }
-  claims_.insert_or_assign(key, Claim{source, std::move(tree), false});
+  claims_.insert_or_assign(key, Claim{source, std::move(tree)});
   return true;
 }
 
@@ -28,10 +28,6 @@ std::optional<Claims::Claim> Claims::remove(const DocSource& source) {
   std::optional<Claim> removed = std::move(*known);
   claims_.erase({source.owner, source.identifier});
   return removed;
-}
-
-void Claims::setLost(const DocSource& source) {
-  if (Claim* known = find(source)) known->isLost = true;
 }
 
 const Claims::Claim* Claims::of(const GuardedTrees::Place& place) const {

@@ -20,10 +20,9 @@ class Claims {
   struct Claim {
     DocSource source;
     std::string tree;  // the path of its directory, without links
-    bool isLost = false;
 
     /// Whether there is nobody who could be asked.
-    bool isAway() const { return isLost || source.host->isLost(); }
+    bool isAway() const { return source.host->isLost(); }
   };
 
   /// False when a later registration of that doc source is known already; what it takes the place
@@ -31,7 +30,6 @@ class Claims {
   bool add(const DocSource& source, std::string tree, std::optional<Claim>& replaced);
   /// Absent when it is not this registration that is known.
   std::optional<Claim> remove(const DocSource& source);
-  void setLost(const DocSource& source);
   /// What a link in its path leads to is known only once it is there; null for another
   /// registration.
   Claim* find(const DocSource& source);

@@ -39,7 +39,6 @@ class CooperativeGuard final : public DocSourceObserver,
   // DocSourceObserver
   void docSourceAdded(const DocSource& source, std::function<void()> onWatched) override;
   void docSourceRemoved(const DocSource& /*source*/) override {}
-  void docSourceLost(const DocSource& /*source*/) override {}
 
  private:
   class Input;

@@ -195,13 +195,6 @@ void KernelCoordinator::docSourceRemoved(const DocSource& source) {
   });
 }
 
-void KernelCoordinator::docSourceLost(const DocSource& source) {
-  onQueue([this, source] {
-    claims_.setLost(source);
-    readers_->lookWhoIsAway();
-  });
-}
-
 /// Marks a doc source's tree. What becomes of the doc source meanwhile changes nothing in that: the
 /// marks keep readers from zeros whether it is there or not.
 void KernelCoordinator::claim(const DocSource& source, const std::function<void()>& onWatched) {

@@ -49,7 +49,6 @@ class KernelCoordinator final : public DocSourceObserver,
   // DocSourceObserver
   void docSourceAdded(const DocSource& source, std::function<void()> onWatched) override;
   void docSourceRemoved(const DocSource& source) override;
-  void docSourceLost(const DocSource& source) override;
 
  private:
   class Input;

@@ -265,9 +265,8 @@ void Readers::provided(const FileIdentity& identity, std::uint64_t turn,
   Document& document = found->second;
   if (error) {
     if (!document.isAsked) return;  // and waits for another to ask
-    const Claims::Claim* claim = document.place ? claims_.of(*document.place) : nullptr;
-    const bool isAway = !claim || claim->isAway();
-    if (isAway && !document.accesses.empty()) return await(identity);
+    // Who lost the doc source waits for the next, which may be there already.
+    if (document.source->host->isLost() && !document.accesses.empty()) return ask(identity);
     return finish(identity, errnoFor(*error));
   }
   struct stat status;
@@ -278,7 +277,7 @@ void Readers::provided(const FileIdentity& identity, std::uint64_t turn,
       status.st_ctim.tv_nsec != document.changed.tv_nsec) {
     Placeholder::stopVouching(file);
   }
-  if (!Placeholder::isOne(file, status) && trees_.settle(file)) return finish(identity, 0);
+  if (trees_.settle(file)) return finish(identity, 0);
   // Content that came as another file is found by whoever opens the name again.
   finish(identity, status.st_nlink == 0 ? EAGAIN : EIO);
 }
