@@ -41,15 +41,17 @@ TEST_F(DirectoryWatchTest, TellsEachCompleteChangeOfAnEntry) {
        {elsewhere / "original", elsewhere / "comes", root / "goes", root / "dies"}) {
     writeFile(path);
   }
+  std::ofstream(elsewhere / "empty");
   auto started = watch(root.path());
   writeFile(root / "file");
   fs::create_directory(root / "directory");
   fs::create_symlink("nowhere", root / "link");
   fs::create_hard_link(elsewhere / "original", root / "hard");
+  fs::create_hard_link(elsewhere / "empty", root / "empty");
   fs::rename(elsewhere / "comes", root / "comes");
   fs::rename(root / "goes", elsewhere / "goes");
   fs::remove(root / "dies");
-  for (const char* name : {"file", "directory", "link", "hard", "comes", "goes", "dies"}) {
+  for (const char* name : {"file", "directory", "link", "hard", "empty", "comes", "goes", "dies"}) {
     EXPECT_TRUE(told.waitFor(name)) << name;
   }
 

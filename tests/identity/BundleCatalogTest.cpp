@@ -381,10 +381,13 @@ TEST_F(BundleCatalogTest, ABundleThatCannotBeReadHoldsUpNobodyElse) {
   EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
   makeBundle(application("new"), "com.example.new");
   EXPECT_EQ(identifiers(), "com.example.good com.example.new ");
-  fs::remove(application("hanging") + "/Entitlements.plist");
+  // Another bundle takes its place while it is read.
+  makeBundle(temporaryRoot() + "/prepared-next", "com.example.next");
+  fs::rename(application("hanging"), prepared);
+  fs::rename(temporaryRoot() + "/prepared-next", application("hanging"));
   guard.reset();
   EXPECT_TRUE(within(std::chrono::seconds(1), [&] {
-    return identifiers() == "com.example.good com.example.hanging com.example.new ";
+    return identifiers() == "com.example.good com.example.next com.example.new ";
   }));
 }
 

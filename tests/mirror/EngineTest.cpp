@@ -227,6 +227,29 @@ TEST_F(EngineTest, RemovesMuchAtATimeOnlyWhenItIsConfirmed) {
   EXPECT_EQ(names(there_), "a.txt ");
 }
 
+TEST_F(EngineTest, ShowsNothingThereThatWasNeverWholeHere) {
+  constexpr std::size_t size = 3U << 20U;
+  save(here("a.txt"), std::string(size, 'a'));
+  char letter = 'a';
+  bool isTorn = false;
+  {
+    // Overwritten in place between two pieces, again and again.
+    const WatchedCalls watched([&](const char* name, bool changes) {
+      const auto shown = changes ? read(there("a.txt")) : std::string();
+      isTorn = isTorn ||
+               (shown.size() == size && shown.find_first_not_of(shown[0]) != std::string::npos);
+      if (std::string_view(name).starts_with("pread") && letter < 'p') {
+        std::fstream(here("a.txt")) << std::string(size, ++letter);
+      }
+      return 0;
+    });
+    settle();
+  }
+  EXPECT_FALSE(isTorn);
+  EXPECT_EQ(letter, 'p');
+  EXPECT_TRUE(read(there("a.txt")) == std::string(size, 'p'));
+}
+
 TEST_F(EngineTest, TakesTheSizeThatAProgramGaveToAPlaceholder) {
   fs::resize_file(here("a.txt"), 2);
   fs::resize_file(here("d/e/b.txt"), 8);

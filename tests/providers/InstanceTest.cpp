@@ -78,6 +78,15 @@ TEST_F(ProvidersTest, AnInstanceKnowsTheDirectoryThatItsBundleNamesOrSaysWhyNot)
     if (message.empty()) {
       EXPECT_EQ(url, URL::fileURL(ProviderBundle(identifier).storage(), true));
       EXPECT_EQ(log.count(""), 0U);
+      // What is set anew is seen by the next look; without an identifier it has its extension's.
+      provider->setProvidedItemsURL(URL("file:///moved/"));
+      EXPECT_EQ(provider->_providedItemsURL(), URL("file:///moved/"));
+      provider->setIdentifier("other");
+      EXPECT_EQ(provider->_fileReactorID(), "other");
+      provider->setIdentifier(std::nullopt);
+      EXPECT_EQ(provider->_fileReactorID(), identifier);
+      provider->setExtension(std::make_shared<Hollow>("successor"));
+      EXPECT_EQ(provider->_fileReactorID(), "successor");
     } else {
       EXPECT_EQ(url, std::nullopt);
       EXPECT_EQ(LogCapture::mailbox().all(), Lines{message + identifier + " (/hollow)"});

@@ -12,6 +12,7 @@
 #include "platform/base/Errors.h"
 #include "platform/files/FileManager.h"
 #include "platform/sandbox/Sandbox.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TemporaryRoot.h"
@@ -221,6 +222,17 @@ TEST_F(SandboxExtensionTest, OpensNothingButTheFileThatWasMeant) {
     write(path, "content");
     EXPECT_TRUE(isRedeemed(token)) << "the file is back, and may have been saved anew";
   }
+  // Nor does opening wait for a process that holds the file.
+  ChildProcess holder({"python3", "-c",
+                       "import fcntl, signal, sys\n"
+                       "signal.signal(signal.SIGIO, signal.SIG_IGN)\n"
+                       "file = open(sys.argv[1])\n"
+                       "fcntl.fcntl(file, fcntl.F_SETLEASE, fcntl.F_RDLCK)\n"
+                       "print('held', flush=True)\n"
+                       "sys.stdin.read()",
+                       path});
+  ASSERT_EQ(holder.readLine(), "held");
+  EXPECT_EQ(failureOf(token), EAGAIN);
 }
 
 TEST_F(SandboxExtensionTest, AKeyThatOthersCouldKnowIsRefused) {
