@@ -65,6 +65,7 @@ Error Engine::trouble(const Error& error) {
   if (state_ != state && problem != RemoteProblem::notNow) {
     state_ = state;
     since_ = currentTime();
+    changes_.note(rootItem);
   }
   trouble_ = error;
   shallLookThere_ = true;
@@ -80,6 +81,7 @@ void Engine::wellAgain() {
   if (state_ != MirrorHealth::State::ok && hasLookedThere_) {
     state_ = MirrorHealth::State::ok;
     since_ = currentTime();
+    changes_.note(rootItem);
   }
 }
 
@@ -165,7 +167,7 @@ Result<void> Engine::open() {
   if (!entry || !aside_) return Error::file(errno, options_.storage);
   return guarded([&]() -> Result<void> {
     database_.emplace(options_.state + "/items.sqlite");
-    items_.emplace(*database_);
+    items_.emplace(*database_, [this](ItemNumber number) { changes_.note(number); });
     Database::Transaction transaction(*database_);
     const auto prefix = items_->fact("prefix");
     identifierPrefix_ = prefix.value_or(qx::UUID::random().text().substr(0, 8));
@@ -591,6 +593,18 @@ MirrorHealth Engine::health() {
     health.reason = broken_;
   }
   return health;
+}
+
+std::vector<std::string> Engine::pathsOf(const std::vector<ItemNumber>& numbers) {
+  const Lock lock(mutex_);
+  return guarded([&] {
+    std::vector<std::string> paths;
+    for (const auto number : numbers) {
+      const auto path = items_->path(Side::here, number);
+      if (path && !path->empty()) paths.push_back(storagePath_ + "/" + *path);
+    }
+    return paths;
+  });
 }
 
 void Engine::itemChanged(const std::string& path) {

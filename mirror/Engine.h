@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "docsource/remote.h"
+#include "mirror/ChangeJournal.h"
 #include "mirror/Database.h"
 #include "mirror/Ignore.h"
 #include "mirror/Items.h"
@@ -101,6 +102,9 @@ class Engine {
   std::vector<MirrorTransfer> transfers();
   Result<void> cancel(const std::string& path);
   std::vector<MirrorConflict> conflicts();
+  ChangeJournal& changes() { return changes_; }
+  /// Of those that are here, without the root.
+  std::vector<std::string> pathsOf(const std::vector<ItemNumber>& numbers);
   Result<void> take(const std::string& copy);
   void beginSync(bool confirmRemovals);
   bool isQuiet();
@@ -303,6 +307,8 @@ class Engine {
   std::map<ItemNumber, std::string> different_;
   std::map<ItemNumber, std::shared_ptr<Transfer>> busy_;
   std::uint64_t transfersBegun_ = 0;
+  /// Of items as status() tells of them; the root stands for the mirror as health() does.
+  ChangeJournal changes_;
 };
 
 }  // namespace docsource::mirror

@@ -66,8 +66,10 @@ void Engine::countRemovals() {
     if (removed <= fewRemovals) return false;
     return removed > mostRemovals || 2 * removed > items_->count("agreedKind IS NOT NULL") - 1;
   };
+  const auto before = std::pair(areHeldHere_, areHeldThere_);
   areHeldHere_ = isMuch(here);
   areHeldThere_ = isMuch(there);
+  if (before != std::pair(areHeldHere_, areHeldThere_)) changes_.note(rootItem);
 }
 
 /// Until when more may be about to go on that side: how much goes at once is known only when

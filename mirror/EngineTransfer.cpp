@@ -126,11 +126,13 @@ std::shared_ptr<Engine::Transfer> Engine::begin(const Item& item, bool isUpload,
   transfer->isUpload = isUpload;
   transfer->total = static_cast<std::uint64_t>(total);
   busy_.emplace(item.number, transfer);
+  changes_.note(item.number);
   return transfer;
 }
 
 void Engine::end(const std::shared_ptr<Transfer>& transfer) {
   busy_.erase(transfer->number);
+  changes_.note(transfer->number);
   changed_.notify_all();
 }
 

@@ -66,7 +66,7 @@ bool lock(int file) { return ::flock(file, LOCK_EX | LOCK_NB) == 0; }
 
 /// `changed` for what stands in the way of an operation because another one was there first.
 Error errorOf(int errnum, const std::string& what, const std::string& path) {
-  const auto text = what + " \"" + path + "\": " + Error::posix(errnum, "").description();
+  const auto text = Error::posix(errnum, what + " \"" + path + "\"").description();
   switch (errnum) {
     case ENOENT:
     case ENOTDIR:

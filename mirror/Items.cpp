@@ -81,7 +81,10 @@ const std::optional<Node>& nodeOf(const Item& item, Side side) {
 
 }  // namespace
 
-Items::Items(Database& database) : database_(database) { database_.run(schema); }
+Items::Items(Database& database, std::function<void(ItemNumber)> changed)
+    : database_(database), changed_(std::move(changed)) {
+  database_.run(schema);
+}
 
 Item Items::read(const Statement& row) {
   Item item;
@@ -136,6 +139,7 @@ void Items::save(Item& item) {
   statement.bind(item.conflictWith).bind(item.conflictSince);
   statement.run();
   if (item.number == 0) item.number = database_.lastInsertedRow();
+  changed_(item.number);
 }
 
 void Items::writeSettled() {
@@ -153,6 +157,7 @@ void Items::erase(ItemNumber number) {
   settled_.erase(number);
   database_.prepare("DELETE FROM item WHERE number=?").bind(number).run();
   database_.prepare("UPDATE item SET conflictWith=NULL WHERE conflictWith=?").bind(number).run();
+  changed_(number);
 }
 
 std::optional<Item> Items::at(Side side, const Place& place) {

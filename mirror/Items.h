@@ -93,7 +93,9 @@ enum class Side { here, there };
 /// The three trees, in a database. No decision is made here. One thread at a time.
 class Items {
  public:
-  explicit Items(Database& database);
+  /// `changed` is called with the number of every item that is written or erased.
+  explicit Items(
+      Database& database, std::function<void(ItemNumber)> changed = [](ItemNumber) {});
 
   std::optional<Item> load(ItemNumber number);
   /// Writes all of it; gives it a number when it has none.
@@ -139,6 +141,7 @@ class Items {
   static Item read(const Statement& row);
 
   Database& database_;
+  const std::function<void(ItemNumber)> changed_;
   std::set<ItemNumber> settled_;
 };
 

@@ -169,6 +169,15 @@ std::vector<MirrorConflict> Mirror::conflicts() { return implementation_->engine
 Result<void> Mirror::take(const std::string& copy) { return implementation_->engine().take(copy); }
 Result<void> Mirror::sync(bool confirmRemovals) { return implementation_->sync(confirmRemovals); }
 MirrorHealth Mirror::health() { return implementation_->engine().health(); }
+MirrorChanges Mirror::changesAfter(std::uint64_t last) {
+  auto& engine = implementation_->engine();
+  const auto changes = engine.changes().after(last);
+  if (!changes.items) return {changes.last, std::nullopt};
+  return {changes.last, engine.pathsOf(*changes.items)};
+}
+void Mirror::whenChangedAfter(std::uint64_t last, std::function<void()> isThere) {
+  implementation_->engine().changes().whenAfter(last, std::move(isThere));
+}
 void Mirror::itemChanged(const std::string& path) { implementation_->engine().itemChanged(path); }
 Result<std::string> Mirror::identifierForItem(const std::string& path) {
   return implementation_->engine().identifierForItem(path);

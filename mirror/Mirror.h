@@ -105,6 +105,15 @@ struct MirrorHealth {
   std::uint64_t removalsThere = 0;
 };
 
+/// What became different of what status(), conflicts(), transfers() and health() tell; how much of
+/// a transfer is done does not count.
+struct MirrorChanges {
+  /// To ask for what comes after.
+  std::uint64_t last = 0;
+  /// Items that are here; absent when everything may be different.
+  std::optional<std::vector<std::string>> paths;
+};
+
 /// The documents of one remote in one directory: shown as placeholders, brought in when they are
 /// wanted, carried back when they change, and kept in agreement both ways. Engine.h says what is
 /// promised and how it is held.
@@ -162,6 +171,12 @@ class Mirror {
   /// this moment.
   Result<void> sync(bool confirmRemovals = false);
   MirrorHealth health();
+
+  /// After those that were told with `last`; 0 asks for everything.
+  MirrorChanges changesAfter(std::uint64_t last);
+  /// Calls once, when there are such: from any thread, at once or later, or never when the mirror
+  /// stops. The callback calls nothing of the mirror on that thread.
+  void whenChangedAfter(std::uint64_t last, std::function<void()> isThere);
 
   /// Whatever has changed at the path is looked at. A hint; nothing depends on its coming.
   void itemChanged(const std::string& path);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "platform/conduit/QXProtocol.h"
 
@@ -14,7 +15,10 @@
 /// or an "error". They come in the order of the URLs. A transfer: "URL", "isUpload", "done" and
 /// "total", in bytes. A conflict: "URL", "copyURL" and "since".
 ///
-/// Bringing in, giving back and synchronising are answered when they are done.
+/// Bringing in, giving back and synchronising are answered when they are done. changesAfter is
+/// answered when something is different from what was told with that number (0: from nothing): with
+/// the next number, and the status of the items that are different, each with its "URL"; without
+/// them when all may be.
 
 // clang-format off
 #define DS_ACCOUNT(OPERATION)                                                     \
@@ -28,7 +32,9 @@
   OPERATION(transfersCompletion, (), (qx::Error, qx::Array))                      \
   OPERATION(cancelTransferOfItemAtURL_completion, (qx::URL), (qx::Error))         \
   OPERATION(conflictsCompletion, (), (qx::Error, qx::Array))                      \
-  OPERATION(takeConflictCopyAtURL_completion, (qx::URL), (qx::Error))
+  OPERATION(takeConflictCopyAtURL_completion, (qx::URL), (qx::Error))             \
+  OPERATION(changesAfter_completion, (std::int64_t),                              \
+            (qx::Error, std::int64_t, qx::Array))
 // clang-format on
 QX_PROTOCOL(DSAccount, DS_ACCOUNT)
 
@@ -37,11 +43,12 @@ inline std::shared_ptr<QXConduitInterface> dsAccountInterface() {
   using qx::conduit::ValueClass;
   auto interface = QXConduitInterface::interfaceWithProtocol<DSAccount>();
   interface->setClassesForReply({ValueClass::string, ValueClass::integer}, "healthCompletion:", 1);
-  for (const char* list :
-       {"statusOfItemsAtURLs:completion:", "transfersCompletion:", "conflictsCompletion:"}) {
+  for (const auto& [operation, list] :
+       {std::pair("statusOfItemsAtURLs:completion:", 1), std::pair("transfersCompletion:", 1),
+        std::pair("conflictsCompletion:", 1), std::pair("changesAfter:completion:", 2)}) {
     interface->setClassesForReply({ValueClass::dictionary, ValueClass::string, ValueClass::integer,
                                    ValueClass::boolean, ValueClass::url, ValueClass::error},
-                                  list, 1);
+                                  operation, list);
   }
   return interface;
 }

@@ -148,6 +148,29 @@ class AccountServicer final : public DSAccount {
     onItem(&Mirror::take, url, std::move(completion));
   }
 
+  void changesAfter_completion(
+      const std::optional<std::int64_t>& last,
+      qx::Completion<qx::Error, std::int64_t, qx::Array> completion) override {
+    const auto after = static_cast<std::uint64_t>(last.value_or(0));
+    // The mirror holds it while it waits, and is held by nobody who waits.
+    mirror_->whenChangedAfter(
+        after, [weakly = std::weak_ptr(mirror_), after, completion = std::move(completion)] {
+          qx::WorkQueue::global().async([weakly, after, completion] {
+            const auto mirror = weakly.lock();
+            if (!mirror) return;
+            const auto changes = mirror->changesAfter(after);
+            if (!changes.paths) return completion({}, number(changes.last), std::nullopt);
+            qx::Array items;
+            for (const auto& path : *changes.paths) {
+              auto item = describe(mirror->status(path));
+              item["URL"] = qx::URL::fileURL(path);
+              items.emplace_back(std::move(item));
+            }
+            completion({}, number(changes.last), std::move(items));
+          });
+        });
+  }
+
   void transfersCompletion(qx::Completion<qx::Error, qx::Array> completion) override {
     later([completion = std::move(completion)](Mirror& mirror) {
       qx::Array transfers;
