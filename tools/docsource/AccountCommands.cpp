@@ -23,6 +23,7 @@
 #include "tools/docsource/Accounts.h"
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
+#include "tools/docsource/Desktop.h"
 #include "tools/docsource/Location.h"
 #include "tools/docsource/Output.h"
 #include "tools/docsource/ProgressBar.h"
@@ -166,9 +167,16 @@ int add(const Arguments& arguments, const std::string& kind, const qx::Dictionar
     std::fprintf(stderr, "Note: the documents appear when docsourced runs. %s\n",
                  onOneLine(awake.error().description()).c_str());
   }
-  return answer(arguments.json, object,
-                "added " + onOneLine(name) + "; its documents appear at " + onOneLine(link) + "\n" +
-                    (notes->empty() ? "" : onOneLine(*notes) + "\n"));
+  const int printed =
+      answer(arguments.json, object,
+             "added " + onOneLine(name) + "; its documents appear at " + onOneLine(link) + "\n" +
+                 (notes->empty() ? "" : onOneLine(*notes) + "\n"));
+  // For a person who typed it; a script wants no windows.
+  const bool isWatched = !arguments.noOpen && !arguments.json && ::isatty(STDOUT_FILENO) == 1;
+  if (isWatched && desktop::isThere() && AccountProcess::whenRunning(added, arguments.timeout)) {
+    desktop::showDirectory(link);
+  }
+  return printed;
 }
 
 std::string textOf(const qx::Dictionary& dictionary, const char* key) {

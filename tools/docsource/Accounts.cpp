@@ -4,9 +4,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 
+#include "platform/conduit/ServiceWatch.h"
+#include "platform/files/DirectoryWatch.h"
+#include "platform/files/Places.h"
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Location.h"
@@ -132,6 +137,37 @@ docsource::Result<AccountProcess> AccountProcess::of(const Account& account) {
   (*connection)->setRemoteObjectInterface(dsAccountInterface());
   (*connection)->resume();
   return AccountProcess(*std::move(connection));
+}
+
+docsource::Result<AccountProcess> AccountProcess::whenRunning(
+    const Account& account, std::optional<std::chrono::milliseconds> timeout) {
+  struct Changes {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool hasChanged = false;
+  };
+  const auto changes = std::make_shared<Changes>();
+  const auto note = [changes](const std::string& = {}) {
+    const std::lock_guard lock(changes->mutex);
+    changes->hasChanged = true;
+    changes->changed.notify_one();
+  };
+  const qx::ServiceWatch service(account.identifier, note);
+  const auto bundles = qx::DirectoryWatch::start(qx::Places::extensions(), note);
+  const auto begun = std::chrono::steady_clock::now();
+  while (true) {
+    auto process = of(account);
+    if (process) return process;
+    if (const auto known = accountCalled(account.name); !known) return known.error();
+    std::unique_lock lock(changes->mutex);
+    const auto hasChanged = [&] { return changes->hasChanged; };
+    if (!timeout) {
+      changes->changed.wait(lock, hasChanged);
+    } else if (!changes->changed.wait_until(lock, begun + *timeout, hasChanged)) {
+      return process;
+    }
+    changes->hasChanged = false;
+  }
 }
 
 }  // namespace tool

@@ -52,15 +52,19 @@ class AccountProcess {
  public:
   /// Of the library's error `serviceUnavailable` when it does not run.
   static docsource::Result<AccountProcess> of(const Account& account);
+  /// The same once it runs: waits for that, for ever where there is no timeout. The error when the
+  /// account is removed meanwhile.
+  static docsource::Result<AccountProcess> whenRunning(
+      const Account& account, std::optional<std::chrono::milliseconds> timeout);
 
   /// Waits for the answer to one call, which `begin` makes with the completion that it is given.
-  /// For ever where there is no timeout; `meanwhile` is called now and then.
+  /// For ever where there is no timeout; `meanwhile` is called every so often.
   template <class... Rs>
   docsource::Result<std::tuple<std::optional<Rs>...>> ask(
       const std::type_identity_t<std::function<void(DSAccount&, qx::Completion<qx::Error, Rs...>)>>&
           begin,
-      std::optional<std::chrono::milliseconds> timeout,
-      const std::function<void()>& meanwhile = {}) {
+      std::optional<std::chrono::milliseconds> timeout, const std::function<void()>& meanwhile = {},
+      std::chrono::milliseconds every = std::chrono::milliseconds(100)) {
     using Answer = docsource::Result<std::tuple<std::optional<Rs>...>>;
     const auto answered = std::make_shared<std::promise<Answer>>();
     auto result = answered->get_future();
@@ -72,10 +76,11 @@ class AccountProcess {
             answered->set_value(error ? Answer(docsource::bridge::fromPlatform(*error))
                                       : Answer(std::make_tuple(values...)));
           });
-    constexpr std::chrono::milliseconds redrawn(100);
     const auto begun = std::chrono::steady_clock::now();
-    while (result.wait_for(redrawn) != std::future_status::ready) {
-      if (timeout && std::chrono::steady_clock::now() - begun > *timeout) {
+    if (!timeout && !meanwhile) result.wait();
+    while (result.wait_for(meanwhile ? every : timeout.value_or(every)) !=
+           std::future_status::ready) {
+      if (timeout && std::chrono::steady_clock::now() - begun >= *timeout) {
         return docsource::Error(docsource::LibraryError::timedOut,
                                 "The account did not answer in time.");
       }

@@ -40,6 +40,8 @@ struct Arguments {
   std::vector<std::string> subjects;
   std::string provider;
   std::string consumer;
+  /// Directories themselves, instead of what is in them.
+  bool directory = false;
   /// What is below a directory, too.
   bool recursive = false;
   /// Documents that are only here may go with their account.
@@ -48,6 +50,11 @@ struct Arguments {
   bool confirmDeletions = false;
   /// The version of a conflict that is to be taken; empty to list them.
   std::string take;
+  /// Nothing is shown in the file manager.
+  bool noOpen = false;
+  /// The desktop is told, instead of standard output; of what fails after so long.
+  bool notify = false;
+  std::chrono::milliseconds patience = std::chrono::minutes(10);
   /// Of an account to be added, as its process will find them (extensions/account/Settings.h).
   std::map<std::string, std::string> settings;
   /// Of a program that is to be run.
@@ -116,6 +123,8 @@ int unpin(const Arguments& arguments);
 int transfers(const Arguments& arguments);
 int cancel(const Arguments& arguments);
 int conflicts(const Arguments& arguments);
+/// Tells what happens, as it happens, until it is ended.
+int watch(const Arguments& arguments);
 
 // Documents, copied to standard output.
 int consume(const Arguments& arguments);

@@ -80,6 +80,9 @@ void offerOptions(const std::optional<CommandName>& command) {
   if (!command) return offer("--version", "Say which version this is");
   const std::string_view name = command->name;
   if (name == "status") offer("--recursive", "Of everything below a directory");
+  if (name == "status") offer("--directory", "Of directories themselves");
+  if (name == "watch") offer("--notify", "Notify the desktop, instead of printing");
+  if (name.starts_with("add ")) offer("--no-open", "Show nothing in the file manager");
   if (name == "remove") offer("--discard", "Even what exists nowhere else");
   if (name == "sync") offer("--confirm-deletions", "Delete what is gone on the other side");
   if (name == "conflicts") offer("--take", "The version that is to be the document");

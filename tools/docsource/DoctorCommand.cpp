@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -21,6 +22,7 @@
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Output.h"
+#include "tools/docsource/Units.h"
 
 namespace tool {
 namespace {
@@ -95,6 +97,42 @@ void lookAtBroker(const Arguments& arguments, Report& report) {
   }
 }
 
+/// The units that come with the packages. What does not run is told of by those who look for the
+/// services; here why, and whether it will after the next start.
+void lookAtUnits(Report& report) {
+  if (std::getenv("DOCSOURCE_ROOT")) return;  // a world that no service manager starts
+  constexpr std::pair<ServiceManager, const char*> units[] = {
+      {ServiceManager::system, "platformd.service"},
+      {ServiceManager::system, "platformd-coordination.socket"},
+      {ServiceManager::system, "platformd-sandbox.socket"},
+      {ServiceManager::user, "docsourced.service"},
+      {ServiceManager::user, "docsourced.socket"},
+      {ServiceManager::user, "docsource-notify.service"},
+  };
+  bool isWell = true, isThere = false;
+  for (const auto& [manager, name] : units) {
+    const auto unit = unitCalled(manager, name);
+    if (!unit) continue;
+    isThere = true;
+    const bool isUsers = manager == ServiceManager::user;
+    const std::string command = isUsers ? "systemctl --user " : "systemctl ";
+    const std::string asRoot = isUsers ? "" : ", as root";
+    if (unit->activeState == "failed") {
+      isWell = false;
+      report.wrong(name, "It failed (" + unit->result + "). What it said: journalctl " +
+                             (isUsers ? "--user " : "") + "-u " + name + ". To start it again" +
+                             asRoot + ": " + command + "restart " + name);
+    }
+    if (unit->fileState == "disabled" || unit->fileState.starts_with("masked")) {
+      isWell = false;
+      report.note(name, "It is " + unit->fileState + ", so nobody starts it. To have it started" +
+                            asRoot + ": " + command +
+                            (unit->fileState == "disabled" ? "enable " : "unmask ") + name);
+    }
+  }
+  if (isThere && isWell) report.good("units", "They are enabled, and none has failed.");
+}
+
 void lookAtPlatform(Report& report) {
   const auto socket = socketOf(coordinationService);
   if (!QXConduitConnection::connectToService(coordinationService)) {
@@ -138,7 +176,8 @@ void lookAtFileSystem(Report& report) {
   struct stat status {};
   constexpr off_t size = 1 << 20U;
   if (!file || ::ftruncate(file.get(), size) != 0 || ::fstat(file.get(), &status) != 0) {
-    return report.wrong("file system", "No file can be made in " + where + ".");
+    return report.wrong("file system",
+                        "No file can be made in " + where + " (" + std::strerror(errno) + ").");
   }
   if (status.st_blocks * 512 >= size) {
     return report.wrong("file system", "That of " + where + " has no sparse files.");
@@ -165,17 +204,18 @@ void lookAtBundles(Report& report) {
   for (const auto kind : {qx::BundleKind::application, qx::BundleKind::extension}) {
     for (const auto standing : {qx::BundleStanding::machine, qx::BundleStanding::user}) {
       for (const auto& installed : installedBundles(kind, standing)) {
-        ++count;
         if (!installed.bundle) {
           report.wrong(installed.path, "It is broken: " + installed.bundle.error().description() +
                                            " Install it anew or remove it.");
         } else if (const auto problem = problemOfStarting(*installed.bundle)) {
           report.wrong(installed.bundle->identifier, *problem + " Install it anew or remove it.");
+        } else {
+          ++count;
         }
       }
     }
   }
-  report.good("bundles", std::to_string(count) + " are installed (docsource bundles).");
+  report.good("bundles", std::to_string(count) + " are fit for use (docsource bundles).");
 }
 
 void lookAtAccounts(const Arguments& arguments, Report& report) {
@@ -243,6 +283,7 @@ void lookAtSandbox(Report& report) {
 
 int doctor(const Arguments& arguments) {
   Report report;
+  lookAtUnits(report);
   lookAtBroker(arguments, report);
   lookAtPlatform(report);
   lookAtLock(report);

@@ -148,7 +148,8 @@ Result<Line> lineByAccount(const std::string& path, const qx::Value& said) {
 /// The account's word, where it runs, and otherwise what the marks say.
 void addLines(const Place& place, const Arguments& arguments, std::vector<Line>& lines,
               Outcome& outcome) {
-  const auto items = itemsAt(place.path, arguments.recursive);
+  const auto items = arguments.directory ? Result<std::vector<std::string>>({place.path})
+                                         : itemsAt(place.path, arguments.recursive);
   if (!items) return outcome.failed(items.error());
   std::optional<qx::Array> said;
   if (place.account) {

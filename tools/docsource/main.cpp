@@ -57,6 +57,8 @@ constexpr Command commands[] = {
      "Have the document's content brought in and copy it to standard output"},
     {"transfers", nullptr, false, false, transfers, "List what is under way, in both directions"},
     {"cancel", "PATH", false, false, cancel, "Give the transfer of a document up"},
+    {"watch", nullptr, false, false, watch,
+     "Tell what happens in the accounts, as it happens, until it is ended"},
     {"doctor", nullptr, false, false, doctor,
      "Look at everything that can be wrong, and say what to do about it"},
     {"grants", nullptr, false, false, grants, "List the grants"},
@@ -187,6 +189,10 @@ void addSettings(std::span<const SettingOption> options, CLI::App& entry, Argume
 
 /// Those of single commands.
 void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
+  if (command.run == addFolder || command.run == addWebDAV || command.run == addS3) {
+    entry.add_flag("--no-open", arguments.noOpen,
+                   "Do not show the documents in the file manager of the desktop");
+  }
   if (command.run == addWebDAV) {
     addSettings(webDAVOptions, entry, arguments);
     addSettings(reachOptions, entry, arguments);
@@ -195,6 +201,21 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
     addSettings(reachOptions, entry, arguments);
   } else if (command.run == status) {
     entry.add_flag("-r,--recursive", arguments.recursive, "Of everything below a directory");
+    entry.add_flag("-d,--directory", arguments.directory,
+                   "Of directories themselves, instead of what is in them");
+  } else if (command.run == watch) {
+    entry.add_flag("--notify", arguments.notify,
+                   "Notify the desktop of conflicts, of what fails for long and of accounts that "
+                   "need you, instead of printing");
+    entry
+        .add_option_function<double>(
+            "--patience",
+            [&arguments](double seconds) {
+              arguments.patience = std::chrono::milliseconds(std::llround(seconds * 1000));
+            },
+            "How long something fails before the desktop is told; 600 unless given")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber);
   } else if (command.run == removeAccount) {
     entry.add_flag("--discard", arguments.discard, "Even what exists nowhere else");
   } else if (command.run == sync) {
@@ -230,7 +251,8 @@ void addSubjects(std::string_view subject, CLI::App& entry, Arguments& arguments
 
 /// Those of all commands, before the command's name and behind it.
 void addCommonOptions(CLI::App& app, Arguments& arguments) {
-  app.add_flag("--json", arguments.json, "Print one JSON object; an error as one, too");
+  app.add_flag("--json", arguments.json,
+               "Print one JSON object (watch one a line); an error as one, too");
   app.add_option_function<double>(
          "--timeout",
          [&arguments](double seconds) {
