@@ -8,6 +8,7 @@ With PICTURE a picture of the window is kept there.
 import glob
 import json
 import os
+import pty
 import select
 import shutil
 import signal
@@ -192,11 +193,22 @@ def test(programs, tree, place, picture):
         copy = json.loads(docsource("conflicts", "--json"))["conflicts"][0]["ours"]
         docsource("conflicts", "--take", copy)
         shows("talk.odp", "On this device")
+
+        # What is added at a terminal is shown.
+        os.mkdir(f"{place}/more")
+        with open(f"{place}/more/added.txt", "w", encoding="utf-8") as file:
+            file.write("added")
+        ours, theirs = pty.openpty()
+        start("docsource", "add", "folder", "More", f"{place}/more", stdout=theirs)
+        shows("added.txt", "Not on this device")
+        os.close(ours), os.close(theirs)
+        file_manager = [each for each in started if each.args[0] == "nautilus"][0]
+
         os.rename(origin, origin + ".away")
         os.mkdir(origin)
         subprocess.run(["docsource", "sync"], env=environment, stdout=log, stderr=log, check=False)
         notified("The account Work needs you")
-        assert started[-1].poll() is None, "the file manager ended"
+        assert file_manager.poll() is None, "the file manager ended"
     except BaseException:
         log.seek(0)
         sys.stderr.write(log.read())

@@ -16,6 +16,7 @@
 
 #include "docsource/placeholder.h"
 #include "platform/base/Errors.h"
+#include "platform/device/KeyState.h"
 #include "platform/files/FileManager.h"
 #include "platform/files/Places.h"
 #include "platform/plist/PropertyList.h"
@@ -139,6 +140,15 @@ Result<void> checkName(const std::string& name) {
                    "\" already; choose another name, or remove it");
 }
 
+/// Until the account can be asked; not on a locked device, whose providers come later.
+Result<void> waitFor(const Account& account, std::chrono::milliseconds timeout) {
+  // Under a service manager this starts the broker where it does not run.
+  if (auto awake = docsource::Client(timeout).wakeUp(); !awake) return awake;
+  if (!qx::readKeyState().unlockedSinceBoot) return {};
+  const auto process = AccountProcess::whenRunning(account, timeout);
+  return process ? Result<void>() : process.error();
+}
+
 /// Adds the account, whose name is good, once its program has found that it would work.
 int add(const Arguments& arguments, const std::string& kind, const qx::Dictionary& settings) {
   const auto& name = arguments.subject;
@@ -162,10 +172,10 @@ int add(const Arguments& arguments, const std::string& kind, const qx::Dictionar
                         {"documents", link},
                         {"storage", added.storage}};
   if (!notes->empty()) object["note"] = *notes;
-  // Under a service manager this starts the broker where it does not run.
-  if (auto awake = docsource::Client(arguments.timeout).wakeUp(); !awake) {
-    std::fprintf(stderr, "Note: the documents appear when docsourced runs. %s\n",
-                 onOneLine(awake.error().description()).c_str());
+  const auto runs = waitFor(added, arguments.timeout);
+  if (!runs) {
+    std::fprintf(stderr, "Note: the documents appear when the account runs. %s\n",
+                 onOneLine(runs.error().description()).c_str());
   }
   const int printed =
       answer(arguments.json, object,
@@ -173,9 +183,7 @@ int add(const Arguments& arguments, const std::string& kind, const qx::Dictionar
                  (notes->empty() ? "" : onOneLine(*notes) + "\n"));
   // For a person who typed it; a script wants no windows.
   const bool isWatched = !arguments.noOpen && !arguments.json && ::isatty(STDOUT_FILENO) == 1;
-  if (isWatched && desktop::isThere() && AccountProcess::whenRunning(added, arguments.timeout)) {
-    desktop::showDirectory(link);
-  }
+  if (runs && isWatched && desktop::isThere()) desktop::showDirectory(link);
   return printed;
 }
 
@@ -207,10 +215,12 @@ std::string describe(const Account& account, const qx::Dictionary& health) {
   std::string text = account.name + ": " + textOf(health, "state");
   if (waiting > 0) text += ", " + std::to_string(waiting) + " to upload";
   if (failed > 0) text += ", " + std::to_string(failed) + " of them failed";
-  if (const auto reason = textOf(health, "reason"); !reason.empty()) text += ". " + reason;
-  if (const auto* error = qx::find<qx::Error>(health, "error")) {
-    text += ". " + error->description();
+  auto said = textOf(health, "reason");
+  const auto* error = qx::find<qx::Error>(health, "error");
+  if (error && error->description() != said) {
+    said += (said.empty() ? "" : " ") + error->description();
   }
+  if (!said.empty()) text += ". " + said;
   if (textOf(health, "state") == "needs-confirmation") {
     text += " If that is right: docsource sync " + account.name + " --confirm-deletions";
   }

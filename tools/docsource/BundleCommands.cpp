@@ -1,5 +1,6 @@
 // The commands about installed bundles.
 
+#include "tools/docsource/Accounts.h"
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Output.h"
@@ -54,8 +55,8 @@ int bundles(const Arguments& arguments) {
           rows.push_back({installed.bundle->identifier + (problem ? " (cannot start)" : ""),
                           nameOf(kind), owner, installed.path + (problem ? ": " + *problem : "")});
         } else {
-          const auto text = installed.bundle.error().text();
-          object["error"] = text;
+          const auto text = inFamiliarWords(installed.bundle.error().description());
+          object["error"] = installed.bundle.error().text();
           rows.push_back({"(broken)", nameOf(kind), owner, installed.path + ": " + text});
         }
         object["owner"] = owner;

@@ -85,6 +85,7 @@ struct CommandName {
   const char* subject;
   const char* description;
 };
+const char* descriptionOfGroup(const std::string& group);
 /// All of them, in the order of the table.
 std::vector<CommandName> commandNames();
 

@@ -39,7 +39,8 @@ void offerCommands(const std::string& group) {
     const std::string name = command.name;
     const auto space = std::min(name.find(' '), name.size());
     if (group.empty() && told.insert(name.substr(0, space)).second) {
-      offer(name.substr(0, space), space < name.size() ? "" : command.description);
+      offer(name.substr(0, space),
+            space == name.size() ? command.description : descriptionOfGroup(name.substr(0, space)));
     } else if (!group.empty() && space < name.size() && name.substr(0, space) == group) {
       offer(name.substr(space + 1), command.description);
     }

@@ -53,7 +53,8 @@ class Report {
   }
 
  private:
-  void add(const std::string& state, const std::string& subject, const std::string& sentence) {
+  void add(const std::string& state, const std::string& subject, const std::string& said) {
+    const auto sentence = inFamiliarWords(said);
     findings_.emplace_back(
         qx::Dictionary{{"state", state}, {"subject", subject}, {"text", sentence}});
     text_ += state + std::string(7 - state.size(), ' ') + onOneLine(subject + ": " + sentence);

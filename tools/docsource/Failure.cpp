@@ -41,10 +41,21 @@ std::string nextStep(const docsource::Error& error) {
     return "This program's bundle must have it; docsource bundles lists the bundles, and docsource "
            "doctor says what is wrong with them";
   }
-  if (error.is(docsource::daemonErrorDomain, 3)) {
-    return "docsource grants lists what was granted to whom";
+  if (error.domain() != docsource::daemonErrorDomain) return {};
+  switch (error.code()) {
+    case 1:
+    case 2:
+    case 7:
+      return "docsource providers lists the providers and where their documents are";
+    case 3:
+      return "docsource grants lists what was granted to whom";
+    case 5:
+      return "docsource bookmark prints the string of a document";
+    case 8:
+      return "What the provider said is in the log: journalctl --user -t docsourced";
+    default:
+      return {};
   }
-  return {};
 }
 
 void printFailure(bool json, const qx::Error& error, const std::string& sentence,

@@ -351,8 +351,10 @@ int status(const Arguments& arguments) {
                     std::to_string(line.size), std::to_string(line.occupied), line.shown});
     if (hasReasons) rows.back().push_back(line.reason.value_or(""));
   }
-  return outcome.end(
-      answer(arguments.json, {{"documents", std::move(array)}}, table(headings, rows)));
+  const auto text = !rows.empty()         ? table(headings, rows)
+                    : outcome.hasFailed() ? ""
+                                          : "There are no documents.\n";
+  return outcome.end(answer(arguments.json, {{"documents", std::move(array)}}, text));
 }
 
 int get(const Arguments& arguments) {

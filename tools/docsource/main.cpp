@@ -117,8 +117,7 @@ CLI::App& groupCalled(const std::string& name, CLI::App& app) {
   const auto known =
       app.get_subcommands([&](const CLI::App* one) { return one->get_name() == name; });
   if (!known.empty()) return *known.front();
-  CLI::App& group =
-      *app.add_subcommand(name, name == "add" ? "Add an account" : "The lock of the device");
+  CLI::App& group = *app.add_subcommand(name, descriptionOfGroup(name));
   group.require_subcommand(1);
   group.fallthrough();
   return group;
@@ -377,6 +376,10 @@ int interpret(int argc, const char* const* argv) {
 }
 
 }  // namespace
+
+const char* descriptionOfGroup(const std::string& group) {
+  return group == "add" ? "Add an account" : "The lock of the device";
+}
 
 std::vector<CommandName> commandNames() {
   std::vector<CommandName> names;
