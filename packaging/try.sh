@@ -141,6 +141,7 @@ for unit in platformd.service platformd-coordination.socket platformd-sandbox.so
 done
 check 'docsourced.service of the user is active' user_unit_is_active docsourced.service
 check 'every program is coordinated' coordination_is access
+check 'a desktop would be notified' test "$(as_root systemctl --global is-enabled docsource-notify.service)" = enabled
 
 headline 'An account is added, and its documents are read'
 show 'docsource add folder letters ~/elsewhere'
@@ -226,6 +227,24 @@ show 'docsource get ~/DocSource/letters/picture.jpg'
 evict picture.jpg
 check 'cmp got the document by itself' reads_as_original picture.jpg
 evict picture.jpg
+
+headline 'What is wrong is said'
+says() {
+  local line
+  line=$(as_user '! docsource doctor' | grep "$1") && printf '    %s\n' "$line"
+}
+limit 'ExecStartPre=/bin/false' || true
+wait_until 'of a service that failed' says '^wrong  platformd.service: It failed'
+as_root systemctl reset-failed platformd.service
+limit ''
+as_user 'systemctl --user mask --now --runtime docsourced.service docsourced.socket'
+wait_until 'of one that nobody starts' says '^note   docsourced.service: It is masked'
+as_user 'systemctl --user unmask --runtime docsourced.service docsourced.socket
+  systemctl --user start docsourced.socket docsourced.service'
+as_user 'mv elsewhere away && ! docsource sync letters >/dev/null'
+wait_until 'of an account whose documents are away' says '^wrong  account letters: It is offline'
+as_user 'mv away elsewhere && docsource sync letters'
+show 'docsource doctor'
 
 headline 'The account and the packages are removed'
 if as_root apt-get remove --quiet=2 --yes docsource >"$packages/refusal.log" 2>&1; then
