@@ -232,6 +232,10 @@ Result<FileDescriptor> connectToServiceSocket(const std::string& serviceName,
   for (std::size_t next = 1; !connected && next < directories.size(); ++next) {
     connected = connectTo(directories[next], serviceName, longest);
   }
+  // A sandbox of another program's may show that directory alone.
+  if (!connected) {
+    if (auto shown = connectTo(Places::sandboxServices(), serviceName, longest)) return shown;
+  }
   return connected;
 }
 

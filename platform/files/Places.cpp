@@ -59,19 +59,22 @@ struct Directories {
   std::optional<std::string> machineOverride = environment("DOCSOURCE_MACHINE");
   std::string root;
   std::string runtime;
+  std::string flatpakInstances;
   std::optional<std::string> machineRuntime;
   std::optional<std::string> machineState;
   std::vector<std::string> machineBundles;
 
   Directories() {
+    const auto run = normalised(
+        xdgDirectory("XDG_RUNTIME_DIR").value_or("/run/user/" + std::to_string(::geteuid())));
+    flatpakInstances = run + "/.flatpak";
     if (rootOverride) {
       root = normalised(*rootOverride);
       runtime = (root == "/" ? "" : root) + "/run";
     } else {
       const auto data = xdgDirectory("XDG_DATA_HOME");
-      const auto run = xdgDirectory("XDG_RUNTIME_DIR");
       root = normalised(data ? *data : homeOfUser() + "/.local/share") + "/docsource";
-      runtime = normalised(run ? *run : "/run/user/" + std::to_string(::geteuid())) + "/docsource";
+      runtime = run + "/docsource";
     }
     if (machineOverride) {
       const std::string machine = normalised(*machineOverride);
@@ -177,6 +180,7 @@ std::string notifications() { return sharedRuntimeDirectory() + "/notify"; }
 std::string keyState() { return sharedRuntimeDirectory() + "/key-state"; }
 std::string sandboxServices() { return runtimeDirectory() + "/sandbox"; }
 std::string sandboxRecords() { return runtimeDirectory() + "/sandboxes"; }
+const std::string& flatpakInstances() { return directories().flatpakInstances; }
 
 int prepare() {
   for (const std::string& path :

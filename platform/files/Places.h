@@ -81,6 +81,8 @@ std::string keyState();       // <run>/key-state
 std::string sandboxServices();  // <run>/sandbox
 /// Which application each running sandbox is.
 std::string sandboxRecords();  // <run>/sandboxes
+/// Where Flatpak has a directory for each of the user's instances that run.
+const std::string& flatpakInstances();  // $XDG_RUNTIME_DIR/.flatpak
 
 /// Makes the user's root and runtime directory with all that the daemon expects in them
 /// (Applications, Extensions, Containers/Group, Home, notify, sandbox) where they are missing, the

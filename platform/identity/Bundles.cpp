@@ -330,17 +330,13 @@ class WatchingCatalog final : public BundleCatalog {
   }
 
   std::shared_ptr<const Bundle> bundleOfProcess(const AuditToken& token) override {
-    if (token.effectiveUser() != geteuid()) return nullptr;
-    const auto process = processes_.find(token);
-    if (!process || process->user() != geteuid()) return nullptr;
-    const auto surroundings = surroundingsOf(*process);
-    const auto executable = process->executable();
-    if (!surroundings || !executable) {
-      processes_.forget(token);
-      return nullptr;
-    }
-    if (!surroundings->isSandbox) return bundleOfExecutable(*executable, *process);
-    return surroundings->application ? runningApplication(*surroundings->application) : nullptr;
+    return belongingOf(token).bundle;
+  }
+
+  std::optional<std::string> identifierOfProcess(const AuditToken& token) override {
+    auto belonging = belongingOf(token);
+    return belonging.bundle ? std::optional(belonging.bundle->identifier)
+                            : std::move(belonging.flatpak);
   }
 
   void observeChanges(std::function<void()> observer) override {
@@ -406,6 +402,41 @@ class WatchingCatalog final : public BundleCatalog {
       observers = observers_;
     }
     for (const auto& observer : observers) observer();
+  }
+
+  struct Belonging {
+    std::shared_ptr<const Bundle> bundle;
+    std::optional<std::string> flatpak;
+  };
+
+  Belonging belongingOf(const AuditToken& token) {
+    if (token.effectiveUser() != geteuid()) return {};
+    const auto process = processes_.find(token);
+    if (!process || process->user() != geteuid()) return {};
+    auto surroundings = surroundingsOf(*process);
+    const auto executable = process->executable();
+    if (!surroundings || !executable) {
+      processes_.forget(token);
+      return {};
+    }
+    if (!surroundings->isSandbox) return {bundleOfExecutable(*executable, *process), {}};
+    if (surroundings->application) return {runningApplication(*surroundings->application), {}};
+    return surroundings->flatpak ? belongingOf(*std::move(surroundings->flatpak)) : Belonging();
+  }
+
+  Belonging belongingOf(FlatpakApplication flatpak) {
+    Answer answer(*this);
+    Belonging belonging;
+    for (const auto kind : {BundleKind::application, BundleKind::extension}) {
+      for (const auto& bundle : good(kind)) {
+        if (bundle->identifier != flatpak.identifier) continue;
+        if (isDisputed(*bundle)) return {};
+        if (bundle->standing == BundleStanding::machine && !flatpak.isMachines) return {};
+        if (kind == BundleKind::application) belonging.bundle = bundle;
+      }
+    }
+    belonging.flatpak = std::move(flatpak.identifier);
+    return belonging;
   }
 
   std::shared_ptr<const Bundle> bundleOfExecutable(const FileIdentity& executable,
@@ -775,6 +806,5 @@ std::optional<Value> entitlementOfProcess(const AuditToken& process, std::string
 }  // namespace qx
 
 std::optional<std::string> BundleIdentifierFromAuditToken(const qx::AuditToken& token) {
-  auto bundle = qx::BundleCatalog::shared().bundleOfProcess(token);
-  return bundle ? std::optional(bundle->identifier) : std::nullopt;
+  return qx::BundleCatalog::shared().identifierOfProcess(token);
 }

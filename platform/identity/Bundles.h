@@ -75,7 +75,14 @@ class BundleCatalog {
   /// In a sandbox it is the application that was started there, whatever the process executes, and
   /// none where nobody knows which that was (SandboxRecord.h). A process of another user than this
   /// one's belongs to none.
+  ///
+  /// What Flatpak runs belongs to the application bundle with that application's identifier, where
+  /// there is one: the bundle then need not have its executable. A user's Flatpak has no bundle of
+  /// the machine, and is nobody under its identifier.
   virtual std::shared_ptr<const Bundle> bundleOfProcess(const AuditToken& process) = 0;
+
+  /// The identifier of that bundle; of a Flatpak's process without one, its application's.
+  virtual std::optional<std::string> identifierOfProcess(const AuditToken& process) = 0;
 
   /// Calls back, on a thread of its own choosing and never two calls at a time, at every change
   /// of the installed bundles. Observers are never removed.

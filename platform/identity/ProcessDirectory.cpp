@@ -146,10 +146,18 @@ std::optional<FileIdentity> ProcessDirectory::executable() const {
   return FileIdentity{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
 }
 
-std::optional<FileIdentity> ProcessDirectory::userNamespace() const {
+std::optional<FileIdentity> ProcessDirectory::namespaceAt(const char* name) const {
   struct stat status;
-  if (fstatat(descriptor_.get(), "ns/user", &status, 0) != 0) return std::nullopt;
+  if (fstatat(descriptor_.get(), name, &status, 0) != 0) return std::nullopt;
   return identityOf(status);
+}
+
+std::optional<FileIdentity> ProcessDirectory::userNamespace() const {
+  return namespaceAt("ns/user");
+}
+
+std::optional<FileIdentity> ProcessDirectory::mountNamespace() const {
+  return namespaceAt("ns/mnt");
 }
 
 FileDescriptor ProcessDirectory::openUserNamespace() const {

@@ -61,7 +61,8 @@ class ProcessDirectory {
   std::optional<FileIdentity> executable() const;
   /// The user namespace that it is in (namespaces(7)); absent like the executable.
   std::optional<FileIdentity> userNamespace() const;
-  /// The same, open.
+  std::optional<FileIdentity> mountNamespace() const;
+  /// The user namespace, open.
   FileDescriptor openUserNamespace() const;
   /// Whether it is in the user namespace of this process: whoever is not is in a sandbox, or is
   /// nobody that can be told.
@@ -71,6 +72,7 @@ class ProcessDirectory {
 
  private:
   explicit ProcessDirectory(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+  std::optional<FileIdentity> namespaceAt(const char* name) const;
   FileDescriptor descriptor_;
 };
 

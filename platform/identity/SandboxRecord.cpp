@@ -116,14 +116,15 @@ std::optional<Surroundings> surroundingsOf(const ProcessDirectory& process) {
   auto current = process.openUserNamespace();
   for (int depth = 0; depth < deepest; ++depth) {
     const auto identity = identityOf(current);
-    if (!identity) return depth == 0 ? std::nullopt : std::optional(Surroundings{true, {}});
+    if (!identity && depth == 0) return std::nullopt;
+    if (!identity) break;
     if (*identity == *own) break;
     if (auto application = applicationOf(*identity)) {
-      return Surroundings{true, std::move(application)};
+      return Surroundings{true, std::move(application), {}};
     }
     current = parentOf(current);
   }
-  return Surroundings{true, {}};
+  return Surroundings{true, {}, flatpakApplicationOf(process)};
 }
 
 }  // namespace qx

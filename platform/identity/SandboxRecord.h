@@ -5,6 +5,7 @@
 
 #include "platform/base/FileDescriptor.h"
 #include "platform/base/Result.h"
+#include "platform/identity/FlatpakInstance.h"
 #include "platform/identity/ProcessDirectory.h"
 
 /// Who is in a sandbox, and which application that sandbox is.
@@ -15,7 +16,8 @@
 /// that namespace and of all below it are that application, whatever they execute; nothing inside
 /// can reach the records, nor leave the namespace. A record counts while its maker lives, which
 /// holds a lock on it (flock(2)) and the namespace open, so that the inode is not another
-/// namespace's.
+/// namespace's. Flatpak keeps records of its own (FlatpakInstance.h), which are asked where there
+/// is none of these.
 namespace qx {
 
 class SandboxRecord {
@@ -39,8 +41,10 @@ class SandboxRecord {
 
 struct Surroundings {
   bool isSandbox = false;
-  /// Absent outside of a sandbox, and in one of unknown making.
+  /// Absent outside of a sandbox, and in one that is not recorded here.
   std::optional<std::string> application;
+  /// Likewise, and not of Flatpak's making.
+  std::optional<FlatpakApplication> flatpak;
 };
 /// As they are now, asked with a few system calls; absent when that cannot be told, or the process
 /// is gone. Any thread.

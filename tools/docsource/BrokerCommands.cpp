@@ -57,10 +57,12 @@ void tellOfUnknownConsumer(const Arguments& arguments) {
       }
     }
   }
-  std::fprintf(stderr,
-               "Note: no bundle with the identifier %s is installed. The grant is recorded, and "
-               "counts when there is one; is the name right (docsource bundles)?\n",
-               onOneLine(arguments.consumer).c_str());
+  std::fprintf(
+      stderr,
+      "Note: no bundle with the identifier %s is installed. The grant is recorded, and "
+      "counts when there is one, or for a Flatpak of that name; is the name right (docsource "
+      "bundles)?\n",
+      onOneLine(arguments.consumer).c_str());
 }
 
 int printBookmark(const Arguments& arguments, const std::string& bookmark) {

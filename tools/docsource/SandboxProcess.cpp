@@ -15,13 +15,12 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <optional>
-#include <string_view>
 #include <utility>
 
 #include "platform/base/Errors.h"
 #include "platform/base/FileDescriptor.h"
+#include "platform/identity/Bubblewrap.h"
 #include "platform/identity/ProcessDirectory.h"
 #include "platform/identity/SandboxRecord.h"
 #include "tools/docsource/SystemCallFilter.h"
@@ -99,7 +98,6 @@ Result<pid_t> spawn(const std::string& program, std::vector<std::string> words,
 
 /// The number behind "child-pid" in what bubblewrap tells; absent when it ends without telling.
 std::optional<pid_t> firstProcess(const FileDescriptor& information) {
-  constexpr std::string_view key = "\"child-pid\":";
   std::string text;
   std::array<char, 512> piece{};
   for (ssize_t count = 1; count > 0 && text.find('}') == std::string::npos;) {
@@ -109,14 +107,8 @@ std::optional<pid_t> firstProcess(const FileDescriptor& information) {
     else if (count > 0)
       text.append(piece.data(), static_cast<std::size_t>(count));
   }
-  const auto at = text.find(key);
-  if (at == std::string::npos) return std::nullopt;
-  const auto digits = text.find_first_not_of(' ', at + key.size());
-  pid_t process = 0;
-  const auto end = text.data() + text.size();
-  const auto [behind, error] =
-      std::from_chars(text.data() + std::min(digits, text.size()), end, process);
-  return error == std::errc() && process > 0 ? std::optional(process) : std::nullopt;
+  const auto process = qx::toldByBubblewrap(text, "child-pid");
+  return process ? std::optional(static_cast<pid_t>(*process)) : std::nullopt;
 }
 
 Result<qx::SandboxRecord> record(pid_t first, pid_t bubblewrap, const std::string& application) {

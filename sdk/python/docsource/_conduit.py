@@ -122,7 +122,8 @@ def _runtime_directories(is_machine_too: bool) -> list[str]:
         directories = [os.path.join(root, "run")]
     else:
         own = os.environ.get("XDG_RUNTIME_DIR") or f"/run/user/{os.geteuid()}"
-        directories = [os.path.join(own, "docsource")]
+        # The second is all that a sandbox of another program's may show.
+        directories = [os.path.join(own, "docsource"), os.path.join(own, "docsource", "sandbox")]
     if is_machine_too and machine is not None:
         directories.append(os.path.join(machine, "run"))
     elif is_machine_too and root is None:
