@@ -444,6 +444,24 @@ TEST_F(CommandLine, InstallsAndRemovesBundles) {
           described(tool, "../../../../bin/docsource", "com.veltro.docsource.tool", "machine") +
           ", " + described(place, "program", "com.example.app", "user") + ", " +
           described(whole, "program", "com.example.whole", "user") + "]}\n");
+  // What an application wants of the world it is given by a word, and only what it had before
+  // without one.
+  const auto wanting = [&](const Dictionary& wishes) {
+    const auto bundle = makeApplication("App.app", "com.example.app");
+    auto info = bundleInfo("com.example.app", "program");
+    info.insert(wishes.begin(), wishes.end());
+    writeList(bundle + "/Info.plist", info);
+    return bundle;
+  };
+  const Dictionary sound{{"QXSandboxSound", true}},
+      more{{"QXSandboxSound", true}, {"QXSandboxSessionBusNames", Array{"org.example.Bus"}}};
+  fails({"install", wanting(sound)}, "(sound)");
+  ask({"install", wanting(sound), "--yes"});
+  ask({"install", wanting(sound)});
+  fails({"install", wanting(more)}, "(bus:org.example.Bus)");
+  fails({"install", wanting({{"QXSandboxSound", "loud"}})}, "QXSandboxSound");
+  EXPECT_NE(ask({"bundles"}).find("com.example.app also gets sound."), std::string::npos);
+  EXPECT_NE(ask({"bundles", "--json"}).find(R"("world": ["sound"])"), std::string::npos);
   // What comes with the programs is nobody's to replace or remove.
   fails({"install", makeApplication("Tool.app", "com.veltro.docsource.tool")}, "of the machine");
   fails({"uninstall", "com.veltro.docsource.tool"}, "machine's");

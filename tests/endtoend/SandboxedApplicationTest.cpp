@@ -2,6 +2,7 @@
 // give them there.
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/personality.h>
@@ -12,6 +13,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -418,6 +421,148 @@ TEST_F(SandboxedApplication, IsRefusedWhatLeadsOutOfASandbox) {
   EXPECT_EQ(sandboxed.ask("processes"), "bwrap program");
   sandboxed.writeLine("exit\t5");
   EXPECT_EQ(sandboxed.wait(), 5);
+}
+
+/// Listens at an address, which is abstract where it begins with '@'.
+FileDescriptor listenAt(const std::string& path) {
+  FileDescriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (path[0] == '@') address.sun_path[0] = '\0';
+  const auto size = offsetof(sockaddr_un, sun_path) + path.size() + (path[0] == '@' ? 0 : 1);
+  const bool isGood = bind(listener.get(), reinterpret_cast<sockaddr*>(&address),
+                           static_cast<socklen_t>(size)) == 0 &&
+                      listen(listener.get(), 64) == 0;
+  return isGood ? std::move(listener) : FileDescriptor();
+}
+
+TEST_F(SandboxedApplication, GetsOfTheWorldWhatItsBundleWantsAndNothingElse) {
+  install(app);
+  const TemporaryDirectory session;
+  const auto number = std::to_string(20000 + getpid() % 40000);
+  const auto x11 = "/tmp/.X11-unix/X" + number, abstract = "@docsource-test-" + number;
+  fs::create_directories(session / "pulse");
+  fs::create_directories("/tmp/.X11-unix");
+  fs::create_directories(session / "dbus-1/services");
+  const FileDescriptor listeners[] = {listenAt(session / "wayland-7"), listenAt(x11),
+                                      listenAt(session / "pulse/native"), listenAt(abstract)};
+  for (const auto& listener : listeners) ASSERT_TRUE(listener);
+  const auto field = [](const std::string& text) {
+    return std::string{'\0', static_cast<char>(text.size())} + text;
+  };
+  write(session / "authorities", std::string("\1\0", 2) + field("host") + field(number) +
+                                     field("MAGIC") + field("of this") + std::string("\1\0", 2) +
+                                     field("host") + field("1") + field("MAGIC") +
+                                     field("of other"));
+  const FileDescriptor server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in place{};
+  place.sin_family = AF_INET;
+  place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof place;
+  ASSERT_EQ(bind(server.get(), reinterpret_cast<sockaddr*>(&place), size), 0);
+  ASSERT_EQ(listen(server.get(), 64), 0);
+  ASSERT_EQ(getsockname(server.get(), reinterpret_cast<sockaddr*>(&place), &size), 0);
+
+  // A bus on which both names are started when somebody talks to them, and fail.
+  const bool hasBus = fs::exists("/usr/bin/dbus-daemon") && fs::exists("/usr/bin/xdg-dbus-proxy") &&
+                      fs::exists("/usr/bin/dbus-send");
+  if (!hasBus) std::puts("no dbus-daemon, dbus-send or xdg-dbus-proxy: nothing is said of the bus");
+  for (const char* name : {"org.example.Named", "org.example.Other"}) {
+    write(session / ("dbus-1/services/" + std::string(name) + ".service"),
+          "[D-BUS Service]\nName=" + std::string(name) + "\nExec=/bin/false\n");
+  }
+  std::optional<ChildProcess> bus;
+  const auto address = "unix:path=" + session / "bus";
+  if (hasBus) {
+    bus.emplace(std::vector<std::string>{"env", "XDG_RUNTIME_DIR=" + session.path(), "dbus-daemon",
+                                         "--session", "--nofork", "--print-address",
+                                         "--address=" + address});
+    ASSERT_TRUE(bus->readLine().starts_with(address));
+  }
+
+  const auto runs = [&](const Dictionary& wishes) {
+    auto info = bundleInfo(app, "program");
+    info.insert(wishes.begin(), wishes.end());
+    writeList(bundleOf(app) + "/Info.plist", info);
+    auto words = command(app);
+    words.insert(words.begin() + 1,
+                 {"XDG_RUNTIME_DIR=" + session.path(), "WAYLAND_DISPLAY=wayland-7",
+                  "DISPLAY=unix:" + number + ".0", "XAUTHORITY=" + session / "authorities",
+                  "DBUS_SESSION_BUS_ADDRESS=" + address});
+    return words;
+  };
+  const auto connecting = [](const std::string& family, const std::string& where) {
+    return "/usr/bin/python3 -c 'import os, socket, sys; sys.exit(socket.socket(socket." + family +
+           ").connect_ex(" + where + ") != 0)'";
+  };
+  const auto inPython = "\"\\0" + abstract.substr(1) + "\"";
+  ASSERT_EQ(ChildProcess({"sh", "-c", connecting("AF_UNIX", inPython)}).wait(), 0);
+  const auto seen = [&](ChildProcess& sandboxed) {
+    std::string all;
+    const auto note = [&](const std::string& word, const char* family, const std::string& where) {
+      if (sandboxed.ask("run\t" + connecting(family, where)) == "0 ") all += word + " ";
+    };
+    const std::string runtime = "os.environ[\"XDG_RUNTIME_DIR\"] + ";
+    note("wayland", "AF_UNIX",
+         runtime + "\"/\" + os.environ.get(\"WAYLAND_DISPLAY\", \"wayland-0\")");
+    note("x11", "AF_UNIX", "\"" + x11 + "\"");
+    note("sound", "AF_UNIX", runtime + "\"/pulse/native\"");
+    note("network", "AF_INET", "(\"127.0.0.1\", " + std::to_string(ntohs(place.sin_port)) + ")");
+    note("abstract", "AF_UNIX", inPython);
+    note("bus", "AF_UNIX", runtime + "\"/bus\"");
+    note("session", "AF_UNIX", "\"" + session / "bus" + "\"");
+    return all;
+  };
+  {
+    ChildProcess nothing(runs({}));
+    EXPECT_EQ(seen(nothing), "");
+    for (const char* name :
+         {"DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY", "DBUS_SESSION_BUS_ADDRESS"})
+      EXPECT_EQ(nothing.ask("variable\t" + std::string(name)), "error unset");
+  }
+  for (const auto& [key, word] :
+       std::map<std::string, std::string>{{"QXSandboxWayland", "wayland "},
+                                          {"QXSandboxX11", "x11 "},
+                                          {"QXSandboxSound", "sound "},
+                                          {"QXSandboxNetwork", "network "}}) {
+    ChildProcess sandboxed(runs({{key, true}}));
+    EXPECT_EQ(seen(sandboxed), word);
+    if (word != "x11 ") continue;
+    EXPECT_EQ(sandboxed.ask("variable\tDISPLAY"), ":" + number);
+    const auto authorities = sandboxed.ask("run\ttr '\\000' 0 < $XAUTHORITY");
+    EXPECT_NE(authorities.find("of this"), std::string::npos) << authorities;
+    EXPECT_EQ(authorities.find("of other"), std::string::npos) << authorities;
+  }
+  fs::remove(x11);
+  EXPECT_EQ(ChildProcess(runs({{"QXSandboxNetwork", "yes"}})).wait(), 1);
+  EXPECT_EQ(ChildProcess(runs({{"QXSandboxSessionBusNames", Array{"--own=org.example"}}})).wait(),
+            1);
+  if (!hasBus) return;
+  {
+    ChildProcess sandboxed(runs({{"QXSandboxSessionBusNames", Array{"org.example.Named"}}}));
+    EXPECT_EQ(seen(sandboxed), "bus ");
+    const auto talk = [&](const std::string& name) {
+      return sandboxed.ask("run\tdbus-send --session --print-reply --dest=" + name +
+                           " / org.freedesktop.DBus.Peer.Ping");
+    };
+    EXPECT_NE(talk("org.example.Named").find("Spawn.ChildExited"), std::string::npos);
+    EXPECT_NE(talk("org.example.Other").find("ServiceUnknown"), std::string::npos);
+    EXPECT_EQ(sandboxed
+                  .ask("run\tdbus-send --session --print-reply --dest=org.freedesktop.DBus / "
+                       "org.freedesktop.DBus.ListActivatableNames")
+                  .find("org.example.Other"),
+              std::string::npos);
+  }
+  // Who was killed leaves nothing that stays.
+  ChildProcess next(runs({{"QXSandboxSessionBusNames", Array{"org.example.*"}}}));
+  EXPECT_EQ(seen(next), "bus ");
+  const fs::directory_iterator entries(installation_ / "run");
+  EXPECT_EQ(std::count_if(begin(entries), end(entries),
+                          [](const fs::directory_entry& entry) {
+                            return entry.path().filename().string().starts_with("bus.");
+                          }),
+            1);
 }
 
 TEST_F(SandboxedApplication, ReachesServicesThatStartedAfterIt) {

@@ -260,7 +260,7 @@ std::optional<std::string> problemOfStarting(const qx::Bundle& bundle) {
   return "Its program " + program + " takes " + interpreter + ", which is not there.";
 }
 
-qx::Result<Installation> installBundle(const std::string& argument) {
+qx::Result<Installation> installBundle(const std::string& argument, const MayBe& mayBe) {
   const auto source = sourceAt(argument);
   if (!source) return source.error();
   const auto original = qx::readBundle(source->kind, source->path);
@@ -280,6 +280,10 @@ qx::Result<Installation> installBundle(const std::string& argument) {
   // A link that leads out of the bundle may lead nowhere from here.
   const auto copy = qx::readBundle(source->kind, hidden->path());
   if (!copy) return copy.error();
+  const auto before = qx::readBundle(source->kind, *place);
+  if (auto refused = mayBe ? mayBe(*copy, before ? &*before : nullptr) : std::nullopt) {
+    return *refused;
+  }
 
   const auto replaced = put(hidden->path(), *place);
   if (!replaced) return replaced.error();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,7 +24,11 @@ struct Installation {
 /// one's name, or of what lies broken under its own name. A broken bundle is refused before
 /// anything is touched, and so is one whose name belongs to a bundle of another identifier, or
 /// whose identifier to a bundle of the machine.
-qx::Result<Installation> installBundle(const std::string& source);
+///
+/// `mayBe` is asked once, about the very bundle that is to appear and the one that it replaces,
+/// null where there is none; what it answers stands in the way.
+using MayBe = std::function<std::optional<qx::Error>(const qx::Bundle&, const qx::Bundle* before)>;
+qx::Result<Installation> installBundle(const std::string& source, const MayBe& mayBe = {});
 
 /// Takes away every installed bundle of that identifier; returns where they were. Fails when there
 /// is none.

@@ -48,6 +48,8 @@ struct Arguments {
   bool discard = false;
   /// What is gone on one side may go on the other.
   bool confirmDeletions = false;
+  /// What a bundle wants of the world may be given to it without asking.
+  bool yes = false;
   /// The version of a conflict that is to be taken; empty to list them.
   std::string take;
   /// Nothing is shown in the file manager.

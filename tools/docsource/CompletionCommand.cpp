@@ -85,6 +85,7 @@ void offerOptions(const std::optional<CommandName>& command) {
   if (name == "watch") offer("--notify", "Notify the desktop, instead of printing");
   if (name.starts_with("add ")) offer("--no-open", "Show nothing in the file manager");
   if (name == "remove") offer("--discard", "Even what exists nowhere else");
+  if (name == "install") offer("--yes", "Give an application what it wants");
   if (name == "sync") offer("--confirm-deletions", "Delete what is gone on the other side");
   if (name == "conflicts") offer("--take", "The version that is to be the document");
   const bool isItemRequest = name == "placeholder" || name == "start" || name == "stop" ||

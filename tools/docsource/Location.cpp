@@ -2,8 +2,11 @@
 
 #include "tools/docsource/Location.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -29,6 +32,18 @@ bool isURL(std::string_view text) {
 }
 
 }  // namespace
+
+std::optional<std::string> programCalled(const std::string& name) {
+  const char* variable = std::getenv("PATH");
+  std::string paths = variable ? variable : "/usr/local/bin:/usr/bin:/bin";
+  for (std::size_t begin = 0; begin <= paths.size();) {
+    const auto end = std::min(paths.find(':', begin), paths.size());
+    const auto path = paths.substr(begin, end - begin) + "/" + name;
+    if (path.starts_with('/') && ::access(path.c_str(), X_OK) == 0) return path;
+    begin = end + 1;
+  }
+  return std::nullopt;
+}
 
 std::string absolutePath(std::string_view path) {
   std::string whole(path);

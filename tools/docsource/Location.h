@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,9 @@ std::string urlFromArgument(std::string_view argument);
 
 /// The absolute path that a person means by a path.
 std::string absolutePath(std::string_view path);
+
+/// Where PATH leads to a program of that name.
+std::optional<std::string> programCalled(const std::string& name);
 
 /// The path of a file URL for a person to read, the URL itself where it has none.
 std::string readable(const std::string& url);

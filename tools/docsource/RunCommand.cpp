@@ -34,7 +34,9 @@
 #include "platform/views/DocumentView.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Location.h"
+#include "tools/docsource/OpenedWorld.h"
 #include "tools/docsource/SandboxProcess.h"
+#include "tools/docsource/World.h"
 
 namespace tool {
 namespace {
@@ -86,19 +88,6 @@ std::optional<std::string> whereIs(const std::string& path) {
 
 bool isWithin(const std::string& path, const std::string& directory) {
   return path == directory || path.starts_with(directory + "/");
-}
-
-/// A program that PATH leads to.
-std::optional<std::string> find(const std::string& program) {
-  const char* variable = std::getenv("PATH");
-  std::string paths = variable ? variable : "/usr/local/bin:/usr/bin:/bin";
-  for (std::size_t begin = 0; begin <= paths.size();) {
-    const auto end = std::min(paths.find(':', begin), paths.size());
-    const auto path = paths.substr(begin, end - begin) + "/" + program;
-    if (path.starts_with('/') && ::access(path.c_str(), X_OK) == 0) return path;
-    begin = end + 1;
-  }
-  return std::nullopt;
 }
 
 /// The application's data directory, made when it is not there. No link is followed to it.
@@ -222,7 +211,8 @@ NamedDocuments grantAll(const Arguments& arguments, const std::string& applicati
 }
 
 std::map<std::string, std::string> environmentFor(const Contents& contents,
-                                                  const std::string& privateRuntime) {
+                                                  const std::string& privateRuntime,
+                                                  const OpenedWorld& world) {
   std::map<std::string, std::string> variables;
   for (const char* name : passedVariables) {
     if (const char* value = std::getenv(name)) variables[name] = value;
@@ -244,6 +234,7 @@ std::map<std::string, std::string> environmentFor(const Contents& contents,
   variables["TMPDIR"] = "/tmp";
   variables["DOCSOURCE_ROOT"] = contents.root;
   if (contents.machine) variables["DOCSOURCE_MACHINE"] = machineInside;
+  for (const auto& [name, value] : world.variables()) variables[name] = value;
   return variables;
 }
 
@@ -255,15 +246,14 @@ bool isOfTheSystem(const std::string& path) {
 
 /// Bubblewrap's arguments; it carries them out in their order.
 std::vector<std::string> argumentsFor(const Contents& contents, const std::string& privateRuntime,
-                                      const NamedDocuments& documents,
+                                      const OpenedWorld& world, const NamedDocuments& documents,
                                       const std::vector<std::string>& applicationArguments) {
   std::vector<std::string> all;
   auto add = [&all](std::initializer_list<std::string> some) {
     all.insert(all.end(), some.begin(), some.end());
   };
   add({"--unshare-user", "--disable-userns", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-       "--unshare-net", "--unshare-cgroup-try", "--hostname", "sandbox", "--cap-drop", "ALL",
-       "--new-session"});
+       "--unshare-cgroup-try", "--hostname", "sandbox", "--cap-drop", "ALL", "--new-session"});
   add({"--ro-bind", "/usr", "/usr"});
   for (const char* name : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
     const std::string path = std::string("/") + name;
@@ -286,6 +276,7 @@ std::vector<std::string> argumentsFor(const Contents& contents, const std::strin
   }
   add({"--remount-ro", "/proc", "--dev", "/dev", "--tmpfs", "/tmp", "--perms", "0700", "--tmpfs",
        privateRuntime});
+  all.insert(all.end(), world.arguments().begin(), desktop.arguments().end());
   add({"--tmpfs", contents.root});
   add({"--ro-bind", contents.bundle, contents.bundle});
   if (!isWithin(contents.executable, contents.bundle)) {
@@ -319,7 +310,9 @@ int run(const Arguments& arguments) {
   if (!bundle) {
     return fail(arguments, refusal("There is no application " + arguments.subject + "."));
   }
-  const auto program = find(sandboxProgram);
+  const auto world = World::wantedBy(*bundle);
+  if (!world) return fail(arguments, world.error());
+  const auto program = programCalled(sandboxProgram);
   if (!program) {
     return fail(arguments,
                 refusal(std::string("Applications are run under bubblewrap, but there is no ") +
@@ -332,15 +325,18 @@ int run(const Arguments& arguments) {
   if (documents.failed) return *documents.failed;
 
   const std::string privateRuntime = "/run/user/" + std::to_string(::getuid());
+  const auto opened = OpenedWorld::openTo(*world, privateRuntime);
+  if (!opened) return fail(arguments, opened.error());
   // Bubblewrap's own environment can be read inside too, so it is the application's already.
   std::vector<std::string> variables;
-  for (const auto& [name, value] : environmentFor(*contents, privateRuntime)) {
+  for (const auto& [name, value] : environmentFor(*contents, privateRuntime, *opened)) {
     variables.push_back(name);
     variables.back().append("=").append(value);
   }
-  const auto ended = runSandbox(*program, bundle->identifier,
-                                argumentsFor(*contents, privateRuntime, documents, arguments.rest),
-                                std::move(variables));
+  const auto ended =
+      runSandbox(*program, bundle->identifier,
+                 argumentsFor(*contents, privateRuntime, *opened, documents, arguments.rest),
+                 std::move(variables), opened->descriptors());
   return ended ? *ended : fail(arguments, ended.error());
 }
 

@@ -78,7 +78,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 /// The descriptors, at their numbers, and the standard streams are all that it gets of this one's.
 Result<pid_t> spawn(const std::string& program, std::vector<std::string> words,
                     std::vector<std::string> variables,
-                    std::initializer_list<const FileDescriptor*> inherited) {
+                    const std::vector<const FileDescriptor*>& inherited) {
   // Whatever else is open would be a way out.
   if (::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
     return failure(errno, "The descriptors cannot be kept out of the sandbox");
@@ -125,7 +125,8 @@ Result<qx::SandboxRecord> record(pid_t first, pid_t bubblewrap, const std::strin
 }  // namespace
 
 Result<int> runSandbox(const std::string& bubblewrap, const std::string& application,
-                       std::vector<std::string> arguments, std::vector<std::string> environment) {
+                       std::vector<std::string> arguments, std::vector<std::string> environment,
+                       const std::vector<FileDescriptor>& inherited) {
   const pid_t parent = ::getppid();
   if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return failure(errno, "prctl");
   if (::getppid() != parent) return failure(ESRCH, "Who ran this program has ended");
@@ -140,8 +141,9 @@ Result<int> runSandbox(const std::string& bubblewrap, const std::string& applica
                                  "--info-fd",  std::to_string(information->input.get()),
                                  "--block-fd", std::to_string(start->output.get())};
   words.insert(words.end(), arguments.begin(), arguments.end());
-  const auto started = spawn(bubblewrap, std::move(words), std::move(environment),
-                             {&*filter, &information->input, &start->output});
+  std::vector<const FileDescriptor*> descriptors{&*filter, &information->input, &start->output};
+  for (const auto& each : inherited) descriptors.push_back(&each);
+  const auto started = spawn(bubblewrap, std::move(words), std::move(environment), descriptors);
   if (!started) return started.error();
   Child child(*started);
   information->input.reset();

@@ -220,6 +220,8 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
   } else if (command.run == sync) {
     entry.add_flag("--confirm-deletions", arguments.confirmDeletions,
                    "Delete the many documents that are gone on one side on the other");
+  } else if (command.run == install) {
+    entry.add_flag("--yes", arguments.yes, "Give an application what it wants, without asking");
   } else if (command.run == run) {
     entry
         .add_option("--document", arguments.documents,
