@@ -89,6 +89,8 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
     if (entry.isPlaceholder) {
       const auto mode = qx::modeIn(text);
       if (mode) entry.mode = *mode & 0777U;
+      // Of one that platformd has hidden, root can read the mark, which does not say the mode.
+      entry.isHidden = !mode && entry.mode == 0;
     }
     entry.isProviding = entry.isPlaceholder && text.starts_with("providing ");
   } else if (errno == EACCES) {

@@ -58,7 +58,10 @@ Error fileError(int file, int errnum) { return Error::file(errnum, pathOf(file))
 Placeholder::Shape shapeOf(const struct stat& status, const mark::Mark& mark) {
   Placeholder::Shape shape{static_cast<std::uint64_t>(status.st_size),
                            sparse::timeOf(status.st_mtim), sparse::timeOf(status.st_atim)};
-  if (!mark.isHidden) shape.mode = mark.mode.value_or(status.st_mode & permissions);
+  // Root reads the mark of a placeholder that platformd has hidden, which does not say its mode.
+  const bool isHidden = mark.isHidden || (mark.state != PlaceholderState::present && !mark.mode &&
+                                          (status.st_mode & permissions) == 0);
+  if (!isHidden) shape.mode = mark.mode.value_or(status.st_mode & permissions);
   return shape;
 }
 
