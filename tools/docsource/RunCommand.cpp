@@ -54,13 +54,13 @@ constexpr const char* machineInside = "/run/docsource";
 
 /// What programs need of /etc to find libraries, names, fonts and certificates.
 constexpr std::array configuration{
-    "alternatives",    "bash.bashrc", "ca-certificates", "ca-certificates.conf",
-    "debian_version",  "fonts",       "group",           "hosts",
-    "inputrc",         "ld.so.cache", "ld.so.conf",      "ld.so.conf.d",
-    "locale.alias",    "locale.conf", "localtime",       "mime.types",
-    "nsswitch.conf",   "os-release",  "passwd",          "pki",
-    "profile",         "protocols",   "services",        "ssl/certs",
-    "ssl/openssl.cnf", "terminfo",    "timezone",        "xdg"};
+    "alternatives",   "ImageMagick-6", "bash.bashrc",  "ca-certificates", "ca-certificates.conf",
+    "debian_version", "fonts",         "group",        "hosts",           "inputrc",
+    "libreoffice",    "nanorc",        "vim",          "gtk-3.0",         "ld.so.cache",
+    "ld.so.conf",     "ld.so.conf.d",  "locale.alias", "locale.conf",     "localtime",
+    "mime.types",     "nsswitch.conf", "os-release",   "passwd",          "pki",
+    "profile",        "protocols",     "services",     "ssl/certs",       "ssl/openssl.cnf",
+    "terminfo",       "timezone",      "xdg"};
 
 /// Variables that are passed on; what begins with "LC_" is as well.
 constexpr std::array passedVariables{"LANG", "LANGUAGE", "TERM",    "COLORTERM",
