@@ -26,6 +26,7 @@
 #include "platform/files/FileManager.h"
 #include "platform/files/Places.h"
 #include "tools/docsource/Location.h"
+#include "tools/docsource/SandboxProcess.h"
 
 namespace tool {
 namespace {
@@ -158,7 +159,7 @@ void removeLeftDirectories(const std::string& place) {
 
 /// A directory of this process's, locked; its path in `path`.
 FileDescriptor makeBusDirectory(std::string& path) {
-  const auto place = qx::Places::runtimeDirectory();
+  const auto& place = qx::Places::runtimeDirectory();
   removeLeftDirectories(place);
   while (true) {
     path = place + "/" + busDirectories + "XXXXXX";
@@ -187,15 +188,12 @@ qx::Result<FileDescriptor> startProxy(const std::string& program, const std::str
   std::vector<std::string> words{proxyProgram, "--fd=" + std::to_string(there.get()), address,
                                  socket, "--filter"};
   for (const auto& name : names) words.push_back("--talk=" + name);
-  std::vector<char*> pointers;
-  for (auto& word : words) pointers.push_back(word.data());
-  pointers.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
   ::posix_spawn_file_actions_adddup2(&actions, there.get(), there.get());
   pid_t id = -1;
   const int failed =
-      ::posix_spawn(&id, program.c_str(), &actions, nullptr, pointers.data(), environ);
+      ::posix_spawn(&id, program.c_str(), &actions, nullptr, pointersTo(words).data(), environ);
   ::posix_spawn_file_actions_destroy(&actions);
   if (failed != 0) return qx::posixError(failed, program + " cannot be started");
   there.reset();

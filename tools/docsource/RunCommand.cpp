@@ -276,7 +276,7 @@ std::vector<std::string> argumentsFor(const Contents& contents, const std::strin
   }
   add({"--remount-ro", "/proc", "--dev", "/dev", "--tmpfs", "/tmp", "--perms", "0700", "--tmpfs",
        privateRuntime});
-  all.insert(all.end(), world.arguments().begin(), desktop.arguments().end());
+  all.insert(all.end(), world.arguments().begin(), world.arguments().end());
   add({"--tmpfs", contents.root});
   add({"--ro-bind", contents.bundle, contents.bundle});
   if (!isWithin(contents.executable, contents.bundle)) {

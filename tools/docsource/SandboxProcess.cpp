@@ -67,14 +67,6 @@ class Child {
   pid_t id_;
 };
 
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  pointers.reserve(texts.size() + 1);
-  for (auto& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
 /// The descriptors, at their numbers, and the standard streams are all that it gets of this one's.
 Result<pid_t> spawn(const std::string& program, std::vector<std::string> words,
                     std::vector<std::string> variables,
@@ -123,6 +115,14 @@ Result<qx::SandboxRecord> record(pid_t first, pid_t bubblewrap, const std::strin
 }
 
 }  // namespace
+
+std::vector<char*> pointersTo(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
+  for (auto& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
 
 Result<int> runSandbox(const std::string& bubblewrap, const std::string& application,
                        std::vector<std::string> arguments, std::vector<std::string> environment,

@@ -8,6 +8,9 @@
 
 namespace tool {
 
+/// What posix_spawn(3) wants of words that outlive it.
+std::vector<char*> pointersTo(std::vector<std::string>& words);
+
 /// Bubblewrap with these arguments (those behind its options included) and exactly this
 /// environment, until it ends; its exit status, or 128 and the number of the signal that ended it.
 /// Its application begins when its sandbox is recorded as `application` (platform/identity) and
