@@ -159,6 +159,7 @@ class Engine {
   void removeFrom(Side side, ItemNumber number, bool movedOut);
   void put(Side side, Item& item, Node node);
   Item goneOrNew(Side side, const Node& node);
+  std::optional<Item> movingTo(Side side, const Node& node);
   std::vector<Item> knownHere(const std::string& identity);
   void freeLinks(const std::string& identity);
   Observation& seen(Side side) { return side == Side::here ? here_ : there_; }
@@ -210,7 +211,9 @@ class Engine {
     seen(side).names.emplace(place.parent, place.name);
   }
   static std::string pair(const Item& item);
-  bool areDifferent(const Item& item) const;
+  bool areDifferent(const Item& item);
+  bool wasSent(const Place& place, const std::string& hash);
+  void carrySent(const Place& from, const Place& to);
   void countRemovals();
   std::optional<std::int64_t> goingUntil(Side side);
   std::string heldBack();

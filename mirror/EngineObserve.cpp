@@ -171,6 +171,7 @@ void Engine::put(Side side, Item& item, Node node) {
     item.agreed->place = node.place;
     items_->forgetFact(movingFact(item.number));
   }
+  if (side == Side::there && old) carrySent(old->place, node.place);
   old = std::move(node);
   item.due = now() + (rests ? options_.rest.count() : 0);
   item.tries = 0;
@@ -196,10 +197,21 @@ void Engine::freeLinks(const std::string& identity) {
 Item Engine::goneOrNew(Side side, const Node& node) {
   if (node.kind == Kind::link || (side == Side::here && node.isPlaceholder)) return {};
   auto gone = items_->at(side == Side::here ? Side::there : Side::here, node.place);
-  if (!gone) gone = items_->lastAt(node.place);
-  const bool isThat = gone && gone->agreed && !nodeOf(*gone, side) && !gone->movedOut &&
-                      gone->agreed->kind == node.kind && gone->agreed->place == node.place;
-  return isThat ? *std::move(gone) : Item();
+  const auto isThat = [&] {
+    return gone && gone->agreed && !nodeOf(*gone, side) && !gone->movedOut &&
+           gone->agreed->kind == node.kind && gone->agreed->place == node.place;
+  };
+  if (!isThat()) gone = items_->lastAt(side, node.place);
+  return isThat() ? *std::move(gone) : Item();
+}
+
+/// The item that is being moved there from here, where the remote has no identifiers that tell.
+std::optional<Item> Engine::movingTo(Side side, const Node& node) {
+  if (side == Side::here || !node.identity.empty()) return std::nullopt;
+  auto item = items_->withFact(moving, textOf(node.place));
+  if (!item || !item->there || item->there->kind != node.kind) return std::nullopt;
+  const bool isSame = item->there->size == node.size && item->there->modified == node.modified;
+  return isSame ? item : std::nullopt;
 }
 
 /// Items with that inode, or the one that is being given it.
@@ -252,7 +264,7 @@ void Engine::note(Side side, Node node, bool recursive) {
   }
   if (known) seen.missing.insert(known->number);
   if (known || !items_->withIdentity(side, node.identity).empty() ||
-      coming_.contains(node.identity)) {
+      coming_.contains(node.identity) || movingTo(side, node)) {
     seen.found.insert_or_assign(key, std::move(node));
     return;
   }
@@ -445,7 +457,9 @@ Result<bool> Engine::isStillAt(Lock& lock, Side side, const Item& item) {
 Result<void> Engine::resolve(Lock& lock, Side side) {
   std::set<ItemNumber> still;
   for (const auto& [place, node] : std::map(seen(side).found)) {
-    for (const Item& item : items_->withIdentity(side, node.identity)) {
+    auto items = items_->withIdentity(side, node.identity);
+    if (auto item = movingTo(side, node)) items.push_back(*std::move(item));
+    for (const Item& item : items) {
       const auto answer = isStillAt(lock, side, item);
       if (!answer) return answer.error();
       if (*answer) still.insert(item.number);
@@ -479,8 +493,10 @@ void Engine::assign(Side side, const std::set<ItemNumber>& still) {
     auto named = items_->at(side, node.place);
     std::optional<Item> same;
     bool isSecondName = false;
-    for (auto& item : side == Side::here ? knownHere(node.identity)
-                                         : items_->withIdentity(side, node.identity)) {
+    auto items =
+        side == Side::here ? knownHere(node.identity) : items_->withIdentity(side, node.identity);
+    if (auto item = movingTo(side, node)) items.push_back(*std::move(item));
+    for (auto& item : items) {
       if ((named && item.number == named->number) || nodeOf(item, side)->kind == Kind::link) {
         continue;
       }
@@ -559,7 +575,7 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
     }
   }
   item->movedOut = side == Side::here && movedOut && item->here->isPlaceholder;
-  if (side == Side::here && item->sent && !item->agreed && item->here->place != nowhere) {
+  if (side == Side::here && !item->agreed && items_->fact(sentFact(item->here->place))) {
     // Its first version may have arrived there: it is looked for, and removed.
     item->agreed = item->here;
     item->agreed->identity.clear();

@@ -98,12 +98,27 @@ std::string Engine::pair(const Item& item) {
   return item.here->version + " " + item.there->version;
 }
 
-/// Whether the two contents are known to be different, and the one there to be no earlier one of
-/// ours.
-bool Engine::areDifferent(const Item& item) const {
+/// Whether the two contents are known to be different, and the one there to be none that was sent
+/// from here, nor the one that was agreed on.
+bool Engine::areDifferent(const Item& item) {
   const auto compared = different_.find(item.number);
-  return (!item.sent && item.here->size != item.there->size) ||
-         (compared != different_.end() && compared->second == pair(item));
+  if (compared != different_.end() && compared->second == pair(item)) return true;
+  const bool canBeAgreed = item.agreed && item.hash && item.agreed->size == item.there->size;
+  return item.here->size != item.there->size && !canBeAgreed &&
+         !items_->fact(sentFact(item.there->place));
+}
+
+/// Whether such content was sent to that place there, by whichever item, without an answer.
+bool Engine::wasSent(const Place& place, const std::string& hash) {
+  return items_->fact(sentFact(place)).value_or(std::string()).find(hash) != std::string::npos;
+}
+
+/// What was sent to a place there may be at another by now.
+void Engine::carrySent(const Place& from, const Place& to) {
+  const auto sent = items_->fact(sentFact(from));
+  if (!sent || from == to) return;
+  items_->setFact(sentFact(to), *sent);
+  items_->forgetFact(sentFact(from));
 }
 
 std::string Engine::conflictText() const {
@@ -311,6 +326,7 @@ Result<RemoteItem> Engine::moveThere(Lock& lock, const Item& item, const Place& 
     transaction.commit();
   }
   auto moved = remotely(lock, [&] { return remote_.move(from, target, versionOf(*item.there)); });
+  if (moved) carrySent(item.there->place, to);
   const auto problem = moved ? std::nullopt : std::optional(remoteProblemOf(moved.error()));
   if (problem == RemoteProblem::changedMeanwhile || problem == RemoteProblem::notFound) {
     items_->forgetFact(fact);
@@ -756,7 +772,8 @@ Engine::Outcome Engine::removeHere(Lock& lock, const Item& noted) {
 
 Engine::Outcome Engine::goneHere(Lock& lock, const Item& item) {
   const Node& there = *item.there;
-  if (isContentChangedThere(item) && item.sent && !item.movedOut) return recognise(lock, item);
+  const bool isInDoubt = isContentChangedThere(item) && items_->fact(sentFact(there.place));
+  if (isInDoubt && !item.movedOut) return recognise(lock, item);
   if (isContentChangedThere(item) || there.place != item.agreed->place || item.movedOut) {
     change(item.number, [](Item& now) {
       now.agreed.reset();
@@ -1135,6 +1152,8 @@ Engine::Outcome Engine::conflict(const Item& item) {
     copy.conflictSince = static_cast<std::int64_t>(std::time(nullptr));
     copy.due = now();
     items_->save(copy);
+    // What was sent is of the copy's contents: the remote's are somebody else's from now on.
+    items_->forgetFact(sentFact(item.there->place));
     for (const ItemNumber child : items_->children(Side::here, item.number)) {
       change(child, [&](Item& moved) { moved.here->place.parent = copy.number; });
     }
@@ -1143,8 +1162,6 @@ Engine::Outcome Engine::conflict(const Item& item) {
       now.agreed.reset();
       now.agreedHere.reset();
       now.hash.reset();
-      // What was sent is of the copy's contents: the remote's are somebody else's from now on.
-      now.sent.reset();
       now.isWanted = !item.here->isPlaceholder;
     });
     transaction.commit();

@@ -200,14 +200,13 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
       transfer->done = 0;
     }
     // Should its answer be lost, what the remote has then is known as what was sent.
-    const auto noteSent = [this, &item](const std::string& hash) -> Result<void> {
+    const auto noteSent = [this, &target](const std::string& hash) -> Result<void> {
       const Lock noting(mutex_);
       return guarded([&]() -> Result<void> {
-        change(item.number, [&](Item& now) {
-          auto sent = now.sent.value_or(std::string());
-          if (sent.find(hash) == std::string::npos) sent += hash;
-          now.sent = sent.substr(sent.size() - std::min(sent.size(), mostSent * hash.size()));
-        });
+        auto sent = items_->fact(sentFact(target)).value_or(std::string());
+        if (sent.find(hash) == std::string::npos) sent += hash;
+        sent.erase(0, sent.size() - std::min(sent.size(), mostSent * hash.size()));
+        items_->setFact(sentFact(target), sent);
         return {};
       });
     };
@@ -235,6 +234,7 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
                                  "The remote has another size than what was sent to it."));
         return true;
       }
+      Database::Transaction transaction(*database_);
       change(item.number, [&](Item& now) {
         now.there = nodeThere(target, *written);
         now.agreed = now.there;
@@ -242,12 +242,13 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
         now.agreed->modified = here.modified;
         now.agreedHere = here.version;
         now.hash = source.hash();
-        now.sent.reset();
         now.tries = 0;
         now.reason.reset();
         const bool rests = now.here && now.here->version != here.version;
         if (!rests) now.due = this->now();
       });
+      items_->forgetFact(sentFact(target));
+      transaction.commit();
       return true;
     });
     end(transfer);
@@ -313,8 +314,10 @@ Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
       if (!isEqual) different_[item.number] = pair(item);
       change(item.number, [&](Item& now) {
         now.due = this->now();
-        // What was sent before is no version of somebody else's.
-        const bool isOwn = isEqual || (now.sent && now.sent->find(*other) != std::string::npos);
+        // What was sent before is no version of somebody else's, and neither is what was agreed on
+        // and got another version without having changed.
+        const bool isAgreed = now.agreed && now.hash == *other;
+        const bool isOwn = isEqual || isAgreed || wasSent(there.place, *other);
         if (!isOwn || !now.there || now.there->version != there.version) return;
         if (!now.agreed) {
           now.agreed = there;
@@ -323,7 +326,7 @@ Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
         }
         now.agreedHere = isEqual ? std::optional(here.version) : std::nullopt;
         now.hash = *other;
-        now.sent.reset();
+        items_->forgetFact(sentFact(there.place));
       });
       return true;
     });
@@ -353,9 +356,9 @@ Engine::Outcome Engine::recognise(Lock& lock, const Item& item) {
       }
       change(item.number, [&](Item& now) {
         now.due = this->now();
-        if (!now.there || now.there->version != there.version || !now.sent) return;
-        if (now.agreed && now.sent->find(*found) != std::string::npos) agreeOnContent(now, there);
-        now.sent.reset();
+        if (!now.there || now.there->version != there.version) return;
+        if (now.agreed && wasSent(there.place, *found)) agreeOnContent(now, there);
+        items_->forgetFact(sentFact(there.place));
       });
       return true;
     });

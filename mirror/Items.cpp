@@ -4,6 +4,7 @@
 #include "mirror/Items.h"
 
 #include <array>
+#include <cstdlib>
 #include <utility>
 
 namespace docsource::mirror {
@@ -18,7 +19,7 @@ constexpr const char* schema =
     " agreedModified, agreedMode, agreedPlaceholder,"
     " thereParent, thereName, thereKind, thereIdentity, thereVersion, thereSize, thereModified,"
     " thereMode, therePlaceholder,"
-    " agreedHere, hash, sent, due, tries, reason, pinned, wanted, movedOut, confirmed, "
+    " agreedHere, hash, due, tries, reason, pinned, wanted, movedOut, confirmed, "
     "conflictWith,"
     " conflictSince);"
     "CREATE INDEX IF NOT EXISTS itemHere ON item (hereParent, hereName)"
@@ -32,8 +33,8 @@ constexpr const char* schema =
     "CREATE INDEX IF NOT EXISTS itemDue ON item (due) WHERE due IS NOT NULL;"
     "CREATE INDEX IF NOT EXISTS itemConflict ON item (conflictWith)"
     " WHERE conflictWith IS NOT NULL;"
-    "CREATE INDEX IF NOT EXISTS itemNowhere ON item (agreedParent, agreedName)"
-    " WHERE hereKind IS NULL AND thereKind IS NULL;"
+    "CREATE INDEX IF NOT EXISTS itemGone ON item (agreedParent, agreedName)"
+    " WHERE agreedKind IS NOT NULL AND thereKind IS NULL;"
     // What waits for a removal, counted at every removal.
     "CREATE INDEX IF NOT EXISTS itemRemoved ON item (confirmed)"
     " WHERE agreedKind IS NOT NULL AND (hereKind IS NULL OR thereKind IS NULL);"
@@ -94,7 +95,7 @@ Item Items::read(const Statement& row) {
     *node = readNode(row, at);
     at += nodeColumns;
   }
-  for (auto* text : {&item.agreedHere, &item.hash, &item.sent}) {
+  for (auto* text : {&item.agreedHere, &item.hash}) {
     if (!row.isNull(at)) *text = row.text(at);
     ++at;
   }
@@ -118,7 +119,7 @@ std::optional<Item> Items::load(ItemNumber number) {
 void Items::save(Item& item) {
   static const std::string values = [] {
     std::string text = "INSERT OR REPLACE INTO item VALUES (?";
-    for (int column = 0; column < 3 * nodeColumns + 12; ++column) text += ",?";
+    for (int column = 0; column < 3 * nodeColumns + 11; ++column) text += ",?";
     return text + ")";
   }();
   settled_.erase(item.number);
@@ -127,12 +128,7 @@ void Items::save(Item& item) {
   bindNode(statement, item.here);
   bindNode(statement, item.agreed);
   bindNode(statement, item.there);
-  statement.bind(item.agreedHere)
-      .bind(item.hash)
-      .bind(item.sent)
-      .bind(item.due)
-      .bind(item.tries)
-      .bind(item.reason);
+  statement.bind(item.agreedHere).bind(item.hash).bind(item.due).bind(item.tries).bind(item.reason);
   for (const bool flag : {item.isPinned, item.isWanted, item.movedOut, item.isConfirmed}) {
     statement.bind(static_cast<std::int64_t>(flag));
   }
@@ -167,10 +163,11 @@ std::optional<Item> Items::at(Side side, const Place& place) {
   return row.step() ? std::optional(read(row)) : std::nullopt;
 }
 
-std::optional<Item> Items::lastAt(const Place& place) {
+std::optional<Item> Items::lastAt(Side side, const Place& place) {
   auto row = database_.prepare(
-      "SELECT * FROM item WHERE hereKind IS NULL AND thereKind IS NULL AND agreedParent=? AND"
-      " agreedName=?");
+      "SELECT * FROM item WHERE agreedKind IS NOT NULL AND thereKind IS NULL AND agreedParent=? AND"
+      " agreedName=?" +
+      std::string(side == Side::here ? " AND hereKind IS NULL" : ""));
   row.bind(place.parent).bind(place.name);
   return row.step() ? std::optional(read(row)) : std::nullopt;
 }
@@ -261,6 +258,16 @@ void Items::setFact(const std::string& name, const std::string& value) {
 
 void Items::forgetFact(const std::string& name) {
   database_.prepare("DELETE FROM fact WHERE name=?").bind(name).run();
+}
+
+std::optional<Item> Items::withFact(const std::string& beginning, const std::string& value) {
+  auto row = database_.prepare("SELECT name FROM fact WHERE name>? AND name<? AND value=?");
+  row.bind(beginning).bind(beginning + ":").bind(value);  // what comes after the digits
+  while (row.step()) {
+    auto item = load(std::atoll(row.text(0).c_str() + beginning.size()));
+    if (item) return item;
+  }
+  return std::nullopt;
 }
 
 }  // namespace docsource::mirror

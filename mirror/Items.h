@@ -63,9 +63,6 @@ struct Item {
   std::optional<std::string> agreedHere;
   /// BLAKE2b of the agreed content; absent when it was never here.
   std::optional<std::string> hash;
-  /// The hashes, one behind the other, of contents that were sent there without an answer.
-  std::optional<std::string> sent;
-
   /// When it has to be looked at, in milliseconds of the engine's clock; absent when all is done.
   std::optional<std::int64_t> due;
   /// How often in a row it failed, or waitsForOthers.
@@ -106,8 +103,9 @@ class Items {
   void writeSettled();
 
   std::optional<Item> at(Side side, const Place& place);
-  /// What is on neither side, and was agreed to be there.
-  std::optional<Item> lastAt(const Place& place);
+  /// What is not on that side any more, and was agreed to be at that place; of what is gone here,
+  /// only what is gone there as well.
+  std::optional<Item> lastAt(Side side, const Place& place);
   /// Items of that identity; several only while files are being exchanged.
   std::vector<Item> withIdentity(Side side, const std::string& identity);
   /// Numbers of the items in a directory, at most `most` with a number greater than `after`, in
@@ -134,6 +132,8 @@ class Items {
   std::optional<std::string> fact(const std::string& name);
   void setFact(const std::string& name, const std::string& value);
   void forgetFact(const std::string& name);
+  /// The item of whose number, behind the beginning of its name, such a fact tells that.
+  std::optional<Item> withFact(const std::string& beginning, const std::string& value);
 
   Database& database() { return database_; }
 

@@ -32,7 +32,11 @@ inline std::string textOf(const Place& place) {
   return std::to_string(place.parent) + "/" + place.name;
 }
 /// The name of the fact that tells where the remote is moving an item to.
-inline std::string movingFact(ItemNumber number) { return "moving " + std::to_string(number); }
+inline const std::string moving = "moving ";
+inline std::string movingFact(ItemNumber number) { return moving + std::to_string(number); }
+/// The name of the fact that tells the hashes, one behind the other, of contents that were sent to
+/// a place there without an answer.
+inline std::string sentFact(const Place& place) { return "sent " + textOf(place); }
 
 /// What the database could not do becomes an error of whoever asked, and everything is looked at
 /// again.

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include "tests/mirror/World.h"
+#include "tests/mirror/Model.h"
 
 namespace {
 
@@ -20,6 +20,9 @@ struct Operation {
   std::function<void(Machine&)> ask;
   /// The contents that are there at the end, sorted and joined.
   std::string expected;
+  bool hasIdentifiers = true;
+  /// Done here before the engine goes on.
+  std::function<void(const std::string& here)> meanwhile = {};
 };
 
 enum class Fault { ioOnce, ioFromThenOn, fullFromThenOn, kill };
@@ -32,6 +35,7 @@ void settleSomehow(Machine& machine, qx::ManualClock& clock) {
   }
 }
 
+/// And whether a copy of a conflict is among them.
 std::string contents(const std::string& root) {
   std::set<std::string> found;
   for (const auto& entry : fs::recursive_directory_iterator(root)) {
@@ -39,6 +43,7 @@ std::string contents(const std::string& root) {
     const auto name = entry.path().filename().string();
     if (entry.is_regular_file() && !name.starts_with(".docsource-"))
       found.insert(read(entry.path()));
+    if (name.find("(conflict ") != std::string::npos) found.insert("(conflict)");
   }
   std::string text;
   for (const auto& content : found) text += content + " ";
@@ -56,7 +61,9 @@ bool tryWith(const Operation& operation, const std::string& mechanism, Fault fau
   write(there + "/a", "first");
   write(there + "/d/b", "second");
   const auto machine = [&] {
-    return std::make_unique<Machine>(scratch / "here", makeFolderRemote(there));
+    auto remote = std::make_unique<UnreliableRemote>(makeFolderRemote(there));
+    remote->hasIdentifiers = operation.hasIdentifiers;
+    return std::make_unique<Machine>(scratch / "here", std::move(remote));
   };
   const auto storage = machine()->storage;
   {
@@ -95,6 +102,7 @@ bool tryWith(const Operation& operation, const std::string& mechanism, Fault fau
   } else {
     work();
   }
+  if (operation.meanwhile) operation.meanwhile(storage);
   const auto healed = machine();
   EXPECT_TRUE(healed->start());
   for (int round = 0; round < 2; ++round) {
@@ -169,7 +177,24 @@ const Operation operations[] = {
        save(here + "/a", "ours");
      },
      {},
-     "ours second theirs "},
+     "(conflict) ours second theirs "},
+    {"MoveOfAnEditedOne",
+     [](const auto& here, const auto&) {
+       fs::rename(here + "/a", here + "/c");
+       write(here + "/c", "edited");
+     },
+     {},
+     "edited second ",
+     false},
+    {"SaveWithABackupAfterAnUpload",
+     [](const auto& here, const auto&) { write(here + "/c", "draft"); },
+     {},
+     "draft final first second ",
+     false,
+     [](const auto& here) {
+       fs::rename(here + "/c", here + "/c.bak");
+       write(here + "/c", "final");
+     }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultTest, testing::ValuesIn(operations),
