@@ -4,6 +4,7 @@ import os
 import re
 import stat
 import threading
+import time
 
 from people import read
 
@@ -64,7 +65,7 @@ class Book:
 
     def wrote(self, content, who, over=None):
         with self.lock:
-            self.written[digest(content)] = who
+            self.written[digest(content)] = f"{time.time():.3f} {who} ({len(content)} bytes)"
             if over is not None:
                 self.seen_off.add(digest(over))
 

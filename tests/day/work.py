@@ -7,6 +7,7 @@ import os
 import random
 import tempfile
 import threading
+import time
 
 import people
 from book import Book, differences, digest, stays_here, tree
@@ -249,6 +250,8 @@ class Desk:
             except OSError as error:
                 problem = error
                 self.failures += 1
+                with open(f"{self.world.directory}/tried-again", "a") as log:
+                    log.write(f"{time.time():.3f} {what}: {error}\n")
                 self.world.bring_in(self.top)
                 return False
         try:
