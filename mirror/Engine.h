@@ -166,6 +166,7 @@ class Engine {
   bool stays(ItemNumber directory, const std::string& name, const LocalEntry& entry);
   bool cleanUp(ItemNumber number, int directory, const std::string& name, const LocalEntry& entry);
   bool finishRemoval(const std::string& name);
+  void reveal(const Place& place);
   void recoverAside();
   Node nodeHere(Place place, const LocalEntry& entry) const;
   static Node nodeThere(Place place, const RemoteItem& item);
@@ -276,6 +277,10 @@ class Engine {
   /// Inodes that documents are about to have: those of files that take the place of others.
   std::map<std::string, ItemNumber> coming_;
   std::set<std::pair<ItemNumber, std::string>> wentAway_;
+  /// Places of files that are nobody's to read and that no item is known to be, and what those were
+  /// that were looked at, by their identity.
+  std::vector<Place> hidden_;
+  std::map<std::string, LocalEntry> revealed_;
   bool isObservingHere_ = false;
   Observation here_;
   Observation there_;
@@ -301,7 +306,6 @@ class Engine {
   MirrorHealth::State state_ = MirrorHealth::State::starting;
   std::optional<std::string> broken_;
 
-  std::uint64_t asides_ = 0;
   std::set<ItemNumber> settling_;
   /// Whether removals wait for a confirmation, as counted at the beginning of a round.
   bool areHeldHere_ = false;

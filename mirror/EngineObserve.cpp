@@ -315,15 +315,17 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
   if (entry->isHidden) {
     // What it is cannot be told from its mark; what is known of it is believed.
     const auto known = knownHere(entry->identity);
-    const auto there = items_->at(Side::there, place);
+    const auto revealed = revealed_.find(entry->identity);
     if (!known.empty()) {
       Node node = *known.front().here;
       node.identity = entry->identity;
       believe(entry, node);
-    } else if (!entry->hasBlocks && there && there->there->kind == Kind::file) {
-      // One that was made and not noted.
+    } else if (revealed == revealed_.end()) {
+      hidden_.push_back(place);
+      return;
+    } else if (revealed->second.isPlaceholder) {
       entry->isPlaceholder = true;
-      entry->mode = there->there->mode.value_or(0);
+      entry->mode = revealed->second.mode;
     } else {
       return;
     }
@@ -425,6 +427,10 @@ bool Engine::observeHere(Lock& lock) {
       // Others get their turn in a long look.
       lock.unlock();
       lock.lock();
+    } else if (!hidden_.empty()) {
+      const Place place = std::move(hidden_.back());
+      hidden_.pop_back();
+      reveal(place);
     } else if (!here_.found.empty()) {
       (void)resolve(lock, Side::here).ok();
     } else if (!here_.missing.empty()) {
@@ -744,6 +750,18 @@ bool Engine::observeThere(Lock& lock) {
   return hasSeen;
 }
 
+/// Finds out what a file is that is nobody's to read and that no item is known to be: a placeholder
+/// that was made and not noted, or somebody's content.
+void Engine::reveal(const Place& place) {
+  const auto directory = directoryHere(place.parent);
+  const auto entry = directory ? lookAt(directory->get(), place.name) : std::nullopt;
+  if (!entry || !entry->isHidden || !knownHere(entry->identity).empty()) return;
+  removeEntry(directory->get(), place, [this](const LocalEntry& taken) {
+    revealed_[taken.identity] = taken;
+    return false;
+  });
+}
+
 /// What was to be removed when the process ended, and is still what it was, goes; unless somebody
 /// has it open, or it has come back there.
 bool Engine::finishRemoval(const std::string& name) {
@@ -764,6 +782,8 @@ bool Engine::finishRemoval(const std::string& name) {
 void Engine::recoverAside() {
   listDirectory(aside_.get(), [&](const std::string& name) {
     const auto entry = lookAt(aside_.get(), name);
+    if (items_->fact("decided " + name) == hiddenAside)
+      ::fchmodat(aside_.get(), name.c_str(), 0, 0);
     if (entry && entry->names > 1) {  // it is somewhere else as well
       ::unlinkat(aside_.get(), name.c_str(), 0);
       return true;

@@ -574,7 +574,8 @@ Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
   if (!entry && errno == EEXIST) {
     lookAgain(Side::here, there.place);
     if (setAsideUnknown(there.place)) return Outcome::again;
-    return waitFor(item.number, 1);
+    const auto other = lookAt(directory->get(), name);
+    return other && other->isHidden ? waitForOthers(item.number) : waitFor(item.number, 1);
   }
   if (!entry || !syncFileSystem(directory->get())) {
     return failedHere(item, errno, "It cannot be made here");
@@ -676,7 +677,10 @@ std::string Engine::decisionOn(const LocalEntry& entry) {
 bool Engine::removeEntry(int directory, const Place& place,
                          const std::function<bool(const LocalEntry&)>& isIt,
                          const std::optional<LocalEntry>& decided) {
-  const std::string aside = std::to_string(place.parent) + "-" + std::to_string(++asides_);
+  std::string aside;
+  for (int number = 1; aside.empty() || lookAt(aside_.get(), aside); ++number) {
+    aside = std::to_string(number);
+  }
   {
     Database::Transaction transaction(*database_);
     items_->setFact("aside " + aside, textOf(place));
@@ -688,9 +692,14 @@ bool Engine::removeEntry(int directory, const Place& place,
     return false;
   }
   auto taken = lookAt(aside_.get(), aside);
-  if (taken) {
+  if (taken && taken->isHidden) {
     const auto known = items_->withIdentity(Side::here, taken->identity);
-    if (!known.empty()) believe(taken, *known.front().here);
+    if (!known.empty()) {
+      believe(taken, *known.front().here);
+    } else {
+      items_->setFact("decided " + aside, hiddenAside);
+      taken = lookAtHidden(aside_.get(), aside);
+    }
   }
   if (taken && isIt(*taken) && ::unlinkat(aside_.get(), aside.c_str(), 0) == 0) return true;
   recoverAside();

@@ -73,7 +73,6 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   entry.names = status.stx_nlink;
   if (entry.kind != Kind::file) return entry;
   entry.size = static_cast<std::int64_t>(status.stx_size);
-  entry.hasBlocks = status.stx_blocks > 0;
   entry.version = std::to_string(entry.size) + ":" + std::to_string(entry.modified) + ":" +
                   std::to_string(nanoseconds(status.stx_ctime));
   std::array<char, 1024> mark{};
@@ -107,6 +106,16 @@ std::optional<LocalEntry> lookAtFile(int file) { return entryOf(file, "", AT_EMP
 
 std::optional<LocalEntry> lookAt(int directory, const std::string& name) {
   return entryOf(directory, name.c_str(), AT_SYMLINK_NOFOLLOW);
+}
+
+std::optional<LocalEntry> lookAtHidden(int directory, const std::string& name) {
+  auto entry = lookAt(directory, name);
+  if (!entry || !entry->isHidden || entry->names > 1) return entry;
+  const auto hidden = static_cast<mode_t>(entry->mode);
+  if (::fchmodat(directory, name.c_str(), S_IRUSR, 0) != 0) return entry;
+  entry = lookAt(directory, name);
+  ::fchmodat(directory, name.c_str(), hidden, 0);
+  return entry;
 }
 
 void believe(std::optional<LocalEntry>& entry, const Node& known) {

@@ -30,8 +30,6 @@ struct LocalEntry {
   bool isProviding = false;
   /// Nobody's to read, so that it is not known whether it is a placeholder.
   bool isHidden = false;
-  /// Whether the file system keeps anything of its content.
-  bool hasBlocks = false;
 };
 
 /// Of a descriptor, or of an entry; absent with errno set.
@@ -47,6 +45,10 @@ qx::FileDescriptor openDirectoryBelow(int directory, const std::string& path);
 
 /// The names in a directory without "." and ".."; stops when `visit` returns false.
 bool listDirectory(int directory, const std::function<bool(const std::string& name)>& visit);
+
+/// The same of what is nobody's to read, which its owner may for that moment. Only where no program
+/// comes by: in a directory of the mirror's own.
+std::optional<LocalEntry> lookAtHidden(int directory, const std::string& name);
 
 /// A document is opened without waiting for anybody who holds it.
 qx::FileDescriptor openFile(int directory, const std::string& name, int flags);

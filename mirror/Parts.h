@@ -27,6 +27,10 @@ struct Engine::Transfer {
   Arrival arrival;
 };
 
+/// What the fact says that was decided about a file aside of which it has to be seen what it is,
+/// and which is nobody's to read.
+inline const std::string hiddenAside = "hidden";
+
 /// A place as a fact.
 inline std::string textOf(const Place& place) {
   return std::to_string(place.parent) + "/" + place.name;

@@ -52,6 +52,7 @@ std::string contents(const std::string& root) {
 
 /// Whether the fault came; not when there are fewer calls.
 bool tryWith(const Operation& operation, const std::string& mechanism, Fault fault, int at) {
+  const OrdinaryUser user;
   const Scratch scratch;
   auto& clock = newClock();
   qx::Clock::setCurrent(clock);

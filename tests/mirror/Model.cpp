@@ -70,6 +70,7 @@ std::string Model::newContent() {
 
 /// -1 when it is none of the model's.
 int Model::contentOf(const std::string& path) {
+  const AllSeeing all;
   const auto entry = mirror::lookAt(AT_FDCWD, path);
   if (!entry || entry->kind != mirror::Kind::file) return -1;
   if (entry->isPlaceholder) return static_cast<int>(entry->size) - static_cast<int>(firstSize);

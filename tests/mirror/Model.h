@@ -150,6 +150,7 @@ class Model {
   }
   std::string relative(const std::string& path) const;
 
+  const OrdinaryUser user_;
   Scratch scratch_;
   qx::ManualClock& clock_;
   std::mt19937_64 random_;

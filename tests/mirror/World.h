@@ -25,6 +25,27 @@ namespace docsource::test {
 
 namespace fs = std::filesystem;
 
+/// Whoever is root is an ordinary user until the end of the block, who cannot read everything.
+class OrdinaryUser {
+ public:
+  OrdinaryUser() { become(::getuid() == 0 ? 23118 : ::geteuid()); }
+  ~OrdinaryUser() { become(::getuid()); }
+  OrdinaryUser(const OrdinaryUser&) = delete;
+  OrdinaryUser& operator=(const OrdinaryUser&) = delete;
+  static void become(uid_t user) { (void)!::seteuid(user); }
+};
+/// In such a block: sees everything again, where that is permitted.
+class AllSeeing {
+ public:
+  AllSeeing() { OrdinaryUser::become(::getuid()); }
+  ~AllSeeing() { OrdinaryUser::become(user_); }
+  AllSeeing(const AllSeeing&) = delete;
+  AllSeeing& operator=(const AllSeeing&) = delete;
+
+ private:
+  const uid_t user_ = ::geteuid();
+};
+
 /// In memory where that has extended attributes, and gone at the end.
 class Scratch {
  public:
@@ -85,7 +106,6 @@ class Machine {
     options_.host = std::move(host);
     options_.rest = std::chrono::milliseconds(0);
     fs::create_directories(base);
-    // Here the test looks at content whose mode does not matter to root.
   }
 
   Result<void> start() {
@@ -121,6 +141,7 @@ class Machine {
 };
 
 inline bool isPlaceholder(const std::string& path) {
+  const AllSeeing all;
   const auto entry = mirror::lookAt(AT_FDCWD, path);
   return entry && entry->isPlaceholder;
 }
