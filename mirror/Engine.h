@@ -192,6 +192,7 @@ class Engine {
   Outcome moveHere(Lock& lock, const Item& item);
   Outcome moveThere(Lock& lock, const Item& item);
   Outcome refresh(const Item& item);
+  bool leaveToOtherNames(const Item& item);
   std::optional<Outcome> reshapeHere(const Item& item, const Placeholder::Shape& shape, Node& now);
   Announcement announceFor(ItemNumber number, Lock* lock);
   Outcome conflict(const Item& item);

@@ -1117,6 +1117,35 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
   return std::nullopt;
 }
 
+/// Without coordination a document changes its inode with its version. Where the old one has names
+/// that no item has, a backup's beside it, it is left to them, and the document is made anew: as
+/// the remote has another version, it comes back from there whatever happens in between.
+bool Engine::leaveToOtherNames(const Item& item) {
+  const Node& here = *item.here;
+  const auto directory = directoryHere(here.place.parent);
+  const auto file =
+      directory ? openFile(directory->get(), here.place.name, O_RDONLY) : qx::FileDescriptor();
+  const auto entry = file ? lookAtFile(file.get()) : std::nullopt;
+  const auto isIt = [&](const LocalEntry& now) {
+    return now.identity == here.identity && now.names > 1 && !now.isPlaceholder &&
+           now.size == here.size && now.modified == here.modified && !isOpenElsewhere(file.get());
+  };
+  const bool isLeft = entry && isContentChangedThere(item) && isIt(*entry) &&
+                      removeEntry(directory->get(), here.place, isIt);
+  if (!isLeft) return false;
+  Database::Transaction transaction(*database_);
+  change(item.number, [](Item& now) {
+    now.here.reset();
+    now.agreed.reset();
+    now.agreedHere.reset();
+    now.hash.reset();
+    now.isWanted = true;
+  });
+  freeLinks(here.identity);
+  transaction.commit();
+  return true;
+}
+
 /// The remote has another content, here nothing was changed: a placeholder of the new one.
 Engine::Outcome Engine::refresh(const Item& item) {
   const Node there = *item.there;
@@ -1124,7 +1153,9 @@ Engine::Outcome Engine::refresh(const Item& item) {
   // Permissions that were changed here are carried afterwards.
   if (item.here->mode) shape.mode = static_cast<unsigned>(*item.here->mode);
   Node now;
-  if (const auto first = reshapeHere(item, shape, now)) return *first;
+  if (const auto first = reshapeHere(item, shape, now)) {
+    return leaveToOtherNames(item) ? Outcome::again : *first;
+  }
   change(item.number, [&](Item& changed) {
     if (!changed.here || !changed.agreed) return;
     changed.isWanted = changed.isWanted || !item.here->isPlaceholder;

@@ -467,7 +467,7 @@ std::string Model::compare() {
       if (entry->kind == mirror::Kind::file) line << read(path);
       if (line.str() != theirs->second) {
         return relative(path) + " is another: " + line.str().substr(0, 24) + " and there " +
-               theirs->second.substr(0, 24);
+               theirs->second.substr(0, 24) + "\n" + trees(*machine);
       }
       left.erase(theirs);
     }
