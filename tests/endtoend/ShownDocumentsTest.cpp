@@ -112,8 +112,8 @@ TEST_F(ShownDocuments, AreReadWrittenAndSavedByProgramsThatKnowNothing) {
   ChildProcess sandbox({"sh", "-c", "cd " + inQuotes(link) + " && exec " + [&] {
                           std::string line;
                           for (const auto& word :
-                               tool({"run", app, "--document", "letter", "folder/plan", "--",
-                                     "letter", "-n", "other"})) {
+                               tool({"run", app, "--document", "letter", link + "/folder/plan",
+                                     "--", "letter", "-n", "other"})) {
                             line += inQuotes(word) + " ";
                           }
                           return line;
