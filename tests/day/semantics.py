@@ -886,8 +886,27 @@ def many_removals_wait_for_a_word(c):
 
 @alone
 def the_guard_outlives_what_it_guards(c):
-    """Placeholders are guarded while their provider and the daemons are away."""
+    """Placeholders are guarded while their provider and the daemons are away, and content is not."""
     c.given("a", "b", "c", "moved/d")
+    ended, refused = threading.Event(), []
+
+    def go_on():
+        while not ended.is_set():
+            try:
+                put(f"{c.here}/busy.tmp", b"busy")
+                read(f"{c.here}/busy.tmp")
+            except OSError as problem:
+                refused.append(str(problem))
+    going_on = threading.Thread(target=go_on)  # the same user as this one
+    going_on.start()
+    try:
+        for _ in range(8):
+            c.world.kill("holder")
+    finally:
+        ended.set()
+        going_on.join()
+    # An answer that is on its way when the holder falls is lost with it.
+    expect(len(refused) <= 2, f"content was refused {len(refused)} times in 8 ends of the holder: {refused[:3]}")
     for which in ("account", "docsourced", "worker", "holder"):
         c.world.kill(which)
         try:

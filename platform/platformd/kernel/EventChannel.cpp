@@ -2,6 +2,7 @@
 
 #include "platform/platformd/kernel/EventChannel.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -40,6 +41,11 @@ EventChannel::Sent EventChannel::send(const Message& message, int descriptor, bo
   return errno == EAGAIN || errno == ETOOMANYREFS || errno == ENOBUFS ? Sent::later : Sent::never;
 }
 
+bool EventChannel::hasEnded() const {
+  pollfd end{socket_.get(), 0, 0};
+  return poll(&end, 1, 0) > 0 && (end.revents & POLLHUP) != 0;
+}
+
 EventChannel::State EventChannel::receive(Received& received) const {
   iovec part{&received.message, sizeof received.message};
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
@@ -49,9 +55,10 @@ EventChannel::State EventChannel::receive(Received& received) const {
   header.msg_control = control.data();
   header.msg_controllen = control.size();
   ssize_t count = 0;
+  // That the other end fell before it read everything is told once; what it sent comes after that.
   do {
     count = recvmsg(socket_.get(), &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  } while (count < 0 && errno == EINTR);
+  } while (count < 0 && (errno == EINTR || errno == ECONNRESET));
   if (count < 0 && errno == EAGAIN) return State::nothing;
   const bool isCut = (header.msg_flags & MSG_TRUNC) != 0;
   if (count != sizeof received.message || isCut) return State::ended;

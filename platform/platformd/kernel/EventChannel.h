@@ -53,6 +53,8 @@ class EventChannel {
   enum class State { message, nothing, ended };
   /// Without waiting.
   State receive(Received& received) const;
+  /// Whether the other end is gone; there may be something left to receive.
+  bool hasEnded() const;
 
  private:
   FileDescriptor socket_;

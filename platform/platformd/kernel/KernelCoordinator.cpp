@@ -3,6 +3,7 @@
 #include "platform/platformd/kernel/KernelCoordinator.h"
 
 #include <sys/epoll.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include "platform/coordination/CoordinationState.h"
 #include "platform/files/Places.h"
 #include "platform/log/Log.h"
+#include "platform/platformd/kernel/Placeholder.h"
 
 namespace qx::kernel {
 namespace {
@@ -127,7 +129,7 @@ void KernelCoordinator::start(std::function<void()> onStop) {
       },
       toQueue, toSlowQueue);
   readers_ = std::make_unique<Readers>(
-      registry_, holder_, trees_, claims_, *programs_, [this] { changes_->drain(true); }, toQueue,
+      registry_, holder_, accesses_, trees_, claims_, *programs_, [this] { drain(true); }, toQueue,
       toSlowQueue);
   watch_ = TreeWatch::start([weak = weak_from_this()](const std::string& path) {
     const auto self = weak.lock();
@@ -136,13 +138,18 @@ void KernelCoordinator::start(std::function<void()> onStop) {
   });
   for (const auto& path : trees_.paths()) watch_->add(path);
   Input::begin(shared_from_this(), holder_.descriptor(), &KernelCoordinator::receive);
-  Input::begin(shared_from_this(), changeGroup_.descriptor(), &KernelCoordinator::drain);
+  Input::begin(shared_from_this(), changeGroup_.descriptor(), &KernelCoordinator::drainSome);
   WorkQueue::global().async([self = shared_from_this()] {
     const auto scan = self->trees_.guardAll();
     DS_LOG("[INFO] Guarding %d directories with %d placeholders from before.", scan.directories,
            scan.placeholders);
     self->holder_.send({Message::Kind::ready}, -1, true);
   });
+}
+
+/// Files are opened for it, which without a holder nobody answers.
+void KernelCoordinator::drain(bool all) {
+  if (!holder_.hasEnded()) changes_->drain(all);
 }
 
 void KernelCoordinator::receive() {
@@ -251,11 +258,21 @@ void KernelCoordinator::stop() {
       holder_.send({Message::Kind::stopped}, -1, true);
       return;
     }
+    constexpr int mostRounds = 1000;
     // Nobody else is left to answer. Events are known by the numbers that the holder had for them.
     const auto most = static_cast<int>(std::min<std::size_t>(raiseDescriptorLimit(), 1U << 20U));
     for (int number = 0; number < most; ++number) accesses_.answer(number, EAGAIN);
-    for (auto events = accesses_.read(); !events.empty(); events = accesses_.read()) {
-      for (const auto& event : events) accesses_.answer(event.file.get(), EAGAIN);
+    // Those who go on come again; those who came before are among the first.
+    int rounds = mostRounds;
+    for (auto events = accesses_.read(); !events.empty() && rounds > 0; --rounds) {
+      // What is content stays open to everybody. No file is opened here: who would answer?
+      for (const auto& event : events) {
+        struct stat status {};
+        const bool isAbsent =
+            fstat(event.file.get(), &status) != 0 || Placeholder::isOne(event.file.get(), status);
+        accesses_.answer(event.file.get(), isAbsent ? EAGAIN : 0);
+      }
+      events = accesses_.read();
     }
   });
 }

@@ -57,7 +57,8 @@ class KernelCoordinator final : public DocSourceObserver,
   void slowly(uid_t user, WorkQueue::Task task);
   // On the queue.
   void receive();
-  void drain() { changes_->drain(false); }
+  void drain(bool all);
+  void drainSome() { drain(false); }
   // On the queue of the user.
   void claim(const DocSource& source, const std::function<void()>& onWatched);
   void release(uid_t owner, const std::string& path);

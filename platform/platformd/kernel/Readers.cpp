@@ -14,10 +14,11 @@
 namespace qx::kernel {
 
 Readers::Readers(std::shared_ptr<DocSourceRegistry> registry, const EventChannel& holder,
-                 GuardedTrees& trees, Claims& claims, Programs& programs,
+                 const AccessGroup& group, GuardedTrees& trees, Claims& claims, Programs& programs,
                  std::function<void()> drain, OnQueue onQueue, Slowly slowly)
     : registry_(std::move(registry)),
       holder_(holder),
+      group_(group),
       trees_(trees),
       claims_(claims),
       programs_(programs),
@@ -27,7 +28,10 @@ Readers::Readers(std::shared_ptr<DocSourceRegistry> registry, const EventChannel
       processes_([this](pid_t process) { onQueue_([this, process] { processEnded(process); }); }) {}
 
 void Readers::answer(const Access& access, int errnum) const {
-  holder_.send({Message::Kind::answer, access.number, access.process, errnum, 0}, -1, true);
+  const Message message{Message::Kind::answer, access.number, access.process, errnum, 0};
+  if (holder_.send(message, -1, true) == EventChannel::Sent::never) {
+    group_.answer(access.number, errnum);
+  }
 }
 
 void Readers::decide(const Access& access, FileDescriptor file) {

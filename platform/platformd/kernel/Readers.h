@@ -52,7 +52,7 @@ class Readers {
 
   /// A program that waits.
   struct Access {
-    int number = 0;  // the holder's name for it
+    int number = 0;  // the name that it has in the holder
     pid_t process = 0;
     std::uint64_t mask = 0;
     pid_t thread = 0;
@@ -62,12 +62,13 @@ class Readers {
     bool isTold = false;    // that it waits for them
   };
 
-  /// What is handed over must outlive this, but for the registry. `drain` takes the changes that
-  /// the kernel has told of so far; `slowly` runs what takes long, elsewhere, one thing of a
+  /// What is handed over must outlive this, but for the registry. Answers go to the holder, and to
+  /// the kernel when it has ended. `drain` takes the changes that the kernel has told of so far;
+  /// `slowly` runs what takes long, elsewhere, one thing of a
   /// user after the other, and keeps all of this alive meanwhile.
   Readers(std::shared_ptr<DocSourceRegistry> registry, const EventChannel& holder,
-          GuardedTrees& trees, Claims& claims, Programs& programs, std::function<void()> drain,
-          OnQueue onQueue, Slowly slowly);
+          const AccessGroup& group, GuardedTrees& trees, Claims& claims, Programs& programs,
+          std::function<void()> drain, OnQueue onQueue, Slowly slowly);
 
   void decide(const Access& access, FileDescriptor file);
   /// Asks for the files that nobody could be asked for; when a doc source has come.
@@ -114,6 +115,7 @@ class Readers {
 
   const std::shared_ptr<DocSourceRegistry> registry_;
   const EventChannel& holder_;
+  const AccessGroup& group_;
   GuardedTrees& trees_;
   Claims& claims_;
   Programs& programs_;
