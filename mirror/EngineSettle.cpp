@@ -1173,6 +1173,11 @@ Engine::Outcome Engine::conflict(const Item& item) {
   const Place place = item.here->place;
   const auto directory = directoryHere(place.parent);
   if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
+  // Who has ours open and saves by its name would replace a version that he has not seen.
+  const bool isContent = item.here->kind == Kind::file && !item.here->isPlaceholder;
+  const auto file =
+      isContent ? openFile(directory->get(), place.name, O_RDONLY) : qx::FileDescriptor();
+  if (file && Lease(file.get(), F_WRLCK).problem() == EAGAIN) return waitForOthers(item.number);
   Item copy;
   for (int attempt = 1;; ++attempt) {
     const std::string name = nameBeside(place.name, conflictText(), attempt);
