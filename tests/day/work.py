@@ -245,7 +245,12 @@ class Desk:
         def attempt():
             nonlocal problem
             try:
-                step(self.top, random.Random(state), files, directories)
+                if problem is None:
+                    step(self.top, random.Random(state), files, directories)
+                else:
+                    # A program that was told that it failed has perhaps emptied its document before,
+                    # or left a lock: doing the same once more would not be the same.
+                    run("rsync", "-a", "--checksum", "--delete", f"{self.shadow}/", f"{self.top}/")
                 return True
             except OSError as error:
                 problem = error
@@ -378,7 +383,10 @@ def compare(worlds, shadow, desks, book):
     """Everything that must hold at rest; what does not, in lines."""
     findings = list(book.findings)
     for world in worlds:
-        world.bring_in(world.docs)
+        if problem := world.bring_in(world.docs):
+            findings.append(f"{world.name} cannot bring everything in: {problem}")
+    if len(findings) > len(book.findings):
+        return findings
     trees = {"origin": worlds[0].at_origin(), **{world.name: world.here() for world in worlds}}
     for world in worlds:
         findings += differences(trees[world.name], trees["origin"], (world.name, "origin"))
