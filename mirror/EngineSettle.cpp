@@ -108,8 +108,10 @@ bool Engine::areDifferent(const Item& item) {
          !items_->fact(sentFact(item.there->place));
 }
 
-/// Whether such content was sent to that place there, by whichever item, without an answer.
+/// Whether such content was sent to that place there, by whichever item, without an answer. What is
+/// being sent there is its item's.
 bool Engine::wasSent(const Place& place, const std::string& hash) {
+  if (changing_.contains({place.parent, place.name})) return false;
   return items_->fact(sentFact(place)).value_or(std::string()).find(hash) != std::string::npos;
 }
 
@@ -644,7 +646,11 @@ std::optional<Engine::Outcome> Engine::askAgain(Lock& lock, const Item& item) {
     const auto outcome = isGoneToo ? askAgain(lock, *above) : std::nullopt;
     return outcome == Outcome::later ? waitFor(item.number, firstRetry) : outcome;
   }
+  const Key key(agreed.parent, agreed.name);
+  if (changing_.contains(key)) return waitFor(item.number, 1);
   const auto found = remotely(lock, [&] { return remote_.look(joined(*parent, agreed.name)); });
+  // What another item is uploading there is not this one.
+  if (changing_.contains(key)) return waitFor(item.number, 1);
   if (!found && remoteProblemOf(found.error()) != RemoteProblem::notFound) {
     return failed(item, found.error());
   }
