@@ -145,7 +145,7 @@ check 'a desktop would be notified' test "$(as_root systemctl --global is-enable
 
 headline 'An account is added, and its documents are read'
 show 'docsource add folder letters ~/elsewhere'
-wait_until 'the documents appear' as_user 'test -e ~/DocSource/letters/picture.jpg'
+check 'the documents are there' as_user 'test -e ~/DocSource/letters/picture.jpg'
 show 'docsource status ~/DocSource/letters'
 check 'they are placeholders' status_is /home/alice/DocSource/letters/picture.jpg placeholder
 show 'cat ~/DocSource/letters/letter.txt'

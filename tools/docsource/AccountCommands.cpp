@@ -140,13 +140,22 @@ Result<void> checkName(const std::string& name) {
                    "\" already; choose another name, or remove it");
 }
 
-/// Until the account can be asked; not on a locked device, whose providers come later.
+/// Until the account can be asked and its documents are there, of many of them for a while; not on
+/// a locked device, whose providers come later.
 Result<void> waitFor(const Account& account, std::chrono::milliseconds timeout) {
   // Under a service manager this starts the broker where it does not run.
   if (auto awake = docsource::Client(timeout).wakeUp(); !awake) return awake;
   if (!qx::readKeyState().unlockedSinceBoot) return {};
-  const auto process = AccountProcess::whenRunning(account, timeout);
-  return process ? Result<void>() : process.error();
+  auto process = AccountProcess::whenRunning(account, timeout);
+  if (!process) return process.error();
+  constexpr std::chrono::milliseconds aWhile(5000);
+  // What is wrong with the remote docsource accounts says; the account is there all the same.
+  (void)process->ask<>(
+      [](DSAccount& each, auto completion) {
+        each.syncConfirmingRemovals_completion(false, std::move(completion));
+      },
+      std::min(aWhile, timeout));
+  return {};
 }
 
 /// Adds the account, whose name is good, once its program has found that it would work.
@@ -172,15 +181,15 @@ int add(const Arguments& arguments, const std::string& kind, const qx::Dictionar
                         {"documents", link},
                         {"storage", added.storage}};
   if (!notes->empty()) object["note"] = *notes;
+  const int printed =
+      answer(arguments.json, object,
+             "added " + onOneLine(name) + "; its documents appear at " + onOneLine(link) + "\n" +
+                 (notes->empty() ? "" : onOneLine(*notes) + "\n"));
   const auto runs = waitFor(added, arguments.timeout);
   if (!runs) {
     std::fprintf(stderr, "Note: the documents appear when the account runs. %s\n",
                  onOneLine(runs.error().description()).c_str());
   }
-  const int printed =
-      answer(arguments.json, object,
-             "added " + onOneLine(name) + "; its documents appear at " + onOneLine(link) + "\n" +
-                 (notes->empty() ? "" : onOneLine(*notes) + "\n"));
   // For a person who typed it; a script wants no windows.
   const bool isWatched = !arguments.noOpen && !arguments.json && ::isatty(STDOUT_FILENO) == 1;
   if (runs && isWatched && desktop::isThere()) desktop::showDirectory(link);
