@@ -98,6 +98,23 @@ void lookAtBroker(const Arguments& arguments, Report& report) {
   }
 }
 
+/// Whether nothing is wrong with the unit.
+bool lookAtUnit(ServiceManager manager, const std::string& name, const Unit& unit, Report& report) {
+  const bool isUsers = manager == ServiceManager::user;
+  const std::string command = isUsers ? ": systemctl --user " : ", as root: systemctl ";
+  const bool hasFailed = unit.activeState == "failed";
+  if (hasFailed) {
+    report.wrong(name, "It failed (" + unit.result + "). What it said: journalctl " +
+                           (isUsers ? "--user " : "") + "-u " + name + ". To start it again" +
+                           command + "restart " + name);
+  }
+  const bool isDisabled = unit.fileState == "disabled";
+  if (!isDisabled && !unit.fileState.starts_with("masked")) return !hasFailed;
+  report.note(name, "It is " + unit.fileState + ", so nobody starts it. To have it started" +
+                        command + (isDisabled ? "enable " : "unmask ") + name);
+  return false;
+}
+
 /// The units that come with the packages. What does not run is told of by those who look for the
 /// services; here why, and whether it will after the next start.
 void lookAtUnits(Report& report) {
@@ -115,21 +132,7 @@ void lookAtUnits(Report& report) {
     const auto unit = unitCalled(manager, name);
     if (!unit) continue;
     isThere = true;
-    const bool isUsers = manager == ServiceManager::user;
-    const std::string command = isUsers ? "systemctl --user " : "systemctl ";
-    const std::string asRoot = isUsers ? "" : ", as root";
-    if (unit->activeState == "failed") {
-      isWell = false;
-      report.wrong(name, "It failed (" + unit->result + "). What it said: journalctl " +
-                             (isUsers ? "--user " : "") + "-u " + name + ". To start it again" +
-                             asRoot + ": " + command + "restart " + name);
-    }
-    if (unit->fileState == "disabled" || unit->fileState.starts_with("masked")) {
-      isWell = false;
-      report.note(name, "It is " + unit->fileState + ", so nobody starts it. To have it started" +
-                            asRoot + ": " + command +
-                            (unit->fileState == "disabled" ? "enable " : "unmask ") + name);
-    }
+    isWell = lookAtUnit(manager, name, *unit, report) && isWell;
   }
   if (isThere && isWell) report.good("units", "They are enabled, and none has failed.");
 }
