@@ -459,7 +459,7 @@ class FolderRemote final : public Remote {
   Error away(int errnum) const {
     return remoteError(
         RemoteProblem::unreachable,
-        "The directory " + path_ + " cannot be reached: " + Error::posix(errnum, "").description());
+        Error::posix(errnum, "The directory " + path_ + " cannot be reached").description());
   }
 
   /// Inode, size and time; of the change time nothing, which permissions and names move too.
