@@ -134,13 +134,25 @@ class PlaceholderPowerFailureTest : public testing::TestWithParam<const char*> {
   void check(int call, bool contentFirst) const {
     const auto status = docsource::placeholderStatus(path());
     if (!status) return;  // not there yet
-    if (status->state != PlaceholderState::present) return;
+    if (status->state != PlaceholderState::present) return checkParts(call);
     const auto content = FileManager::readFile(path());
     ASSERT_TRUE(content.ok());
     EXPECT_TRUE(*content == before || *content == after)
         << "before call " << call << (contentFirst ? ", content first" : ", content last") << ": "
         << content->size() << " bytes, " << std::count(content->begin(), content->end(), '\0')
         << " of them zero";
+  }
+
+  /// What the next that fills it may go on with.
+  void checkParts(int call) const {
+    const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
+    const auto writer = Placeholder(file.get()).fill(true);
+    ASSERT_TRUE(writer.ok());
+    const auto content = FileManager::readFile(path());
+    for (const auto& [begin, end] : writer->parts()) {
+      EXPECT_TRUE(content->substr(begin, end - begin) == after.substr(begin, end - begin))
+          << "before call " << call;
+    }
   }
 
   Disk disk_;
@@ -157,6 +169,15 @@ TEST_P(PlaceholderPowerFailureTest, LeavesAPlaceholderOrTheWholeContent) {
   };
   survives([] {}, make);
   survives(make, [&] { fill(after); });
+  survives(make, [&] {
+    constexpr std::size_t first = 100'000;
+    const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
+    auto writer = Placeholder(file.get()).fill();
+    if (writer && writer->write(after.substr(0, first)) && writer->publish({{0, first}}) &&
+        writer->write(after.substr(first))) {
+      (void)writer->finish({after.size(), time});
+    }
+  });
   survives(makePresent, [&] { fill(after); });
   survives(makePresent, [&] {
     const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
