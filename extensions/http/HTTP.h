@@ -65,7 +65,7 @@ class MemoryUpload final : public Upload {
     position_ = 0;
     return true;
   }
-  bool isShort() const override { return text_.size() <= 1024 * 1024; }
+  bool isShort() const override { return text_.size() <= (1U << 20U); }
 
  private:
   const std::string_view text_;

@@ -28,7 +28,7 @@ struct S3Options {
   bool storeTimes = false;
   /// Larger documents are sent in parts of this size, in bytes; one part for each upload under way
   /// is held in memory. Stores want 5 MiB at least.
-  std::uint64_t partSize = 8 * 1024 * 1024;
+  std::uint64_t partSize = std::uint64_t{8} << 20U;
   /// Keys are listed so many at a time, at most a thousand.
   unsigned pageSize = 1000;
 };

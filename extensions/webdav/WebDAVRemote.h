@@ -17,7 +17,7 @@ struct WebDAVOptions {
   http::ConnectionOptions connection;
   /// Larger documents go to a server that takes parts in parts of this size, in bytes; one part for
   /// each upload under way is held in memory. Such servers want 5 MB at least.
-  std::uint64_t partSize = 10 * 1024 * 1024;
+  std::uint64_t partSize = std::uint64_t{10} << 20U;
 };
 
 /// An error when the URL is none that can be used. Nothing is asked before the first operation;
