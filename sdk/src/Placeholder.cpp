@@ -132,7 +132,11 @@ class Lease {
 
   /// 0, or the errno of what stood in the way: EAGAIN when the file is in use.
   int problem() const { return problem_; }
-  /// Whether nobody has come since, not even to wait.
+  /// Lets others open the file to read it. The kernel does so too when it tells platformd of them,
+  /// and where it would have to wait, it refuses them instead. With a descriptor that can write
+  /// this is not possible.
+  void admitReaders() const { ::fcntl(file_, F_SETLEASE, F_RDLCK); }
+  /// Whether nobody has it open, nor has come since to wait.
   bool isAlone() const { return take(); }
 
  private:
@@ -414,8 +418,7 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
   if (state() != PlaceholderState::present) return Eviction::notPresent;
   const bool cooperative = isUnguarded(file_);
   // Nobody may have it open for the lease, this process neither, but for the one descriptor.
-  const bool isOpen = !(::fcntl(file_, F_GETFL) & O_PATH);
-  auto access = Access::open(file_, cooperative || isOpen ? O_RDONLY : O_RDWR);
+  auto access = Access::open(file_, O_RDONLY);
   if (!access) return access.error();
   const int file = access->get();
   struct stat status {};
@@ -439,6 +442,7 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
       if (!ended) return ended.error();
       return isAlone ? Eviction::evicted : Eviction::inUse;
     }
+    lease.admitReaders();
     if (announce) {
       if (auto announced = announce(file_); !announced) return announced.error();
     }
