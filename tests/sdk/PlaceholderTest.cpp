@@ -339,7 +339,7 @@ TEST_P(PlaceholderTest, WhoWaitsToOpenItGetsTheContent) {
   std::thread program;
   // Nothing has been lost by then, and the file is held.
   EXPECT_EQ(evict([&](int) {
-              program = std::thread([&] { seen = read(open(path, O_RDONLY).get()); });
+              program = std::thread([&] { seen = read(open(path, O_RDWR).get()); });
               EXPECT_EQ(::sigwaitinfo(&broken, nullptr), SIGURG);
               return docsource::Result<void>();
             }),
@@ -347,6 +347,15 @@ TEST_P(PlaceholderTest, WhoWaitsToOpenItGetsTheContent) {
   program.join();
   EXPECT_TRUE(seen == content);
   expectPresent(content, 0644);
+  if (std::string_view(GetParam()) == "access") {  // Who only reads need not wait, and is noticed all the same.
+    std::optional<decltype(open(path, O_RDONLY))> reader;
+    EXPECT_EQ(evict([&](int) {
+                reader.emplace(open(path, O_RDONLY));
+                return docsource::Result<void>();
+              }),
+              Eviction::inUse);
+    EXPECT_TRUE(read(reader->get()) == content);
+  }
   EXPECT_EQ(evict(), Eviction::evicted);
 }
 
