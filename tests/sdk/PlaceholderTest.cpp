@@ -347,7 +347,8 @@ TEST_P(PlaceholderTest, WhoWaitsToOpenItGetsTheContent) {
   program.join();
   EXPECT_TRUE(seen == content);
   expectPresent(content, 0644);
-  if (std::string_view(GetParam()) == "access") {  // Who only reads need not wait, and is noticed all the same.
+  if (std::string_view(GetParam()) ==
+      "access") {  // Who only reads need not wait, and is noticed all the same.
     std::optional<decltype(open(path, O_RDONLY))> reader;
     EXPECT_EQ(evict([&](int) {
                 reader.emplace(open(path, O_RDONLY));
