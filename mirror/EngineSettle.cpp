@@ -260,6 +260,13 @@ Engine::Outcome Engine::waitForOthers(ItemNumber number) {
   return Outcome::later;
 }
 
+/// Until what has the place there has gone on, or is removed: not before removals are carried over.
+Engine::Outcome Engine::waitForRoomThere(ItemNumber number) {
+  if (areHeldHere_) return waitForOthers(number);
+  const auto until = goingUntil(Side::here);
+  return waitFor(number, until ? std::max<std::int64_t>(*until - now(), 1) : 1);
+}
+
 /// Notes why something could not be done there, and when it is tried again.
 Engine::Outcome Engine::failed(const Item& item, const Error& error) {
   if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
@@ -350,22 +357,34 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
   if (side == Side::here) return !isBusy(other->number) && setAside(*other);
   const auto from = items_->path(Side::there, other->number);
   if (!from || !items_->path(Side::there, place.parent)) return false;
-  // Its removal has not been carried there yet.
-  if (!other->here && other->agreed) return false;
+  // Its removal has not been carried there yet. A directory that gives way to what was in it waits
+  // for that to go out.
+  if (!other->here && other->agreed) {
+    if (wanting->there && items_->isBelow(Side::there, item.number, other->number)) {
+      moveBeside(lock, *wanting, place);
+    }
+    return false;
+  }
   if (!other->here) {
     // The name belongs to the remote's; ours gives way.
     const auto own = items_->load(item.number);
     if (own && own->here) setAside(*own);
     return false;
   }
-  if (isBusyBelow(Side::there, other->number)) return false;
   // Two that exchange their names.
+  return moveBeside(lock, *other, place);
+}
+
+/// Has the remote give an item that is on both sides a name beside a place, for as long as it is in
+/// the way, or something is in its own.
+bool Engine::moveBeside(Lock& lock, const Item& item, const Place& place) {
+  if (isBusyBelow(Side::there, item.number)) return false;
   for (int attempt = 1; attempt < 10; ++attempt) {
     const std::string name = nameBeside(place.name, conflictText(), attempt);
-    const auto moved = moveThere(lock, *other, {place.parent, name});
+    const auto moved = moveThere(lock, item, {place.parent, name});
     if (!moved && remoteProblemOf(moved.error()) == RemoteProblem::changedMeanwhile) continue;
     if (!moved) return false;
-    change(other->number, [&](Item& now) {
+    change(item.number, [&](Item& now) {
       const bool wasAgreed = now.agreed && now.there && now.agreed->version == now.there->version;
       now.there = nodeThere({place.parent, name}, *moved);
       if (wasAgreed) now.agreed->version = now.there->version;
@@ -373,7 +392,7 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
       if (now.agreed) now.agreed->place = now.there->place;
       now.due = this->now();
     });
-    items_->forgetFact(movingFact(other->number));
+    items_->forgetFact(movingFact(item.number));
     return true;
   }
   return false;
@@ -444,7 +463,7 @@ Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
     transaction.commit();
     return Outcome::again;
   }
-  if (!haveRoom(lock, Side::there, item, here.place)) return waitFor(item.number, 1);
+  if (!haveRoom(lock, Side::there, item, here.place)) return waitForRoomThere(item.number);
   const auto parent = items_->path(Side::there, here.place.parent);
   if (!parent) return waitFor(item.number, firstRetry);
   if (here.kind == Kind::file) {
@@ -1018,7 +1037,7 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
   const Place target = item.here->place;
   if (!haveParent(lock, Side::there, target.parent)) return waitForOthers(item.number);
   if (items_->isBelow(Side::there, target.parent, item.number)) return moveHere(lock, item);
-  if (!haveRoom(lock, Side::there, item, target)) return waitFor(item.number, 1);
+  if (!haveRoom(lock, Side::there, item, target)) return waitForRoomThere(item.number);
   if (isBusyBelow(Side::there, item.number)) return waitFor(item.number, firstRetry);
   const auto current = items_->load(item.number);
   if (!current || !current->here || !current->there || current->here->place != target) {

@@ -93,6 +93,16 @@ TEST_F(EngineTest, CarriesWhatIsDoneHereAndThere) {
   EXPECT_EQ(read(here("new.txt")), "newest");
   EXPECT_TRUE(machine_->engine().evict(here("new.txt")));
   EXPECT_TRUE(isPlaceholder(here("new.txt")));
+  // A directory gives way to what was in it.
+  fs::create_directory(here("way"));
+  write(here("way/in"), "what was in it");
+  settle();
+  fs::rename(here("way/in"), here("kept"));
+  fs::remove(here("way"));
+  fs::rename(here("kept"), here("way"));
+  settle();
+  EXPECT_EQ(names(there_), "new.txt way x x/back x/back/e x/back/e/b.txt x/y ");
+  EXPECT_EQ(read(there("way")), "what was in it");
 }
 
 TEST_F(EngineTest, KeepsAnIdentifierHoweverADocumentIsSavedAndGivesACopyAnother) {
