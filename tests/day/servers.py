@@ -44,6 +44,13 @@ class Server:
             os.kill(server, 9)
         self.end_process()
 
+    def revive(self):
+        """One that ended by itself, as some do when there is no room."""
+        if not any(open(f"/proc/{each}/stat").read().rpartition(")")[2].split()[0] != "Z"
+                   for each in children(self.process.pid)):
+            self.end_process()
+            self.start()
+
     def end_process(self):
         self.process.stdin.close()
         self.process.wait(30)
@@ -158,6 +165,7 @@ class Trouble:
             as_root(self.server.fill)
             self.stop.wait(self.random.uniform(2, 20))
             as_root(self.server.empty)
+            as_root(self.server.revive)
 
     def killed(self):
         self.random.choice(self.worlds).kill("account")
