@@ -1,5 +1,5 @@
-// What the tool asks of a desktop, as freedesktop.org describes it: the File Manager D-Bus
-// Interface and the Desktop Notifications Specification.
+// What the tool asks of a desktop, as freedesktop.org describes it: the interface of file managers
+// and that of notifications.
 
 #include "tools/docsource/Desktop.h"
 
