@@ -77,11 +77,18 @@ void removeLeftRecords() {
 
 Result<SandboxRecord> SandboxRecord::make(FileDescriptor userNamespace,
                                           const std::string& application) {
-  const auto identity = identityOf(userNamespace);
-  const auto parent = identityOf(parentOf(userNamespace));
-  if (!identity || !parent || parent != ownNamespace()) {
-    return posixError(EINVAL, "A sandbox has a user namespace of its own");
+  // The outermost below ours: by now there may be another one within.
+  for (int depth = 0;; ++depth) {
+    auto above = parentOf(userNamespace);
+    const auto parent = identityOf(above);
+    if (!parent || depth == deepest) {
+      return posixError(EINVAL, "A sandbox has a user namespace of its own");
+    }
+    if (parent == ownNamespace()) break;
+    userNamespace = std::move(above);
   }
+  const auto identity = identityOf(userNamespace);
+  if (!identity) return posixError(errno, "The user namespace of a sandbox cannot be looked at");
   const auto directory = Places::sandboxRecords();
   if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) return posixError(errno, directory);
   const FileDescriptor folder(

@@ -22,8 +22,9 @@ namespace qx {
 
 class SandboxRecord {
  public:
-  /// Records a namespace made below this process's one, for as long as this lives, and removes what
-  /// makers that were killed have left. The identifier has no line break.
+  /// Records the outermost namespace around the given one that lies below this process's, for as
+  /// long as this lives, and removes what makers that were killed have left. The identifier has no
+  /// line break.
   static Result<SandboxRecord> make(FileDescriptor userNamespace, const std::string& application);
 
   SandboxRecord(SandboxRecord&&) = default;

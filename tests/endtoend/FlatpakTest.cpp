@@ -65,7 +65,7 @@ class Flatpak : public Broker {
   /// One that Flatpak runs.
   std::vector<std::string> run(const std::string& identifier, const std::string& number) const {
     fs::create_directories(instance(number));
-    std::ofstream(instance(number) + "/.ref");
+    std::ofstream(instance(number) + "/.ref").close();
     const std::string inside = "/run/flatpak/.flatpak/" + number;
     auto words = sandbox(information(identifier, number), "--ro-bind " + instance(number) + " " +
                                                               inside + " --lock-file " + inside +
@@ -159,7 +159,7 @@ TEST_F(Flatpak, IsNobodyWhoCallsItselfOne) {
   const auto note = instance("17") + "/bwrapinfo.json";
   fs::create_directory(instance("23"));
   fs::copy_file(note, instance("23") + "/bwrapinfo.json");
-  std::ofstream(instance("23") + "/.ref");
+  std::ofstream(instance("23") + "/.ref").close();
   fs::rename(note, note + ".away");
   EXPECT_EQ(read(genuine, bookmark), "error DSErrorDomain 3") << "nobody holds its lock";
   fs::rename(note + ".away", note);

@@ -41,7 +41,7 @@ TEST_F(DirectoryWatchTest, TellsEachCompleteChangeOfAnEntry) {
        {elsewhere / "original", elsewhere / "comes", root / "goes", root / "dies"}) {
     writeFile(path);
   }
-  std::ofstream(elsewhere / "empty");
+  std::ofstream(elsewhere / "empty").close();
   auto started = watch(root.path());
   writeFile(root / "file");
   fs::create_directory(root / "directory");
