@@ -75,20 +75,24 @@ void removeLeftRecords() {
 
 }  // namespace
 
-Result<SandboxRecord> SandboxRecord::make(FileDescriptor userNamespace,
-                                          const std::string& application) {
-  // The outermost below ours: by now there may be another one within.
-  for (int depth = 0;; ++depth) {
+FileDescriptor outermostNamespaceAround(FileDescriptor userNamespace) {
+  for (int depth = 0; depth < deepest; ++depth) {
     auto above = parentOf(userNamespace);
     const auto parent = identityOf(above);
-    if (!parent || depth == deepest) {
-      return posixError(EINVAL, "A sandbox has a user namespace of its own");
-    }
-    if (parent == ownNamespace()) break;
+    if (!parent) break;
+    if (parent == ownNamespace()) return userNamespace;
     userNamespace = std::move(above);
   }
+  return FileDescriptor();
+}
+
+Result<SandboxRecord> SandboxRecord::make(FileDescriptor userNamespace,
+                                          const std::string& application) {
   const auto identity = identityOf(userNamespace);
-  if (!identity) return posixError(errno, "The user namespace of a sandbox cannot be looked at");
+  const auto parent = identityOf(parentOf(userNamespace));
+  if (!identity || !parent || parent != ownNamespace()) {
+    return posixError(EINVAL, "A sandbox has a user namespace of its own");
+  }
   const auto directory = Places::sandboxRecords();
   if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) return posixError(errno, directory);
   const FileDescriptor folder(

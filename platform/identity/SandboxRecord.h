@@ -20,11 +20,14 @@
 /// is none of these.
 namespace qx {
 
+/// Of a user namespace, or what it was made in, the one that was made in this process's own; none
+/// where there is no such.
+FileDescriptor outermostNamespaceAround(FileDescriptor userNamespace);
+
 class SandboxRecord {
  public:
-  /// Records the outermost namespace around the given one that lies below this process's, for as
-  /// long as this lives, and removes what makers that were killed have left. The identifier has no
-  /// line break.
+  /// Records a namespace made below this process's one, for as long as this lives, and removes what
+  /// makers that were killed have left. The identifier has no line break.
   static Result<SandboxRecord> make(FileDescriptor userNamespace, const std::string& application);
 
   SandboxRecord(SandboxRecord&&) = default;

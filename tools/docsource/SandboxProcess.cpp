@@ -105,7 +105,9 @@ std::optional<pid_t> firstProcess(const FileDescriptor& information) {
 
 Result<qx::SandboxRecord> record(pid_t first, pid_t bubblewrap, const std::string& application) {
   const auto process = qx::ProcessDirectory::open(first);
-  auto userNamespace = process ? process->openUserNamespace() : FileDescriptor();
+  // It may have made the one within by now.
+  auto userNamespace =
+      process ? qx::outermostNamespaceAround(process->openUserNamespace()) : FileDescriptor();
   // Asked last: until then the number was that of bubblewrap's child.
   const auto state = process ? process->state() : std::nullopt;
   if (!state || state->parent != bubblewrap || !userNamespace) {
