@@ -245,8 +245,11 @@ def check(world, program):
     version = [0]
 
     def whole(before, what):
+        # Refused is who reads while platformd or the account comes back.
+        eventually(lambda: world.here(other) is not None, "it cannot be read")
         now = world.here(other)
-        assert program.is_whole(before, now), f"{what}: {len(now)} bytes {now[:9]!r} of {len(before)} {before[:9]!r}"
+        assert now is not None and program.is_whole(before, now), \
+            f"{what}: {(now or b'')[:9]!r} of {len(before)} bytes {before[:9]!r}"
 
     def replace(name):
         version[0] += 1
