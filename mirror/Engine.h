@@ -204,6 +204,7 @@ class Engine {
   Outcome removeHere(Lock& lock, const Item& noted);
   bool haveParent(Lock& lock, Side side, ItemNumber parent);
   bool haveRoom(Lock& lock, Side side, const Item& item, const Place& place);
+  Outcome waitForClosing(const Item& item);
   Outcome waitForRoomThere(ItemNumber number);
   bool moveBeside(Lock& lock, const Item& item, const Place& place);
   bool setAside(const Item& item);

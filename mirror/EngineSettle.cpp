@@ -260,6 +260,18 @@ Engine::Outcome Engine::waitForOthers(ItemNumber number) {
   return Outcome::later;
 }
 
+/// Somebody has it open: for a moment, as most have, or for longer.
+Engine::Outcome Engine::waitForClosing(const Item& item) {
+  constexpr std::int64_t moment = 20;
+  constexpr std::int64_t mostMoments = 5;
+  if (item.tries < 0 || item.tries >= mostMoments) return waitForOthers(item.number);
+  change(item.number, [&](Item& waiting) {
+    waiting.due = now() + moment;
+    ++waiting.tries;
+  });
+  return Outcome::later;
+}
+
 /// Until what has the place there has gone on, or is removed: not before removals are carried over.
 Engine::Outcome Engine::waitForRoomThere(ItemNumber number) {
   if (areHeldHere_) return waitForOthers(number);
@@ -1202,7 +1214,7 @@ Engine::Outcome Engine::conflict(const Item& item) {
   const bool isContent = item.here->kind == Kind::file && !item.here->isPlaceholder;
   const auto file =
       isContent ? openFile(directory->get(), place.name, O_RDONLY) : qx::FileDescriptor();
-  if (file && Lease(file.get(), F_WRLCK).problem() == EAGAIN) return waitForOthers(item.number);
+  if (file && Lease(file.get(), F_WRLCK).problem() == EAGAIN) return waitForClosing(item);
   Item copy;
   for (int attempt = 1;; ++attempt) {
     const std::string name = nameBeside(place.name, conflictText(), attempt);

@@ -221,6 +221,8 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
       return remotely(inner, [&] { return remote_.write(path, ifVersion, attributes, source); });
     });
     endChange(target);
+    // Whoever settles the item next may ask whether somebody has it open.
+    opened->reset();
     guarded([&] {
       if (!written) {
         lookAgain(Side::here, here.place);
@@ -298,6 +300,8 @@ Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
   return run(lock, [this, transfer, opened, item, here, there, path] {
     FileSource source(opened->get(), here.version, here.size, *transfer);
     const auto own = hashOf(source);
+    // Whoever settles the item next may ask whether somebody has it open.
+    opened->reset();
     transfer->done = 0;
     Lock inner(mutex_);
     const auto other = guarded([&] {

@@ -37,14 +37,9 @@ class Mirrored : public testing::TestWithParam<std::string> {
   }
 
   void sync() {
-    // A document that is found open in that moment waits for the next one.
-    constexpr int most = 5;
-    auto health = mirror_->health();
-    for (int round = 0; round == 0 || (health.waiting != 0 && round < most); ++round) {
-      const auto done = mirror_->sync();
-      EXPECT_TRUE(done) << done.error().text();
-      health = mirror_->health();
-    }
+    const auto done = mirror_->sync();
+    const auto health = mirror_->health();
+    EXPECT_TRUE(done) << done.error().text();
     EXPECT_EQ(health.waiting, 0U) << health.reason.value_or("");
   }
   /// Paths and contents; directories have none.
