@@ -7,10 +7,10 @@
 #include <string_view>
 #include <vector>
 
-#include "acl/IdentifierTable.h"
 #include "acl/ItemIdentifierList.h"
 #include "platform/base/Result.h"
 #include "platform/base/Value.h"
+#include "platform/containers/NameTable.h"
 #include "platform/plist/PropertyList.h"
 
 /// The access-control list in memory, in the layout of its file: a dictionary from provider
@@ -69,12 +69,12 @@ class AccessControlList {
     std::unique_ptr<qx::Value> foreign;
   };
   struct ProviderEntry {
-    IdentifierTable<ConsumerEntry> consumers;
+    qx::NameTable<ConsumerEntry> consumers;
     std::unique_ptr<qx::Value> foreign;
   };
 
   static void write(const ConsumerEntry& entry, qx::PropertyList::Writer& writer);
 
-  IdentifierTable<ProviderEntry> providers_;
+  qx::NameTable<ProviderEntry> providers_;
   std::unique_ptr<qx::Value> foreign_;
 };

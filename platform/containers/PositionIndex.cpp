@@ -1,11 +1,13 @@
 // A keyed hash of short strings: sixteen bytes at a time are mixed with random numbers of this
 // process by one full multiplication, whose halves are folded onto each other.
 
-#include "acl/PositionIndex.h"
+#include "platform/containers/PositionIndex.h"
 
 #include <array>
 #include <cstring>
 #include <random>
+
+namespace qx {
 
 namespace {
 
@@ -34,7 +36,7 @@ const std::array<std::uint64_t, 3> keys = makeKeys();
 
 }  // namespace
 
-std::uint64_t identifierHash(std::string_view text) {
+std::uint64_t hashOf(std::string_view text) {
   const char* from = text.data();
   std::size_t left = text.size();
   std::uint64_t state = keys[0] ^ left;
@@ -57,3 +59,5 @@ std::uint64_t identifierHash(std::string_view text) {
   }
   return fold(fold(first ^ keys[2], last ^ state), keys[1]);
 }
+
+}  // namespace qx

@@ -9,41 +9,45 @@
 #include <utility>
 #include <vector>
 
-#include "acl/PositionIndex.h"
+#include "platform/containers/PositionIndex.h"
 
-/// A table from identifiers to entries: found by hash, gone through in the byte order of the
-/// identifiers. The order is worked out when it is wanted and then kept up, so that neither
-/// reading a file nor adding to a large table sorts anything again.
+namespace qx {
+
+/// A table from names to entries: found by hash, gone through in the byte order of the names. The
+/// order is worked out when it is wanted and then kept up, so that neither reading a file nor
+/// adding to a large table sorts anything again.
 ///
-/// An entry stays where it is until one is erased.
+/// Of our own for the access-control list of a million grants: with the tables of the standard
+/// library and others either a query or the start of the daemon takes longer than it may
+/// (docs/performance.md has the figures).
+///
+/// An entry stays where it is until one is erased. Not safe for concurrent use.
 template <class Entry>
-class IdentifierTable {
+class NameTable {
  public:
   bool isEmpty() const { return nodes_.empty(); }
 
-  const Entry* find(std::string_view identifier) const {
-    const std::size_t position = positionOf(identifier);
+  const Entry* find(std::string_view name) const {
+    const std::size_t position = positionOf(name);
     return position == PositionIndex::npos ? nullptr : &nodes_[position].entry;
   }
-  Entry* find(std::string_view identifier) {
-    return const_cast<Entry*>(std::as_const(*this).find(identifier));
-  }
+  Entry* find(std::string_view name) { return const_cast<Entry*>(std::as_const(*this).find(name)); }
 
-  Entry& findOrAdd(std::string_view identifier) {
-    Entry* entry = find(identifier);
-    return entry ? *entry : add(identifier);
+  Entry& findOrAdd(std::string_view name) {
+    Entry* entry = find(name);
+    return entry ? *entry : add(name);
   }
 
   /// One that is not there.
-  Entry& add(std::string_view identifier) {
-    nodes_.push_back({std::string(identifier), Entry()});
+  Entry& add(std::string_view name) {
+    nodes_.push_back({std::string(name), Entry()});
     indexFrom(index_.isEmpty() ? 0 : nodes_.size() - 1);
     return nodes_.back().entry;
   }
 
   /// Takes time in proportion to the table.
-  void erase(std::string_view identifier) {
-    const std::size_t position = positionOf(identifier);
+  void erase(std::string_view name) {
+    const std::size_t position = positionOf(name);
     if (position == PositionIndex::npos) return;
     sortNewNodes();
     // The last node moves into the gap.
@@ -57,29 +61,28 @@ class IdentifierTable {
     indexFrom(0);
   }
 
-  /// `visit(identifier, entry)` in byte order.
+  /// `visit(name, entry)` in byte order.
   template <class Visit>
   void forEach(Visit&& visit) {
     sortNewNodes();
     for (const std::uint32_t position : order_) {
-      visit(std::as_const(nodes_[position].identifier), nodes_[position].entry);
+      visit(std::as_const(nodes_[position].name), nodes_[position].entry);
     }
   }
 
  private:
   struct Node {
-    std::string identifier;
+    std::string name;
     Entry entry;
   };
 
-  std::size_t positionOf(std::string_view identifier) const {
+  std::size_t positionOf(std::string_view name) const {
     if (!index_.isEmpty()) {
-      return index_.find(identifierHash(identifier), [&](std::size_t position) {
-        return nodes_[position].identifier == identifier;
-      });
+      return index_.find(hashOf(name),
+                         [&](std::size_t position) { return nodes_[position].name == name; });
     }
     for (std::size_t position = 0; position < nodes_.size(); ++position) {
-      if (nodes_[position].identifier == identifier) return position;
+      if (nodes_[position].name == name) return position;
     }
     return PositionIndex::npos;
   }
@@ -87,7 +90,7 @@ class IdentifierTable {
   void indexFrom(std::size_t position) {
     if (nodes_.size() <= PositionIndex::unindexedLength) return;
     for (; position < nodes_.size(); ++position) {
-      index_.add(identifierHash(nodes_[position].identifier), position,
+      index_.add(hashOf(nodes_[position].name), position,
                  [](std::size_t) { return false; });  // The table holds nothing twice.
     }
   }
@@ -97,7 +100,7 @@ class IdentifierTable {
     const std::size_t sorted = order_.size();
     const std::size_t added = nodes_.size() - sorted;
     const auto isBefore = [this](std::uint32_t a, std::uint32_t b) {
-      return nodes_[a].identifier < nodes_[b].identifier;
+      return nodes_[a].name < nodes_[b].name;
     };
     for (std::size_t i = sorted; i < nodes_.size(); ++i) {
       const auto position = static_cast<std::uint32_t>(i);
@@ -115,5 +118,7 @@ class IdentifierTable {
 
   std::deque<Node> nodes_;  // grows without being moved, and without room to spare
   PositionIndex index_;
-  std::vector<std::uint32_t> order_;  // positions by identifier; of all nodes but the newest
+  std::vector<std::uint32_t> order_;  // positions by name; of all nodes but the newest
 };
+
+}  // namespace qx

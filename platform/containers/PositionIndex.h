@@ -7,9 +7,11 @@
 #include <utility>
 #include <vector>
 
-/// A hash of `text` that differs from process to process, so that nobody can choose identifiers
-/// that collide.
-std::uint64_t identifierHash(std::string_view text);
+namespace qx {
+
+/// A hash of `text` that differs from process to process, so that nobody can choose texts that
+/// collide.
+std::uint64_t hashOf(std::string_view text);
 
 /// A hash index of positions in a sequence that somebody else holds: open addressing over slots of
 /// a position and half of the hash, at most three quarters full. It does not know the elements; the
@@ -81,3 +83,5 @@ class PositionIndex {
   std::vector<Slot> slots_;  // a power of two
   std::size_t used_ = 0;
 };
+
+}  // namespace qx
