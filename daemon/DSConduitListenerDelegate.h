@@ -9,13 +9,13 @@
 /// operation. Called on threads of the connection layer; holds the server weakly.
 class DSConduitListenerDelegate final : public QXConduitListenerDelegate {
  public:
-  std::shared_ptr<DSAccessControlStoreOwner> server() const { return server_.lock(); }
+  std::shared_ptr<DSServer> server() const { return server_.lock(); }
   /// Before the listener is resumed.
-  void setServer(const std::shared_ptr<DSAccessControlStoreOwner>& server) { server_ = server; }
+  void setServer(const std::shared_ptr<DSServer>& server) { server_ = server; }
 
   bool listener_shouldAcceptNewConnection(
       QXConduitListener& listener, const std::shared_ptr<QXConduitConnection>& connection) override;
 
  private:
-  std::weak_ptr<DSAccessControlStoreOwner> server_;
+  std::weak_ptr<DSServer> server_;
 };

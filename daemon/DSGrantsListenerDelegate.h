@@ -11,11 +11,11 @@
 class DSGrantsListenerDelegate final : public QXConduitListenerDelegate {
  public:
   /// Before the listener is resumed.
-  void setServer(const std::shared_ptr<DSAccessControlStoreOwner>& server) { server_ = server; }
+  void setServer(const std::shared_ptr<DSServer>& server) { server_ = server; }
 
   bool listener_shouldAcceptNewConnection(
       QXConduitListener& listener, const std::shared_ptr<QXConduitConnection>& connection) override;
 
  private:
-  std::weak_ptr<DSAccessControlStoreOwner> server_;
+  std::weak_ptr<DSServer> server_;
 };

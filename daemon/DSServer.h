@@ -14,8 +14,7 @@
 ///
 /// Owned by the entry point for the life of the process. Holds the access control store weakly; the
 /// store keeps itself alive. Used on the main thread; accessControlStore() on any.
-class DSServer final : public DSAccessControlStoreOwner,
-                       public std::enable_shared_from_this<DSServer> {
+class DSServer final : public std::enable_shared_from_this<DSServer> {
  public:
   /// Null before startCompletion().
   const std::shared_ptr<QXConduitListener>& listener() const { return listener_; }
@@ -23,7 +22,8 @@ class DSServer final : public DSAccessControlStoreOwner,
     return listenerDelegate_;
   }
 
-  std::shared_ptr<DSAccessControlStore> accessControlStore() const override {
+  /// Null when the store is gone.
+  std::shared_ptr<DSAccessControlStore> accessControlStore() const {
     return accessControlStore_.lock();
   }
   /// Before startCompletion().

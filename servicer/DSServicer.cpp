@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "daemon/DSServer.h"
 #include "platform/base/Value.h"
 #include "platform/log/Log.h"
 
@@ -32,6 +33,6 @@ qx::AuditToken DSServicer::clientAuditToken() const {
 }
 
 std::shared_ptr<DSAccessControlStore> DSServicer::accessControlStore() const {
-  const auto owner = server();
-  return owner ? owner->accessControlStore() : nullptr;
+  const auto daemon = server();
+  return daemon ? daemon->accessControlStore() : nullptr;
 }

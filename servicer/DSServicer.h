@@ -12,15 +12,7 @@
 #include "platform/queue/WorkQueue.h"
 
 class DSAccessControlStore;
-
-/// Where a servicer finds the daemon's access control store. What the daemon's server is to its
-/// servicers.
-class DSAccessControlStoreOwner {
- public:
-  virtual ~DSAccessControlStoreOwner() = default;
-  /// Null when the store is gone.
-  virtual std::shared_ptr<DSAccessControlStore> accessControlStore() const = 0;
-};
+class DSServer;
 
 /// What the servicers of the daemon's interfaces share: one connection, the server, the vetting of
 /// the client, and the one way in which an early answer is given.
@@ -29,8 +21,8 @@ class DSAccessControlStoreOwner {
 /// cannot reach any more it treats as having nothing: no entitlement, no grant.
 class DSServicer {
  public:
-  std::shared_ptr<DSAccessControlStoreOwner> server() const { return server_.lock(); }
-  void setServer(const std::shared_ptr<DSAccessControlStoreOwner>& server) { server_ = server; }
+  std::shared_ptr<DSServer> server() const { return server_.lock(); }
+  void setServer(const std::shared_ptr<DSServer>& server) { server_ = server; }
   std::shared_ptr<QXConduitConnection> connection() const { return connection_.lock(); }
   void setConnection(const std::shared_ptr<QXConduitConnection>& connection) {
     connection_ = connection;
@@ -58,7 +50,7 @@ class DSServicer {
   }
 
  private:
-  std::weak_ptr<DSAccessControlStoreOwner> server_;
+  std::weak_ptr<DSServer> server_;
   std::weak_ptr<QXConduitConnection> connection_;
 };
 
