@@ -22,6 +22,8 @@ namespace docsource::mirror {
 namespace {
 
 constexpr std::size_t pieceSize = 1U << 20U;
+/// The platform is asked before each write to a placeholder.
+constexpr std::size_t pieceToWrite = 8U << 20U;
 /// Of so many uploads without an answer the contents are remembered.
 constexpr std::size_t mostSent = 8;
 
@@ -482,7 +484,6 @@ Result<std::string> Engine::fetch(PlaceholderWriter& writer, Transfer& transfer,
     std::uint64_t at = range->begin;
     bool isTurning = false;
     piece.clear();
-    // In large pieces, since the platform looks at each write to a placeholder.
     const auto flush = [&]() -> Result<void> {
       if (piece.empty()) return {};
       if (auto written = writer.writeAt(at, piece); !written) return written;
@@ -505,7 +506,7 @@ Result<std::string> Engine::fetch(PlaceholderWriter& writer, Transfer& transfer,
           if (bytes.size() > range->end - at - piece.size()) return notWholeError();
           piece.append(bytes);
           transfer.done += bytes.size();
-          return piece.size() >= pieceSize ? flush() : Result<void>();
+          return piece.size() >= pieceToWrite ? flush() : Result<void>();
         };
         auto read = remote_.read(path, item.agreed->version, at, range->size(), take);
         return read ? flush() : read;

@@ -53,4 +53,11 @@ bool Claims::isExempt(pid_t process, const std::optional<GuardedTrees::Place>& p
                             claim->source.host->process());
 }
 
+bool Claims::isKnownToBeExempt(pid_t process,
+                               const std::optional<GuardedTrees::Place>& place) const {
+  const Claim* claim = place ? of(*place) : nullptr;
+  return claim && lineage_.isKnownToBelongTo(process, place->owner, claim->source.identifier,
+                                             claim->source.host->process());
+}
+
 }  // namespace qx::kernel

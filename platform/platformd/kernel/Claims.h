@@ -42,6 +42,8 @@ class Claims {
   /// tree that nobody claims any process does that was started as an extension by its owner. Absent
   /// a place, hosts alone are let through.
   bool isExempt(pid_t process, const std::optional<GuardedTrees::Place>& place);
+  /// Whether isExempt() has said so lately of this very process, and would again.
+  bool isKnownToBeExempt(pid_t process, const std::optional<GuardedTrees::Place>& place) const;
 
  private:
   std::map<std::pair<uid_t, std::string>, Claim> claims_;  // by owner and identifier

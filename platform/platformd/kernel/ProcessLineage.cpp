@@ -19,6 +19,7 @@ namespace {
 
 constexpr int deepest = 64;
 constexpr std::size_t mostRemembered = 4096;
+constexpr std::size_t mostWorkers = 16;
 
 struct Kin {
   pid_t parent = 0;
@@ -130,9 +131,28 @@ bool ProcessLineage::remember(const Question& question, std::optional<bool> answ
 bool ProcessLineage::belongsTo(pid_t process, uid_t owner, const std::string& docSource,
                                const AuditToken& daemon) {
   if (daemon.isNobody()) return false;
-  return remember({process, owner, docSource},
-                  daemon.isAlive() ? isOf(process, owner, docSource, daemon.processIdentifier())
-                                   : wasStartedAs(process, owner, docSource));
+  if (isKnownToBelongTo(process, owner, docSource, daemon)) return true;
+  auto directory = ProcessDirectory::open(process);
+  const Question question(process, owner, docSource);
+  const bool belongs = remember(
+      question, daemon.isAlive() ? isOf(process, owner, docSource, daemon.processIdentifier())
+                                 : wasStartedAs(process, owner, docSource));
+  if (!belongs || !directory) return belongs;
+  Worker worker{question, daemon, *std::move(directory)};
+  if (workers_.size() < mostWorkers) {
+    workers_.push_back(std::move(worker));
+  } else {
+    workers_[oldestWorker_++ % mostWorkers] = std::move(worker);
+  }
+  return true;
+}
+
+bool ProcessLineage::isKnownToBelongTo(pid_t process, uid_t owner, const std::string& docSource,
+                                       const AuditToken& daemon) const {
+  return std::any_of(workers_.begin(), workers_.end(), [&](const Worker& worker) {
+    return worker.question == std::tie(process, owner, docSource) && worker.daemon == daemon &&
+           isOwn(worker.process, owner);
+  });
 }
 
 bool ProcessLineage::isSomeExtension(pid_t process, uid_t owner) {

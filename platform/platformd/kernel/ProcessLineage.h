@@ -2,12 +2,15 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "platform/identity/AuditToken.h"
+#include "platform/identity/ProcessDirectory.h"
 
 namespace qx::kernel {
 
@@ -25,6 +28,12 @@ class ProcessLineage {
   bool belongsTo(pid_t process, uid_t owner, const std::string& docSource,
                  const AuditToken& daemon);
 
+  /// Whether belongsTo() has found it to work for the doc source lately, and it is still that very
+  /// process, the owner's and in no sandbox. Costs a small part of what belongsTo() does, which
+  /// goes through all ancestors.
+  bool isKnownToBelongTo(pid_t process, uid_t owner, const std::string& docSource,
+                         const AuditToken& daemon) const;
+
   /// Whether the owner started it as some extension.
   bool isSomeExtension(pid_t process, uid_t owner);
 
@@ -36,7 +45,17 @@ class ProcessLineage {
   using Question = std::tuple<pid_t, uid_t, std::string>;
   bool remember(const Question& question, std::optional<bool> answer);
 
+  /// A process that works for a doc source of this daemon. It cannot become another one's by what
+  /// its ancestors do.
+  struct Worker {
+    Question question;
+    AuditToken daemon;
+    ProcessDirectory process;
+  };
+
   std::map<Question, bool> last_;
+  std::vector<Worker> workers_;  // the most recent ones, in no order
+  std::size_t oldestWorker_ = 0;
 };
 
 }  // namespace qx::kernel
