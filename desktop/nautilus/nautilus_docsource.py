@@ -101,7 +101,7 @@ class DocSourceExtension(GObject.GObject, Nautilus.InfoProvider, Nautilus.Column
         entries = []
         if all(item and item.is_pinned for item in known):
             entries.append(("unpin", "Keep on This Device No Longer",
-                            "The content may be given back when space is needed"))
+                            "The content stays until its space is freed up"))
         else:
             entries.append(("pin", "Keep on This Device",
                             "Brings the content in, and keeps it here from now on"))
@@ -121,17 +121,12 @@ class DocSourceExtension(GObject.GObject, Nautilus.InfoProvider, Nautilus.Column
 
     # What the tool does and tells.
 
-    def run(self, command, paths):
-        """A command, whose failure is told as a notification."""
-        def ended(process, result):
-            _, _, problem = process.communicate_utf8_finish(result)
-            if not process.get_successful():
-                notification = Gio.Notification.new("DocSource")
-                notification.set_body(problem.strip())
-                Gio.Application.get_default().send_notification(None, notification)
-        process = Gio.Subprocess.new([TOOL, command, *paths], Gio.SubprocessFlags.STDERR_PIPE |
-                                     Gio.SubprocessFlags.STDOUT_SILENCE)
-        process.communicate_utf8_async(None, None, ended)
+    @staticmethod
+    def run(command, paths):
+        """A command, which tells the desktop itself when it fails."""
+        process = Gio.Subprocess.new([TOOL, command, "--notify", *paths],
+                                     Gio.SubprocessFlags.STDERR_SILENCE | Gio.SubprocessFlags.STDOUT_SILENCE)
+        process.wait_async(None, None)  # so that nothing of it is left
 
     def ask(self):
         """The status of everything that was asked for meanwhile."""

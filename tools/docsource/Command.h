@@ -54,7 +54,7 @@ struct Arguments {
   std::string take;
   /// Nothing is shown in the file manager.
   bool noOpen = false;
-  /// The desktop is told, instead of standard output; of what fails after so long.
+  /// The desktop is told of what happens or could not be done; of what fails after so long.
   bool notify = false;
   std::chrono::milliseconds patience = std::chrono::minutes(10);
   /// Of an account to be added, as its process will find them (extensions/account/Settings.h).
@@ -90,6 +90,17 @@ struct CommandName {
 const char* descriptionOfGroup(const std::string& group);
 /// All of them, in the order of the table.
 std::vector<CommandName> commandNames();
+struct OptionName {
+  /// Of the table; empty for one that stands before the command.
+  std::string command;
+  /// With its two dashes.
+  std::string name;
+  /// What its value is; empty where it takes none.
+  std::string value;
+  std::string description;
+};
+/// Those of all commands, and those that stand before the command.
+std::vector<OptionName> optionNames();
 
 /// What could stand where the last of the words stands, one candidate to a line, with a tab and a
 /// description behind it; the word "/files" stands for the names of files, "/directories" for those

@@ -1,6 +1,6 @@
 // What the shells' completion scripts ask: `docsource --complete WORD…`, the words that stand
-// behind the program's name up to the one that is being typed. It knows the commands from their own
-// table, and identifiers, accounts and documents from where they are.
+// behind the program's name up to the one that is being typed. It knows the commands and their
+// options from their own table, and identifiers, accounts and documents from where they are.
 
 #include <algorithm>
 #include <set>
@@ -47,20 +47,28 @@ void offerCommands(const std::string& group) {
   }
 }
 
+/// The option of that name that takes a value, of whatever command.
+const OptionName* valueOption(const std::vector<OptionName>& options, const std::string& name) {
+  const auto found = std::find_if(options.begin(), options.end(), [&](const OptionName& option) {
+    return option.name == name && !option.value.empty();
+  });
+  return found == options.end() ? nullptr : &*found;
+}
+
 /// The command that the words begin with, options left out, and how many words come after it.
 struct Typed {
   std::optional<CommandName> command;
   std::string group;
   std::size_t arguments = 0;
 };
-Typed typed(const Words& words) {
+Typed typed(const Words& words, const std::vector<OptionName>& options) {
   Words plain;
   for (std::size_t i = 0; i + 1 < words.size(); ++i) {
     const auto& word = words[i];
-    if (word == "--timeout" || word == "--provider" || word == "--consumer" || word == "--take") {
-      ++i;
-    } else if (!word.starts_with('-')) {
+    if (!word.starts_with('-')) {
       plain.push_back(word);
+    } else if (valueOption(options, word)) {
+      ++i;
     }
   }
   for (const auto& command : commandNames()) {
@@ -74,31 +82,18 @@ Typed typed(const Words& words) {
   return {std::nullopt, plain.empty() ? "" : plain[0], 0};
 }
 
-void offerOptions(const std::optional<CommandName>& command) {
-  offer("--json", "Print one JSON object");
-  offer("--timeout", "How long to wait for an answer, in seconds");
-  offer("--help", "Say what it does");
-  if (!command) return offer("--version", "Say which version this is");
-  const std::string_view name = command->name;
-  if (name == "status") offer("--recursive", "Of everything below a directory");
-  if (name == "status") offer("--directory", "Of directories themselves");
-  if (name == "watch") offer("--notify", "Notify the desktop, instead of printing");
-  if (name.starts_with("add ")) offer("--no-open", "Show nothing in the file manager");
-  if (name == "remove") offer("--discard", "Even what exists nowhere else");
-  if (name == "install") offer("--yes", "Give an application what it wants");
-  if (name == "sync") offer("--confirm-deletions", "Delete what is gone on the other side");
-  if (name == "conflicts") offer("--take", "The version that is to be the document");
-  const bool isItemRequest = name == "placeholder" || name == "start" || name == "stop" ||
-                             name == "extend-sandbox" || name == "revoke";
-  if (isItemRequest) offer("--provider", "The provider's bundle identifier");
-  if (isItemRequest || name == "extend-bookmark") {
-    offer("--consumer", "The consumer's bundle identifier");
-  }
+/// What can stand for the value of an option.
+void offerValues(const OptionName& option) {
+  if (option.name == "--provider") return offerIdentifiers(qx::BundleKind::extension);
+  if (option.name == "--consumer") return offerIdentifiers(qx::BundleKind::application);
+  if (option.value.starts_with("PATH") || option.value == "FILE") offer("/files");
 }
 
 void offerArguments(const CommandName& command, std::size_t before) {
   const std::string_view name = command.name, subject = command.subject ? command.subject : "";
-  if (name == "run" && before == 0) return offerIdentifiers(qx::BundleKind::application);
+  if (name == "run") {
+    return before == 0 ? offerIdentifiers(qx::BundleKind::application) : offer("/files");
+  }
   if (name == "uninstall" && before == 0) {
     offerIdentifiers(qx::BundleKind::application, false);
     return offerIdentifiers(qx::BundleKind::extension, false);
@@ -117,17 +112,15 @@ void offerArguments(const CommandName& command, std::size_t before) {
 int complete(const std::vector<std::string>& words) {
   const auto before = words.size() > 1 ? words[words.size() - 2] : "";
   const auto current = words.empty() ? "" : words.back();
-  const auto known = typed(words);
-  if (before == "--provider") {
-    offerIdentifiers(qx::BundleKind::extension);
-  } else if (before == "--consumer") {
-    offerIdentifiers(qx::BundleKind::application);
-  } else if (before == "--take") {
-    offer("/files");
-  } else if (before == "--timeout") {
-    return success;
+  const auto options = optionNames();
+  const auto known = typed(words, options);
+  if (const auto* given = valueOption(options, before)) {
+    offerValues(*given);
   } else if (current.starts_with('-')) {
-    offerOptions(known.command);
+    const std::string command = known.command ? known.command->name : "";
+    for (const auto& option : options) {
+      if (option.command == command) offer(option.name, option.description);
+    }
   } else if (known.command) {
     offerArguments(*known.command, known.arguments);
   } else {

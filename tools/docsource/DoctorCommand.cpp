@@ -9,18 +9,25 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
+#include "docsource/placeholder.h"
 #include "platform/coordination/CoordinationState.h"
 #include "platform/device/KeyState.h"
 #include "platform/files/FileManager.h"
+#include "platform/files/InodeMark.h"
 #include "platform/files/Places.h"
 #include "tools/docsource/Accounts.h"
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
+#include "tools/docsource/Location.h"
 #include "tools/docsource/Output.h"
 #include "tools/docsource/Units.h"
 
@@ -31,6 +38,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* coordinationService = "com.veltro.FileCoordination";
 constexpr const char* brokerService = "com.veltro.DocSource";
+constexpr const char* markAttribute = "user.docsource.placeholder";
 
 /// What was found, for a person.
 class Report {
@@ -259,17 +267,136 @@ void lookAtAccounts(const Arguments& arguments, Report& report) {
   }
 }
 
-void lookAtSandbox(Report& report) {
-  std::error_code failed;
-  const char* path = std::getenv("PATH");
-  std::string rest = path ? path : "/usr/bin:/bin";
-  bool isThere = false;
-  while (!rest.empty() && !isThere) {
-    const auto end = std::min(rest.find(':'), rest.size());
-    isThere = ::access((rest.substr(0, end) + "/bwrap").c_str(), X_OK) == 0;
-    rest.erase(0, std::min(end + 1, rest.size()));
+/// Some of the documents of which the same is to be said.
+class Named {
+ public:
+  void add(std::string path) {
+    if (++count_ <= named) paths_ += (paths_.empty() ? "" : ", ") + std::move(path);
   }
-  if (!isThere) {
+  bool isEmpty() const { return count_ == 0; }
+  std::string text() const {
+    return paths_ + (count_ > named ? " and " + std::to_string(count_ - named) + " more" : "");
+  }
+
+ private:
+  static constexpr std::size_t named = 3;
+  std::string paths_;
+  std::size_t count_ = 0;
+};
+
+/// Whether it has the form of a mark (docsource/placeholder.h).
+bool isMark(std::string_view mark) {
+  const auto isNumber = [](std::string_view word) {
+    return !word.empty() && std::all_of(word.begin(), word.end(),
+                                        [](unsigned char c) { return std::isdigit(c) != 0; });
+  };
+  std::vector<std::string_view> words;
+  for (std::size_t begin = 0; begin <= mark.size();) {
+    const auto end = std::min(mark.find(' ', begin), mark.size());
+    words.push_back(mark.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  if (words.front() == "placeholder") return true;
+  return words.front() == "providing" && words.size() >= 3 && isNumber(words[1]) &&
+         isNumber(words[2]);
+}
+
+/// The marks of placeholders below the directories of documents.
+class Marks {
+ public:
+  void lookAt(const std::string& directory) {
+    std::error_code failed;
+    fs::recursive_directory_iterator entry(directory, fs::directory_options::skip_permission_denied,
+                                           failed);
+    for (const fs::recursive_directory_iterator end; !failed && entry != end;
+         entry.increment(failed)) {
+      if (!fs::is_regular_file(entry->symlink_status(failed))) continue;
+      if (entry->path().filename().string().starts_with(docsource::Placeholder::sideName)) continue;
+      lookAtFile(entry->path());
+    }
+  }
+
+  void tell(Report& report) const {
+    const std::string remedy =
+        " For a document of an account: docsource evict, and then docsource get.";
+    if (!damaged_.isEmpty()) {
+      report.wrong("marks", "That of " + damaged_.text() +
+                                " is not what a placeholder is marked with, so its content may "
+                                "not be brought in." +
+                                remedy);
+    }
+    if (!copied_.isEmpty()) {
+      report.wrong("marks", "That of " + copied_.text() +
+                                " was copied from another file, and there are holes in this one: "
+                                "programs may read zeros." +
+                                remedy);
+    }
+    if (!unmarked_.isEmpty()) {
+      report.note("marks", "There is none on " + unmarked_.text() +
+                               ", of which nothing was ever written: programs read zeros. If "
+                               "that is not what it holds where it comes from:" +
+                               remedy.substr(remedy.find(':') + 1));
+    }
+    if (damaged_.isEmpty() && copied_.isEmpty() && unmarked_.isEmpty()) {
+      report.good("marks", std::to_string(placeholders_) + " documents are placeholders, of " +
+                               std::to_string(files_) + ", and marked as they should be.");
+    }
+  }
+
+ private:
+  void lookAtFile(const std::string& path) {
+    struct stat status {};
+    std::array<char, 1024> value{};
+    if (::lstat(path.c_str(), &status) != 0) return;
+    ++files_;
+    const auto size = ::lgetxattr(path.c_str(), markAttribute, value.data(), value.size());
+    const int problem = size < 0 ? errno : 0;
+    const auto inode = qx::inodeNameOf(AT_FDCWD, path);
+    if (!inode) return;  // it has gone meanwhile
+    const bool hasHoles = status.st_blocks * 512 < status.st_size;
+    if (problem == ENODATA) {
+      if (status.st_size > 0 && status.st_blocks == 0) unmarked_.add(path);
+    } else if (problem == ERANGE) {
+      damaged_.add(path);
+    } else if (problem != 0) {
+      placeholders_ += problem == EACCES ? 1 : 0;  // its owner cannot read it, as nobody can
+    } else {
+      const std::string_view mark(value.data(), static_cast<std::size_t>(size));
+      const auto marked = qx::markedInode(mark, *inode);
+      if (!isMark(mark)) {
+        damaged_.add(path);
+      } else if (marked != qx::MarkedInode::other) {
+        ++placeholders_;
+      } else if (hasHoles) {
+        copied_.add(path);
+      }
+    }
+  }
+
+  Named damaged_, copied_, unmarked_;
+  std::size_t files_ = 0, placeholders_ = 0;
+};
+
+void lookAtMarks(const Arguments& arguments, Report& report) {
+  std::set<fs::path> directories;
+  const auto add = [&](const std::string& directory) {
+    std::error_code failed;
+    auto whole = fs::canonical(directory, failed);
+    if (!failed) directories.insert(std::move(whole));
+  };
+  for (const auto& account : installedAccounts()) add(account.storage);
+  const auto listing = docsource::Client(arguments.timeout).providers();
+  for (const auto& provider : listing ? *listing : std::vector<docsource::ProviderInfo>()) {
+    const auto& url = provider.documentStorageURL;
+    if (const auto path = url ? docsource::pathOfURL(*url) : std::nullopt) add(*path);
+  }
+  Marks marks;
+  for (const auto& directory : directories) marks.lookAt(directory);
+  if (!directories.empty()) marks.tell(report);
+}
+
+void lookAtSandbox(Report& report) {
+  if (!programCalled("bwrap")) {
     return report.note("sandbox",
                        "docsource run takes bubblewrap (bwrap), which is not installed.");
   }
@@ -294,6 +421,7 @@ int doctor(const Arguments& arguments) {
   lookAtFileSystem(report);
   lookAtBundles(report);
   lookAtAccounts(arguments, report);
+  lookAtMarks(arguments, report);
   lookAtSandbox(report);
   return report.print(arguments);
 }

@@ -15,6 +15,7 @@
 #include "platform/files/FileManager.h"
 #include "tools/docsource/Accounts.h"
 #include "tools/docsource/Command.h"
+#include "tools/docsource/Desktop.h"
 #include "tools/docsource/Interruption.h"
 #include "tools/docsource/Location.h"
 #include "tools/docsource/Output.h"
@@ -51,13 +52,18 @@ class Outcome {
     const bool isGivenUp = error.is(docsource::posixErrorDomain, EINTR);
     const int status = isGivenUp ? interrupted : fail(arguments_, error);
     worst_ = std::max(worst_, status);
+    if (!isGivenUp) sentences_ += inFamiliarWords(error.description()) + "\n";
   }
   bool hasFailed() const { return worst_ != success; }
-  int end(int printed) const { return worst_ == success ? printed : worst_; }
+  int end(int printed) const {
+    if (arguments_.notify && !sentences_.empty()) desktop::notify("DocSource", sentences_);
+    return worst_ == success ? printed : worst_;
+  }
 
  private:
   const Arguments& arguments_;
   int worst_ = success;
+  std::string sentences_;
 };
 
 /// The path and, for a directory, what is in it: right in it, or below it as well. Hidden files

@@ -215,6 +215,10 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
             "How long something fails before the desktop is told; 600 unless given")
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber);
+  } else if (command.run == get || command.run == evict || command.run == pin ||
+             command.run == unpin) {
+    entry.add_flag("--notify", arguments.notify,
+                   "Notify the desktop, too, of what could not be done");
   } else if (command.run == removeAccount) {
     entry.add_flag("--discard", arguments.discard, "Even what exists nowhere else");
   } else if (command.run == sync) {
@@ -263,6 +267,13 @@ void addCommonOptions(CLI::App& app, Arguments& arguments) {
          "How long to wait for an answer; 30 unless given")
       ->type_name("SECONDS")
       ->check(checkTimeout);
+}
+
+/// That of a command which was added before.
+const CLI::App* subcommandCalled(const std::string& name, const CLI::App& app) {
+  const auto space = name.find(' ');
+  const auto* first = app.get_subcommand(name.substr(0, space));
+  return space == std::string::npos ? first : first->get_subcommand(name.substr(space + 1));
 }
 
 void add(CLI::App& app, const Command& command, Arguments& arguments, const Command*& chosen) {
@@ -331,6 +342,18 @@ int cutArguments(int argc, const char* const* argv, Arguments& arguments) {
   return static_cast<int>(mark - argv);
 }
 
+/// All that a command line can be. `arguments` and `chosen` are filled in when one is parsed.
+void describe(CLI::App& app, Arguments& arguments, const Command*& chosen) {
+  app.require_subcommand(1);
+  app.set_version_flag("--version", "docsource " DOCSOURCE_VERSION, "Say which version this is");
+  addCommonOptions(app, arguments);
+  app.footer(
+      "A URL may be a plain path. The exit status is 0; 1 when the operation answered with an "
+      "error or not in time; 2 for a wrong command line; 3 when the service cannot be reached. "
+      "That of a program that is run is passed on.");
+  for (const auto& command : commands) add(app, command, arguments, chosen);
+}
+
 int interpret(int argc, const char* const* argv) {
   if (argc > 1 && argv[1] == std::string_view("--complete")) {
     return complete({argv + 2, argv + argc});
@@ -347,14 +370,7 @@ int interpret(int argc, const char* const* argv) {
   arguments.timeout = std::chrono::seconds(30);
   const Command* chosen = nullptr;
   CLI::App app("Client of the document broker, and the tool to administer it.", "docsource");
-  app.require_subcommand(1);
-  app.set_version_flag("--version", "docsource " DOCSOURCE_VERSION);
-  addCommonOptions(app, arguments);
-  app.footer(
-      "A URL may be a plain path. The exit status is 0; 1 when the operation answered with an "
-      "error or not in time; 2 for a wrong command line; 3 when the service cannot be reached. "
-      "That of a program that is run is passed on.");
-  for (const auto& command : commands) add(app, command, arguments, chosen);
+  describe(app, arguments, chosen);
   if (argc == 1) {
     std::fputs(app.help().c_str(), stderr);
     return wrongUsage;
@@ -386,6 +402,25 @@ const char* descriptionOfGroup(const std::string& group) {
 std::vector<CommandName> commandNames() {
   std::vector<CommandName> names;
   for (const auto& each : commands) names.push_back({each.name, each.subject, each.description});
+  return names;
+}
+
+std::vector<OptionName> optionNames() {
+  Arguments arguments;
+  const Command* chosen = nullptr;
+  CLI::App app;
+  describe(app, arguments, chosen);
+  std::vector<OptionName> names;
+  const auto take = [&](const std::string& command, const CLI::App& entry) {
+    for (const CLI::Option* option : entry.get_options()) {
+      if (option->get_lnames().empty()) continue;
+      const bool takesValue = option->get_items_expected_max() > 0;
+      names.push_back({command, "--" + option->get_lnames().front(),
+                       takesValue ? option->get_type_name() : "", option->get_description()});
+    }
+  };
+  take("", app);
+  for (const auto& command : commands) take(command.name, *subcommandCalled(command.name, app));
   return names;
 }
 
