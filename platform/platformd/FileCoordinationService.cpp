@@ -18,6 +18,7 @@
 #include "platform/platformd/ServicePeer.h"
 #include "platform/platformd/kernel/Beneath.h"
 #include "platform/platformd/kernel/CooperativeGuard.h"
+#include "platform/platformd/kernel/Placeholder.h"
 #include "platform/sandbox/Sandbox.h"
 
 namespace {
@@ -184,9 +185,13 @@ class FileCoordinationClient final : public QXFileCoordination,
       const auto held = std::make_shared<UserAccount::Charge>(std::move(charge));
       self->registry_->provide(
           *url, self->identifier(),
-          [completion, held](const std::optional<qx::Error>& error) {
-            completion(error);
-            *held = {};
+          [=](const std::optional<qx::Error>& error) {
+            self->peer_->goOn([=] {
+              // Whatever its provider says: what is read of a placeholder is not the document.
+              const bool isMissing = !error && self->isPlaceholder(*path);
+              completion(isMissing ? qx::fileError(EIO, url) : error);
+              *held = {};
+            });
           },
           self->rights());
     });
@@ -278,6 +283,16 @@ class FileCoordinationClient final : public QXFileCoordination,
     // Its placeholders could not be guarded: whoever opened one would wait for that program.
     if (qx::kernel::isServedByProgram(directory.get())) return qx::fileError(EOPNOTSUPP, url);
     return qx::URL::fileURL(path, true);
+  }
+
+  /// Whether a path leads to a placeholder, as the peer sees it.
+  bool isPlaceholder(const std::string& path) const {
+    const auto open = [&] { return qx::FileDescriptor(::open(path.c_str(), O_PATH | O_CLOEXEC)); };
+    const auto opened = rights() ? peer_->asUser(open) : std::optional(open());
+    struct stat status;
+    return opened && *opened && fstat(opened->get(), &status) == 0 &&
+           (qx::kernel::Placeholder::isOne(opened->get(), status) ||
+            qx::kernel::isHiddenPlaceholder(opened->get(), status));
   }
 
   /// The rights with which the owner of an item is looked up; absent for this process's own, which

@@ -29,6 +29,8 @@ class ServicePeer : public std::enable_shared_from_this<ServicePeer> {
   /// a charge for the call that it carries out, and holds it until that is answered. False, and
   /// nothing is run, where the user has too many calls under way.
   bool run(std::function<void(UserAccount::Charge charge)> task);
+  /// The same for what is left to do of a call that has its charge.
+  void goOn(std::function<void()> task) { account_->run(lane_, std::move(task)); }
 
   /// Runs `work` as the peer's user and returns what it returned: for file operations, and for
   /// nothing else, as a thread that is started meanwhile would be that user's for good. EPERM,

@@ -1,5 +1,7 @@
 #include "platform/platformd/FileCoordinationService.h"
 
+#include <sys/xattr.h>
+
 #include <array>
 #include <map>
 #include <vector>
@@ -93,6 +95,27 @@ TEST_F(FileCoordinationServiceTest, ReadersOfOneFileShareOneProvide) {
   EXPECT_FALSE(second.hasInput());
   provider.close();
   EXPECT_EQ(second.end(again), lost);
+}
+
+TEST_F(FileCoordinationServiceTest, WhatIsAPlaceholderStillWasNotRead) {
+  Client provider, reader;
+  ASSERT_EQ(provider.add("source", directory), success);
+  const std::string path = items / "placeholder", mark = "placeholder";
+  std::ofstream(path).close();
+  std::filesystem::resize_file(path, 1 << 20);
+  ASSERT_EQ(setxattr(path.c_str(), "user.docsource.placeholder", mark.data(), mark.size(), 0), 0);
+  // As where readers are kept waiting, and as where nobody can.
+  for (const auto mode : {0644, 0}) {
+    std::filesystem::permissions(path, std::filesystem::perms(mode));
+    const auto read = reader.beginRead(path);
+    provider.provideNext();
+    EXPECT_EQ(reader.end(read), "QXStandardErrorDomain 256 (QXPOSIXErrorDomain 5)");
+  }
+  std::filesystem::permissions(path, std::filesystem::perms(0644));
+  ASSERT_EQ(removexattr(path.c_str(), "user.docsource.placeholder"), 0);
+  const auto read = reader.beginRead(path);
+  provider.provideNext();
+  EXPECT_EQ(reader.end(read), success);
 }
 
 TEST_F(FileCoordinationServiceTest, AProviderThatDoesNotAnswerLeavesRoomForOthers) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,6 +30,9 @@ constexpr mode_t permissions = 07777;
 constexpr std::uint32_t ofEntries =
     IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB | IN_MODIFY;
 constexpr off_t blockUnit = 512;
+constexpr const char* markName = "user.docsource.placeholder";
+/// That the kernel gives of a file (XATTR_LIST_MAX).
+constexpr std::size_t mostNames = 65536;
 
 }  // namespace
 
@@ -36,6 +40,15 @@ bool isHiddenFile(const std::string& path, uid_t user) {
   struct stat status;
   return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == user &&
          (status.st_mode & permissions) == 0;
+}
+
+bool isHiddenPlaceholder(int file, const struct stat& status) {
+  if (!S_ISREG(status.st_mode) || (status.st_mode & permissions) != 0) return false;
+  std::string names(mostNames, '\0');
+  const ssize_t size = listxattr(procPath(file).c_str(), names.data(), names.size());
+  // Each name ends with a zero byte.
+  return size > 0 && ('\0' + names.substr(0, static_cast<std::size_t>(size)))
+                             .find('\0' + std::string(markName) + '\0') != std::string::npos;
 }
 
 class CooperativeGuard::Input final : public ReactorHandler {

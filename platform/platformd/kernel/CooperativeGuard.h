@@ -19,6 +19,9 @@ namespace qx::kernel {
 /// Whether the path leads to a file of that user without any permissions, as a placeholder is where
 /// nobody can keep its readers waiting: who may give them back to himself may have it provided.
 bool isHiddenFile(const std::string& path, uid_t user);
+/// Whether a file (O_PATH will do) without permissions has the mark of a placeholder. What the mark
+/// says only those can read then who pass over permissions.
+bool isHiddenPlaceholder(int file, const struct stat& status);
 
 /// Where the kernel asks nobody (without CAP_SYS_ADMIN), a placeholder has no permissions while it
 /// is one, so that a program gets EACCES and never zeros. Providers see to that; this one is the
