@@ -33,7 +33,7 @@ bool isBeingFilled(std::string_view mark) {
   if (second.ec != std::errc() || !isWhole || process <= 0) return false;
   const auto directory = ProcessDirectory::open(process);
   const auto state = directory ? directory->state() : std::nullopt;
-  return state && state->startTime == startTime && directory->isRunning();
+  return state && state->startTime == startTime && state->isRunning();
 }
 
 std::optional<ByteRanges> partsThere(std::string_view mark) {

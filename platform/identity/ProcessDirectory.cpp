@@ -95,7 +95,7 @@ std::optional<ProcessDirectory::State> ProcessDirectory::state() const {
 
 bool ProcessDirectory::isRunning() const {
   auto now = state();
-  return now && now->letter != 'Z' && now->letter != 'X';
+  return now && now->isRunning();
 }
 
 std::optional<ProcessDirectory::Credentials> ProcessDirectory::credentials() const {

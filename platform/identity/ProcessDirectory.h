@@ -30,6 +30,7 @@ class ProcessDirectory {
     char letter = 0;
     pid_t parent = 0;
     std::uint64_t startTime = 0;
+    bool isRunning() const { return letter != 'Z' && letter != 'X'; }
   };
 
   /// User and group numbers as they are seen from here.
