@@ -1,7 +1,10 @@
 #include "platform/files/Places.h"
 
+#include <fcntl.h>
+#include <linux/openat2.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,10 +13,14 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/FileDescriptor.h"
 #include "platform/files/FileManager.h"
 
 namespace qx::Places {
 namespace {
+
+constexpr mode_t ownersPermissions = 0700;
+constexpr mode_t othersPermissions = 0077;
 
 /// A variable that is set to something.
 std::optional<std::string> environment(const char* name) {
@@ -107,9 +114,29 @@ int make(const std::string& path) {
   return error ? numberOf(*error) : 0;
 }
 
-/// The mode is the directory's own, whatever the umask; one that is there is left alone.
+/// Of a directory that is there: it has to be this user's, and what others may do in it beyond the
+/// mode is taken off. Root, in whose way others can put links, does that where no link is, and uses
+/// what belongs to others as it is.
+int restrict(const std::string& path, mode_t mode) {
+  const bool isRoot = ::geteuid() == 0;
+  open_how how{O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0, isRoot ? RESOLVE_NO_SYMLINKS : 0ULL};
+  const FileDescriptor directory(
+      static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
+  struct stat status;
+  if (!directory || ::fstat(directory.get(), &status) != 0) return isRoot ? 0 : errno;
+  if (status.st_uid != ::geteuid()) return isRoot ? 0 : EPERM;
+  if ((status.st_mode & othersPermissions & ~mode) == 0) return 0;
+  const bool isDone = ::fchmod(directory.get(), status.st_mode & (ownersPermissions | mode)) == 0;
+  // In a sandbox it is one that nobody can change.
+  return isDone || errno == EROFS ? 0 : errno;
+}
+
+/// The mode is the directory's own, whatever the umask.
 int makeWithMode(const std::string& path, mode_t mode) {
-  if (FileManager::fileExists(path)) return make(path);
+  if (FileManager::fileExists(path)) {
+    const int failed = make(path);
+    return failed != 0 ? failed : restrict(path, mode);
+  }
   if (const int failed = make(std::filesystem::path(path).parent_path().string())) return failed;
   if (::mkdir(path.c_str(), 0700) != 0) return errno == EEXIST ? make(path) : errno;
   return ::chmod(path.c_str(), mode) == 0 ? 0 : errno;

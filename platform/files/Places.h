@@ -86,7 +86,7 @@ const std::string& flatpakInstances();  // $XDG_RUNTIME_DIR/.flatpak
 
 /// Makes the user's root and runtime directory with all that the daemon expects in them
 /// (Applications, Extensions, Containers/Group, Home, notify, sandbox) where they are missing, the
-/// runtime directory with mode 0700. Returns the errno of the first failure, or 0.
+/// runtime directory with mode 0700 in any case. Returns the errno of the first failure, or 0.
 int prepare();
 /// The same of the runtime directory, in a root with nothing in it where there is none: what a
 /// platformd needs that serves one user.

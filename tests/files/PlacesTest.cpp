@@ -48,6 +48,14 @@ TEST(PlacesTest, TheMachineIsWhatTheVariableSays) {
               (std::vector{directory / "lib",
                            (program.parent_path().parent_path() / "lib/docsource").string()}));
     EXPECT_EQ(Places::notifications(), directory / "user/run/notify");
+    // What is there already is closed to others.
+    for (const char* path : {"run", "state", "user/run"}) {
+      std::filesystem::create_directories(directory / path);
+      std::filesystem::permissions(directory / path, std::filesystem::perms(0777));
+    }
+    EXPECT_EQ(Places::prepareRuntime(), 0);
+    EXPECT_EQ(std::filesystem::status(directory / "user/run").permissions(),
+              std::filesystem::perms(0700));
     EXPECT_EQ(Places::prepareMachine(), 0);
     EXPECT_EQ(Places::notifications(), directory / "run/notify");
     EXPECT_EQ(Places::keyState(), directory / "run/key-state");
