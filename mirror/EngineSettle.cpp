@@ -323,10 +323,12 @@ bool Engine::haveParent(Lock& lock, Side side, ItemNumber parent) {
     if (item->here && item->there && item->here->place != item->there->place) settle(lock, parent);
     return has(items_->load(parent));
   }
-  if (item->agreed) {
-    change(parent, [](Item& revived) { revived.agreed.reset(); });
-    item->agreed.reset();
+  if (item->agreed && side == Side::there && askAgain(lock, *item)) {
+    return has(items_->load(parent));
   }
+  if (item->agreed) change(parent, [](Item& revived) { revived.agreed.reset(); });
+  item = items_->load(parent);
+  if (!item || has(item)) return item.has_value();
   if (side == Side::here) {
     newThere(lock, *item);
   } else {
