@@ -225,7 +225,9 @@ Result<bool> Session::authorise(const Answer& answer, const Request& request, lo
   };
   const auto host = shown(request.url);
   if (answer.status == 407) return refused("The proxy before " + host + " wants a password.");
-  if (!options_.secret) return refused(host + " wants to know who asks.");
+  if (!options_.secret)
+    return refused(host +
+                   " wants a user and a password (--user, --password-command or --password-file).");
   const bool isSecure = request.url.starts_with("https:");
   const long scheme = schemeIn(answer, isSecure);
   if (scheme == 0) return refused(host + " wants a way to log in that is not known here.");

@@ -1256,8 +1256,8 @@ Result<Credentials> credentialsFromEnvironment() {
   if (!lines[0].empty()) return credentialsFrom(lines);
   return remoteError(
       RemoteProblem::notAuthorised,
-      "There is no key: neither a command nor a file tells it, nor AWS_ACCESS_KEY_ID "
-      "in the environment.");
+      "There is no key: neither a command (--key-command) nor a file (--key-file) tells it, nor "
+      "AWS_ACCESS_KEY_ID in the environment.");
 }
 
 }  // namespace

@@ -1401,7 +1401,7 @@ Result<std::unique_ptr<Remote>> makeWebDAVRemote(WebDAVOptions options) {
   };
   const std::unique_ptr<CURLU, void (*)(CURLU*)> url(curl_url(), &curl_url_cleanup);
   if (!url || curl_url_set(url.get(), CURLUPART_URL, options.url.c_str(), 0) != CURLUE_OK) {
-    return bad("it is no URL");
+    return bad("it is no URL, https://HOST/PATH for example");
   }
   const auto part = [&](CURLUPart which) {
     char* text = nullptr;

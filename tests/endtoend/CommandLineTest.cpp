@@ -133,10 +133,13 @@ TEST_F(CommandLine, RefusesWhatIsNoCommand) {
     SCOPED_TRACE(describe(Array(wrong.begin(), wrong.end())));
     fails(wrong, "\n", 2);
   }
-  EXPECT_EQ(run({"device", "explode"}).errors.find("There is no command \"explode\"."), 0U);
+  EXPECT_EQ(run({"device", "explode"}).errors.find("There is no command \"device explode\"."), 0U);
   EXPECT_NE(ask({"--help"}).find("extend-sandbox"), std::string::npos);
   EXPECT_EQ(run({"acounts"}).errors.find("There is no command \"acounts\"; is it \"accounts\"?"),
             0U);
+  EXPECT_NE(run({"add", "webdav", "x", "y", "--password", "z"})
+                .errors.find("is it --password-command or --password-file?\nUsage: docsource add "),
+            std::string::npos);
   EXPECT_EQ(ask({"help", "read"}), ask({"read", "--help"}));
   EXPECT_NE(ask({"help", "read"}).find("--timeout SECONDS"), std::string::npos);
   EXPECT_EQ(ask({"--version"}).find("docsource "), 0U);
@@ -253,6 +256,23 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
       << evicted;
   state("placeholder");
   EXPECT_EQ(ask({"evict", "a.txt"}), "0 B given back\n");
+
+  // Doctor tells a mark that is as it should be from a damaged one, another file's, and none.
+  const auto doctorSaysOfMarks = [&](const std::string& said) {
+    const auto text = run({"doctor"}).output;
+    EXPECT_NE(text.find(said), std::string::npos) << text;
+  };
+  const char* const mark = "user.docsource.placeholder";
+  doctorSaysOfMarks("\nok     marks: 1 of 1 ");
+  for (const auto& [value, said] :
+       {std::pair<std::string, std::string>("placehold", " is not what a placeholder is"),
+        {"placeholder inode:1", " was made for another file"}}) {
+    ASSERT_EQ(::setxattr(path.c_str(), mark, value.data(), value.size(), 0), 0);
+    doctorSaysOfMarks("wrong  marks: That of " + path + said);
+  }
+  ASSERT_EQ(::removexattr(path.c_str(), mark), 0);
+  doctorSaysOfMarks("note   marks: There is none on " + path);
+  ASSERT_EQ(::setxattr(path.c_str(), mark, "placeholder", 11, 0), 0);
 
   // Several at a time, the good ones in spite of the bad one.
   std::ofstream(storage + "/b") << "b";
@@ -385,7 +405,7 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
 }
 
 TEST_F(CommandLine, ListsTheGrantsOfAnyAccessControlFile) {
-  EXPECT_EQ(ask({"grants"}), "PROVIDER  CONSUMER  ITEM\n");
+  EXPECT_EQ(ask({"grants"}), "Nothing has been granted.\n");
   const auto items = [](Value list) { return Dictionary{{"AllowedItemIDs", std::move(list)}}; };
   grant(Dictionary{{"provider", Dictionary{{"consumer", items(Array{"one", 2, "t\xffo"})},
                                            {"no items", items("one")},

@@ -103,8 +103,9 @@ Result<std::string> folderFrom(const std::string& argument) {
   }
   const auto root = fs::weakly_canonical(qx::Places::root(), failed).string();
   if (folder == root || folder.starts_with(root + "/") || root.starts_with(folder + "/")) {
-    return complaint("The directory " + folder + " and what docsource keeps in " + root +
-                     " lie in one another; choose another directory");
+    return complaint("The directory " + folder + " and " + root +
+                     ", where docsource keeps what is its own, lie in one another; choose another "
+                     "directory, one with nothing but documents");
   }
   return folder;
 }
@@ -230,6 +231,9 @@ std::string describe(const Account& account, const qx::Dictionary& health) {
     said += (said.empty() ? "" : " ") + error->description();
   }
   if (!said.empty()) text += ". " + said;
+  if (failed > 0)
+    text += (said.empty() ? ". " : " ") +
+            ("Which, and why: docsource status -r \"" + linkFor(account.name)) + "\"";
   if (textOf(health, "state") == "needs-confirmation") {
     text += " If that is right: docsource sync " + account.name + " --confirm-deletions";
   }
@@ -286,9 +290,10 @@ Result<void> checkRemoval(const Account& account, const Arguments& arguments) {
   const auto health = healthOf(*process, arguments);
   if (!health) return health.error();
   if (const auto waiting = numberOf(*health, "waiting"); waiting > 0) {
-    return complaint("The account \"" + account.name + "\" has " + std::to_string(waiting) +
-                     " changes that have not been uploaded. See to it with docsource sync \"" +
-                     account.name + "\"" + otherwise);
+    return complaint(
+        "The account \"" + account.name + "\" has " +
+        (waiting == 1 ? "one change that has" : std::to_string(waiting) + " changes that have") +
+        " not been uploaded. See to it with docsource sync \"" + account.name + "\"" + otherwise);
   }
   constexpr std::size_t named = 5;
   const auto left = onlyHere(account, *process, arguments, named);
@@ -367,7 +372,8 @@ int accounts(const Arguments& arguments) {
                     std::to_string(numberOf(object, "items")),
                     std::to_string(numberOf(object, "waiting")),
                     std::to_string(numberOf(object, "failed")), link, each.source});
-    if (object.contains("reason")) notes += describe(each, object);
+    if (object.contains("reason") || numberOf(object, "failed") > 0)
+      notes += describe(each, object);
     object["name"] = each.name;
     object["kind"] = each.kind;
     object["identifier"] = each.identifier;

@@ -73,8 +73,8 @@ docsource::Error complaint(const std::string& sentence);
 /// with it.
 int fail(const Arguments& arguments, const docsource::Error& error);
 int fail(const Arguments& arguments, const qx::Error& error);
-/// Of a command line that makes no sense.
-int refuseUsage(bool json, const std::string& sentence);
+/// Of a command line that makes no sense; `next` says how it does.
+int refuseUsage(bool json, const std::string& sentence, const std::string& next);
 
 /// The socket of a service, for a person: the one that is there, else where one is looked for.
 std::string socketOf(const std::string& service);

@@ -227,7 +227,8 @@ void lookAtBundles(Report& report) {
       }
     }
   }
-  report.good("bundles", std::to_string(count) + " are fit for use (docsource bundles).");
+  report.good("bundles", (count == 1 ? "One is" : std::to_string(count) + " are") +
+                             " fit for use (docsource bundles).");
 }
 
 void lookAtAccounts(const Arguments& arguments, Report& report) {
@@ -317,29 +318,26 @@ class Marks {
   }
 
   void tell(Report& report) const {
-    const std::string remedy =
-        " For a document of an account: docsource evict, and then docsource get.";
     if (!damaged_.isEmpty()) {
       report.wrong("marks", "That of " + damaged_.text() +
-                                " is not what a placeholder is marked with, so its content may "
-                                "not be brought in." +
-                                remedy);
+                                " is not what a placeholder is marked with. To have the content "
+                                "brought in while that can be done: docsource get");
     }
     if (!copied_.isEmpty()) {
       report.wrong("marks", "That of " + copied_.text() +
-                                " was copied from another file, and there are holes in this one: "
-                                "programs may read zeros." +
-                                remedy);
+                                " was made for another file, and there are holes in this one, "
+                                "from which programs read zeros. If those are not its content, "
+                                "put it back from where the document lives, or from a backup.");
     }
     if (!unmarked_.isEmpty()) {
       report.note("marks", "There is none on " + unmarked_.text() +
-                               ", of which nothing was ever written: programs read zeros. If "
-                               "that is not what it holds where it comes from:" +
-                               remedy.substr(remedy.find(':') + 1));
+                               ", of which next to nothing was ever written, so that programs "
+                               "read zeros. If those are not its content, put it back from where "
+                               "the document lives, or from a backup.");
     }
     if (damaged_.isEmpty() && copied_.isEmpty() && unmarked_.isEmpty()) {
-      report.good("marks", std::to_string(placeholders_) + " documents are placeholders, of " +
-                               std::to_string(files_) + ", and marked as they should be.");
+      report.good("marks", std::to_string(placeholders_) + " of " + std::to_string(files_) +
+                               " documents are placeholders, and marked as they should be.");
     }
   }
 
@@ -353,9 +351,9 @@ class Marks {
     const int problem = size < 0 ? errno : 0;
     const auto inode = qx::inodeNameOf(AT_FDCWD, path);
     if (!inode) return;  // it has gone meanwhile
-    const bool hasHoles = status.st_blocks * 512 < status.st_size;
+    const bool mayHaveHoles = status.st_blocks * 512 < status.st_size;
     if (problem == ENODATA) {
-      if (status.st_size > 0 && status.st_blocks == 0) unmarked_.add(path);
+      if (mayHaveHoles && isHollow(path)) unmarked_.add(path);
     } else if (problem == ERANGE) {
       damaged_.add(path);
     } else if (problem != 0) {
@@ -367,10 +365,29 @@ class Marks {
         damaged_.add(path);
       } else if (marked != qx::MarkedInode::other) {
         ++placeholders_;
-      } else if (hasHoles) {
+      } else if (mayHaveHoles && hasHole(path, status.st_size)) {
         copied_.add(path);
       }
     }
+  }
+
+  // Files that are no placeholders are opened without waiting for anybody. What a file occupies
+  // says little where the file system compresses.
+  static qx::FileDescriptor opened(const std::string& path) {
+    return qx::FileDescriptor(
+        ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  }
+  static bool hasHole(const std::string& path, off_t size) {
+    const auto file = opened(path);
+    const auto hole = file ? ::lseek(file.get(), 0, SEEK_HOLE) : size;
+    return hole >= 0 && hole < size;
+  }
+  /// As a placeholder is, whose first block is there.
+  static bool isHollow(const std::string& path) {
+    constexpr off_t firstBlock = 8192;
+    const auto file = opened(path);
+    return file && ::lseek(file.get(), firstBlock, SEEK_DATA) < 0 && errno == ENXIO &&
+           ::lseek(file.get(), 0, SEEK_END) > firstBlock;
   }
 
   Named damaged_, copied_, unmarked_;

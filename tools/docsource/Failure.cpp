@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "docsource/remote.h"
 #include "platform/files/Places.h"
 #include "sdk/src/Bridge.h"
 #include "tools/docsource/Accounts.h"
@@ -58,6 +59,19 @@ std::string nextStep(const docsource::Error& error) {
   }
 }
 
+/// Errors of files and of remotes say all in words; the numbers of the others are looked up.
+bool needsNoNumber(std::string_view domain) {
+  return domain == toolErrorDomain || domain == docsource::posixErrorDomain ||
+         domain == docsource::standardErrorDomain || domain == docsource::remoteErrorDomain;
+}
+
+/// For a person.
+std::string sentenceOf(const docsource::Error& error) {
+  if (!needsNoNumber(error.domain())) return error.text();
+  const auto* cause = error.underlying();
+  return error.description() + (cause ? " (" + sentenceOf(*cause) + ")" : "");
+}
+
 void printFailure(bool json, const qx::Error& error, const std::string& sentence,
                   const std::string& next) {
   if (json) {
@@ -90,7 +104,9 @@ std::string socketOf(const std::string& service) {
 
 int fail(const Arguments& arguments, const docsource::Error& error) {
   const bool isOwn = error.domain() == toolErrorDomain;
-  std::string text = isOwn ? error.description() : error.text();
+  std::string text = !arguments.json ? sentenceOf(error)
+                     : isOwn         ? error.description()
+                                     : error.text();
   if (error.is(docsource::LibraryError::timedOut)) {
     text += " (waited " + std::to_string(arguments.timeout.count()) + " ms, --timeout)";
   }
@@ -99,13 +115,12 @@ int fail(const Arguments& arguments, const docsource::Error& error) {
 }
 
 int fail(const Arguments& arguments, const qx::Error& error) {
-  printFailure(arguments.json, error, error.text(), {});
-  return operationFailed;
+  return fail(arguments, docsource::bridge::fromPlatform(error));
 }
 
-int refuseUsage(bool json, const std::string& sentence) {
+int refuseUsage(bool json, const std::string& sentence, const std::string& next) {
   const qx::Error error(std::string(toolErrorDomain), wrongUsage, sentence);
-  printFailure(json, error, sentence, json ? "" : "Run with --help for more information");
+  printFailure(json, error, sentence, next);
   return wrongUsage;
 }
 

@@ -65,7 +65,8 @@ int printGrants(const Arguments& arguments, const Grants& grants) {
       rows.back().push_back(grant.url ? inFamiliarWords(readable(*grant.url), accounts) : "");
     }
   }
-  return answer(arguments.json, {{"grants", std::move(array)}}, table(headings, rows));
+  return answer(arguments.json, {{"grants", std::move(array)}},
+                rows.empty() ? "Nothing has been granted.\n" : table(headings, rows));
 }
 
 /// Whether there are more grants than one answer of the broker holds.

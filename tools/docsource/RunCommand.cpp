@@ -76,7 +76,7 @@ Error refusal(const std::string& what) {
 Result<std::string> resolved(const std::string& path) {
   std::array<char, PATH_MAX> buffer{};
   if (!::realpath(path.c_str(), buffer.data())) {
-    return qx::fileError(errno, qx::URL::fileURL(path));
+    return qx::fileError(errno, qx::URL::fileURL(absolutePath(path)));
   }
   return std::string(buffer.data());
 }
@@ -308,7 +308,8 @@ int run(const Arguments& arguments) {
   const auto bundle =
       qx::BundleCatalog::shared().bundle(qx::BundleKind::application, arguments.subject);
   if (!bundle) {
-    return fail(arguments, refusal("There is no application " + arguments.subject + "."));
+    return fail(arguments, refusal("There is no application " + arguments.subject +
+                                   " (docsource bundles lists those that there are)."));
   }
   const auto world = World::wantedBy(*bundle);
   if (!world) return fail(arguments, world.error());

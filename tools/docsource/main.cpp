@@ -298,16 +298,6 @@ void add(CLI::App& app, const Command& command, Arguments& arguments, const Comm
   entry->callback([&chosen, &command] { chosen = &command; });
 }
 
-/// What stands where the name of a command should; the library only says that one is missing.
-std::optional<std::string> unknownCommand(const CLI::App& app, const CLI::ParseError& error) {
-  const auto rest = app.remaining(true);
-  if (!std::string_view(error.what()).starts_with("A subcommand is required") || rest.empty() ||
-      rest.front().starts_with('-')) {
-    return std::nullopt;
-  }
-  return rest.front();
-}
-
 /// How many letters differ, are missing or are too many, at most.
 std::size_t distance(std::string_view one, std::string_view other) {
   std::vector<std::size_t> row(other.size() + 1);
@@ -322,15 +312,82 @@ std::size_t distance(std::string_view one, std::string_view other) {
   return row.back();
 }
 
-/// What is probably meant by a word that is no command; empty where nothing is.
-std::string likelyCommand(std::string_view word) {
+/// What is probably meant by a word that is no command, or none of the group; empty where nothing
+/// is.
+std::string likelyCommand(std::string_view word, const std::string& group) {
   std::string_view best;
   for (const auto& command : commands) {
     const std::string_view whole = command.name;
-    const auto name = whole.substr(0, whole.find(' '));
+    const auto space = std::min(whole.find(' '), whole.size());
+    const bool isOfGroup = space < whole.size() && whole.substr(0, space) == group;
+    if (!group.empty() && !isOfGroup) continue;
+    const auto name = group.empty() ? whole.substr(0, space) : whole.substr(space + 1);
     if (best.empty() || distance(word, name) < distance(word, best)) best = name;
   }
-  return distance(word, best) <= 2 && word.size() > 2 ? std::string(best) : std::string();
+  return distance(word, best) <= 2 && word.size() > 1 ? std::string(best) : std::string();
+}
+
+/// How the command is used, without options that may be left out.
+std::string usageOf(const Command& command) {
+  auto usage = "docsource " + std::string(command.name);
+  if (command.subject) usage.append(" ").append(command.subject);
+  if (command.takesProvider) usage += " --provider IDENTIFIER";
+  if (command.takesConsumer) usage += " --consumer IDENTIFIER";
+  return usage;
+}
+
+/// Words that nothing was expected for, with what was probably meant.
+std::string describeExtras(const std::vector<std::string>& extras, const Command* command) {
+  std::string text = extras.size() == 1 ? "This was not expected:" : "These were not expected:";
+  for (const auto& word : extras) text += " " + onOneLine(word);
+  std::string likely;
+  for (const auto& option : optionNames()) {
+    const bool isOfCommand = command && option.command == command->name;
+    const bool isLikely =
+        extras.front().starts_with("--") &&
+        (option.name.starts_with(extras.front()) || distance(option.name, extras.front()) <= 2);
+    if (isOfCommand && isLikely) likely += (likely.empty() ? "" : " or ") + option.name;
+  }
+  return text + (likely.empty() ? "." : "; is it " + likely + "?");
+}
+
+/// Says what is wrong with a command line that cannot be understood, and how the command is used.
+int refuse(bool json, const CLI::App& app, const CLI::ParseError& error) {
+  const auto rest = app.remaining(true);
+  std::string group;
+  const Command* command = nullptr;
+  for (const auto& each : commands) {
+    const std::string name = each.name;
+    const auto space = name.find(' ');
+    const auto* first = app.get_subcommand(name.substr(0, space));
+    if (!first->parsed()) continue;
+    if (space != std::string::npos) group = name.substr(0, space);
+    if (subcommandCalled(name, app)->parsed()) command = &each;
+  }
+  if (command) {
+    auto sentence = rest.empty() ? std::string(error.what()) : describeExtras(rest, command);
+    if (!sentence.ends_with('.') && !sentence.ends_with('?')) sentence += ".";
+    return refuseUsage(
+        json, sentence,
+        "Usage: " + usageOf(*command) + "; docsource " + command->name + " --help says more");
+  }
+  const bool isWord = !rest.empty() && !rest.front().starts_with('-');
+  if (!isWord && !rest.empty()) {
+    return refuseUsage(json, describeExtras(rest, nullptr), "docsource --help lists the options");
+  }
+  std::string whole = "docsource" + (group.empty() ? "" : " " + group);
+  if (!isWord) {
+    return refuseUsage(json, group.empty() ? error.what() : "\"" + whole + "\" is not enough.",
+                       whole + " --help lists what can come next");
+  }
+  const auto likely = likelyCommand(rest.front(), group);
+  return refuseUsage(
+      json,
+      "There is no command \"" + (group.empty() ? "" : group + " ") + onOneLine(rest.front()) +
+          "\"" +
+          (likely.empty() ? "."
+                          : "; is it \"" + (group.empty() ? "" : group + " ") + likely + "\"?"),
+      whole + " --help lists those that there are");
 }
 
 /// Cuts off what is for the program that is to be run, so that it reaches that program as it is.
@@ -378,17 +435,13 @@ int interpret(int argc, const char* const* argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
     const bool json = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
-    if (const auto unknown = unknownCommand(app, error)) {
-      const auto likely = likelyCommand(*unknown);
-      return refuseUsage(json, "There is no command \"" + onOneLine(*unknown) + "\"" +
-                                   (likely.empty() ? "." : "; is it \"" + likely + "\"?"));
-    }
-    if (json && error.get_exit_code() != 0) return refuseUsage(json, error.what());
-    return app.exit(error) == 0 ? success : wrongUsage;
+    return refuse(json, app, error);
   }
   if (chosen->run != run && !arguments.rest.empty()) {
-    return refuseUsage(arguments.json, "Only a program that is run takes arguments behind --");
+    return refuseUsage(arguments.json, "Only a program that is run takes arguments behind --.",
+                       "Usage: docsource run IDENTIFIER -- ARGUMENTS");
   }
   return chosen->run(arguments);
 }
