@@ -345,10 +345,11 @@ Result<void> Engine::evict(const std::string& path) {
         item.here->isPlaceholder && items_->fact(partsFact + item.here->identity).has_value();
     if (item.here->isPlaceholder && !hasParts) return {};
     const auto busy = [&](const char* why) {
-      return Error::posix(EBUSY, "The content of " + path + " is kept: " + why);
+      return Error(std::string(posixErrorDomain), EBUSY,
+                   "The content of " + path + " is kept, as " + why + ".");
     };
     if (item.here->kind == Kind::link) return busy("it is a second name of a document");
-    if (isPinned(item)) return busy("it is pinned");
+    if (isPinned(item)) return busy("it is pinned (docsource unpin)");
     if (isBusy(item.number)) return busy("it is being transferred");
     if (!item.agreed || !item.there || (!hasParts && item.here->version != item.agreedHere)) {
       return busy("it has not been uploaded yet");
@@ -479,7 +480,10 @@ Result<void> Engine::cancel(const std::string& path) {
       transfer->isCancelled = true;
       hasAny = true;
     }
-    if (!hasAny) return Error::posix(ENOENT, "Nothing of " + path + " is being transferred");
+    if (!hasAny) {
+      return Error(std::string(posixErrorDomain), ENOENT,
+                   "Nothing of " + path + " is being transferred.");
+    }
     return {};
   });
 }
