@@ -286,7 +286,12 @@ Result<std::vector<std::string>> onlyHere(const Account& account, AccountProcess
 Result<void> checkRemoval(const Account& account, const Arguments& arguments) {
   const std::string otherwise = "; or remove it with --discard, which deletes what is only here";
   auto process = AccountProcess::of(account);
-  if (!process) return process.error();
+  if (!process) {
+    return Error(docsource::LibraryError::serviceUnavailable,
+                 "The account \"" + account.name +
+                     "\" is not running, so nobody can tell what is only here. Have it run" +
+                     otherwise + ".");
+  }
   const auto health = healthOf(*process, arguments);
   if (!health) return health.error();
   if (const auto waiting = numberOf(*health, "waiting"); waiting > 0) {

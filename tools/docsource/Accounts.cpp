@@ -44,7 +44,12 @@ std::vector<Account> installedAccounts() {
   std::vector<Account> accounts;
   for (const auto& installed :
        installedBundles(qx::BundleKind::extension, qx::BundleStanding::user)) {
-    auto found = installed.bundle ? account::accountOf(*installed.bundle) : std::nullopt;
+    // One whose program cannot be started is an account all the same: it has documents.
+    qx::Bundle bundle{};
+    bundle.path = installed.path;
+    bundle.identifier = installed.identifier();
+    bundle.info = installed.info;
+    auto found = account::accountOf(bundle);
     if (found) accounts.push_back(*std::move(found));
   }
   std::sort(accounts.begin(), accounts.end(),

@@ -24,6 +24,7 @@
 #include "platform/base/Errors.h"
 #include "platform/files/FileManager.h"
 #include "platform/files/Places.h"
+#include "platform/plist/PropertyList.h"
 #include "tools/docsource/Location.h"
 
 namespace tool {
@@ -223,7 +224,22 @@ qx::Result<std::string> placeFor(const Source& source, const std::string& identi
   return usual;
 }
 
+/// Of a broken bundle, as far as that can be read.
+qx::Dictionary infoOf(const std::string& path) {
+  std::error_code failed;
+  const auto file = path + "/Info.plist";
+  if (!fs::is_regular_file(file, failed)) return {};
+  const auto list = qx::PropertyList::readFile(file);
+  const auto* info = list ? list->as<qx::Dictionary>() : nullptr;
+  return info ? *info : qx::Dictionary();
+}
+
 }  // namespace
+
+std::string InstalledBundle::identifier() const {
+  const auto* found = qx::find<std::string>(info, "QXBundleIdentifier");
+  return found ? *found : "";
+}
 
 std::vector<InstalledBundle> installedBundles(BundleKind kind, qx::BundleStanding standing) {
   std::vector<InstalledBundle> bundles;
@@ -237,7 +253,11 @@ std::vector<InstalledBundle> installedBundles(BundleKind kind, qx::BundleStandin
         paths.insert(entry->path());
       }
     }
-    for (const auto& path : paths) bundles.push_back({path, qx::readBundle(kind, path)});
+    for (const auto& path : paths) {
+      auto bundle = qx::readBundle(kind, path);
+      auto info = bundle ? bundle->info : infoOf(path);
+      bundles.push_back({path, std::move(bundle), std::move(info)});
+    }
   }
   return bundles;
 }
@@ -297,7 +317,7 @@ qx::Result<std::vector<std::string>> uninstallBundles(const std::string& identif
   std::vector<std::string> gone;
   for (const auto kind : kinds) {
     for (const auto& installed : installedBundles(kind, qx::BundleStanding::user)) {
-      if (!installed.bundle || installed.bundle->identifier != identifier) continue;
+      if (identifier.empty() || installed.identifier() != identifier) continue;
       const auto hidden = HiddenDirectory::make(folderOf(kind), "uninstalled");
       if (!hidden) return hidden.error();
       if (::rename(installed.path.c_str(), (hidden->path() + "/bundle").c_str()) != 0) {

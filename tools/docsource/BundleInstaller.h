@@ -30,7 +30,7 @@ struct Installation {
 using MayBe = std::function<std::optional<qx::Error>(const qx::Bundle&, const qx::Bundle* before)>;
 qx::Result<Installation> installBundle(const std::string& source, const MayBe& mayBe = {});
 
-/// Takes away every installed bundle of that identifier; returns where they were. Fails when there
+/// Takes away every installed bundle of that identifier, broken ones too; returns where they were. Fails when there
 /// is none.
 qx::Result<std::vector<std::string>> uninstallBundles(const std::string& identifier);
 
@@ -38,6 +38,10 @@ qx::Result<std::vector<std::string>> uninstallBundles(const std::string& identif
 struct InstalledBundle {
   std::string path;
   qx::Result<qx::Bundle> bundle;
+  /// What its Info.plist says, of a broken one too where that can be read; otherwise empty.
+  qx::Dictionary info;
+
+  std::string identifier() const;
 };
 /// In byte order of the directories' names.
 std::vector<InstalledBundle> installedBundles(qx::BundleKind kind, qx::BundleStanding standing);

@@ -59,10 +59,12 @@ std::string nextStep(const docsource::Error& error) {
   }
 }
 
-/// Errors of files and of remotes say all in words; the numbers of the others are looked up.
+/// Errors of files, remotes and the library say all in words; the numbers of the others are looked
+/// up.
 bool needsNoNumber(std::string_view domain) {
   return domain == toolErrorDomain || domain == docsource::posixErrorDomain ||
-         domain == docsource::standardErrorDomain || domain == docsource::remoteErrorDomain;
+         domain == docsource::standardErrorDomain || domain == docsource::libraryErrorDomain ||
+         domain == docsource::remoteErrorDomain;
 }
 
 /// For a person.
