@@ -88,10 +88,13 @@ std::optional<Error> linkForSandboxes(const std::string& socketPath,
   return error;
 }
 
-/// Whether sandboxed applications are to reach the service through the user's runtime directory
-/// alone; of the machine's they see all there is.
+/// Of the machine's sandboxed applications see all there is.
 bool isUsersOwn(const std::string& serviceName) {
   return Places::serviceDirectory(serviceName) == Places::runtimeDirectory();
+}
+/// Whether sandboxed applications are to reach it through the user's runtime directory.
+bool isOffered(const std::string& serviceName) {
+  return isUsersOwn(serviceName) && Places::isForSandboxes(serviceName);
 }
 
 Result<FileDescriptor> connectTo(const std::string& directory, const std::string& serviceName,
@@ -183,7 +186,7 @@ Result<ListeningSocket> listenOnServiceSocket(const std::string& serviceName) {
   if (FileDescriptor activated = activatedSocket(serviceName)) {
     fcntl(activated.get(), F_SETFD, FD_CLOEXEC);
     fcntl(activated.get(), F_SETFL, fcntl(activated.get(), F_GETFL) | O_NONBLOCK);
-    if (isUsersOwn(serviceName)) {
+    if (isOffered(serviceName)) {
       if (auto error = offerServiceSocketToSandboxes(serviceName)) {
         logUnreachable(serviceName, *error);
       }
@@ -213,7 +216,7 @@ Result<ListeningSocket> listenOnServiceSocket(const std::string& serviceName) {
     return error;
   };
   if (chmod(sidePath.c_str(), 0666) != 0 || listen(socket.get(), SOMAXCONN) != 0) return fails();
-  if (isUsersOwn(serviceName)) {
+  if (isOffered(serviceName)) {
     if (auto error = linkForSandboxes(sidePath, serviceName)) logUnreachable(serviceName, *error);
   }
   if (rename(sidePath.c_str(), path.c_str()) != 0) return fails();
@@ -222,7 +225,7 @@ Result<ListeningSocket> listenOnServiceSocket(const std::string& serviceName) {
 
 void removeServiceSocket(const std::string& serviceName) {
   unlink(Places::serviceSocket(serviceName).c_str());
-  if (isUsersOwn(serviceName)) unlink((Places::sandboxServices() + "/" + serviceName).c_str());
+  if (isOffered(serviceName)) unlink((Places::sandboxServices() + "/" + serviceName).c_str());
 }
 
 Result<FileDescriptor> connectToServiceSocket(const std::string& serviceName,

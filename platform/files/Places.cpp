@@ -187,6 +187,10 @@ std::string home() { return root() + "/Home"; }
 bool isOfPlatform(const std::string& serviceName) {
   return serviceName == "com.veltro.FileCoordination" || serviceName == "com.veltro.Sandbox";
 }
+bool isForSandboxes(const std::string& serviceName) {
+  return isOfPlatform(serviceName) || serviceName == "com.veltro.DocSource" ||
+         serviceName == "com.veltro.DocSource.Grants";
+}
 std::vector<std::string> serviceDirectories(const std::string& serviceName) {
   std::vector<std::string> all{runtimeDirectory()};
   if (isOfPlatform(serviceName) && machineRuntimeDirectory()) {

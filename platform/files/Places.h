@@ -67,6 +67,9 @@ std::string sandboxKey();  // <run>/sandbox.key
 
 /// Whether platformd serves it, for a user or for all of them.
 bool isOfPlatform(const std::string& serviceName);
+/// Whether sandboxed applications are served there. They see the sockets of no other service: an
+/// account's is called as the account is.
+bool isForSandboxes(const std::string& serviceName);
 /// The runtime directories in which a service is looked for, in this order: the user's alone, and
 /// for a service of platformd the machine's after it.
 std::vector<std::string> serviceDirectories(const std::string& serviceName);

@@ -263,6 +263,7 @@ def check(world, program):
     assert world.is_placeholder(name)
     with Sandbox(world, world.path(name)) as sandbox:
         assert sandbox.run('test "$(ls "${D%/*}")" = "${D##*/}"', world.path(name)) == "0", "it sees more"
+        assert sandbox.run('test "$(ls "$DOCSOURCE_ROOT/run" | grep -c account)" = 0', "") == "0", "it sees accounts"
         assert sandbox.run(program.edit, world.path(name)) == "0"
         eventually(edited(name, content), "saved, it does not arrive")
 
