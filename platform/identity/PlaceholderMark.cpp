@@ -14,7 +14,9 @@ constexpr std::string_view providingWord = "providing ";
 constexpr std::string_view thereWord = "there:";
 constexpr std::string_view modeBeginning = "mode:";
 constexpr int octal = 8;
-constexpr mode_t permissions = 07777;
+/// Whoever may write the document writes its mark, a sandboxed application too: no set-user-ID bit
+/// comes from there.
+constexpr mode_t permissions = 0777;
 /// Attributes share one block of the file system, and the mark has other words.
 constexpr std::size_t mostRanges = 16;
 
@@ -52,8 +54,9 @@ std::optional<mode_t> modeIn(std::string_view mark) {
   const char* const last = digits.data() + digits.size();
   mode_t mode = 0;
   const auto [end, problem] = std::from_chars(digits.data(), last, mode, octal);
-  const bool isMode = problem == std::errc() && end == last && mode <= permissions;
-  return isMode ? std::optional(mode) : std::nullopt;
+  constexpr mode_t highest = 07777;
+  const bool isMode = problem == std::errc() && end == last && mode <= highest;
+  return isMode ? std::optional(mode & permissions) : std::nullopt;
 }
 
 std::string modeWord(mode_t mode) {

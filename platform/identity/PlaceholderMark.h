@@ -24,8 +24,8 @@ std::optional<ByteRanges> partsThere(std::string_view mark);
 /// The word. Of very many ranges those that are longest.
 std::string partsWord(const ByteRanges& parts);
 
-/// The permissions of the document where the placeholder has none: a word "mode:OCTAL". Absent
-/// without it, and where it names none.
+/// The permissions of the document where the placeholder has none: a word "mode:OCTAL". Never more
+/// than rwxrwxrwx, whatever it names. Absent without it, and where it names none.
 std::optional<mode_t> modeIn(std::string_view mark);
 std::string modeWord(mode_t mode);
 /// The mark without its first word of that kind.

@@ -211,7 +211,7 @@ def _state(file: int) -> State:
 
 def _mode_word(file: int) -> int | None:
     found = re.search(r"(?:^| )mode:([0-7]{1,4})(?: |$)", _mark(file) or "")
-    return int(found[1], 8) if found else None
+    return int(found[1], 8) & 0o777 if found else None  # who writes the document writes its mark
 
 
 def _set_mark(file: int, what: str, mode: int | None) -> None:
