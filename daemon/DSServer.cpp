@@ -8,6 +8,7 @@
 #include "platform/queue/WorkQueue.h"
 #include "providers/DSExtensionDocSource.h"
 #include "servicer/DSGrants.h"
+#include "servicer/DSRevocations.h"
 #include "servicer/DSShownDocuments.h"
 
 namespace {
@@ -46,6 +47,7 @@ void DSServer::startCompletion(std::function<void()> completion) {
 
 void DSServer::resumeListeners() {
   dsBeginToShowDocuments();
+  if (const auto store = accessControlStore()) dsGoOnWithRevocations(store);
   grantsListener_->resume();
   listener_->resume();
 }

@@ -1,23 +1,19 @@
 #include "servicer/DSGrantsServicer.h"
 
-#include <algorithm>
 #include <chrono>
 #include <map>
 #include <utility>
 
 #include "acl/DSAccessControlStore.h"
 #include "platform/log/Log.h"
-#include "platform/sandbox/Sandbox.h"
-#include "platform/views/DocumentViews.h"
 #include "servicer/DSConduitServicer.h"
 #include "servicer/DSItemURLs.h"
+#include "servicer/DSRevocations.h"
 
 namespace {
 
-/// A listing is worth something without the URLs; a revocation without them takes back more than it
-/// was to.
+/// A listing is worth something without the URLs.
 constexpr std::chrono::seconds timeForListing(5);
-constexpr std::chrono::seconds timeForRevoking(20);
 
 }  // namespace
 
@@ -73,46 +69,8 @@ void DSGrantsServicer::revokeItemWithID_ofProviderID_forConsumerID_completion(
     return;
   }
 
-  auto [revoked, writeError] = store->revoke(*providerID, itemID, *consumerID);
-  if (writeError) {
-    DS_LOG("[ERROR] Could not take back grants of provider ID %@ to consumer ID %@. Error: %@",
-           providerID, consumerID, writeError);
-    answerEarly(std::move(completion), writeError);
-    return;
-  }
-  std::vector<DSItem> items;
-  items.reserve(revoked.size());
-  for (auto& item : revoked) items.push_back({*providerID, std::move(item)});
-  dsFindItemURLs(
-      std::move(items), timeForRevoking,
-      [completion = std::move(completion), providerID,
-       consumerID](const std::vector<DSItemURL>& urls) {
-        std::optional<qx::Error> failure;
-        const auto note = [&](const std::optional<qx::Error>& problem) {
-          if (problem && !failure) failure = DSPluginOperationFailedError(problem);
-        };
-        if (std::all_of(urls.begin(), urls.end(),
-                        [](const DSItemURL& url) { return url && *url; })) {
-          // As many as possible, whatever becomes of the others.
-          for (const auto& url : urls) {
-            note(takeBackSandboxExtensionsForURL(**url));
-            note(qx::DocumentViews::hide(*consumerID, **url));
-          }
-        } else {
-          // Its provider does not say which document it was: then it was any.
-          DS_LOG(
-              "[NOTICE] Provider ID %@ cannot name a document that consumer ID %@ had: every token "
-              "is taken back.",
-              providerID, consumerID);
-          note(SandboxTakeBackAllFileExtensions());
-          note(qx::DocumentViews::hideAll(*consumerID));
-        }
-        if (failure) {
-          DS_LOG(
-              "[ERROR] Could not take back the tokens of what provider ID %@ gave to consumer ID "
-              "%@. Error: %@",
-              providerID, consumerID, failure);
-        }
-        answerEarly(completion, failure);
-      });
+  dsRevoke(store, {*providerID, itemID, *consumerID},
+           [completion = std::move(completion)](const std::optional<qx::Error>& failure) {
+             answerEarly(completion, failure);
+           });
 }

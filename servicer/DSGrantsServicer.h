@@ -11,7 +11,8 @@
 /// When a revocation has answered without an error, the access-control file is without the grant,
 /// durably; bookmarks of that consumer for that item do not resolve; no token for the document that
 /// was issued before redeems, for anybody; the consumer's sandboxes show it no more; and no request
-/// that was under way brings any of it back. With an error the grant may be gone already, and the
+/// that was under way brings any of it back. A daemon that was killed in the middle of it goes on
+/// with it at its next start. With an error the grant may be gone already, and the
 /// rest be undone: whoever asks again begins where it stopped, but for grants of which "all" does
 /// not know any more.
 ///

@@ -22,24 +22,27 @@ void wrote(const std::string& application, const qx::URL& document) {
 }
 
 /// Nobody knows an item by its file: whichever of the application's items is there now is it.
-void wasMoved(const std::string& application, const std::function<bool(const qx::URL&)>& isIt) {
+void wasMoved(const std::string& application, const std::function<bool(const qx::URL&)>& isIt,
+              const std::function<void()>& done) {
   constexpr std::chrono::seconds timeForSearching(20);
   std::vector<DSItem> items;
   for (const auto& grant : DSAccessControlStore::sharedStore()->grants()) {
     if (grant.consumer == application) items.push_back({grant.provider, grant.item});
   }
   auto asked = items;
-  dsFindItemURLs(std::move(asked), timeForSearching,
-                 [application, isIt, items = std::move(items)](const std::vector<DSItemURL>& urls) {
-                   for (std::size_t i = 0; i < urls.size(); ++i) {
-                     if (!urls[i] || !*urls[i] || !isIt(**urls[i])) continue;
-                     showInSandboxes(application, **urls[i], [&] {
-                       return DSAccessControlStore::sharedStore()
-                           ->isProviderIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
-                               items[i].providerID, items[i].itemID, application);
-                     });
-                   }
-                 });
+  dsFindItemURLs(
+      std::move(asked), timeForSearching,
+      [application, isIt, done, items = std::move(items)](const std::vector<DSItemURL>& urls) {
+        for (std::size_t i = 0; i < urls.size(); ++i) {
+          if (!urls[i] || !*urls[i] || !isIt(**urls[i])) continue;
+          showInSandboxes(application, **urls[i], [&] {
+            return DSAccessControlStore::sharedStore()
+                ->isProviderIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
+                    items[i].providerID, items[i].itemID, application);
+          });
+        }
+        done();
+      });
 }
 
 }  // namespace

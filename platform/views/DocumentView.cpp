@@ -237,8 +237,10 @@ void DocumentView::setToldUntil(const timespec& time) const {
 bool DocumentView::isShown(const std::string& document) const {
   const auto [directory, name] = split(document);
   const auto known = openTree(root_, "known", directory);
-  return isFile(statusOf(known, name)) ||
-         (name.starts_with('.') && isFile(statusOf(known, name.substr(1))));
+  const auto isKnown = [&](std::size_t dots) { return isFile(statusOf(known, name.substr(dots))); };
+  if (isKnown(0)) return true;
+  // A sibling has no sibling of its own: that would be one more document each time.
+  return name.starts_with('.') && isKnown(1) && !(name.starts_with("..") && isKnown(2));
 }
 
 std::vector<std::string> DocumentView::directories() const {
@@ -494,7 +496,7 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
   }
   const bool weChanged = ours && !isSame(ours, known);
   const bool theyChanged = theirs && !isSame(theirs, known);
-  if (weChanged && look == Look::writing) return Outcome::settled;
+  if (weChanged && look == Look::writing && isFile(ours)) return Outcome::settled;
   if (weChanged && theyChanged) {
     // A sibling that is known to nobody yet may be on both sides: the document's is the one.
     if (auto error = known ? putBeside(folder) : putAside(folder)) return *error;
@@ -511,10 +513,11 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
   if (look != Look::late) return Outcome::waiting;
   if (!theirs) {
     if (!weChanged) unlinkat(folder.shown.get(), folder.name.c_str(), 0);
-    unlinkat(folder.known.get(), folder.name.c_str(), 0);
     // As many names as there were in the view are left of one that was removed.
     const nlink_t ownNames = isSame(ours, known) ? 2 : 1;
-    return known->st_nlink > ownNames ? Outcome::moved : Outcome::settled;
+    if (known->st_nlink > ownNames) return Outcome::moved;
+    unlinkat(folder.known.get(), folder.name.c_str(), 0);
+    return Outcome::settled;
   }
   // The application may have given the document another name, to make a new one: one file must not
   // be both.
@@ -527,6 +530,13 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
   }
   if (auto error = takeIn(folder, std::nullopt)) return *error;
   return Outcome::settled;
+}
+
+void DocumentView::forget(const std::string& document) const {
+  const auto folder = folderOf(document);
+  // What has come back there meanwhile is shown as any other.
+  if (statusOf(folder.outside, folder.name)) return;
+  unlinkat(folder.known.get(), folder.name.c_str(), 0);
 }
 
 namespace {

@@ -63,7 +63,8 @@ class DocumentView {
   /// change of the other side. To be called before anything else is done with the view.
   void noteWhatWasCarriedOver() const;
 
-  /// Whether a name in a directory is a document that is shown, or the hidden sibling of one.
+  /// Whether a name in a directory is a document that is shown, or the hidden sibling of one. What
+  /// may be a sibling itself has none.
   bool isShown(const std::string& document) const;
   /// The directories of all documents that are shown.
   std::vector<std::string> directories() const;
@@ -83,7 +84,8 @@ class DocumentView {
     settled,  // both sides have the same file, or it is no document
     saved,    // the application's file has become the document
     waiting,  // something is missing: look again, late
-    moved,    // the document has another name now, and is in the view no more
+    moved,    // the document has another name now, and is in the view no more; it is known until
+              // forget(), so that it is seen again by who looks next
   };
   /// Makes both sides the same. The application's file goes over to the document when it is a
   /// plain file of its own; a file that has replaced the document outside goes into the view. Where
@@ -91,6 +93,9 @@ class DocumentView {
   /// that says so. A document that is gone, late, goes from the view; one that the application
   /// removed comes back.
   Result<Outcome> settle(const std::string& document, Look look);
+
+  /// What was moved is shown under its new name, or will not be.
+  void forget(const std::string& document) const;
 
   /// Ends what runs in the application's sandboxes; how many processes there were.
   using EndSandboxes = std::function<std::size_t()>;

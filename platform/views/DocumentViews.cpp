@@ -308,7 +308,8 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   void settle(DocumentView& view, const DocumentName& name, bool isClosed, bool isLate = false) {
     const auto& [application, document] = name;
     const auto before = isLate ? view.known(document) : std::nullopt;
-    const auto look = isLate ? Look::late : writing_.contains(name) ? Look::writing : Look::early;
+    // Late as well: who removed the document first may still be writing the new one.
+    const auto look = writing_.contains(name) ? Look::writing : isLate ? Look::late : Look::early;
     const auto outcome = view.settle(document, look);
     if (!outcome) {
       DS_LOG("[ERROR] What %@ and others have of %@ cannot be made the same. Error: %@",
@@ -328,19 +329,24 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
           if (auto later = DocumentView::open(name.first)) self->settle(*later, name, false, true);
         });
       case Outcome::moved:
-        if (before) tellOfMove(application, identityOf(*before));
+        if (before) tellOfMove(name, identityOf(*before));
     }
   }
 
-  void tellOfMove(const std::string& application, const FileIdentity& file) const {
+  void tellOfMove(const DocumentName& name, const FileIdentity& file) {
     if (!onMoved_) return;
     const auto isIt = [file](const URL& url) {
       const auto path = url.path();
       struct stat status;
       return path && lstat(path->c_str(), &status) == 0 && identityOf(status) == file;
     };
+    const auto done = [self = shared_from_this(), name] {
+      self->queue_->async([name] {
+        if (const auto view = DocumentView::open(name.first)) view->forget(name.second);
+      });
+    };
     WorkQueue::global().async(
-        [onMoved = onMoved_, application, isIt] { onMoved(application, isIt); });
+        [onMoved = onMoved_, name, isIt, done] { onMoved(name.first, isIt, done); });
   }
 
   /// Whether the file is later than what was told of it, or than the time since which is told.

@@ -18,9 +18,11 @@ namespace qx::DocumentViews {
 using OnWritten = std::function<void(const std::string& application, const URL& document)>;
 
 /// Called on the global queue when a document has gone from an application's view because it was
-/// renamed; `isIt` tells whether it is what a URL leads to.
-using OnMoved = std::function<void(const std::string& application,
-                                   const std::function<bool(const URL&)>& isIt)>;
+/// renamed; `isIt` tells whether it is what a URL leads to. Called again at the next start unless
+/// `done` is called, on any thread.
+using OnMoved =
+    std::function<void(const std::string& application, const std::function<bool(const URL&)>& isIt,
+                       const std::function<void()>& done)>;
 
 /// Carries over what happened while nobody looked, and keeps looking from then on. Once.
 void begin(OnWritten onWritten, OnMoved onMoved);
