@@ -645,6 +645,10 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
   }
   take();
   noteAbsent(Side::there, directory, std::move(met));
+  const auto item = items_->load(directory);
+  if (item && item->reason && !item->due) {
+    change(directory, [](Item& read) { read.reason.reset(); });
+  }
   return {};
 }
 
@@ -737,7 +741,10 @@ bool Engine::observeThere(Lock& lock) {
       const auto [directory, recursive] = there_.directories.front();
       result = readDirectoryThere(lock, directory, recursive);
       if (result || !isInTrouble()) there_.directories.pop_front();
-      if (!result && !isInTrouble()) result = {};  // this directory cannot be read
+      if (!result && !isInTrouble()) {  // this directory cannot be read
+        change(directory, [&](Item& unread) { unread.reason = result.error().description(); });
+        result = {};
+      }
     } else if (!there_.found.empty()) {
       result = resolve(lock, Side::there);
     } else {

@@ -27,6 +27,7 @@
 #include <utility>
 
 #include "extensions/http/Content.h"
+#include "extensions/http/ItemTrouble.h"
 #include "extensions/http/Settings.h"
 #include "extensions/s3/XML.h"
 #include "platform/base/Text.h"
@@ -46,6 +47,8 @@ constexpr std::size_t longestKey = 1024;
 constexpr std::size_t longestName = 255;
 constexpr std::size_t mostListing = 64UL * 1024 * 1024;
 constexpr std::size_t mostAtATime = 16;
+/// So many objects of a directory may be without any answer before that is the store's trouble.
+constexpr unsigned mostUnanswered = 2;
 /// A store may take so long to put a large document together or to copy it.
 constexpr seconds workPatience{600};
 /// What one request may copy, and a part of what is larger.
@@ -65,6 +68,8 @@ constexpr std::string_view markForm = "docsource ";
 constexpr std::string_view trialName = ".docsource-trial-";
 constexpr const char* timeHeader = "x-amz-meta-mtime";
 constexpr const char* modeHeader = "x-amz-meta-mode";
+/// In versions; no store has it.
+constexpr std::string_view unknownTag = "unknown";
 constexpr const char* noTag = "\"00000000000000000000000000000000\"";
 
 std::string nameIn(const std::string& path) { return path.substr(path.rfind('/') + 1); }
@@ -590,12 +595,6 @@ RemoteCapabilities S3Remote::capabilities() const {
 }
 
 Result<std::string> S3Remote::identity(bool create) {
-  const auto some = keysBelow(top_);
-  if (!some) {
-    return is(some.error(), RemoteProblem::notFound)
-               ? remoteError(RemoteProblem::unreachable, "The store has no such bucket.")
-               : some.error();
-  }
   auto marked = mark(create);
   if (!marked) return marked;
   {
@@ -625,6 +624,12 @@ Result<std::string> S3Remote::mark(bool create) {
     }
     const auto error = refusal(*answer, std::string(markName));
     if (!is(error, RemoteProblem::notFound)) return error;
+    // The same is said where there is nothing at all.
+    if (const auto some = keysBelow(top_); !some) {
+      return is(some.error(), RemoteProblem::notFound)
+                 ? remoteError(RemoteProblem::unreachable, "The store has no such bucket.")
+                 : some.error();
+    }
     if (!create || isNew) return address;
     const auto text = std::string(markForm) + qx::UUID::random().text();
     Call put{"PUT", key, {}, {{"if-none-match", "*"}}, text};
@@ -685,7 +690,7 @@ Result<S3Remote::Seen> S3Remote::head(const std::string& path) {
   const auto size = numberIn(answer->header("content-length").value_or("0"));
   const auto version =
       size ? Version::of(answer->header("etag").value_or(""), *size) : std::nullopt;
-  if (!version) return strange(path, "it has no tag");
+  if (!version) return problem(RemoteProblem::failed, path, "has no tag at the store.");
   Seen seen{{}, *version, *std::move(answer)};
   seen.item.name = nameIn(path);
   seen.item.size = *size;
@@ -764,13 +769,15 @@ Result<void> S3Remote::list(const std::string& path, const Visitor& visit) {
       if (name.empty() && !prefix.empty()) continue;
       if (path.empty() && (name == markName || name.starts_with(trialName))) continue;
       if (!hasPlace(name, key)) continue;
-      const auto size = numberIn(each.textOf("Size"));
-      const auto version = size ? Version::of(each.textOf("ETag"), *size) : std::nullopt;
-      if (!version) return strange(path, "it lists an object without tag or size");
+      const auto size = numberIn(each.textOf("Size")).value_or(0);
+      // An object of which the store knows no tag is shown, and cannot be read; what is left out
+      // would look removed.
+      const auto version =
+          Version::of(each.textOf("ETag"), size).value_or(Version{std::string(unknownTag), size});
       RemoteItem item;
       item.name = name;
-      item.size = *size;
-      item.version = version->text();
+      item.size = size;
+      item.version = version.text();
       item.modified = listedTime(each.textOf("LastModified"));
       files[name] = std::move(item);
     }
@@ -814,6 +821,7 @@ Result<void> S3Remote::fillIn(const std::string& path, std::vector<RemoteItem>& 
     }
   }
   std::vector<Asked> now(files.size());
+  std::atomic<unsigned> unanswered{0};
   auto done = inParallel(files.size(), [&](std::size_t i) -> Result<void> {
     auto& item = files[i];
     const auto listed = item.modified ? item.modified->time_since_epoch().count() : 0;
@@ -824,13 +832,16 @@ Result<void> S3Remote::fillIn(const std::string& path, std::vector<RemoteItem>& 
     } else {
       const auto seen = head(path.empty() ? item.name : path + "/" + item.name);
       // What has gone or changed since is told by the next listing.
+      const bool isKnown = seen && seen->item.version == item.version;
       if (!seen && !isNotFound(seen) && !is(seen.error(), RemoteProblem::notPermitted)) {
-        return seen.error();
+        // The trouble of one object is not that of all that are beside it; it is asked again.
+        const bool isAlone =
+            is(seen.error(), RemoteProblem::failed) ||
+            (is(seen.error(), RemoteProblem::unreachable) && ++unanswered <= mostUnanswered);
+        return isAlone ? Result<void>() : seen.error();
       }
       now[i].what = what;
-      if (seen && seen->item.version == item.version) {
-        now[i].attributes = Attributes::of(seen->answer);
-      }
+      if (isKnown) now[i].attributes = Attributes::of(seen->answer);
     }
     if (now[i].attributes.modified) item.modified = now[i].attributes.modified;
     item.mode = now[i].attributes.mode;
@@ -1293,7 +1304,7 @@ Result<std::unique_ptr<Remote>> makeS3Remote(S3Options options) {
     }
   }
   if (!options.credentials) options.credentials = credentialsFromEnvironment;
-  return std::unique_ptr<Remote>(
+  return withItemTroubles(
       std::make_unique<S3Remote>(std::move(options), std::move(bucket), std::move(top)));
 }
 

@@ -22,6 +22,7 @@
 #include <utility>
 
 #include "extensions/http/Content.h"
+#include "extensions/http/ItemTrouble.h"
 #include "extensions/http/Settings.h"
 #include "extensions/webdav/MultiStatus.h"
 #include "extensions/webdav/Servers.h"
@@ -1420,7 +1421,7 @@ Result<std::unique_ptr<Remote>> makeWebDAVRemote(WebDAVOptions options) {
   if (const auto port = part(CURLUPART_PORT)) origin += ":" + *port;
   auto top = decoded(part(CURLUPART_PATH).value_or("/"));
   if (!top.ends_with('/')) top += '/';
-  return std::unique_ptr<Remote>(
+  return withItemTroubles(
       std::make_unique<WebDAVRemote>(std::move(options), std::move(origin), std::move(top)));
 }
 

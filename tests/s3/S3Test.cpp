@@ -170,6 +170,24 @@ TEST_P(S3, KeepsEveryNameAndWhatHasNoPlace) {
   EXPECT_TRUE(make("docs/top/e")->look(long_));
 }
 
+/// A store whose disk was full has lost its notes of one object.
+TEST_P(S3, ADamagedObjectIsTheTroubleOfItsOwn) {
+  if (isMoto()) GTEST_SKIP() << "it keeps nothing on a disk";
+  for (const char* path : {"a", "b"}) ASSERT_TRUE(write(*remote_, path, path));
+  ASSERT_TRUE(remote_->makeDirectory("d", {}));
+  const auto good = write(*remote_, "d/good", "good");
+  ASSERT_TRUE(good);
+  std::filesystem::resize_file(server_.files() + "/docs/top/a._S3rver_metadata.json", 0);
+  const auto again = make("docs/top");
+  ASSERT_TRUE(again->identity(true)) << "its listing is not needed to know it";
+  EXPECT_EQ(problemIn(again->look("a")), failed);
+  EXPECT_EQ(problemIn(write(*again, "a", "new")), failed);
+  EXPECT_EQ(problemIn(again->list("", [](const RemoteItem&) {})), failed);
+  EXPECT_EQ(contentOf(*again, "b", again->look("b")->version), "b");
+  EXPECT_EQ(list(*again, "d").at("good").version, good->version);
+  EXPECT_TRUE(write(*again, "d/new", "new"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Of, S3, testing::Values("moto", "s3rver"),
                          [](const auto& of) { return of.param; });
 

@@ -213,7 +213,7 @@ TEST(ScriptedServer, WhatIsWrittenIsKnownByItsOwnVersion) {
            {R"("status": 423)", failed},
            {R"("status": 403)", notPermitted},
            {R"("status": 500)", failed},
-           {R"("status": 502)", unreachable}}) {
+           {R"("status": 502)", failed}}) {
     server.faults(R"({"method": "PUT", )" + fault + "}");
     EXPECT_EQ(problemIn(server.write("a", before.at("a").version, "x")), problem) << fault;
     server.faults("");
@@ -224,8 +224,8 @@ TEST(ScriptedServer, WhatIsWrittenIsKnownByItsOwnVersion) {
   for (
       const auto& [fault, problem] : std::initializer_list<std::pair<std::string, RemoteProblem>>{
           {R"("status": 412)", changedMeanwhile},
-          {R"("status": 504)", unreachable},
-          {R"("status": 502)", unreachable},
+          {R"("status": 504)", failed},
+          {R"("status": 502)", failed},
           {R"("status": 207, "body": "<multistatus xmlns=\"DAV:\"><response><href>/</href><status>HTTP/1.1 423 L</status></response></multistatus>")",
            failed}}) {
     server.faults(R"({"method": "MOVE", )" + fault + "}");
@@ -246,7 +246,7 @@ TEST(ScriptedServer, ADirectoryIsOnlyRemovedEmpty) {
   server.tell(R"({"files": {"d/late": null}})");
   // A page that says that all is well.
   server.faults(R"({"method": "DELETE", "status": 200, "body": "<html>Welcome</html>"})");
-  EXPECT_EQ(problemIn(server->remove("d", std::nullopt)), unreachable);
+  EXPECT_EQ(problemIn(server->remove("d", std::nullopt)), failed);
 }
 
 TEST(ScriptedServer, WaitsAsLongAsTheServerWants) {
@@ -353,7 +353,7 @@ TEST(ScriptedServer, UsesWhatACloudAnnounces) {
        {R"("status": 200, "body": "<html>Welcome</html>")", R"("status": 201)",
         R"("status": 204, "headers": {"ETag": "\"of a proxy\""})"}) {
     server.faults(R"({"method": "PUT", )" + fault + "}");
-    EXPECT_EQ(problemIn(server.write("s", version, "ours!!")), unreachable) << fault;
+    EXPECT_EQ(problemIn(server.write("s", version, "ours!!")), failed) << fault;
     EXPECT_FALSE(fault.find("ETag") == std::string::npos && server.write("t", std::nullopt, "t"))
         << fault;
     EXPECT_EQ(contentOf(*server, "s", version), "theirs");
