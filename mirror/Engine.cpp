@@ -589,8 +589,8 @@ MirrorHealth Engine::health() {
   if (state_ == MirrorHealth::State::ok && (areHeldHere_ || areHeldThere_)) {
     health.state = MirrorHealth::State::needsConfirmation;
     health.reason =
-        "Many items are gone at once. Confirm with `docsource sync NAME "
-        "--confirm-deletions` that they are to be removed on the other side, too.";
+        "Many items are gone at once. They stay on the other side until it is confirmed that they "
+        "are to be removed there, too.";
   }
   if (broken_) {
     health.state = MirrorHealth::State::broken;

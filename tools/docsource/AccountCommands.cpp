@@ -235,7 +235,7 @@ std::string describe(const Account& account, const qx::Dictionary& health) {
     text += (said.empty() ? ". " : " ") +
             ("Which, and why: docsource status -r \"" + linkFor(account.name)) + "\"";
   if (textOf(health, "state") == "needs-confirmation") {
-    text += " If that is right: docsource sync " + account.name + " --confirm-deletions";
+    text += " " + remedyFor(account, "needs-confirmation");
   }
   return onOneLine(text) + "\n";
 }

@@ -66,6 +66,25 @@ docsource::Result<Account> accountCalled(const std::string& name) {
 
 std::string linkFor(const std::string& name) { return homeDirectory() + "/DocSource/" + name; }
 
+std::string remedyFor(const Account& account, const std::string& state) {
+  const auto command = "docsource sync \"" + account.name + "\"";
+  return state == "needs-confirmation" ? "If that is right: " + command + " --confirm-deletions"
+                                       : "To try again: " + command;
+}
+
+std::vector<std::string> withAllAccounts(const std::vector<std::string>& arguments) {
+  std::vector<std::string> all;
+  for (const auto& argument : arguments) {
+    std::error_code failed;
+    if (!fs::equivalent(argument, homeDirectory() + "/DocSource", failed)) {
+      all.push_back(argument);
+      continue;
+    }
+    for (const auto& account : installedAccounts()) all.push_back(linkFor(account.name));
+  }
+  return all;
+}
+
 std::string familiarPath(const Account& account, const std::string& path) {
   std::error_code failed;
   const auto link = linkFor(account.name);

@@ -28,6 +28,10 @@ docsource::Result<Account> accountCalled(const std::string& name);
 
 /// Where a person finds the documents: ~/DocSource/NAME, a link to the storage.
 std::string linkFor(const std::string& name);
+/// What to do about an account in that state: a sentence with a command in it.
+std::string remedyFor(const Account& account, const std::string& state);
+/// What a person named, with the documents of every account in place of ~/DocSource itself.
+std::vector<std::string> withAllAccounts(const std::vector<std::string>& arguments);
 /// The path of an account's item as a person knows it: through that link, where it leads there.
 std::string familiarPath(const Account& account, const std::string& path);
 /// A sentence with paths in place of file URLs in quotation marks, and with the items of accounts

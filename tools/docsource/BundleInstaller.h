@@ -30,8 +30,8 @@ struct Installation {
 using MayBe = std::function<std::optional<qx::Error>(const qx::Bundle&, const qx::Bundle* before)>;
 qx::Result<Installation> installBundle(const std::string& source, const MayBe& mayBe = {});
 
-/// Takes away every installed bundle of that identifier, broken ones too; returns where they were. Fails when there
-/// is none.
+/// Takes away every installed bundle of that identifier, broken ones too; returns where they were.
+/// Fails when there is none.
 qx::Result<std::vector<std::string>> uninstallBundles(const std::string& identifier);
 
 /// What lies in the folder of a kind: a bundle or what is wrong with it.

@@ -262,8 +262,8 @@ void lookAtAccounts(const Arguments& arguments, Report& report) {
       report.good("account " + account.name, "It is in agreement with " + account.source + ".");
     } else {
       report.wrong("account " + account.name, "It is " + (state ? *state : std::string("silent")) +
-                                                  "." + more + " To try again: docsource sync " +
-                                                  account.name);
+                                                  "." + more + " " +
+                                                  remedyFor(account, state ? *state : ""));
     }
   }
 }

@@ -279,7 +279,7 @@ int forEach(const Arguments& arguments, ItemOperation operation, bool takesLong,
   Outcome outcome(arguments);
   qx::Array array;
   std::uint64_t before = 0, after = 0;
-  for (const auto& subject : arguments.subjects) {
+  for (const auto& subject : withAllAccounts(arguments.subjects)) {
     auto place = placeOf(subject);
     // It is what a link leads to that has content.
     std::error_code leadsNowhere;
@@ -331,7 +331,7 @@ Result<void> belongsToNoAccount(const std::string& path) {
 int status(const Arguments& arguments) {
   Outcome outcome(arguments);
   std::vector<Line> lines;
-  for (const auto& subject : arguments.subjects) {
+  for (const auto& subject : withAllAccounts(arguments.subjects)) {
     const auto place = placeOf(subject);
     if (place) {
       addLines(*place, arguments, lines, outcome);

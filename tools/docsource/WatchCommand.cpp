@@ -147,7 +147,10 @@ class Notifier final : public AccountObserver {
     const bool needsSomebody = state == "unauthorised" || state == "wrong-remote" ||
                                state == "needs-confirmation" || state == "broken";
     if (needsSomebody && state != toldState_) {
-      notify("The account " + account_.name + " needs you", valueOf<std::string>(health, "reason"));
+      const bool isToConfirm = state == "needs-confirmation";
+      notify("The account " + account_.name + " needs you",
+             valueOf<std::string>(health, "reason") +
+                 (isToConfirm ? " " + remedyFor(account_, state) : ""));
     }
     toldState_ = state;
     look();

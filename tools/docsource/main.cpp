@@ -101,6 +101,7 @@ std::string checkTimeout(const std::string& text) {
 /// What the word that stands for an argument means.
 const char* meaningOf(std::string_view subject) {
   if (subject == "URL") return "The document: its path or its file URL";
+  if (subject.starts_with("s3://")) return "The bucket, and where in it the documents begin";
   if (subject == "STRING") return "A bookmarkable string";
   if (subject == "TOKEN") return "A token, as extend-sandbox prints it";
   if (subject == "NAME") return "The account's name";
@@ -250,7 +251,9 @@ void addSubjects(std::string_view subject, CLI::App& entry, Arguments& arguments
   } else {
     const auto space = std::min(subject.find(' '), subject.size());
     option(subject.substr(0, space), arguments.subject)->required();
-    if (space < subject.size()) option(subject.substr(space + 1), arguments.second)->required();
+    if (space == subject.size()) return;
+    auto* const second = option(subject.substr(space + 1), arguments.second)->required();
+    if (subject.ends_with(" URL")) second->description("Their address, https://HOST/PATH");
   }
 }
 
