@@ -63,7 +63,9 @@ class QXConduitListener::State final : public qx::ReactorHandler,
       qx::FileDescriptor socket(
           accept4(socket_.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
       if (socket) {
-        accept(std::move(socket));
+        // What a peer has sent may take its time to be closed (SO_LINGER, socket(7), of a socket
+        // that was handed over): others are accepted meanwhile.
+        if (const auto refused = accept(std::move(socket))) return arm();
       } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
         // Out of descriptors: who waits in the backlog is taken when there are some again.
         DS_LOG("[ERROR] Cannot accept a connection to %@: too many open files.", serviceName_);
@@ -83,7 +85,8 @@ class QXConduitListener::State final : public qx::ReactorHandler,
     if (!stopped_) qx::Reactor::shared().arm(source_, socket_.socket.get(), EPOLLIN);
   }
 
-  void accept(qx::FileDescriptor socket) {
+  /// The connection where it is not served: to be let go of when nobody waits for that.
+  std::shared_ptr<QXConduitConnection> accept(qx::FileDescriptor socket) {
     // Let go after the lock: it may own the listener, and this may be the last reference to it.
     std::shared_ptr<QXConduitListenerDelegate> delegate;
     std::lock_guard accepting(acceptMutex_);
@@ -93,13 +96,15 @@ class QXConduitListener::State final : public qx::ReactorHandler,
     };
     {
       std::lock_guard lock(mutex_);
-      if (stopped_) return;
+      if (stopped_) return connection;
       delegate = delegate_.lock();
       connections_.insert(connection);
     }
-    if (!delegate || !delegate->listener_shouldAcceptNewConnection(*listener_, connection)) {
-      forget(connection);
+    if (delegate && delegate->listener_shouldAcceptNewConnection(*listener_, connection)) {
+      return nullptr;
     }
+    forget(connection);
+    return connection;
   }
 
   void forget(const std::shared_ptr<QXConduitConnection>& connection) {
