@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -58,6 +61,43 @@ TEST_F(Listener, LetsClientsWaitUntilItIsResumed) {
   trial.delegate->refuses = true;
   RawPeer refused = connected();
   EXPECT_TRUE(refused.isClosedByPeer());
+}
+
+/// A socket that whoever closes it last waits for, as long as the other one, which never reads, is
+/// open (SO_LINGER, socket(7)).
+std::pair<qx::FileDescriptor, qx::FileDescriptor> lingering() {
+  const qx::FileDescriptor server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  EXPECT_EQ(bind(server.get(), generic, size), 0);
+  EXPECT_EQ(listen(server.get(), 1), 0);
+  EXPECT_EQ(getsockname(server.get(), generic, &size), 0);
+  qx::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(connect(socket.get(), generic, size), 0);
+  qx::FileDescriptor reader(accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const linger limit{1, 600};
+  EXPECT_EQ(setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &limit, sizeof limit), 0);
+  const std::vector<char> bytes(1 << 20);
+  while (send(socket.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
+  }
+  return {std::move(socket), std::move(reader)};
+}
+
+TEST_F(Listener, AcceptsOthersWhileItClosesWhatARefusedPeerSent) {
+  TrialListener trial(service);
+  RawPeer refused = connected();
+  auto [socket, reader] = lingering();
+  const std::array<std::uint8_t, 1> byte{};
+  refused.sendBytes(byte, {socket.get()});
+  socket.reset();
+  trial.delegate->refuses = true;
+  trial.listener.resume();
+  RawPeer other = connected();
+  EXPECT_TRUE(other.isClosedByPeer());
+  reader.reset();
 }
 
 /// Owns the listener that asks it, as the services do.
