@@ -187,7 +187,7 @@ TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   EXPECT_EQ(read.output, "");
   ask("echo meanwhile > '" + here("meanwhile.txt") + "'");
   refuses("docsource sync Work", "1 to upload");
-  refuses("docsource remove Work", "have not been uploaded");
+  refuses("docsource remove Work", "not been uploaded");
   // Another directory in its place is not it.
   fs::create_directory(origin_);
   refuses("docsource sync Work", "Work: ");
