@@ -303,6 +303,22 @@ void Engine::noteAbsent(Side side, ItemNumber directory, Numbers met) {
   }
 }
 
+/// Whether it was a placeholder whose mark somebody had taken off, or had written another file's
+/// over, and has its own again. What is seen without it has the size and the time of the document
+/// and zeros for its content, and nobody has written to it: that is no edit.
+bool Engine::restoreMark(int directory, const std::string& name, const LocalEntry& entry) {
+  if (entry.kind != Kind::file || entry.isPlaceholder || entry.isHidden) return false;
+  const auto known = knownHere(entry.identity);
+  if (known.empty() || !known.front().here->isPlaceholder || !known.front().agreed) return false;
+  const Node& here = *known.front().here;
+  if (entry.size != here.size || (here.modified && entry.modified != *here.modified)) return false;
+  const auto file = openFile(directory, name, O_RDONLY);
+  if (!file || holdsContent(file.get(), entry.size)) return false;
+  auto shape = shapeOf(*known.front().agreed);
+  if (here.mode) shape.mode = static_cast<unsigned>(*here.mode);
+  return reshape(file.get(), shape, announceFor(known.front().number, nullptr));
+}
+
 void Engine::noteHere(ItemNumber directory, int file, const std::string& name, bool recursive) {
   const Place place{directory, name};
   auto entry = lookAt(file, name);
@@ -312,6 +328,10 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
   }
   if (cleanUp(directory, file, name, *entry)) return;
   if (!entry->kind) return noteGone(Side::here, place);
+  if (restoreMark(file, name, *entry)) {
+    entry = lookAt(file, name);
+    if (!entry) return lookAgain(Side::here, place);
+  }
   if (entry->isHidden) {
     // What it is cannot be told from its mark; what is known of it is believed.
     const auto known = knownHere(entry->identity);

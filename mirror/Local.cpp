@@ -174,6 +174,16 @@ std::optional<LocalEntry> makePlaceholder(int directory, const std::string& name
 
 bool syncFileSystem(int directory) { return ::syncfs(directory) == 0; }
 
+bool holdsContent(int file, std::int64_t size) {
+  if (::lseek(file, 0, SEEK_HOLE) < size) return false;
+  // No block of a file system is larger.
+  constexpr std::int64_t largestBlock = 64 << 10U;
+  if (size > largestBlock) return true;
+  std::string text(static_cast<std::size_t>(size), '\0');
+  return ::pread(file, text.data(), text.size(), 0) != size ||
+         text.find_first_not_of('\0') != std::string::npos;
+}
+
 bool reshape(int file, const Placeholder::Shape& shape, const Announcement& announce) {
   return ok(Placeholder(file).reset(shape, announce));
 }

@@ -64,6 +64,10 @@ std::optional<LocalEntry> makePlaceholder(int directory, const std::string& name
 /// Everything that was done on the file system of the directory is on disk.
 bool syncFileSystem(int directory);
 
+/// Whether there is content in all of a file that may have been a placeholder: no hole, and more
+/// than the zeros that a small one has in its first block.
+bool holdsContent(int file, std::int64_t size);
+
 /// A placeholder gets another shape, and perhaps another inode, which is announced.
 bool reshape(int file, const Placeholder::Shape& shape, const Announcement& announce);
 

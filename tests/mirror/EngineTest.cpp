@@ -260,6 +260,28 @@ TEST_F(EngineTest, ShowsNothingThereThatWasNeverWholeHere) {
   EXPECT_TRUE(read(there("a.txt")) == std::string(size, 'p'));
 }
 
+TEST_F(EngineTest, GivesAPlaceholderItsMarkBackThatSomebodyTook) {
+  const std::string large(100000, 'l');
+  write(there("large"), large);
+  settle();
+  constexpr const char* mark = "user.docsource.placeholder";
+  const std::string another = "placeholder inode:1:1.000000001";
+  for (const char* name : {"a.txt", "large"}) {
+    const auto path = here(name);
+    ASSERT_EQ(::removexattr(path.c_str(), mark), 0);
+    settle();
+    EXPECT_TRUE(isPlaceholder(path));
+    ASSERT_EQ(::setxattr(path.c_str(), mark, another.data(), another.size(), 0), 0);
+    settle();
+    EXPECT_TRUE(isPlaceholder(path));
+  }
+  EXPECT_EQ(read(there("a.txt")), "first");
+  EXPECT_TRUE(read(there("large")) == large);
+  bringIn();
+  EXPECT_EQ(read(here("a.txt")), "first");
+  EXPECT_TRUE(read(here("large")) == large);
+}
+
 TEST_F(EngineTest, TakesTheSizeThatAProgramGaveToAPlaceholder) {
   fs::resize_file(here("a.txt"), 2);
   fs::resize_file(here("d/e/b.txt"), 8);
