@@ -329,6 +329,7 @@ bool Engine::haveParent(Lock& lock, Side side, ItemNumber parent) {
   if (item->agreed) change(parent, [](Item& revived) { revived.agreed.reset(); });
   item = items_->load(parent);
   if (!item || has(item)) return item.has_value();
+  if (!(side == Side::here ? item->there : item->here)) return false;
   if (side == Side::here) {
     newThere(lock, *item);
   } else {
