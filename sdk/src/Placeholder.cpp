@@ -360,9 +360,13 @@ class PlaceholderWriter::Target {
     }
     if (auto exchanged = replacement_->exchange(); !exchanged) return exchanged;
     if (!shape_.mode) {
-      // Its mark can be read now that it is nobody's document any more.
-      ::chmod(mark::descriptorPath(old_).c_str(), S_IRUSR);
-      const auto mark = mark::read(old_);
+      // Its mark can be read now that it is nobody's document any more, unless platformd hides it
+      // again.
+      mark::Mark mark;
+      for (int attempt = 0; attempt == 0 || (mark.isHidden && attempt < 100); ++attempt) {
+        ::chmod(mark::descriptorPath(old_).c_str(), S_IRUSR);
+        mark = mark::read(old_);
+      }
       if (mark.state == PlaceholderState::present) {
         ::chmod(mark::descriptorPath(old_).c_str(), 0);
         if (auto undone = replacement_->undo(); !undone) return undone;

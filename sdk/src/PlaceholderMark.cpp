@@ -51,7 +51,9 @@ Mark read(int file) {
   const auto path = descriptorPath(file);
   const auto value = valueOf(path, attribute);
   if (!value) {
-    const bool isHidden = errno == EACCES && (status.st_mode & permissions) == 0;
+    // It may have been hidden since it was looked at.
+    const bool isHidden =
+        errno == EACCES && ::fstat(file, &status) == 0 && (status.st_mode & permissions) == 0;
     return {isHidden ? PlaceholderState::placeholder : PlaceholderState::present, std::nullopt,
             std::nullopt, isHidden};
   }
