@@ -318,6 +318,9 @@ class Engine {
   /// Items whose two contents were compared and are different: which two.
   std::map<ItemNumber, std::string> different_;
   std::map<ItemNumber, std::shared_ptr<Transfer>> busy_;
+  /// Places here of documents that are being filled. What is written there is looked at when that
+  /// has ended: to note each piece would have the disk waited for each time.
+  std::multiset<Key> filling_;
   std::uint64_t transfersBegun_ = 0;
   /// Of items as status() tells of them; the root stands for the mirror as health() does.
   ChangeJournal changes_;

@@ -404,6 +404,8 @@ void Engine::takeEvents() {
     const auto watched = watched_.find(event.watch);
     if (watched == watched_.end() || event.name.empty()) continue;
     const ItemNumber directory = watched->second;
+    const bool isSameFile = !(event.mask & (IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO));
+    if (isSameFile && filling_.contains({directory, event.name})) continue;
     here_.names.emplace(directory, event.name);
     if (event.mask & IN_MOVED_FROM) {
       wentAway_.emplace(directory, event.name);

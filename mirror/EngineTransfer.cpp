@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include "mirror/Engine.h"
 #include "mirror/Parts.h"
@@ -134,6 +135,10 @@ std::shared_ptr<Engine::Transfer> Engine::begin(const Item& item, bool isUpload,
 
 void Engine::end(const std::shared_ptr<Transfer>& transfer) {
   busy_.erase(transfer->number);
+  if (const auto place = std::exchange(transfer->filled, std::nullopt)) {
+    filling_.erase(filling_.find({place->parent, place->name}));
+    lookAgain(Side::here, *place);
+  }
   changes_.note(transfer->number);
   changed_.notify_all();
 }
@@ -411,6 +416,10 @@ Result<void> Engine::fill(const std::shared_ptr<Transfer>& transfer) {
     });
     if (!item) return item.error();
     if (!item->here->isPlaceholder) return {};
+    if (!transfer->filled) {
+      transfer->filled = item->here->place;
+      filling_.emplace(item->here->place.parent, item->here->place.name);
+    }
     lock.unlock();
     result = fillOnce(transfer, *item);
     if (result) return {};

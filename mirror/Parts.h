@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <type_traits>
 
@@ -21,6 +22,8 @@ struct Engine::Transfer {
   ItemNumber number = 0;
   std::uint64_t order = 0;
   bool isUpload = false;
+  /// Where the document is that it fills, once it does; guarded by the engine's mutex.
+  std::optional<Place> filled;
   std::atomic<std::uint64_t> done = 0;
   std::atomic<std::uint64_t> total = 0;
   std::atomic<bool> isCancelled = false;
