@@ -354,10 +354,8 @@ Result<void> Engine::evict(const std::string& path) {
     if (!item.agreed || !item.there || (!hasParts && item.here->version != item.agreedHere)) {
       return busy("it has not been uploaded yet");
     }
-    auto shape = shapeOf(*item.agreed);
-    if (item.here->mode) shape.mode = static_cast<unsigned>(*item.here->mode);
     Node now;
-    if (reshapeHere(item, shape, now)) {
+    if (reshapeHere(item, shapeOf(*item.agreed, *item.here), now)) {
       wake_();
       return busy("a program has it open, or has changed it");
     }

@@ -190,6 +190,7 @@ class Engine {
   Outcome goneHere(Lock& lock, const Item& item);
   Outcome both(Lock& lock, Item item);
   Outcome attributes(Lock& lock, Item item);
+  Outcome cover(const Item& item);
   Outcome moveHere(Lock& lock, const Item& item);
   Outcome moveThere(Lock& lock, const Item& item);
   Outcome refresh(const Item& item);

@@ -37,7 +37,8 @@ bool isSameEntry(const Node& known, const Node& seen) {
 
 bool isUnchanged(const Node& known, const Node& seen) {
   return known.version == seen.version && known.mode == seen.mode && known.size == seen.size &&
-         known.modified == seen.modified && known.isPlaceholder == seen.isPlaceholder;
+         known.modified == seen.modified && known.isPlaceholder == seen.isPlaceholder &&
+         known.isExposed == seen.isExposed;
 }
 
 bool isNothing(const std::optional<Item>& item) {
@@ -55,6 +56,7 @@ Node Engine::nodeHere(Place place, const LocalEntry& entry) const {
   node.size = entry.size;
   node.mode = entry.mode;
   node.isPlaceholder = entry.isPlaceholder;
+  node.isExposed = entry.isExposed;
   // While content is being brought in, the time is that of the last piece.
   if (node.kind == Kind::file && !entry.isProviding) node.modified = entry.modified;
   return node;

@@ -896,6 +896,7 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
     });
     return Outcome::again;
   }
+  if (item.here->isExposed) return cover(item);
   const bool isChangedHere = isContentChangedHere(item);
   const bool isChangedThere = isContentChangedThere(item);
   if (isChangedHere) {
@@ -917,6 +918,19 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
     return download(lock, item);
   }
   return attributes(lock, std::move(item));
+}
+
+/// What somebody has done to a placeholder's permissions was meant for the document: they are
+/// noted, and the placeholder has none again, so that nobody reads its zeros.
+Engine::Outcome Engine::cover(const Item& item) {
+  Node now;
+  if (const auto first = reshapeHere(item, shapeOf(*item.here), now)) return *first;
+  change(item.number, [&](Item& covered) {
+    if (!covered.here) return;
+    now.place = covered.here->place;
+    covered.here = now;
+  });
+  return Outcome::again;
 }
 
 /// Permissions and times of a document or directory whose content both agree on.
@@ -1189,11 +1203,8 @@ bool Engine::leaveToOtherNames(const Item& item) {
 /// The remote has another content, here nothing was changed: a placeholder of the new one.
 Engine::Outcome Engine::refresh(const Item& item) {
   const Node there = *item.there;
-  auto shape = shapeOf(there);
-  // Permissions that were changed here are carried afterwards.
-  if (item.here->mode) shape.mode = static_cast<unsigned>(*item.here->mode);
   Node now;
-  if (const auto first = reshapeHere(item, shape, now)) {
+  if (const auto first = reshapeHere(item, shapeOf(there, *item.here), now)) {
     return leaveToOtherNames(item) ? Outcome::again : *first;
   }
   change(item.number, [&](Item& changed) {

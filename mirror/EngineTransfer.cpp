@@ -561,9 +561,11 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   const auto& path = opened->second;
   transfer->done = 0;
   transfer->total = wanted;
-  auto shape = shapeOf(*item.agreed);
-  // A program has given the placeholder another size: it gets what there is, in that size.
+  auto shape = shapeOf(*item.agreed, *item.here);
   const auto before = lookAtFile(file.get());
+  if (before && before->isPlaceholder && !before->isHidden)
+    shape.mode = static_cast<unsigned>(before->mode);
+  // A program has given the placeholder another size: it gets what there is, in that size.
   if (before && before->isPlaceholder && !before->isProviding &&
       before->size != item.agreed->size) {
     shape.size = static_cast<std::uint64_t>(before->size);

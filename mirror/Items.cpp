@@ -44,6 +44,10 @@ constexpr const char* schema =
     " VALUES (1, 0, '', 2, '', '', 0, '', 2, '', '', 0, '', 2, '', '', 0)";
 
 constexpr int nodeColumns = 9;
+/// In herePlaceholder.
+constexpr std::int64_t present = 0;
+constexpr std::int64_t placeholder = 1;
+constexpr std::int64_t exposed = 2;
 constexpr const char* removal =
     "agreedKind IS NOT NULL AND (hereKind IS NULL OR thereKind IS NULL)";
 
@@ -57,7 +61,8 @@ std::optional<Node> readNode(const Statement& row, int first) {
   node.size = row.integer(first + 5);
   if (!row.isNull(first + 6)) node.modified = row.integer(first + 6);
   if (!row.isNull(first + 7)) node.mode = row.integer(first + 7);
-  node.isPlaceholder = row.integer(first + 8) != 0;
+  node.isPlaceholder = row.integer(first + 8) != present;
+  node.isExposed = row.integer(first + 8) == exposed;
   return node;
 }
 
@@ -69,7 +74,7 @@ void bindNode(Statement& statement, const std::optional<Node>& node) {
   statement.bind(node->place.parent).bind(node->place.name);
   statement.bind(static_cast<std::int64_t>(node->kind)).bind(node->identity).bind(node->version);
   statement.bind(node->size).bind(node->modified).bind(node->mode);
-  statement.bind(static_cast<std::int64_t>(node->isPlaceholder));
+  statement.bind(!node->isPlaceholder ? present : node->isExposed ? exposed : placeholder);
 }
 
 std::string column(Side side, const char* name) {

@@ -47,6 +47,8 @@ struct Node {
   std::optional<std::int64_t> mode;
   /// Here only.
   bool isPlaceholder = false;
+  /// A placeholder that somebody gave permissions where nobody guards it; `mode` has them.
+  bool isExposed = false;
 };
 
 /// One document or directory in the three trees: what is here, what is there, and what both last

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "platform/coordination/CoordinationState.h"
 #include "platform/files/InodeMark.h"
 #include "platform/identity/PlaceholderMark.h"
 
@@ -55,6 +56,12 @@ bool counts(std::string_view mark, const struct statx& status, const qx::InodeNa
   return status.stx_blocks * blockUnit < status.stx_size;
 }
 
+/// Whether nobody keeps readers of placeholders waiting, as far as is known.
+bool isUnguarded() {
+  const auto mechanism = qx::readCoordinationMechanism();
+  return !mechanism || *mechanism == qx::CoordinationMechanism::cooperative;
+}
+
 std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   constexpr unsigned wanted = STATX_BASIC_STATS | STATX_BTIME;
   struct statx status {};
@@ -85,13 +92,14 @@ std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   if (size >= 0) {
     const std::string_view text(mark.data(), static_cast<std::size_t>(size));
     entry.isPlaceholder = counts(text, status, inode);
+    entry.isProviding = entry.isPlaceholder && text.starts_with("providing ");
     if (entry.isPlaceholder) {
       const auto mode = qx::modeIn(text);
-      if (mode) entry.mode = *mode & 0777U;
+      entry.isExposed = mode && entry.mode != 0 && !entry.isProviding && isUnguarded();
+      if (mode && !entry.isExposed) entry.mode = *mode & 0777U;
       // Of one that platformd has hidden, root can read the mark, which does not say the mode.
       entry.isHidden = !mode && entry.mode == 0;
     }
-    entry.isProviding = entry.isPlaceholder && text.starts_with("providing ");
   } else if (errno == EACCES) {
     entry.isHidden = true;
   } else if (errno != ENODATA && errno != EOPNOTSUPP) {
@@ -234,6 +242,13 @@ Placeholder::Shape shapeOf(const Node& node) {
   return {static_cast<std::uint64_t>(node.size),
           Placeholder::Time(std::chrono::nanoseconds(node.modified.value_or(0))), std::nullopt,
           node.mode ? std::optional(static_cast<unsigned>(*node.mode)) : std::nullopt};
+}
+
+Placeholder::Shape shapeOf(const Node& content, const Node& here) {
+  auto shape = shapeOf(content);
+  // None is what a hidden placeholder has of which nobody knows any.
+  if (here.mode.value_or(0) != 0) shape.mode = static_cast<unsigned>(*here.mode);
+  return shape;
 }
 
 std::string nameBeside(const std::string& name, const std::string& what, int attempt) {

@@ -28,6 +28,8 @@ struct LocalEntry {
   bool isPlaceholder = false;
   /// A placeholder that is being filled, or was when whoever filled it ended.
   bool isProviding = false;
+  /// A placeholder that somebody gave permissions where nobody guards it; `mode` has them.
+  bool isExposed = false;
   /// Nobody's to read, so that it is not known whether it is a placeholder.
   bool isHidden = false;
 };
@@ -100,6 +102,8 @@ bool isBeingWritten(int file);
 bool isOpenElsewhere(int file);
 
 Placeholder::Shape shapeOf(const Node& node);
+/// With the permissions of what is here: those that were changed here are carried afterwards.
+Placeholder::Shape shapeOf(const Node& content, const Node& here);
 
 /// The name with " (`what`)" before its last extension, and a number from the second attempt on, of
 /// at most 255 bytes.

@@ -293,9 +293,9 @@ Result<void> Placeholder::adapt(const Announcement& announce) const {
 class PlaceholderWriter::Target {
  public:
   Target(Access access, const Placeholder::Shape& shape)
-      : access_(std::move(access)), shape_(shape) {}
+      : access_(std::move(access)), shape_(shape), modeBefore_(modeNow()) {}
   Target(Replacement replacement, int old, const Placeholder::Shape& shape)
-      : replacement_(std::move(replacement)), old_(old), shape_(shape) {}
+      : replacement_(std::move(replacement)), old_(old), shape_(shape), modeBefore_(modeNow()) {}
   ~Target() {
     if (isDone_ || !access_) return;
     if (parts_ && !parts_->isEmpty()) {
@@ -337,9 +337,16 @@ class PlaceholderWriter::Target {
   }
 
  private:
-  /// Of the document, as far as it is known.
+  /// Of the document, as far as it is known: what somebody has given it while it was filled.
   mode_t mode(const Placeholder::Shape& shape) const {
+    const auto now = modeNow();
+    if (now != 0 && now != modeBefore_) return now;
     return static_cast<mode_t>(shape.mode.value_or(shape_.mode.value_or(usualMode)));
+  }
+  /// Of the placeholder.
+  mode_t modeNow() const {
+    struct stat status {};
+    return ::fstat(access_ ? file() : old_, &status) == 0 ? status.st_mode & permissions : 0;
   }
 
   Result<void> finishInPlace(const Placeholder::Shape& shape) {
@@ -382,6 +389,7 @@ class PlaceholderWriter::Target {
   std::optional<Replacement> replacement_;
   int old_ = -1;
   Placeholder::Shape shape_;
+  mode_t modeBefore_ = 0;
   std::optional<qx::ByteRanges> parts_;  // that the mark tells of
   bool isDone_ = false;
 };

@@ -249,8 +249,6 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
       return;
     case 13:
       if (!fs::exists(status) || fs::is_symlink(status)) return;
-      // A placeholder that is hidden keeps its own.
-      if (isPlaceholder(path)) return;
       label("chmod");
       ::chmod(path.c_str(), isDirectory ? (chance(50) ? 0700 : 0755) : (chance(50) ? 0600 : 0640));
       return;

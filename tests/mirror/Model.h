@@ -144,10 +144,7 @@ class Model {
   std::string compare();
   static std::string trees(Machine& machine);
   std::string rest();
-  void say(const std::string& line) {
-    trace_.push_back(line);
-    if (getenv("MT")) fprintf(stderr, "%s\n", line.c_str());
-  }
+  void say(const std::string& line) { trace_.push_back(line); }
   std::string relative(const std::string& path) const;
 
   const OrdinaryUser user_;
