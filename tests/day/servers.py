@@ -1,5 +1,6 @@
 """Accounts of two machines at one server, which is killed, started again, slowed and filled while they
 are used, and to which the line breaks."""
+import hashlib
 import json
 import os
 import random
@@ -7,7 +8,7 @@ import subprocess
 import threading
 
 import people
-from book import tree
+from book import digest, tree
 from people import IS_ROOT, as_root, run
 from world import World, children
 
@@ -53,7 +54,7 @@ class Server:
 
     def end_process(self):
         self.process.stdin.close()
-        self.process.wait(30)
+        self.process.wait(180)
 
     def tell_line(self, **settings):
         self.line.stdin.write(json.dumps(settings) + "\n")
@@ -71,6 +72,36 @@ class Server:
     def empty(self):
         if os.path.exists(f"{self.place}/full"):
             os.unlink(f"{self.place}/full")
+
+    def damage(self):
+        """What s3rver has damaged of its own, as its disk shows while it does not run: objects whose
+        notes are empty, and objects that it began to write and did not end, which have no digest or
+        another one. It answers an upload only after both are written, so whoever sent such an object
+        was not told that it is there, and has it still."""
+        notes, torn = [], []
+        for directory, _, names in os.walk(f"{self.place}/files") if self.kind == "s3rver" else ():
+            for name in names:
+                path = f"{directory}/{name}"
+                if name.endswith("._S3rver_metadata.json") and os.path.getsize(path) == 0:
+                    notes.append(path)
+                elif name.endswith("._S3rver_object"):
+                    known = open(f"{path}.md5").read() if os.path.exists(f"{path}.md5") else ""
+                    with open(path, "rb") as file:
+                        if "-" not in known and hashlib.md5(file.read()).hexdigest() != known:
+                            torn.append(path)
+        return notes, torn
+
+    def mend(self):
+        """As whoever looks after the store would: what is half goes, and empty notes become notes of nothing."""
+        notes, torn = self.damage()
+        for path in notes:
+            with open(path, "w") as file:
+                file.write("{}")
+        for path in torn:
+            for ending in ("._S3rver_object", "._S3rver_object.md5", "._S3rver_metadata.json"):
+                if os.path.exists(path.removesuffix("._S3rver_object") + ending):
+                    os.unlink(path.removesuffix("._S3rver_object") + ending)
+        return len(notes), len(torn)
 
     def end(self):
         self.line.stdin.close()
@@ -118,6 +149,8 @@ class Trouble:
     def __init__(self, server, worlds, seed):
         self.server, self.worlds, self.random = server, worlds, random.Random(seed)
         self.victims = {}
+        # What the store was seen to have kept half, by its own fault.
+        self.torn = set()
 
     def __enter__(self):
         self.stop, self.problem = threading.Event(), None
@@ -130,6 +163,17 @@ class Trouble:
         self.thread.join()
         if self.problem:
             raise self.problem
+        if self.server.kind == "s3rver":
+            as_root(self.server.kill)
+            as_root(self.note_damage)
+            lost, halves = as_root(self.server.mend)
+            self.victims["the store's own: notes lost"], self.victims["the store's own: objects kept half"] = lost, halves
+            as_root(self.server.start)
+
+    def note_damage(self):
+        for path in self.server.damage()[1]:
+            with open(path, "rb") as file:
+                self.torn.add(digest(file.read()))
 
     def _work(self):
         try:
@@ -142,6 +186,7 @@ class Trouble:
 
     def restart(self):
         as_root(self.server.kill)
+        as_root(self.note_damage)
         self.stop.wait(self.random.uniform(0, 10))
         as_root(self.server.start)
 
@@ -157,15 +202,19 @@ class Trouble:
         self.for_a_while(delay=self.random.choice([0.05, 0.5, 2]))
 
     def broken(self):
-        kinds = ["reset", 500, 502, 503, 429, {"cut": self.random.randrange(1, 300)}]
+        kinds = ["reset", 500, 502, 503, 429, "repeat", {"cut": self.random.randrange(1, 300)},
+                 {"corrupt": self.random.randrange(2000)}]
         self.for_a_while(faults=[self.random.choice(kinds) for _ in range(self.random.randrange(1, 30))])
 
     def full(self):
         if self.server.is_small:
             as_root(self.server.fill)
             self.stop.wait(self.random.uniform(2, 20))
+            if self.server.kind == "s3rver":
+                as_root(self.server.kill)
+                as_root(self.note_damage)
             as_root(self.server.empty)
-            as_root(self.server.revive)
+            as_root(self.server.start if self.server.kind == "s3rver" else self.server.revive)
 
     def killed(self):
         self.random.choice(self.worlds).kill("account")

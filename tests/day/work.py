@@ -430,6 +430,7 @@ def same_by_programs(world, top, expected):
 def day(worlds, base, seed, seconds, killer, workers=2, pause=0.2):
     """The findings and what was done. Somebody works right at an origin that is a directory."""
     shadow, book = f"{base}/expected", Book()
+    book.torn = getattr(killer, "torn", book.torn)
     shared, desks, ended = Shared(book), [], threading.Event()
     pool = people.people(len(worlds) * workers + 2)
     origin = worlds[0].origin

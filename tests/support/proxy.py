@@ -9,8 +9,10 @@ set, and the line is answered with how many bytes of answers were passed on sinc
     delay    so many seconds pass before a request is passed on
     rate     so many bytes of answers a second, on each connection
     faults   what becomes of the requests to come, one each: "reset", a status (503, with a body and
-             Retry-After: 0), or an object with "cut": the connection is reset after so many bytes of
-             the answer
+             Retry-After: 0), "repeat": the server gets it twice and its second answer is passed on, or an
+             object with "cut": the connection is reset after so many bytes of the answer, or with
+             "corrupt": some bytes of the answer from there on are no characters; of a document only of
+             what comes before it. null is no fault
 
 Ends with standard input.
 """
@@ -26,7 +28,7 @@ def reset(connection):
     connection.close()
 
 
-def answers(server, client, limit):
+def answers(server, client, limit, damage):
     """Passes answers on until either side ends."""
     due = time.monotonic()
     try:
@@ -38,6 +40,10 @@ def answers(server, client, limit):
             if rate:
                 due = max(due, time.monotonic() - 0.05) + len(piece) / rate
                 time.sleep(max(0, due - time.monotonic()))
+            if damage[0] is not None:
+                if damage[0] < len(piece):
+                    piece = piece[:damage[0]] + bytes(min(8, len(piece) - damage[0])) + piece[damage[0] + 8:]
+                damage[0] = damage[0] - len(piece) if damage[0] >= len(piece) else None
             if limit[0] is not None:
                 piece = piece[:limit[0]]
                 limit[0] -= len(piece)
@@ -55,12 +61,27 @@ def answers(server, client, limit):
             pass
 
 
+def repeat(piece, client, port):
+    """Has the server do what the request says once before, and forgets the answer. All of the request."""
+    head = piece.partition(b"\r\n\r\n")[0].lower()
+    if b"\nexpect:" in head:
+        return piece  # its content has not been sent yet
+    length = next((int(line[15:]) for line in head.split(b"\r\n") if line.startswith(b"content-length:")), 0)
+    while len(piece) < len(head) + 4 + length and (more := client.recv(262144)):
+        piece += more
+    with socket.create_connection(("127.0.0.1", port)) as first:
+        first.sendall(piece.replace(b"\r\n", b"\r\nConnection: close\r\n", 1))
+        while first.recv(262144):
+            pass
+    return piece
+
+
 def serve(client, port):
     client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
     server = socket.create_connection(("127.0.0.1", port))
     server.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    limit = [None]
-    threading.Thread(target=answers, args=(server, client, limit), daemon=True).start()
+    limit, damage = [None], [None]
+    threading.Thread(target=answers, args=(server, client, limit, damage), daemon=True).start()
     methods = (b"GET ", b"PUT ", b"POST ", b"HEAD ", b"DELETE ", b"OPTIONS ", b"PROPFIND ", b"MKCOL ",
                b"MOVE ", b"COPY ", b"PROPPATCH ")
     try:
@@ -76,7 +97,12 @@ def serve(client, port):
                     client.sendall(b"HTTP/1.1 %d Tired\r\nRetry-After: 0\r\nContent-Type: text/html\r\n"
                                    b"Connection: close\r\nContent-Length: %d\r\n\r\n" % (fault, len(text)) + text)
                     break
-                if fault:
+                if fault == "repeat":
+                    piece = repeat(piece, client, port)
+                elif fault and "corrupt" in fault:
+                    is_listing = piece.startswith(b"PROPFIND ") or b"list-type=" in piece.partition(b"\r\n")[0]
+                    damage[0] = fault["corrupt"] if is_listing else fault["corrupt"] % 100
+                elif fault:
                     limit[0] = fault["cut"]
             server.sendall(piece)
     except OSError:
