@@ -219,6 +219,8 @@ bool Engine::step() {
     bool hasDone = observeHere(lock);
     hasDone = observeThere(lock) || hasDone;
     hasDone = settleDue(lock) || hasDone;
+    hasDone = bringAhead(lock) || hasDone;
+    hasDone = giveBack() || hasDone;
     const bool isLeft = !here_.isEmpty() || (!there_.isEmpty() && !isInTrouble());
     changed_.notify_all();
     return hasDone || isLeft;
@@ -230,6 +232,7 @@ std::optional<std::int64_t> Engine::idleFor() {
   if (broken_) return whileBroken;
   return guarded([&]() -> std::optional<std::int64_t> {
     auto next = items_->nextDue(heldBack());
+    if (options_.keep) next = std::min(next.value_or(giveBackAt_), giveBackAt_);
     const auto look = isInTrouble() ? troubleUntil_ : shallLookThere_ ? now() : lookThereAt_;
     next = std::min({next.value_or(look), look, lookHereAt_});
     for (const Side side : {Side::here, Side::there}) {
@@ -298,6 +301,7 @@ Result<void> Engine::provide(const std::string& path) {
       if (!item->agreed || !item->there) {
         return remoteError(RemoteProblem::notFound, "The document is not at its remote any more.");
       }
+      noteReader(*item);
       auto transfer = begin(*item, false, item->agreed->size);
       lock.unlock();
       auto filled = fill(transfer);
@@ -328,7 +332,7 @@ Result<void> Engine::evict(const std::string& path) {
     observeHere(lock);
     const auto found = find(lock, path);
     if (!found) return found.error();
-    Item item = *found;
+    const Item& item = *found;
     if (!item.here) return Error::file(ENOENT, path);
     if (item.here->kind == Kind::directory) {
       std::optional<Error> first;
@@ -341,35 +345,7 @@ Result<void> Engine::evict(const std::string& path) {
       }
       return first ? Result<void>(*first) : Result<void>();
     }
-    const bool hasParts =
-        item.here->isPlaceholder && items_->fact(partsFact + item.here->identity).has_value();
-    if (item.here->isPlaceholder && !hasParts) return {};
-    const auto busy = [&](const char* why) {
-      return Error(std::string(posixErrorDomain), EBUSY,
-                   "The content of " + path + " is kept, as " + why + ".");
-    };
-    if (item.here->kind == Kind::link) return busy("it is a second name of a document");
-    if (isPinned(item)) return busy("it is pinned (docsource unpin)");
-    if (isBusy(item.number)) return busy("it is being transferred");
-    if (!item.agreed || !item.there || (!hasParts && item.here->version != item.agreedHere)) {
-      return busy("it has not been uploaded yet");
-    }
-    Node now;
-    if (reshapeHere(item, shapeOf(*item.agreed, *item.here), now)) {
-      wake_();
-      return busy("a program has it open, or has changed it");
-    }
-    items_->forgetFact(partsFact + item.here->identity);
-    change(item.number, [&](Item& evicted) {
-      if (!evicted.here) return;
-      now.place = evicted.here->place;
-      evicted.here = now;
-      evicted.agreedHere.reset();
-      evicted.hash.reset();
-      evicted.isWanted = false;
-      evicted.due = this->now();
-    });
-    return {};
+    return evictFile(item, path);
   });
 }
 

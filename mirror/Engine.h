@@ -243,6 +243,15 @@ class Engine {
   Result<std::string> hashThere(const std::string& path, const std::string& version,
                                 Transfer& transfer);
 
+  // EngineSpace.cpp
+  Result<void> evictFile(const Item& item, const std::string& path);
+  bool giveBack();
+  void noteReader(const Item& item);
+  bool bringAhead(Lock& lock);
+  Numbers documentsAfter(const Item& item, ItemNumber top, std::size_t most);
+  bool collectBelow(ItemNumber directory, const std::string& after, std::size_t most,
+                    std::size_t& looks, Numbers& found);
+
   // Engine.cpp
   std::int64_t now() const;
   void change(ItemNumber number, const std::function<void(Item&)>& edit);
@@ -322,6 +331,21 @@ class Engine {
   /// Places here of documents that are being filled. What is written there is looked at when that
   /// has ended: to note each piece would have the disk waited for each time.
   std::multiset<Key> filling_;
+  /// A program that goes through a tree reading small documents: the directory that all of them lie
+  /// in, when it waited for one the last time, and how many are brought in ahead of it at a time.
+  struct Walk {
+    ItemNumber top = 0;
+    std::int64_t at = 0;
+    std::size_t ahead = 0;
+  };
+  Walk walk_;
+  /// Documents that it may want next, and those of them that are on their way.
+  std::deque<ItemNumber> ahead_;
+  unsigned aheadUnderWay_ = 0;
+  /// When it is looked next whether there is more content here than may be, and what has come so
+  /// lately that it stays for now, by the time of its coming.
+  std::int64_t giveBackAt_ = 0;
+  std::map<ItemNumber, std::int64_t> arrived_;
   std::uint64_t transfersBegun_ = 0;
   /// Of items as status() tells of them; the root stands for the mirror as health() does.
   ChangeJournal changes_;

@@ -316,9 +316,8 @@ bool Engine::restoreMark(int directory, const std::string& name, const LocalEntr
   if (entry.size != here.size || (here.modified && entry.modified != *here.modified)) return false;
   const auto file = openFile(directory, name, O_RDONLY);
   if (!file || holdsContent(file.get(), entry.size)) return false;
-  auto shape = shapeOf(*known.front().agreed);
-  if (here.mode) shape.mode = static_cast<unsigned>(*here.mode);
-  return reshape(file.get(), shape, announceFor(known.front().number, nullptr));
+  return reshape(file.get(), shapeOf(*known.front().agreed, here),
+                 announceFor(known.front().number, nullptr));
 }
 
 void Engine::noteHere(ItemNumber directory, int file, const std::string& name, bool recursive) {

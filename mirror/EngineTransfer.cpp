@@ -607,6 +607,7 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
       filled.agreedHere = isWhole ? std::optional(now->version) : std::nullopt;
       filled.hash = hash;
       filled.isWanted = false;
+      if (options_.keep) arrived_[filled.number] = this->now();
       filled.tries = 0;
       filled.reason.reset();
       filled.due = this->now();

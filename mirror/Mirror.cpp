@@ -22,7 +22,7 @@ class Mirror::Implementation {
  public:
   Implementation(MirrorOptions options, std::unique_ptr<Remote> remote)
       : remote_(std::move(remote)),
-        transfers_(options.transfers),
+        transfers_(options.transfers + options.transfersAhead),
         engine_(
             std::move(options), *remote_,
             [this](std::function<void()> work) { execute(std::move(work)); }, [this] { wake(); }) {}

@@ -34,6 +34,11 @@ struct MirrorOptions {
   /// Uploads and downloads that the mirror begins itself, at a time. Downloads that somebody waits
   /// for come on top, each on the thread that waits.
   unsigned transfers = 4;
+  /// Small documents that are brought in because a program goes through their directory, at a time.
+  unsigned transfersAhead = 12;
+  /// So many bytes of content may be here. What is more is given back, that first which was not
+  /// read for longest; never what is pinned, changed or open. Absent: nothing is given back.
+  std::optional<std::uint64_t> keep;
 };
 
 enum class MirrorItemState {

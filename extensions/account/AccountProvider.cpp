@@ -2,10 +2,11 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <cstdio>
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "sdk/src/Bridge.h"
@@ -35,6 +36,9 @@ Result<std::shared_ptr<Mirror>> AccountProvider::mirror() {
   options.storage = *documentStorage();
   options.state = options.storage.substr(0, options.storage.rfind('/')) + "/Mirror";
   options.host = hostName();
+  if (const auto keep = infoString(account::keepKey)) {
+    options.keep = std::strtoull(keep->c_str(), nullptr, 10);
+  }
   auto made = std::make_shared<Mirror>(std::move(options), *std::move(remote));
   if (auto started = made->start(); !started) return started.error();
   auto service = AccountService::serve(identifier(), made);

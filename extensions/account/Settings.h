@@ -32,6 +32,17 @@ inline constexpr const char* clientCertificateKey = "DocSourceAccountClientCerti
 inline constexpr const char* clientKeyKey = "DocSourceAccountClientKey";
 inline constexpr const char* proxyKey = "DocSourceAccountProxy";
 
+/// What somebody who has logged in on a page of the server is known by from then on.
+struct Login {
+  /// Of the documents.
+  std::string url;
+  std::string user;
+  std::string password;
+};
+
+/// How many bytes of content an account keeps here; what is more is given back by itself.
+inline constexpr const char* keepKey = "DocSourceAccountKeep";
+
 /// Of S3: the address of the store and its region.
 inline constexpr const char* endpointKey = "DocSourceAccountEndpoint";
 inline constexpr const char* regionKey = "DocSourceAccountRegion";
