@@ -12,31 +12,51 @@
 namespace account {
 namespace {
 
-docsource::Result<std::string> tryOut(const AccountProvider::MakeRemote& makeRemote) {
+docsource::Result<Settings> settingsFromInput() {
   const auto list = qx::PropertyList::read(std::cin);
   if (!list) return docsource::bridge::fromPlatform(list.error());
   const auto* settings = list->as<qx::Dictionary>();
   if (!settings) return docsource::Error::posix(EINVAL, "The settings are no dictionary.");
-  const auto remote = makeRemote([&](const std::string& key) {
-    const auto* value = qx::find<std::string>(*settings, key);
+  return Settings([settings = *settings](const std::string& key) {
+    const auto* value = qx::find<std::string>(settings, key);
     return value ? std::optional(*value) : std::nullopt;
   });
+}
+
+docsource::Result<std::string> tryOut(const AccountProvider::MakeRemote& makeRemote) {
+  const auto setting = settingsFromInput();
+  if (!setting) return setting.error();
+  const auto remote = makeRemote(*setting);
   if (!remote) return remote.error();
   const auto identity = (*remote)->identity(false);
   if (!identity) return identity.error();
   // Servers could; of a directory nobody expects it.
-  const bool isServer = settings->contains(urlKey);
+  const bool isServer = (*setting)(urlKey).has_value();
   if (!isServer || (*remote)->capabilities().conditions) return std::string();
   return std::string(
       "It does not compare versions itself: what somebody else changes there in the moment of an "
       "upload is overwritten (docs/servers.md).");
 }
 
+docsource::Result<std::string> logInByPage(const LogIn& logIn) {
+  const auto setting = settingsFromInput();
+  if (!setting) return setting.error();
+  const auto login = logIn(*setting, [](const std::string& page) {
+    std::printf("%s\n", page.c_str());
+    std::fflush(stdout);
+  });
+  if (!login) return login.error();
+  return login->url + "\n" + login->user + "\n" + login->password;
+}
+
 }  // namespace
 
-int runProgram(int argc, char** argv, const AccountProvider::MakeRemote& makeRemote) {
-  if (argc < 2 || std::string_view(argv[1]) != "--try") return AccountProvider(makeRemote).run();
-  const auto outcome = tryOut(makeRemote);
+int runProgram(int argc, char** argv, const AccountProvider::MakeRemote& makeRemote,
+               const LogIn& logIn) {
+  const std::string_view asked = argc < 2 ? "" : argv[1];
+  const bool isLogin = asked == "--login" && logIn;
+  if (asked != "--try" && !isLogin) return AccountProvider(makeRemote).run();
+  const auto outcome = isLogin ? logInByPage(logIn) : tryOut(makeRemote);
   const auto text = outcome ? *outcome : outcome.error().description();
   if (!text.empty()) std::printf("%s\n", text.c_str());
   return outcome && std::fflush(stdout) == 0 ? 0 : 1;

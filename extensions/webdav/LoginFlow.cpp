@@ -56,12 +56,13 @@ Error strange(const std::string& what) {
 
 }  // namespace
 
-Result<Login> logIn(const std::string& server, ConnectionOptions options,
-                    const std::function<void(const std::string& page)>& show) {
+Result<account::Login> logIn(const std::string& server, ConnectionOptions options,
+                             const std::function<void(const std::string& page)>& show) {
   options.secret = {};
   options.user.reset();
   Session session(std::move(options));
-  const auto top = server.substr(0, server.find_last_not_of('/') + 1);
+  auto top = server.substr(0, server.find("/remote.php"));
+  top.resize(top.find_last_not_of('/') + 1);
   const auto post = [&](const std::string& url, const std::string& text) {
     MemoryUpload body(text);
     Request request{"POST", url, {"Content-Type: application/x-www-form-urlencoded"}, &body};
@@ -94,9 +95,9 @@ Result<Login> logIn(const std::string& server, ConnectionOptions options,
       }
       // As a path, with what an address cannot have escaped.
       const auto path = fileURL("/remote.php/dav/files/" + *user, true);
-      return Login{called->substr(0, called->find_last_not_of('/') + 1) +
-                       path.substr(std::string_view("file://").size()),
-                   *user, *password};
+      return account::Login{called->substr(0, called->find_last_not_of('/') + 1) +
+                                path.substr(std::string_view("file://").size()),
+                            *user, *password};
     }
     if (!session.pacer().pause(askAgain)) break;
   }

@@ -315,7 +315,10 @@ int addFolder(const Arguments& arguments) {
   if (auto named = checkName(arguments.subject); !named) return fail(arguments, named.error());
   const auto folder = folderFrom(arguments.second);
   if (!folder) return fail(arguments, folder.error());
-  return add(arguments, "folder", {{account::directoryKey, *folder}});
+  auto settings = settingsFrom(arguments);
+  if (!settings) return fail(arguments, settings.error());
+  (*settings)[account::directoryKey] = *folder;
+  return add(arguments, "folder", *settings);
 }
 
 /// Whether whatever goes to the URL can be read on the way.
@@ -331,10 +334,58 @@ bool isInTheClear(const std::string& url) {
   return host != "localhost" && !(isAddress && host.starts_with("127."));
 }
 
+/// The file with the password that somebody who has logged in was given for this account. It lies
+/// with the account's own things and goes with them.
+std::string passwordFileOf(const std::string& name) {
+  qx::Bundle bundle{};
+  bundle.identifier = account::identifierOf(name);
+  bundle.info = account::listsFor(name, "webdav", "", {}).info;
+  return account::accountOf(bundle)->container + "/password";
+}
+
+/// Has somebody log in; the settings say from then on who asks, and where the password is.
+Result<void> logInFor(const Arguments& arguments, qx::Dictionary& settings) {
+  for (const char* key : {account::userKey, account::secretCommandKey, account::secretFileKey,
+                          account::authenticationKey}) {
+    if (settings.contains(key)) {
+      return complaint("Who logs in on a page is given a password there; --login goes with none");
+    }
+  }
+  const auto program = programOf("webdav");
+  if (!program) return program.error();
+  settings[account::urlKey] = arguments.second;
+  const auto login = logIn(*program, settings, [](const std::string& page) {
+    std::fprintf(stderr, "Open this page in a browser, and agree there:\n  %s\n",
+                 onOneLine(page).c_str());
+  });
+  if (!login) return login.error();
+  auto file = passwordFileOf(arguments.subject);
+  auto error = qx::FileManager::createDirectory(fs::path(file).parent_path());
+  if (!error) error = qx::FileManager::replaceFile(file, login->password + "\n", 0600);
+  if (error) return docsource::bridge::fromPlatform(*error);
+  settings[account::urlKey] = login->url;
+  settings[account::userKey] = login->user;
+  settings[account::secretFileKey] = std::move(file);
+  return {};
+}
+
+/// The account was not made: its password goes, and its directory when that is all there was.
+void forgetPassword(const std::string& file) {
+  std::error_code failed;
+  fs::remove(file, failed);
+  fs::remove(fs::path(file).parent_path(), failed);
+}
+
 int addWebDAV(const Arguments& arguments) {
   if (auto named = checkName(arguments.subject); !named) return fail(arguments, named.error());
   auto settings = settingsFrom(arguments);
   if (!settings) return fail(arguments, settings.error());
+  if (arguments.login) {
+    if (auto done = logInFor(arguments, *settings); !done) return fail(arguments, done.error());
+    const int status = add(arguments, "webdav", *settings);
+    if (status != success) forgetPassword(passwordFileOf(arguments.subject));
+    return status;
+  }
   const auto has = [&](const char* key) { return settings->contains(key); };
   const bool hasSecret = has(account::secretCommandKey) || has(account::secretFileKey);
   if (!hasSecret && (has(account::userKey) || has(account::authenticationKey))) {

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "docsource/error.h"
+#include "extensions/account/Settings.h"
 #include "platform/base/Value.h"
 
 namespace tool {
@@ -14,5 +16,10 @@ namespace tool {
 docsource::Result<std::string> tryAccount(const std::string& program,
                                           const qx::Dictionary& settings,
                                           std::chrono::milliseconds timeout);
+
+/// Has it log in at the server of these settings: `show` is called with the address of the page on
+/// which a person agrees, and that is waited for, half an hour at most.
+docsource::Result<account::Login> logIn(const std::string& program, const qx::Dictionary& settings,
+                                        const std::function<void(const std::string& page)>& show);
 
 }  // namespace tool

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Location.h"
+#include "tools/docsource/Output.h"
 
 namespace tool {
 namespace {
@@ -137,17 +139,10 @@ docsource::Result<Place> placeOf(const std::string& argument) {
   return Place{whole, accountOf(whole)};
 }
 
-void giveUpTransfers(const Place& place, std::chrono::milliseconds timeout) {
-  auto process = place.account ? AccountProcess::of(*place.account)
-                               : docsource::Error::file(ENOENT, place.path);
-  if (!process) return;
-  // Nothing may be under way just now, which is no error.
-  (void)process->ask<>(
-      [&](DSAccount& each, auto completion) {
-        each.cancelTransferOfItemAtURL_completion(qx::URL::fileURL(place.path),
-                                                  std::move(completion));
-      },
-      timeout);
+void tellWhatGoesOn(const std::string& subject) {
+  std::fprintf(stderr,
+               "%s goes on arriving. docsource transfers lists it, docsource cancel gives it up.\n",
+               onOneLine(subject).c_str());
 }
 
 docsource::Result<AccountProcess> AccountProcess::of(const Account& account) {

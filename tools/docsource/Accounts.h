@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -48,8 +49,8 @@ struct Place {
 };
 docsource::Result<Place> placeOf(const std::string& argument);
 
-/// Gives up what the account transfers of the item, or of what is below it.
-void giveUpTransfers(const Place& place, std::chrono::milliseconds timeout);
+/// Says to whoever has ended a wait that what it was for goes on.
+void tellWhatGoesOn(const std::string& subject);
 
 /// A connection to the process of an account. One thread.
 class AccountProcess {
@@ -62,12 +63,13 @@ class AccountProcess {
       const Account& account, std::optional<std::chrono::milliseconds> timeout);
 
   /// Waits for the answer to one call, which `begin` makes with the completion that it is given.
-  /// For ever where there is no timeout; `meanwhile` is called every so often.
+  /// For ever where there is no timeout; `meanwhile` is called every so often, and ends the wait
+  /// with EINTR when it returns false.
   template <class... Rs>
   docsource::Result<std::tuple<std::optional<Rs>...>> ask(
       const std::type_identity_t<std::function<void(DSAccount&, qx::Completion<qx::Error, Rs...>)>>&
           begin,
-      std::optional<std::chrono::milliseconds> timeout, const std::function<void()>& meanwhile = {},
+      std::optional<std::chrono::milliseconds> timeout, const std::function<bool()>& meanwhile = {},
       std::chrono::milliseconds every = std::chrono::milliseconds(100)) {
     using Answer = docsource::Result<std::tuple<std::optional<Rs>...>>;
     const auto answered = std::make_shared<std::promise<Answer>>();
@@ -88,7 +90,9 @@ class AccountProcess {
         return docsource::Error(docsource::LibraryError::timedOut,
                                 "The account did not answer in time.");
       }
-      if (meanwhile) meanwhile();
+      if (meanwhile && !meanwhile()) {
+        return docsource::Error::posix(EINTR, "The wait was ended");
+      }
     }
     return result.get();
   }

@@ -123,7 +123,7 @@ int start(const Arguments& arguments) {
       bar.remove();
       const auto place = placeOf(arguments.subject);
       if (place && place->account) {
-        giveUpTransfers(*place, arguments.timeout);
+        tellWhatGoesOn(arguments.subject);
       } else {
         (void)client.stopProviding(url, arguments.provider, arguments.consumer);
       }

@@ -52,6 +52,8 @@ struct Arguments {
   bool yes = false;
   /// The version of a conflict that is to be taken; empty to list them.
   std::string take;
+  /// Somebody logs in on a page of the server.
+  bool login = false;
   /// Nothing is shown in the file manager.
   bool noOpen = false;
   /// The desktop is told of what happens or could not be done; of what fails after so long.

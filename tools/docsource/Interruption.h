@@ -5,7 +5,7 @@
 namespace tool {
 
 /// While it lives Ctrl-C does not end the program: a command that waits looks whether it came, and
-/// gives up what it had begun. One at a time, on the main thread.
+/// says what goes on without it. One at a time, on the main thread.
 class Interruption {
  public:
   Interruption();

@@ -243,13 +243,12 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
   ProgressBar bar;
   const Interruption interruption;
   const auto draw = [&] {
-    // What is brought in for this call alone; it answers then.
-    if (interruption.hasCome()) return giveUpTransfers(place, arguments.timeout);
-    if (!bar.isShown() || !observer) return;
+    if (interruption.hasCome()) return false;
+    if (!bar.isShown() || !observer) return true;
     const auto answer = observer->ask<qx::Array>(
         [](DSAccount& each, auto completion) { each.transfersCompletion(std::move(completion)); },
         arguments.timeout);
-    if (!answer) return;
+    if (!answer) return true;
     std::uint64_t done = 0, total = 0;
     for (const auto& value : std::get<0>(*answer).value_or(qx::Array())) {
       const auto* transfer = value.as<qx::Dictionary>();
@@ -260,6 +259,7 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
       if (const auto* bytes = qx::find<std::int64_t>(*transfer, "total")) total += *bytes;
     }
     bar.draw(done, total);
+    return true;
   };
   const auto answer = process->ask<>(
       [&](DSAccount& each, auto completion) {
@@ -267,7 +267,10 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
       },
       timeout, draw);
   bar.remove();
-  if (!answer && interruption.hasCome()) return Error::posix(EINTR, place.path);
+  if (!answer && interruption.hasCome()) {
+    if (operation == &DSAccount::provideItemAtURL_completion) tellWhatGoesOn(familiarPath(*place.account, place.path));
+    return Error::posix(EINTR, place.path);
+  }
   return answer ? Result<void>() : answer.error();
 }
 

@@ -222,12 +222,15 @@ class Follower {
  private:
   /// What is told next; an error when the process is gone.
   Result<void> next(AccountProcess& process) {
+    const std::function<bool()> looking = [&] {
+      look(process);
+      return true;
+    };
     const auto changes = process.ask<std::int64_t, qx::Array>(
         [&](DSAccount& account, auto completion) {
           account.changesAfter_completion(last_, std::move(completion));
         },
-        {}, isMoving_ || wantsToLook_ ? [&] { look(process); } : std::function<void()>(),
-        lookedAgain);
+        {}, isMoving_ || wantsToLook_ ? looking : std::function<bool()>(), lookedAgain);
     if (!changes) return changes.error();
     const auto& [last, items] = *changes;
     if (auto told = tellHealth(process); !told) return told;

@@ -192,8 +192,21 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
   if (command.run == addFolder || command.run == addWebDAV || command.run == addS3) {
     entry.add_flag("--no-open", arguments.noOpen,
                    "Do not show the documents in the file manager of the desktop");
+    entry
+        .add_option_function<std::uint64_t>(
+            "--keep",
+            [&arguments](std::uint64_t bytes) {
+              arguments.settings[account::keepKey] = std::to_string(bytes);
+            },
+            "How much content is kept here, such as 20G; what was not read for longest is given "
+            "back first")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false));
   }
   if (command.run == addWebDAV) {
+    entry.add_flag("--login", arguments.login,
+                   "Log in on a page of the server at URL, which gives the account a password of "
+                   "its own (Nextcloud, ownCloud)");
     addSettings(webDAVOptions, entry, arguments);
     addSettings(reachOptions, entry, arguments);
   } else if (command.run == addS3) {
