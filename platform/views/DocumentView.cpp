@@ -237,7 +237,9 @@ void DocumentView::setToldUntil(const timespec& time) const {
 bool DocumentView::isShown(const std::string& document) const {
   const auto [directory, name] = split(document);
   const auto known = openTree(root_, "known", directory);
-  const auto isKnown = [&](std::size_t dots) { return isFile(statusOf(known, name.substr(dots))); };
+  const auto isKnown = [&known, &of = name](std::size_t dots) {
+    return isFile(statusOf(known, of.substr(dots)));
+  };
   if (isKnown(0)) return true;
   // A sibling has no sibling of its own: that would be one more document each time.
   return name.starts_with('.') && isKnown(1) && !(name.starts_with("..") && isKnown(2));
