@@ -25,6 +25,7 @@ TEST(AccountAtAServer, GoesOnWhereOneItemCannotBeHad) {
   options.state = scratch / "state";
   options.host = "host";
   options.rest = std::chrono::milliseconds(0);
+  options.transfersAhead = 0;  // nothing comes before the trouble does
   auto asked = server.options();
   asked.connection.wait = [](std::chrono::milliseconds) { return true; };
   Mirror mirror(options, *makeWebDAVRemote(asked));

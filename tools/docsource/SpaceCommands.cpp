@@ -268,7 +268,8 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
       timeout, draw);
   bar.remove();
   if (!answer && interruption.hasCome()) {
-    if (operation == &DSAccount::provideItemAtURL_completion) tellWhatGoesOn(familiarPath(*place.account, place.path));
+    if (operation == &DSAccount::provideItemAtURL_completion)
+      tellWhatGoesOn(familiarPath(*place.account, place.path));
     return Error::posix(EINTR, place.path);
   }
   return answer ? Result<void>() : answer.error();
