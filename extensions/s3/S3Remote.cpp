@@ -77,7 +77,9 @@ std::string parentOf(const std::string& path) {
   const auto slash = path.rfind('/');
   return slash == std::string::npos ? "" : path.substr(0, slash);
 }
-std::string shown(const std::string& path) { return path.empty() ? "The top" : "\"" + path + "\""; }
+std::string shown(const std::string& path) {
+  return path.empty() ? "The account's directory" : "\"" + path + "\"";
+}
 
 Error problem(RemoteProblem kind, const std::string& path, const std::string& rest) {
   return remoteError(kind, shown(path) + " " + rest);

@@ -131,7 +131,9 @@ bool hasControls(const std::string& name) {
                      [](unsigned char c) { return c < 0x20 || c == 0x7f; });
 }
 
-std::string shown(const std::string& path) { return path.empty() ? "The top" : "\"" + path + "\""; }
+std::string shown(const std::string& path) {
+  return path.empty() ? "The account's directory" : "\"" + path + "\"";
+}
 
 Error problem(RemoteProblem kind, const std::string& path, const std::string& rest) {
   return remoteError(kind, shown(path) + " " + rest);

@@ -231,6 +231,14 @@ void lookAtBundles(Report& report) {
                              " fit for use (docsource bundles).");
 }
 
+/// What a state of an account's health means.
+std::string sentenceOf(const std::string& state) {
+  if (state == "wrong-remote") return "What is there now is not what was there.";
+  if (state == "needs-confirmation") return "It removes nothing until that is confirmed.";
+  if (state == "unauthorised") return "It is not let in.";
+  return "It is " + state + ".";
+}
+
 void lookAtAccounts(const Arguments& arguments, Report& report) {
   const auto all = installedAccounts();
   if (all.empty()) report.good("accounts", "There are none (docsource add --help).");
@@ -261,8 +269,7 @@ void lookAtAccounts(const Arguments& arguments, Report& report) {
     if (state && *state == "ok" && (!failures || *failures == 0)) {
       report.good("account " + account.name, "It is in agreement with " + account.source + ".");
     } else {
-      report.wrong("account " + account.name, "It is " + (state ? *state : std::string("silent")) +
-                                                  "." + more + " " +
+      report.wrong("account " + account.name, sentenceOf(state ? *state : "silent") + more + " " +
                                                   remedyFor(account, state ? *state : ""));
     }
   }
