@@ -146,7 +146,8 @@ class DSExtensionDocSource final : public QXDocSource,
                                       qx::Completion<qx::Error, std::string> completion);
   void URLForItemID_completionHandler(const std::optional<std::string>& itemID,
                                       qx::Completion<qx::Error, qx::URL> completion);
-  void itemChangedAtURL(const std::optional<qx::URL>& url);
+  /// `heard`, where there is one, is called when the extension has answered.
+  void itemChangedAtURL(const std::optional<qx::URL>& url, const std::function<void()>& heard = {});
 
   // QXDocSource: what the file-coordination service asks.
 

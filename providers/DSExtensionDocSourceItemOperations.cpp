@@ -120,9 +120,10 @@ void DSExtensionDocSource::URLForItemID_completionHandler(
                        });
 }
 
-void DSExtensionDocSource::itemChangedAtURL(const std::optional<qx::URL>& url) {
+void DSExtensionDocSource::itemChangedAtURL(const std::optional<qx::URL>& url,
+                                            const std::function<void()>& heard) {
   DS_LOG("[DEBUG] %s", qx::methodName("DSExtensionDocSource", __func__));
-  performExtensionRequest([self = shared_from_this(), url](
+  performExtensionRequest([self = shared_from_this(), url, heard](
                               const std::optional<qx::Error>& requestError,
                               const std::shared_ptr<_QXDocSourceVendor>& proxy,
                               const Callback& done) {
@@ -133,11 +134,12 @@ void DSExtensionDocSource::itemChangedAtURL(const std::optional<qx::URL>& url) {
       return;
     }
     proxy->_itemChangedAtURL_completion(
-        url, [self, url, done](const std::optional<qx::Error>& error) {
+        url, [self, url, done, heard](const std::optional<qx::Error>& error) {
           if (error) {
             DS_LOG("[ERROR] Could not tell extension %@ that item at URL %@ has changed. Error: %@",
                    self->identifier(), url, error);
           }
+          if (heard) heard();
           if (done) done();
         });
   });

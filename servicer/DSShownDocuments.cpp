@@ -1,6 +1,7 @@
 #include "servicer/DSShownDocuments.h"
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,11 +15,12 @@
 
 namespace {
 
-void wrote(const std::string& application, const qx::URL& document) {
+void wrote(const std::string& application, const qx::URL& document,
+           const std::function<void()>& done) {
   DS_LOG("[INFO] %@ wrote the item at URL %@ in its sandbox.", application, document);
-  if (const auto owner = DSExtensionDocSource::providerForURL(document)) {
-    owner->itemChangedAtURL(document);
-  }
+  const auto owner = DSExtensionDocSource::providerForURL(document);
+  if (!owner) return done();
+  owner->itemChangedAtURL(document, done);
 }
 
 /// Nobody knows an item by its file: whichever of the application's items is there now is it.

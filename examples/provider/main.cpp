@@ -102,7 +102,12 @@ class ExampleProvider final : public docsource::Provider {
     const auto side = document->original.string() + ".new";
     std::error_code problem;
     fs::create_directories(document->original.parent_path(), problem);
-    fs::copy_file(document->shown, side, fs::copy_options::overwrite_existing, problem);
+    constexpr auto overwriting = fs::copy_options::overwrite_existing;
+    fs::copy_file(document->shown, side, overwriting, problem);
+    // Who reads in the moment in which platformd is ended is told to try again.
+    if (problem == std::errc::resource_unavailable_try_again) {
+      fs::copy_file(document->shown, side, overwriting, problem);
+    }
     if (problem) return errorOf(problem, side);
     const auto copy = open(side, O_RDWR);
     if (!copy) return copy.error();

@@ -123,10 +123,13 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       if (!view) return std::nullopt;
       const auto document = DocumentView::documentAt(path);
       if (!document) return posixError(EXDEV, path + " is in no group container");
+      if (!view->toldUntil()) view->setToldUntil(now());
       auto shown = view->show(*document);
       const auto status = view->shown(*document);
-      // What others wrote to it before is not the application's writing.
-      if (status) told_.try_emplace({application, *document}, status->st_mtim);
+      // What others wrote to it before is not the application's writing; what is to be looked at
+      // may be.
+      const DocumentName name{application, *document};
+      if (status && !pending_.contains(name)) told_.try_emplace(name, status->st_mtim);
       if (!shown) follow(folderOf(application, *document));
       return shown;
     });
@@ -301,8 +304,17 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     if (!pending_.empty())
       return queue_->async([self = shared_from_this()] { self->lookAtSome(); });
     for (const auto& [application, view] : views) {
-      if (view) view->setToldUntil(pendingSince_);
+      lookedUntil_[application] = pendingSince_;
+      noteTold(application);
     }
+  }
+
+  /// Once nobody is being told of anything any more: this process may be killed meanwhile.
+  void noteTold(const std::string& application) {
+    const auto until = lookedUntil_.find(application);
+    if (until == lookedUntil_.end() || telling_[application] != 0) return;
+    if (const auto view = DocumentView::open(application)) view->setToldUntil(until->second);
+    lookedUntil_.erase(until);
   }
 
   void settle(DocumentView& view, const DocumentName& name, bool isClosed, bool isLate = false) {
@@ -363,9 +375,15 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   void tell(const DocumentView& view, const DocumentName& name) {
     if (const auto status = view.shown(name.second)) told_[name] = status->st_mtim;
     if (!onWritten_) return;
-    WorkQueue::global().async(
-        [onWritten = onWritten_, application = name.first,
-         url = URL::fileURL(DocumentView::pathOf(name.second))] { onWritten(application, url); });
+    ++telling_[name.first];
+    const auto done = [self = shared_from_this(), application = name.first] {
+      self->queue_->async([self, application] {
+        if (--self->telling_[application] == 0) self->noteTold(application);
+      });
+    };
+    WorkQueue::global().async([onWritten = onWritten_, application = name.first,
+                               url = URL::fileURL(DocumentView::pathOf(name.second)),
+                               done] { onWritten(application, url, done); });
   }
 
   const std::shared_ptr<WorkQueue> queue_ = WorkQueue::serial("DocumentViews queue");
@@ -384,6 +402,8 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   std::set<DocumentName> waiting_;  // to be looked at late
   std::set<DocumentName> writing_;  // made by the application, and not closed since
   std::map<DocumentName, timespec> told_;
+  std::map<std::string, std::size_t> telling_;   // of how many writings, by application
+  std::map<std::string, timespec> lookedUntil_;  // what was written before is told, or is being
 };
 
 }  // namespace

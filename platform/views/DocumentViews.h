@@ -14,8 +14,10 @@
 /// for each other.
 namespace qx::DocumentViews {
 
-/// Called on the global queue when an application has written a document.
-using OnWritten = std::function<void(const std::string& application, const URL& document)>;
+/// Called on the global queue when an application has written a document. Called again at the next
+/// start unless `done` is called, on any thread.
+using OnWritten = std::function<void(const std::string& application, const URL& document,
+                                     const std::function<void()>& done)>;
 
 /// Called on the global queue when a document has gone from an application's view because it was
 /// renamed; `isIt` tells whether it is what a URL leads to. Called again at the next start unless

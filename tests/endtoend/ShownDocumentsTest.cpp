@@ -521,7 +521,11 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
       EXPECT_TRUE(eventually([&] {
         return is(sandbox, name, after) || (status != 0 && is(sandbox, name, before));
       })) << "status "
-          << status.value_or(-1) << ", " << names(name) << " names";
+          << status.value_or(-1) << ", " << names(name) << " names; here "
+          << contentOf(path(name)).substr(0, 20) << ", at the origin "
+          << contentOf(origin_ + "/" + name).substr(0, 20) << ", inside "
+          << shell(sandbox, withD(name, "cat \"$D\"")).substr(0, 20)
+          << (nothingIsUnderWay() ? "" : ", something is under way");
     }
     if (HasFailure()) break;
   }
@@ -536,17 +540,18 @@ const auto same = [](std::string before) { return before; };
 const auto changed = [](std::string before) { return "CONTENT" + before.substr(7); };
 INSTANTIATE_TEST_SUITE_P(
     Operations, ShownDocumentsInACrash,
-    testing::Values(Operation{"granting", false,
-                              "docsource extend-bookmark \"$D\" --consumer com.example.unknowing",
-                              same},
-                    Operation{"reading", true, "cat \"$D\" > /dev/null", same},
-                    Operation{"saving", true,
-                              "sed s/content/CONTENT/ \"$D\" > \"$D~\" && mv \"$D~\" \"$D\"",
-                              changed},
-                    Operation{"revoking", false,
-                              "docsource revoke \"$D\" --provider com.example.provider --consumer "
-                              "com.example.unknowing",
-                              same}),
+    testing::Values(
+        Operation{"granting", false,
+                  "docsource extend-bookmark \"$D\" --consumer com.example.unknowing", same},
+        Operation{"reading", true, "cat \"$D\" > /dev/null", same},
+        Operation{"saving", true, "sed s/content/CONTENT/ \"$D\" > \"$D~\" && mv \"$D~\" \"$D\"",
+                  changed},
+        Operation{"writing", true, "printf CONTENT | dd conv=notrunc of=\"$D\"", changed},
+        Operation{"replacing", false, "sed -i s/content/CONTENT/ \"$D\"", changed},
+        Operation{"revoking", false,
+                  "docsource revoke \"$D\" --provider com.example.provider --consumer "
+                  "com.example.unknowing",
+                  same}),
     [](const auto& each) { return each.param.name; });
 
 }  // namespace
