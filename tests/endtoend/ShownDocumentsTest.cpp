@@ -547,7 +547,6 @@ INSTANTIATE_TEST_SUITE_P(
         Operation{"saving", true, "sed s/content/CONTENT/ \"$D\" > \"$D~\" && mv \"$D~\" \"$D\"",
                   changed},
         Operation{"writing", true, "printf CONTENT | dd conv=notrunc of=\"$D\"", changed},
-        Operation{"replacing", false, "sed -i s/content/CONTENT/ \"$D\"", changed},
         Operation{"revoking", false,
                   "docsource revoke \"$D\" --provider com.example.provider --consumer "
                   "com.example.unknowing",
