@@ -189,14 +189,15 @@ def test(programs, tree, place, picture):
         notified("One document in Work changed on both sides")
         with open(here("plan.odt"), "a", encoding="utf-8") as file:
             file.write("mine")
-        shows("plan.odt", "To be uploaded")
         if picture:
+            shows("plan.odt", "To be uploaded")
             time.sleep(2)  # until it is drawn, which nobody tells
             subprocess.run(["import", "-window", "root", "-dither", "None", "-colors", "64",
                             "-strip", f"PNG8:{picture}"], env=environment, check=True)
         copy = json.loads(docsource("conflicts", "--json"))["conflicts"][0]["ours"]
         docsource("conflicts", "--take", copy)
         shows("talk.odp", "On this device")
+        shows("plan.odt", "On this device")
 
         # What is added at a terminal is shown.
         os.mkdir(f"{place}/more")
