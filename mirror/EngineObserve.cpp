@@ -329,7 +329,10 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
   }
   if (cleanUp(directory, file, name, *entry)) return;
   if (!entry->kind) return noteGone(Side::here, place);
-  if (restoreMark(file, name, *entry)) {
+  const auto before = items_->at(Side::here, place);
+  const bool wasContent =
+      before && before->here->identity == entry->identity && !before->here->isPlaceholder;
+  if (!wasContent && restoreMark(file, name, *entry)) {
     entry = lookAt(file, name);
     if (!entry) return lookAgain(Side::here, place);
   }
@@ -351,7 +354,7 @@ void Engine::noteHere(ItemNumber directory, int file, const std::string& name, b
       return;
     }
   }
-  if (!items_->at(Side::here, place) && stays(directory, name, *entry)) {
+  if (!before && stays(directory, name, *entry)) {
     here_.found.erase({directory, name});
     return;
   }
