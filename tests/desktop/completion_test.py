@@ -15,6 +15,8 @@ import tempfile
 import termios
 import time
 
+from reading import read
+
 # Whatever is run is only written down; what completion asks is asked of the program.
 WRAPPER = '''#!/bin/sh
 [ "$1" != --complete ] || exec "{programs}/docsource" "$@"
@@ -37,14 +39,6 @@ LINES = [
     ("evict docu\tthe\t", "[evict][documents/the book.txt]"),
     ("add folder New docu\t", "[add][folder][New][documents]"),
 ]
-
-
-def read(path):
-    try:
-        with open(path, encoding="utf-8") as file:
-            return file.read()
-    except FileNotFoundError:
-        return ""
 
 
 def test(shell, place, packaging, environment):

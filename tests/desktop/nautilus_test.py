@@ -17,6 +17,8 @@ import sys
 import tempfile
 import time
 
+from reading import read
+
 # A second extension in the same process sees what the first one made of each file.
 PROBE = '''
 import gc, json, os, sys
@@ -84,14 +86,6 @@ def eventually(condition, what):
     while not condition():
         assert time.monotonic() < deadline, what() if callable(what) else what
         select.select([], [], [], 0.02)
-
-
-def read(path):
-    try:
-        with open(path, encoding="utf-8") as file:
-            return file.read()
-    except FileNotFoundError:
-        return ""
 
 
 def test(programs, tree, place, picture):
