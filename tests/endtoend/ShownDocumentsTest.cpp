@@ -18,7 +18,7 @@
 #include "tests/endtoend/Broker.h"
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/EndedAtCall.h"
+#include "tests/support/CountedCalls.h"
 
 namespace qx::test {
 namespace {
@@ -402,19 +402,10 @@ class ShownDocumentsInACrash : public ShownDocuments,
 
   void SetUp() override {
     if (*ENDED_AT_CALL == '\0') GTEST_SKIP() << "the runtime of a sanitizer comes first";
-    const FileDescriptor file(open(counts_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    ASSERT_EQ(ftruncate(file.get(), sizeof(Countdown)), 0);
-    void* memory =
-        mmap(nullptr, sizeof(Countdown), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
-    ASSERT_NE(memory, MAP_FAILED);
-    countdown_ = static_cast<Countdown*>(memory);
-    environment_ = {{countdownVariable, counts_}, {"LD_PRELOAD", ENDED_AT_CALL}};
+    environment_ = calls_.environment();
     fs::create_directories(origin_);
     for (int i = 0; i < documents; ++i) writeOrigin(nameOf(i), text(nameOf(i)));
     ShownDocuments::SetUp();
-  }
-  void TearDown() override {
-    if (countdown_) munmap(countdown_, sizeof(Countdown));
   }
 
   static std::string nameOf(int number) { return "document-" + std::to_string(number); }
@@ -424,7 +415,7 @@ class ShownDocumentsInACrash : public ShownDocuments,
 
   /// Whoever was killed serves again.
   void restart() {
-    const pid_t ended = countdown_->ended;
+    const pid_t ended = calls_->ended;
     if (ended == daemon_->id()) {
       EXPECT_EQ(daemon_->wait(), -SIGKILL);
       daemon_.reset();
@@ -458,8 +449,7 @@ class ShownDocumentsInACrash : public ShownDocuments,
                "0 " + std::regex_replace(content, std::regex("\n"), " ");
   }
 
-  const std::string counts_ = installation_ / "counts";
-  Countdown* countdown_ = nullptr;
+  const CountedCalls calls_{installation_ / "counts"};
 };
 
 TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
@@ -479,8 +469,7 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
     if (!isGrant) {
       ASSERT_TRUE(eventually([&] { return grant(name) == 0; }));
     }
-    countdown_->ended = 0;
-    countdown_->left = calls;
+    calls_.endAt(calls);
     std::optional<int> status;
     if (operation.isInside) {
       shell(sandbox, "(" + withD(name, operation.line) + "; echo $? > " + done + ") > " + done +
@@ -500,10 +489,10 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
       if (isRevocation) return names(name) == 1 && nothingIsUnderWay();
       return before == after || is(sandbox, name, after);
     };
-    EXPECT_TRUE(eventually([&] { return countdown_->ended != 0 || (isDone() && isGood()); }));
-    countdown_->left = 0;
-    hasCome = countdown_->ended != 0;
-    const std::string call = hasCome ? countdown_->call.data() : "none";
+    EXPECT_TRUE(eventually([&] { return calls_->ended != 0 || (isDone() && isGood()); }));
+    calls_->left = 0;
+    hasCome = calls_->ended != 0;
+    const std::string call = hasCome ? calls_->call.data() : "none";
     SCOPED_TRACE("killed before " + call);
     if (hasCome) restart();
     EXPECT_TRUE(eventually(isDone));

@@ -10,6 +10,7 @@
 #include <random>
 
 #include "tests/kernel/Fixture.h"
+#include "tests/support/CountedCalls.h"
 
 namespace {
 
@@ -128,6 +129,47 @@ TEST_P(ContinuityTest, WhenTheHolderIsKilledNobodyReadsZeros) {
   platformd_->end(SIGKILL);
   EXPECT_EQ(waiting.readLine(), "Resource temporarily unavailable");
   EXPECT_TRUE(platformd_->everyProcessEnds());
+}
+
+TEST_P(ContinuityTest, AStartThatIsCutOffAnywhereShowsNoZeros) {
+  if (*ENDED_AT_CALL == '\0') GTEST_SKIP() << "the runtime of a sanitizer comes first";
+  const CountedCalls calls(temporaryRoot() + "/calls");
+  const auto source = add();
+  const TemporaryDirectory elsewhere;  // which nobody watches
+  chmod(elsewhere.path().c_str(), 0755);
+  bool hasCome = true;
+  for (int call = 1; hasCome; ++call) {
+    const std::string name = "document" + std::to_string(call);
+    makePlaceholder(item(name), 1000, Mark::named);
+    fs::create_hard_link(item(name), elsewhere / name);
+    ASSERT_EQ(platformd_->end(SIGTERM), 0);
+    ASSERT_EQ(modeOf(item(name)), 0u);
+    calls.endAt(call);
+    platformd_.emplace("platformd", temporaryRoot(),
+                       calls.environment({{"DOCSOURCE_COORDINATION", GetParam()}}));
+    ASSERT_TRUE(eventually(
+        [&] { return calls->ended != 0 || platformd_->count("placeholders from before.") == 1; }));
+    const pid_t ended = calls->ended;
+    hasCome = ended != 0;
+    const std::string last = hasCome ? calls->call.data() : "none";
+    std::vector<std::string> words{"setpriv", "--reuid=4001", "--regid=4001", "--clear-groups"};
+    for (const auto& word : reader("read", elsewhere / name)) words.push_back(word);
+    ChildProcess stranger(words);
+    calls.endAt(0);
+    if (ended == platformd_->id()) {
+      EXPECT_EQ(platformd_->wait(), -SIGKILL);
+      start();
+    }
+    ASSERT_TRUE(platformd_->logs("placeholders from before."));
+    const auto line = stranger.readLine();
+    EXPECT_TRUE(line == "right" || line == "Permission denied" ||
+                line == "Resource temporarily unavailable")
+        << line << ", ended before call " << call << ", " << last;
+    EXPECT_EQ(run(reader("read", item(name))).line, "right");
+    fs::remove(elsewhere / name);
+    fs::remove(item(name));
+    if (HasFailure()) break;
+  }
 }
 
 /// The service manager's end of a notification socket, as far as descriptors are stored

@@ -136,7 +136,6 @@ GuardedTrees::Scan GuardedTrees::mark(int root, const std::string& path, uid_t o
         return mask != 0;
       },
       [&](int file, const struct stat& status, const std::string& name) {
-        if (!isConcealing_) Placeholder::reveal(file, status);
         if (examine(file, status, owner, true)) {
           ++scan.placeholders;
         } else if (wantsContents) {
@@ -327,7 +326,6 @@ GuardedTrees::Scan GuardedTrees::guardMoved(const Guarded& entry) {
       const FileDescriptor directory = reopen(file.get(), O_RDONLY | O_DIRECTORY);
       if (directory) scan = look(directory.get(), entry.owner, false);
     } else if (S_ISREG(status.st_mode)) {
-      if (!isConcealing_) Placeholder::reveal(file.get(), status);
       scan.placeholders = examine(file.get(), status, entry.owner, true) ? 1 : 0;
     }
   }
@@ -460,12 +458,21 @@ std::optional<GuardedTrees::Directory> GuardedTrees::directory(const FileHandle&
 }
 
 bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, bool isClosed) const {
-  if (status.st_uid != owner || !Placeholder::isOne(file, status)) return false;
-  if (accesses_.watchFile(file, eventsFor(best_)) != 0 && best_ == preAccess) {
-    accesses_.watchFile(file, openPermission);
+  if (status.st_uid != owner) return false;
+  const bool isOne = Placeholder::isOne(file, status);
+  if (isOne) {
+    if (accesses_.watchFile(file, eventsFor(best_)) != 0 && best_ == preAccess) {
+      accesses_.watchFile(file, openPermission);
+    }
+    accesses_.stopIgnoring(file, preAccess);
   }
-  accesses_.stopIgnoring(file, preAccess);
-  if (!isConcealing_) Placeholder::revealHidden(file, status);
+  // Not before, or whoever opens it in between, by a name in a directory without a mark, is asked
+  // nothing.
+  if (!isConcealing_) {
+    Placeholder::reveal(file, status);
+    if (isOne) Placeholder::revealHidden(file, status);
+  }
+  if (!isOne) return false;
   if (isClosed) {
     // Not before: the provider may hold a lease, and openings that are told fail then.
     accesses_.stopIgnoring(file, openPermission);

@@ -98,7 +98,8 @@ class GuardedTrees {
   std::optional<Directory> directory(const FileHandle& handle) const;
 
   /// Looks at a file of that owner that may have become a placeholder: one that is has its accesses
-  /// told from now on, whatever was allowed before. It is not opened before its provider has closed
+  /// told from now on, whatever was allowed before, and then the permissions that it had, if it was
+  /// concealed. It is not opened before its provider has closed
   /// it, who may want it for himself (fcntl(2), F_SETLEASE). Returns whether it is one.
   bool examine(int file, const struct stat& status, uid_t owner, bool isClosed) const;
   /// No more events for the file until its content changes. False when it is, or has just become, a
