@@ -5,7 +5,6 @@
 // content of one. What follows from it is the next comparison's affair.
 
 #include <fcntl.h>
-#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include <memory>
 #include <utility>
 
+#include "mirror/Checksum.h"
 #include "mirror/Engine.h"
 #include "mirror/Parts.h"
 
@@ -28,22 +28,8 @@ constexpr std::size_t pieceToWrite = 8U << 20U;
 /// Of so many uploads without an answer the contents are remembered.
 constexpr std::size_t mostSent = 8;
 
-class Hash {
- public:
-  Hash() { crypto_generichash_init(&state_, nullptr, 0, crypto_generichash_BYTES); }
-  void add(std::string_view bytes) {
-    crypto_generichash_update(&state_, reinterpret_cast<const unsigned char*>(bytes.data()),
-                              bytes.size());
-  }
-  std::string finish() {
-    std::array<unsigned char, crypto_generichash_BYTES> bytes{};
-    crypto_generichash_final(&state_, bytes.data(), bytes.size());
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-  }
-
- private:
-  crypto_generichash_state state_{};
-};
+/// Of content, to know it again (Item::hash).
+Checksum contentHash() { return *Checksum::named("SHA256"); }
 
 Error cancelledError() {
   return remoteError(RemoteProblem::cancelled, "It was given up. `docsource sync` tries it again.");
@@ -84,7 +70,7 @@ class FileSource final : public RemoteSource {
       if (!now || now->version != version_ || now->isPlaceholder) return notWholeError();
       if (!isWhole_) {
         isWhole_ = true;
-        whole_ = hash_.finish();
+        whole_ = hash_.bytes();
         if (beforeTheLast_) {
           if (auto noted = beforeTheLast_(whole_); !noted) return noted.error();
         }
@@ -107,7 +93,7 @@ class FileSource final : public RemoteSource {
   bool isWhole_ = false;
   std::string whole_;
   std::string buffer_;
-  Hash hash_;
+  Checksum hash_ = contentHash();
 };
 
 /// The hash of all of it.
@@ -266,7 +252,7 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
 
 Result<std::string> Engine::hashThere(const std::string& path, const std::string& version,
                                       Transfer& transfer) {
-  Hash hash;
+  Checksum hash = contentHash();
   auto read = remote_.read(path, version, 0, transfer.total, [&](std::string_view bytes) {
     hash.add(bytes);
     transfer.done += bytes.size();
@@ -274,7 +260,7 @@ Result<std::string> Engine::hashThere(const std::string& path, const std::string
   });
   if (!read) return read.error();
   if (transfer.done != transfer.total) return notWholeError();
-  return hash.finish();
+  return hash.bytes();
 }
 
 /// Whether a file whose times have moved has the agreed content all the same.
@@ -470,7 +456,7 @@ Result<std::string> Engine::fetch(PlaceholderWriter& writer, Transfer& transfer,
   arrival.begin(wanted, before, remote_.capabilities().ranges, publish);
   transfer.done = before.size();
 
-  Hash hash;
+  Checksum hash = contentHash();
   std::uint64_t hashed = 0;
   std::string piece;
   const auto catchUp = [&]() -> Result<void> {
@@ -534,7 +520,7 @@ Result<std::string> Engine::fetch(PlaceholderWriter& writer, Transfer& transfer,
   }
   const auto published = arrival.end();
   if (result && !published) result = published;
-  if (result) return hash.finish();
+  if (result) return hash.bytes();
   // What is here of the right version is not fetched again.
   const auto problem = remoteProblemOf(result.error());
   const bool staysRight = problem == RemoteProblem::unreachable ||

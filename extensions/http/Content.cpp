@@ -1,7 +1,5 @@
 #include "extensions/http/Content.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -12,48 +10,6 @@ namespace {
 constexpr std::size_t pieceSize = 256UL * 1024;
 
 }  // namespace
-
-void Checksum::Free::operator()(void* context) const {
-  EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(context));
-}
-
-std::optional<Checksum> Checksum::named(const std::string& name) {
-  const EVP_MD* const kind = EVP_get_digestbyname(name.c_str());
-  if (!kind) return std::nullopt;
-  Checksum checksum(EVP_MD_CTX_new());
-  auto* const context = static_cast<EVP_MD_CTX*>(checksum.context_.get());
-  if (!context || EVP_DigestInit_ex(context, kind, nullptr) != 1) return std::nullopt;
-  return checksum;
-}
-
-void Checksum::add(std::string_view bytes) {
-  EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(context_.get()), bytes.data(), bytes.size());
-}
-
-std::string Checksum::text() const {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
-  unsigned size = 0;
-  const Checksum copy(EVP_MD_CTX_new());
-  auto* const context = static_cast<EVP_MD_CTX*>(copy.context_.get());
-  if (!context || EVP_MD_CTX_copy_ex(context, static_cast<EVP_MD_CTX*>(context_.get())) != 1 ||
-      EVP_DigestFinal_ex(context, bytes.data(), &size) != 1) {
-    return {};
-  }
-  std::string text;
-  constexpr std::string_view digits = "0123456789abcdef";
-  for (unsigned i = 0; i < size; ++i) {
-    text += digits[bytes[i] >> 4];
-    text += digits[bytes[i] & 15];
-  }
-  return text;
-}
-
-std::string checksumOf(const std::string& name, std::string_view bytes) {
-  auto checksum = Checksum::named(name);
-  if (!checksum) return {};
-  checksum->add(bytes);
-  return checksum->text();
-}
 
 SourceUpload::SourceUpload(RemoteSource& source)
     : source_(source), sha256_(*Checksum::named("SHA256")), sha1_(*Checksum::named("SHA1")) {}

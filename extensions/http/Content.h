@@ -1,34 +1,14 @@
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "docsource/remote.h"
 #include "extensions/http/HTTP.h"
+#include "mirror/Checksum.h"
 
 namespace docsource::http {
-
-/// A checksum that grows with what is added.
-class Checksum {
- public:
-  /// By the names of servers and of OpenSSL alike: "SHA1", "SHA256", "MD5". Absent for others.
-  static std::optional<Checksum> named(const std::string& name);
-
-  void add(std::string_view bytes);
-  /// Lower-case hexadecimal, of all that was added so far.
-  std::string text() const;
-
- private:
-  struct Free {
-    void operator()(void* context) const;
-  };
-  explicit Checksum(void* context) : context_(context) {}
-  std::unique_ptr<void, Free> context_;
-};
-
-std::string checksumOf(const std::string& name, std::string_view bytes);
 
 /// What is uploaded, as a remote is handed it. Nothing of the last piece is given out before the
 /// source has said that all of it was one whole content, and an error breaks the request: a server
