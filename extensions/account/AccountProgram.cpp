@@ -34,8 +34,8 @@ docsource::Result<std::string> tryOut(const AccountProvider::MakeRemote& makeRem
   const bool isServer = (*setting)(urlKey).has_value();
   if (!isServer || (*remote)->capabilities().conditions) return std::string();
   return std::string(
-      "It does not compare versions itself: what somebody else changes there in the moment of an "
-      "upload is overwritten (docs/servers.md).");
+      "This server does not compare versions itself: what somebody else changes there at the "
+      "moment of an upload is overwritten.");
 }
 
 docsource::Result<std::string> logInByPage(const LogIn& logIn) {
