@@ -1,6 +1,6 @@
-// The three levels of the list, and the care for what does not fit them: each level is either the
+// The three levels of the list, and the care for what does not fit them. Each level is either the
 // dictionary that it should be or a foreign value that stands in its place. Foreign values are read
-// into ordinary values, everything else goes straight from the file into its table.
+// into ordinary values; everything else goes straight from the file into its table.
 
 #include "acl/AccessControlList.h"
 
@@ -18,7 +18,7 @@ class ValueBuilder {
   void begin(qx::Value container) { open_.push_back({std::move(container), {}}); }
   void key(std::string_view text) { open_.back().key = text; }
 
-  /// Takes a complete value; gives back the outermost one once that is complete.
+  /// Takes a complete value. Returns the outermost one once that is complete.
   std::optional<qx::Value> add(qx::Value value) {
     if (open_.empty()) return value;
     Container& container = open_.back();
@@ -47,7 +47,7 @@ class ValueBuilder {
 
 }  // namespace
 
-/// Knows at which level of the list the reader is, and what to put an event into. No key comes
+/// Knows the level of the list at which the reader is, and where an event belongs. No key comes
 /// twice in a dictionary, so whatever begins is new.
 class AccessControlList::Reader : public qx::PropertyList::Handler {
  public:
@@ -153,7 +153,8 @@ qx::Result<AccessControlList> AccessControlList::read(std::istream& stream) {
   return std::move(reader.list);
 }
 
-// Whatever stands in the list came from a property list or is text, so every value has its form.
+// Everything in the list came from a property list or is text, so every value can be written as
+// one.
 void AccessControlList::write(qx::PropertyList::Writer& writer) {
   if (foreign_) {
     writer.value(*foreign_);
@@ -205,7 +206,7 @@ void AccessControlList::write(const ConsumerEntry& entry, qx::PropertyList::Writ
   writer.endDictionary();
 }
 
-// A foreign entry is one whose table or list is empty, so that a query need not ask which it is.
+// The table or list of a foreign entry is empty, so a query need not ask which kind an entry is.
 bool AccessControlList::isAllowed(std::string_view provider, std::string_view item,
                                   std::string_view consumer) const {
   const ProviderEntry* providerEntry = providers_.find(provider);

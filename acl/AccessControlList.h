@@ -19,11 +19,11 @@
 ///
 /// A query is three look-ups by hash, whatever the size of the list, and allocates nothing.
 ///
-/// The file is not checked when it is read. What does not have the shape above is kept and written
-/// back as it was, and grants nothing; a new grant takes the place of what stands exactly where its
-/// own dictionaries or list must be, and of nothing else.
+/// The file is not checked when it is read. What does not have the shape above grants nothing, is
+/// kept, and is written back as it was. A new grant takes the place only of what stands exactly
+/// where its own dictionaries or list must be.
 ///
-/// Not safe for concurrent use: a list belongs to one queue.
+/// A list belongs to one queue; it is not safe for concurrent use.
 class AccessControlList {
  public:
   struct Grant {
@@ -37,34 +37,35 @@ class AccessControlList {
   AccessControlList& operator=(AccessControlList&&) noexcept;
   ~AccessControlList();
 
-  /// Whatever property list the stream holds, without ever building it as a Value.
+  /// Reads whatever property list the stream holds, without ever building it as a Value.
   static qx::Result<AccessControlList> read(std::istream& stream);
 
-  /// The whole list, dictionaries in byte order.
+  /// Writes the whole list, with dictionaries in byte order.
   void write(qx::PropertyList::Writer& writer);
 
   bool isAllowed(std::string_view provider, std::string_view item, std::string_view consumer) const;
 
-  /// Adds a grant, after those that the consumer has. False when it was there.
+  /// Adds a grant after those that the consumer has. Returns false when it was there.
   bool allow(std::string_view provider, std::string_view item, std::string_view consumer);
 
-  /// Takes a grant away, and what becomes empty by that: the list of items, then the consumer's
-  /// entry, then the provider's. False when there was none.
+  /// Takes a grant away, and then what became empty: the list of items, the consumer's entry, the
+  /// provider's. Returns false when there was no such grant.
   bool disallow(std::string_view provider, std::string_view item, std::string_view consumer);
 
-  /// What this consumer may have of this provider, in the order in which it was granted.
+  /// Returns what this consumer may have of this provider, in the order in which it was granted.
   std::vector<std::string> itemsOf(std::string_view provider, std::string_view consumer) const;
 
-  /// Every grant: by provider, by consumer, in the order in which they were made.
+  /// Returns every grant, by provider, then by consumer, then in the order in which they were made.
   std::vector<Grant> grants();
 
  private:
   class Reader;
 
-  /// A dictionary as it should be, or, where `foreign` is set, something else instead of it.
+  /// Either a dictionary of the right shape or, where `foreign` is set, something else in its
+  /// place.
   struct ConsumerEntry {
     std::optional<ItemIdentifierList> allowedItems;
-    /// Keys of other names, and the one for the items where it is no array.
+    /// Keys of other names, and the key of the items where its value is no array.
     std::unique_ptr<qx::Dictionary> otherKeys;
     std::unique_ptr<qx::Value> foreign;
   };

@@ -8,8 +8,8 @@ class DSAccessControl {
  public:
   virtual ~DSAccessControl() = default;
 
-  /// False when one of the three is absent; empty strings are looked up like any other. All three
-  /// are compared byte for byte. Waits for the answer on the calling thread.
+  /// Returns false when one of the three is absent; empty strings are looked up like any other. All
+  /// three are compared byte for byte. Waits for the answer on the calling thread.
   virtual bool isProviderWithIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
       const std::optional<std::string>& providerIdentifier,
       const std::optional<std::string>& itemIdentifier,

@@ -1,7 +1,7 @@
 // The access-control file: one property list that holds the whole list, read at the start and at
-// the first unlock, written whole after every change. A file that is missing leaves the list in
-// memory alone, since there is nothing better to be had; one that cannot be parsed drops it, and
-// the next commit writes over that file.
+// the first unlock, and written whole after every change. When the file is missing, the list in
+// memory stays, since there is nothing better. When it cannot be parsed, the list is dropped, and
+// the next commit overwrites the file.
 
 #include <istream>
 
@@ -24,7 +24,8 @@ std::string makeLocation() {
   return directory + "/AccessControl.plist";
 }
 
-/// Made up, and its directory created or cleared of what a killed process left, once per process.
+/// Decides the path, and makes the directory or clears it of what a killed process left, once per
+/// process.
 const std::string& filePath() {
   static const auto& path = *new std::string(makeLocation());
   return path;

@@ -1,8 +1,8 @@
-// Taking grants back. A request that makes or uses a grant asks a provider in between; it keeps the
-// moment at which it began, and what was taken back after that moment it does not bring back. A
-// revocation is written down on the queue before the grant goes, so a request finds it there or has
-// added its grant before, which then goes with the others. What no request that is under way could
-// ask about any more is not kept.
+// Taking grants back. A request that makes or uses a grant asks a provider in between. It keeps the
+// moment at which it began, and does not bring back what was taken back after that moment. A
+// revocation is written down on the queue before the grant goes. So a request either finds it
+// there, or has added its grant before, which then goes with the others. What no request under way
+// can ask about any more is not kept.
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
-// The operations on grants: each is one task on the store's serial queue, and the caller waits for
-// it. Whatever changed the list also writes the file before the caller goes on, so that a grant
-// which was acknowledged is on disk.
+// The operations on grants. Each is one task on the store's serial queue, and the caller waits for
+// it. A change also writes the file before the caller goes on, so that a grant that was
+// acknowledged is on disk.
 
 #include "acl/DSAccessControlStore.h"
 

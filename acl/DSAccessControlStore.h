@@ -15,20 +15,20 @@
 #include "platform/queue/WorkQueue.h"
 
 /// The daemon's single table of grants: which provider extension may provide which item to which
-/// consumer application. Kept in memory and, as one property list, in the file
+/// consumer application. It is kept in memory and, as one property list, in the file
 /// "Library/DocSource/AccessControl.plist" of the daemon's home directory (mode 0600).
 ///
 /// All state belongs to one serial queue. Every operation may be called from any thread but never
 /// from a task that runs on that queue. Queries and changes wait until they have run; a change
-/// returns after the file has been written. A write that fails is logged and the change stays in
-/// force in memory. Nothing is reported to the callers otherwise.
+/// returns after the file has been written. A write that fails is logged, and the change stays in
+/// force in memory; except by revoke() it is not reported to the callers.
 ///
-/// Taking a grant back is more than removing it: what is under way when it is taken back (a
-/// provider that was asked before it is granted) must not bring it to life again. See moment().
+/// A request that is under way while a grant is taken back (it has asked a provider and grants
+/// afterwards) must not bring the grant back. moment() prevents that.
 ///
 /// Identifiers are opaque byte strings in UTF-8, compared exactly.
 ///
-/// Only ever held by a shared pointer: a reading that is still to come keeps its store.
+/// The store is only ever held by a shared pointer: a reading that is still to come keeps it alive.
 class DSAccessControlStore : public DSAccessControl,
                              public std::enable_shared_from_this<DSAccessControlStore> {
  public:
@@ -37,18 +37,18 @@ class DSAccessControlStore : public DSAccessControl,
   static std::shared_ptr<DSAccessControlStore> sharedStore();
 
   /// Registers for the first-unlock notification, at which the shared store reads the file again,
-  /// and reads the file before it returns. Places decides where the file is; the directory is made
-  /// at the first reading in the process and never again.
+  /// and reads the file before it returns. Places decides where the file is; its directory is made
+  /// once per process, at the first reading.
   DSAccessControlStore();
 
-  /// False when one of the three is absent.
+  /// Returns false when one of the three is absent.
   bool isProviderWithIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
       const std::optional<std::string>& providerIdentifier,
       const std::optional<std::string>& itemIdentifier,
       const std::optional<std::string>& consumerIdentifier) override;
 
-  /// False when one of the three is absent or provider or item identifier is empty; an empty
-  /// consumer identifier is looked up like any other.
+  /// Returns false when one of the three is absent, or the provider or item identifier is empty; an
+  /// empty consumer identifier is looked up like any other.
   bool isProviderIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
       const std::optional<std::string>& providerIdentifier,
       const std::optional<std::string>& itemIdentifier,
@@ -68,32 +68,33 @@ class DSAccessControlStore : public DSAccessControl,
       const std::optional<std::string>& itemIdentifier,
       const std::optional<std::string>& consumerIdentifier);
 
-  /// A point in time, kept by whoever is about to ask a provider before it makes or uses a grant:
-  /// what is taken back meanwhile stays taken back for it.
+  /// A point in time, kept by whoever is about to ask a provider before making or using a grant.
+  /// What is taken back after that moment stays taken back for that request.
   class Moment;
-  /// Any thread; never waits for the queue.
+  /// Any thread may call this; it never waits for the queue.
   std::shared_ptr<const Moment> moment();
 
-  /// Whether such a grant was taken back since then. An absent argument means no grant.
+  /// Returns whether such a grant was taken back since then. An absent argument means no grant.
   bool wasRevokedSince(const Moment& moment, const std::optional<std::string>& providerIdentifier,
                        const std::optional<std::string>& itemIdentifier,
                        const std::optional<std::string>& consumerIdentifier) const;
 
-  /// Adds a grant as allowProvider... does, unless it was taken back since then: whether it is
-  /// there now.
+  /// Adds a grant as allowProvider... does, unless it was taken back since then. Returns whether it
+  /// is there now.
   bool allowUnlessRevokedSince(const Moment& moment,
                                const std::optional<std::string>& providerIdentifier,
                                const std::optional<std::string>& itemIdentifier,
                                const std::optional<std::string>& consumerIdentifier);
 
   using Grant = AccessControlList::Grant;
-  /// Every grant: by provider, by consumer, in the order in which they were made.
+  /// Returns every grant, by provider, then by consumer, then in the order in which they were made.
   std::vector<Grant> grants();
 
   struct Revocation {
     /// The items whose grants are gone: the one that was asked for, or all there were.
     std::vector<std::string> items;
-    /// Of the writing of the file: it may hold the grants still, and a restart bring them back.
+    /// The error of writing the file, which may then still hold the grants; a restart would bring
+    /// them back.
     std::optional<qx::Error> error;
   };
   /// Takes a grant back, or, without an item, every grant of the consumer from the provider. Unless
@@ -112,22 +113,23 @@ class DSAccessControlStore : public DSAccessControl,
  private:
   bool isAllowed(const std::string& provider, const std::string& item, const std::string& consumer);
 
-  // These two take no lock: they run on the queue, the first reading in the constructor apart.
+  // These two take no lock: they run on the queue, except for the first reading, in the
+  // constructor.
   void syncQueueReadAccessControl();
   std::optional<qx::Error> syncQueueCommitAccessControl();
   void syncQueueAllow(const std::string& provider, const std::string& item,
                       const std::string& consumer);
-  /// Without writing the file; false when there was no such grant.
+  /// Does not write the file. Returns false when there was no such grant.
   bool syncQueueDisallow(const std::string& provider, const std::string& item,
                          const std::string& consumer);
 
   std::shared_ptr<qx::WorkQueue> syncQueue_;
   /// The list in memory; only on the queue. Absent only within a reading.
   std::optional<AccessControlList> syncQueueAccessControlDict;
-  /// The last writing failed; only on the queue.
+  /// Whether the last writing failed; used only on the queue.
   bool syncQueueFileIsBehind_ = false;
 
-  /// What was taken back while requests were under way. Numbers count revocations.
+  /// What was taken back while requests were under way. The numbers count revocations.
   struct TakenBack {
     std::uint64_t number;
     std::string provider;
@@ -136,7 +138,7 @@ class DSAccessControlStore : public DSAccessControl,
   };
   void forget(std::uint64_t moment);
   mutable std::mutex revocationsMutex_;
-  // Under that mutex.
+  // Guarded by that mutex.
   std::uint64_t revocations_ = 0;
   std::multiset<std::uint64_t> moments_;  // of the requests under way
   std::deque<TakenBack> takenBack_;       // since the first of them

@@ -8,28 +8,28 @@
 #include "platform/base/Value.h"
 #include "platform/containers/IndexedStrings.h"
 
-/// The item identifiers that one consumer may have of one provider, in the order in which they
-/// were granted. Membership and adding take the same time however many there are.
+/// The item identifiers that one consumer may have of one provider, in the order in which they were
+/// granted. Membership and adding take the same time, however many there are.
 ///
-/// A list that came from a file may hold an identifier twice and things that are no identifiers;
-/// they keep their places and are handed back, and only identifiers count as granted.
+/// A list that came from a file may hold an identifier twice, and values that are no identifiers.
+/// They keep their places and are handed back, but only identifiers count as granted.
 class ItemIdentifierList {
  public:
   bool contains(std::string_view identifier) const { return identifiers_.contains(identifier); }
 
-  /// At the end, unless it is there. True when it was added.
+  /// Adds it at the end, unless it is there. Returns true when it was added.
   bool add(std::string_view identifier);
-  /// Every occurrence, the others staying in order. False when there was none. Takes time in
-  /// proportion to the list, less than the writing of the file that follows it.
+  /// Removes every occurrence; the others stay in order. Returns false when there was none. Takes
+  /// time in proportion to the list, but less than the writing of the file that follows.
   bool remove(std::string_view identifier);
 
-  /// At the end, whatever is there.
+  /// Adds it at the end, whatever is there.
   void append(std::string_view identifier) { identifiers_.append(identifier); }
   void appendForeign(qx::Value element);
 
   bool isEmpty() const { return identifiers_.size() == 0 && !foreign_; }
 
-  /// In order: `identifier(std::string_view)` and `foreign(const qx::Value&)`.
+  /// Visits everything in order: `identifier(std::string_view)` and `foreign(const qx::Value&)`.
   template <class Identifier, class Foreign>
   void forEach(Identifier&& identifier, Foreign&& foreign) const {
     std::size_t nextForeign = 0;

@@ -10,7 +10,7 @@
 class DSConduitListenerDelegate final : public QXConduitListenerDelegate {
  public:
   std::shared_ptr<DSServer> server() const { return server_.lock(); }
-  /// Before the listener is resumed.
+  /// Call this before the listener is resumed.
   void setServer(const std::shared_ptr<DSServer>& server) { server_ = server; }
 
   bool listener_shouldAcceptNewConnection(

@@ -10,7 +10,7 @@
 /// server weakly.
 class DSGrantsListenerDelegate final : public QXConduitListenerDelegate {
  public:
-  /// Before the listener is resumed.
+  /// Call this before the listener is resumed.
   void setServer(const std::shared_ptr<DSServer>& server) { server_ = server; }
 
   bool listener_shouldAcceptNewConnection(

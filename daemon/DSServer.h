@@ -8,12 +8,13 @@
 #include "platform/conduit/QXConduitListener.h"
 #include "servicer/DSConduitServicer.h"
 
-/// The daemon's server: the listener on "com.veltro.DocSource" with its delegate, the one on
-/// "com.veltro.DocSource.Grants" with its own, and the order in which the first unlock of the
-/// device, the provider instances and the listeners' resumption come.
+/// The daemon's server. It has the listener on "com.veltro.DocSource" and the one on
+/// "com.veltro.DocSource.Grants", each with its delegate, and decides the order of the first unlock
+/// of the device, the making of the provider instances, and the resumption of the listeners.
 ///
-/// Owned by the entry point for the life of the process. Holds the access control store weakly; the
-/// store keeps itself alive. Used on the main thread; accessControlStore() on any.
+/// The entry point owns it for the life of the process. It holds the access control store weakly;
+/// the store keeps itself alive. It is used on the main thread; accessControlStore() may be called
+/// on any.
 class DSServer final : public std::enable_shared_from_this<DSServer> {
  public:
   /// Null before startCompletion().
@@ -26,13 +27,13 @@ class DSServer final : public std::enable_shared_from_this<DSServer> {
   std::shared_ptr<DSAccessControlStore> accessControlStore() const {
     return accessControlStore_.lock();
   }
-  /// Before startCompletion().
+  /// Call this before startCompletion().
   void setAccessControlStore(const std::shared_ptr<DSAccessControlStore>& store) {
     accessControlStore_ = store;
   }
 
-  /// Called once. Connections are accepted when the provider instances have been created, or, on a
-  /// device that was not unlocked since boot, at once; the completion, which may be absent, is
+  /// Call this once. Connections are accepted when the provider instances have been created, or at
+  /// once on a device that was not unlocked since boot. The completion, which may be absent, is
   /// called then.
   void startCompletion(std::function<void()> completion);
 

@@ -41,7 +41,7 @@ int main(int argc, char* argv[]) {
   server->startCompletion(nullptr);
   qx::RunLoop::main().run();
 
-  // No new calls, no extension left running, no write under way.
+  // There are no new calls after this, no extension is left running, and no write is under way.
   server.reset();
   QXFileCoordinator::leave();
   qx::ExtensionHost::shared().shutdown();

@@ -15,17 +15,17 @@
 #include "platform/queue/WorkQueue.h"
 #include "providers/_QXDocSourceVendor.h"
 
-/// One installed provider extension, and, on the class side, the registry of them all.
+/// One installed provider extension and, in the static members, the registry of them all.
 ///
 /// An instance knows its extension, its identifier and its provided-items directory, talks to the
-/// extension, and answers the file-coordination service. It is made by the registry when the
-/// extension appears and replaced, not changed, when the extension changes. The registry owns the
-/// instances; requests under way keep theirs.
+/// extension, and answers the file-coordination service. The registry makes it when the extension
+/// appears, and replaces it, instead of changing it, when the extension changes. The registry owns
+/// the instances; requests under way keep theirs alive.
 ///
-/// Threads: everything may be called from any thread, except that no look-up of the registry may
-/// be made from a block that runs on the registry queue, and no guarded property read from one
-/// that runs on the instance's member queue: each would wait for itself. Nothing blocks but the
-/// look-ups, and those only while a refresh changes the table.
+/// Everything may be called from any thread, with two exceptions: a block that runs on the registry
+/// queue makes no look-up of the registry, and a block that runs on the instance's member queue
+/// reads no guarded property. Each would wait for itself. Only look-ups block, and only while a
+/// refresh changes the table.
 ///
 /// The source files are named after the concerns: registry, URL resolution, instance, extension
 /// requests, coordinator registration, item operations, coordinator callbacks.
@@ -36,25 +36,25 @@ class DSExtensionDocSource final : public QXDocSource,
 
   // The registry.
 
-  /// Begins, on the first call, to discover the installed extensions, and calls back when those
-  /// found first are registered with the file-coordination service. Every later call is answered
-  /// at once. The completion may be absent.
+  /// The first call begins to discover the installed extensions, and calls back when those that
+  /// were found first are registered with the file-coordination service. Every later call is
+  /// answered at once. The completion may be absent.
   static void createInstancesCompletion(Callback completion);
 
-  /// Registers the instances one after another; a failure is logged and the next one's turn comes.
+  /// Registers the instances one after another. A failure is logged, and the next instance follows.
   static void refreshOperationsQueueRegisterProviders_completion(
       std::vector<std::shared_ptr<DSExtensionDocSource>> providers, Callback completion);
 
-  /// The instance with that identifier, or null.
+  /// Returns the instance with that identifier, or null.
   static std::shared_ptr<DSExtensionDocSource> providerWithIdentifier(
       const std::optional<std::string>& identifier);
 
-  /// For each identifier a dictionary with "documentStorageURL" and "providerIdentifier"; an empty
-  /// one for an instance without a provided-items directory.
+  /// Returns for each identifier a dictionary with "documentStorageURL" and "providerIdentifier";
+  /// it is empty for an instance without a provided-items directory.
   static qx::Dictionary providersInfo();
 
-  /// The instance whose provided-items directory holds the item, or null. `outExcludedURL`, when
-  /// given, receives whether the URL is such a directory itself.
+  /// Returns the instance whose provided-items directory holds the item, or null. `outExcludedURL`,
+  /// when given, receives whether the URL is such a directory itself.
   static std::shared_ptr<DSExtensionDocSource> providerForURL_outExcludedURL(
       const std::optional<qx::URL>& url, bool* outExcludedURL);
   static std::shared_ptr<DSExtensionDocSource> providerForURL(const std::optional<qx::URL>& url);
@@ -67,18 +67,19 @@ class DSExtensionDocSource final : public QXDocSource,
   static std::shared_ptr<DSExtensionDocSource> initWithExtension(
       const std::shared_ptr<QXExtension>& extension);
 
-  /// The guarded properties: read synchronously through the member queue, written as a barrier
-  /// that the setter does not wait for; a read after a write on one thread sees the write.
+  /// The guarded properties. They are read synchronously through the member queue, and written in a
+  /// barrier for which the setter does not wait. A read that follows a write on one thread sees the
+  /// write.
   std::shared_ptr<QXExtension> extension() const;
   void setExtension(std::shared_ptr<QXExtension> extension);
-  /// The extension's own identifier when the member is absent.
+  /// Returns the extension's own identifier when the member is absent.
   std::optional<std::string> identifier() const;
   void setIdentifier(std::optional<std::string> identifier);
   std::optional<qx::URL> providedItemsURL() const;
   void setProvidedItemsURL(std::optional<qx::URL> url);
 
   /// The members themselves, without any locking: for code on the member queue, and for the
-  /// initialiser.
+  /// constructor.
   const std::shared_ptr<qx::OperationQueue>& operationQueue() const { return operationQueue_; }
   void setOperationQueue(std::shared_ptr<qx::OperationQueue> queue) {
     operationQueue_ = std::move(queue);
@@ -102,33 +103,33 @@ class DSExtensionDocSource final : public QXDocSource,
 
   // Extension requests.
 
-  /// Gets the proxy of a request, or the error; and the done callback, which ends the request and
-  /// is to be called once, when the proxy is not needed any more. Called a second time, with the
-  /// error and no proxy, when a call of the proxy fails.
+  /// Receives the proxy of a request, or the error; and the done callback, which ends the request
+  /// and must be called once, when the proxy is not needed any more. It is called a second time,
+  /// with the error and no proxy, when a call of the proxy fails.
   using RequestCallback =
       std::function<void(const std::optional<qx::Error>& error,
                          const std::shared_ptr<_QXDocSourceVendor>& proxy, const Callback& done)>;
 
-  /// Opens a request to the extension. Returns at once; the callback runs on a thread of the
+  /// Opens a request to the extension, and returns at once. The callback runs on a thread of the
   /// extension host or of the connection.
   void performExtensionRequest(RequestCallback callback);
 
-  /// The proxy of an open request, or null. The handler, which may be absent, gets the error of
-  /// each call of the proxy that fails.
+  /// Returns the proxy of an open request, or null. The handler, which may be absent, gets the
+  /// error of each call of the proxy that fails.
   std::shared_ptr<_QXDocSourceVendor> proxyForIdentifier_errorHandler(
       const std::optional<qx::UUID>& request,
       std::function<void(const qx::Error& error)> errorHandler);
 
   // Registration with the file-coordination service.
 
-  /// Has the extension set itself up and adds the instance to the file coordinator: up to `count`
-  /// attempts, two seconds apart. The completion, which may be absent, is called once, from a
-  /// background thread.
+  /// Has the extension set itself up and adds the instance to the file coordinator, in up to
+  /// `count` attempts, two seconds apart. The completion, which may be absent, is called once, from
+  /// a background thread.
   void registerWithFileCoordinatorRetryCount_completion(std::int32_t count,
                                                         qx::Completion<qx::Error> completion);
   void retryRegisterWithFileCoordinatorRetryCount_lastError_completion(
       std::int32_t count, const qx::Error& lastError, qx::Completion<qx::Error> completion);
-  /// One attempt.
+  /// Makes one attempt.
   void registerWithFileCoordinatorCompletion(qx::Completion<qx::Error> completion);
   void unregisterFromFileCoordinator();
 

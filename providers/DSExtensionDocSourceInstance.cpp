@@ -8,8 +8,8 @@
 
 namespace {
 
-/// The provided-items directory according to the extension's bundle; absent, with a line in the
-/// log, when the bundle does not tell.
+/// Returns the provided-items directory according to the extension's bundle; absent, with a line in
+/// the log, when the bundle does not tell.
 std::optional<qx::URL> providedItemsURLOf(const std::shared_ptr<QXExtension>& extension) {
   const auto record = CatalogExtensionProxy::catalogProxyForIdentifier(extension->identifier());
   if (!record) {

@@ -1,5 +1,5 @@
 // Registration with the file-coordination service: the extension sets itself up, then the instance
-// is added to the coordinator. The count of attempts travels through the callbacks.
+// is added to the coordinator. The callbacks carry the count of attempts along.
 
 #include <chrono>
 #include <utility>
@@ -20,7 +20,8 @@ void DSExtensionDocSource::registerWithFileCoordinatorRetryCount_completion(
     return;
   }
   DS_LOG("[DEBUG] %s", qx::methodName("DSExtensionDocSource", __func__));
-  // A request that cannot be begun fails at once, and nothing completes before this has returned.
+  // A request that cannot be begun fails at once; nothing may complete before this function has
+  // returned.
   qx::WorkQueue::global().async([self = shared_from_this(), completion = std::move(completion),
                                  count] { self->attemptToRegister(count, completion); });
 }

@@ -9,11 +9,11 @@
 #include "platform/queue/WorkQueue.h"
 #include "providers/DSExtensionDocSource.h"
 
-/// The process-wide state of the registry; for the source files of DSExtensionDocSource alone.
+/// The process-wide state of the registry. Only the source files of DSExtensionDocSource use it.
 struct DSExtensionDocSource::Registry {
   using Table = std::map<std::string, std::shared_ptr<DSExtensionDocSource>, std::less<>>;
 
-  /// Read in synchronous blocks on the registry queue, written in barriers on it.
+  /// Read in synchronous blocks on the registry queue, and written in barriers on it.
   Table instances;
 
   const std::shared_ptr<qx::WorkQueue> refreshQueue =

@@ -1,5 +1,5 @@
-// One extension request: opened with the extension host, spoken through a proxy of its auxiliary
-// connection, ended by the done callback.
+// One extension request. The extension host opens it, a proxy of its auxiliary connection carries
+// the calls, and the done callback ends it.
 
 #include <utility>
 

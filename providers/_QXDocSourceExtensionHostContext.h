@@ -10,15 +10,15 @@
 class _QXDocSourceExtensionHostContext final : public QXExtensionContext,
                                                public _QXDocSourceHostProtocol {
  public:
-  /// What the extension may call. The same object every time.
+  /// The interface that the extension may call. It is the same object every time.
   static const std::shared_ptr<const QXConduitInterface>& _extensionAuxiliaryHostProtocol();
-  /// What the daemon calls. The same object every time.
+  /// The interface that the daemon calls. It is the same object every time.
   static const std::shared_ptr<const QXConduitInterface>& _extensionAuxiliaryVendorProtocol();
 };
 
 /// The extension point of document providers.
 inline constexpr const char* docSourceExtensionPoint = "com.veltro.docsource-nonui";
-/// Makes the extension host use this context class for the extension point; it is in force in
-/// every program that includes this header.
+/// Makes the extension host use this context class for the extension point, in every program that
+/// includes this header.
 inline const QXExtensionPoint docSourceExtensionPointRegistration =
     QXExtensionPoint::withContext<_QXDocSourceExtensionHostContext>(docSourceExtensionPoint);

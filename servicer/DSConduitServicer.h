@@ -24,10 +24,10 @@ class DSConduitServicer final : public DSDaemon,
                                 public DSServicer,
                                 public std::enable_shared_from_this<DSConduitServicer> {
  public:
-  /// Whether the client's own sandbox lets it write the file.
+  /// Returns whether the client's own sandbox lets it write the file.
   bool clientHasSandboxAccessToFile(const std::optional<qx::URL>& url) const;
 
-  // DSDaemon
+  // These operations are those of DSDaemon.
   void wakeUpCompletion(qx::Completion<> completion) override;
   void extendSandboxForFileURL_fromProviderID_toConsumerID_completionHandler(
       const std::optional<qx::URL>& url, const std::optional<std::string>& providerID,
@@ -61,8 +61,8 @@ class DSConduitServicer final : public DSDaemon,
 
   using ItemOperation = void (DSExtensionDocSource::*)(const std::optional<qx::URL>& url,
                                                        qx::Completion<qx::Error> completion);
-  /// Asks the provider for the item's identifier, and then for the operation when the consumer was
-  /// granted the item.
+  /// Asks the provider for the item's identifier and, when the consumer was granted that item, for
+  /// the operation.
   void forwardIfGranted(ItemOperation operation,
                         const std::shared_ptr<DSExtensionDocSource>& provider,
                         const std::optional<qx::URL>& url,
@@ -71,21 +71,23 @@ class DSConduitServicer final : public DSDaemon,
                         qx::Completion<qx::Error> completion);
 };
 
-/// The file of the same name with a "." in front, beside the document. Made from the URL's text,
-/// so that what is escaped stays escaped; absent when the result is no URL.
+/// Returns the URL of the file of the same name with a "." in front, beside the document. It is
+/// made from the URL's text, so that what is escaped stays escaped; absent when the result is no
+/// URL.
 std::optional<qx::URL> hiddenSiblingURLForURL(const qx::URL& url);
 
-/// Tokens for a document and its hidden sibling, read-write. Each out place may be null; each token
-/// may be absent on success. Always true, and never writes the error.
+/// Issues tokens for a document and its hidden sibling, for reading and writing. Each out place may
+/// be null, and each token may be absent on success. Always returns true, and never writes the
+/// error.
 bool issueSandboxExtensionsForURL(const std::optional<qx::URL>& url,
                                   std::optional<qx::Bytes>* outToken,
                                   std::optional<qx::URL>* outSiblingURL,
                                   std::optional<qx::Bytes>* outSiblingToken,
                                   std::optional<qx::Error>* outError);
 
-/// Shows a document that was granted in the sandboxes of the consumer, where it is run in one, and
-/// takes it out of them again unless `isGranted` still holds then. That it cannot be shown is
-/// logged; the tokens are good all the same. Blocks on the disk.
+/// Shows a granted document in the sandboxes of the consumer, and takes it out of them again when
+/// `isGranted` does not hold any more after that. When the document cannot be shown that is logged;
+/// the tokens are good all the same. Blocks on the disk.
 void showInSandboxes(const std::optional<std::string>& consumerID,
                      const std::optional<qx::URL>& url, const std::function<bool()>& isGranted);
 

@@ -46,7 +46,7 @@ void logExtendBookmarkFailure(const std::optional<qx::URL>& url,
       url, clientID, consumerID, error);
 }
 
-/// An extension that is permitted, and waits for the provider to say which item it is about.
+/// An extension that is permitted and waits for the provider to say which item it is about.
 struct BookmarkExtension {
   std::optional<qx::URL> url;
   std::optional<std::string> clientID;
@@ -93,7 +93,7 @@ void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
     if (!provider) error = DSNotFoundErrorURL(url);
   }
   // The grant is to be for the file that the client may write, whatever happens to its name while
-  // the provider is asked: it is held on to before the client's access is looked at (again).
+  // the provider is asked. So the file is held before the client's access is looked at (again).
   std::shared_ptr<qx::ItemGuard> guard;
   if (!error) {
     guard = qx::ItemGuard::hold(provider->providedItemsURL(), url);
@@ -116,8 +116,8 @@ void DSConduitServicer::extendBookmarkForFileURL_toConsumerID_completionHandler(
           if (completion) completion(std::nullopt, DSPluginOperationFailedError(lookupError));
           return;
         }
-        // The provider's word on which item that is does not make it so: the item's own URL must
-        // lead to the file that was held.
+        // The provider's word is not enough: the item's own URL must lead to the file that was
+        // held.
         extension.provider->URLForItemID_completionHandler(
             itemID, [completion, extension, itemID](const std::optional<qx::Error>& urlError,
                                                     const std::optional<qx::URL>& itemURL) {
@@ -186,7 +186,8 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
     return;
   }
   const auto provider = DSExtensionDocSource::providerWithIdentifier(providerID);
-  // No provider, no answer: the string may come true when the provider is installed again.
+  // Without the provider there is no answer: the string may be good when the provider is installed
+  // again.
   if (!provider) return;
 
   provider->URLForItemID_completionHandler(
@@ -205,7 +206,7 @@ void DSConduitServicer::documentURLFromBookmarkableString_completion(
         const bool isIssued =
             issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError);
         showInSandboxes(clientID, url, isGranted);
-        // Tokens that are issued after the grant was taken back would be good.
+        // Tokens that are issued after the grant was taken back would redeem.
         if (!isGranted()) return fail(DSNotPermittedError());
         if (isIssued) {
           DS_LOG(

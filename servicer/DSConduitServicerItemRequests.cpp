@@ -1,9 +1,9 @@
-// Requests of an entitled client that a provider act on one of its documents, on behalf of a
-// consumer: put a placeholder, start providing, stop providing.
+// Requests of an entitled client that a provider act on one of its documents for a consumer: put a
+// placeholder, start providing, stop providing.
 //
 // The three look alike. Placeholder finds the provider by its identifier and answers an early error
-// as it is; start and stop find it by the URL and answer every early error as "not found", while
-// the log keeps the precise error. Stop asks nobody's permission.
+// as it is. Start and stop find it by the URL and answer every early error as "not found"; the log
+// has the precise error. Stop needs no grant.
 
 #include <utility>
 
@@ -36,8 +36,8 @@ qx::Result<Provider> providerNamedBy(const ItemRequest& request) {
   return provider;
 }
 
-/// The provider that owns the URL, which must be the one that was named; `mismatchValue` is the
-/// value of the error when it is not.
+/// Returns the provider that owns the URL, which must be the one that was named; when it is not,
+/// `mismatchValue` is the value of the error.
 qx::Result<Provider> providerOwningURLOf(const ItemRequest& request,
                                          const std::optional<std::string>& mismatchValue) {
   if (auto missing = request.missingArgument()) return *missing;

@@ -11,7 +11,7 @@ void DSConduitServicer::providersCompletionHandler(
   const auto operation = qx::operationName(__func__);
   DS_LOG("[DEBUG] Serving: %@", operation);
   if (clientHasOneOfAllowedEntitlements(dsReadOrWriteEntitlements)) {
-    // The registry as it is at the moment of the call, not at that of the answer.
+    // The answer is the registry at the moment of the call.
     qx::Completion<qx::Error, qx::Dictionary> logged =
         [completion = std::move(completion), operation](
             const std::optional<qx::Error>& error, const std::optional<qx::Dictionary>& providers) {

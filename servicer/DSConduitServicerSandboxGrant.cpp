@@ -90,7 +90,7 @@ void DSConduitServicer::extendSandboxForFileURL_fromProviderID_toConsumerID_comp
         const bool isIssued =
             issueSandboxExtensionsForURL(url, &token, &siblingURL, &siblingToken, &issueError);
         showInSandboxes(consumerID, url, [&] { return !wasRevoked(); });
-        // Tokens that are issued after the document's were taken back would be good.
+        // Tokens that are issued after those of the document were taken back would redeem.
         if (wasRevoked()) return fail(DSNotPermittedError());
         if (isIssued) {
           DS_LOG(
@@ -122,7 +122,7 @@ void showInSandboxes(const std::optional<std::string>& consumerID,
                      const std::optional<qx::URL>& url, const std::function<bool()>& isGranted) {
   if (!consumerID || !url) return;
   const auto failure = qx::DocumentViews::show(*consumerID, *url);
-  // What was taken back meanwhile may have been shown after it was taken out.
+  // A document that was taken back meanwhile may have been shown after it was taken out.
   const auto left = isGranted() ? std::nullopt : qx::DocumentViews::hide(*consumerID, *url);
   for (const auto& error : {failure, left}) {
     if (!error) continue;

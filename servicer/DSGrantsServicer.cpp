@@ -12,7 +12,7 @@
 
 namespace {
 
-/// A listing is worth something without the URLs.
+/// A listing is useful even without the URLs.
 constexpr std::chrono::seconds timeForListing(5);
 
 }  // namespace
@@ -25,7 +25,7 @@ void DSGrantsServicer::grantsCompletion(qx::Completion<qx::Error, qx::Array> com
   }
   const auto store = accessControlStore();
   auto grants = store ? store->grants() : std::vector<DSAccessControlStore::Grant>();
-  // Each item is asked about once, however many have it.
+  // Each item is asked about once, however many consumers have it.
   std::vector<DSItem> items;
   std::map<std::pair<std::string, std::string>, std::size_t> places;
   for (const auto& grant : grants) {

@@ -10,14 +10,16 @@
 ///
 /// When a revocation has answered without an error, the access-control file is without the grant,
 /// durably; bookmarks of that consumer for that item do not resolve; no token for the document that
-/// was issued before redeems, for anybody; the consumer's sandboxes show it no more; and no request
-/// that was under way brings any of it back. A daemon that was killed in the middle of it goes on
-/// with it at its next start. With an error the grant may be gone already, and the
-/// rest be undone: whoever asks again begins where it stopped, but for grants of which "all" does
-/// not know any more.
+/// was issued before redeems, for anybody; the consumer's sandboxes do not show it any more; and no
+/// request that was under way brings any of it back. A daemon that was killed in the middle of it
+/// finishes it at its next start.
 ///
-/// Operations run on the thread on which the connection delivers them, and wait for the disk there;
-/// what has to be asked of providers is answered from theirs.
+/// With an error, the grant may be gone already and the rest undone. Whoever asks again begins
+/// where it stopped. The exception is a revocation of all items: it does not know any more of
+/// grants that are gone.
+///
+/// Operations run on the thread on which the connection delivers them, and wait for the disk there.
+/// What has to be asked of providers is answered from the providers' threads.
 class DSGrantsServicer final : public DSGrants, public DSServicer {
  public:
   void grantsCompletion(qx::Completion<qx::Error, qx::Array> completion) override;

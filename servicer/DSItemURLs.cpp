@@ -29,7 +29,7 @@ class Search : public std::enable_shared_from_this<Search> {
   }
 
  private:
-  /// From the global queue, so that answers that come at once do not nest.
+  /// It asks from the global queue, so that answers that come at once do not nest.
   void askNext() {
     qx::WorkQueue::global().async([self = shared_from_this()] {
       const auto index = self->takeIndex();
@@ -82,7 +82,7 @@ class Search : public std::enable_shared_from_this<Search> {
   const std::vector<DSItem> items_;
   qx::Clock::TimerID timer_ = 0;  // before the first question
   std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   Done done_;
   std::vector<DSItemURL> urls_;
   std::size_t asked_ = 0;

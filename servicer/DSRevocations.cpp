@@ -1,5 +1,5 @@
-// Revocations that are under way are in one property list beside the access-control file, written
-// whole before the first step and again after the last.
+// Revocations that are under way are kept in one property list beside the access-control file. It
+// is written whole before the first step of a revocation and again after the last.
 
 #include "servicer/DSRevocations.h"
 
@@ -22,7 +22,7 @@
 
 namespace {
 
-/// A revocation without the URLs takes back more than it was to.
+/// Without the URLs, a revocation takes back more than was asked for.
 constexpr std::chrono::seconds timeForURLs(20);
 
 constexpr const char* providerKey = "provider";
@@ -90,7 +90,7 @@ class UnderWay {
   std::list<DSRevocation> all_;
 };
 
-/// `isAgain`: it may be that the grants are gone, and nothing else.
+/// `isAgain` says that the grants may be gone already, while nothing else is done.
 void carryOut(DSAccessControlStore& store, const DSRevocation& revocation, bool isAgain,
               std::function<void(const std::optional<qx::Error>&)> done) {
   const auto& [providerID, itemID, consumerID] = revocation;
@@ -113,13 +113,13 @@ void carryOut(DSAccessControlStore& store, const DSRevocation& revocation, bool 
         };
         if (!isAll && std::all_of(urls.begin(), urls.end(),
                                   [](const DSItemURL& url) { return url && *url; })) {
-          // As many as possible, whatever becomes of the others.
+          // Takes back as many as possible, whatever becomes of the others.
           for (const auto& url : urls) {
             note(takeBackSandboxExtensionsForURL(**url));
             note(qx::DocumentViews::hide(revocation.consumerID, **url));
           }
         } else {
-          // Its provider does not say which document it was: then it was any.
+          // The provider does not say which document it was, so it could be any.
           DS_LOG(
               "[NOTICE] Provider ID %@ cannot name a document that consumer ID %@ had: every token "
               "is taken back.",

@@ -8,20 +8,22 @@
 #include "acl/DSAccessControlStore.h"
 #include "platform/base/Error.h"
 
-/// A grant that is taken back, or without an item all of a consumer's from one provider. What that
-/// comes to, DSGrantsServicer.h says.
+/// A grant that is taken back or, without an item, all grants of a consumer from one provider.
+/// DSGrantsServicer.h says what that means.
 struct DSRevocation {
   std::string providerID;
   std::optional<std::string> itemID;
   std::string consumerID;
 };
 
-/// Takes it back. Kept on disk until `done` is called, so that the next start goes on with it when
-/// this process is killed in between. Waits for the disk; `done` is called once, on any thread.
+/// Carries out a revocation. It is kept on disk until `done` is called, so that the next start
+/// finishes it when this process is killed in between. Waits for the disk; `done` is called once,
+/// on any thread.
 void dsRevoke(const std::shared_ptr<DSAccessControlStore>& store, const DSRevocation& revocation,
               std::function<void(const std::optional<qx::Error>& error)> done);
 
-/// Goes on with the revocations that the process before was killed in. Once, before anybody is
-/// served. Of grants that were gone already, and were not named, every document of the consumer
-/// goes from its sandboxes; what it still has a grant for comes back when it is shown again.
+/// Finishes the revocations in which the process before was killed. Called once, before anybody is
+/// served. Where the grants were gone already and their items are not known, every document of the
+/// consumer goes from its sandboxes; those that are still granted come back when they are shown
+/// again.
 void dsGoOnWithRevocations(const std::shared_ptr<DSAccessControlStore>& store);

@@ -17,8 +17,8 @@ class DSServer;
 /// What the servicers of the daemon's interfaces share: one connection, the server, the vetting of
 /// the client, and the one way in which an early answer is given.
 ///
-/// The connection owns its servicer; the servicer holds server and connection weakly, and what it
-/// cannot reach any more it treats as having nothing: no entitlement, no grant.
+/// The connection owns its servicer; the servicer holds server and connection weakly. When one is
+/// gone the servicer acts as if it had nothing: no entitlement, no grant.
 class DSServicer {
  public:
   std::shared_ptr<DSServer> server() const { return server_.lock(); }
@@ -28,19 +28,21 @@ class DSServicer {
     connection_ = connection;
   }
 
-  /// Whether the client holds one of the entitlements: a number whose boolean value is true.
+  /// Returns whether the client holds one of the entitlements: a number whose boolean value is
+  /// true.
   bool clientHasOneOfAllowedEntitlements(const std::vector<std::string>& names) const;
 
  protected:
   DSServicer() = default;
   ~DSServicer() = default;
 
-  /// The server's store, or null.
+  /// Returns the server's store, or null.
   std::shared_ptr<DSAccessControlStore> accessControlStore() const;
-  /// The client's audit token; nobody's when the connection is gone.
+  /// Returns the client's audit token; that of nobody when the connection is gone.
   qx::AuditToken clientAuditToken() const;
 
-  /// Answers from the global queue, never on the calling thread. Every early answer is given so.
+  /// Answers from the global queue, never on the calling thread. Every early answer is given in
+  /// this way.
   template <class... Values>
   static void answerEarly(qx::Completion<Values...> completion,
                           const std::optional<std::type_identity_t<Values>>&... values) {
@@ -54,6 +56,6 @@ class DSServicer {
   std::weak_ptr<QXConduitConnection> connection_;
 };
 
-/// The entitlements, and the lists in which the operations accept them.
+/// The entitlements, in the lists in which the operations accept them.
 extern const std::vector<std::string> dsReadOrWriteEntitlements;
 extern const std::vector<std::string> dsWriteEntitlements;
