@@ -10,7 +10,7 @@
 
 namespace qx {
 
-/// Bytes of a file from `begin` on, up to `end` and without it.
+/// Bytes of a file from `begin` up to, but not including, `end`.
 struct ByteRange {
   std::uint64_t begin = 0;
   std::uint64_t end = 0;
@@ -23,22 +23,23 @@ struct ByteRange {
   friend bool operator==(const ByteRange&, const ByteRange&) = default;
 };
 
-/// Which bytes of a file there are. Ranges that touch are one. One thread at a time.
+/// Which bytes of a file are there. Ranges that touch become one. Used by one thread at a time.
 class ByteRanges {
  public:
   void add(ByteRange range);
-  /// Nothing is everywhere.
+  /// An empty range is contained everywhere.
   bool contains(ByteRange range) const;
   bool isEmpty() const { return ends_.empty(); }
   std::uint64_t size() const;
-  /// The first bytes from `from` on, before `end`, that are not there; absent when all are.
+  /// Returns the first bytes between `from` and `end` that are not there; absent when all are.
   std::optional<ByteRange> missing(std::uint64_t from, std::uint64_t end) const;
-  /// The largest, at most so many.
+  /// Returns the largest ranges, at most so many.
   ByteRanges largest(std::size_t most) const;
-  /// In their order.
+  /// All ranges, in their order.
   const std::map<std::uint64_t, std::uint64_t>& all() const { return ends_; }
 
-  /// "BEGIN-END,BEGIN-END", decimal. What is none, or not in order, is refused.
+  /// The ranges as "BEGIN-END,BEGIN-END", in decimal. Text that is not of that form, or not in
+  /// order, is refused.
   std::string text() const;
   static std::optional<ByteRanges> parse(std::string_view text);
 

@@ -12,9 +12,9 @@ namespace qx {
 template <class... Ts>
 using Completion = std::function<void(std::optional<Ts>...)>;
 
-/// The one place where a completion that must be called exactly once is protected: a second call
-/// is dropped, from whatever thread it comes, and what the callback holds is released after the
-/// first. An absent completion stays absent.
+/// Wraps a completion that must be called exactly once: a second call is dropped, from whatever
+/// thread it comes, and what the callback holds is released after the first. This is the only place
+/// that protects one. An absent completion stays absent.
 template <class... Ts>
 std::function<void(Ts...)> once(std::function<void(Ts...)> completion) {
   if (!completion) return {};

@@ -11,17 +11,17 @@ namespace qx {
 
 class Value;
 
-/// A platform error object: domain, code and an info dictionary. Cheap to copy and immutable.
-/// Absence of an error is an empty std::optional<Error>.
+/// A platform error object: domain, code and an info dictionary. It is cheap to copy and immutable.
+/// An empty std::optional<Error> means no error.
 ///
-/// The info dictionary leaves out what is absent and always holds "description", one sentence for
-/// a person, and may hold the error behind this one under "underlyingError".
+/// The info dictionary leaves out what is absent. It always holds "description", one sentence for a
+/// person, and may hold the error behind this one under "underlyingError".
 class Error {
  public:
   using Info = std::map<std::string, Value, std::less<>>;
 
   Error(std::string domain, std::int64_t code, Info info);
-  /// An error that holds no more than its description.
+  /// Makes an error that holds no more than its description.
   Error(std::string domain, std::int64_t code, std::string_view description);
 
   const std::string& domain() const;

@@ -35,10 +35,11 @@ inline constexpr std::int64_t fileUnknownError = 256;
 Error conduitError(ConduitErrorCode code, std::string_view description);
 Error extensionError(ExtensionErrorCode code, std::string_view identifier,
                      std::optional<Error> underlying = std::nullopt);
-/// An errno (errno(3)); `what` says what was tried, the description adds the errno's own text.
+/// Makes the error of an errno (errno(3)). `what` says what was tried; the description adds the
+/// errno's own text.
 Error posixError(int errnum, std::string_view what);
-/// 260 for ENOENT, else 256 with the POSIX error underneath; the URL, when there is one, under
-/// QXURLErrorKey.
+/// Makes error 260 for ENOENT, otherwise 256 with the POSIX error underneath. The URL, when there
+/// is one, stands under QXURLErrorKey.
 Error fileError(int errnum, const std::optional<URL>& url);
 
 }  // namespace qx
@@ -53,7 +54,7 @@ qx::Error DSClientLacksEntitlement(const std::optional<std::string>& entitlement
 qx::Error DSProxyNotFoundError(const std::optional<std::string>& identifier,
                                const std::optional<qx::Error>& underlying);
 qx::Error DSSandboxExtensionFailedError(const std::optional<qx::URL>& url);
-/// Wraps a failure that an extension reported; no failure, no error.
+/// Wraps a failure that an extension reported. Without a failure there is no error.
 std::optional<qx::Error> DSPluginOperationFailedError(const std::optional<qx::Error>& underlying);
 /// The bare error, with nothing underneath.
 qx::Error DSPluginOperationFailedError();

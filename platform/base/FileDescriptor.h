@@ -26,20 +26,22 @@ class FileDescriptor {
   int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1);
 
-  /// A second descriptor of the same open file (close-on-exec); empty when there is none to be had.
+  /// Returns a second descriptor of the same open file (close-on-exec); empty when none can be
+  /// made.
   FileDescriptor duplicate() const;
 
  private:
   int fd_ = -1;
 };
 
-/// Opens /dev/null where standard input, output or error is closed, so that no other file gets one
-/// of their numbers and the log written into it. For main, before anything is opened.
+/// Opens /dev/null where standard input, output or error is closed. Otherwise another file would
+/// get one of their numbers, and the log would be written into it. Called in main, before anything
+/// is opened.
 void fillStandardDescriptors();
 
-/// Lets this process have as many descriptors as it may ask for, and returns how many that are
-/// (getrlimit(2)): every client costs one, and what a login gives is a thousand. For main, before
-/// other threads exist; a second call changes nothing.
+/// Raises the limit of descriptors as far as this process may, and returns it (getrlimit(2)): every
+/// client costs a descriptor, and a login gives only a thousand. Called in main, before other
+/// threads exist; a second call changes nothing.
 std::size_t raiseDescriptorLimit();
 
 /// Gives a child the limit that this process was started with: a program that uses select(2) counts

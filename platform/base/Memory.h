@@ -2,14 +2,14 @@
 
 namespace qx {
 
-/// Has the allocator keep little that is free (mallopt(3)). By itself it keeps large blocks once it
-/// has seen some, and a few clients that send the largest frames there are would leave a daemon
-/// large for good; and it gives threads arenas of their own, each of which keeps what its threads
-/// once needed. Call first thing in main.
+/// Makes the allocator keep little free memory (mallopt(3)). By itself it keeps large blocks once
+/// it has seen some, so a few clients that send the largest frames would leave a daemon large for
+/// ever; and it gives threads arenas of their own, each of which keeps what its threads once
+/// needed. Call this first in main.
 void keepFreeMemorySmall();
 
-/// Gives back what became free since a peak, pages between blocks in use included
-/// (malloc_trim(3)). Takes a millisecond for some ten mebibytes, in which nobody allocates.
+/// Gives back what has become free since a peak, including pages between blocks in use
+/// (malloc_trim(3)). It takes about a millisecond for ten mebibytes; nobody can allocate meanwhile.
 void giveFreeMemoryBack();
 
 }  // namespace qx

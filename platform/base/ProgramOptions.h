@@ -5,9 +5,9 @@
 
 namespace qx {
 
-/// What a daemon does about its arguments, of which it takes none: "--help" and "--version" are
-/// answered on standard output, anything else is refused with one line on standard error. The exit
-/// status; absent when there are no arguments, and the daemon is to start. For main, before
+/// Handles the arguments of a daemon, which takes none. "--help" and "--version" are answered on
+/// standard output, anything else is refused with one line on standard error. Returns the exit
+/// status; absent when there are no arguments, and the daemon is to start. Called in main, before
 /// anything else.
 std::optional<int> answerOptions(std::span<char* const> arguments, const char* purpose);
 

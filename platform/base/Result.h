@@ -8,8 +8,8 @@
 
 namespace qx {
 
-/// Either a value or the error that stood in its way. Nothing in this system throws; an operation
-/// that can fail returns a Result, or an optional Error where it has no value to give.
+/// Either a value or the error that prevented it. Nothing in this system throws; an operation that
+/// can fail returns a Result, or an optional Error where it has no value to give.
 template <class T>
 class [[nodiscard]] Result {
  public:
@@ -19,7 +19,7 @@ class [[nodiscard]] Result {
   explicit operator bool() const { return content_.index() == 0; }
   bool ok() const { return content_.index() == 0; }
 
-  /// Only when ok().
+  /// Call this only when ok().
   T& value() & { return *std::get_if<0>(&content_); }
   const T& value() const& { return *std::get_if<0>(&content_); }
   T&& value() && { return std::move(*std::get_if<0>(&content_)); }
@@ -29,7 +29,7 @@ class [[nodiscard]] Result {
   const T& operator*() const& { return value(); }
   T&& operator*() && { return std::move(*this).value(); }
 
-  /// Only when not ok().
+  /// Call this only when not ok().
   const Error& error() const { return *std::get_if<1>(&content_); }
 
  private:

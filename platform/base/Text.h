@@ -15,7 +15,7 @@ bool isValidUTF8(std::string_view text);
 /// Lower-case hexadecimal.
 std::string hexEncode(std::span<const std::uint8_t> bytes);
 std::optional<std::vector<std::uint8_t>> hexDecode(std::string_view text);
-/// The value of two digits.
+/// Returns the value of two hexadecimal digits.
 std::optional<std::uint8_t> hexByte(std::string_view digits);
 
 /// Base64 with padding (RFC 4648); the decoder skips white space and refuses everything else.

@@ -14,7 +14,8 @@ class URL {
   /// Takes any text; use parse() for text that may not be a URL at all.
   explicit URL(std::string absoluteString) : text_(std::move(absoluteString)) {}
 
-  /// Absent for text that is no URL: empty, without a scheme, or with control characters.
+  /// Absent for text that is no URL because it is empty, has no scheme or contains control
+  /// characters.
   static std::optional<URL> parse(std::string_view text);
 
   /// The file URL of an absolute path; bytes outside RFC 3986's unreserved set and "/" are
@@ -24,12 +25,12 @@ class URL {
   const std::string& absoluteString() const { return text_; }
 
   /// The percent-decoded path in the file system's representation. Absent for anything but a file
-  /// URL of this machine (empty host or "localhost") with an absolute path, and for a path that
-  /// the file system cannot carry (an escape that is not one, or an escaped zero byte). Query and
-  /// fragment do not belong to it, a separator at its end does.
+  /// URL of this machine (empty host or "localhost") with an absolute path, and for a path that the
+  /// file system cannot carry (an escape that is not one, or an escaped zero byte). Query and
+  /// fragment do not belong to the path; a separator at its end does.
   std::optional<std::string> path() const;
 
-  /// The URL of an entry of this directory; a separator is put between where there is none.
+  /// Returns the URL of an entry of this directory; adds a separator where there is none.
   URL URLByAppendingPathComponent_isDirectory(std::string_view component, bool isDirectory) const;
 
   friend bool operator==(const URL&, const URL&) = default;

@@ -13,9 +13,9 @@ namespace qx {
 struct UUID {
   std::array<std::uint8_t, 16> bytes{};
 
-  /// A new random one (version 4).
+  /// Makes a new random one (version 4).
   static UUID random();
-  /// The 8-4-4-4-12 form, in either case; absent for anything else.
+  /// Reads the 8-4-4-4-12 form, in either case; absent for anything else.
   static std::optional<UUID> parse(std::string_view text);
   /// The 8-4-4-4-12 form in upper case.
   std::string text() const;

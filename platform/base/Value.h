@@ -25,7 +25,7 @@ using Array = std::vector<Value>;
 using Dictionary = std::map<std::string, Value, std::less<>>;
 /// A point in time (UTC), to the second in property lists.
 using Date = std::chrono::sys_seconds;
-/// A descriptor that travels; shared, because a value can be copied.
+/// A descriptor that travels. It is shared, because a value can be copied.
 using SharedDescriptor = std::shared_ptr<const FileDescriptor>;
 
 /// A value of any class that property lists or the conduit carry. An absent value is `Null` only
@@ -91,7 +91,8 @@ const T* find(const Dictionary& dictionary, std::string_view key) {
 }
 
 /// The text of a value for a person and for the log: strings as they are, URLs as their absolute
-/// string, errors as their text, "(a, b)", "{k: v}", null as "(null)". Nothing is escaped.
+/// string, errors as their text, arrays as "(a, b)", dictionaries as "{k: v}", null as "(null)".
+/// Nothing is escaped.
 std::string describe(const Value& value);
 
 }  // namespace qx

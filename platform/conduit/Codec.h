@@ -14,8 +14,8 @@
 /// How values travel: one CBOR item (RFC 8949) to a frame, definite lengths only, with the tags of
 /// the conduit for URLs (32), UUIDs (37), errors (17746) and descriptors (17988).
 ///
-/// A frame that arrives is checked as a whole by isWellFormed() before anything is taken from it;
-/// a Decoder then walks the checked bytes and only tells whether a value is of the wanted type, and
+/// isWellFormed() checks a frame that arrives as a whole, before anything is taken from it. A
+/// Decoder then walks the checked bytes and only tells whether a value has the wanted type, so
 /// nothing is built that was not asked for. Encoding and decoding are one overload per type.
 namespace qx::conduit {
 
@@ -23,8 +23,8 @@ inline constexpr std::size_t frameHeaderSize = 4;
 inline constexpr std::size_t maximumFrameSize = 16U << 20U;
 inline constexpr std::size_t maximumDescriptors = 16;
 inline constexpr std::size_t maximumNesting = 32;
-/// What the values of one frame may take in memory. A value of one byte in a frame takes a hundred
-/// once it stands in a container; a frame that would take more than this is not of the wanted type.
+/// How much memory the values of one frame may take. A value of one byte in a frame takes a hundred
+/// bytes in a container. A frame that would take more than this is not of the wanted type.
 inline constexpr std::size_t maximumDecodedSize = 256U << 20U;
 
 /// The classes of values that cross a conduit, as a set of bits.
@@ -55,7 +55,8 @@ class ClassSet {
   std::uint32_t bits_ = 0;
 };
 
-/// Whether everything inside the containers of `dictionary`, at any depth, is of one of `classes`.
+/// Returns whether everything inside the containers of `dictionary`, at any depth, is of one of
+/// `classes`.
 bool holdsOnly(const Dictionary& dictionary, ClassSet classes);
 bool holdsOnly(const Array& array, ClassSet classes);
 
@@ -68,17 +69,17 @@ class Encoder {
   void boolean(bool value);
   void integer(std::int64_t value);
   void real(double value);
-  /// Bytes that are not UTF-8 are replaced by U+FFFD: nothing else can travel.
+  /// Bytes that are not UTF-8 are replaced by U+FFFD, because only UTF-8 can travel.
   void string(std::string_view value);
   void bytes(std::span<const std::uint8_t> value);
   void array(std::size_t count);
   void map(std::size_t count);
   void tag(std::uint64_t number);
   void descriptor(const SharedDescriptor& value);
-  /// Of a class that has no form here: the frame cannot be sent.
+  /// Says that a value has no form here, so that the frame cannot be sent.
   void impossible() { possible_ = false; }
-  /// Around what is inside a container of a value. What is nested deeper than a frame may hold,
-  /// the message and its list of arguments counted, cannot be sent.
+  /// Called around what is inside a container of a value. When it is nested deeper than a frame may
+  /// hold, the message and its list of arguments counted, the frame cannot be sent.
   void enter() {
     if (++nesting_ > maximumNesting) impossible();
   }
@@ -102,7 +103,7 @@ class Encoder {
   bool possible_ = true;
 };
 
-/// The head of one item, or all of it where it has no items in it.
+/// The head of one item, or all of the item when it contains no others.
 struct Item {
   enum class Kind { null, boolean, integer, real, string, bytes, array, map, tag };
   Kind kind = Kind::null;
@@ -118,7 +119,7 @@ class Decoder {
   Decoder(std::span<const std::uint8_t> data, std::span<const SharedDescriptor> descriptors)
       : data_(data), descriptors_(descriptors) {}
 
-  /// The next item's head; absent at the end and for what no frame may hold.
+  /// Returns the next item's head; absent at the end and for what no frame may hold.
   std::optional<Item> next();
   /// Takes a null when one is next.
   bool takeNull();
@@ -126,12 +127,13 @@ class Decoder {
   bool takeArray(std::size_t count);
   /// Passes over one whole item.
   bool skip();
-  /// The next item is another array's count without taking it; absent when it is no array.
+  /// Returns the count of the array that is next, without taking it; absent when the next item is
+  /// no array.
   std::optional<std::uint64_t> peekArray() const;
   /// Whether the next item is an error.
   bool peekError() const;
 
-  /// Counts what a container is about to take; false when that is too much for one frame.
+  /// Counts what a container is about to take. Returns false when that is too much for one frame.
   bool spend(std::size_t count, std::size_t each);
 
   bool atEnd() const { return position_ == data_.size(); }
@@ -145,10 +147,10 @@ class Decoder {
   std::size_t left_ = maximumDecodedSize;
 };
 
-/// Whether the bytes hold exactly one item that keeps every rule of the conduit: definite lengths,
-/// nesting within the limit, UTF-8, 64-bit integers, string keys none of which comes twice, the
-/// tags in their form, descriptors that came with the frame. `speaksOfDescriptors`, when given,
-/// receives whether any descriptor occurs.
+/// Returns whether the bytes hold exactly one item that keeps every rule of the conduit: definite
+/// lengths, nesting within the limit, UTF-8, 64-bit integers, string keys of which none comes
+/// twice, the tags in their form, and only descriptors that came with the frame.
+/// `speaksOfDescriptors`, when given, receives whether any descriptor occurs.
 bool isWellFormed(std::span<const std::uint8_t> data, std::size_t descriptorCount,
                   bool* speaksOfDescriptors = nullptr);
 

@@ -22,74 +22,77 @@
 
 namespace qx::conduit {
 
-/// A call that the peer has made and nobody has answered yet. Dropped unanswered, it frees its
-/// place among the connection's unanswered calls and the peer never hears of it.
+/// A call that the peer has made and nobody has answered yet. When it is dropped unanswered, its
+/// place among the connection's unanswered calls becomes free, and the peer never hears of it.
 class IncomingCall;
 
 /// One socket that speaks the conduit protocol: frames, messages, the calls in flight in both
 /// directions, and every limit of the protocol. QXConduitConnection gives it meaning.
 ///
-/// Threads: the reactor reads; calls are delivered to the delegate one at a time, in order, on the
-/// thread that read them. Replies to our calls are delivered in parallel and in any order, when the
-/// connection can be read by others again: whoever takes a reply may wait for whatever he wants and
-/// holds up no other reply. The thread that read delivers one of them, others have the rest.
-/// Whoever sends writes at once when the socket takes it, else the reactor goes on. Everything may
+/// The reactor reads. Calls are delivered to the delegate one at a time, in order, on the thread
+/// that read them. Replies to our calls are delivered in parallel and in any order, after others
+/// can read the connection again: a callback may wait for whatever it wants without holding up
+/// another reply. The thread that read delivers one of them, and other threads deliver the rest. A
+/// sender writes at once when the socket takes it; otherwise the reactor continues. Everything may
 /// be called from any thread, also from within a delivery.
 class ConduitChannel final : public ReactorHandler,
                              public std::enable_shared_from_this<ConduitChannel> {
  public:
-  /// Told what arrives. Held weakly.
+  /// Told of what arrives. Held weakly.
   class Delegate {
    public:
     virtual ~Delegate() = default;
     /// `arguments` stands at the array of arguments and lives as long as the call.
     virtual void receivedCall(std::shared_ptr<IncomingCall> call, std::string_view operation,
                               Decoder& arguments, const std::optional<UUID>& request) = 0;
-    /// A request begins or ends; false when this side knows no requests, which ends the channel.
+    /// A request begins or ends. Returns false when this side knows no requests, which ends the
+    /// channel.
     virtual bool receivedRequest(bool begins, const UUID& request) = 0;
-    /// The channel is over; called once, after the error handlers of the calls in flight.
+    /// The channel has ended. Called once, after the error handlers of the calls in flight.
     virtual void channelEnded() = 0;
   };
 
   using Delivery = std::function<void()>;
-  /// Takes the reply's arguments, once, and makes of them what hands them over; empty when they are
-  /// not of the declared types.
+  /// Takes the reply's arguments, once, and returns a function that hands them over; empty when
+  /// they are not of the declared types.
   using ReplyReader = std::function<Delivery(Decoder&)>;
   using ErrorHandler = std::function<void(const Error&)>;
 
   static constexpr std::size_t maximumUnanswered = 1024;
-  /// What the unanswered calls may hold together, by the size of their messages.
+  /// How much the unanswered calls may hold together, by the size of their messages.
   static constexpr std::size_t maximumUnansweredSize = 64U << 20U;
   static constexpr std::size_t maximumUnsent = 64U << 20U;
 
-  /// What the peer makes the channel keep: of frames that are not whole yet, or not taken by it.
+  /// What the peer makes the channel keep: frames that are incomplete, and frames that it does not
+  /// take.
   struct Kept {
     std::size_t bytes = 0;  // 0 for a little, which every connection may
     std::size_t descriptors = 0;
     friend bool operator==(const Kept&, const Kept&) = default;
   };
-  /// Asked each time that changes; false ends the channel. It must come back to nothing of the
-  /// channel's.
+  /// Asked each time that changes; false ends the channel. It must not call the channel.
   using Allowance = std::function<bool(const Kept&)>;
 
-  /// Takes a connected AF_UNIX stream socket. Silent until start().
+  /// Takes a connected AF_UNIX stream socket. The channel is silent until start().
   static std::shared_ptr<ConduitChannel> make(FileDescriptor socket);
   explicit ConduitChannel(FileDescriptor socket);
 
   void setDelegate(std::weak_ptr<Delegate> delegate);
-  /// Before start(): whom the log names where the kernel would say who made the socket pair.
+  /// Call this before start(). It names the process for the log, where the kernel would name the
+  /// one that made the socket pair.
   void setPeerProcess(pid_t process) { peerProcess_ = process; }
-  /// Before start(). Without one a peer may have the channel keep what the limits above let it.
+  /// Call this before start(). Without an allowance a peer may have the channel keep as much as the
+  /// limits above permit.
   void setAllowance(Allowance allowance);
   void start();
 
   /// Ends the channel: the error handler of each call in flight gets "connection lost", on the
-  /// global queue, and then the delegate is told. Only the first time.
+  /// global queue, and then the delegate is told. Only the first call does anything.
   void close();
   bool isClosed() const;
 
-  /// An encoder that has begun the message of a call; the caller appends the array of arguments
-  /// and hands it to sendCall().
+  /// Makes an encoder that has begun the message of a call. The caller appends the array of
+  /// arguments and hands it to sendCall().
   std::uint64_t nextCallID();
   static Encoder beginCall(std::uint64_t id, std::string_view operation, bool hasRequest);
   /// Appends the request, sends, and waits for the reply. `onError` is called at most once, from
@@ -98,10 +101,10 @@ class ConduitChannel final : public ReactorHandler,
                 ReplyReader onReply, ErrorHandler onError);
 
   /// Only a request that was begun and not ended takes calls. The peer learns of the beginning
-  /// together with what is sent next, of the end likewise or a moment later.
+  /// together with what is sent next; of the end it learns likewise, or a moment later.
   void beginRequest(const UUID& request);
   void endRequest(const UUID& request);
-  /// Fails the calls in flight that name the request, and those to come.
+  /// Fails the calls in flight that name the request, and later ones.
   void failCallsOfRequest(const UUID& request, const Error& error);
 
   int socket() const { return socket_.get(); }
@@ -132,8 +135,8 @@ class ConduitChannel final : public ReactorHandler,
 
   Progress readSome();
   bool mayKeepLocked();
-  /// Handles the whole frames in the bytes and returns how many bytes they were; absent when the
-  /// channel is over.
+  /// Handles the complete frames in the bytes and returns how many bytes they were; absent when the
+  /// channel has ended.
   std::optional<std::size_t> handleFrames(std::span<const std::uint8_t> bytes);
   void leaveDeliveriesToOthers();
   void dropPassedDescriptors(std::uint64_t streamPosition);
@@ -154,7 +157,7 @@ class ConduitChannel final : public ReactorHandler,
   const FileDescriptor socket_;
   std::optional<pid_t> peerProcess_;
   mutable std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   std::weak_ptr<Delegate> delegate_;
   Reactor::SourceID source_ = 0;
   bool closed_ = false;
@@ -174,7 +177,7 @@ class ConduitChannel final : public ReactorHandler,
   Allowance allowance_;
   bool full_ = false;      // the socket takes nothing now
   bool isPutOff_ = false;  // something unsent waits for late()
-  // Of the thread that reads.
+  // Used by the thread that reads.
   std::vector<std::uint8_t> input_;
   std::uint64_t streamPosition_ = 0;  // of the first byte in input_
   std::vector<DescriptorBatch> batches_;
@@ -189,7 +192,7 @@ class IncomingCall {
   IncomingCall(const IncomingCall&) = delete;
   IncomingCall& operator=(const IncomingCall&) = delete;
 
-  /// An encoder that has begun the reply; the caller appends the array of reply arguments.
+  /// Makes an encoder that has begun the reply. The caller appends the array of reply arguments.
   Encoder beginReply() const;
   void sendReply(Encoder message);
   void fail(const Error& error);

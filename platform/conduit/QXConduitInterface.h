@@ -24,8 +24,9 @@ struct ProtocolTraits;
 struct OperationDescription {
   /// Its full name, with its colons.
   std::string name;
-  /// Takes the arguments off the decoder and runs the operation on the object, which implements
-  /// the protocol; false, and nothing has run, when they are not of the declared number and types.
+  /// Takes the arguments off the decoder and runs the operation on the object, which implements the
+  /// protocol. Returns false, without running it, when they are not of the declared number and
+  /// types.
   bool (*run)(void* object, conduit::Decoder& arguments,
               std::shared_ptr<conduit::IncomingCall> call);
 };
@@ -33,9 +34,9 @@ struct OperationDescription {
 }  // namespace qx
 
 /// The description of an interface: the operations of a protocol, and which classes may occur
-/// inside the collections that cross it. By default a collection that is declared may hold
-/// nothing; each reply argument that may hold something is widened explicitly. (What an error's
-/// info dictionary holds is the error's own affair.)
+/// inside the collections that cross it. By default a declared collection may hold nothing; each
+/// reply argument that may hold something is widened explicitly. (The info dictionary of an error
+/// is not restricted.)
 ///
 /// Immutable once it is set on a connection; any thread may read it.
 class QXConduitInterface {
@@ -57,7 +58,7 @@ class QXConduitInterface {
   const qx::OperationDescription& operation(std::size_t number) const {
     return operations_[number];
   }
-  /// Null when the interface does not have it.
+  /// Returns null when the interface does not have it.
   const qx::OperationDescription* find(std::string_view name) const;
 
   /// Whether the collections of a reply hold only what is allowed there.

@@ -11,24 +11,24 @@ class QXConduitListener;
 class QXConduitListenerDelegate {
  public:
   virtual ~QXConduitListenerDelegate() = default;
-  /// Sets the connection up and resumes it; false drops it.
+  /// Sets the connection up and resumes it. Returning false drops it.
   virtual bool listener_shouldAcceptNewConnection(
       QXConduitListener& listener, const std::shared_ptr<QXConduitConnection>& connection) = 0;
 };
 
-/// The listener on a named service. The socket is there from creation on, so clients may connect
-/// and wait; no connection is accepted before resume(). It holds each accepted connection until
-/// the connection ends, and ends them all when it is destroyed.
+/// The listener on a named service. The socket exists from creation on, so clients may connect and
+/// wait; no connection is accepted before resume(). The listener holds each accepted connection
+/// until the connection ends, and ends them all when it is destroyed.
 class QXConduitListener {
  public:
-  /// A service name that cannot be had is logged, and the listener stays without connections;
-  /// a program that must not go on then asks qx::claimService() first.
+  /// When the service name cannot be had, that is logged, and the listener stays without
+  /// connections. A program that must not go on then calls qx::claimService() first.
   explicit QXConduitListener(std::string serviceName);
   ~QXConduitListener();
   QXConduitListener(const QXConduitListener&) = delete;
   QXConduitListener& operator=(const QXConduitListener&) = delete;
 
-  /// Held weakly. Before resume().
+  /// Held weakly. Call this before resume().
   void setDelegate(const std::shared_ptr<QXConduitListenerDelegate>& delegate);
 
   /// Begins to accept, and tells the service manager that the service is ready (sd_notify(3)).

@@ -29,7 +29,7 @@
 
 namespace qx {
 
-/// "first:second:" for "first_second"; underscores in front belong to the name.
+/// Returns "first:second:" for "first_second"; underscores in front belong to the name.
 constexpr std::string operationName(std::string_view member) {
   std::string name;
   std::size_t start = member.find_first_not_of('_');
@@ -39,7 +39,7 @@ constexpr std::string operationName(std::string_view member) {
   return name;
 }
 
-/// "-[Class first:second:]" for the member function first_second, as the log names methods.
+/// Returns "-[Class first:second:]" for the member function first_second, as the log names methods.
 inline std::string methodName(std::string_view type, std::string_view member) {
   return "-[" + std::string(type) + " " + operationName(member) + "]";
 }
@@ -51,7 +51,7 @@ struct ProtocolTraits;
 template <class... Ts>
 struct Types {};
 
-/// What every generated proxy is made of.
+/// The base of every generated proxy.
 class RemoteProxy {
  public:
   using ErrorHandler = std::function<void(const Error&)>;
@@ -101,7 +101,7 @@ OperationDescription describeOperation(std::string_view member, Types<As...> /*a
           [](void* object, conduit::Decoder& from, std::shared_ptr<conduit::IncomingCall> call) {
             std::tuple<std::optional<As>...> arguments;
             if (!conduit::decodeList(from, arguments)) return false;
-            // A client is answered once; what an implementation answers after that is dropped.
+            // A client is answered once. What an implementation answers after that is dropped.
             auto completion = once(
                 Completion<Rs...>([call = std::move(call)](const std::optional<Rs>&... values) {
                   conduit::Encoder message = call->beginReply();

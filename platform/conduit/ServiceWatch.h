@@ -10,7 +10,7 @@
 namespace qx {
 
 /// Tells when a service may have come: when its socket appears or changes in one of the directories
-/// in which it is looked for (Places::serviceDirectories()), whether they are there yet or not. The
+/// in which it is looked for (Places::serviceDirectories()), whether these exist yet or not. The
 /// callback runs on threads of the reactor, perhaps several at a time.
 class ServiceWatch {
  public:

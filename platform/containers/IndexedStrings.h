@@ -10,12 +10,12 @@
 
 namespace qx {
 
-/// Strings in the order in which they were appended, of which it is known quickly what is among
-/// them, however many there are.
+/// Strings in the order in which they were appended. Whether a string is among them is answered
+/// quickly, however many there are.
 ///
-/// Compact: the bytes of all strings lie one after the other, and each costs some twenty to thirty
-/// bytes besides its own, where a vector of strings beside a table of them takes more than a
-/// hundred. One string takes no memory but for its bytes.
+/// It is compact: the bytes of all strings lie one after the other, and each string costs some
+/// twenty to thirty bytes besides its own, where a vector of strings beside a table of them takes
+/// more than a hundred. A single string takes no memory except for its bytes.
 ///
 /// Not safe for concurrent use.
 class IndexedStrings {
@@ -31,7 +31,7 @@ class IndexedStrings {
 
   bool contains(std::string_view string) const;
 
-  /// Whether it is there or not.
+  /// Appends the string, whether it is there or not.
   void append(std::string_view string);
 
  private:

@@ -13,13 +13,13 @@
 
 namespace qx {
 
-/// A table from names to entries: found by hash, gone through in the byte order of the names. The
-/// order is worked out when it is wanted and then kept up, so that neither reading a file nor
-/// adding to a large table sorts anything again.
+/// A table from names to entries, which are found by hash and visited in the byte order of the
+/// names. The order is worked out when it is first wanted and then kept, so that neither reading a
+/// file nor adding to a large table sorts anything again.
 ///
-/// Of our own for the access-control list of a million grants: with the tables of the standard
-/// library and others either a query or the start of the daemon takes longer than it may
-/// (docs/performance.md has the figures).
+/// We have a table of our own for the access-control list of a million grants: with the tables of
+/// the standard library and others either a query or the start of the daemon takes longer than it
+/// may (docs/performance.md has the figures).
 ///
 /// An entry stays where it is until one is erased. Not safe for concurrent use.
 template <class Entry>
@@ -38,7 +38,7 @@ class NameTable {
     return entry ? *entry : add(name);
   }
 
-  /// One that is not there.
+  /// Adds a name that is not there.
   Entry& add(std::string_view name) {
     nodes_.push_back({std::string(name), Entry()});
     indexFrom(index_.isEmpty() ? 0 : nodes_.size() - 1);
@@ -61,7 +61,7 @@ class NameTable {
     indexFrom(0);
   }
 
-  /// `visit(name, entry)` in byte order.
+  /// Calls `visit(name, entry)` in byte order.
   template <class Visit>
   void forEach(Visit&& visit) {
     sortNewNodes();

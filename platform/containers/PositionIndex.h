@@ -14,10 +14,10 @@ namespace qx {
 std::uint64_t hashOf(std::string_view text);
 
 /// A hash index of positions in a sequence that somebody else holds: open addressing over slots of
-/// a position and half of the hash, at most three quarters full. It does not know the elements; the
+/// a position and half of the hash, at most three quarters full. It does not know the elements. The
 /// owner hashes and compares them, and is asked to compare hardly more than those that are equal.
-/// Room for 2^32 - 1 positions. An index costs its owner next to nothing until the sequence is
-/// longer than `unindexedLength`: up to there, walking along it is quicker.
+/// There is room for 2^32 - 1 positions. An index costs its owner next to nothing until the
+/// sequence is longer than `unindexedLength`; up to there, walking along it is quicker.
 class PositionIndex {
  public:
   static constexpr std::size_t unindexedLength = 8;
@@ -25,7 +25,7 @@ class PositionIndex {
 
   bool isEmpty() const { return slots_.empty(); }
 
-  /// The position of which `matches(position)` is true among those of this hash, or npos.
+  /// Returns the position for which `matches(position)` is true among those of this hash, or npos.
   template <class Matches>
   std::size_t find(std::uint64_t hash, Matches&& matches) const {
     if (slots_.empty()) return npos;
@@ -33,7 +33,7 @@ class PositionIndex {
     return slot.isFree() ? npos : slot.position();
   }
 
-  /// Adds a position unless one that `matches` is there.
+  /// Adds a position unless one for which `matches` is true is there.
   template <class Matches>
   void add(std::uint64_t hash, std::size_t position, Matches&& matches) {
     if ((used_ + 1) * 4 > slots_.size() * 3) grow();
@@ -61,7 +61,7 @@ class PositionIndex {
     std::uint32_t positionPlusOne = 0;
   };
 
-  /// The slot of the element, or the free one where it belongs.
+  /// Returns the slot of the element, or the free one where it belongs.
   template <class Matches>
   std::size_t slotFor(std::uint64_t hash, Matches&& matches) const {
     const std::size_t mask = slots_.size() - 1;

@@ -12,16 +12,17 @@ enum class CoordinationMechanism {
   cooperative,  // not at all; programs ask
 };
 
-/// As it is written in the file "coordination" beside the sockets of platformd, a line of its own.
+/// The word for it in the file "coordination" beside the sockets of platformd, where it is a line
+/// of its own.
 std::string_view nameOf(CoordinationMechanism mechanism);
 
-/// What the platformd that serves this user last announced, the user's own or the machine's; absent
-/// when there is none that guards.
+/// Returns what the platformd that serves this user last announced, the user's own or the
+/// machine's; absent when there is none that guards.
 std::optional<CoordinationMechanism> readCoordinationMechanism();
-/// Takes the file away: nobody is coordinated from now on who does not ask, until the next
-/// announcement.
+/// Removes the file. From now on, until the next announcement, no program is coordinated that does
+/// not ask.
 void withdrawCoordinationMechanism();
-/// Writes the file and says it in the log.
+/// Writes the file and logs it.
 void announceCoordinationMechanism(CoordinationMechanism mechanism);
 
 }  // namespace qx

@@ -11,9 +11,9 @@
 #include "platform/queue/OperationQueue.h"
 
 /// What QXFileCoordinator asks of a provider of documents. The operations run on the provider's
-/// `_providedItemsOperationQueue`; the accessors on any thread.
+/// `_providedItemsOperationQueue`; the accessors may be called on any thread.
 ///
-/// The protocol's optional operations are asked of no source here, and no source answers them:
+/// The protocol's optional operations are asked of no source here, and no source implements them:
 /// _cancelProvidingItemAtURL:toReaderWithID:, _physicalURLForURL:,
 /// _providedItemAtURL:didGainPresenterWithID:, _providedItemAtURL:didLosePresenterWithID: and
 /// _providedItemAtURL:withPresenterWithID:didMoveToURL:.
@@ -27,14 +27,14 @@ class QXDocSource {
   /// The identifier under which the file-coordination service knows the provider.
   virtual std::optional<std::string> _fileReactorID() = 0;
 
-  /// Deprecated form of the next one, without a reader.
+  /// The deprecated form of the next operation, without a reader.
   virtual void _provideItemAtURL_completionHandler(const std::optional<qx::URL>& url,
                                                    qx::Completion<qx::Error> completion) = 0;
   virtual void _provideItemAtURL_toReaderWithID_completionHandler(
       const std::optional<qx::URL>& url, const std::optional<std::string>& reader,
       qx::Completion<qx::Error> completion) = 0;
-  /// While the item is being provided: a reader of it waits for so many bytes from the offset on. A
-  /// hint, which may be passed over.
+  /// While the item is being provided, says that a reader of it waits for so many bytes from the
+  /// offset on. It is a hint and may be ignored.
   virtual void _readerOfItemAtURL_waitsForBytes(const std::optional<qx::URL>& /*url*/,
                                                 const std::optional<qx::Array>& /*bytes*/) {}
   virtual void _writerWithID_didFinishWritingForURL(const std::optional<std::string>& writer,

@@ -10,10 +10,10 @@
 #include "platform/base/Value.h"
 #include "platform/identity/Bundles.h"
 
-/// The registry record of an installed extension. Immutable; any thread.
+/// The registry record of an installed extension. It is immutable; any thread may use it.
 class CatalogExtensionProxy {
  public:
-  /// The record of the installed extension with that identifier, or null.
+  /// Returns the record of the installed extension with that identifier, or null.
   static std::shared_ptr<const CatalogExtensionProxy> catalogProxyForIdentifier(
       const std::optional<std::string>& identifier);
 

@@ -24,10 +24,10 @@ namespace qx {
 /// One running process of a provider extension, from its start to its reaping, with the requests
 /// that are open in it.
 ///
-/// It runs while requests are open and 10 seconds after the last one, or, where its bundle says so
-/// (keepsRunning()), until it ends itself; then, or when its connection is lost, it is over: its
-/// connection is closed, on which it ends; after 2 seconds it is sent SIGTERM, after 5 SIGKILL.
-/// Delays come from Clock::current(). Any thread.
+/// It runs while requests are open and for 10 seconds after the last one; where its bundle says so
+/// (keepsRunning()), it runs until it ends itself. After that, or when its connection is lost, it
+/// is over: its connection is closed, upon which it should end; it is sent SIGTERM after 2 seconds
+/// and SIGKILL after 5. Delays come from Clock::current(). Any thread may call it.
 class ExtensionProcess final : public ReactorHandler,
                                public std::enable_shared_from_this<ExtensionProcess> {
  public:
@@ -39,23 +39,24 @@ class ExtensionProcess final : public ReactorHandler,
 
   const Bundle& bundle() const { return *bundle_; }
 
-  /// A new request with its context; absent when the process is over.
+  /// Begins a new request with its context; absent when the process is over.
   std::optional<UUID> beginRequest();
-  /// False when the request is not one of this process.
+  /// Ends a request. Returns false when it is not one of this process.
   bool endRequest(const UUID& request);
   std::shared_ptr<QXExtensionContext> context(const UUID& request) const;
 
-  /// No request any more after those that are open; over at once when there is none.
+  /// Takes no more requests after those that are open. The process is over at once when there are
+  /// none.
   void retire();
-  /// Over now, whatever is open.
+  /// Makes the process over now, whatever is open.
   void end();
   bool takesRequests() const;
 
-  /// Waits until the process is reaped, helping with the signals on its schedule in real time; for
-  /// the end of the program.
+  /// Waits until the process is reaped, and sends the signals of its schedule in real time. This is
+  /// for the end of the program.
   void waitForExit();
 
-  // ReactorHandler: the process has ended.
+  // ReactorHandler. The process has ended.
   void ready(std::uint32_t events) override;
 
  private:
@@ -75,7 +76,7 @@ class ExtensionProcess final : public ReactorHandler,
   std::shared_ptr<QXConduitConnection> connection_;
 
   mutable std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   std::map<UUID, std::shared_ptr<QXExtensionContext>> requests_;
   Clock::TimerID idleTimer_ = 0;
   Clock::Duration idleSince_{};

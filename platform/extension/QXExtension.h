@@ -15,7 +15,7 @@
 /// The key of the matching attributes, and of an extension's "QXExtension" dictionary.
 inline constexpr const char* QXExtensionPointName = "QXExtensionPointName";
 
-/// An installed extension, as the extension host found it. Any thread.
+/// An installed extension, as the extension host found it. Any thread may use it.
 class QXExtension {
  public:
   /// Called with every installed extension that matches, in the byte order of the bundles' names,
@@ -32,12 +32,12 @@ class QXExtension {
 
   virtual std::optional<std::string> identifier() const = 0;
   virtual std::string bundlePath() const = 0;
-  /// Whether both stand for the same installation: identifier, bundle path and Info.plist (device,
-  /// inode, size, modification time) are equal.
+  /// Returns whether both stand for the same installation: identifier, bundle path and Info.plist
+  /// (device, inode, size, modification time) are equal.
   virtual bool isEqual(const QXExtension& other) const = 0;
 
-  /// Opens a request, starting the extension when it does not run. Answers once, with the request
-  /// or with QXExtensionErrorDomain 1 (not installed) or 2 (could not be launched); on the calling
+  /// Opens a request, and starts the extension when it does not run. Answers once, with the request
+  /// or with QXExtensionErrorDomain 1 (not installed) or 2 (could not be launched), on the calling
   /// thread or another.
   virtual void beginExtensionRequestWithInputItems_completion(
       const std::optional<qx::Array>& inputItems,

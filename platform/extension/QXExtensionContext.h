@@ -25,8 +25,8 @@ class QXExtensionContext {
 };
 
 /// What the extension host knows of an extension point: the class of its host-side contexts, and
-/// the interfaces that the two ends of a request's connection speak. Made at start-up, before the
-/// first request, as an object that lives as long as the process.
+/// the interfaces that the two ends of a request's connection speak. It is made at start-up, before
+/// the first request, as an object that lives as long as the process.
 struct QXExtensionPoint {
   template <class Context>
   static QXExtensionPoint withContext(std::string name) {

@@ -5,15 +5,15 @@
 #include <string>
 #include <string_view>
 
-/// Marks on files that hold for one inode only. Extended attributes are copied along with content
-/// (cp -a, rsync -X, tar --xattrs); a mark that names the inode it was made for means nothing on a
-/// copy.
+/// Marks on files that count for one inode only. Extended attributes are copied along with content
+/// (cp -a, rsync -X, tar --xattrs); a mark that names the inode for which it was made means nothing
+/// on a copy.
 ///
-/// A mark is words separated by single spaces. The word "inode:NUMBER", or
+/// A mark consists of words separated by single spaces. The word "inode:NUMBER", or
 /// "inode:NUMBER:SECONDS.NANOSECONDS" with the inode's time of birth (nine digits behind the
 /// point), names the inode; the birth tells an inode from a later one with the same number. The
-/// first such word counts. A word that begins with "inode:" and goes on otherwise names no inode
-/// that there is.
+/// first such word counts. A word that begins with "inode:" and continues in any other way names no
+/// inode that exists.
 namespace qx {
 
 /// What tells an inode from all others of its file system, present and past.
@@ -28,15 +28,17 @@ struct InodeName {
   std::optional<Time> birth;
 };
 
-/// Of an open file (O_PATH will do); absent with errno set when it cannot be asked.
+/// Returns the name of an open file's inode (O_PATH will do); absent with errno set when it cannot
+/// be asked.
 std::optional<InodeName> inodeNameOf(int file);
-/// Of an entry of a directory, itself if it is a link; AT_FDCWD stands for the working directory.
+/// The same for an entry of a directory, for the entry itself if it is a link. AT_FDCWD stands for
+/// the working directory.
 std::optional<InodeName> inodeNameOf(int directory, const std::string& name);
 
-/// The first word of a mark that begins so.
+/// Returns the first word of a mark that begins so.
 std::optional<std::string_view> wordWith(std::string_view beginning, std::string_view mark);
 
-/// The word that names it.
+/// Returns the word that names the inode.
 std::string markWord(const InodeName& inode);
 
 enum class MarkedInode {
@@ -44,7 +46,7 @@ enum class MarkedInode {
   this_,  // it names this one
   other,
 };
-/// A mark without a birth names whatever inode has the number.
+/// Returns which inode a mark names. A mark without a birth names whatever inode has the number.
 MarkedInode markedInode(std::string_view mark, const InodeName& inode);
 
 }  // namespace qx

@@ -13,12 +13,12 @@
 namespace qx {
 
 /// One inotify instance (inotify(7)) and the watches in it. Any thread may add watches and let go
-/// of them, also while another is held up by the file system in adding one; its owner sees to it
-/// that one thread at a time reads.
+/// of them, also while the file system holds up another that adds one. Its owner makes sure that
+/// one thread at a time reads.
 class Inotify {
  public:
   /// One claim on a watched directory. The kernel has one watch for each inode, so claims are
-  /// counted, and the last to go takes the watch with it. Must not outlive its Inotify.
+  /// counted, and the last one to go removes the watch. It must not outlive its Inotify.
   class Watch {
    public:
     Watch() = default;
@@ -33,7 +33,7 @@ class Inotify {
       if (owner_) owner_->release(number_);
     }
 
-    /// -1 when there is none. Numbers are never used again.
+    /// The number of the watch; -1 when there is none. Numbers are never used again.
     int number() const { return number_; }
     explicit operator bool() const { return number_ >= 0; }
 
@@ -50,56 +50,57 @@ class Inotify {
     /// Empty when the event concerns the watched directory itself.
     std::string name;
 
-    /// Events were lost; nothing that was watched is known for sure any more.
+    /// Returns whether events were lost; then nothing that was watched is known for certain any
+    /// more.
     bool isOverflow() const;
   };
 
   Inotify();
 
-  /// -1 when the kernel had no instance to give.
+  /// The descriptor; -1 when the kernel had no instance to give.
   int descriptor() const { return descriptor_.get(); }
 
   /// Watches a directory; empty, with errno set, when that is not possible. Masks of several
   /// claims on one directory add up.
   Watch watch(const std::string& directory, std::uint32_t mask);
 
-  /// What has happened since the last call, without waiting.
+  /// Returns what has happened since the last call, without waiting.
   std::vector<Event> read();
 
  private:
   void release(int number);
-  /// With the mutex held.
+  /// Called with the mutex held.
   void removeUnclaimed();
 
   FileDescriptor descriptor_;
   std::mutex mutex_;
   std::map<int, unsigned> claims_;
-  /// A watch that is being added may turn out to be one that was just let go of: while that is so
-  /// none is taken out.
+  /// A watch that is being added may be one that was just let go of. While one is being added, none
+  /// is removed.
   unsigned adding_ = 0;
   std::set<int> unclaimed_;
 };
 
-/// Follows the directory that a path leads to: the directory itself, and as long as it is missing
+/// Follows the directory to which a path leads: the directory itself or, as long as it is missing,
 /// the nearest ancestor that exists. Ancestors that are moved or removed are noticed too.
 class WatchedPath {
  public:
-  /// How directories on the path are found; with errno set when they are not.
+  /// Opens a directory on the path; sets errno when it cannot.
   using Open = FileDescriptor (*)(const std::string& directory);
 
-  /// `mask` is what is wanted of the directory. Nothing is watched before establish().
+  /// `mask` says which events of the directory are wanted. Nothing is watched before establish().
   WatchedPath(Inotify& inotify, std::string path, std::uint32_t mask, Open open = nullptr)
       : inotify_(inotify), path_(std::move(path)), mask_(mask), open_(open) {}
 
   const std::string& path() const { return path_; }
 
-  /// The number of the directory's watch, -1 while it is missing.
+  /// The number of the directory's watch; -1 while it is missing.
   int directory() const { return directory_.number(); }
 
-  /// Whether the path may lead somewhere else since this event; establish() finds out.
+  /// Returns whether the path may lead somewhere else since this event; establish() finds out.
   bool isUnsettledBy(const Inotify::Event& event) const;
 
-  /// Looks where the path leads now and watches that. What happens there afterwards is not missed.
+  /// Looks where the path leads now, and watches that. What happens there afterwards is not missed.
   void establish();
 
  private:

@@ -28,31 +28,32 @@ namespace qx::Places {
 
 const std::string& root();
 const std::string& runtimeDirectory();
-/// The value of DOCSOURCE_ROOT as this process got it.
+/// The value of DOCSOURCE_ROOT as this process received it.
 const std::optional<std::string>& rootOverride();
-/// The same of DOCSOURCE_MACHINE.
+/// The value of DOCSOURCE_MACHINE as this process received it.
 const std::optional<std::string>& machineOverride();
 
 /// Absent in a world of its own.
 const std::optional<std::string>& machineRuntimeDirectory();
 const std::optional<std::string>& machineState();
-/// Each holds Applications and Extensions of the machine; what is in the first goes before what is
-/// in the second, where there is one. Programs that stand in libexec/docsource, and not in bin,
+/// Each holds Applications and Extensions of the machine. When there are two, what is in the first
+/// goes before what is in the second. Programs that stand in libexec/docsource, and not in bin,
 /// find them too.
 const std::vector<std::string>& machineBundles();
 
-/// Whom platformd serves when this process is it: everybody, as root outside of a world of its own;
-/// else the user that it runs as, or, for root, whose the runtime directory is.
+/// Whom a platformd serves as which this process runs: everybody when it is root and DOCSOURCE_ROOT
+/// makes no world of its own; otherwise the user as whom it runs or, for root, the owner of the
+/// runtime directory.
 bool servesMachine();
-/// The owner of the user's runtime directory or, while it is not there, of what it is to be made
-/// in.
+/// The owner of the user's runtime directory or, while it does not exist, of the directory in which
+/// it will be made.
 struct Owner {
   uid_t user = 0;
   gid_t group = 0;
 };
 Owner runtimeOwner();
-/// A directory that is there, on the file system that this process's documents are likeliest on:
-/// the machine's state, or what is there of the root's path.
+/// An existing directory on the file system on which this process's documents most likely are: the
+/// machine's state, or the part of the root's path that exists.
 std::string documentsFileSystem();
 
 std::string applications();     // <root>/Applications
@@ -65,18 +66,18 @@ std::string documentViews();  // <root>/Containers/Views
 std::string home();        // <root>/Home
 std::string sandboxKey();  // <run>/sandbox.key
 
-/// Whether platformd serves it, for a user or for all of them.
+/// Returns whether platformd serves it, for a user or for all of them.
 bool isOfPlatform(const std::string& serviceName);
-/// Whether sandboxed applications are served there. They see the sockets of no other service: an
-/// account's is called as the account is.
+/// Returns whether the service is for sandboxed applications too. They see the socket of no other
+/// service: an account's is called as the account is.
 bool isForSandboxes(const std::string& serviceName);
-/// The runtime directories in which a service is looked for, in this order: the user's alone, and
+/// The runtime directories in which a service is looked for, in this order: the user's only, and
 /// for a service of platformd the machine's after it.
 std::vector<std::string> serviceDirectories(const std::string& serviceName);
 /// The one of them in which this process would serve it.
 const std::string& serviceDirectory(const std::string& serviceName);
 std::string serviceSocket(const std::string& serviceName);  // <service directory>/<service name>
-/// The machine's where it has a runtime directory at this moment, otherwise the user's.
+/// Those of the machine where it has a runtime directory at this moment, otherwise the user's.
 std::string notifications();  // <run>/notify
 std::string keyState();       // <run>/key-state
 /// The directory that sandboxed applications see as their runtime directory: it holds the sockets
@@ -84,15 +85,15 @@ std::string keyState();       // <run>/key-state
 std::string sandboxServices();  // <run>/sandbox
 /// Which application each running sandbox is.
 std::string sandboxRecords();  // <run>/sandboxes
-/// Where Flatpak has a directory for each of the user's instances that run.
+/// The directory in which Flatpak has a directory for each of the user's instances that run.
 const std::string& flatpakInstances();  // $XDG_RUNTIME_DIR/.flatpak
 
-/// Makes the user's root and runtime directory with all that the daemon expects in them
-/// (Applications, Extensions, Containers/Group, Home, notify, sandbox) where they are missing, the
-/// runtime directory with mode 0700 in any case. Returns the errno of the first failure, or 0.
+/// Makes what is missing of the user's root and runtime directory with all that the daemon expects
+/// in them (Applications, Extensions, Containers/Group, Home, notify, sandbox). The runtime
+/// directory gets mode 0700 in any case. Returns the errno of the first failure, or 0.
 int prepare();
-/// The same of the runtime directory, in a root with nothing in it where there is none: what a
-/// platformd needs that serves one user.
+/// Does the same for the runtime directory only; a root that is missing is made with nothing else
+/// in it. That is what a platformd needs that serves one user.
 int prepareRuntime();
 /// Makes the machine's runtime directory (mode 0755, with notify) and its state (0700).
 int prepareMachine();
