@@ -12,15 +12,15 @@
 namespace qx {
 
 /// Names a process as the kernel reported it when it connected: number, start time, effective user
-/// and group (SO_PEERCRED and SO_PEERPIDFD, unix(7); start time of proc_pid_stat(5)). 32 bytes; all
-/// zero is the token of nobody. A token whose process is gone, or whose number another process
-/// has by now, identifies nobody.
+/// and group (SO_PEERCRED and SO_PEERPIDFD, unix(7); start time of proc_pid_stat(5)). It has 32
+/// bytes; all zero is the token of nobody. A token whose process is gone, or whose number another
+/// process has by now, identifies nobody.
 struct AuditToken {
   std::array<std::uint8_t, 32> bytes{};
 
   /// The process at the other end of a connected AF_UNIX socket; nobody's token when it is gone.
   static AuditToken ofPeer(int socket);
-  /// Of a running process, seen through /proc; nobody's token when there is none.
+  /// The token of a running process, seen through /proc; nobody's when there is none.
   static AuditToken ofProcess(pid_t process);
 
   pid_t processIdentifier() const;
@@ -30,7 +30,7 @@ struct AuditToken {
   gid_t effectiveGroup() const;
 
   bool isNobody() const { return bytes == decltype(bytes){}; }
-  /// Whether the process still runs (and is the same one).
+  /// Returns whether the process still runs (and is the same one).
   bool isAlive() const;
 
   friend bool operator==(const AuditToken&, const AuditToken&) = default;

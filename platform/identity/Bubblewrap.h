@@ -6,8 +6,9 @@
 
 namespace qx {
 
-/// A number that bubblewrap tells of a sandbox (--info-fd, bwrap(1)): "child-pid", its first
-/// process, or "mnt-namespace", the inode of its mount namespace. Absent where it does not say.
+/// Returns a number that bubblewrap tells about a sandbox (--info-fd, bwrap(1)): "child-pid", its
+/// first process, or "mnt-namespace", the inode of its mount namespace. Absent where it does not
+/// say.
 std::optional<std::uint64_t> toldByBubblewrap(std::string_view information, std::string_view name);
 
 }  // namespace qx

@@ -14,7 +14,7 @@ struct BundleInspection {
   Result<Bundle> bundle;
   /// QXBundleExecutable, as soon as Info.plist can be read that far.
   std::optional<std::string> declaredExecutable;
-  /// Of a good bundle.
+  /// The executable, when the bundle is good.
   std::optional<FileIdentity> executable;
   /// Whether links or an absolute path lead to the executable, so that it can become another file
   /// without a change in the bundle directory.
@@ -23,7 +23,7 @@ struct BundleInspection {
 
 BundleInspection inspectBundle(BundleKind kind, const std::string& path);
 
-/// Where QXBundleExecutable leads from the bundle directory.
+/// The path to which QXBundleExecutable leads from the bundle directory.
 std::string executablePath(const std::string& bundle, const std::string& declared);
 
 }  // namespace qx

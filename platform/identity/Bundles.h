@@ -12,13 +12,13 @@
 namespace qx {
 
 enum class BundleKind { application, extension };
-/// Whose it is: it came with the programs of this machine, or its user installed it.
+/// Whose bundle it is: it came with the programs of this machine, or its user installed it.
 enum class BundleStanding { machine, user };
 
-/// Where bundles of that kind and standing lie: one folder for a user, one or more for the machine,
-/// the one that goes before first.
+/// The folders in which bundles of that kind and standing lie: one for a user; one or more for the
+/// machine, of which the first goes before the others.
 std::vector<std::string> bundleFolders(BundleKind kind, BundleStanding standing);
-/// What the names of their directories end in.
+/// The ending of the names of their directories.
 std::string_view bundleSuffix(BundleKind kind);
 
 /// An installed bundle as it was last read. Immutable; a changed bundle is a new object.
@@ -44,57 +44,58 @@ struct Bundle {
 /// Reads one bundle directory; the error says what is wrong with it, in one line.
 Result<Bundle> readBundle(BundleKind kind, const std::string& path);
 
-/// The bundles of the machine and of this root, kept current by watching the file system: a change
+/// The bundles of the machine and of this root, kept current by watching the file system. A change
 /// is noticed within a second, and as a rule before the next question is answered. A half-copied or
 /// broken bundle is skipped with one line in the log and looked at again when it changes.
 ///
 /// A bundle of the machine goes before one of the user: a user's bundle with its identifier, or an
-/// application with its executable, is skipped like a broken one. So is, of two folders of the
-/// machine, what comes second.
+/// application with its executable, is skipped like a broken one. When the machine has two folders,
+/// the same holds for what is in the second.
 ///
-/// Bundles are read on threads of their own, each as if it lay on a file system that does not
-/// answer. Questions wait for what changed, but not longer than a moment: a bundle that cannot be
-/// read in that time stays what it was before, until it has been read. Any thread.
+/// Each bundle is read on a thread of its own, since it may lie on a file system that does not
+/// answer. Questions wait for what changed, but only for a moment: a bundle that cannot be read in
+/// that time stays what it was until it has been read. Any thread may ask.
 class BundleCatalog {
  public:
   static BundleCatalog& shared();
 
-  /// Those of the machine first, each in byte order of the bundle directories' names.
+  /// Returns those of the machine first, each in byte order of the bundle directories' names.
   virtual std::vector<std::shared_ptr<const Bundle>> bundles(BundleKind kind) = 0;
 
-  /// The first bundle of that kind with the identifier, or null.
+  /// Returns the first bundle of that kind with the identifier, or null.
   virtual std::shared_ptr<const Bundle> bundle(BundleKind kind, std::string_view identifier) = 0;
 
-  /// The bundle that the process belongs to, or null.
+  /// Returns the bundle to which the process belongs, or null.
   ///
   /// Outside of a sandbox it is the one whose executable is the same file, by device and inode, as
-  /// /proc/<pid>/exe. Two applications that claim the same executable or identifier are neither;
-  /// an application goes before an extension. Of extensions that share an executable it is the one
-  /// that the process was started as (QX_EXTENSION_IDENTIFIER).
+  /// /proc/<pid>/exe. When two applications claim the same executable or identifier, it is neither.
+  /// An application goes before an extension. Of extensions that share an executable it is the one
+  /// as which the process was started (QX_EXTENSION_IDENTIFIER).
   ///
   /// In a sandbox it is the application that was started there, whatever the process executes, and
-  /// none where nobody knows which that was (SandboxRecord.h). A process of another user than this
+  /// none when nobody knows which that was (SandboxRecord.h). A process of another user than this
   /// one's belongs to none.
   ///
   /// What Flatpak runs belongs to the application bundle with that application's identifier, where
-  /// there is one: the bundle then need not have its executable. A user's Flatpak has no bundle of
-  /// the machine, and is nobody under its identifier.
+  /// there is one; its executable need not be the bundle's. A user's own Flatpak with the
+  /// identifier of a bundle of the machine has no identity.
   virtual std::shared_ptr<const Bundle> bundleOfProcess(const AuditToken& process) = 0;
 
-  /// The identifier of that bundle; of a Flatpak's process without one, its application's.
+  /// Returns the identifier of that bundle or, for a Flatpak's process without one, its
+  /// application's.
   virtual std::optional<std::string> identifierOfProcess(const AuditToken& process) = 0;
 
-  /// Calls back, on a thread of its own choosing and never two calls at a time, at every change
-  /// of the installed bundles. Observers are never removed.
+  /// Calls back at every change of the installed bundles, on a thread of its own choosing, never
+  /// two calls at a time. Observers are never removed.
   virtual void observeChanges(std::function<void()> observer) = 0;
 
  protected:
   virtual ~BundleCatalog() = default;
 };
 
-/// The entitlement `name` of the process, asked anew at every call. The platform's own daemon,
-/// that is the executable "docsourced" in the same directory as the running program, holds
-/// "com.veltro.file-coordination.host" without a bundle; outside of a sandbox.
+/// Returns the entitlement `name` of the process, looked up anew at every call. The platform's own
+/// daemon, which is the executable "docsourced" in the same directory as the running program, holds
+/// "com.veltro.file-coordination.host" without a bundle when it runs outside of a sandbox.
 std::optional<Value> entitlementOfProcess(const AuditToken& process, std::string_view name);
 
 }  // namespace qx

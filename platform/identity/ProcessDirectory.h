@@ -22,8 +22,8 @@ struct FileIdentity {
 };
 inline FileIdentity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
 
-/// The directory of one process below /proc (proc(5)), held open: it never becomes another
-/// process's, and all that is asked of it fails once the process is gone.
+/// The directory of one process below /proc (proc(5)), held open. It never becomes another
+/// process's, and every question to it fails once the process is gone.
 class ProcessDirectory {
  public:
   struct State {
@@ -45,30 +45,30 @@ class ProcessDirectory {
   };
 
   static std::optional<ProcessDirectory> open(pid_t process);
-  /// Of the very process that the token names; absent when it is gone.
+  /// Opens that of the very process that the token names; absent when it is gone.
   static std::optional<ProcessDirectory> open(const AuditToken& token);
 
   int descriptor() const { return descriptor_.get(); }
 
-  /// Absent when the process is gone, as is everything below.
+  /// Absent when the process is gone, like everything below.
   std::optional<State> state() const;
   bool isRunning() const;
   std::optional<Credentials> credentials() const;
-  /// The effective user, also of a process that has changed it; root of one that may not be looked
-  /// at (PR_SET_DUMPABLE, prctl(2)).
+  /// Returns the effective user, also of a process that has changed it. It is root for a process
+  /// that may not be looked at (PR_SET_DUMPABLE, prctl(2)).
   std::optional<uid_t> user() const;
-  /// The executable; also absent when this process may not look at that one. A file system that
-  /// does not answer holds nobody up.
+  /// Returns the executable; also absent when this process may not look at that one. A file system
+  /// that does not answer holds nobody up.
   std::optional<FileIdentity> executable() const;
-  /// The user namespace that it is in (namespaces(7)); absent like the executable.
+  /// Returns the user namespace of the process (namespaces(7)); absent like the executable.
   std::optional<FileIdentity> userNamespace() const;
   std::optional<FileIdentity> mountNamespace() const;
-  /// The user namespace, open.
+  /// Opens the user namespace.
   FileDescriptor openUserNamespace() const;
-  /// Whether it is in the user namespace of this process: whoever is not is in a sandbox, or is
-  /// nobody that can be told.
+  /// Returns whether it is in the user namespace of this process. A process that is not is in a
+  /// sandbox, or cannot be identified.
   bool isOutsideOfSandboxes() const;
-  /// A whole file.
+  /// Reads a whole file.
   std::optional<std::string> read(const char* name) const;
 
  private:

@@ -82,8 +82,8 @@ class Log {
     return static_cast<int>(level) <= lowest_.load(std::memory_order_relaxed);
   }
 
-  /// The lowest level that is recorded from now on. At start: what DOCSOURCE_LOG names ("fault",
-  /// "default", "info", "debug"), or default.
+  /// The lowest level that is recorded from now on. At the start it is what DOCSOURCE_LOG names
+  /// ("fault", "default", "info", "debug"), or default.
   void setLowestLevel(LogLevel level) {
     lowest_.store(static_cast<int>(level), std::memory_order_relaxed);
   }
@@ -93,13 +93,14 @@ class Log {
     writeFilled(level, text, {logText(arguments)...});
   }
 
-  /// Where messages go instead of the journal or standard error, for tests; absent: back there.
-  /// `text` is the filled-in message without time, name and level.
+  /// Receives the messages instead of the journal or standard error, for tests; when it is absent
+  /// they go there again. `text` is the filled-in message without time, name and level.
   using Sink = void (*)(LogLevel level, const std::string& text);
   void setSink(Sink sink) { sink_.store(sink); }
 
-  /// How long to wait for a standard error that takes no more, a pipe that nobody reads, before
-  /// messages are dropped until it does; two seconds, but for tests. Their number is logged then.
+  /// How long to wait for a standard error that takes no more (a pipe that nobody reads) before
+  /// messages are dropped until it does. It is two seconds except in tests. The log then says how
+  /// many were dropped.
   static void setPatience(std::chrono::milliseconds patience);
 
   Log();
@@ -112,7 +113,8 @@ class Log {
   std::atomic<Sink> sink_{nullptr};
 };
 
-/// `text` with its placeholders replaced in order and control characters of the arguments escaped.
+/// Returns `text` with its placeholders replaced in order and control characters of the arguments
+/// escaped.
 std::string fillLogText(std::string_view text, std::initializer_list<std::string> arguments);
 
 }  // namespace qx

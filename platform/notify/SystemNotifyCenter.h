@@ -6,9 +6,9 @@
 
 #include "platform/base/Error.h"
 
-/// System-wide notifications that carry nothing but their name. One is posted by writing or
-/// replacing the file of that name in the directory "notify" of the runtime directory; observers
-/// in every process are called at once.
+/// System-wide notifications that carry only their name. A notification is posted by writing or
+/// replacing the file of that name in the directory "notify" of the runtime directory; observers in
+/// every process are called at once.
 namespace qx::SystemNotifyCenter {
 
 /// `callback` runs at every posting from now on, on a thread of the platform's choosing, one call

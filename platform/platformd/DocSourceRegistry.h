@@ -22,7 +22,7 @@
 #include "platform/identity/ProcessDirectory.h"
 #include "platform/identity/UserIdentity.h"
 
-/// Whoever added doc sources and answers for them; over a connection, in platformd.
+/// The one that added doc sources and answers for them; in platformd, over a connection.
 class DocSourceHost {
  public:
   virtual ~DocSourceHost() = default;
@@ -30,16 +30,16 @@ class DocSourceHost {
   /// why the provider cannot be asked any more.
   virtual void provideItem(const std::string& docSource, const qx::URL& url,
                            const std::string& readerID, qx::Completion<qx::Error> completion) = 0;
-  /// While an item is being provided: somebody waits for these bytes of it. A hint; hosts that
-  /// make no use of it need not.
+  /// Says that, while an item is being provided, somebody waits for these bytes of it. It is a
+  /// hint; hosts may ignore it.
   virtual void readerWaits(const std::string& /*docSource*/, const qx::URL& /*url*/,
                            qx::ByteRange /*bytes*/) {}
-  /// The completion is called once: when the host has heard of it, or cannot any more.
+  /// The completion is called once: when the host has heard of it, or cannot hear of it any more.
   virtual void writerDidFinish(const std::string& docSource, const std::string& writerID,
                                const qx::URL& url, qx::Completion<> completion) = 0;
-  /// The process that it is.
+  /// The process of the host.
   virtual qx::AuditToken process() const { return {}; }
-  /// Whether it cannot be reached any more.
+  /// Returns whether it cannot be reached any more.
   virtual bool isLost() const { return false; }
 };
 
@@ -52,8 +52,8 @@ struct DocSource {
   std::shared_ptr<DocSourceHost> host;
 };
 
-/// Hears of doc sources that come and go; called from any thread, in no particular order for calls
-/// of several threads. Returns at once.
+/// Hears of doc sources that come and go. It is called from any thread, in no particular order for
+/// calls of several threads, and returns at once.
 class DocSourceObserver {
  public:
   virtual ~DocSourceObserver() = default;
@@ -63,63 +63,67 @@ class DocSourceObserver {
   virtual void docSourceRemoved(const DocSource& source) = 0;
 };
 
-/// The doc sources that are registered, and the coordination of who reads and writes their items.
-/// It knows nothing of how readers and writers are heard of: the service hands it the coordinated
+/// The registered doc sources, and the coordination of those who read and write their items. It
+/// does not know how readers and writers are heard of: the service hands it the coordinated
 /// accesses of programs that ask, and whatever else learns of an access (from the kernel, of
-/// programs that never ask) is to call the same provide() and didFinishWriting().
+/// programs that never ask) calls the same provide() and didFinishWriting().
 ///
-/// An item belongs to the doc source whose directory contains it, the innermost where directories
-/// are nested. That is decided by the identity of the directories around the item, looked up with
-/// the rights of whoever asks (`as`; this process's own where it is absent): who cannot see a
-/// directory learns nothing of its being registered, and no directory of another user is touched on
-/// the way.
+/// An item belongs to the doc source whose directory contains it, and to the innermost where
+/// directories are nested. The identity of the directories around the item decides, looked up with
+/// the rights of the one who asks (`as`; with this process's own where it is absent). So a user who
+/// cannot see a directory does not learn that it is registered, and no directory of another user is
+/// touched on the way.
 ///
-/// Held by shared pointers only. Any thread; may block on the file system, never on a host.
+/// Held only by shared pointers. Any thread may call it; it may block on the file system, but never
+/// on a host.
 class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry> {
  public:
-  /// Where there are several users a directory is its owner's alone: it stops being a doc source's
-  /// when it becomes somebody else's.
+  /// When there are several users, a directory belongs to its owner only: it stops being a doc
+  /// source's when it becomes somebody else's.
   explicit DocSourceRegistry(bool isForAllUsers = false) : isForAllUsers_(isForAllUsers) {}
 
-  /// Before the first doc source. Held weakly.
+  /// Called before the first doc source. Held weakly.
   void setObserver(const std::weak_ptr<DocSourceObserver>& observer) { observer_ = observer; }
 
-  /// Adds a doc source of the host's user, in the place of one with the same identifier, whose host
-  /// is the same or lost; DSNotPermittedError when another one's host is there. Called back once:
-  /// with that, or when the observer watches the directory, or at once where there is none.
+  /// Adds a doc source of the host's user, in the place of one with the same identifier whose host
+  /// is the same or lost. The error is DSNotPermittedError when that one's host is another and
+  /// lives. Called back once: with that error; when the observer watches the directory; or at once
+  /// where there is no observer.
   void add(const std::string& identifier, const qx::URL& providedItemsURL,
            const std::shared_ptr<DocSourceHost>& host, const qx::Completion<qx::Error>& completion);
-  /// DSNotFoundError for an identifier unknown for this user, DSNotPermittedError for one of
-  /// another host.
+  /// The error is DSNotFoundError for an identifier unknown for this user, DSNotPermittedError for
+  /// one of another host.
   std::optional<qx::Error> remove(const std::string& identifier,
                                   const std::shared_ptr<DocSourceHost>& host);
   /// Forgets all doc sources of a host. Its provides that are under way end through their host.
   void forget(const std::shared_ptr<DocSourceHost>& host);
 
-  /// Whether the item belongs to a doc source.
+  /// Returns whether the item belongs to a doc source.
   bool owns(const qx::URL& url, const std::optional<qx::User>& as = std::nullopt) {
     return placeOf(url, as).owner != nullptr;
   }
 
   /// Has the item brought in for a reader. Called back once: at once and without error when no doc
-  /// source owns the item, else when its provider has answered. While a provide of a file is under
-  /// way, further readers of it wait for the same answer, and the provider hears of the first one.
-  /// A provider is asked for 64 files at a time; others wait their turn, so that one that does not
-  /// answer leaves room on a connection that it shares with others. Readers of several users take
-  /// turns, and a quarter of the 64 is kept for the provider's own; without `as` it is that.
+  /// source owns the item, otherwise when its provider has answered. While a file is being
+  /// provided, further readers of it wait for the same answer, and the provider hears only of the
+  /// first. A provider is asked for 64 files at a time and others wait their turn, so that a
+  /// provider that does not answer leaves room on a connection that it shares with others. Readers
+  /// of several users take turns, and a quarter of the 64 is kept for the provider's own user; a
+  /// call without `as` counts as that user's.
   void provide(const qx::URL& url, const std::string& readerID,
                qx::Completion<qx::Error> completion,
                const std::optional<qx::User>& as = std::nullopt);
-  /// The same of an item that is known to be this doc source's; nothing is looked up.
+  /// Does the same for an item that is known to be this doc source's; nothing is looked up.
   void provide(const DocSource& owner, const qx::URL& url, const std::string& readerID,
                qx::Completion<qx::Error> completion);
 
-  /// An item of this doc source is being provided, and somebody waits for these bytes of it.
+  /// Says that somebody waits for these bytes of an item of this doc source that is being provided.
   static void hurry(const DocSource& owner, const qx::URL& url, qx::ByteRange bytes) {
     owner.host->readerWaits(owner.identifier, url, bytes);
   }
 
-  /// Tells the owner, if there is one, that the item was written. Called back when it has heard.
+  /// Tells the owner, if there is one, that the item was written. Called back when the owner has
+  /// heard.
   void didFinishWriting(const qx::URL& url, const std::string& writerID,
                         qx::Completion<> completion = {},
                         const std::optional<qx::User>& as = std::nullopt);
@@ -145,7 +149,7 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
     std::string readerID;
     uid_t reader;
   };
-  /// What one is being asked, and has yet to be asked, by user.
+  /// What a provider is being asked, and what it has yet to be asked, by user.
   struct Turns {
     std::size_t underWay = 0;
     std::size_t underWayOfOthers = 0;
@@ -165,7 +169,8 @@ class DocSourceRegistry : public std::enable_shared_from_this<DocSourceRegistry>
   };
   Place placeOf(const qx::URL& url, const std::optional<qx::User>& as);
   SourcePointer ownerOf(const qx::URL& url, std::optional<uid_t> user);
-  /// Looks at the directories of a user's doc sources again, or at all; whether any has changed.
+  /// Looks again at the directories of a user's doc sources, or of all. Returns whether any has
+  /// changed.
   bool lookAgain(std::optional<uid_t> user);
   void provide(const Provide& provide, qx::Completion<qx::Error> completion);
   void ask(const Provide& provide);

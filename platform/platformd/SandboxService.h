@@ -13,28 +13,28 @@
 #include "platform/sandbox/SandboxKey.h"
 
 /// The directories in which the keys of the users are looked for: those that each user's daemon has
-/// handed over, and where there is none the one that the user has by default. Where platformd
-/// serves one user, that user's runtime directory, and no other. Any thread.
+/// handed over, and where there is none the user's default one. Where platformd serves one user, it
+/// is only that user's runtime directory. Any thread may use it.
 class KeyDirectories {
  public:
-  /// Until it is removed again; `number` names it.
+  /// Adds a directory until it is removed again; `number` names it.
   std::uint64_t add(qx::SandboxKeyStore store);
   void remove(std::uint64_t number);
-  /// All of a user's, with the rights of the calling thread.
+  /// Returns all of a user's, looked up with the rights of the calling thread.
   std::vector<qx::SandboxKeyStore> of(uid_t user);
 
  private:
   std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   std::uint64_t last_ = 0;
   std::map<std::uint64_t, qx::SandboxKeyStore> handedOver_;
 };
 
-/// The service "com.veltro.Sandbox": redeems sandbox extensions. Whoever holds a token that is good
-/// by a key of the own user gets the descriptor of the file that it names, opened with that user's
-/// rights and no others: nobody gets anything here that the user could not open.
+/// The service "com.veltro.Sandbox", which redeems sandbox extensions. Whoever holds a token that
+/// is good by a key of their own user gets the descriptor of the file that it names. The file is
+/// opened with that user's rights, so nobody gets anything here that they could not open.
 ///
-/// A user's daemon hands its runtime directory over, in which the key lies, from outside of
+/// A user's daemon hands over its runtime directory, in which the key lies, from outside of
 /// sandboxes; it counts for as long as the connection lives.
 class SandboxService final : public QXConduitListenerDelegate,
                              public std::enable_shared_from_this<SandboxService> {

@@ -10,11 +10,12 @@
 #include "platform/identity/UserIdentity.h"
 #include "platform/platformd/UserAccounts.h"
 
-/// Who is at the other end of a connection to a service of platformd, and what that user may make
-/// it hold: the connection itself and what its frames make it keep are charged here. Any thread.
+/// The user at the other end of a connection to a service of platformd. What that user makes it
+/// hold, the connection itself and what its frames make it keep, is charged here. Any thread may
+/// use it.
 class ServicePeer : public std::enable_shared_from_this<ServicePeer> {
  public:
-  /// Null for a peer that nobody knows, and one whose user has too many connections.
+  /// Returns null for an unknown peer, and for one whose user has too many connections.
   static std::shared_ptr<ServicePeer> accept(QXConduitConnection& connection,
                                              UserAccounts& accounts);
 
@@ -22,19 +23,19 @@ class ServicePeer : public std::enable_shared_from_this<ServicePeer> {
   const qx::User& user() const { return user_; }
   UserAccount& account() const { return *account_; }
 
-  /// Whether the process, asked now, is in the same user namespace as this service.
+  /// Returns whether the process is now in the same user namespace as this service.
   bool isOutsideOfSandboxes() const;
 
-  /// Runs what may block on the user's files, one after the other for this connection; `task` gets
-  /// a charge for the call that it carries out, and holds it until that is answered. False, and
-  /// nothing is run, where the user has too many calls under way.
+  /// Runs what may block on the user's files, one task after the other for this connection. `task`
+  /// gets a charge for the call that it carries out, and holds it until the call is answered.
+  /// Returns false, and runs nothing, when the user has too many calls under way.
   bool run(std::function<void(UserAccount::Charge charge)> task);
-  /// The same for what is left to do of a call that has its charge.
+  /// Does the same for the rest of a call that has its charge.
   void goOn(std::function<void()> task) { account_->run(lane_, std::move(task)); }
 
-  /// Runs `work` as the peer's user and returns what it returned: for file operations, and for
-  /// nothing else, as a thread that is started meanwhile would be that user's for good. EPERM,
-  /// absent, where this process cannot take that identity.
+  /// Runs `work` as the peer's user and returns what it returned. It is only for file operations: a
+  /// thread that is started meanwhile would stay that user's. EPERM, or absent, where this process
+  /// cannot take that identity.
   template <class F>
   auto asUser(F&& work) const {
     const qx::UserIdentity identity(user_);
@@ -53,7 +54,7 @@ class ServicePeer : public std::enable_shared_from_this<ServicePeer> {
   const std::shared_ptr<UserAccount::Lane> lane_ = account_->makeLane();
   UserAccount::Charge connection_;
   std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   UserAccount::Charge bytes_;
   UserAccount::Charge descriptors_;
 };

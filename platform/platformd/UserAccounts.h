@@ -15,8 +15,8 @@
 
 class UserAccounts;
 
-/// What the programs of one user make this process hold, bounded so that no user notices another.
-/// What it counts is given back when the charge for it is destroyed. Any thread.
+/// What the programs of one user make this process hold. It is bounded, so that no user notices
+/// another. When a charge is destroyed, what it counted is given back. Any thread may use it.
 class UserAccount : public std::enable_shared_from_this<UserAccount> {
  public:
   enum class Kind : std::size_t {
@@ -28,7 +28,7 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
   };
   static constexpr std::size_t kinds = 5;
 
-  /// A part of the account that is in use. Empty, it stands for nothing.
+  /// A part of the account that is in use. An empty charge stands for nothing.
   class Charge {
    public:
     Charge() = default;
@@ -52,17 +52,17 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
 
   uid_t user() const { return user_; }
 
-  /// Empty past the bound: EAGAIN for the user whose it is.
+  /// Empty past the bound: the user gets EAGAIN.
   Charge charge(Kind kind, std::size_t amount = 1);
-  /// The error that says so.
+  /// The error of that bound.
   static qx::Error exhausted();
 
-  /// A row of tasks that are run one after the other: those of one connection.
+  /// A row of tasks that run one after the other: those of one connection.
   class Lane;
   std::shared_ptr<Lane> makeLane();
-  /// Runs a task that may block on the user's files, when those before it in the lane have been
-  /// run: on the calling thread where it can be at once, else on the global queue. Of one user's
-  /// tasks a few run at a time, whatever becomes of them; the others wait.
+  /// Runs a task that may block on the user's files, when those before it in the lane have run: on
+  /// the calling thread when that is possible at once, otherwise on the global queue. Only a few of
+  /// one user's tasks run at a time, whatever becomes of them; the others wait.
   void run(const std::shared_ptr<Lane>& lane, std::function<void()> task);
 
  private:
@@ -76,26 +76,26 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
   const std::shared_ptr<UserAccounts> all_;
   const uid_t user_;
   std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   std::size_t running_ = 0;
   std::deque<std::shared_ptr<Lane>> ready_;
-  // Under that of all accounts.
+  // Guarded by the mutex of all accounts.
   std::array<std::size_t, kinds> used_{};
 };
 
-/// The accounts of all users that have something. Held by a shared pointer. Any thread.
+/// The accounts of all users that hold something. Held by a shared pointer. Any thread may use it.
 class UserAccounts : public std::enable_shared_from_this<UserAccounts> {
  public:
-  /// With so many descriptors for this process (getrlimit(2)). A user gets a sixteenth of them at
-  /// most, all of them half; what is left is for the work itself, and some of it for users who have
-  /// next to nothing.
+  /// Takes the number of descriptors of this process (getrlimit(2)). A user gets at most a
+  /// sixteenth of them, and all users together half. The rest is for the work itself, and some of
+  /// it for users who have next to nothing.
   explicit UserAccounts(std::size_t descriptors);
 
   std::shared_ptr<UserAccount> of(uid_t user);
 
  private:
   friend class UserAccount;
-  /// That everybody may have as long as there are any.
+  /// What everybody may have as long as there are any.
   static constexpr std::size_t fewDescriptors = 16;
 
   bool take(UserAccount& account, UserAccount::Kind kind, std::size_t amount);
@@ -104,7 +104,7 @@ class UserAccounts : public std::enable_shared_from_this<UserAccounts> {
   const std::size_t descriptors_;
   std::array<std::size_t, UserAccount::kinds> most_;  // for one user
   std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   std::size_t descriptorsUsed_ = 0;
   std::map<uid_t, std::weak_ptr<UserAccount>> accounts_;
 };

@@ -10,8 +10,8 @@
 
 namespace qx {
 
-/// Where delays come from: the monotonic clock (CLOCK_MONOTONIC, clock_gettime(2)) in the
-/// programs, a ManualClock that a test moves in tests.
+/// The source of delays: the monotonic clock (CLOCK_MONOTONIC, clock_gettime(2)) in the programs,
+/// and in tests a ManualClock that a test moves.
 class Clock {
  public:
   using Duration = std::chrono::nanoseconds;
@@ -20,19 +20,19 @@ class Clock {
 
   virtual ~Clock() = default;
 
-  /// Since an arbitrary point in the past.
+  /// The time since an arbitrary point in the past.
   virtual Duration now() const = 0;
 
-  /// Runs `action` once, when `delay` has passed, on a thread of the clock's choosing; the action
-  /// must be short, what is long it submits to a queue.
+  /// Runs `action` once, when `delay` has passed, on a thread of the clock's choosing. The action
+  /// must be short; longer work it submits to a queue.
   virtual TimerID schedule(Duration delay, std::function<void()> action) = 0;
 
-  /// The action does not run any more unless it has begun already. Unknown ids are ignored.
+  /// Prevents the action from running, unless it has begun already. Unknown ids are ignored.
   virtual void cancel(TimerID timer) = 0;
 
   /// The clock of this process.
   static Clock& current();
-  /// For tests, before anything is scheduled. The clock must outlive every use of it.
+  /// Sets it, for tests, before anything is scheduled. The clock must outlive every use of it.
   static void setCurrent(Clock& clock);
 };
 
@@ -43,11 +43,11 @@ class ManualClock final : public Clock {
   TimerID schedule(Duration delay, std::function<void()> action) override;
   void cancel(TimerID timer) override;
 
-  /// Moves the time forward and runs what falls due, in order of time, on the calling thread;
-  /// also what those actions schedule for within the span.
+  /// Moves the time forward and runs, on the calling thread and in order of time, what falls due,
+  /// including what those actions schedule within the span.
   void advance(Duration duration);
 
-  /// Waits until an action falls due in exactly that time; for a test that must not move the clock
+  /// Waits until an action falls due in exactly that time. For a test that must not move the clock
   /// before the code under test has begun its delay.
   void waitForActionIn(Duration duration) const;
 

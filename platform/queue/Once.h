@@ -6,16 +6,16 @@
 
 namespace qx {
 
-/// Runs something once in the life of the process. For objects of static storage: constant
-/// initialisation, nothing to destroy. Any thread.
+/// Runs something once in the life of the process. For objects of static storage: it is initialised
+/// at compile time and needs no destruction. Any thread may use it.
 class OnceGuard {
  public:
   constexpr OnceGuard() = default;
   OnceGuard(const OnceGuard&) = delete;
   OnceGuard& operator=(const OnceGuard&) = delete;
 
-  /// Runs `work` if nobody has, and returns when it has run, whoever ran it; true for the call
-  /// that did. `work` must not come back to the same guard, and must not throw.
+  /// Runs `work` if nobody has, and returns when it has run, whoever ran it. Returns true for the
+  /// call that did. `work` must not use the same guard, and must not throw.
   template <class F>
   bool run(F&& work) {
     if (done_.load(std::memory_order_acquire)) return false;

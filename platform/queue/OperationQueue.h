@@ -8,17 +8,17 @@
 
 namespace qx {
 
-/// A named queue of operations with the default concurrency: operations start in the order in
-/// which they were added and may run in parallel. Any thread may add.
+/// A named queue of operations with the default concurrency: operations start in the order in which
+/// they were added and may run in parallel. Any thread may add.
 class OperationQueue {
  public:
   OperationQueue();
 
-  /// For diagnostics. Set before the first operation is added.
+  /// Sets the name, which is for diagnostics, before the first operation is added.
   void setName(std::string name);
   const std::string& name() const { return name_; }
 
-  /// Returns at once.
+  /// Adds an operation and returns at once.
   void addOperation(std::function<void()> operation);
 
  private:

@@ -4,28 +4,30 @@
 
 namespace qx {
 
-/// Where one thread may run. Another thread binds it to its own processor before it wakes it; it
-/// releases itself before it does anything that takes long. What the administrator or the program
-/// has allowed the thread holds meanwhile and afterwards (sched_setaffinity(2)); where binding is
-/// not possible nothing happens.
+/// Where one thread may run. Another thread binds it to its own processor before it wakes it, and
+/// it releases itself before it does anything that takes long. It stays within what the
+/// administrator or the program allows the thread (sched_setaffinity(2)), and nothing happens where
+/// binding is not possible.
 ///
-/// The owner makes it on the thread. One other thread may bind it while the owner sleeps and until
-/// it wakes the owner; all else is for the owner.
+/// The owner makes it on its thread. One other thread may bind it while the owner sleeps, until it
+/// wakes the owner; everything else is for the owner.
 class ProcessorBinding {
  public:
   ProcessorBinding();
   ProcessorBinding(const ProcessorBinding&) = delete;
   ProcessorBinding& operator=(const ProcessorBinding&) = delete;
 
-  /// Binds the owner to the processor of the calling thread. No system call where it is already.
+  /// Binds the owner to the processor of the calling thread. It makes no system call when the owner
+  /// is bound to it already.
   void bindToThisProcessor();
-  /// Lets the owner run again wherever it was allowed to. No system call where it is not bound.
+  /// Lets the owner run again wherever it was allowed to. It makes no system call when the owner is
+  /// not bound.
   void release();
 
  private:
   static constexpr int free = -1;
 
-  /// Notes what others have allowed the thread; false where the system does not say.
+  /// Notes what others have allowed the thread. Returns false when the system does not say.
   bool lookAtWhatIsAllowed();
 
   pid_t thread_;

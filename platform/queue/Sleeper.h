@@ -7,20 +7,20 @@
 namespace qx {
 
 /// The sleep of one thread, which another one ends. Waking costs one system call (futex(2)), and
-/// none where the thread had not fallen asleep yet; no lock is held or taken by either side, so
-/// that who is woken does not run into who wakes it.
+/// none when the thread had not fallen asleep yet. Neither side takes a lock, so the thread that is
+/// woken does not run into the one that wakes it.
 ///
-/// One thread sleeps, one other wakes it, once. What the waking thread did before wake() is seen by
-/// the other one after it.
+/// One thread sleeps, and one other wakes it, once. What the waking thread did before wake() is
+/// visible to the other one after it.
 class Sleeper {
  public:
   Sleeper() = default;
   Sleeper(const Sleeper&) = delete;
   Sleeper& operator=(const Sleeper&) = delete;
 
-  /// Returns when wake() was called, be it before.
+  /// Returns when wake() was called, even if that was before.
   void sleep();
-  /// The same, or when the time has passed; whether it was woken.
+  /// Does the same, or returns when the time has passed. Returns whether it was woken.
   bool sleepFor(std::chrono::nanoseconds time);
   /// The sleeper may be gone as soon as this is called, not only when it has returned.
   void wake();
@@ -28,7 +28,8 @@ class Sleeper {
  private:
   enum : std::uint32_t { awake, asleep, woken };
 
-  /// Until woken, or until the kernel says that the time has passed; whether it was woken.
+  /// Waits until it is woken, or until the kernel says that the time has passed. Returns whether it
+  /// was woken.
   bool wait(const std::chrono::nanoseconds* time);
 
   std::atomic<std::uint32_t> state_{awake};

@@ -21,7 +21,8 @@ class PoolWork {
   virtual void runInPool() = 0;
 };
 
-/// Who runs a thread: told, on that thread, when it begins to wait and when it goes on.
+/// The owner of a thread. It is told, on that thread, when the thread begins to wait and when it
+/// goes on.
 class ThreadOwner {
  public:
   virtual void threadBeginsToWait() = 0;
@@ -33,29 +34,29 @@ class ThreadOwner {
 
 /// The threads behind the queues; internal to the platform. Threads are started on demand, up to
 /// the size of the pool plus one for each of its threads that waits inside a queue. When jobs wait
-/// and none has been begun for a while, because all threads are held up by tasks that block, the
-/// pool grows further, one thread at a time, up to its cap. Threads beyond the size end when they
-/// have been idle for some seconds. Any thread may call.
+/// and none has been begun for a while, because tasks that block hold up all threads, the pool
+/// grows further, one thread at a time, up to its cap. Threads beyond the size end when they have
+/// been idle for some seconds. Any thread may call.
 ///
-/// A job wakes one idle thread, and that one, when it has come for it and there are more, wakes the
-/// next: of however many jobs that come at once only the first costs their submitter a wake-up, and
-/// quick ones are done by the thread that is awake already.
+/// A job wakes one idle thread. That thread, when it has come for the job and there are more, wakes
+/// the next. So of many jobs that come at once only the first costs its submitter a wake-up, and
+/// the thread that is awake already does the quick ones.
 class WorkPool final : private ThreadOwner {
  public:
   static WorkPool& shared();
 
   void submit(std::function<void()> task) { submit(Job{nullptr, std::move(task), false}); }
   void submit(std::shared_ptr<PoolWork> work) { submit(Job{std::move(work), nullptr, false}); }
-  /// A job that is over in microseconds, from a thread that is about to wait. A thread that is
-  /// woken for it, and only for it, runs on the caller's processor.
+  /// Submits a job that is over in microseconds, from a thread that is about to wait. A thread that
+  /// is woken only for it runs on the caller's processor.
   void submitBrief(std::function<void()> task) { submit(Job{nullptr, std::move(task), true}); }
 
   void setSize(unsigned size, unsigned cap);
 
-  /// Says who runs the calling thread; the owner outlives it.
+  /// Names the owner of the calling thread; the owner outlives it.
   static void setOwnerOfThread(ThreadOwner* owner);
 
-  /// While it exists the calling thread counts as waiting: inside a queue, or for the disk.
+  /// While this exists the calling thread counts as waiting: inside a queue, or for the disk.
   class Waiting {
    public:
     Waiting();
@@ -81,16 +82,18 @@ class WorkPool final : private ThreadOwner {
   void threadBeginsToWait() override;
   void threadGoesOn() override;
   void submit(Job job);
-  /// Takes the next job and runs it, and comes back with the mutex held.
+  /// Takes the next job and runs it. Returns with the mutex held.
   void runNext(std::unique_lock<std::mutex>& lock, ProcessorBinding& binding);
   bool isShortOfThreads() const { return jobs_.size() > idle_; }
   bool mayGrow(unsigned limit) const { return threads_ - waiting_ < limit; }
   bool isTooMany() const { return threads_ - waiting_ > size_; }
-  /// With the mutex held. The thread that is to be woken when it is not held any more, or null.
+  /// Called with the mutex held. Returns the thread that the caller wakes after releasing the
+  /// mutex, or null.
   [[nodiscard]] IdleThread* provideThread();
   void startWorker();
   void work();
-  /// Until woken, or, where there are too many threads, for a while; whether to go on.
+  /// Sleeps until woken or, where there are too many threads, for a while. Returns whether to go
+  /// on.
   bool sleep(std::unique_lock<std::mutex>& lock, ProcessorBinding& binding);
   void watch();
 

@@ -10,14 +10,14 @@
 
 namespace qx {
 
-/// A queue of work: serial (one task at a time, in the order of submission) or concurrent (tasks
-/// run in parallel, a barrier runs alone, after all that was submitted before it and before all
-/// that is submitted after it).
+/// A queue of work. It is serial (one task at a time, in the order of submission) or concurrent
+/// (tasks run in parallel; a barrier runs alone, after all that was submitted before it and before
+/// all that is submitted after it).
 ///
 /// Any thread may submit. Asynchronous work runs on the process's pool of threads. A synchronous
 /// submission to an idle queue runs on the caller's thread without waking anybody. A thread that
-/// waits for a queue drains the queue itself when nobody else is doing so, so that no set of
-/// blocked threads brings the process to a stand, whatever the size of the pool.
+/// waits for a queue drains the queue itself when nobody else is doing so. So blocked threads can
+/// never stop the process, whatever the size of the pool.
 ///
 /// A synchronous submission from a task that already runs on the same serial queue (or, on a
 /// concurrent one, from a barrier) waits for itself: never do that.
@@ -29,7 +29,7 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
 
   static std::shared_ptr<WorkQueue> serial(std::string label);
   static std::shared_ptr<WorkQueue> concurrent(std::string label);
-  /// The global concurrent queue of default priority. Never suspended, takes no barriers.
+  /// The global concurrent queue of default priority. It is never suspended and takes no barriers.
   static WorkQueue& global();
 
   virtual ~WorkQueue() = default;
@@ -42,10 +42,10 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   virtual void async(Task task) = 0;
   virtual void barrierAsync(Task task) = 0;
 
-  /// The same as async(), for a task that is over in microseconds and waits for nothing, submitted
-  /// by a thread that is about to wait itself: an answer to what it has read. On the global queue
-  /// the task runs on the caller's processor if a thread has to be woken for it. Another processor
-  /// may be asleep, and then takes longer to wake up than the task takes.
+  /// Does the same as async(), for a task that is over in microseconds and waits for nothing, when
+  /// the submitting thread is about to wait itself: an answer to what it has read. On the global
+  /// queue the task runs on the caller's processor if a thread has to be woken for it, because
+  /// another processor may be asleep and would take longer to wake up than the task takes.
   virtual void asyncBriefly(Task task) { async(std::move(task)); }
 
   /// Submits, waits until it has run, and returns what it returned.
@@ -58,34 +58,35 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   /// Submits `task` asynchronously when `delay` has passed on Clock::current().
   void after(std::chrono::nanoseconds delay, Task task);
 
-  /// Suspensions nest; each wants its resume(). What runs when the queue is suspended finishes;
-  /// nothing starts until the last resume(). A queue may suspend itself from its own task.
+  /// Suspensions nest; each needs its resume(). A task that runs when the queue is suspended
+  /// finishes; nothing starts until the last resume(). A queue may suspend itself from its own
+  /// task.
   virtual void suspend() = 0;
   virtual void resume() = 0;
 
  protected:
   enum class Kind { serial, concurrent, global };
 
-  /// What runs, and what closes the short way: one atomic word, which is all that a synchronous
-  /// submission to an idle queue touches. Flags, and above them how many readers run: items that
-  /// are no barriers.
+  /// What runs, and what closes the short way. It is one atomic word, which is all that a
+  /// synchronous submission to an idle queue touches: flags, and above them the number of running
+  /// readers, which are items that are no barriers.
   using State = std::uint64_t;
   static constexpr State barrierRuns = 1;
-  /// There is a list of items that wait.
+  /// Set while there is a list of waiting items.
   static constexpr State queued = 2;
   static constexpr State suspended = 4;
   static constexpr State oneReader = 8;
 
   WorkQueue(std::string label, Kind kind) : kind_(kind), label_(std::move(label)) {}
 
-  /// On a serial queue every item is a barrier, on the global one none.
+  /// On a serial queue every item is a barrier, on the global queue none is.
   bool isBarrier(bool asked) const {
     return kind_ == Kind::serial || (asked && kind_ == Kind::concurrent);
   }
   static State shareOf(bool barrier) { return barrier ? barrierRuns : oneReader; }
 
   bool enterAsReader(State obstacles) {
-    // Idle most of the time, and quicker to try than to look first.
+    // The queue is idle most of the time, so trying is quicker than looking first.
     State state = 0;
     do {
       if (state_.compare_exchange_weak(state, state + oneReader, std::memory_order_acquire,
@@ -98,7 +99,7 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
 
   /// Returns when the item of the calling thread counts as running.
   virtual void waitForTurn(bool barrier) = 0;
-  /// After an item has left the queue in the state `before`, while others waited.
+  /// Called after an item has left the queue in the state `before`, while others waited.
   virtual void lookAfterTheList(bool barrier, State before) = 0;
 
   std::atomic<State> state_{0};
@@ -135,8 +136,8 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   std::string label_;
 };
 
-/// How many threads the pool behind the queues may use before it stops adding more of its own
-/// accord (it still adds one for each that waits inside a queue). For tests; takes effect on new
+/// How many threads the pool behind the queues may use before it stops adding more by itself (it
+/// still adds one for each that waits inside a queue). For tests; it takes effect on new
 /// submissions.
 void setWorkPoolSize(unsigned threads);
 

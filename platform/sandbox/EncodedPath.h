@@ -6,15 +6,14 @@
 
 namespace qx {
 
-/// A path in letters that take no quoting anywhere, others percent-encoded (RFC 3986); the files
-/// and tokens of the sandbox extensions hold paths like this.
+/// Writes a path in characters that need no quoting anywhere; all others are percent-encoded (RFC
+/// 3986). The files and tokens of the sandbox extensions hold paths like this.
 std::string encodedPath(std::string_view path);
-/// Absent for what is no such text.
+/// Reads such a text; absent for any other.
 std::optional<std::string> decodedPath(std::string_view text);
 
-/// The path of an entry with all links in its directory resolved; absent when the directory is not
-/// there, or the path names no entry of one. Whether the entry itself is there, or is a link, is
-/// not looked at.
+/// Returns the path of an entry with all links in its directory resolved; absent when the directory
+/// does not exist, or the path names no entry of one. The entry itself may be missing, or a link.
 std::optional<std::string> canonicalEntryPath(const std::string& path);
 
 }  // namespace qx

@@ -18,19 +18,20 @@ namespace qx {
 
 using SandboxKey = std::array<std::uint8_t, crypto_auth_KEYBYTES>;
 
-/// What authenticates the sandbox extensions of one user: the key, the file "sandbox.key" in the
-/// user's runtime directory, and which extensions were taken back, see TakenBackExtensions.h.
+/// What authenticates the sandbox extensions of one user: the key, which is the file "sandbox.key"
+/// in the user's runtime directory, and the list of those that were taken back
+/// (TakenBackExtensions.h).
 ///
-/// The directory is held by a descriptor, so that it can be handed from the user's daemon to a
-/// service that serves all users. Whatever lies in it is believed only when it is a regular file
-/// that belongs to the user and that nobody else can use, opened beneath the directory without
-/// following a link (openat2(2)). Immutable; any thread.
+/// A descriptor holds the directory, so that the user's daemon can hand it to a service that serves
+/// all users. A file in it is believed only when it is a regular file that belongs to the user and
+/// that nobody else can use, and it is opened beneath the directory without following a link
+/// (openat2(2)). Immutable; any thread may use it.
 class SandboxKeyStore {
  public:
-  /// The runtime directory of this process's places. Its owner is this process's user, or, for
-  /// root, whoever owns the directory.
+  /// The runtime directory of this process's places. Its owner must be this process's user; for
+  /// root, it is whoever owns the directory.
   static Result<SandboxKeyStore> own();
-  /// A directory that is `owner`'s; EPERM when it is not, ENOTDIR for what is no directory.
+  /// A directory of `owner`'s; EPERM when it is not theirs, ENOTDIR when it is no directory.
   static Result<SandboxKeyStore> at(SharedDescriptor directory, uid_t owner);
 
   uid_t owner() const { return owner_; }
@@ -40,11 +41,11 @@ class SandboxKeyStore {
   /// Absent when there is none, and, with a line in the log, when the file is not what it must be
   /// or not exactly as long as a key.
   std::optional<SandboxKey> readKey() const;
-  /// The same, but a missing key is made. Processes that make one at the same time agree. Only in
-  /// the runtime directory of this process's places.
+  /// Does the same, but makes a missing key. Processes that make one at the same time agree on one.
+  /// Only in the runtime directory of this process's places.
   std::optional<SandboxKey> readOrMakeKey() const;
 
-  /// The whole file; absent when there is none. Files longer than `longest` are refused.
+  /// Reads a whole file; absent when there is none. Files longer than `longest` are refused.
   Result<std::optional<std::string>> readFile(const char* name, std::size_t longest) const;
 
  private:

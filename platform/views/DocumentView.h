@@ -45,34 +45,34 @@ class DocumentView {
  public:
   /// Makes an application's view where there is none, readable by its user alone.
   static std::optional<Error> make(const std::string& application);
-  /// The directory that is to be bound into the sandbox, of a view that was made.
+  /// The directory that is bound into the sandbox, of a view that was made.
   static std::string shownDirectory(const std::string& application);
-  /// Absent where the application has no view: it was never run in a sandbox.
+  /// Absent when the application has no view, because it was never run in a sandbox.
   static std::optional<DocumentView> open(const std::string& application);
-  /// Those that have one.
+  /// The applications that have one.
   static std::vector<std::string> applications();
 
-  /// The document that an absolute path leads to; absent for what is not below the directory of the
-  /// group containers, links on the way resolved.
+  /// Returns the document to which an absolute path leads; absent for what is not below the
+  /// directory of the group containers, after links on the way are resolved.
   static std::optional<std::string> documentAt(const std::string& path);
   static std::string pathOf(const std::string& document);
   /// The hidden file beside it.
   static std::string siblingOf(const std::string& document);
 
   /// Notes what was carried over when the process before was killed, so that it is not taken for a
-  /// change of the other side. To be called before anything else is done with the view.
+  /// change of the other side. Called before anything else is done with the view.
   void noteWhatWasCarriedOver() const;
 
-  /// Whether a name in a directory is a document that is shown, or the hidden sibling of one. What
-  /// may be a sibling itself has none.
+  /// Returns whether a name in a directory is a document that is shown, or the hidden sibling of
+  /// one. A name that may be a sibling itself has none.
   bool isShown(const std::string& document) const;
   /// The directories of all documents that are shown.
   std::vector<std::string> directories() const;
   /// The documents that are shown in one.
   std::vector<std::string> documentsIn(const std::string& directory) const;
 
-  /// Shows a document, and its hidden sibling where there is one. What the application had under
-  /// those names gets others.
+  /// Shows a document, and its hidden sibling if it exists. What the application had under those
+  /// names gets other names.
   std::optional<Error> show(const std::string& document);
 
   enum class Look {
@@ -87,24 +87,25 @@ class DocumentView {
     moved,    // the document has another name now, and is in the view no more; it is known until
               // forget(), so that it is seen again by who looks next
   };
-  /// Makes both sides the same. The application's file goes over to the document when it is a
-  /// plain file of its own; a file that has replaced the document outside goes into the view. Where
-  /// both have replaced it, the application's stands beside the document from then on, under a name
-  /// that says so. A document that is gone, late, goes from the view; one that the application
-  /// removed comes back.
+  /// Makes both sides the same. The application's file becomes the document when it is a plain file
+  /// of its own; a file that has replaced the document outside goes into the view. When both have
+  /// replaced it, the application's file stands beside the document from then on, under a name that
+  /// says so. When the document is gone and the look is late, it goes from the view; when the
+  /// application removed it, it comes back.
   Result<Outcome> settle(const std::string& document, Look look);
 
-  /// What was moved is shown under its new name, or will not be.
+  /// Says that what was moved is shown under its new name, or will not be.
   void forget(const std::string& document) const;
 
-  /// Ends what runs in the application's sandboxes; how many processes there were.
+  /// Ends what runs in the application's sandboxes. Returns how many processes there were.
   using EndSandboxes = std::function<std::size_t()>;
   /// Takes a document and its sibling out of the view, under whatever name the application has put
-  /// them. `endSandboxes` is called when it goes on moving them about while they are looked for, or
-  /// has them where they cannot be looked for while it runs.
+  /// them. `endSandboxes` is called when the application keeps moving them about while they are
+  /// looked for, or has them where they cannot be looked for while it runs.
   std::optional<Error> hide(const std::string& document, const EndSandboxes& endSandboxes);
 
-  /// Directories to be watched: of the view, and the documents' own, empty where there is none.
+  /// Returns directories to be watched: that of the view, and the document's own, empty where there
+  /// is none.
   Result<FileDescriptor> makeShownFolder(const std::string& directory) const {
     return makeDirectories("shown", directory);
   }
