@@ -12,46 +12,47 @@
 
 #include "platform/base/FileDescriptor.h"
 
-/// The ways in which this service comes to a user's file. Every one of them ends in a descriptor,
-/// and none follows a link: whoever changes names meanwhile changes which file is found, never that
-/// it is one below the directory from which it was looked for. What is done to a file is done to
-/// such a descriptor, after it was seen whose it is. Stateless; any thread; blocks on the file
-/// system. What fails sets errno.
+/// The ways in which this service reaches a user's file. Each of them ends in a descriptor, and
+/// none follows a link. Whoever changes names meanwhile changes which file is found, but the file
+/// is always one below the directory in which the search began. Whatever is done to a file is done
+/// to such a descriptor, after its owner was checked. There is no state; any thread may call these;
+/// they block on the file system and set errno when they fail.
 namespace qx::kernel {
 
-/// A directory, by an absolute path without links (openat2(2), RESOLVE_NO_SYMLINKS).
+/// Opens a directory by an absolute path without links (openat2(2), RESOLVE_NO_SYMLINKS).
 FileDescriptor openDirectoryStrictly(const std::string& path);
 
-/// The same for a service that works for several users: no step of the path leads into a file
+/// Does the same for a service that works for several users: no step of the path leads into a file
 /// system that a program serves (EOPNOTSUPP), so that no user's program can keep the service
 /// waiting. A service for one user goes wherever that user goes.
 FileDescriptor openDirectoryPromptly(const std::string& path);
 
-/// Whether a program serves the file system of an open file (fuse(4)); found out without asking
-/// that program. What cannot be found out counts as served.
+/// Returns whether a program serves the file system of an open file (fuse(4)), without asking that
+/// program. What cannot be found out counts as served.
 bool isServedByProgram(int file);
 
-/// What lies below an open directory, on the same mount and without a link anywhere, the last name
-/// included (openat2(2), RESOLVE_BENEATH, RESOLVE_NO_XDEV, RESOLVE_NO_SYMLINKS).
+/// Opens what lies below an open directory, on the same mount and without a link anywhere, the last
+/// name included (openat2(2), RESOLVE_BENEATH, RESOLVE_NO_XDEV, RESOLVE_NO_SYMLINKS).
 FileDescriptor openBeneath(int directory, const std::string& path, int flags);
 
-/// The same inode once more, opened in earnest; for a descriptor of any kind that is known to be of
-/// a regular file or directory.
+/// Opens the same inode once more, for reading or writing. The descriptor may be of any kind, but
+/// must be known to be of a regular file or directory.
 FileDescriptor reopen(int file, int flags);
 
-/// The name by which the process finds what a descriptor leads to; of any kind.
+/// The name under /proc by which this process reaches what a descriptor of any kind leads to.
 std::string procPath(int file);
 
-/// Where it lies now, as seen from here (proc_pid_fd(5)); absent when it has no name any more.
+/// The path where it lies now, as seen from here (proc_pid_fd(5)); absent when it has no name any
+/// more.
 std::optional<std::string> pathOf(int file);
 
-/// Tells of each entry of an open directory but the two that every one has.
+/// Visits each entry of an open directory except "." and "..".
 void eachEntry(int directory, const std::function<void(const char* name)>& visit);
 
 bool isBelow(std::string_view path, std::string_view directory);
 
-/// A name for a file that outlasts every rename, and this process (name_to_handle_at(2)). It is
-/// good on its own file system only. Opening by it takes CAP_DAC_READ_SEARCH.
+/// A name for a file that outlives every rename, and this process (name_to_handle_at(2)). It is
+/// good only on its own file system. Opening by it takes CAP_DAC_READ_SEARCH.
 struct FileHandle {
   using FileSystem = std::array<char, 8>;  // f_fsid, statfs(2)
 
@@ -61,10 +62,10 @@ struct FileHandle {
 
   /// Absent where the file system has none.
   static std::optional<FileHandle> of(int file);
-  /// `mount` is open for reading, on that file system.
+  /// Opens the file; `mount` is open for reading, on that file system.
   FileDescriptor open(int mount, int flags) const;
 
-  /// As text without spaces, and back.
+  /// As text without spaces, and from such text.
   std::string text() const;
   static std::optional<FileHandle> parse(std::string_view text);
 

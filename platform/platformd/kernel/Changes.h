@@ -20,9 +20,9 @@
 
 namespace qx::kernel {
 
-/// What happened in the trees, after it did: keeps the marks where they belong, follows what is
-/// moved out, takes the sign off a placeholder that a program emptied, and tells the doc sources
-/// which of their files others have written.
+/// Deals with what happened in the trees after it happened. It keeps the marks where they belong,
+/// follows what is moved out, removes the mark of a placeholder that a program emptied, and tells
+/// the doc sources which of their files others have written.
 ///
 /// Everything runs on the coordinator's queue.
 class Changes {
@@ -31,31 +31,31 @@ class Changes {
   using OnArrival = std::function<void(const std::optional<FileIdentity>&)>;
   using OnProgress = std::function<void(const FileIdentity&)>;
   using Slowly = std::function<void(uid_t, WorkQueue::Task)>;
-  /// Of one user, or of all.
+  /// Events of one user were lost, or of all.
   using OnLoss = std::function<void(std::optional<uid_t>)>;
-  /// What is to be looked at of one user's, each with a descriptor.
+  /// How much of one user's may be waiting to be looked at, each with a descriptor.
   static constexpr std::size_t mostOfOneUser = 256;
 
-  /// What is handed over must outlive this. `onQueue` comes back to the
-  /// queue, `slowly` runs what takes long, elsewhere, one thing of a user after the other, and
-  /// keeps all of this alive meanwhile; `onArrival` is called with a placeholder that has come to a
-  /// place in a tree, and with nothing when a directory has, `onProgress` when the attributes of
-  /// one have changed, `onLoss` when the kernel has lost events, or one user's were too many.
+  /// What is handed over must outlive this. `onQueue` comes back to the queue. `slowly` runs what
+  /// takes long elsewhere, one thing of a user after the other, and keeps all of this alive
+  /// meanwhile. `onArrival` is called with a placeholder that has come to a place in a tree, and
+  /// with nothing when a directory has. `onProgress` is called when the attributes of a placeholder
+  /// have changed, and `onLoss` when the kernel has lost events, or one user's were too many.
   Changes(const ChangeGroup& group, GuardedTrees& trees, Claims& claims, OnArrival onArrival,
           OnProgress onProgress, OnLoss onLoss, OnQueue onQueue, Slowly slowly);
 
-  /// Takes what the kernel has told of until now, or a few hundred of it: however many changes one
-  /// user makes, who waits for a file does not wait for all of them to be looked at.
+  /// Takes what the kernel has reported until now, or a few hundred of it: however many changes one
+  /// user makes, programs that wait for a file do not wait until all of them were looked at.
   void drain(bool all);
 
  private:
   void apply(const ChangeEvent& change, const std::optional<GuardedTrees::Directory>& directory);
   void applyToFile(const ChangeEvent& change, const GuardedTrees::Directory& directory,
                    const FileDescriptor& file, const struct stat& status);
-  /// Marks a directory that came into a tree; what somebody else put into it before counts as
+  /// Marks a directory that came into a tree. What somebody else put into it before counts as
   /// written.
   void look(FileDescriptor directory, uid_t owner, std::optional<pid_t> maker);
-  /// Has it done where it takes long; past the bound everything of that user's is looked at
+  /// Does the same where it takes long. Past the bound, everything of that user's is looked at
   /// instead.
   void later(uid_t user, WorkQueue::Task task);
   void tell(const GuardedTrees::Place& place, pid_t writer) const;
@@ -75,7 +75,7 @@ class Changes {
     bool isLost = false;
   };
   std::map<uid_t, Backlog> backlogs_;
-  /// What was found out for what is being taken, by process and directory.
+  /// What was found out about the events that are being taken, by process and directory.
   std::map<std::pair<pid_t, std::string>, bool> exempt_;
 };
 

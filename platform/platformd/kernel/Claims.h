@@ -13,36 +13,36 @@
 
 namespace qx::kernel {
 
-/// The doc sources that are there, by their trees: who is to be asked for a document, and which
-/// processes work for whom. One thread at a time.
+/// The present doc sources, by their trees: which of them is asked for a document, and which
+/// processes work for which. Used by one thread at a time.
 class Claims {
  public:
   struct Claim {
     DocSource source;
     std::string tree;  // the path of its directory, without links
 
-    /// Whether there is nobody who could be asked.
+    /// Returns whether there is nobody who could be asked.
     bool isAway() const { return source.host->isLost(); }
   };
 
-  /// False when a later registration of that doc source is known already; what it takes the place
-  /// of comes back in `replaced`.
+  /// Returns false when a later registration of that doc source is known already. The one that it
+  /// replaces comes back in `replaced`.
   bool add(const DocSource& source, std::string tree, std::optional<Claim>& replaced);
   /// Absent when it is not this registration that is known.
   std::optional<Claim> remove(const DocSource& source);
-  /// What a link in its path leads to is known only once it is there; null for another
-  /// registration.
+  /// Returns the claim; null for another registration. Its tree may change: what a link in its path
+  /// leads to is known only once it is there.
   Claim* find(const DocSource& source);
 
-  /// Whoever is to be asked for what lies there: the doc source of the tree's owner. Null when
-  /// there is none.
+  /// Returns the one that is asked for what lies there: the doc source of the tree's owner. Null
+  /// when there is none.
   const Claim* of(const GuardedTrees::Place& place) const;
 
-  /// Whether the process works for the owner of what lies there, and is to see it as it is. Of a
-  /// tree that nobody claims any process does that was started as an extension by its owner. Absent
-  /// a place, hosts alone are let through.
+  /// Returns whether the process works for the owner of what lies there, and so sees it as it is.
+  /// In a tree that nobody claims, that is any process that its owner started as an extension.
+  /// Without a place, only hosts are let through.
   bool isExempt(pid_t process, const std::optional<GuardedTrees::Place>& place);
-  /// Whether isExempt() has said so lately of this very process, and would again.
+  /// Returns whether isExempt() has lately said so of this very process, and would say so again.
   bool isKnownToBeExempt(pid_t process, const std::optional<GuardedTrees::Place>& place) const;
 
  private:

@@ -18,16 +18,18 @@
 
 namespace qx::kernel {
 
-/// The process that must not fall: it keeps the groups open, reads who waits, hands that to its
-/// worker and passes the answers on. A worker that dies is replaced at once, and the next one gets
-/// everything that has not been answered, so that whoever waits goes on waiting and nobody reads
-/// what is not there. It also keeps the listening sockets, so that no client finds them closed.
+/// The process that must not fail. It keeps the groups open, reads which programs wait, hands that
+/// to its worker, and passes the answers on. When a worker dies it is replaced at once, and the
+/// next one gets everything that has not been answered. So programs that wait go on waiting, and
+/// nobody reads what is not there. It also keeps the listening sockets, so that no client finds
+/// them closed.
 ///
-/// One thread, no queues, nothing of the services. Where the service manager stores descriptors
-/// (sd_pid_notify_with_fds(3)), the groups are stored there too, and survive this process.
+/// It has one thread, no queues, and nothing of the services. Where the service manager stores
+/// descriptors (sd_pid_notify_with_fds(3)), the groups are stored there too, and survive this
+/// process.
 class EventHolder {
  public:
-  /// What it holds, to be had with CAP_SYS_ADMIN alone.
+  /// What it holds. It can be had only with CAP_SYS_ADMIN.
   struct Groups {
     AccessGroup accesses;
     ChangeGroup changes;
@@ -36,19 +38,19 @@ class EventHolder {
     CoordinationMechanism mechanism() const {
       return mask == preAccess ? CoordinationMechanism::access : CoordinationMechanism::open;
     }
-    /// The service manager has them too, and keeps them when this process ends.
+    /// Whether the service manager has them too, and keeps them when this process ends.
     bool stored = false;
   };
-  /// From the service manager, or new ones, stored there if it is possible. Accesses that were read
-  /// by a process that is gone, but not answered, fail with EAGAIN. `wanted` is preAccess or, to do
-  /// with less, openPermission.
+  /// Takes them from the service manager, or makes new ones and stores them there if that is
+  /// possible. Accesses that a process that is gone has read but not answered fail with EAGAIN.
+  /// `wanted` is preAccess, or openPermission to do with less.
   static Result<Groups> groups(std::uint64_t wanted);
 
-  /// `sockets` are the worker's, see workerSocket().
+  /// `sockets` are those of the worker, see workerSocket().
   EventHolder(Groups groups, std::vector<FileDescriptor> sockets)
       : groups_(std::move(groups)), sockets_(std::move(sockets)) {}
 
-  /// Until SIGTERM or SIGINT, which must be blocked. Returns the exit status of the program.
+  /// Runs until SIGTERM or SIGINT, which must be blocked. Returns the exit status of the program.
   int run();
 
   /// The descriptors that the worker finds open.
@@ -56,12 +58,12 @@ class EventHolder {
   static constexpr int workerAccesses = 4;
   static constexpr int workerChanges = 5;
   static constexpr int workerSockets = 6;
-  /// Followed by the name of the mechanism.
+  /// The option of the worker; the name of the mechanism follows it.
   static constexpr const char* workerOption = "--worker";
 
  private:
-  /// What the kernel knows an event by is the number of its descriptor, which has to stay taken
-  /// until the event is answered. The open file behind it is one for each document.
+  /// The kernel knows an event by the number of its descriptor, which has to stay in use until the
+  /// event is answered. Each document has one open file behind these numbers.
   struct Document {
     FileDescriptor file;
     std::size_t events = 0;

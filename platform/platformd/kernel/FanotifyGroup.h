@@ -14,58 +14,60 @@
 
 namespace qx::kernel {
 
-/// An access to the content of a file, before it happens (fanotify(7), since Linux 6.14); not in
-/// the headers of older C libraries.
+/// An access to the content of a file, before it happens (fanotify(7), since Linux 6.14). The
+/// headers of older C libraries do not have it.
 inline constexpr std::uint64_t preAccess = 0x00100000;
 /// The opening of a file, for kernels and file systems that have nothing better.
 inline constexpr std::uint64_t openPermission = 0x00010000;
 
-/// A program that waits for leave to get at a file.
+/// A program that waits for permission to access a file.
 struct AccessEvent {
-  /// The file, opened by the kernel for this event; using it causes no event. Its number is the
-  /// name of the event in the process that read it: open until the event is answered.
+  /// The file, opened by the kernel for this event; using it causes no event. Its number names the
+  /// event in the process that read it, so it stays open until the event is answered.
   FileDescriptor file;
-  /// The thread that waits, and the process that it is of.
+  /// The thread that waits, and its process.
   pid_t thread = 0;
   pid_t process = 0;
   std::uint64_t mask = 0;
-  /// Which bytes it wants, in whole pages. Absent where the kernel does not tell; of a mapping,
-  /// which a program may extend without asking (mremap(2)), it says little.
+  /// Which bytes it wants, in whole pages. Absent where the kernel does not tell. For a mapping it
+  /// says little, since a program may extend one without asking (mremap(2)).
   std::optional<ByteRange> range;
 };
 
 /// A group that is asked before content is accessed (FAN_CLASS_PRE_CONTENT). While it has a
 /// descriptor anywhere, programs wait for its answers; when the last one closes, the kernel lets
-/// them all through. Marks sit on inodes, so neither mounts nor other names lead around them.
-/// Any thread; the descriptor is non-blocking.
+/// them all through. Marks belong to inodes, so neither mounts nor other names lead around them.
+/// Any thread may use it; the descriptor is non-blocking.
 class AccessGroup {
  public:
-  /// EPERM without CAP_SYS_ADMIN.
+  /// Makes a group; EPERM without CAP_SYS_ADMIN.
   ///
-  /// To report an event the kernel opens the file. `waitsForLeases` says whether it waits there for
-  /// a lease (fcntl(2), F_SETLEASE), and everybody else with it, or has whoever gets at a file on
-  /// which somebody holds one fail with EPERM.
+  /// To report an event the kernel opens the file. `waitsForLeases` decides what happens when
+  /// somebody holds a lease on it (fcntl(2), F_SETLEASE): either the kernel waits for the lease,
+  /// and everybody else with it, or the program that accesses the file fails with EPERM.
   static Result<AccessGroup> create(bool waitsForLeases = false);
   explicit AccessGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   int descriptor() const { return descriptor_.get(); }
 
-  /// What has come, without waiting.
+  /// Returns the events that have come, without waiting.
   std::vector<AccessEvent> read() const;
 
   /// Answers the event whose descriptor has this number in the process that read it. 0 allows;
-  /// else the program's call fails with the errno (EPERM, EIO, EBUSY, ETXTBSY, EAGAIN, ENOSPC or
-  /// EDQUOT; a kernel that knows no others makes it EPERM). False when nobody waits any more.
+  /// otherwise the program's call fails with the errno (EPERM, EIO, EBUSY, ETXTBSY, EAGAIN, ENOSPC
+  /// or EDQUOT; an old kernel makes all others EPERM). Returns false when nobody waits any more.
   bool answer(int number, int errnum) const;
 
-  /// Whether the kernel, and the directory's file system, tell of accesses (preAccess).
+  /// Returns whether the kernel, and the directory's file system, report accesses (preAccess).
   bool knowsAccess(const std::string& directory) const;
 
-  /// Each returns an errno, or 0, and takes a descriptor of any kind. The mark sits on the inode.
+  /// Each returns an errno, or 0, and takes a descriptor of any kind. The mark belongs to the
+  /// inode.
   int watchDirectory(int directory, std::uint64_t mask) const;
   int watchFile(int file, std::uint64_t mask) const;
   int unwatchFile(int file, std::uint64_t mask) const;
-  /// No more events for the file until its content changes; forgotten with the inode's memory.
+  /// Reports no more events for the file until its content changes. The mark is forgotten when the
+  /// kernel forgets the inode.
   int ignoreFile(int file, std::uint64_t mask) const;
   int stopIgnoring(int file, std::uint64_t mask) const;
 
@@ -84,15 +86,15 @@ struct ChangeEvent {
   std::optional<FileHandle> target;
 };
 
-/// A group that is told afterwards: entries that come and go, content that changes, files that are
-/// closed after writing (FAN_REPORT_DFID_NAME_TARGET, since Linux 5.17).
+/// A group that is told afterwards: of entries that come and go, content that changes, and files
+/// that are closed after writing (FAN_REPORT_DFID_NAME_TARGET, since Linux 5.17).
 class ChangeGroup {
  public:
   static Result<ChangeGroup> create();
   explicit ChangeGroup(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   int descriptor() const { return descriptor_.get(); }
-  /// Everything, or a few hundred of them.
+  /// Reads everything, or a few hundred events.
   std::vector<ChangeEvent> read(bool all) const;
   int watchDirectory(int directory) const;
 

@@ -14,23 +14,24 @@
 
 namespace qx::kernel {
 
-/// Which files were modified by whom and not closed since. Of the files that nothing happened to
-/// lately nothing is kept, so a write through a mapping, which shows by the time of modification
-/// alone, is told by it only for those that were heard of lately, and for all others whenever their
-/// time is later than the service's start. One thread at a time.
+/// Which process modified which file that was not closed since. Nothing is kept of files to which
+/// nothing has happened lately. A write through a mapping shows only by the time of modification;
+/// it is noticed for files that were heard of lately, and for all others when their time is later
+/// than the service's start. Used by one thread at a time.
 class FinishedWrites {
  public:
   static constexpr std::size_t mostRemembered = 4096;
 
-  /// `start` is the time (CLOCK_REALTIME) since which changes are told.
+  /// `start` is the time (CLOCK_REALTIME) from which on changes are told.
   explicit FinishedWrites(timespec start) : start_(start) {}
 
   void modified(const struct stat& status, pid_t process);
-  /// The modifications that this closing finishes: those of the process that closed, else those of
-  /// processes that are gone, which left their open file to it, else its own, if the file has been
-  /// modified since it was heard of last. Empty when there are none.
+  /// Returns whose modifications this closing finishes: those of the process that closed; if there
+  /// are none, those of processes that are gone, which left their open file to it; if there are
+  /// none, its own, if the file has been modified since it was last heard of. Empty when there are
+  /// none at all.
   std::vector<pid_t> closed(const struct stat& status, pid_t process);
-  /// What the time of modification says now has been told, or was set on purpose.
+  /// Says that the present time of modification has been told, or was set on purpose.
   void isKnown(const struct stat& status);
 
   void clear();

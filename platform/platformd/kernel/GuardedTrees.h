@@ -19,56 +19,56 @@
 
 namespace qx::kernel {
 
-/// The directory trees whose placeholders are guarded: which they are, the marks in both groups,
-/// and where in them a file lies.
+/// The directory trees whose placeholders are guarded, their marks in both groups, and where in
+/// them a file lies.
 ///
-/// Every directory has a mark that covers the files in it, and every placeholder one of its own,
+/// Every directory has a mark that covers the files in it. Every placeholder has one of its own,
 /// which follows it wherever it is moved and covers every hard link to it. A tree that was added
-/// once stays until a look finds no placeholder in it and no doc source claims it; what holds
-/// placeholders and was moved out is guarded by itself. All of that is on the list (GuardList), so
-/// that the next start guards it before anybody can read.
+/// once stays until a look finds no placeholder in it and no doc source claims it. What was moved
+/// out and holds placeholders is guarded by itself. All of that is on the list (GuardList), so that
+/// the next start guards it before anybody can read.
 ///
 /// A tree, and everything in it that is touched, belongs to the tree's owner: directories and files
-/// of others in it are passed over. Nothing is kept of single files or directories, nor any
-/// descriptor, which would keep a file system from being unmounted. Any thread; blocks on the file
-/// system.
+/// of others in it are passed over. Nothing is kept of single files or directories, and no
+/// descriptor, which would prevent a file system from being unmounted. Any thread may use it; it
+/// blocks on the file system.
 class GuardedTrees {
  public:
-  /// The groups must outlive this. `best` is what accesses are marked for where the file system has
-  /// it: preAccess or openPermission.
+  /// The groups must outlive this. `best` is what accesses are marked for where the file system
+  /// supports it: preAccess or openPermission.
   GuardedTrees(const AccessGroup& accesses, const ChangeGroup& changes, std::uint64_t best,
                GuardList list);
 
-  /// What a look at a tree came to.
+  /// The result of a look at a tree.
   struct Scan {
     std::size_t directories = 0;
     std::size_t placeholders = 0;
-    /// What the marks are for; 0 when there is nothing to mark, `errnum` telling why.
+    /// What the marks are for; 0 when there is nothing to mark, and `errnum` then tells why.
     std::uint64_t mask = 0;
     int errnum = 0;
-    /// The files that are content, where they were asked for.
+    /// The files that are content, when they were asked for.
     std::vector<std::string> contents;
   };
 
-  /// Marks everything that is on the list. What is found to hold no placeholder is forgotten, but
-  /// for what is claimed meanwhile.
+  /// Marks everything that is on the list. What holds no placeholder is forgotten, unless it is
+  /// claimed meanwhile.
   Scan guardAll();
-  /// A doc source claims the tree: remembers it, then marks it, each directory before it is looked
-  /// through, so that what comes into it afterwards is told. Placeholders that were concealed are
-  /// revealed. `path` is without links. EACCES, and nothing is remembered, for a directory that is
-  /// not the owner's, and for one that is away and was another's.
+  /// A doc source claims the tree. Remembers it, and then marks it, each directory before it is
+  /// looked through, so that what comes into it afterwards is reported. Reveals placeholders that
+  /// were concealed. `path` is without links. Gives EACCES, and remembers nothing, for a directory
+  /// that is not the owner's, and for one that is away and was another's.
   Scan claim(uid_t owner, const std::string& path);
-  /// No doc source of the owner claims it any more, as often as it was claimed. It is forgotten at
-  /// once when it holds no placeholder, and when it is away and there is no room to remember it.
-  /// Whether it was forgotten.
+  /// Takes one claim of the owner's back. A tree without a claim is forgotten at once when it holds
+  /// no placeholder, or when it is away and there is no room to remember it. Returns whether it was
+  /// forgotten.
   bool release(uid_t owner, const std::string& path);
-  /// Looks whether another directory is at the path now, and marks it. Absent when there is not.
+  /// Looks whether another directory is at the path now, and marks it. Absent when there is none.
   std::optional<Scan> lookAgain(const std::string& path);
-  /// Marks what is there once more, as events were lost.
+  /// Marks again what is there, because events were lost.
   void markAgain(const std::string& path);
-  /// Marks a directory that came into a tree, and that alone: quickly.
+  /// Quickly marks a directory that came into a tree, and only that.
   void watch(int directory, uid_t owner);
-  /// Marks a directory that came into a tree, and all below.
+  /// Marks a directory that came into a tree, and everything below it.
   Scan look(int directory, uid_t owner, bool wantsContents);
 
   std::vector<std::string> paths() const;
@@ -79,11 +79,12 @@ class GuardedTrees {
     std::string tree;
     uid_t owner = 0;
   };
-  /// Of an open file, however it was opened; absent when none of the paths that are quickly found
-  /// lies in a tree. Every other name of it is found by search(), which looks through all trees.
+  /// Returns the place of an open file, however it was opened; absent when none of the paths that
+  /// are found quickly lies in a tree. search(), which looks through all trees, finds every other
+  /// name of it.
   std::optional<Place> locate(int file, const struct stat& status) const;
   std::optional<Place> search(const struct stat& status) const;
-  /// The innermost tree that holds the path.
+  /// Returns the innermost tree that holds the path.
   std::optional<Place> placeOf(const std::string& path) const;
 
   /// A directory that an event names.
@@ -94,26 +95,27 @@ class GuardedTrees {
     /// Empty when it lies in none.
     std::optional<Place> place;
   };
-  /// Absent when it is not there any more.
+  /// Absent when the directory does not exist any more.
   std::optional<Directory> directory(const FileHandle& handle) const;
 
-  /// Looks at a file of that owner that may have become a placeholder: one that is has its accesses
-  /// told from now on, whatever was allowed before, and then the permissions that it had, if it was
-  /// concealed. It is not opened before its provider has closed
-  /// it, who may want it for himself (fcntl(2), F_SETLEASE). Returns whether it is one.
+  /// Looks at a file of that owner that may have become a placeholder. If it is one, its accesses
+  /// are reported from now on, whatever was allowed before; only then does it get back the
+  /// permissions that it had, if it was concealed. It is not opened before its provider has closed
+  /// it, because the provider may want a lease on it (fcntl(2), F_SETLEASE). Returns whether it is
+  /// one.
   bool examine(int file, const struct stat& status, uid_t owner, bool isClosed) const;
-  /// No more events for the file until its content changes. False when it is, or has just become, a
-  /// placeholder: a leave that was given before is withdrawn.
+  /// Has no more events reported for the file until its content changes. Returns false, and takes
+  /// that back, when it is, or has just become, a placeholder.
   bool settle(int file) const;
-  /// Whether openings are all that is told of the files of that device.
+  /// Returns whether only openings are reported of the files of that device.
   bool tellsOfOpeningsOnly(dev_t device) const;
 
-  /// Something left a tree, or lost its name there: guards it by itself if it is a placeholder, or
+  /// Something left a tree, or lost its name there. Guards it by itself if it is a placeholder, or
   /// a directory that holds some. May wait for the disk.
   void wasMoved(const FileHandle& what);
 
-  /// Makes all guarded placeholders unreadable, whether marks have come to them or not, and for
-  /// good: nothing makes any readable any more. Returns how many.
+  /// Makes all guarded placeholders unreadable, whether they have marks yet or not, and for good:
+  /// nothing makes any of them readable again. Returns how many.
   std::size_t conceal();
 
  private:
@@ -127,12 +129,13 @@ class GuardedTrees {
 
   std::uint64_t markDirectory(int directory, dev_t device, int& errnum);
   Scan mark(int root, const std::string& path, uid_t owner, bool wantsContents);
-  /// Visits the regular files of the owner; false from `enter` leaves a directory out.
+  /// Visits the regular files of the owner; a directory for which `enter` returns false is left
+  /// out.
   static void walk(int root, const std::string& path, uid_t owner,
                    const std::function<bool(int directory, const struct stat& status,
                                             const std::string& path)>& enter,
                    const Visit& visit);
-  /// The directory at a path, if it is the owner's; empty, with errno set, otherwise.
+  /// Opens the directory at a path, if it is the owner's; empty, with errno set, otherwise.
   static FileDescriptor openRoot(const std::string& path, uid_t owner);
   static std::size_t countPlaceholders(int root, const std::string& path, uid_t owner);
   /// Marks what is at the tree's path, and remembers which directory that is.
@@ -149,7 +152,7 @@ class GuardedTrees {
   std::atomic<bool> isConcealing_{false};
 
   mutable std::mutex mutex_;
-  // Under the mutex.
+  // Guarded by the mutex.
   std::map<std::string, Tree, std::less<>> trees_;  // by their paths
   std::map<dev_t, std::uint64_t> masks_;            // what is marked on each device
 

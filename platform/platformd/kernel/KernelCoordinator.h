@@ -22,28 +22,29 @@
 
 namespace qx::kernel {
 
-/// Coordinates programs that never heard of it: has the files that they get at provided first, and
-/// tells of the files that they have written. The worker's part; the groups are the holder's.
+/// Coordinates programs that know nothing of it: has the files that they access provided first, and
+/// tells of the files that they have written. This is the worker's part; the groups are the
+/// holder's.
 ///
 /// It owns the parts and runs them: which trees are guarded (GuardedTrees), who claims them
-/// (Claims), who waits (Readers), what happened (Changes). Held by shared pointers only. Readers,
-/// Changes and Claims live on one serial queue; looking through directories, which may take long,
-/// is done on a queue for each user, so that nobody waits for another's.
+/// (Claims), who waits (Readers), and what happened (Changes). Readers, Changes and Claims live on
+/// one serial queue. Directories, which may take long, are looked through on a queue for each user,
+/// so that nobody waits for another's. Held only by shared pointers.
 class KernelCoordinator final : public DocSourceObserver,
                                 public std::enable_shared_from_this<KernelCoordinator> {
  public:
-  /// `mask` is what accesses are marked for where the file system has it: preAccess or
+  /// `mask` is what accesses are marked for where the file system supports it: preAccess or
   /// openPermission.
   KernelCoordinator(std::shared_ptr<DocSourceRegistry> registry, EventChannel holder,
                     AccessGroup accesses, ChangeGroup changes, std::uint64_t mask, GuardList list);
 
-  /// Takes events, and begins to guard what is on the list; when all of it is guarded the holder is
-  /// told that the service is ready. `onStop` is called, on the queue, when the holder asks for the
-  /// end or is gone.
+  /// Takes events, and begins to guard what is on the list. When all of it is guarded, the holder
+  /// is told that the service is ready. `onStop` is called, on the queue, when the holder asks for
+  /// the end or is gone.
   void start(std::function<void()> onStop);
 
-  /// The last that is to be done: sees to it that nobody reads zeros when the groups close, unless
-  /// they stay open elsewhere.
+  /// Makes sure that nobody reads zeros when the groups close, unless they stay open elsewhere.
+  /// This is the last call.
   void stop();
 
   // DocSourceObserver
@@ -55,11 +56,11 @@ class KernelCoordinator final : public DocSourceObserver,
 
   void onQueue(WorkQueue::Task task);
   void slowly(uid_t user, WorkQueue::Task task);
-  // On the queue.
+  // Called on the queue.
   void receive();
   void drain(bool all);
   void drainSome() { drain(false); }
-  // On the queue of the user.
+  // Called on the user's queue.
   void claim(const DocSource& source, const std::function<void()>& onWatched);
   void release(uid_t owner, const std::string& path);
   void lookAgain(const std::string& path);
@@ -76,7 +77,7 @@ class KernelCoordinator final : public DocSourceObserver,
   std::mutex mutex_;
   std::map<uid_t, std::shared_ptr<WorkQueue>> slowQueues_;  // under the mutex
 
-  // On the queue.
+  // Used on the queue.
   std::function<void()> onStop_;
   bool isWithoutHolder_ = false;
   bool groupsStay_ = false;

@@ -14,30 +14,31 @@
 
 namespace qx::kernel {
 
-/// Whose processes are whose. Nobody works for a doc source but processes of its owner (effective
-/// user) outside of sandboxes, that is, in the service's own user namespace. One thread at a time.
+/// Which processes work for which doc source. Only processes of its owner (effective user) outside
+/// of sandboxes do, that is, in the service's own user namespace. Used by one thread at a time.
 class ProcessLineage {
  public:
-  /// Whether the process works for the doc source: it is the daemon that added the source, or a
-  /// descendant of it that, or an ancestor of which on the way there, was started as the extension
-  /// of that identifier (QX_EXTENSION_IDENTIFIER in its environment, proc_pid_environ(5)). For an
-  /// orphan the leader of its process group stands in for the parent that it lost.
+  /// Returns whether the process works for the doc source. It does if it is the daemon that added
+  /// the source, or a descendant of that daemon, and it or an ancestor on the way there was started
+  /// as the extension of that identifier (QX_EXTENSION_IDENTIFIER in its environment,
+  /// proc_pid_environ(5)). For an orphan the leader of its process group stands in for the parent
+  /// that it lost.
   ///
-  /// When the daemon is gone, whatever was started as the extension still works for it. A process
-  /// that is gone is what it was found to be when it was last asked for.
+  /// When the daemon is gone, whatever was started as the extension still works for it. For a
+  /// process that is gone, the answer is the last one that was given.
   bool belongsTo(pid_t process, uid_t owner, const std::string& docSource,
                  const AuditToken& daemon);
 
-  /// Whether belongsTo() has found it to work for the doc source lately, and it is still that very
-  /// process, the owner's and in no sandbox. Costs a small part of what belongsTo() does, which
-  /// goes through all ancestors.
+  /// Returns whether belongsTo() has lately found that it works for the doc source, and it is still
+  /// that very process, the owner's and in no sandbox. This costs a small part of belongsTo(),
+  /// which goes through all ancestors.
   bool isKnownToBelongTo(pid_t process, uid_t owner, const std::string& docSource,
                          const AuditToken& daemon) const;
 
-  /// Whether the owner started it as some extension.
+  /// Returns whether the owner started it as an extension of any identifier.
   bool isSomeExtension(pid_t process, uid_t owner);
 
-  /// The name under which a doc source hears of it: its bundle identifier, or "pid:" and its number
+  /// The name by which a doc source hears of it: its bundle identifier; or "pid:" and its number
   /// where it has none, or where the service serves the machine, which knows nobody's bundles.
   static std::string identifierOf(pid_t process);
 
@@ -45,8 +46,8 @@ class ProcessLineage {
   using Question = std::tuple<pid_t, uid_t, std::string>;
   bool remember(const Question& question, std::optional<bool> answer);
 
-  /// A process that works for a doc source of this daemon. It cannot become another one's by what
-  /// its ancestors do.
+  /// A process that works for a doc source of this daemon. Nothing that its ancestors do makes it
+  /// work for another.
   struct Worker {
     Question question;
     AuditToken daemon;

@@ -16,7 +16,7 @@
 
 namespace qx::kernel {
 
-/// How a program gets on with placeholders.
+/// The care that a program needs with placeholders.
 enum class ProgramKind {
   ordinary,
   wholeFile,     // looks for the holes of a file before it reads: waits when it opens one
@@ -24,12 +24,12 @@ enum class ProgramKind {
 };
 
 /// The lines of a programs.conf: "whole-file NAME" or "never-provide NAME", NAME being the file
-/// name of an executable; empty lines and what follows a '#' are passed over.
+/// name of an executable. Empty lines and what follows a '#' are skipped.
 class ProgramList {
  public:
-  /// What the package brings along, where there is no file.
+  /// The list that comes with the package, used where there is no file.
   static const ProgramList& standard();
-  /// `problem` is called for each line that says nothing, with its number.
+  /// `problem` is called for each line that cannot be read, with its number.
   static ProgramList parse(std::string_view text, const std::function<void(std::size_t)>& problem);
 
   ProgramKind kindOf(const std::string& name) const;
@@ -39,11 +39,12 @@ class ProgramList {
 };
 
 /// The lists in force: the machine's, /etc/docsource/programs.conf ("etc" of DOCSOURCE_MACHINE
-/// where that is set), and beside it that of the user whose process it is: docsource/programs.conf
-/// in $XDG_CONFIG_HOME of the user whom the service serves, in ~/.config of any user of a machine.
-/// A user's own line goes before the machine's. Files are read again when they change; a user's is
-/// opened without a link behind the home directory, and is the user's own or does not count. Any
-/// thread; a question never waits for a file.
+/// where that is set), and that of the user whose process it is. A user's list is
+/// docsource/programs.conf in $XDG_CONFIG_HOME of the user whom the service serves; for any user of
+/// a machine's service it is in ~/.config. A user's own line goes before the machine's. Files are
+/// read again when they change. A user's file is opened without following a link below the home
+/// directory, and does not count unless it is the user's own. Any thread may ask; a question never
+/// waits for a file.
 class Programs : public std::enable_shared_from_this<Programs> {
  public:
   static std::shared_ptr<Programs> start();

@@ -56,28 +56,28 @@ class Readers {
     pid_t process = 0;
     std::uint64_t mask = 0;
     pid_t thread = 0;
-    /// The bytes that it wants to get at; absent where it needs the whole file.
+    /// The bytes to which it wants access; absent when it needs the whole file.
     std::optional<ByteRange> range;
     bool isReader = false;  // and gets at these bytes alone
     bool isTold = false;    // that it waits for them
   };
 
-  /// What is handed over must outlive this, but for the registry. Answers go to the holder, and to
-  /// the kernel when it has ended. `drain` takes the changes that the kernel has told of so far;
-  /// `slowly` runs what takes long, elsewhere, one thing of a
-  /// user after the other, and keeps all of this alive meanwhile.
+  /// What is handed over must outlive this, except for the registry. Answers go to the holder, and
+  /// to the kernel when the holder has ended. `drain` takes the changes that the kernel has
+  /// reported so far. `slowly` runs what takes long elsewhere, one thing of a user after the other,
+  /// and keeps all of this alive meanwhile.
   Readers(std::shared_ptr<DocSourceRegistry> registry, const EventChannel& holder,
           const AccessGroup& group, GuardedTrees& trees, Claims& claims, Programs& programs,
           std::function<void()> drain, OnQueue onQueue, Slowly slowly);
 
   void decide(const Access& access, FileDescriptor file);
-  /// Asks for the files that nobody could be asked for; when a doc source has come.
+  /// Asks again for the files for which nobody could be asked; called when a doc source has come.
   void askAgain();
   /// A placeholder has come to a place in a tree.
   void arrived(const FileIdentity& identity);
   /// A placeholder that is waited for may have more of its content than before.
   void progressed(const FileIdentity& identity);
-  /// Doc sources went, and with them what they were asked: who waits, waits for the next.
+  /// Doc sources went, and what they were asked is lost: programs that wait now wait for the next.
   void lookWhoIsAway();
 
  private:
@@ -109,7 +109,7 @@ class Readers {
                 const std::optional<Error>& error);
   void finish(const FileIdentity& identity, int errnum);
   void letGo(const Access& access, int errnum);
-  /// Lets those go for whom the file is as it is; whether anybody waits still.
+  /// Lets those programs go for which the file is good as it is. Returns whether any still waits.
   bool isStillAwaited(Document& document);
   void processEnded(pid_t process);
 

@@ -12,8 +12,8 @@
 
 namespace qx::kernel {
 
-/// The processes that wait, each watched for its end as long as it does (pidfd_open(2)), however
-/// many of its threads wait. One thread at a time.
+/// The processes that wait. Each is watched for its end as long as it waits (pidfd_open(2)),
+/// however many of its threads do. Used by one thread at a time.
 class WaitingProcesses {
  public:
   /// `onEnd` is called with its number, on a thread of the reactor, when a process has ended.
@@ -22,14 +22,14 @@ class WaitingProcesses {
   WaitingProcesses& operator=(const WaitingProcesses&) = delete;
   ~WaitingProcesses();
 
-  /// The user whose process it is (the real one, whom a set-user-ID program does not change). The
-  /// number of nobody (-1) when it is gone.
+  /// Returns the user of the process: the real one, whom a set-user-ID program does not change. It
+  /// is the number of nobody (-1) when the process is gone.
   uid_t userOf(pid_t process) const;
 
-  /// One more access of it waits, or one less.
+  /// Counts one more waiting access of the process, or one less.
   void begin(pid_t process, uid_t user);
   void end(pid_t process);
-  /// Whether the one that waits under that number has ended.
+  /// Returns whether the process that waits under that number has ended.
   bool hasEnded(pid_t process) const;
 
  private:
