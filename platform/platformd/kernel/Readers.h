@@ -25,23 +25,23 @@
 
 namespace qx::kernel {
 
-/// Programs that wait to get at files: decides about each access, has placeholders provided, and
+/// Programs that wait to access files: decides about each access, has placeholders provided, and
 /// answers.
 ///
-/// | The file | The program | Then |
+/// | The file | The program | What happens |
 /// | --- | --- | --- |
-/// | is content | any | goes on, and is not heard of again before the file changes |
-/// | is a placeholder | works for its doc source | goes on |
-/// | | never has content brought in (Programs) | EPERM when it touches content |
-/// | | opens it, where accesses are told too | goes on, unless it needs the whole file at once |
-/// | | reads bytes that are there already (Placeholder::partsThere, ReadCall) | goes on, and is
-/// asked at its next read | | | anything else | waits, at the cost of its user |
+/// | is content | any | It goes on, and is not asked about again until the file changes. |
+/// | is a placeholder | works for its doc source | It goes on. |
+/// | | never has content brought in (Programs) | It gets EPERM when it accesses content. |
+/// | | opens it, where accesses are reported too | It goes on, unless it needs the whole file. |
+/// | | reads bytes that are there (partsThere, ReadCall) | It goes on until its next read. |
+/// | | anything else | It waits, and its user is charged. |
 ///
 /// The registry is asked once for each file, however many wait; all get its answer. When nobody can
 /// be asked, because there is no doc source, or it was lost while it provided, a file waits for one
-/// to come, up to `patience`, and then gets EAGAIN. Of each file one descriptor is kept. While a
-/// file is being provided, its doc source is told which bytes are waited for, and who waits for
-/// them goes on when they are there; programs that need the whole file at once (Programs) never do.
+/// to come, up to `patience`, and then its programs get EAGAIN. One descriptor is kept of each
+/// file. While a file is being provided, its doc source is told which bytes are waited for. A
+/// program goes on when its bytes are there, unless it needs the whole file at once (Programs).
 ///
 /// Everything runs on the coordinator's queue; callbacks come back to it through `onQueue`.
 class Readers {
