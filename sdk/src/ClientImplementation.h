@@ -19,16 +19,16 @@
 
 namespace docsource {
 
-/// Takes the result of one call. Called on any thread, perhaps more than once: whoever begins a
-/// call wraps it by qx::once.
+/// Takes the result of one call. It is called on any thread, perhaps more than once, so whoever
+/// begins a call wraps it by qx::once.
 template <class T>
 using Sink = std::function<void(Result<T>)>;
 /// Begins a call whose result goes to the sink.
 template <class T>
 using Start = std::function<void(Sink<T>)>;
 
-/// The connection to one service, made when it is first needed and anew when it has ended. Any
-/// thread.
+/// The connection to one service. It is made when it is first needed, and anew when it has ended.
+/// Any thread may use it.
 class ServiceConnection {
  public:
   ServiceConnection(std::string name, std::shared_ptr<const QXConduitInterface> interface)
@@ -49,7 +49,7 @@ class Service {
   Service(std::string name, std::shared_ptr<const QXConduitInterface> interface)
       : connection_(std::move(name), std::move(interface)) {}
 
-  /// Hands a proxy to `send`, or the error to the sink; what fails later goes to the sink as well.
+  /// Hands a proxy to `send`, or the error to the sink, which also gets later failures.
   template <class T, class Send>
   void call(const Sink<T>& sink, Send send) {
     auto connection = connection_.get();
@@ -66,7 +66,7 @@ class Service {
   ServiceConnection connection_;
 };
 
-/// The calls of a client, each to be begun by whoever waits for it or wants to be called back.
+/// The calls of a client, which either wait for their answer or call back.
 class Client::Implementation {
  public:
   explicit Implementation(std::chrono::milliseconds usualTimeout) : timeout_(usualTimeout) {}
@@ -76,7 +76,7 @@ class Client::Implementation {
   Start<void> wakeUp();
   Start<SandboxExtension> extendSandbox(const std::string& url, const std::string& provider,
                                         const std::string& consumer);
-  /// The three item requests differ in nothing but their operation.
+  /// The three item requests differ only in their operation.
   using ItemOperation = void (DSDaemon::*)(const std::optional<qx::URL>&,
                                            const std::optional<std::string>&,
                                            const std::optional<std::string>&,

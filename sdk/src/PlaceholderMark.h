@@ -9,8 +9,8 @@
 #include "platform/base/ByteRanges.h"
 
 /// The mark of placeholders: what it says, and of which inode (docsource/placeholder.h has its
-/// form). Files are named by descriptors, of any kind, O_PATH among them. Any thread. What can fail
-/// sets errno.
+/// form). Files are named by descriptors of any kind, O_PATH among them. Any thread may call these
+/// functions. They set errno when they fail.
 namespace docsource::mark {
 
 inline constexpr const char* attribute = "user.docsource.placeholder";
@@ -19,12 +19,12 @@ struct Mark {
   PlaceholderState state = PlaceholderState::present;
   /// The permissions of the document, where they are not the file's own.
   std::optional<mode_t> mode;
-  /// What is there of the content, as far as whoever fills the file tells.
+  /// The content that is there, as far as whoever fills the file tells.
   std::optional<qx::ByteRanges> parts;
-  /// A file without permissions, whose mark its owner cannot read either.
+  /// Whether the file has no permissions, so that its owner cannot read its mark either.
   bool isHidden = false;
 };
-/// A file that has none, or one that was made for another inode, is present.
+/// Reads the mark. A file without one, or with one that was made for another inode, is present.
 Mark read(int file);
 
 /// Sets "placeholder", or "providing" by this process, for this inode. Durable after fsync(2).
@@ -32,10 +32,10 @@ bool setPlaceholder(int file, std::optional<mode_t> mode,
                     const std::optional<qx::ByteRanges>& parts = std::nullopt);
 bool setProviding(int file, std::optional<mode_t> mode,
                   const std::optional<qx::ByteRanges>& parts = std::nullopt);
-/// Clearing one that is not there succeeds.
+/// Removes the mark. It succeeds when there is none.
 bool clear(int file);
 
-/// All other attributes that users give files ("user."), as far as they can be read.
+/// Copies all other attributes that users give files ("user."), as far as they can be read.
 void copyOtherAttributes(int from, int to);
 
 /// The name under which this process reaches the file that the descriptor stands for (proc(5)).

@@ -9,26 +9,26 @@
 namespace docsource {
 
 /// A new file on its way to the place of another. It has no name while it is made, so that nothing
-/// is left of it when it is given up. The two then change places (renameat2(2), RENAME_EXCHANGE),
-/// and the old one is looked at before it goes: whatever a program put there in the meantime is
-/// given its place back. One thread at a time.
+/// is left of it when it is given up. Then the two change places (renameat2(2), RENAME_EXCHANGE),
+/// and the old one is looked at before it goes: whatever a program put there in the meantime gets
+/// its place back. Used by one thread at a time.
 class Replacement {
  public:
-  /// In the directory in which `old` has its name at this moment.
+  /// Makes the file in the directory in which `old` has its name at this moment.
   static Result<Replacement> beginFor(int old);
   Replacement(Replacement&&) noexcept = default;
-  /// A file that is still beside the other one goes.
+  /// Removes a file that is still beside the other one.
   ~Replacement();
 
   int file() const { return file_.get(); }
 
-  /// The new file, which is complete and durable, stands at the path, the old one beside it under a
-  /// hidden name. An error over ESTALE when another file was found at the path, which is there
-  /// again.
+  /// Puts the new file, which is complete and durable, at the path; the old one stands beside it
+  /// under a hidden name. An error over ESTALE says that another file was found at the path; it is
+  /// there again.
   Result<void> exchange();
-  /// The old one has its place again.
+  /// Gives the old one its place back.
   Result<void> undo();
-  /// The old one goes.
+  /// Removes the old one.
   Result<void> settle();
 
  private:

@@ -10,7 +10,7 @@
 #include "platform/queue/WorkQueue.h"
 
 /// What is done to the content of files that are placeholders or become documents. The functions
-/// set errno when they fail. Any thread, one at a time for each file.
+/// set errno when they fail. Any thread may call them, one at a time for each file.
 namespace docsource::sparse {
 
 Placeholder::Time timeOf(const timespec& time);
@@ -18,14 +18,15 @@ Placeholder::Time timeOf(const timespec& time);
 bool setTimes(int file, const Placeholder::Shape& shape);
 bool setSize(int file, std::uint64_t size);
 
-/// All of it.
+/// Writes all of it.
 bool writeAt(int file, off_t offset, std::string_view bytes);
 
-/// The size and times of the shape, and no blocks, or none but the first, which holds zeros. The
-/// file is never smaller than both sizes meanwhile.
+/// Gives the file the size and times of the shape and no blocks, or only the first, which holds
+/// zeros. Meanwhile the file is never smaller than the smaller of both sizes.
 bool makeSparse(int file, const Placeholder::Shape& shape, bool hasFirstBlock);
 
-/// The whole of `source` from its beginning to the beginning of `file`: how much that was, or -1.
+/// Copies the whole of `source` from its beginning to the beginning of `file`. Returns how much
+/// that was, or -1.
 off_t copy(int source, int file);
 
 }  // namespace docsource::sparse

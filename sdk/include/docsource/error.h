@@ -10,8 +10,8 @@
 #include <variant>
 
 /// Errors and results, as consumers (docsource/client.h) and providers (docsource/provider.h) see
-/// them. Errors are values; nothing in this library throws on its own account (running out of
-/// memory aside). Everything here may be used from any thread; one object by one thread at a time.
+/// them. Errors are values; this library throws nothing (unless memory runs out). Any thread may
+/// use everything here; an object is used by one thread at a time.
 
 #ifndef DOCSOURCE_API
 #define DOCSOURCE_API __attribute__((visibility("default")))
@@ -19,17 +19,16 @@
 
 namespace docsource {
 
-/// The domains an error can be of. The codes of each are fixed by the daemon and the platform.
+/// The domains of errors. The daemon and the platform decide the codes of each.
 ///
 /// DSErrorDomain, the daemon's own answers: 1 item not found (info "identifier"), 2 not found
 /// ("URL"), 3 not permitted, 4 invalid parameter ("parameter", "value"), 5 invalid bookmarkable
-/// string, 6 client lacks entitlement ("entitlement"), 7 provider's proxy not found
-/// ("identifier"), 8 provider failed (underlying error: what it said), 9 sandbox extension failed
-/// ("URL").
+/// string, 6 client lacks entitlement ("entitlement"), 7 provider's proxy not found ("identifier"),
+/// 8 provider failed (underlying error: what it said), 9 sandbox extension failed ("URL").
 inline constexpr std::string_view daemonErrorDomain = "DSErrorDomain";
-/// QXConduitErrorDomain: 1 no such operation, 2 arguments do not match, 3 reply does not match,
-/// 4 connection lost while the call was in flight (it may or may not have been carried out),
-/// 5 too large for one message.
+/// QXConduitErrorDomain: 1 no such operation, 2 arguments do not match, 3 reply does not match, 4
+/// connection lost during the call (it may or may not have been carried out), 5 too large for one
+/// message.
 inline constexpr std::string_view conduitErrorDomain = "QXConduitErrorDomain";
 /// QXExtensionErrorDomain: 1 extension not installed, 2 could not be launched.
 inline constexpr std::string_view extensionErrorDomain = "QXExtensionErrorDomain";
@@ -41,21 +40,21 @@ inline constexpr std::string_view posixErrorDomain = "QXPOSIXErrorDomain";
 inline constexpr std::string_view libraryErrorDomain = "DocSourceLibraryErrorDomain";
 
 enum class LibraryError : std::int64_t {
-  /// No answer within the call's timeout. The service may still carry the call out.
+  /// No answer came within the call's timeout. The service may still carry the call out.
   timedOut = 1,
-  /// The service cannot be reached (nobody listens); the call was not made. The underlying error is
-  /// that of connect(2), in QXPOSIXErrorDomain. The next call tries anew.
+  /// The service cannot be reached because nobody listens; the call was not made. The underlying
+  /// error is that of connect(2), in QXPOSIXErrorDomain. The next call tries anew.
   serviceUnavailable = 2,
   /// The service answered with neither a value nor an error where a value was due.
   emptyAnswer = 3,
-  /// Text that should be a file URL of this machine with an absolute path is none (info "URL").
+  /// Text that should be a file URL of this machine with an absolute path is not one (info "URL").
   notAFileURL = 4,
 };
 
 class DOCSOURCE_API Error {
  public:
   /// Further facts by name, as text: "URL", "QXURLErrorKey", "identifier", "entitlement",
-  /// "parameter", "value". What is absent is left out; the description is not among them.
+  /// "parameter", "value". Absent facts are left out, and so is the description.
   using Info = std::map<std::string, std::string, std::less<>>;
 
   Error(std::string domain, std::int64_t code, std::string description, Info info = {},
@@ -63,10 +62,11 @@ class DOCSOURCE_API Error {
   Error(LibraryError code, std::string description, Info info = {},
         std::optional<Error> underlying = std::nullopt);
 
-  /// From an errno; `what` says what was tried, the description adds the errno's own text.
+  /// Makes an error of an errno. `what` says what was tried; the description adds the errno's own
+  /// text.
   static Error posix(int errnum, std::string_view what);
-  /// QXStandardErrorDomain 260 for ENOENT, else 256 with the POSIX error underneath; the file's URL
-  /// in the info.
+  /// Makes QXStandardErrorDomain 260 for ENOENT, otherwise 256 with the POSIX error underneath; the
+  /// info has the file's URL.
   static Error file(int errnum, const std::string& path);
   /// DSErrorDomain 1: there is no item of that identifier.
   static Error noSuchItem(const std::string& identifier);
@@ -87,7 +87,7 @@ class DOCSOURCE_API Error {
   bool is(LibraryError code) const {
     return is(libraryErrorDomain, static_cast<std::int64_t>(code));
   }
-  /// The service could not be reached, or went away while the call was in flight.
+  /// Returns whether the service could not be reached, or went away during the call.
   bool isConnectionFailure() const {
     return is(LibraryError::serviceUnavailable) || is(conduitErrorDomain, 4);
   }
@@ -103,7 +103,7 @@ class DOCSOURCE_API Error {
   std::shared_ptr<const Error> underlying_;
 };
 
-/// Either a value or the error that stood in its way.
+/// Either a value or the error that prevented it.
 template <class T>
 class [[nodiscard]] Result {
  public:
@@ -113,7 +113,7 @@ class [[nodiscard]] Result {
   bool ok() const { return content_.index() == 0; }
   explicit operator bool() const { return ok(); }
 
-  /// Only when ok().
+  /// Call this only when ok().
   T& value() & { return *std::get_if<0>(&content_); }
   const T& value() const& { return *std::get_if<0>(&content_); }
   T&& value() && { return std::move(*std::get_if<0>(&content_)); }
@@ -123,7 +123,7 @@ class [[nodiscard]] Result {
   T* operator->() { return std::get_if<0>(&content_); }
   const T* operator->() const { return std::get_if<0>(&content_); }
 
-  /// Only when not ok().
+  /// Call this only when not ok().
   const Error& error() const { return *std::get_if<1>(&content_); }
 
  private:
@@ -139,7 +139,7 @@ class [[nodiscard]] Result<void> {
 
   bool ok() const { return !error_; }
   explicit operator bool() const { return ok(); }
-  /// Only when not ok().
+  /// Call this only when not ok().
   const Error& error() const { return *error_; }
 
  private:

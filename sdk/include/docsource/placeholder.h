@@ -47,59 +47,62 @@ enum class PlaceholderState { present, placeholder, providing };
 
 struct PlaceholderStatus {
   PlaceholderState state = PlaceholderState::present;
-  /// In bytes, as stat(2) tells it.
+  /// Its size in bytes, as stat(2) reports it.
   std::uint64_t size = 0;
-  /// What it takes of the disk, in bytes (st_blocks * 512, inode(7)). File systems count blocks of
-  /// extended attributes in, so that a placeholder may occupy one.
+  /// The space that it occupies on the disk, in bytes (st_blocks * 512, inode(7)). File systems
+  /// count blocks of extended attributes, so a placeholder may occupy one.
   std::uint64_t occupied = 0;
 };
 
-/// Of the regular file that the path leads to; an error for anything else. The file is not opened,
-/// so that asking brings in no content and waits for nobody. A file that is nobody's to read, and
-/// whose mark therefore cannot be read either, counts as a placeholder. Any thread.
+/// Returns the status of the regular file to which the path leads; an error for anything else. The
+/// file is not opened, so asking brings in no content and waits for nobody. A file that nobody may
+/// read, so that its mark cannot be read either, counts as a placeholder. Any thread may call it.
 DOCSOURCE_API Result<PlaceholderStatus> placeholderStatus(const std::string& path);
 
-/// Whether somebody has the file open or mapped, apart from the open file that `file` stands for
-/// and its duplicates (fcntl(2), F_SETLEASE). Needs to be the file's owner or CAP_LEASE, and a file
-/// system with leases; an error otherwise. Any thread.
+/// Returns whether somebody has the file open or mapped, apart from the open file for which `file`
+/// stands and its duplicates (fcntl(2), F_SETLEASE). The caller must own the file or have
+/// CAP_LEASE, and the file system must have leases; otherwise it is an error. Any thread may call
+/// it.
 DOCSOURCE_API Result<bool> isFileInUse(int file);
 
 class PlaceholderWriter;
 
-/// A file, as a placeholder or as one that may become one. Does not own the descriptor, which may
-/// be open in any way; O_PATH suits best, as it asks for no permission and is in nobody's way (with
-/// another descriptor of the same process beside it nothing is evicted).
-/// Where content comes in a file of its own, the descriptor keeps to the old one. One thread at a
-/// time for each file. Errors are those of Error::file; the file system must have extended
-/// attributes, and O_TMPFILE (open(2)). The caller owns the files, or has the capabilities to do as
-/// if.
+/// A file that is a placeholder or may become one. It does not own the descriptor, which may be
+/// open in any way. O_PATH suits best, because it needs no permission and prevents no eviction;
+/// with another descriptor of the same process beside it nothing is evicted. Where content comes in
+/// a new file, the descriptor stays that of the old one.
+///
+/// One thread at a time for each file. Errors are those of Error::file. The file system must have
+/// extended attributes, and O_TMPFILE (open(2)). The caller owns the files, or has the capabilities
+/// to act as their owner.
 class DOCSOURCE_API Placeholder {
  public:
   using Time = std::chrono::sys_time<std::chrono::nanoseconds>;
 
-  /// How the names of files begin that the library leaves beside a document for a moment.
+  /// The beginning of the names of files that the library leaves beside a document for a moment.
   static constexpr std::string_view sideName = ".docsource-";
 
   /// What a placeholder shows of its document.
   struct Shape {
     std::uint64_t size = 0;
     Time modified{};
-    /// The time of the last access stays what it is when absent.
+    /// The time of the last access; when absent it stays as it is.
     std::optional<Time> accessed = std::nullopt;
-    /// The permissions of the document (chmod(2)). They stay what they are when absent; those of a
-    /// new one are 0644 then, less the umask.
+    /// The permissions of the document (chmod(2)). When absent they stay as they are; a new file
+    /// gets 0644 then, less the umask.
     std::optional<unsigned> mode = std::nullopt;
   };
-  /// The permissions are the document's, of a placeholder as well, where its mark can be read.
+  /// Returns the shape of a file. The permissions are the document's, also for a placeholder whose
+  /// mark can be read.
   static Result<Shape> shapeOf(int file);
 
-  /// Told of the file that will stand at the path, before it does and before anything is lost: a
-  /// provider that knows its documents by their inodes notes the new one now. With an error the
+  /// Called with the file that will stand at the path, before it does and before anything is lost.
+  /// A provider that knows its documents by their inodes notes the new one now. With an error the
   /// file stays what it is.
   using Announcement = std::function<Result<void>(int file)>;
 
-  /// Makes a placeholder that appears at `path` at once and whole (open(2), O_TMPFILE). Error 256
-  /// over EEXIST when there is something already, which stays untouched.
+  /// Makes a placeholder that appears at `path` at once and complete (open(2), O_TMPFILE). Gives
+  /// error 256 over EEXIST when something is there already, which stays untouched.
   static Result<void> make(const std::string& path, const Shape& shape,
                            const Announcement& announce = {});
 
@@ -107,40 +110,39 @@ class DOCSOURCE_API Placeholder {
 
   PlaceholderState state() const;
 
-  /// A placeholder of that shape from now on; what was in it is lost. Where readers are kept
-  /// waiting, its first block holds zeros: programs that copy files skip holes without reading, and
-  /// would not wait for the content. The file is never smaller than both sizes meanwhile. A file
-  /// that was empty is made one without waiting for the disk: give it its name only after
-  /// fsync(2), or one syncfs(2) for many.
+  /// Makes the file a placeholder of that shape; its content is lost. Where readers are kept
+  /// waiting, its first block holds zeros, because programs that copy files skip holes without
+  /// reading, and would not wait for the content. Meanwhile the file is never smaller than the
+  /// smaller of both sizes. An empty file becomes a placeholder without waiting for the disk: give
+  /// it its name only after fsync(2), or after one syncfs(2) for many.
   Result<void> reset(const Shape& shape, const Announcement& announce = {}) const;
 
-  /// For each placeholder at set-up: sees that it is what the present way of coordination needs,
-  /// which another one may have preceded.
+  /// Makes a placeholder fit the present way of coordination, when another one was in force before.
+  /// For each placeholder at set-up.
   Result<void> adapt(const Announcement& announce = {}) const;
 
-  /// Begins to bring the content in, all of it; nothing is left of an earlier attempt. Of a
-  /// document that is present the content is another one afterwards; where it is filled in place it
-  /// is a placeholder from now on.
-  /// With `goesOn`, what an earlier attempt has published stays, and is told by the writer's
-  /// parts(): for a provider that has remembered which version that is of. Otherwise a file with
-  /// published parts is replaced by another one, which is published as a whole: who read them sees
-  /// no other content behind them.
+  /// Begins to bring in the whole content; nothing is left of an earlier attempt. The content of a
+  /// present document is replaced; where it is filled in place the document is a placeholder from
+  /// now on. With `goesOn`, what an earlier attempt has published stays, and the writer's parts()
+  /// tells what that is: for a provider that has remembered which version that was. Otherwise a
+  /// file with published parts is replaced by another one, which is published as a whole, so that
+  /// programs that read those parts see no other content after them.
   Result<PlaceholderWriter> fill(bool goesOn = false) const;
 
   enum class Eviction {
     evicted,
     /// It has no content, or is being filled.
     notPresent,
-    /// Some program has it open or mapped, or waits to open it, or it has several names and has to
-    /// change its inode. The kernel does not tell which program.
+    /// A program has it open or mapped, or waits to open it; or it has several names and would have
+    /// to change its inode. The kernel does not tell which program.
     inUse,
-    /// It is not of the shape that was provided.
+    /// It does not have the shape that was provided.
     changed,
   };
-  /// Makes a placeholder of it again, of the shape `next` or its own, unless something speaks
-  /// against it. `provided` tells the content that the provider has: with another size or
-  /// modification time, to the nanosecond, it was changed. What a program changes without the time
-  /// changing is not seen. Who opens it meanwhile waits, and then finds a placeholder, or has kept
+  /// Makes the document a placeholder again, of the shape `next` or its own, unless something
+  /// prevents it. `provided` describes the content that the provider has: a document with another
+  /// size or modification time, to the nanosecond, was changed. A change that keeps both is not
+  /// seen. A program that opens it meanwhile waits, and then either finds a placeholder or has kept
   /// the content there. Needs what isFileInUse() needs. A program that waits to open the file makes
   /// the kernel send SIGURG, which does nothing unless it is handled.
   Result<Eviction> evict(const Shape& provided, const std::optional<Shape>& next = std::nullopt,
@@ -150,42 +152,43 @@ class DOCSOURCE_API Placeholder {
   int file_;
 };
 
-/// Fills one placeholder. Without finish() it stays or becomes one again when the writer is
-/// destroyed; what was written is given back, unless parts of it were published, which stay.
+/// Fills one placeholder. When it is destroyed without finish(), the file stays a placeholder or
+/// becomes one again. What was written is given back, except for parts that were published.
 class DOCSOURCE_API PlaceholderWriter {
  public:
   PlaceholderWriter(PlaceholderWriter&& other) noexcept;
   PlaceholderWriter& operator=(PlaceholderWriter&&) = delete;
   ~PlaceholderWriter();
 
-  /// The file that will be the document: the placeholder itself, or a new one. Belongs to the
-  /// writer; a provider that knows its documents by their inodes notes it before finish().
+  /// The file that will be the document: the placeholder itself, or a new one. It belongs to the
+  /// writer. A provider that knows its documents by their inodes notes it before finish().
   int file() const;
 
-  /// After the bytes of the last call, the first time at the beginning.
+  /// Writes after the bytes of the last call, at first at the beginning.
   Result<void> write(std::string_view bytes);
-  /// Anywhere, in any order; write() goes on behind it.
+  /// Writes anywhere, in any order; write() continues after it.
   Result<void> writeAt(std::uint64_t offset, std::string_view bytes);
 
-  /// What is there already of an earlier attempt, in order: offsets of the first byte and of the
-  /// one behind the last.
+  /// What an earlier attempt has left, in order: offsets of the first byte and of the one after the
+  /// last.
   using Parts = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
   Parts parts() const;
-  /// Lets programs go on that only read and wait for nothing else than these bytes, which were
-  /// written or were there before, while the rest is being brought in: makes them durable, and then
-  /// has the mark say that they are there. With none it says that there will be some, which has
-  /// Provider::readerWaits() called. Does nothing where content comes in a file of its own. Any
-  /// thread, while another one writes; one at a time, and not during finish().
+  /// Lets programs that only read, and wait only for these bytes, go on while the rest is being
+  /// brought in. The bytes were written, or were there before. Makes them durable, and then has the
+  /// mark say that they are there. An empty list says that there will be some; then
+  /// Provider::readerWaits() is called. Does nothing where content comes in a new file. Any thread
+  /// may call it, while another one writes; one at a time, and not during finish().
   Result<void> publish(const Parts& parts);
 
-  /// The whole of another open file, from its beginning, to the beginning of this one; write() goes
-  /// on behind it. The kernel copies where it can (copy_file_range(2)), and begins to write to disk
-  /// meanwhile.
+  /// Copies the whole of another open file, from its beginning, to the beginning of this one;
+  /// write() continues after it. The kernel copies where it can (copy_file_range(2)), and begins to
+  /// write to disk meanwhile.
   Result<void> copy(int source);
 
-  /// The content is complete: makes it durable, sets size, times and permissions, and makes it
-  /// present. The writer is then of no more use. After an error the file is a placeholder. An error
-  /// over ESTALE says that another file stands at the path by now, which was left alone.
+  /// Says that the content is complete: makes it durable, sets size, times and permissions, and
+  /// makes the document present. The writer is of no use after that. After an error the file is a
+  /// placeholder. An error over ESTALE says that another file stands at the path by now; it was
+  /// left alone.
   Result<void> finish(const Placeholder::Shape& shape);
 
  private:
