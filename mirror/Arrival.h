@@ -13,30 +13,30 @@
 
 namespace docsource::mirror {
 
-/// The order in which the parts of one document arrive, and what of them is published: what
-/// somebody waits for is fetched first, and published as soon as it is there, with everything else
-/// that is there by then. A remote stands for what it was asked for, and for no piece of that
-/// before, so it is asked for as much as comes in a moment while somebody waits; otherwise for so
-/// much that little is lost when somebody comes. Where nobody waits nothing is published.
+/// Decides the order in which the parts of one document arrive, and what of them is published. What
+/// somebody waits for is fetched first, and published as soon as it is there, together with
+/// everything else that is there by then. A remote vouches only for the whole of what it was asked
+/// for. So while somebody waits it is asked for as much as comes in a moment; otherwise for so much
+/// that little is lost when somebody comes. Where nobody waits nothing is published.
 ///
-/// One thread fetches: begin(), then next() and add() in turns, end(). Any thread may want() at any
-/// time; what is wanted outlives an end, and is published after the next begin.
+/// One thread fetches: begin(), then next() and add() in turns, end(). Any thread may call want()
+/// at any time. What is wanted outlives an end, and is published after the next begin.
 class Arrival {
  public:
-  /// Has programs go on that wait for these bytes; takes as long as the disk does. Called on a
+  /// Lets programs that wait for these bytes go on; takes as long as the disk does. Called on a
   /// thread of its own, one call at a time.
   using Publish = std::function<Result<void>(const qx::ByteRanges&)>;
 
   /// `there` is published already. With `canJump` any part can be fetched, otherwise only
   /// everything from the beginning.
   void begin(std::uint64_t size, const qx::ByteRanges& there, bool canJump, Publish publish);
-  /// What is to be fetched now; absent when everything is there.
+  /// Returns what is fetched now; absent when everything is there.
   std::optional<qx::ByteRange> next();
-  /// Whether to give up what is being fetched: somebody has come to wait.
+  /// Returns whether to stop fetching, because somebody has begun to wait.
   bool shallTurn() const;
-  /// What next() returned is there and written, and the remote has stood for it.
+  /// Says that what next() returned is there and written, and that the remote has vouched for it.
   void add(qx::ByteRange bytes);
-  /// Waits until nothing is being published. The error of what could not be.
+  /// Waits until nothing is being published. Returns the error of what could not be published.
   Result<void> end();
 
   void want(qx::ByteRange bytes);

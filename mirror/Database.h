@@ -12,8 +12,8 @@ struct sqlite3_stmt;
 
 namespace docsource::mirror {
 
-/// What the database could not do: the disk is full or broken, or the file is none of ours. Thrown,
-/// so that nothing goes on with half a decision; the engine catches it where it was entered, after
+/// A failure of the database: the disk is full or broken, or the file is not ours. It is thrown, so
+/// that nothing continues with half a decision. The engine catches it where it was entered, after
 /// the transaction was rolled back.
 struct DatabaseFailure {
   int code = 0;
@@ -22,15 +22,15 @@ struct DatabaseFailure {
 
 class Database;
 
-/// One statement being carried out: bind, then step through its rows. Goes back to the database
-/// that prepared it when it is destroyed; the same text may run twice at a time.
+/// One statement that is being carried out: bind, then step through its rows. When it is destroyed
+/// it goes back to the database that prepared it. The same text may be used twice at a time.
 class Statement {
  public:
   Statement(Statement&& other) noexcept;
   Statement& operator=(Statement&&) = delete;
   ~Statement();
 
-  /// To the next parameter, from the first one on.
+  /// Binds the next parameter, beginning with the first.
   Statement& bind(std::int64_t value);
   Statement& bind(std::string_view text);
   Statement& bindNull();
@@ -39,9 +39,9 @@ class Statement {
     return value ? bind(*value) : bindNull();
   }
 
-  /// Whether there is a (further) row.
+  /// Returns whether there is a (further) row.
   bool step();
-  /// For what returns no rows.
+  /// Runs a statement that returns no rows.
   void run();
 
   bool isNull(int column) const;
@@ -59,23 +59,23 @@ class Statement {
   int parameter_ = 0;
 };
 
-/// An SQLite database of one process, in WAL mode and with full synchronisation: what a transaction
-/// changed is on disk when it has ended. One thread at a time.
+/// An SQLite database of one process, in WAL mode and with full synchronisation: when a transaction
+/// has ended, what it changed is on disk. Used by one thread at a time.
 class Database {
  public:
-  /// Makes the file where there is none, and holds it against other processes until the end.
+  /// Makes the file where there is none, and locks it against other processes until the end.
   explicit Database(const std::string& path);
   ~Database();
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
   Statement prepare(const std::string& text);
-  /// One or more statements without parameters and rows.
+  /// Runs one or more statements without parameters and rows.
   void run(const char* text);
   std::int64_t lastInsertedRow() const;
 
-  /// Everything until its end happens together or not at all: commit() or nothing. Inner ones
-  /// belong to the outermost.
+  /// Everything until its end happens together, by commit(), or not at all. Inner ones belong to
+  /// the outermost.
   class Transaction {
    public:
     explicit Transaction(Database& database);

@@ -9,8 +9,8 @@
 #include "mirror/Items.h"
 #include "platform/base/FileDescriptor.h"
 
-/// What the mirror does to the files of its storage. Directories are handed over as descriptors,
-/// and names in them never follow a link. Functions that return false have set errno.
+/// What the mirror does to the files of its storage. Directories are passed as descriptors, and
+/// names in them are never followed through a link. Functions that return false have set errno.
 namespace docsource::mirror {
 
 /// An entry of a directory as it is at the moment.
@@ -23,54 +23,56 @@ struct LocalEntry {
   std::int64_t modified = 0;
   /// How many names the file has.
   std::uint64_t names = 1;
-  /// Of a placeholder, the document's.
+  /// The mode; for a placeholder, the document's.
   std::int64_t mode = 0;
   bool isPlaceholder = false;
-  /// A placeholder that is being filled, or was when whoever filled it ended.
+  /// Whether it is a placeholder that is being filled, or whose filling was cut off.
   bool isProviding = false;
-  /// A placeholder that somebody gave permissions where nobody guards it; `mode` has them.
+  /// Whether it is a placeholder to which somebody gave permissions where nobody guards it; `mode`
+  /// has them.
   bool isExposed = false;
-  /// Nobody's to read, so that it is not known whether it is a placeholder.
+  /// Whether nobody may read it, so that it is not known whether it is a placeholder.
   bool isHidden = false;
 };
 
-/// Of a descriptor, or of an entry; absent with errno set.
+/// Looks at a descriptor, or at an entry; absent with errno set.
 std::optional<LocalEntry> lookAtFile(int file);
 std::optional<LocalEntry> lookAt(int directory, const std::string& name);
 
-/// Where the mark of an entry cannot be read, what is known of that file decides what it is.
+/// Where the mark of an entry cannot be read, decides by what is known of that file.
 void believe(std::optional<LocalEntry>& entry, const Node& known);
 
 /// Opens a directory below another by its path ("" for itself); empty with errno set. Nothing on
 /// the way may be a link.
 qx::FileDescriptor openDirectoryBelow(int directory, const std::string& path);
 
-/// The names in a directory without "." and ".."; stops when `visit` returns false.
+/// Visits the names in a directory without "." and ".."; stops when `visit` returns false.
 bool listDirectory(int directory, const std::function<bool(const std::string& name)>& visit);
 
-/// The same of what is nobody's to read, which its owner may for that moment. Only where no program
-/// comes by: in a directory of the mirror's own.
+/// Does the same for an entry that nobody may read; its owner may for that moment. Use it only
+/// where no program comes by: in a directory of the mirror's own.
 std::optional<LocalEntry> lookAtHidden(int directory, const std::string& name);
 
-/// A document is opened without waiting for anybody who holds it.
+/// Opens a document without waiting for anybody who holds it.
 qx::FileDescriptor openFile(int directory, const std::string& name, int flags);
 
-/// Never over something.
+/// Moves an entry, never over another.
 bool moveEntry(int from, const std::string& name, int to, const std::string& newName);
 
 using Announcement = Placeholder::Announcement;
 
-/// Makes a placeholder, which appears whole, and over nothing. On disk after syncFileSystem().
+/// Makes a placeholder, which appears complete and never over another file. It is on disk after
+/// syncFileSystem().
 std::optional<LocalEntry> makePlaceholder(int directory, const std::string& name,
                                           const Placeholder::Shape& shape);
-/// Everything that was done on the file system of the directory is on disk.
+/// When this returns, everything that was done on the file system of the directory is on disk.
 bool syncFileSystem(int directory);
 
-/// Whether there is content in all of a file that may have been a placeholder: no hole, and more
-/// than the zeros that a small one has in its first block.
+/// Returns whether there is content in all of a file that may have been a placeholder: it has no
+/// hole, and more than the zeros that a small one has in its first block.
 bool holdsContent(int file, std::int64_t size);
 
-/// A placeholder gets another shape, and perhaps another inode, which is announced.
+/// Gives a placeholder another shape, and perhaps another inode, which is announced.
 bool reshape(int file, const Placeholder::Shape& shape, const Announcement& announce);
 
 enum class Giving { done, inUse, changed, failed };
@@ -79,8 +81,8 @@ enum class Giving { done, inUse, changed, failed };
 Giving giveUpContent(int file, const std::string& version, const Placeholder::Shape& next,
                      const Announcement& announce);
 
-/// Held from when nobody else has the file open (F_WRLCK) or open for writing (F_RDLCK); who wants
-/// to waits (fcntl(2), F_SETLEASE). Does not own the descriptor.
+/// Keeps others from opening the file (F_WRLCK) or opening it for writing (F_RDLCK), when nobody
+/// has done so before; those who want to wait (fcntl(2), F_SETLEASE). Does not own the descriptor.
 class Lease {
  public:
   Lease(int file, int kind);
@@ -88,7 +90,7 @@ class Lease {
   Lease(const Lease&) = delete;
   Lease& operator=(const Lease&) = delete;
 
-  /// 0, or what stood in the way: EAGAIN when somebody has it open.
+  /// Returns 0, or what prevented the lease: EAGAIN when somebody has the file open.
   int problem() const { return problem_; }
 
  private:
@@ -96,17 +98,18 @@ class Lease {
   int problem_ = 0;
 };
 
-/// Whether some program has the file open for writing; false where that cannot be asked.
+/// Returns whether some program has the file open for writing; false where that cannot be asked.
 bool isBeingWritten(int file);
-/// Whether anybody but the caller has the file open; true where that cannot be asked.
+/// Returns whether anybody but the caller has the file open; true where that cannot be asked.
 bool isOpenElsewhere(int file);
 
 Placeholder::Shape shapeOf(const Node& node);
-/// With the permissions of what is here: those that were changed here are carried afterwards.
+/// Returns the shape with the permissions of what is here; those that were changed here are carried
+/// over afterwards.
 Placeholder::Shape shapeOf(const Node& content, const Node& here);
 
-/// The name with " (`what`)" before its last extension, and a number from the second attempt on, of
-/// at most 255 bytes.
+/// Returns the name with " (`what`)" before its last extension, and with a number from the second
+/// attempt on, in at most 255 bytes.
 std::string nameBeside(const std::string& name, const std::string& what, int attempt);
 
 }  // namespace docsource::mirror

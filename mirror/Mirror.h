@@ -13,31 +13,34 @@
 
 namespace docsource {
 
-/// Of one account. Times are what the programs use; tests use others.
+/// The options of one account. The times are those that the programs use; tests use others.
 struct MirrorOptions {
   /// The document storage, absolute. Made when it is missing.
   std::string storage;
   /// A directory of the mirror's own on the same file system, beside the storage: the database and
   /// what is under way. Made when it is missing.
   std::string state;
-  /// In the names of conflict copies.
+  /// The name of this machine in the names of conflict copies.
   std::string host;
-  /// So long a document is left alone after it was changed before it is uploaded.
+  /// How long a document is left alone after a change before it is uploaded.
   std::chrono::milliseconds rest{2000};
-  /// A document that some program has open for writing rests longer.
+  /// The same for a document that some program has open for writing.
   std::chrono::milliseconds restWhileOpen{60000};
-  /// How often what is here is looked through, since nobody tells of what is written through a name
-  /// outside of the storage or through a mapping; less often with more than ten thousand items.
+  /// How often what is here is looked through, since nobody reports what is written through a name
+  /// outside of the storage or through a mapping. It is done less often with more than ten thousand
+  /// items.
   std::chrono::milliseconds lookThroughHere{100000};
-  /// How often a remote is looked through that cannot tell what changed.
+  /// How often a remote that cannot tell what changed is looked through.
   std::chrono::milliseconds lookThrough{45000};
-  /// Uploads and downloads that the mirror begins itself, at a time. Downloads that somebody waits
-  /// for come on top, each on the thread that waits.
+  /// How many uploads and downloads the mirror begins by itself at a time. Downloads for which
+  /// somebody waits come on top, each on the thread that waits.
   unsigned transfers = 4;
-  /// Small documents that are brought in because a program goes through their directory, at a time.
+  /// How many small documents are brought in at a time because a program goes through their
+  /// directory.
   unsigned transfersAhead = 12;
-  /// So many bytes of content may be here. What is more is given back, that first which was not
-  /// read for longest; never what is pinned, changed or open. Absent: nothing is given back.
+  /// How many bytes of content may be here. When there are more, content is given back, and first
+  /// what has not been read for the longest time; never what is pinned, changed or open. When
+  /// absent, nothing is given back.
   std::optional<std::uint64_t> keep;
 };
 
@@ -72,7 +75,8 @@ struct MirrorTransfer {
   std::uint64_t total = 0;
 };
 
-/// Two versions of one document. Taking the remote's: remove `copy`. Taking ours: Mirror::take.
+/// Two versions of one document. To take the remote's, remove `copy`; to take ours, call
+/// Mirror::take.
 struct MirrorConflict {
   /// Where the remote's version is.
   std::string path;
@@ -84,51 +88,51 @@ struct MirrorConflict {
 struct MirrorHealth {
   enum class State {
     ok,
-    /// Nothing is known of the remote yet: the first look is under way.
+    /// Nothing is known of the remote yet, because the first look is under way.
     starting,
     offline,
     unauthorised,
     /// Another remote is in its place; nothing is changed here or there.
     wrongRemote,
-    /// More is gone than is believed without asking: sync(true) confirms it.
+    /// More has disappeared than is believed without asking: sync(true) confirms it.
     needsConfirmation,
-    /// The mirror itself cannot work, its disk being full for example.
+    /// The mirror itself cannot work, for example because its disk is full.
     broken,
   };
   State state = State::starting;
   std::chrono::sys_seconds since;
   /// One sentence for a person, absent when ok.
   std::optional<std::string> reason;
-  /// Items that have something to be carried to the remote (changed documents, new directories,
-  /// moves, removals), and those of them that failed.
+  /// How many items have something to be carried to the remote (changed documents, new directories,
+  /// moves, removals), and how many of them failed.
   std::uint64_t waiting = 0;
   std::uint64_t failed = 0;
-  /// Items of the account.
+  /// How many items the account has.
   std::uint64_t items = 0;
-  /// What waits for a confirmation: removals to be carried out here, and there.
+  /// How many removals wait for a confirmation, to be carried out here and there.
   std::uint64_t removalsHere = 0;
   std::uint64_t removalsThere = 0;
 };
 
-/// What became different of what status(), conflicts(), transfers() and health() tell; how much of
-/// a transfer is done does not count.
+/// What has changed of what status(), conflicts(), transfers() and health() tell. The progress of a
+/// transfer does not count.
 struct MirrorChanges {
-  /// To ask for what comes after.
+  /// Pass this to ask for what comes after.
   std::uint64_t last = 0;
-  /// Items that are here; absent when everything may be different.
+  /// Items that are here; absent when everything may have changed.
   std::optional<std::vector<std::string>> paths;
 };
 
-/// The documents of one remote in one directory: shown as placeholders, brought in when they are
-/// wanted, carried back when they change, and kept in agreement both ways. Engine.h says what is
-/// promised and how it is held.
+/// The documents of one remote in one directory. They are shown as placeholders, brought in when
+/// they are wanted, carried back when they change, and kept in agreement both ways. Engine.h says
+/// what is promised and how it is kept.
 ///
-/// Paths are absolute and below the storage, links before the storage resolved or not. Errors are
-/// those of Error::file for what is not there (ENOENT) or not below the storage (EINVAL), and those
-/// of the remote (remoteErrorDomain).
+/// Paths are absolute and below the storage; links above the storage may be resolved or not. Errors
+/// are those of Error::file for what does not exist (ENOENT) or is not below the storage (EINVAL),
+/// and those of the remote (remoteErrorDomain).
 ///
-/// Threads: everything may be called from any thread, after start() and before stop(). What is said
-/// to wait does so on the caller's thread and holds up nobody else.
+/// Everything may be called from any thread, after start() and before stop(). What is said to wait
+/// does so on the caller's thread and holds up nobody else.
 class Mirror {
  public:
   Mirror(MirrorOptions options, std::unique_ptr<Remote> remote);
@@ -137,57 +141,58 @@ class Mirror {
   Mirror(const Mirror&) = delete;
   Mirror& operator=(const Mirror&) = delete;
 
-  /// Makes the storage where it is missing, opens the database and begins. Never waits for the
-  /// remote. An error when storage or database cannot be had, or another process has them.
+  /// Makes the storage where it is missing, opens the database and begins. It never waits for the
+  /// remote. It is an error when storage or database cannot be had, or another process has them.
   Result<void> start();
-  /// Ends what is under way and waits for it. What could not be carried out yet waits for the next
-  /// start.
+  /// Ends what is under way and waits for that. What could not be carried over yet waits for the
+  /// next start.
   void stop();
 
-  /// Brings the content of a document in and waits for that; success when it is there. Everything
-  /// below, for a directory. The document may have a second name outside of the storage.
+  /// Brings in the content of a document, or of everything below a directory, and waits for that.
+  /// Succeeds when it is there. The document may have a second name outside of the storage.
   Result<void> provide(const std::string& path);
-  /// While it is being brought in: somebody waits for these bytes, which come first where the
-  /// remote can begin anywhere, and can be read as soon as they are there. Returns at once.
+  /// Says that somebody waits for these bytes of a document that is being brought in. They come
+  /// first where the remote can begin anywhere, and can be read as soon as they are there. Returns
+  /// at once.
   void hurry(const std::string& path, std::uint64_t offset, std::uint64_t size);
-  /// Makes a placeholder of it again, and of what is below it. EBUSY when a program has it open,
+  /// Makes a placeholder of it again, and of everything below it. EBUSY when a program has it open,
   /// or it has not been uploaded, or is pinned; nothing is left out silently.
   Result<void> evict(const std::string& path);
-  /// Kept present from now on, as everything below it, and what will be there later. Returns
+  /// Keeps it present from now on, with everything below it and what will be there later. Returns
   /// before it is brought in.
   Result<void> pin(const std::string& path);
-  /// The item and everything below it; an error when a directory above is pinned.
+  /// Unpins the item and everything below it; it is an error when a directory above is pinned.
   Result<void> unpin(const std::string& path);
 
   Result<MirrorStatus> status(const std::string& path);
-  /// In the order in which they began.
+  /// Returns them in the order in which they began.
   std::vector<MirrorTransfer> transfers();
-  /// Gives up the transfers of an item or of everything below it. A reader gets the error
+  /// Cancels the transfers of an item, or of everything below it. A reader gets the error
   /// `cancelled`; an upload is `failed` until the document changes or sync() is called. ENOENT when
   /// there is none.
   Result<void> cancel(const std::string& path);
 
   std::vector<MirrorConflict> conflicts();
-  /// Our version, the copy, takes the place of the remote's, which is then replaced there.
+  /// Puts our version, the copy, in the place of the remote's, which is then replaced there.
   Result<void> take(const std::string& copy);
 
   /// Looks for changes on both sides now, tries again what failed, and waits until nothing is left
-  /// to do or the remote cannot be had. `confirmRemovals` allows what waits for a confirmation at
-  /// this moment.
+  /// to do or the remote cannot be reached. `confirmRemovals` allows what waits for a confirmation
+  /// at this moment.
   Result<void> sync(bool confirmRemovals = false);
   MirrorHealth health();
 
-  /// After those that were told with `last`; 0 asks for everything.
+  /// Returns the changes after those that were told with `last`; 0 asks for everything.
   MirrorChanges changesAfter(std::uint64_t last);
-  /// Calls once, when there are such: from any thread, at once or later, or never when the mirror
-  /// stops. The callback calls nothing of the mirror on that thread.
+  /// Calls once, when there are such changes: from any thread, at once or later, or never when the
+  /// mirror stops. The callback must not call the mirror on that thread.
   void whenChangedAfter(std::uint64_t last, std::function<void()> isThere);
 
-  /// Whatever has changed at the path is looked at. A hint; nothing depends on its coming.
+  /// Looks at whatever has changed at the path. It is a hint; nothing depends on its coming.
   void itemChanged(const std::string& path);
 
-  /// The same for an item as long as it exists, whatever it is called and however it is saved. For
-  /// a document that was made a moment ago, too.
+  /// Returns the identifier, which stays the same as long as the item exists, whatever its name and
+  /// however it is saved; also for a document that was just made.
   Result<std::string> identifierForItem(const std::string& path);
   Result<std::string> pathForItem(const std::string& identifier);
 
