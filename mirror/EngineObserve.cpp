@@ -168,10 +168,10 @@ void Engine::put(Side side, Item& item, Node node) {
   if (old && old->identity != node.identity && old->kind == Kind::directory)
     watches_.erase(item.number);
   if (side == Side::there && old && item.agreed && old->place != node.place &&
-      items_->fact(movingFact(item.number)) == textOf(node.place)) {
+      items_->fact(factOf(moving, item.number, node.place))) {
     // Moved from here, without an answer.
     item.agreed->place = node.place;
-    items_->forgetFact(movingFact(item.number));
+    items_->forgetFacts(factsOf(moving, item.number));
   }
   if (side == Side::there && old) carrySent(old->place, node.place);
   old = std::move(node);
@@ -607,9 +607,11 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
     }
   }
   item->movedOut = side == Side::here && movedOut && item->here->isPlaceholder;
-  if (side == Side::here && !item->agreed && items_->fact(sentFact(item->here->place))) {
+  const auto sent = side == Side::here && !item->agreed ? sentTo(number) : std::nullopt;
+  if (sent) {
     // Its first version may have arrived there: it is looked for, and removed.
     item->agreed = item->here;
+    item->agreed->place = *sent;
     item->agreed->identity.clear();
     item->agreed->version.clear();
   }
@@ -826,10 +828,7 @@ void Engine::recoverAside() {
     }
     const auto fact = items_->fact("aside " + name);
     Place place{rootItem, name};
-    if (fact) {
-      const auto slash = fact->find('/');
-      place = {std::atoll(fact->c_str()), fact->substr(slash + 1)};
-    }
+    if (fact) place = placeOf(*fact);
     auto directory = directoryHere(place.parent);
     if (!directory) directory = directoryHere(rootItem);
     if (!directory) return true;

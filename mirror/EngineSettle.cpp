@@ -123,6 +123,22 @@ void Engine::carrySent(const Place& from, const Place& to) {
   items_->forgetFact(sentFact(from));
 }
 
+/// The document whose first version was sent to that place there without an answer, and that has
+/// gone elsewhere here since.
+std::optional<Item> Engine::senderTo(const Place& place) {
+  if (!items_->fact(sentFact(place))) return std::nullopt;
+  auto item = items_->withFact(sending, textOf(place));
+  const bool isIt = item && item->here && item->here->kind == Kind::file &&
+                    item->here->place != place && !item->agreed && !item->there;
+  return isIt ? std::move(item) : std::nullopt;
+}
+
+/// Where the first version of an item was sent to without an answer.
+std::optional<Place> Engine::sentTo(ItemNumber number) {
+  const auto sent = items_->firstFact(factsOf(sending, number));
+  return sent ? std::optional(placeOf(*sent)) : std::nullopt;
+}
+
 std::string Engine::conflictText() const {
   std::array<char, 32> date{};
   const std::time_t time = std::time(nullptr);
@@ -164,6 +180,7 @@ bool Engine::makePlaceholders(Lock& lock) {
     const Node& there = *item->there;
     const auto parentItem = items_->load(there.place.parent);
     if (!parentItem || !parentItem->here || items_->at(Side::here, there.place)) continue;
+    if (senderTo(there.place)) continue;
     if (parent != there.place.parent) {
       auto opened = directoryHere(there.place.parent);
       if (!opened) continue;
@@ -341,9 +358,11 @@ bool Engine::haveParent(Lock& lock, Side side, ItemNumber parent) {
 /// Has the remote move an item, both of whose paths are known. Should the answer be lost, the item
 /// is known to have come to its place from here.
 Result<RemoteItem> Engine::moveThere(Lock& lock, const Item& item, const Place& to) {
+  if (isInTrouble()) return *trouble_;
   const auto from = *items_->path(Side::there, item.number);
   const auto target = joined(*items_->path(Side::there, to.parent), to.name);
-  const std::string fact = movingFact(item.number);
+  const std::string fact = factOf(moving, item.number, to);
+  const bool isInDoubt = items_->fact(fact).has_value();
   {
     Database::Transaction transaction(*database_);
     items_->setFact(fact, textOf(to));
@@ -353,7 +372,10 @@ Result<RemoteItem> Engine::moveThere(Lock& lock, const Item& item, const Place& 
   if (moved) carrySent(item.there->place, to);
   const auto problem = moved ? std::nullopt : std::optional(remoteProblemOf(moved.error()));
   if (problem == RemoteProblem::changedMeanwhile || problem == RemoteProblem::notFound) {
-    items_->forgetFact(fact);
+    // An earlier attempt may be the reason.
+    if (!isInDoubt) items_->forgetFact(fact);
+    lookAgain(Side::there, item.there->place);
+    lookAgain(Side::there, to);
   }
   return moved;
 }
@@ -370,6 +392,7 @@ bool Engine::haveRoom(Lock& lock, Side side, const Item& item, const Place& plac
   other = items_->at(side, place);
   if (!other || other->number == item.number) return true;
   if (side == Side::here) return !isBusy(other->number) && setAside(*other);
+  if (isBusy(other->number)) return false;
   const auto from = items_->path(Side::there, other->number);
   if (!from || !items_->path(Side::there, place.parent)) return false;
   // Its removal has not been carried there yet. A directory that gives way to what was in it waits
@@ -407,7 +430,7 @@ bool Engine::moveBeside(Lock& lock, const Item& item, const Place& place) {
       if (now.agreed) now.agreed->place = now.there->place;
       now.due = this->now();
     });
-    items_->forgetFact(movingFact(item.number));
+    items_->forgetFacts(factsOf(moving, item.number));
     return true;
   }
   return false;
@@ -482,8 +505,14 @@ Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
   const auto parent = items_->path(Side::there, here.place.parent);
   if (!parent) return waitFor(item.number, firstRetry);
   if (here.kind == Kind::file) {
+    // It may have arrived at the place that it had before.
+    const auto sent = sentTo(item.number);
+    const auto arrived = sent ? items_->at(Side::there, *sent) : std::nullopt;
+    if (arrived && senderTo(*sent)) {
+      if (settle(lock, arrived->number) == Outcome::later) return waitFor(item.number, firstRetry);
+    }
     const auto now = items_->load(item.number);
-    return now && now->here ? upload(lock, *now) : Outcome::again;
+    return now && now->here && !now->there ? upload(lock, *now) : Outcome::again;
   }
   const auto made = remotely(lock, [&] {
     return remote_.makeDirectory(joined(*parent, here.place.name), {{}, attributesOf(here).mode});
@@ -585,6 +614,11 @@ bool Engine::unlinkOthers(const Item& item) {
 
 Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
   const Node there = *item.there;
+  if (there.kind == Kind::file) {
+    if (const auto sender = senderTo(there.place)) {
+      return isBusy(sender->number) ? waitFor(item.number, firstRetry) : recognise(lock, item);
+    }
+  }
   if (!haveParent(lock, Side::here, there.place.parent)) return waitForOthers(item.number);
   if (const auto other = items_->at(Side::here, there.place);
       other && other->number != item.number) {
@@ -1077,11 +1111,7 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
       items_->path(Side::there, item.number) && items_->path(Side::there, target.parent);
   if (!canBe) return waitFor(item.number, firstRetry);
   const auto moved = moveThere(lock, *current, target);
-  if (!moved) {
-    lookAgain(Side::there, there.place);
-    lookAgain(Side::there, target);
-    return failed(item, moved.error());
-  }
+  if (!moved) return failed(item, moved.error());
   change(item.number, [&](Item& now) {
     if (!now.agreed || !now.there) return;
     const bool wasAgreed = now.agreed->version == there.version;
@@ -1090,7 +1120,7 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
     now.agreed->place = target;
     if (isFile && wasAgreed) now.agreed->version = now.there->version;
   });
-  items_->forgetFact(movingFact(item.number));
+  items_->forgetFacts(factsOf(moving, item.number));
   return Outcome::again;
 }
 

@@ -193,13 +193,16 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
       transfer->done = 0;
     }
     // Should its answer be lost, what the remote has then is known as what was sent.
-    const auto noteSent = [this, &target](const std::string& hash) -> Result<void> {
+    const auto noteSent = [this, &item, &target](const std::string& hash) -> Result<void> {
       const Lock noting(mutex_);
       return guarded([&]() -> Result<void> {
         auto sent = items_->fact(sentFact(target)).value_or(std::string());
         if (sent.find(hash) == std::string::npos) sent += hash;
         sent.erase(0, sent.size() - std::min(sent.size(), mostSent * hash.size()));
+        Database::Transaction transaction(*database_);
         items_->setFact(sentFact(target), sent);
+        if (!item.there) items_->setFact(factOf(sending, item.number, target), textOf(target));
+        transaction.commit();
         return {};
       });
     };
@@ -243,6 +246,7 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
         if (!rests) now.due = this->now();
       });
       items_->forgetFact(sentFact(target));
+      items_->forgetFacts(factsOf(sending, item.number));
       transaction.commit();
       return true;
     });
@@ -331,8 +335,8 @@ Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
   });
 }
 
-/// Finds out whether what is there of a document that is gone here is a version that was sent from
-/// here, without an answer; if so, both had agreed on it.
+/// Finds out whether what is there of a document that is gone here, or is at another place by now,
+/// is a version that was sent from here, without an answer; if so, both had agreed on it.
 Engine::Outcome Engine::recognise(Lock& lock, const Item& item) {
   if (isInTrouble()) return waitFor(item.number, std::max<std::int64_t>(troubleUntil_ - now(), 1));
   if (isClosed_ || busy_.size() >= options_.transfers) return Outcome::later;
@@ -351,12 +355,28 @@ Engine::Outcome Engine::recognise(Lock& lock, const Item& item) {
         failed(item, found.error());
         return true;
       }
-      change(item.number, [&](Item& now) {
-        now.due = this->now();
-        if (!now.there || now.there->version != there.version) return;
-        if (now.agreed && wasSent(there.place, *found)) agreeOnContent(now, there);
+      Database::Transaction transaction(*database_);
+      auto now = items_->load(item.number);
+      if (now) now->due = this->now();
+      if (now && now->there && now->there->version == there.version) {
+        const bool isOwn = wasSent(there.place, *found);
+        const auto sender = senderTo(there.place);
+        if (isOwn && now->agreed) agreeOnContent(*now, there);
+        if (isOwn && sender && !isBusy(sender->number) && !now->here && !now->agreed) {
+          change(sender->number, [&](Item& sent) {
+            sent.there = now->there;
+            sent.agreed = now->there;
+            sent.hash = *found;
+            sent.due = this->now();
+          });
+          items_->erase(item.number);
+          now.reset();
+        }
         items_->forgetFact(sentFact(there.place));
-      });
+        if (sender) items_->forgetFact(factOf(sending, sender->number, there.place));
+      }
+      if (now) items_->save(*now);
+      transaction.commit();
       return true;
     });
     end(transfer);

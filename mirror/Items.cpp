@@ -48,6 +48,8 @@ constexpr int nodeColumns = 9;
 constexpr std::int64_t present = 0;
 constexpr std::int64_t placeholder = 1;
 constexpr std::int64_t exposed = 2;
+/// The character that comes after all digits.
+constexpr const char* afterDigits = ":";
 constexpr const char* removal =
     "agreedKind IS NOT NULL AND (hereKind IS NULL OR thereKind IS NULL)";
 
@@ -265,9 +267,20 @@ void Items::forgetFact(const std::string& name) {
   database_.prepare("DELETE FROM fact WHERE name=?").bind(name).run();
 }
 
+std::optional<std::string> Items::firstFact(const std::string& beginning) {
+  auto row = database_.prepare("SELECT value FROM fact WHERE name>? AND name<? LIMIT 1");
+  row.bind(beginning).bind(beginning + afterDigits);
+  return row.step() ? std::optional(row.text(0)) : std::nullopt;
+}
+
+void Items::forgetFacts(const std::string& beginning) {
+  auto facts = database_.prepare("DELETE FROM fact WHERE name>? AND name<?");
+  facts.bind(beginning).bind(beginning + afterDigits).run();
+}
+
 std::optional<Item> Items::withFact(const std::string& beginning, const std::string& value) {
   auto row = database_.prepare("SELECT name FROM fact WHERE name>? AND name<? AND value=?");
-  row.bind(beginning).bind(beginning + ":").bind(value);  // what comes after the digits
+  row.bind(beginning).bind(beginning + afterDigits).bind(value);
   while (row.step()) {
     auto item = load(std::atoll(row.text(0).c_str() + beginning.size()));
     if (item) return item;

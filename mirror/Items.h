@@ -134,6 +134,9 @@ class Items {
   std::optional<std::string> fact(const std::string& name);
   void setFact(const std::string& name, const std::string& value);
   void forgetFact(const std::string& name);
+  /// The value of the first fact whose name begins so and goes on with a digit; all of them.
+  std::optional<std::string> firstFact(const std::string& beginning);
+  void forgetFacts(const std::string& beginning);
   /// The item of whose number, behind the beginning of its name, such a fact tells that.
   std::optional<Item> withFact(const std::string& beginning, const std::string& value);
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -38,9 +39,20 @@ inline const std::string hiddenAside = "hidden";
 inline std::string textOf(const Place& place) {
   return std::to_string(place.parent) + "/" + place.name;
 }
-/// The name of the fact that tells where the remote is moving an item to.
+inline Place placeOf(const std::string& text) {
+  return {std::atoll(text.c_str()), text.substr(text.find('/') + 1)};
+}
+/// The beginnings of the names of facts that tell of a place there to which an item is being moved,
+/// or its first version sent. There is one for each place, until it is known what has become of the
+/// item: an answer may be lost, and it may be on its way to the next place by then.
 inline const std::string moving = "moving ";
-inline std::string movingFact(ItemNumber number) { return moving + std::to_string(number); }
+inline const std::string sending = "sending ";
+inline std::string factsOf(const std::string& beginning, ItemNumber number) {
+  return beginning + std::to_string(number) + " ";
+}
+inline std::string factOf(const std::string& beginning, ItemNumber number, const Place& place) {
+  return factsOf(beginning, number) + textOf(place);
+}
 /// The name of the fact that tells the hashes, one behind the other, of contents that were sent to
 /// a place there without an answer.
 inline std::string sentFact(const Place& place) { return "sent " + textOf(place); }

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/mirror/World.h"
+#include "tests/mirror/Model.h"
 
 namespace {
 
@@ -177,6 +177,64 @@ TEST_F(EngineTest, KeepsBothVersionsOfAConflict) {
   settle();
   EXPECT_EQ(read(there("a.txt")), "edited here");
   EXPECT_EQ(names(machine_->storage), "a.txt d d/e d/e/b.txt ");
+}
+
+TEST_F(EngineTest, KnowsWhatItDidItselfWhenTheAnswerWasLost) {
+  for (const bool hasIdentifiers : {true, false}) {
+    auto owned = std::make_unique<UnreliableRemote>(makeFolderRemote(there_));
+    auto& remote = *owned;
+    remote.hasIdentifiers = hasIdentifiers;
+    machine_ =
+        std::make_unique<Machine>(scratch_ / (hasIdentifiers ? "one" : "other"), std::move(owned));
+    ASSERT_TRUE(machine_->start());
+    settle();
+    bringIn();
+    const auto unheard = [&](const std::function<void()>& work) {
+      work();
+      remote.isMute = true;
+      while (machine_->engine().step()) {
+      }
+      remote.isMute = false;
+    };
+    const auto exchange = [&](const std::string& one, const std::string& other) {
+      EXPECT_EQ(
+          ::renameat2(AT_FDCWD, here(one).c_str(), AT_FDCWD, here(other).c_str(), RENAME_EXCHANGE),
+          0);
+    };
+    // A new document, elsewhere by the time it is known to have arrived; nowhere; in another's
+    // place.
+    unheard([&] { write(here("new1"), "new one"); });
+    fs::rename(here("new1"), here("moved"));
+    settle();
+    unheard([&] { write(here("new2"), "new two"); });
+    fs::rename(here("new2"), here("removed"));
+    machine_->engine().step();
+    fs::remove(here("removed"));
+    settle();
+    unheard([&] { write(here("new3"), "new three"); });
+    exchange("new3", "a.txt");
+    settle();
+    EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt moved new3 ");
+    EXPECT_EQ(read(there("a.txt")), "new three");
+    EXPECT_EQ(read(there("new3")), "first");
+    // One that was moved, while another has taken its old name, and then its new one.
+    unheard([&] {
+      fs::rename(here("moved"), here("once"));
+      write(here("moved"), "another");
+    });
+    exchange("moved", "once");
+    settle();
+    EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt moved new3 once ");
+    EXPECT_EQ(names(machine_->storage), names(there_));
+    EXPECT_EQ(read(there("moved")), "new one");
+    EXPECT_EQ(read(there("once")), "another");
+    // As it was.
+    fs::rename(here("new3"), here("a.txt"));
+    fs::remove(here("moved"));
+    fs::remove(here("once"));
+    settle();
+    EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt ");
+  }
 }
 
 TEST_F(EngineTest, WaitsForARemoteThatIsAwayOrNotTheSame) {
