@@ -35,8 +35,12 @@ bool isSameEntry(const Node& known, const Node& seen) {
   return known.identity == seen.identity && (known.kind == seen.kind || isLink);
 }
 
+/// A placeholder has no content whose version would count: that of its inode moves on whenever it
+/// is hidden or shown.
 bool isUnchanged(const Node& known, const Node& seen) {
-  return known.version == seen.version && known.mode == seen.mode && known.size == seen.size &&
+  const bool isSameVersion =
+      known.version == seen.version || (known.isPlaceholder && seen.isPlaceholder);
+  return isSameVersion && known.mode == seen.mode && known.size == seen.size &&
          known.modified == seen.modified && known.isPlaceholder == seen.isPlaceholder &&
          known.isExposed == seen.isExposed;
 }
