@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "tests/mirror/Model.h"
 
 namespace {
@@ -106,6 +108,10 @@ TEST_F(EngineTest, CarriesWhatIsDoneHereAndThere) {
 }
 
 TEST_F(EngineTest, KeepsAnIdentifierHoweverADocumentIsSavedAndGivesACopyAnother) {
+  std::array<char, 256> mark{};
+  const auto size =
+      ::getxattr(here("d/e/b.txt").c_str(), "user.docsource.placeholder", mark.data(), mark.size());
+  ASSERT_GT(size, 0);
   bringIn();
   const auto before = identifier("a.txt");
   write(here("a.txt.tmp123"), "saved");
@@ -122,6 +128,10 @@ TEST_F(EngineTest, KeepsAnIdentifierHoweverADocumentIsSavedAndGivesACopyAnother)
   EXPECT_EQ(state("a.txt~"), MirrorItemState::localOnly);
   ASSERT_TRUE(run("cp -a '" + here("a.txt") + "' '" + here("copy.txt") + "'"));
   write(here("copy.txt"), "the copy");
+  // With a mark that was copied along as well.
+  ASSERT_EQ(::setxattr(here("copy.txt").c_str(), "user.docsource.placeholder", mark.data(),
+                       static_cast<std::size_t>(size), 0),
+            0);
   settle();
   EXPECT_NE(identifier("copy.txt"), before);
   EXPECT_EQ(read(there("a.txt")), "saved with a backup");
@@ -234,6 +244,42 @@ TEST_F(EngineTest, KnowsWhatItDidItselfWhenTheAnswerWasLost) {
     fs::remove(here("once"));
     settle();
     EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt ");
+  }
+}
+
+TEST_F(EngineTest, TriesAgainOfItsOwnAccord) {
+  auto owned = std::make_unique<UnreliableRemote>(makeFolderRemote(there_));
+  auto& remote = *owned;
+  std::mt19937_64 random;
+  remote.random = &random;
+  machine_ = std::make_unique<Machine>(scratch_ / "tries", std::move(owned));
+  ASSERT_TRUE(machine_->start());
+  settle();
+  bringIn();
+  for (const auto problem : {RemoteProblem::unreachable, RemoteProblem::noRoom,
+                             RemoteProblem::changedMeanwhile, RemoteProblem::failed}) {
+    remote.problem = problem;
+    remote.failures = 1000;
+    const auto text = "edit " + std::to_string(static_cast<int>(problem));
+    write(here("a.txt"), text);
+    write(here("new.txt"), text);
+    fs::rename(here("d/e"), here("d/f"));
+    const auto pass = [&] {  // two minutes
+      for (int round = 0; round < 120; ++round) {
+        machine_->engine().step();
+        clock_.advance(std::chrono::seconds(1));
+      }
+    };
+    pass();
+    EXPECT_FALSE(read(there("a.txt")) == text || fs::exists(there("d/f")));
+    remote.failures = 0;
+    pass();
+    pass();
+    EXPECT_EQ(read(there("a.txt")), text);
+    EXPECT_EQ(read(there("new.txt")), text);
+    EXPECT_TRUE(fs::exists(there("d/f/b.txt")));
+    fs::rename(here("d/f"), here("d/e"));
+    pass();
   }
 }
 

@@ -13,6 +13,7 @@ class UnreliableRemote final : public Remote {
   explicit UnreliableRemote(std::unique_ptr<Remote> remote) : remote_(std::move(remote)) {}
 
   bool isOffline = false;
+  RemoteProblem problem = RemoteProblem::unreachable;
   /// Does everything, and nobody hears of it.
   bool isMute = false;
   /// In a thousand: operations that fail before they were done, and answers that are lost.
@@ -89,7 +90,7 @@ class UnreliableRemote final : public Remote {
 
  private:
   bool happens(unsigned rate) { return rate > 0 && random && (*random)() % 1000 < rate; }
-  static Error gone() { return remoteError(RemoteProblem::unreachable, "The line is cut."); }
+  Error gone() const { return remoteError(problem, "The line is cut."); }
   template <class T, class F>
   Result<T> tried(F work) {
     if (isOffline || happens(failures)) return gone();
