@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -192,6 +193,59 @@ TEST_P(ServerAccounts, DocumentsAreReadEditedAndCarriedBack) {
   expectUntold(said + away.output);
   ask("docsource remove Work --discard");
   EXPECT_FALSE(fs::exists(fs::symlink_status(home_ + "/DocSource/Work")));
+}
+
+class LoginPage : public ServerAccounts {};
+
+INSTANTIATE_TEST_SUITE_P(, LoginPage,
+                         testing::Values(Kind{"webdav", "cloud", SCRIPTED_SERVER,
+                                              "for this \" account", ""}),
+                         [](const auto& kind) { return kind.param.server; });
+
+TEST_P(LoginPage, GivesTheAccountAPasswordOfItsOwn) {
+  const auto& secret = GetParam().secret;
+  server_->ask(
+      R"({"digest": true, "secret": "for this \" account", "files": {"letter": "words"}})");
+  const auto top = address_.substr(0, address_.find("/remote.php"));
+  const std::string said = installation_ / "said";
+  const auto text = [&] {
+    const auto read = FileManager::readFile(said);
+    return read ? *read : std::string();
+  };
+  const auto beginToAdd = [&](const std::string& options) {
+    return ChildProcess({"env", "HOME=" + home_, "DOCSOURCE_ROOT=" + installation_.root(), "sh",
+                         "-c",
+                         builtProgram("docsource") + " add webdav Work '" + top + "/' --login " +
+                             options + " < /dev/null > '" + said + "' 2>&1"});
+  };
+  auto refused = beginToAdd("--user somebody");
+  EXPECT_EQ(refused.wait(), 1);
+  EXPECT_EQ(server_->ask("{}").find("POST"), std::string::npos);
+  // Somebody else's address is answered.
+  server_->ask(R"({"agreed": "http://127.0.0.1:1"})");
+  auto fooled = beginToAdd("");
+  EXPECT_EQ(fooled.wait(), 1);
+  EXPECT_TRUE(fs::is_empty(installation_ / "Extensions")) << text();
+  server_->ask(R"({"agreed": null})");
+
+  auto adding = beginToAdd("");
+  ASSERT_TRUE(eventually([&] { return text().find(top + "/page") != std::string::npos; }))
+      << text();
+  EXPECT_TRUE(fs::is_empty(installation_ / "Extensions"));
+  server_->ask(R"({"agreed": ""})");
+  EXPECT_EQ(adding.wait(), 0) << text();
+  ASSERT_TRUE(eventually([&] { return isHere("letter"); })) << text();
+  EXPECT_EQ(ask("docsource read '" + here("letter") + "'"), "words");
+  ask("echo more >> '" + here("letter") + "' && docsource sync Work");
+  EXPECT_NE(server_->ask("{}").find("PUT letter"), std::string::npos);
+  const auto kept = ask("grep -rlsF '" + secret + "' '" + installation_.root() + "'");
+  EXPECT_TRUE(kept.ends_with("/password\n") && std::count(kept.begin(), kept.end(), '\n') == 1)
+      << kept;
+  EXPECT_EQ(ask("stat -c %a '" + kept.substr(0, kept.size() - 1) + "'"), "600\n");
+  EXPECT_EQ((text() + ask("docsource accounts --json")).find(secret), std::string::npos);
+  EXPECT_EQ(daemon_->count(secret), 0U);
+  ask("docsource remove Work");
+  EXPECT_NE(shell("grep -rlsF '" + secret + "' '" + installation_.root() + "'").status, 0);
 }
 
 }  // namespace
