@@ -229,6 +229,26 @@ void addSandboxes() {
   add("sandbox", "\2", {"com.example.app\n", "a", "\n", "a\nb\n"});
 }
 
+void addServers() {
+  add("servers", std::string(1, '\0'),
+      {"0-1048576", "1-2,4-9,18446744073709551614-18446744073709551615"});
+  add("servers", std::string("\1\7"),
+      {"<?xml version=\"1.0\"?><multistatus xmlns=\"DAV:\" "
+       "xmlns:o=\"http://owncloud.org/ns\"><response>"
+       "<href>/a%20b/</href><propstat><prop><resourcetype><collection/></resourcetype>"
+       "<getetag>W/\"x\"</getetag><o:id>1</o:id></prop><status>HTTP/1.1 200 OK</status></propstat>"
+       "<propstat><prop><getcontentlength>12</getcontentlength></prop><status>HTTP/1.1 404 "
+       "No</status>"
+       "</propstat></response><response><href>/b</href><status>HTTP/1.1 403 No</status></response>"
+       "</multistatus>"});
+  add("servers", "\2",
+      {"<ListBucketResult><EncodingType>url</EncodingType><IsTruncated>true</IsTruncated>"
+       "<NextContinuationToken>t</NextContinuationToken><Contents><Key>a%2Bb</Key><Size>1</Size>"
+       "<ETag>&quot;x&quot;</ETag></Contents><CommonPrefixes><Prefix>d/</Prefix></CommonPrefixes>"
+       "</ListBucketResult>",
+       "  <Error><Code>NoSuchKey</Code></Error>"});
+}
+
 }  // namespace
 
 int main(int count, char** arguments) try {
@@ -248,6 +268,7 @@ int main(int count, char** arguments) try {
   addGrants();
   addGuarding();
   addSandboxes();
+  addServers();
   return 0;
 } catch (const std::exception& failure) {
   std::fprintf(stderr, "fuzz-seeds: %s\n", failure.what());
