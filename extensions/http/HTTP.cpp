@@ -316,6 +316,8 @@ Result<Answer> Session::perform(const Request& request) {
     handle->set(CURLOPT_SSLCERT, options_.clientCertificate);
     handle->set(CURLOPT_SSLKEY, options_.clientKey);
     handle->set(CURLOPT_PROXY, options_.proxy);
+    // Whoever names a proxy for an account means it for every host, whatever no_proxy says.
+    handle->set(CURLOPT_NOPROXY, options_.proxy ? "" : nullptr);
     handle->set(CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_ANY));
     const CURLcode code = curl_easy_perform(handle->get());
     const char* url = nullptr;

@@ -154,6 +154,17 @@ Error strange(const std::string& path, const std::string& what) {
       "Asked about " + shown(path) + ", something answered that is not the server: " + what + ".");
 }
 
+/// What the page that a server sends with an error has as its title, for a person.
+std::optional<std::string> titleOf(const std::string& page) {
+  constexpr std::string_view opening = "<title>";
+  constexpr std::size_t longest = 100;
+  const auto begin = page.find(opening);
+  const auto end = page.find("</title>", begin);
+  if (begin == std::string::npos || end == std::string::npos) return std::nullopt;
+  auto title = page.substr(begin + opening.size(), end - begin - opening.size());
+  return title.size() <= longest && !hasControls(title) ? std::optional(title) : std::nullopt;
+}
+
 /// The error that an answer means.
 Error refusal(const Answer& answer, const std::string& path) {
   using enum RemoteProblem;
@@ -182,7 +193,10 @@ Error refusal(const Answer& answer, const std::string& path) {
   if (answer.status >= 300 && answer.status < 400) {
     return problem(failed, path, "is somewhere else, says the server" + status);
   }
-  return problem(failed, path, "met an error of the server" + status);
+  const auto title = titleOf(answer.text);
+  return problem(
+      failed, path,
+      "met an error of the server" + (title ? ", which says \"" + *title + "\"" + status : status));
 }
 
 /// Of an answer about several, that of the first which failed.

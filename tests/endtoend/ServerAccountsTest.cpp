@@ -24,6 +24,7 @@ struct Kind {
   std::string secret;
   /// "OPTION-command" and "OPTION-file" say what tells the secret.
   std::string option;
+  std::string login = " --user user";
 };
 
 void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
@@ -82,7 +83,8 @@ class ServerAccounts : public Broker, public testing::WithParamInterface<Kind> {
                   const std::optional<std::string>& address = std::nullopt) const {
     const auto where = address.value_or(address_);
     return "docsource add " + GetParam().name + " Work " +
-           (isS3() ? "s3://docs/deep --endpoint " + where : where + " --user user") + " " + options;
+           (isS3() ? "s3://docs/deep --endpoint " + where : where + GetParam().login) + " " +
+           options;
   }
   std::string trusted() const {
     return GetParam().server == "tls" ? " --ca '" + server_place_ + "/certificate'" : "";
@@ -193,6 +195,45 @@ TEST_P(ServerAccounts, DocumentsAreReadEditedAndCarriedBack) {
   expectUntold(said + away.output);
   ask("docsource remove Work --discard");
   EXPECT_FALSE(fs::exists(fs::symlink_status(home_ + "/DocSource/Work")));
+}
+
+class GuardedServer : public ServerAccounts {};
+
+INSTANTIATE_TEST_SUITE_P(, GuardedServer,
+                         testing::Values(Kind{"webdav", "guarded", WEBDAV_SERVERS, "a.token",
+                                              "--password", " --bearer"}),
+                         [](const auto& kind) { return kind.param.server; });
+
+/// A server that only the proxy reaches, that shows a certificate of an authority which the system
+/// does not know, and wants one and a token: without any of these there is no account.
+TEST_P(GuardedServer, IsReachedByWhoHasTheTokenTheCertificateAndTheWay) {
+  const auto port = address_.substr(address_.rfind(':') + 1);
+  ChildProcess proxy({"python3", PROXY, port.substr(0, port.size() - 1)});
+  ::setenv("no_proxy", "127.0.0.1", 1);
+  const std::string address = "https://127.0.0.1:9/";
+  const std::string way = " --proxy " + proxy.readLine();
+  const auto file = [&](const std::string& name) {
+    return " '" + server_place_ + "/" + name + "'";
+  };
+  const auto certificate = [&](const std::string& whose) {
+    return " --certificate" + file(whose) + " --certificate-key" + file(whose + ".key");
+  };
+  const std::string trust = " --ca" + file("authority");
+  const std::string token = " " + from("secret");
+  refuses(trust + certificate("mine") + token, "cannot be reached", address);
+  refuses(way + certificate("mine") + token, "not trusted", address);
+  refuses(way + trust + token, "No required SSL certificate was sent", address);
+  refuses(way + trust + certificate("theirs") + token, "SSL certificate", address);
+  refuses(way + trust + certificate("mine") + " " + from("wrong"), "does not accept", address);
+
+  std::ofstream(server_place_ + "/files/letter") << "from there";
+  ask(add(way + trust + certificate("mine") + token, address));
+  ASSERT_TRUE(eventually([&] { return isHere("letter"); }));
+  EXPECT_EQ(ask("docsource read '" + here("letter") + "'"), "from there");
+  const auto said = ask("printf ' and here' >> '" + here("letter") +
+                        "' && docsource sync Work && docsource accounts --json");
+  EXPECT_EQ(ask("cat" + file("files/letter")), "from there and here");
+  expectUntold(said);
 }
 
 class LoginPage : public ServerAccounts {};

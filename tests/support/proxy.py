@@ -3,7 +3,8 @@
 
     proxy.py PORT [SETTINGS]
 
-Prints its own address. SETTINGS, and each line of standard input, is an object in JSON; what it has is
+Prints its own address. It is a proxy as a browser has one as well (CONNECT too), whatever host it is asked
+for. SETTINGS, and each line of standard input, is an object in JSON; what it has is
 set, and the line is answered with how many bytes of answers were passed on since the last one.
 
     delay    so many seconds pass before a request is passed on
@@ -86,6 +87,9 @@ def serve(client, port):
                b"MOVE ", b"COPY ", b"PROPPATCH ")
     try:
         while piece := client.recv(262144):
+            if piece.startswith(b"CONNECT "):
+                client.sendall(b"HTTP/1.1 200 Connected\r\n\r\n")
+                continue
             if piece.startswith(methods):
                 time.sleep(settings["delay"])
                 with lock:

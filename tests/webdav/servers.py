@@ -3,9 +3,11 @@
 
     servers.py KIND DIRECTORY
 
-KIND is apache, nginx, lighttpd, rclone, sabre or tls, which is rclone with a certificate that it has
-issued itself, in "certificate". Everything lies in DIRECTORY: what is served in
-"files", and the server's own things beside it. The port is one that the kernel had free. Prints the
+KIND is apache, nginx, lighttpd, rclone, sabre, tls, which is rclone with a certificate that it has
+issued itself, in "certificate", or guarded: nginx for whoever has the bearer token "a.token" and shows a
+certificate of the authority that issued its own. "authority" is that one's certificate, "mine" and
+"mine.key" are one of it, "theirs" and "theirs.key" one of nobody. Everything lies in DIRECTORY: what is
+served in "files", and the server's own things beside it. The port is one that the kernel had free. Prints the
 URL when the server answers, or "missing WHAT" when it is not installed, and ends it when standard
 input ends.
 """
@@ -73,13 +75,29 @@ http {{
   uwsgi_temp_path {top}/uwsgi;
   scgi_temp_path {top}/scgi;
   server {{
-    listen 127.0.0.1:{port};
+    listen 127.0.0.1:{port}{tls};
     root {files};
+    {guards}
     client_max_body_size 0;
     dav_methods PUT DELETE MKCOL COPY MOVE;
     dav_ext_methods PROPFIND OPTIONS;
   }}
 }}
+"""
+
+GUARDS = """
+    ssl_certificate {top}/server;
+    ssl_certificate_key {top}/server.key;
+    ssl_client_certificate {top}/authority;
+    ssl_verify_client on;
+    set $wanted "Bearer realm=docs";
+    if ($http_authorization = "Bearer a.token") {{
+      set $wanted "";
+    }}
+    add_header WWW-Authenticate $wanted always;
+    if ($wanted) {{
+      return 401;
+    }}
 """
 
 LIGHTTPD = """
@@ -101,13 +119,20 @@ def write(path, text):
     return path
 
 
+def issue(path, *options):
+    """A certificate and its key; by nobody but itself, unless the options say otherwise."""
+    subprocess.run(["openssl", "req", "-x509", "-nodes", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                    "-days", "2", "-subj", "/CN=" + os.path.basename(path), "-keyout", path + ".key", "-out", path,
+                    *options], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
 def command(kind, top, port):
     """The program, its arguments and what goes with it; None when it is not installed."""
     files = top + "/files"
     os.makedirs(files, exist_ok=True)
     root = os.geteuid() == 0
     values = {"top": top, "files": files, "port": port, "modules": "/usr/lib/apache2/modules",
-              "user": ""}
+              "user": "", "tls": "", "guards": ""}
     environment = {}
     if kind == "apache":
         program = "/usr/sbin/apache2"
@@ -120,10 +145,20 @@ def command(kind, top, port):
         secret = hashlib.md5(b"user:docs:pass word").hexdigest()
         write(top + "/users", f"user:docs:{secret}\n")
         arguments = ["-DFOREGROUND", "-f", write(top + "/conf", APACHE.format(**values))]
-    elif kind == "nginx":
+    elif kind in ("nginx", "guarded"):
         program = "/usr/sbin/nginx"
         if not os.path.exists("/usr/lib/nginx/modules/ngx_http_dav_ext_module.so"):
             return None
+        if kind == "guarded":
+            if not shutil.which("openssl"):
+                return None
+            by_authority = ["-CA", top + "/authority", "-CAkey", top + "/authority.key",
+                            "-addext", "basicConstraints=critical,CA:false"]
+            issue(top + "/authority")
+            issue(top + "/server", *by_authority, "-addext", "subjectAltName=IP:127.0.0.1")
+            issue(top + "/mine", *by_authority)
+            issue(top + "/theirs")
+            values.update(tls=" ssl", guards=GUARDS.format(**values))
         values["user"] = "user root;" if root else ""
         arguments = ["-p", top, "-e", top + "/log",
                      "-c", write(top + "/conf", NGINX.format(**values))]
@@ -140,12 +175,8 @@ def command(kind, top, port):
         if kind == "tls":
             if not shutil.which("openssl"):
                 return None
-            made = {"-keyout": top + "/key", "-out": top + "/certificate"}
-            subprocess.run(["openssl", "req", "-x509", "-nodes", "-newkey", "rsa:2048", "-days", "2",
-                            "-subj", "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1",
-                            *[word for pair in made.items() for word in pair]],
-                           check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            arguments += ["--cert", made["-out"], "--key", made["-keyout"]]
+            issue(top + "/certificate", "-addext", "subjectAltName=IP:127.0.0.1")
+            arguments += ["--cert", top + "/certificate", "--key", top + "/certificate.key"]
     else:
         program = "/usr/bin/php"
         if not os.path.exists("/usr/share/php/Sabre/autoload.php"):
@@ -162,7 +193,7 @@ def main():
     os.makedirs(top, exist_ok=True)
     port = int(sys.argv[3]) if len(sys.argv) > 3 else free_port()
     words, environment = command(kind, top, port) or (None, {})
-    scheme = "https" if kind == "tls" else "http"
+    scheme = "https" if kind in ("tls", "guarded") else "http"
     serve(kind, top, port, words, environment, f"{scheme}://127.0.0.1:{port}/")
 
 
