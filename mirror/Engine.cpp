@@ -167,7 +167,10 @@ Result<void> Engine::open() {
   if (!entry || !aside_) return Error::file(errno, options_.storage);
   return guarded([&]() -> Result<void> {
     database_.emplace(options_.state + "/items.sqlite");
-    items_.emplace(*database_, [this](ItemNumber number) { changes_.note(number); });
+    items_.emplace(*database_, [this](ItemNumber number) {
+      changes_.note(number);
+      mayNeedSpace_ = true;
+    });
     Database::Transaction transaction(*database_);
     const auto prefix = items_->fact("prefix");
     identifierPrefix_ = prefix.value_or(qx::UUID::random().text().substr(0, 8));
@@ -232,7 +235,7 @@ std::optional<std::int64_t> Engine::idleFor() {
   if (broken_) return whileBroken;
   return guarded([&]() -> std::optional<std::int64_t> {
     auto next = items_->nextDue(heldBack());
-    if (options_.keep) next = std::min(next.value_or(giveBackAt_), giveBackAt_);
+    if (options_.keep && mayNeedSpace_) next = std::min(next.value_or(giveBackAt_), giveBackAt_);
     const auto look = isInTrouble() ? troubleUntil_ : shallLookThere_ ? now() : lookThereAt_;
     next = std::min({next.value_or(look), look, lookHereAt_});
     for (const Side side : {Side::here, Side::there}) {

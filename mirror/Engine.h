@@ -347,6 +347,8 @@ class Engine {
   /// When it is looked next whether there is more content here than may be, and what has come so
   /// lately that it stays for now, by the time of its coming.
   std::int64_t giveBackAt_ = 0;
+  /// Something has changed since there was seen to be no more content than may be.
+  bool mayNeedSpace_ = true;
   std::map<ItemNumber, std::int64_t> arrived_;
   std::uint64_t transfersBegun_ = 0;
   /// Of items as status() tells of them; the root stands for the mirror as health() does.

@@ -77,7 +77,7 @@ Result<void> Engine::evictFile(const Item& item, const std::string& path) {
 
 /// Gives content back while there is more than the account is to keep.
 bool Engine::giveBack() {
-  if (!options_.keep || now() < giveBackAt_) return false;
+  if (!options_.keep || !mayNeedSpace_ || now() < giveBackAt_) return false;
   giveBackAt_ = now() + betweenLooks;
   std::erase_if(arrived_, [&](const auto& each) { return now() - each.second > stay; });
   std::uint64_t content = 0;
@@ -86,7 +86,8 @@ bool Engine::giveBack() {
         database_->prepare("SELECT SUM(hereSize) FROM item WHERE hereKind=1 AND herePlaceholder=0");
     if (row.step() && !row.isNull(0)) content = static_cast<std::uint64_t>(row.integer(0));
   }
-  if (content <= *options_.keep) return false;
+  mayNeedSpace_ = content > *options_.keep;
+  if (!mayNeedSpace_) return false;
   std::vector<std::pair<std::int64_t, ItemNumber>> candidates;
   items_->forEach(
       "hereKind=1 AND herePlaceholder=0 AND hereVersion=agreedHere AND thereKind=1 AND hereSize>0",

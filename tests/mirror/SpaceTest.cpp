@@ -131,6 +131,9 @@ TEST_F(SpaceTest, WhatWasNotReadForLongestMakesRoom) {
   ASSERT_TRUE(machine_->settle(clock_));
   EXPECT_TRUE(isPlaceholder(here("open"))) << "nobody has it open any more";
   EXPECT_FALSE(isPlaceholder(here("a")));
+  clock_.advance(std::chrono::seconds(20));
+  ASSERT_TRUE(machine_->settle(clock_));
+  EXPECT_GT(machine_->engine().idleFor(), 5000) << "nothing came, so nothing is counted";
 }
 
 }  // namespace
