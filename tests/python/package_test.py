@@ -65,6 +65,17 @@ def client(mode, storage, origin):
     else:
         assert reader.stdout == TEXT
         eventually(lambda: is_of(note, "present"), "nobody has said that all of it is here")
+        # Others open a document to read it, without waiting, while its mark gets to the disk.
+        mine, read, sync = storage + ".mine", [], os.fsync
+        shutil.copyfile(note, mine)
+
+        def read_and_sync(file):
+            read.append(subprocess.run(["dd", f"if={mine}", "iflag=nonblock", "count=0", "status=none"]).returncode)
+            sync(file)
+        os.fsync = read_and_sync
+        assert placeholder.evict(mine, placeholder.shape_of(mine)) is placeholder.Eviction.EVICTED
+        os.fsync = sync
+        assert is_of(mine, "placeholder") and read == [0], read
 
     # Grants, bookmarks and tokens, until they are taken back.
     bookmark = broker.bookmarkable_string(note)

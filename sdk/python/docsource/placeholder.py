@@ -113,7 +113,7 @@ def evict(path: str, provided: Shape) -> Eviction:
     if state(path) is not State.PRESENT:
         return Eviction.NOT_PRESENT
     is_cooperative = _is_cooperative()
-    with _opened(path, os.O_RDONLY if is_cooperative else os.O_RDWR) as access:
+    with _opened(path, os.O_RDONLY) as access:
         file = access.file
         now = os.fstat(file)
         shape = Shape(now.st_size, now.st_mtime_ns, access.mode)
@@ -126,6 +126,8 @@ def evict(path: str, provided: Shape) -> Eviction:
                 return Eviction.CHANGED
             if is_cooperative:
                 return _evicted_beside(path, file, shape, provided)
+            lease.admit_readers()
+            access.allow_owner()
             _set_mark(file, "placeholder", None if access.keeps_mode else access.mode)
             os.fsync(file)
             # Has the kernel tell of every access again (fanotify_mark(2), FAN_MARK_IGNORE).
@@ -134,7 +136,11 @@ def evict(path: str, provided: Shape) -> Eviction:
                 os.removexattr(file, _MARK)
                 return Eviction.IN_USE
         # There is no way back. Whoever gets at the file from now on waits for its content.
-        _make_sparse(file, shape, True)
+        writable = os.open(f"/proc/self/fd/{file}", os.O_RDWR | os.O_CLOEXEC)
+        try:
+            _make_sparse(writable, shape, True)
+        finally:
+            os.close(writable)
         return Eviction.EVICTED
 
 
@@ -361,6 +367,12 @@ class _Access:
     keeps_mode: bool = True
     """False where they are to be again what they were."""
 
+    def allow_owner(self) -> None:
+        """Lets the owner read and write the file, and its attributes."""
+        if self.mode & 0o600 != 0o600:
+            os.fchmod(self.file, self.mode | 0o600)
+            self.keeps_mode = False
+
 
 @contextlib.contextmanager
 def _opened(path: str, flags: int) -> Iterator[_Access]:
@@ -396,6 +408,12 @@ class _Lease:
 
     def __exit__(self, *_: object) -> None:
         fcntl.fcntl(self._file, fcntl.F_SETLEASE, fcntl.F_UNLCK)
+
+    def admit_readers(self) -> None:
+        """Lets others open the file to read it. The kernel does so too when it tells platformd of
+        them, and where it would have to wait, it refuses them instead. With a descriptor that can
+        write this is not possible."""
+        fcntl.fcntl(self._file, fcntl.F_SETLEASE, fcntl.F_RDLCK)
 
 
 def _is_alone(file: int) -> bool:
