@@ -29,45 +29,43 @@ namespace docsource::mirror {
 /// Keeps two trees in agreement: the storage here and the remote there. For each item it knows what
 /// is here, what is there, and what both last agreed on (Items). It looks at one side and notes
 /// what it sees (observe), or compares the three nodes of one item and does the one next thing that
-/// brings them together (settle). Whatever is cut off, and wherever, the next look sees what has
-/// become of it, and the comparison goes on from there.
+/// brings them together (settle). Wherever it is cut off, the next look sees what has happened, and
+/// the comparison goes on from there.
 ///
 /// What always holds:
 ///
-/// 1. Content that exists once is never destroyed. A file here is given up only as a placeholder,
-/// or
-///    with the very content that was agreed on and that is still to be had there; it is first taken
-///    aside, looked at again, and destroyed when nobody has it open.
+/// 1. Content that exists only once is never destroyed. A file here is given up only as a
+///    placeholder, or with the very content that was agreed on and can still be had there. It is
+///    first taken aside, looked at again, and destroyed when nobody has it open.
 /// 2. A version there that was not seen here is never overwritten or removed: every change names
-/// the
-///    version that it replaces, which is the agreed one. The agreed version moves on only while the
-///    document is a placeholder that shows the new version's size and time under its name, or when
-///    the content here was compared with it, or was just carried there.
-/// 3. What a placeholder is filled with is the agreed version and no other. So whatever content
-///    appears in it descends from that version.
-/// 4. Without a remote that answers, and is the one it was, nothing changes here because of it.
-/// That
-///    something is not in a listing is asked once more before anything is removed.
+///    the version that it replaces, which is the agreed one. The agreed version moves on only while
+///    the document is a placeholder that shows the new version's size and time under its name, or
+///    when the content here was compared with it, or was just carried there.
+/// 3. A placeholder is filled with the agreed version and no other. So whatever content appears in
+///    it descends from that version.
+/// 4. When the remote does not answer, or is not the one that it was, nothing changes here because
+///    of it. When something is missing in a listing, the remote is asked once more before anything
+///    is removed.
 /// 5. Nothing is uploaded that is not whole: the file rests, is written to disk, and is the same
-///    before and after it was read. A placeholder never is.
+///    before and after it was read. A placeholder is never uploaded.
 /// 6. An item here is its inode, number and birth. A file that takes the name of a document whose
-///    inode is gone is that document (so editors save); a file whose inode is known goes on under
-///    its new name; a placeholder always is the item that it was made for. Attributes of files
-///    decide nothing but whether there is content.
-/// 7. Programs may read parts of a document before all of it is here. What is in one inode
-/// descends
-///    from one version, which is noted by the inode before any part is published: the next attempt
-///    goes on with the parts of that version, and for any other one the document gets another
+///    inode is gone is that document (editors save like that). A file whose inode is known keeps
+///    its item under its new name. A placeholder always is the item for which it was made.
+///    Attributes of files decide only whether there is content.
+/// 7. Programs may read parts of a document before all of it is here. What is in one inode descends
+///    from one version, which is noted by the inode before any part is published. The next attempt
+///    continues with the parts of that version; for any other version the document gets another
 ///    inode.
 /// 8. Of two contents that know nothing of each other both are kept, the remote's under the name.
 ///
-/// Order of steps: content before the note of it here (a crash leaves content that is compared), a
-/// remote's answer before its note (a crash leaves two equal contents, which are compared).
+/// The order of steps: content comes before the note of it here (a crash leaves content that is
+/// compared), and a remote's answer before its note (a crash leaves two equal contents, which are
+/// compared).
 ///
-/// Threads: step() and what it calls belong to one thread, the engine's, which holds the mutex but
-/// while the remote works or bytes are copied. Every other public member may be called from any
-/// thread. After the mutex was released everything is loaded again. An item with a transfer under
-/// way is busy: nothing else touches it.
+/// step() and what it calls belong to one thread, the engine's, which holds the mutex except while
+/// the remote works or bytes are copied. Every other public member may be called from any thread.
+/// After the mutex was released everything is loaded again. An item with a transfer under way is
+/// busy: nothing else touches it.
 class Engine {
  public:
   /// Runs a transfer, now or on another thread; never while the engine's mutex is held.
@@ -85,12 +83,13 @@ class Engine {
   /// No transfer is begun any more, and those under way are given up.
   void close();
 
-  /// One round: looks at what has changed here and there and settles what is due. Whether there is
-  /// more to be done at once.
+  /// Does one round: looks at what has changed here and there, and settles what is due. Returns
+  /// whether there is more to do at once.
   bool step();
-  /// How long step() has nothing to do unless something happens, in milliseconds; absent for ever.
+  /// How long step() has nothing to do unless something happens, in milliseconds; absent if for
+  /// ever.
   std::optional<std::int64_t> idleFor();
-  /// Readable when something has changed here.
+  /// Becomes readable when something has changed here.
   int descriptor() const { return inotify_.descriptor(); }
 
   // As in Mirror.h.
@@ -103,7 +102,7 @@ class Engine {
   Result<void> cancel(const std::string& path);
   std::vector<MirrorConflict> conflicts();
   ChangeJournal& changes() { return changes_; }
-  /// Of those that are here, without the root.
+  /// Returns the paths of those items that are here, without the root.
   std::vector<std::string> pathsOf(const std::vector<ItemNumber>& numbers);
   Result<void> take(const std::string& copy);
   void beginSync(bool confirmRemovals);
@@ -121,13 +120,13 @@ class Engine {
 
   // What was seen on one side and is not in the tree yet.
   struct Observation {
-    /// Directories to be read, and whether all below them too.
+    /// Directories that have to be read, and whether everything below them has to be as well.
     std::deque<std::pair<ItemNumber, bool>> directories;
     std::set<std::pair<ItemNumber, std::string>> names;
-    /// Items that are not at their place any more, and entries that no item is known to be.
+    /// Items that are not in their place any more, and entries that belong to no known item.
     std::set<ItemNumber> missing;
     std::map<std::pair<ItemNumber, std::string>, Node> found;
-    /// When the first and the last went of what may be going still.
+    /// When the first and the last item disappeared, while more may still disappear.
     std::optional<std::int64_t> firstGone;
     std::int64_t lastGone = 0;
     bool isEmpty() const {
@@ -291,11 +290,11 @@ class Engine {
   std::unordered_map<ItemNumber, qx::Inotify::Watch> watches_;
   std::unordered_map<int, ItemNumber> watched_;
   std::unordered_map<ItemNumber, IgnoreRules> ignoreRules_;
-  /// Inodes that documents are about to have: those of files that take the place of others.
+  /// Inodes that documents are about to get: those of files that take the place of others.
   std::map<std::string, ItemNumber> coming_;
   std::set<std::pair<ItemNumber, std::string>> wentAway_;
-  /// Places of files that are nobody's to read and that no item is known to be, and what those were
-  /// that were looked at, by their identity.
+  /// Places of files that nobody may read and that belong to no known item; and, by their identity,
+  /// what those were that were looked at.
   std::vector<Place> hidden_;
   std::map<std::string, LocalEntry> revealed_;
   bool isObservingHere_ = false;
@@ -308,8 +307,9 @@ class Engine {
   std::atomic<bool> shallLookThere_ = true;
   bool hasLookedThere_ = false;
   std::optional<std::string> cursor_;
-  /// Places there that uploads are changing; those that they have changed since the remote was last
-  /// asked, whose answer may be older than that; and those of the first of which it was heard.
+  /// Places there that uploads are changing; places that they have changed since the remote was
+  /// last asked, whose answer may be older than that; and those of the first kind of which the
+  /// remote has told since.
   std::multiset<Key> changing_;
   std::set<Key> overtaken_;
   std::set<Key> heard_;
@@ -317,7 +317,7 @@ class Engine {
   std::optional<Error> trouble_;
   std::int64_t troubleUntil_ = 0;
   std::int64_t troubleTries_ = 0;
-  /// Somebody wants to know how it is now.
+  /// Whether somebody wants the remote to be asked now, whatever its trouble was.
   bool shallTryAgain_ = false;
   std::chrono::sys_seconds since_{};
   MirrorHealth::State state_ = MirrorHealth::State::starting;
@@ -327,14 +327,14 @@ class Engine {
   /// Whether removals wait for a confirmation, as counted at the beginning of a round.
   bool areHeldHere_ = false;
   bool areHeldThere_ = false;
-  /// Items whose two contents were compared and are different: which two.
+  /// Items whose two contents were compared and differ, with the names of both contents.
   std::map<ItemNumber, std::string> different_;
   std::map<ItemNumber, std::shared_ptr<Transfer>> busy_;
-  /// Places here of documents that are being filled. What is written there is looked at when that
-  /// has ended: to note each piece would have the disk waited for each time.
+  /// Places here of documents that are being filled. What is written there is looked at when the
+  /// filling has ended: noting each piece would mean to wait for the disk each time.
   std::multiset<Key> filling_;
-  /// A program that goes through a tree reading small documents: the directory that all of them lie
-  /// in, when it waited for one the last time, and how many are brought in ahead of it at a time.
+  /// A program that reads the small documents of a tree: the directory in which all of them lie,
+  /// when it last waited for one, and how many are brought in ahead of it at a time.
   struct Walk {
     ItemNumber top = 0;
     std::int64_t at = 0;
@@ -344,14 +344,15 @@ class Engine {
   /// Documents that it may want next, and those of them that are on their way.
   std::deque<ItemNumber> ahead_;
   unsigned aheadUnderWay_ = 0;
-  /// When it is looked next whether there is more content here than may be, and what has come so
-  /// lately that it stays for now, by the time of its coming.
+  /// When to look next whether there is more content here than may be; and what has come so lately
+  /// that it stays for now, by the time of its coming.
   std::int64_t giveBackAt_ = 0;
-  /// Something has changed since there was seen to be no more content than may be.
+  /// Whether something has changed since no more content was found here than may be.
   bool mayNeedSpace_ = true;
   std::map<ItemNumber, std::int64_t> arrived_;
   std::uint64_t transfersBegun_ = 0;
-  /// Of items as status() tells of them; the root stands for the mirror as health() does.
+  /// The changes of items as status() tells of them; the root stands for the mirror as health()
+  /// does.
   ChangeJournal changes_;
 };
 

@@ -37,17 +37,20 @@ struct Place {
 struct Node {
   Place place;
   Kind kind = Kind::file;
-  /// Here the inode with its birth; there what the remote calls it, empty where it has no names.
+  /// Here the inode with its birth; there what the remote calls it, empty where the remote has no
+  /// identifiers.
   std::string identity;
-  /// Of a file. Here size, modification and change time of the inode; there the remote's.
+  /// The version of a file: here size, modification and change time of the inode; there the
+  /// remote's.
   std::string version;
   std::int64_t size = 0;
   /// Nanoseconds since 1970; absent where the remote keeps none.
   std::optional<std::int64_t> modified;
   std::optional<std::int64_t> mode;
-  /// Here only.
+  /// Used only here.
   bool isPlaceholder = false;
-  /// A placeholder that somebody gave permissions where nobody guards it; `mode` has them.
+  /// Whether it is a placeholder to which somebody gave permissions where nobody guards it; `mode`
+  /// has them.
   bool isExposed = false;
 };
 
@@ -57,7 +60,7 @@ struct Item {
   ItemNumber number = 0;
   std::optional<Node> here;
   /// Place, kind, version, size, time and mode as the remote had them when both agreed. While the
-  /// document is a placeholder: what it stands for.
+  /// document is a placeholder, it is what the placeholder stands for.
   std::optional<Node> agreed;
   std::optional<Node> there;
 
@@ -73,11 +76,11 @@ struct Item {
   std::optional<std::string> reason;
 
   bool isPinned = false;
-  /// Its content is to come back after it was given up for a newer version.
+  /// Whether its content is to come back after it was given up for a newer version.
   bool isWanted = false;
-  /// It went to another directory of the file system, instead of being deleted.
+  /// Whether it went to another directory of the file system, instead of being deleted.
   bool movedOut = false;
-  /// Its removal was confirmed.
+  /// Whether its removal was confirmed.
   bool isConfirmed = false;
   /// The item whose version is under the name; this one is the copy.
   std::optional<ItemNumber> conflictWith;
@@ -89,7 +92,7 @@ struct Item {
 
 enum class Side { here, there };
 
-/// The three trees, in a database. No decision is made here. One thread at a time.
+/// The three trees, in a database. It makes no decision. Used by one thread at a time.
 class Items {
  public:
   /// `changed` is called with the number of every item that is written or erased.
@@ -97,35 +100,34 @@ class Items {
       Database& database, std::function<void(ItemNumber)> changed = [](ItemNumber) {});
 
   std::optional<Item> load(ItemNumber number);
-  /// Writes all of it; gives it a number when it has none.
+  /// Writes the whole item, and gives it a number when it has none.
   void save(Item& item);
   void erase(ItemNumber number);
-  /// Nothing is left to do with the item, unless it is saved again before writeSettled().
+  /// Says that nothing is left to do with the item, unless it is saved again before writeSettled().
   void settled(ItemNumber number) { settled_.insert(number); }
   void writeSettled();
 
   std::optional<Item> at(Side side, const Place& place);
-  /// What is not on that side any more, and was agreed to be at that place; of what is gone here,
-  /// only what is gone there as well.
+  /// Returns the item that is not on that side any more, and was agreed to be at that place; of
+  /// items that are gone here, only one that is gone there as well.
   std::optional<Item> lastAt(Side side, const Place& place);
-  /// Items of that identity; several only while files are being exchanged.
+  /// Returns the items of that identity; there are several only while files are being exchanged.
   std::vector<Item> withIdentity(Side side, const std::string& identity);
-  /// Numbers of the items in a directory, at most `most` with a number greater than `after`, in
-  /// their order.
+  /// Returns the numbers of the items in a directory, at most `most` with a number greater than
+  /// `after`, in their order.
   std::vector<ItemNumber> children(Side side, ItemNumber parent, ItemNumber after = 0,
                                    std::int64_t most = -1);
-  /// Names from the top down to the item; absent when it is not on that side.
+  /// Returns the names from the top down to the item; absent when it is not on that side.
   std::optional<std::string> path(Side side, ItemNumber number);
-  /// Whether `number` is `directory` or below it.
+  /// Returns whether `number` is `directory` or below it.
   bool isBelow(Side side, ItemNumber number, ItemNumber directory);
 
-  /// What is due at `now`: what appears or changes in the order of its becoming due, then removals,
-  /// the latest first.
-  /// `condition` restricts it.
+  /// Returns what is due at `now`: first what appears or changes, in the order in which it became
+  /// due, then removals, the latest first. `condition` restricts it.
   std::vector<ItemNumber> due(std::int64_t now, bool removals, const std::string& condition,
                               std::int64_t most);
   std::optional<std::int64_t> nextDue(const std::string& condition);
-  /// Everything that waits is due now.
+  /// Makes everything that waits due now.
   void makeAllDue(std::int64_t now);
 
   std::int64_t count(const char* condition);
