@@ -18,18 +18,19 @@ constexpr std::string_view partial = "PARTIAL";
 
 }  // namespace
 
-Model::Model(std::uint64_t seed) : clock_(newClock()), random_(seed) {
+Model::Model(std::uint64_t seed, Server* server)
+    : server_(server), base_("/m" + std::to_string(seed)), clock_(newClock()), random_(seed) {
   qx::Clock::setCurrent(clock_);
   clock_.advance(std::chrono::hours(1));
   coordinate(scratch_ / "", chance(50) ? "access" : "cooperative");
-  const std::string there = scratch_ / "there";
-  fs::create_directories(there);
+  fs::create_directories(there_);
   const bool hasIdentifiers = chance(80);
   const unsigned count = chance(25) ? 2 : 1;
   isAlone_ = count == 1 && chance(30);
   for (unsigned number = 0; number < count; ++number) {
-    auto remote = std::make_unique<UnreliableRemote>(makeFolderRemote(there));
+    auto remote = std::make_unique<UnreliableRemote>(reach(false));
     remote->random = &random_;
+    if (server_) remote->isDead = &isCrashed_;
     remote->hasIdentifiers = hasIdentifiers;
     if (chance(30)) remote->failures = 1 + below(80);
     if (chance(15)) remote->lies = 1 + below(100);
@@ -47,8 +48,15 @@ Model::Model(std::uint64_t seed) : clock_(newClock()), random_(seed) {
       isMeanwhile_ = false;
     };
   }
-  sides_.push_back({there, nullptr});
+  if (!server_) sides_.push_back({there_, nullptr});
   interference_ = chance(60) ? 1 + below(25) : 0;
+}
+
+/// The documents there; on a server directly, or as the machines reach it.
+std::unique_ptr<Remote> Model::reach(bool isDirect) const {
+  if (!server_) return makeFolderRemote(there_);
+  const AllSeeing all;
+  return server_->documents(base_, isDirect);
 }
 
 std::string Model::trace() const {
@@ -165,8 +173,8 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
   const bool isDirectory = fs::is_directory(status);
   const bool isOtherBelow = other.starts_with(path + "/") || other == path;
   // A link at the remote takes a name that nobody here knows of; it keeps to its own.
-  const bool movesLink = side.root == sides_.back().root &&
-                         (fs::is_symlink(status) || fs::is_symlink(fs::symlink_status(other)));
+  const bool movesLink =
+      side.root == there_ && (fs::is_symlink(status) || fs::is_symlink(fs::symlink_status(other)));
   const auto label = [&](const std::string& what) {
     say((isInside ? "    ! " : "") + what + " " + relative(path));
   };
@@ -256,7 +264,7 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
       if (chance(50)) {
         label("link symbolically");
         // There under a name that nothing else takes.
-        const bool isThere = side.root == sides_.back().root;
+        const bool isThere = side.root == there_;
         ::symlink("nothing", (path + (isThere ? ".link" : "")).c_str());
       } else if (isFile && !fs::exists(fs::symlink_status(other))) {
         label("link as " + relative(other) + ":");
@@ -353,7 +361,25 @@ bool Model::work(Machine& machine) {
   return hasMore;
 }
 
+/// What becomes of the requests to come.
+void Model::disturbTheLine() {
+  std::string faults;
+  for (unsigned count = 1 + below(8); count > 0; --count) {
+    static const std::array<std::string, 7> kinds = {"null", R"("reset")", "500",        "502",
+                                                     "503",  "429",        R"("repeat")"};
+    const auto kind = below(kinds.size() + 2);
+    const auto fault = kind < kinds.size() ? kinds[kind]
+                       : kind == kinds.size()
+                           ? R"({"cut": )" + std::to_string(1 + below(300)) + "}"
+                           : R"({"corrupt": )" + std::to_string(below(2000)) + "}";
+    faults += (faults.empty() ? "" : ",") + fault;
+  }
+  say("line: " + faults);
+  server_->tell(R"({"faults": [)" + faults + "]}");
+}
+
 void Model::act() {
+  if (server_ && chance(30)) disturbTheLine();
   const auto kind = below(100);
   auto& machine = *machines_[below(machines_.size())];
   if (kind < 45) {
@@ -414,6 +440,7 @@ std::string Model::rest() {
     remote->failures = 0;
     remote->lies = 0;
   }
+  if (server_) server_->tell(R"({"faults": []})");
   interference_ = 0;
   // Each brings the other's work home.
   for (int round = 0; round < 4; ++round) {
@@ -427,14 +454,55 @@ std::string Model::rest() {
   return {};
 }
 
+/// Copies what the server has, as it tells itself.
+std::string Model::fetch() {
+  if (!server_) return {};
+  const auto remote = reach(true);
+  if (const auto identity = remote->identity(false); !identity) return identity.error().text();
+  hasModes_ = remote->capabilities().modes;
+  std::vector<std::string> directories{""};
+  while (!directories.empty()) {
+    const auto directory = std::exchange(directories.back(), "");
+    directories.pop_back();
+    std::vector<RemoteItem> items;
+    const auto listed =
+        remote->list(directory, [&](const RemoteItem& item) { items.push_back(item); });
+    if (!listed) return listed.error().text();
+    for (const auto& item : items) {
+      const auto path = directory.empty() ? item.name : directory + "/" + item.name;
+      const auto copy = there_ + "/" + path;
+      if (item.kind == RemoteKind::directory) {
+        fs::create_directory(copy);
+        directories.push_back(path);
+      } else {
+        std::string text;
+        const auto read =
+            remote->read(path, item.version, 0, item.size, [&](std::string_view part) {
+              text += part;
+              return Result<void>();
+            });
+        if (!read) return path + ": " + read.error().text();
+        write(copy, text);
+      }
+      if (hasModes_ && item.mode) ::chmod(copy.c_str(), *item.mode);
+    }
+  }
+  return {};
+}
+
 std::string Model::compare() {
-  const auto& there = sides_.back().root;
+  if (auto problem = fetch(); !problem.empty()) return problem;
+  const auto& there = there_;
+  // Servers keep permissions of documents at most.
+  const auto modeOf = [&](const mirror::LocalEntry& entry) {
+    return server_ && (!hasModes_ || entry.kind != mirror::Kind::file) ? 0 : entry.mode;
+  };
   std::map<std::string, std::string> expected;
   for (const auto& path : entries(there)) {
     const auto entry = mirror::lookAt(AT_FDCWD, path);
     if (!entry || !entry->kind) continue;
     std::ostringstream line;
-    line << static_cast<int>(*entry->kind) << " " << std::oct << entry->mode << " ";
+    line << static_cast<int>(*entry->kind) << " " << std::oct << modeOf(*entry) << " ";
     if (entry->kind == mirror::Kind::file) line << read(path);
     expected[path.substr(there.size())] = line.str();
     if (isAlone_ && path.find("(conflict ") != std::string::npos) {
@@ -460,8 +528,8 @@ std::string Model::compare() {
                (status && status->reason ? ": " + *status->reason : "");
       }
       std::ostringstream line;
-      line << (entry->kind ? static_cast<int>(*entry->kind) : 0) << " " << std::oct << entry->mode
-           << " ";
+      line << (entry->kind ? static_cast<int>(*entry->kind) : 0) << " " << std::oct
+           << modeOf(*entry) << " ";
       if (entry->kind == mirror::Kind::file) line << read(path);
       if (line.str() != theirs->second) {
         return relative(path) + " is another: " + line.str().substr(0, 24) + " and there " +

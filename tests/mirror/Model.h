@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tests/mirror/Servers.h"
 #include "tests/mirror/World.h"
 
 /// Random work on both sides, and a simple account of every content that was ever written.
@@ -22,6 +23,8 @@ class UnreliableRemote final : public Remote {
   unsigned lies = 0;
   bool hasIdentifiers = true;
   std::mt19937_64* random = nullptr;
+  /// The process that uses it is dead as long as that is true, and sends nothing any more.
+  const bool* isDead = nullptr;
   /// Called when something was written there, before whoever wrote it is told.
   std::function<void()> hasWritten;
   /// Has the mirror ask what has changed; the run decides when.
@@ -93,9 +96,9 @@ class UnreliableRemote final : public Remote {
   Error gone() const { return remoteError(problem, "The line is cut."); }
   template <class T, class F>
   Result<T> tried(F work) {
-    if (isOffline || happens(failures)) return gone();
+    if (isOffline || (isDead && *isDead) || happens(failures)) return gone();
     auto answer = work();
-    if (isMute || happens(failures)) return gone();
+    if (isMute || (isDead && *isDead) || happens(failures)) return gone();
     return answer;
   }
   RemoteItem shown(RemoteItem item) const {
@@ -112,7 +115,9 @@ class UnreliableRemote final : public Remote {
 /// One run: from a seed, so many actions, a rest, and the comparison.
 class Model {
  public:
-  explicit Model(std::uint64_t seed);
+  /// The documents lie in a directory, which people work in too; or on a server, which only the
+  /// machines reach, through a proxy that breaks what they ask and are told.
+  explicit Model(std::uint64_t seed, Server* server = nullptr);
   /// What is wrong at the end; empty when nothing is.
   std::string run();
   /// What was done, for a person.
@@ -138,6 +143,9 @@ class Model {
   bool have(const Side& side, const std::string& path, bool isInside);
   void seen(const std::vector<std::string>& roots, const std::function<void()>& work);
   void finishWriting();
+  void disturbTheLine();
+  std::unique_ptr<Remote> reach(bool isDirect) const;
+  std::string fetch();
   std::string newContent();
   std::string randomPath(const Side& side);
   static std::string randomName(Model& model);
@@ -152,6 +160,11 @@ class Model {
 
   const OrdinaryUser user_;
   Scratch scratch_;
+  /// What the remote stands for, or a copy of what the server has.
+  const std::string there_ = scratch_ / "there";
+  Server* const server_;
+  const std::string base_;
+  bool hasModes_ = true;
   qx::ManualClock& clock_;
   std::mt19937_64 random_;
   std::vector<std::unique_ptr<Machine>> machines_;

@@ -14,22 +14,38 @@ std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
   return text ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-TEST(ModelTest, NothingIsLostAndBothSidesAreEqualAtRest) {
-  const auto runs = numberFrom("DOCSOURCE_MODEL_RUNS", 40);
+void expectNoFindings(std::uint64_t usually,
+                      const std::function<std::unique_ptr<Model>(std::uint64_t seed)>& make) {
+  const auto runs = numberFrom("DOCSOURCE_MODEL_RUNS", usually);
   const auto first = numberFrom("DOCSOURCE_MODEL_SEED", 1);
   std::uint64_t findings = 0;
-  // What a process does once only would make the first run another one than it is later.
-  EXPECT_EQ(Model(0).run(), "");
   for (auto seed = first; seed < first + runs; ++seed) {
-    Model model(seed);
-    const auto problem = model.run();
+    const auto model = make(seed);
+    const auto problem = model->run();
     if (problem.empty()) continue;
     ++findings;
     ADD_FAILURE() << "DOCSOURCE_MODEL_RUNS=1 DOCSOURCE_MODEL_SEED=" << seed << ": " << problem
-                  << (runs == 1 ? "\n" + model.trace() : "");
+                  << (runs == 1 ? "\n" + model->trace() : "");
   }
-  RecordProperty("runs", std::to_string(runs));
-  RecordProperty("findings", std::to_string(findings));
+  testing::Test::RecordProperty("runs", std::to_string(runs));
+  testing::Test::RecordProperty("findings", std::to_string(findings));
 }
+
+TEST(ModelTest, NothingIsLostAndBothSidesAreEqualAtRest) {
+  // What a process does once only would make the first run another one than it is later.
+  EXPECT_EQ(Model(0).run(), "");
+  expectNoFindings(40, [](std::uint64_t seed) { return std::make_unique<Model>(seed); });
+}
+
+class ModelAtServers : public testing::TestWithParam<std::string> {};
+
+TEST_P(ModelAtServers, NothingIsLostAndBothSidesAreEqualAtRest) {
+  Server server(GetParam());
+  if (!server.runs()) GTEST_SKIP() << server.says();
+  expectNoFindings(2, [&](std::uint64_t seed) { return std::make_unique<Model>(seed, &server); });
+}
+
+INSTANTIATE_TEST_SUITE_P(, ModelAtServers, testing::Values("lighttpd", "nginx", "moto", "s3rver"),
+                         [](const auto& server) { return server.param; });
 
 }  // namespace

@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "extensions/s3/S3Remote.h"
+#include "tests/mirror/Servers.h"
 #include "tests/mirror/World.h"
-#include "tests/webdav/ServerProcess.h"
 
 namespace {
 
@@ -176,78 +175,39 @@ TEST_P(RemoteTest, IsKnownAgainAndTellsWhatHasChanged) {
               std::find(told->items.begin(), told->items.end(), "new") != told->items.end());
 }
 
-using webdav::test::ServerProcess;
-
-std::unique_ptr<Remote> inBucket(const ServerProcess& server, const std::string& address,
-                                 const std::string& base) {
-  if (!server.url()) return nullptr;
-  s3::S3Options options;
-  options.url = "s3://docs" + base;
-  options.endpoint = address;
-  options.connection.wait = [](std::chrono::milliseconds) { return true; };
-  options.credentials = [] { return Result<s3::Credentials>({"S3RVER", "S3RVER", std::nullopt}); };
-  return *s3::makeS3Remote(std::move(options));
-}
-
-/// A server behind a proxy that is slow, and has no time for every third request.
-class BehindAProxy {
- public:
-  BehindAProxy(const std::string& kind, const std::string& script) : server_(kind, script) {
-    if (!server_.url()) return;
-    const auto top = server_.url()->substr(0, server_.url()->find('/', 8));
-    proxy_.emplace(std::vector<std::string>{"python3", PROXY, top.substr(top.rfind(':') + 1)});
-    address_ = proxy_->readLine();
-    std::string faults = "null";
-    for (int i = 0; i < 1000; ++i) faults += i % 3 == 0 ? ",503" : i % 7 == 0 ? ",429" : ",null";
-    proxy_->ask(R"({"delay": 0.002, "faults": [)" + faults + "]}");
-  }
-  ~BehindAProxy() {
-    if (proxy_) proxy_->wait();
-  }
-  const ServerProcess& server() const { return server_; }
-  const std::string& address() const { return address_; }
-
- private:
-  const ServerProcess server_;
-  std::optional<qx::test::ChildProcess> proxy_;
-  std::string address_;
-};
-
-std::unique_ptr<Remote> onServer(const ServerProcess& server, const std::string& top,
-                                 const std::string& base) {
-  if (!server.url()) return nullptr;
-  auto options = server.options();
-  fs::create_directories(server.files() + base);
-  options.url = top + base;
-  options.connection.wait = [](std::chrono::milliseconds) { return true; };
-  return *webdav::makeWebDAVRemote(std::move(options));
+/// Behind a proxy that is slow, and has no time for every third request.
+std::unique_ptr<Remote> behindAProxy(Server& server, const std::string& base) {
+  if (!server.runs()) return nullptr;
+  std::string faults = "null";
+  for (int i = 0; i < 1000; ++i) faults += i % 3 == 0 ? ",503" : i % 7 == 0 ? ",429" : ",null";
+  server.tell(R"({"delay": 0.002, "faults": [)" + faults + "]}");
+  return server.documents(base, false);
 }
 
 const Kind kinds[] = {{"Folder", [](const std::string& base) { return makeFolderRemote(base); }},
                       {"WebDAV",
-                       [](const std::string& base) -> std::unique_ptr<Remote> {
-                         static const ServerProcess server("rclone", WEBDAV_SERVERS);
-                         const auto top = server.says();
-                         return onServer(server, top.substr(0, top.size() - 1), base);
+                       [](const std::string& base) {
+                         static const Server server("rclone");
+                         return server.documents(base, true);
                        }},
                       {"WebDAVBehindAProxy",
                        [](const std::string& base) {
-                         static const BehindAProxy way("lighttpd", WEBDAV_SERVERS);
-                         return onServer(way.server(), way.address(), base);
+                         static Server server("lighttpd");
+                         return behindAProxy(server, base);
                        }},
                       {"S3BehindAProxy",
                        [](const std::string& base) {
-                         static const BehindAProxy way("moto", S3_SERVERS);
-                         return inBucket(way.server(), way.address(), base);
+                         static Server server("moto");
+                         return behindAProxy(server, base);
                        }},
                       {"S3Moto",
                        [](const std::string& base) {
-                         static const ServerProcess server("moto", S3_SERVERS);
-                         return inBucket(server, server.says(), base);
+                         static const Server server("moto");
+                         return server.documents(base, true);
                        }},
                       {"S3rver", [](const std::string& base) {
-                         static const ServerProcess server("s3rver", S3_SERVERS);
-                         return inBucket(server, server.says(), base);
+                         static const Server server("s3rver");
+                         return server.documents(base, true);
                        }}};
 
 INSTANTIATE_TEST_SUITE_P(Remotes, RemoteTest, testing::ValuesIn(kinds),
