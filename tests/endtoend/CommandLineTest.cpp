@@ -395,6 +395,8 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   fails({"resolve", bookmark}, "DSErrorDomain 3");
   fails({"revoke", "A.txt", "--provider", "other", "--consumer", toolIdentifier}, "no such grant");
 
+  installed.behave({{vendorIdentifier, "absent"}});
+  fails({"bookmark", "A.txt"}, "its provider " + std::string(provider) + " gave no identifier");
   fails({"bookmark", "/etc/passwd"}, "belongs to no provider");
   const auto nothing = run({"bookmark", "/etc/passwd", "--json"});
   EXPECT_EQ(nothing.output, "{\"bookmark\": null}\n");

@@ -163,12 +163,16 @@ int extendBookmark(const Arguments& arguments) {
 
 int bookmark(const Arguments& arguments) {
   const auto url = urlFromArgument(arguments.subject);
-  const auto bookmark = Client(arguments.timeout).bookmarkableString(url);
+  Client client(arguments.timeout);
+  const auto bookmark = client.bookmarkableString(url);
   if (!bookmark) return fail(arguments, bookmark.error());
   if (*bookmark) return printBookmark(arguments, **bookmark);
   answer(arguments.json, {{"bookmark", qx::Value()}}, "");
-  return fail(arguments, complaint("There is no bookmarkable string: " + readable(url) +
-                                   " belongs to no provider"));
+  const auto provider = providerOf(client, url);
+  std::string reason = " belongs to no provider";
+  if (!provider) reason += ", or its provider gave no identifier for it";
+  if (provider && *provider) reason = ": its provider " + **provider + " gave no identifier for it";
+  return fail(arguments, complaint("There is no bookmarkable string: " + readable(url) + reason));
 }
 
 int resolve(const Arguments& arguments) {

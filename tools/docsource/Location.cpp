@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "docsource/error.h"
+#include "platform/files/FileManager.h"
 
 namespace tool {
 namespace {
@@ -69,6 +70,21 @@ std::string urlFromArgument(std::string_view argument) {
   const auto document = std::filesystem::canonical(path, failed);
   const bool isThere = !failed && std::filesystem::is_regular_file(document, failed);
   return docsource::fileURL(isThere ? document.string() : path);
+}
+
+docsource::Result<std::optional<std::string>> providerOf(docsource::Client& client,
+                                                         const std::string& url) {
+  const auto listing = client.providers();
+  if (!listing) return listing.error();
+  for (const auto& provider : *listing) {
+    if (!provider.documentStorageURL) continue;
+    const auto relation = qx::FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(
+        qx::URL(*provider.documentStorageURL), qx::URL(url));
+    if (relation && *relation == qx::DirectoryRelationship::contains) {
+      return std::optional(provider.identifier);
+    }
+  }
+  return std::optional<std::string>();
 }
 
 std::string readable(const std::string& url) { return docsource::pathOfURL(url).value_or(url); }

@@ -12,7 +12,6 @@
 #include <map>
 
 #include "docsource/placeholder.h"
-#include "platform/files/FileManager.h"
 #include "tools/docsource/Accounts.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Desktop.h"
@@ -177,21 +176,6 @@ void addLines(const Place& place, const Arguments& arguments, std::vector<Line>&
   }
 }
 
-/// The provider in whose directory the document is.
-Result<std::optional<std::string>> providerOf(docsource::Client& client, const std::string& path) {
-  const auto listing = client.providers();
-  if (!listing) return listing.error();
-  for (const auto& provider : *listing) {
-    if (!provider.documentStorageURL) continue;
-    const auto relation = qx::FileManager::getRelationship_ofDirectoryAtURL_toItemAtURL(
-        qx::URL(*provider.documentStorageURL), qx::URL::fileURL(path));
-    if (relation && *relation == qx::DirectoryRelationship::contains) {
-      return std::optional(provider.identifier);
-    }
-  }
-  return std::optional<std::string>();
-}
-
 /// Why a provider that answered with success kept the content, as far as can be seen from here.
 std::string reasonToKeep(const std::string& path) {
   const docsource::Descriptor file(
@@ -210,7 +194,7 @@ Error keeps(const std::string& path, const std::string& reason) {
 /// Has one document of a provider that is no account given back.
 Result<void> evictDocument(const std::string& path, const Arguments& arguments) {
   docsource::Client client(arguments.timeout);
-  const auto provider = providerOf(client, path);
+  const auto provider = providerOf(client, docsource::fileURL(path));
   if (!provider) return provider.error();
   if (!*provider) return complaint(path + " belongs to no provider");
   auto stopped = client.stopProviding(docsource::fileURL(path), **provider, ownIdentifier);
