@@ -145,7 +145,8 @@ TEST_F(CommandLine, RefusesWhatIsNoCommand) {
   EXPECT_EQ(ask({"--version"}).find("docsource "), 0U);
   EXPECT_EQ(ask({"--complete", "start", "--consumer", ""}).find(toolIdentifier), 0U);
   EXPECT_EQ(ask({"--complete", "--json", "device", "un"}),
-            "status\tTell whether the device is locked\nlock\tLock it\nunlock\tUnlock it\n");
+            "status\tShow whether the device is locked, and how programs are coordinated\n"
+            "lock\tLock the device\nunlock\tUnlock the device\n");
 }
 
 TEST_F(CommandLine, TellsThatAServiceIsAway) {
@@ -265,13 +266,13 @@ TEST_F(CommandLine, TellsWhatDocumentsOccupyAndGivesItBack) {
   const char* const mark = "user.docsource.placeholder";
   doctorSaysOfMarks("\nok     marks: 1 of 1 ");
   for (const auto& [value, said] :
-       {std::pair<std::string, std::string>("placehold", " is not what a placeholder is"),
+       {std::pair<std::string, std::string>("placehold", " is not one of a placeholder"),
         {"placeholder inode:1", " was made for another file"}}) {
     ASSERT_EQ(::setxattr(path.c_str(), mark, value.data(), value.size(), 0), 0);
-    doctorSaysOfMarks("wrong  marks: That of " + path + said);
+    doctorSaysOfMarks("wrong  marks: The mark of " + path + said);
   }
   ASSERT_EQ(::removexattr(path.c_str(), mark), 0);
-  doctorSaysOfMarks("note   marks: There is none on " + path);
+  doctorSaysOfMarks("note   marks: There is no mark on " + path);
   ASSERT_EQ(::setxattr(path.c_str(), mark, "placeholder", 11, 0), 0);
 
   // Several at a time, the good ones in spite of the bad one.

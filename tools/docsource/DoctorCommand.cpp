@@ -112,7 +112,7 @@ bool lookAtUnit(ServiceManager manager, const std::string& name, const Unit& uni
   const std::string command = isUsers ? ": systemctl --user " : ", as root: systemctl ";
   const bool hasFailed = unit.activeState == "failed";
   if (hasFailed) {
-    report.wrong(name, "It failed (" + unit.result + "). What it said: journalctl " +
+    report.wrong(name, "It failed (" + unit.result + "). To see its log: journalctl " +
                            (isUsers ? "--user " : "") + "-u " + name + ". To start it again" +
                            command + "restart " + name);
   }
@@ -163,10 +163,11 @@ void lookAtPlatform(Report& report) {
           "Programs wait when they open a document, for all of it: the kernel cannot "
           "tell of single accesses (Linux 6.14 can).");
     case qx::CoordinationMechanism::cooperative:
-      return report.note("kernel",
-                         "platformd may not watch files (it takes CAP_SYS_ADMIN): programs cannot "
-                         "open a document whose content is not here. Bring it in with docsource "
-                         "get, or copy it with docsource read.");
+      return report.note(
+          "kernel",
+          "platformd may not watch files (that needs CAP_SYS_ADMIN): programs cannot "
+          "open a document whose content is not here. Bring it in with docsource "
+          "get, or copy it with docsource read.");
   }
 }
 
@@ -192,23 +193,24 @@ void lookAtFileSystem(Report& report) {
                         "No file can be made in " + where + " (" + std::strerror(errno) + ").");
   }
   if (status.st_blocks * 512 >= size) {
-    return report.wrong("file system", "That of " + where + " has no sparse files.");
+    return report.wrong("file system", "The file system of " + where + " has no sparse files.");
   }
   if (::fsetxattr(file.get(), "user.docsource.test", "1", 1, 0) != 0) {
-    return report.wrong("file system", "That of " + where +
-                                           " has no extended attributes of users, "
-                                           "and without them nothing can be a placeholder.");
+    return report.wrong("file system", "The file system of " + where +
+                                           " has no extended attributes of users; without them "
+                                           "there can be no placeholders.");
   }
   struct statvfs space {};
   if (::statvfs(where.c_str(), &space) != 0) return;
   const auto left = static_cast<std::uint64_t>(space.f_bavail) * space.f_frsize;
   constexpr std::uint64_t little = 200'000'000;
   if (left < little) {
-    return report.wrong("file system", "Only " + sizeText(left) + " are left on that of " + where +
+    return report.wrong("file system", "Only " + sizeText(left) +
+                                           " are left on the file system of " + where +
                                            ". To give some back: docsource evict DIRECTORY");
   }
-  report.good("file system",
-              "That of " + where + " is fit for documents, and has " + sizeText(left) + " left.");
+  report.good("file system", "The file system of " + where + " is fit for documents, and has " +
+                                 sizeText(left) + " left.");
 }
 
 void lookAtBundles(Report& report) {
@@ -326,25 +328,25 @@ class Marks {
 
   void tell(Report& report) const {
     if (!damaged_.isEmpty()) {
-      report.wrong("marks", "That of " + damaged_.text() +
-                                " is not what a placeholder is marked with. To have the content "
-                                "brought in while that can be done: docsource get");
+      report.wrong("marks", "The mark of " + damaged_.text() +
+                                " is not one of a placeholder. To have the content brought in "
+                                "while that is possible: docsource get");
     }
     if (!copied_.isEmpty()) {
-      report.wrong("marks", "That of " + copied_.text() +
+      report.wrong("marks", "The mark of " + copied_.text() +
                                 " was made for another file, and there are holes in this one, "
                                 "from which programs read zeros. If those are not its content, "
-                                "put it back from where the document lives, or from a backup.");
+                                "restore it from where the document lives, or from a backup.");
     }
     if (!unmarked_.isEmpty()) {
-      report.note("marks", "There is none on " + unmarked_.text() +
-                               ", of which next to nothing was ever written, so that programs "
-                               "read zeros. If those are not its content, put it back from where "
-                               "the document lives, or from a backup.");
+      report.note("marks", "There is no mark on " + unmarked_.text() +
+                               ", and next to nothing was ever written to it, so programs read "
+                               "zeros. If those are not its content, restore it from where the "
+                               "document lives, or from a backup.");
     }
     if (damaged_.isEmpty() && copied_.isEmpty() && unmarked_.isEmpty()) {
       report.good("marks", std::to_string(placeholders_) + " of " + std::to_string(files_) +
-                               " documents are placeholders, and marked as they should be.");
+                               " documents are placeholders, and are marked correctly.");
     }
   }
 
@@ -422,13 +424,13 @@ void lookAtMarks(const Arguments& arguments, Report& report) {
 void lookAtSandbox(Report& report) {
   if (!programCalled("bwrap")) {
     return report.note("sandbox",
-                       "docsource run takes bubblewrap (bwrap), which is not installed.");
+                       "docsource run needs bubblewrap (bwrap), which is not installed.");
   }
   long most = 1;
   std::ifstream("/proc/sys/user/max_user_namespaces") >> most;
   if (most == 0) {
     return report.note("sandbox",
-                       "docsource run takes user namespaces, and this machine allows "
+                       "docsource run needs user namespaces, and this machine allows "
                        "none (user.max_user_namespaces).");
   }
   report.good("sandbox", "docsource run can make one.");

@@ -42,25 +42,24 @@ constexpr Command commands[] = {
     {"add s3", "NAME s3://BUCKET[/PREFIX]", false, false, addS3,
      "Add an account for the documents in a bucket of an S3 store"},
     {"accounts", nullptr, false, false, accounts,
-     "List the accounts, how they are, and what waits to be uploaded"},
+     "List the accounts, their state, and what waits to be uploaded"},
     {"remove", "NAME", false, false, removeAccount, "Remove an account and its documents here"},
-    {"sync", "[NAME]", false, false, sync, "Look for changes now, and wait until both sides agree"},
+    {"sync", "[NAME]", false, false, sync, "Compare both sides now, and wait until they agree"},
     {"conflicts", nullptr, false, false, conflicts,
      "List documents that were changed on both sides, or settle one of them"},
     {"status", "PATH...", false, false, status,
-     "Tell of documents whether their content is here, and what they occupy"},
+     "Say whether the content of documents is here, and how much space they occupy"},
     {"get", "PATH...", false, false, get, "Have the content of documents brought in"},
     {"evict", "PATH...", false, false, evict, "Have the space of documents given back"},
     {"pin", "PATH...", false, false, pin, "Keep the content of documents here from now on"},
-    {"unpin", "PATH...", false, false, unpin, "Keep it no longer"},
+    {"unpin", "PATH...", false, false, unpin, "Keep the content no longer"},
     {"read", "URL", false, false, read,
      "Have the document's content brought in and copy it to standard output"},
     {"transfers", nullptr, false, false, transfers, "List what is under way, in both directions"},
-    {"cancel", "PATH", false, false, cancel, "Give the transfer of a document up"},
-    {"watch", nullptr, false, false, watch,
-     "Tell what happens in the accounts, as it happens, until it is ended"},
+    {"cancel", "PATH", false, false, cancel, "Cancel the transfer of a document"},
+    {"watch", nullptr, false, false, watch, "Print what happens in the accounts, as it happens"},
     {"doctor", nullptr, false, false, doctor,
-     "Look at everything that can be wrong, and say what to do about it"},
+     "Check everything that can be wrong, and say what to do about it"},
     {"grants", nullptr, false, false, grants, "List the grants"},
     {"revoke", "ITEM-OR-PATH", true, true, revoke, "Take a grant back"},
     {"extend-bookmark", "URL", false, true, extendBookmark,
@@ -73,19 +72,20 @@ constexpr Command commands[] = {
     {"consume", "TOKEN", false, false, consume,
      "Redeem a token and copy its document to standard output"},
     {"run", "IDENTIFIER", false, false, run,
-     "Run an installed application in a sandbox; its arguments stand behind --"},
+     "Run an installed application in a sandbox; its arguments follow --"},
     {"install", "BUNDLE", false, false, install, "Install an application or a provider extension"},
-    {"uninstall", "IDENTIFIER", false, false, uninstall, "Remove the bundles of that identifier"},
+    {"uninstall", "IDENTIFIER", false, false, uninstall, "Remove the bundles with that identifier"},
     {"bundles", nullptr, false, false, bundles, "List the installed bundles"},
     {"providers", nullptr, false, false, providers,
-     "List the providers and their documents' place"},
+     "List the providers and the directories of their documents"},
     {"placeholder", "URL", true, true, placeholder, "Have a placeholder of the document made"},
     {"start", "URL", true, true, start, "Have the document's content brought in"},
-    {"stop", "URL", true, true, stop, "Tell that the consumer needs the document no longer"},
-    {"wake-up", nullptr, false, false, wakeUp, "Wait until the broker serves calls"},
-    {"device status", nullptr, false, false, deviceStatus, "Tell whether the device is locked"},
-    {"device lock", nullptr, false, false, deviceLock, "Lock it"},
-    {"device unlock", nullptr, false, false, deviceUnlock, "Unlock it"},
+    {"stop", "URL", true, true, stop, "Say that the consumer no longer needs the document"},
+    {"wake-up", nullptr, false, false, wakeUp, "Wait until the broker answers"},
+    {"device status", nullptr, false, false, deviceStatus,
+     "Show whether the device is locked, and how programs are coordinated"},
+    {"device lock", nullptr, false, false, deviceLock, "Lock the device"},
+    {"device unlock", nullptr, false, false, deviceUnlock, "Unlock the device"},
 };
 
 /// Within what fits the clocks; an operation that takes longer than a year has been forgotten.
@@ -213,9 +213,9 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
     addSettings(s3Options, entry, arguments);
     addSettings(reachOptions, entry, arguments);
   } else if (command.run == status) {
-    entry.add_flag("-r,--recursive", arguments.recursive, "Of everything below a directory");
+    entry.add_flag("-r,--recursive", arguments.recursive, "Include everything below directories");
     entry.add_flag("-d,--directory", arguments.directory,
-                   "Of directories themselves, instead of what is in them");
+                   "Look at directories themselves, instead of what is in them");
   } else if (command.run == watch) {
     entry.add_flag("--notify", arguments.notify,
                    "Notify the desktop of conflicts, of what fails for long and of accounts that "
@@ -234,12 +234,13 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
     entry.add_flag("--notify", arguments.notify,
                    "Notify the desktop, too, of what could not be done");
   } else if (command.run == removeAccount) {
-    entry.add_flag("--discard", arguments.discard, "Even what exists nowhere else");
+    entry.add_flag("--discard", arguments.discard, "Give up documents that exist nowhere else");
   } else if (command.run == sync) {
     entry.add_flag("--confirm-deletions", arguments.confirmDeletions,
                    "Delete the many documents that are gone on one side on the other");
   } else if (command.run == install) {
-    entry.add_flag("--yes", arguments.yes, "Give an application what it wants, without asking");
+    entry.add_flag("--yes", arguments.yes,
+                   "Give an application what it asks of the world, without a question");
   } else if (command.run == run) {
     entry
         .add_option("--document", arguments.documents,
