@@ -220,7 +220,8 @@ class Engine {
   bool areDifferent(const Item& item);
   bool wasSent(const Place& place, const std::string& hash);
   void carrySent(const Place& from, const Place& to);
-  std::optional<Item> senderTo(const Place& place);
+  std::optional<Item> senderTo(const Node& there);
+  void adopt(const Item& sender, const Item& arrived);
   std::optional<Place> sentTo(ItemNumber number);
   void countRemovals();
   std::optional<std::int64_t> goingUntil(Side side);

@@ -123,14 +123,28 @@ void Engine::carrySent(const Place& from, const Place& to) {
   items_->forgetFact(sentFact(from));
 }
 
-/// The document whose first version was sent to that place there without an answer, and that has
-/// gone elsewhere here since.
-std::optional<Item> Engine::senderTo(const Place& place) {
-  if (!items_->fact(sentFact(place))) return std::nullopt;
-  auto item = items_->withFact(sending, textOf(place));
-  const bool isIt = item && item->here && item->here->kind == Kind::file &&
-                    item->here->place != place && !item->agreed && !item->there;
+/// The document whose first version was sent there without an answer, or the directory that was to
+/// be made there, that has gone elsewhere here since.
+std::optional<Item> Engine::senderTo(const Node& there) {
+  const bool isFile = there.kind == Kind::file;
+  if (isFile && !items_->fact(sentFact(there.place))) return std::nullopt;
+  auto item = items_->withFact(sending, textOf(there.place));
+  const bool isIt = item && item->here && item->here->kind == there.kind &&
+                    item->here->place != there.place && !item->agreed && !item->there;
   return isIt ? std::move(item) : std::nullopt;
+}
+
+/// What has arrived there is what the sender has sent: both are one item, and agree on that.
+void Engine::adopt(const Item& sender, const Item& arrived) {
+  Database::Transaction transaction(*database_);
+  change(sender.number, [&](Item& sent) {
+    sent.there = arrived.there;
+    sent.agreed = arrived.there;
+    sent.due = now();
+  });
+  items_->erase(arrived.number);
+  items_->forgetFacts(factsOf(sending, sender.number));
+  transaction.commit();
 }
 
 /// Where the first version of an item was sent to without an answer.
@@ -180,7 +194,7 @@ bool Engine::makePlaceholders(Lock& lock) {
     const Node& there = *item->there;
     const auto parentItem = items_->load(there.place.parent);
     if (!parentItem || !parentItem->here || items_->at(Side::here, there.place)) continue;
-    if (senderTo(there.place)) continue;
+    if (senderTo(there)) continue;
     if (parent != there.place.parent) {
       auto opened = directoryHere(there.place.parent);
       if (!opened) continue;
@@ -486,7 +500,11 @@ Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
   if (!haveParent(lock, Side::there, here.place.parent)) return waitForOthers(item.number);
   if (const auto other = items_->at(Side::there, here.place);
       other && other->number != item.number && !other->here && !other->agreed) {
-    // New on both sides.
+    // New on both sides, or come from here, and gone on.
+    if (senderTo(*other->there)) {
+      const bool isLater = settle(lock, other->number) == Outcome::later;
+      return isLater ? waitFor(item.number, firstRetry) : Outcome::again;
+    }
     if (other->there->kind != here.kind) {
       setAside(item);
       return Outcome::again;
@@ -504,20 +522,25 @@ Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
   if (!haveRoom(lock, Side::there, item, here.place)) return waitForRoomThere(item.number);
   const auto parent = items_->path(Side::there, here.place.parent);
   if (!parent) return waitFor(item.number, firstRetry);
-  if (here.kind == Kind::file) {
-    // It may have arrived at the place that it had before.
-    const auto sent = sentTo(item.number);
-    const auto arrived = sent ? items_->at(Side::there, *sent) : std::nullopt;
-    if (arrived && senderTo(*sent)) {
-      if (settle(lock, arrived->number) == Outcome::later) return waitFor(item.number, firstRetry);
-    }
-    const auto now = items_->load(item.number);
-    return now && now->here && !now->there ? upload(lock, *now) : Outcome::again;
+  // It may have arrived at the place that it had before.
+  const auto sent = sentTo(item.number);
+  const auto arrived = sent ? items_->at(Side::there, *sent) : std::nullopt;
+  if (arrived && senderTo(*arrived->there) && settle(lock, arrived->number) == Outcome::later) {
+    return waitFor(item.number, firstRetry);
   }
+  const auto current = items_->load(item.number);
+  if (!current || !current->here || current->there) return Outcome::again;
+  if (here.kind == Kind::file) return upload(lock, *current);
+  if (isInTrouble()) return failed(item, *trouble_);
+  const std::string fact = factOf(sending, item.number, here.place);
+  const bool isInDoubt = items_->fact(fact).has_value();
+  items_->setFact(fact, textOf(here.place));
   const auto made = remotely(lock, [&] {
     return remote_.makeDirectory(joined(*parent, here.place.name), {{}, attributesOf(here).mode});
   });
   if (!made) {
+    const bool isUnknown = remoteProblemOf(made.error()) == RemoteProblem::unreachable;
+    if (!isUnknown && !isInDoubt) items_->forgetFact(fact);
     lookAgain(Side::there, here.place);
     return failed(item, made.error());
   }
@@ -527,6 +550,7 @@ Engine::Outcome Engine::newHere(Lock& lock, const Item& item) {
     now.agreed->mode = here.mode;
     now.due = this->now();
   });
+  items_->forgetFacts(factsOf(sending, item.number));
   return Outcome::again;
 }
 
@@ -614,10 +638,14 @@ bool Engine::unlinkOthers(const Item& item) {
 
 Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
   const Node there = *item.there;
-  if (there.kind == Kind::file) {
-    if (const auto sender = senderTo(there.place)) {
-      return isBusy(sender->number) ? waitFor(item.number, firstRetry) : recognise(lock, item);
+  if (const auto sender = senderTo(there)) {
+    if (isBusy(sender->number)) return waitFor(item.number, firstRetry);
+    if (there.kind == Kind::file) return recognise(lock, item);
+    if (items_->children(Side::there, item.number, 0, 1).empty()) {
+      adopt(*sender, item);
+      return Outcome::again;
     }
+    items_->forgetFacts(factsOf(sending, sender->number));  // something is in it: somebody else's
   }
   if (!haveParent(lock, Side::here, there.place.parent)) return waitForOthers(item.number);
   if (const auto other = items_->at(Side::here, there.place);

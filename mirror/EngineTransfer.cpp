@@ -360,20 +360,16 @@ Engine::Outcome Engine::recognise(Lock& lock, const Item& item) {
       if (now) now->due = this->now();
       if (now && now->there && now->there->version == there.version) {
         const bool isOwn = wasSent(there.place, *found);
-        const auto sender = senderTo(there.place);
+        const auto sender = senderTo(there);
         if (isOwn && now->agreed) agreeOnContent(*now, there);
         if (isOwn && sender && !isBusy(sender->number) && !now->here && !now->agreed) {
-          change(sender->number, [&](Item& sent) {
-            sent.there = now->there;
-            sent.agreed = now->there;
-            sent.hash = *found;
-            sent.due = this->now();
-          });
-          items_->erase(item.number);
+          adopt(*sender, *now);
+          change(sender->number, [&](Item& sent) { sent.hash = *found; });
           now.reset();
+        } else if (sender) {
+          items_->forgetFact(factOf(sending, sender->number, there.place));
         }
         items_->forgetFact(sentFact(there.place));
-        if (sender) items_->forgetFact(factOf(sending, sender->number, there.place));
       }
       if (now) items_->save(*now);
       transaction.commit();

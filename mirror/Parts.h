@@ -43,8 +43,9 @@ inline Place placeOf(const std::string& text) {
   return {std::atoll(text.c_str()), text.substr(text.find('/') + 1)};
 }
 /// The beginnings of the names of facts that tell of a place there to which an item is being moved,
-/// or its first version sent. There is one for each place, until it is known what has become of the
-/// item: an answer may be lost, and it may be on its way to the next place by then.
+/// or its first version sent, or where a directory is being made. There is one for each place,
+/// until it is known what has become of the item: an answer may be lost, and it may be on its way
+/// to the next place by then.
 inline const std::string moving = "moving ";
 inline const std::string sending = "sending ";
 inline std::string factsOf(const std::string& beginning, ItemNumber number) {

@@ -227,6 +227,15 @@ TEST_F(EngineTest, KnowsWhatItDidItselfWhenTheAnswerWasLost) {
     EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt moved new3 ");
     EXPECT_EQ(read(there("a.txt")), "new three");
     EXPECT_EQ(read(there("new3")), "first");
+    // A directory, as well.
+    unheard([&] { fs::create_directory(here("made")); });
+    fs::rename(here("made"), here("other"));
+    write(here("made"), "in its place");
+    settle();
+    EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt made moved new3 other ");
+    EXPECT_EQ(read(there("made")), "in its place");
+    fs::remove(here("made"));
+    fs::remove(here("other"));
     // One that was moved, while another has taken its old name, and then its new one.
     unheard([&] {
       fs::rename(here("moved"), here("once"));
