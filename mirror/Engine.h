@@ -141,6 +141,7 @@ class Engine {
   void lookHere(ItemNumber directory, const std::string& name);
   void noteHere(ItemNumber directory, int file, const std::string& name, bool recursive);
   void readDirectoryHere(ItemNumber directory, bool recursive);
+  Result<void> identify(Lock& lock);
   Result<void> readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive);
   Result<void> lookThere(Lock& lock, ItemNumber directory, const std::string& name);
   void note(Side side, Node node, bool recursive);
@@ -307,6 +308,8 @@ class Engine {
   std::atomic<bool> isToldOfChanges_ = false;
   std::atomic<bool> shallLookThere_ = true;
   bool hasLookedThere_ = false;
+  /// The remote was found to be the one that it was, at least once.
+  bool isIdentified_ = false;
   std::optional<std::string> cursor_;
   /// Places there that uploads are changing; places that they have changed since the remote was
   /// last asked, whose answer may be older than that; and those of the first kind of which the

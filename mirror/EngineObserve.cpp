@@ -714,24 +714,32 @@ std::optional<ItemNumber> Engine::itemThere(const std::string& path) {
   return number;
 }
 
+/// Whether the remote is the one that it was; nothing else is asked of it before.
+Result<void> Engine::identify(Lock& lock) {
+  const auto known = items_->fact("identity");
+  const auto identity = remotely(lock, [&] { return remote_.identity(!known); });
+  if (!identity) return identity.error();
+  if (known && *known != *identity) {
+    return trouble(remoteError(RemoteProblem::notTheSame,
+                               "Another remote is in the place of the one that this account was "
+                               "made for. Mount or name the right one; nothing is changed until "
+                               "then."));
+  }
+  if (!known) {
+    Database::Transaction transaction(*database_);
+    items_->setFact("identity", *identity);
+    transaction.commit();
+  }
+  isIdentified_ = true;
+  return {};
+}
+
 bool Engine::observeThere(Lock& lock) {
   if (isInTrouble()) return false;
   const bool isDue = shallLookThere_ || isToldOfChanges_ || now() >= lookThereAt_;
   if (!isDue && there_.isEmpty()) return false;
   if (isDue) {
-    const auto known = items_->fact("identity");
-    const auto identity = remotely(lock, [&] { return remote_.identity(!known); });
-    if (!identity) return false;
-    if (!known) {
-      Database::Transaction transaction(*database_);
-      items_->setFact("identity", *identity);
-      transaction.commit();
-    } else if (*known != *identity) {
-      trouble(remoteError(RemoteProblem::notTheSame,
-                          "Another remote is in the place of the one that this account was made "
-                          "for. Mount or name the right one; nothing is changed until then."));
-      return false;
-    }
+    if (!identify(lock)) return false;
     isToldOfChanges_ = false;
     shallLookThere_ = false;
     const auto cursor = cursor_.value_or(std::string());

@@ -402,6 +402,10 @@ Result<void> Engine::fill(const std::shared_ptr<Transfer>& transfer) {
   for (int attempt = 0; attempt < most; ++attempt) {
     Lock lock(mutex_);
     auto item = guarded([&]() -> Result<Item> {
+      // A program may want it before the first look.
+      if (!isIdentified_) {
+        if (auto identified = identify(lock); !identified) return identified.error();
+      }
       auto now = items_->load(transfer->number);
       if (!now || !now->here || !now->agreed) return Error::posix(ENOENT, "The document is gone");
       if (!now->there) {

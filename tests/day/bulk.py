@@ -161,7 +161,7 @@ def figures(world, count):
 
     def of_all(measure):
         return [as_root(measure, world.process(which)) for which in PROCESSES]
-    row = [f"{count:,}", timed(lambda: (ready(), world.synchronise())), timed(lambda: run("find", world.docs + "/", "-printf", "%s\\n")), timed(world.synchronise)]
+    row = [f"{count:,}", timed(lambda: (ready(), world.synchronise(patience=patience))), timed(lambda: run("find", world.docs + "/", "-printf", "%s\\n")), timed(world.synchronise)]
     if len(tree(world.docs, content=False)) <= count:
         raise RuntimeError(f"{len(tree(world.docs, content=False))} of {count} are shown")
     world.stop()

@@ -293,6 +293,10 @@ TEST_F(EngineTest, TriesAgainOfItsOwnAccord) {
 }
 
 TEST_F(EngineTest, WaitsForARemoteThatIsAwayOrNotTheSame) {
+  // A program may want a document before the remote was looked at.
+  machine_->stop();
+  machine_ = std::make_unique<Machine>(scratch_ / "here", makeFolderRemote(there_));
+  ASSERT_TRUE(machine_->start());
   bringIn();
   const auto away = scratch_ / "away";
   for (const bool isReplaced : {false, true}) {
