@@ -1,6 +1,7 @@
 """Documents on a server of this machine, as an account of ours and as others' programs mount them."""
 
 import contextlib
+import json
 import os
 import pathlib
 import shutil
@@ -80,8 +81,8 @@ class Account:
             process.wait()
 
     @staticmethod
-    def wait(condition, what):
-        deadline = time.monotonic() + 60
+    def wait(condition, what, limit=60):
+        deadline = time.monotonic() + limit
         while not condition():
             if time.monotonic() > deadline:
                 raise RuntimeError(f"waited in vain: {what}")
@@ -93,6 +94,10 @@ class Account:
         if check and done.returncode != 0:
             raise RuntimeError(f"docsource {' '.join(map(str, words))}: {done.stdout}")
         return done
+
+    def health(self, name):
+        listed = json.loads(self.tool("accounts", "--json", check=False).stdout or "{}")
+        return next((each for each in listed.get("accounts", []) if each["name"] == name), {})
 
     def add(self, name, address):
         self.tool("add", "webdav", name, address)
