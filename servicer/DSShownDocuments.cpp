@@ -23,8 +23,8 @@ void wrote(const std::string& application, const qx::URL& document,
   owner->itemChangedAtURL(document, done);
 }
 
-/// No provider names an item by its file, so the application's items are searched for the one that is
-/// there now.
+/// No provider names an item by its file, so the application's items are searched for the one that
+/// is there now.
 void wasMoved(const std::string& application, const std::function<bool(const qx::URL&)>& isIt,
               const std::function<void()>& done) {
   constexpr std::chrono::seconds timeForSearching(20);
