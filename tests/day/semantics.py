@@ -34,7 +34,10 @@ def alone(function):
     return function
 
 
-def content(name, size=30000):
+USUAL_SIZE = 300_000  # More than is brought in ahead of a program that goes through a tree.
+
+
+def content(name, size=USUAL_SIZE):
     """No byte of it is zero."""
     return random.Random(name).randbytes(size).replace(b"\0", b"\1")
 
@@ -60,7 +63,7 @@ class Case:
         self.aside = f"{world.home}/aside-{name}"
         os.makedirs(self.aside, exist_ok=True)
 
-    def given(self, *names, size=30000, mode=0o644):
+    def given(self, *names, size=USUAL_SIZE, mode=0o644):
         """Documents at the origin, and here placeholders."""
         os.makedirs(self.there, exist_ok=True)
         for name in names:
@@ -142,7 +145,7 @@ def looking_brings_nothing_in(c):
     for command in (["ls", "-laR"], ["find", ".", "-size", "+1"], ["du", "-a"], ["stat", "a.txt"]):
         run(*command, cwd=c.here)
     status = os.stat(f"{c.here}/a.txt")
-    expect((status.st_size, status.st_mtime_ns) == (30000, 10**18 + 123456789), f"size and time are {status}")
+    expect((status.st_size, status.st_mtime_ns) == (USUAL_SIZE, 10**18 + 123456789), f"size and time are {status}")
     expect(status.st_blocks * 512 <= 8192, f"it occupies {status.st_blocks * 512} bytes")
     expect(c.is_placeholder("a.txt") and c.is_placeholder("d/b.txt"), "was brought in by looking")
 
