@@ -1184,7 +1184,13 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
       (before->isPlaceholder != here.isPlaceholder && !before->isHidden)) {
     return again();
   }
-  const auto announce = announceFor(item.number, nullptr);
+  // The inode that it has then, should it get another one.
+  std::optional<std::string> made;
+  const Announcement announce = [&, tell = announceFor(item.number, nullptr)](int next) {
+    const auto told = tell(next);
+    if (const auto status = lookAtFile(next); told && status) made = status->identity;
+    return told;
+  };
   if (here.isPlaceholder) {
     if (!reshape(file.get(), shape, announce)) {
       return failedHere(item, errno, "The placeholder cannot be made");
@@ -1216,6 +1222,14 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
   // Whoever puts something in its place from now on has seen the new version's size and time.
   auto entry = lookAt(directory->get(), here.place.name);
   if (!entry || (entry->identity != here.identity && !coming_.contains(entry->identity))) {
+    // Somebody has moved it meanwhile: it is found by its inode.
+    if (made) {
+      change(item.number, [&](Item& moved) {
+        if (!moved.here) return;
+        moved.here->identity = *made;
+        moved.here->isPlaceholder = true;
+      });
+    }
     return again();
   }
   if (entry->isHidden) {
