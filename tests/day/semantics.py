@@ -288,7 +288,7 @@ def writing_into_a_placeholder_keeps_the_rest(c):
         os.pwrite(file.fileno(), b"HERE", 10000)
     put(at["end"], b"END", "ab")
     os.truncate(at["shorter"], 12345)
-    os.truncate(at["longer"], 40000)
+    os.truncate(at["longer"], USUAL_SIZE + 10000)
     put(at["emptied"], b"new")
     with open(at["mapped"], "r+b") as file, mmap.mmap(file.fileno(), 0) as memory:
         memory[5:9] = b"HERE"
@@ -345,9 +345,9 @@ def new_files_arrive(c):
 
 @together
 def nothing_half_written_arrives(c):
-    path = c.given("a")
+    path = c.given("a", size=30000)
     c.want("a")
-    old, new = content("a"), content("new", 60000)
+    old, new = content("a", 30000), content("new", 60000)
     seen, over = set(), threading.Event()
 
     def watch():
@@ -380,7 +380,7 @@ def a_document_that_is_open_is_not_changed(c):
         os.rename(f"{c.aside}/new", f"{c.there}/a")
         c.given("marker")  # Changes at the origin have been seen.
         time.sleep(2)
-        expect(os.pread(file.fileno(), 50000, 0) == content("a"), "it changed under its reader")
+        expect(os.pread(file.fileno(), 2 * USUAL_SIZE, 0) == content("a"), "it changed under its reader")
     c.comes("a", b"new version")
 
 
