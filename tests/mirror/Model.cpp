@@ -203,6 +203,7 @@ void Model::apply(const Side& side, const std::string& path, const std::string& 
       label("save");
       const auto beside = chance(50) ? path + ".part" : path + "~";
       ::unlink(beside.c_str());  // nobody writes in a placeholder
+      if (fs::is_directory(fs::symlink_status(beside))) return;
       write(beside, newContent());
       ::chmod(beside.c_str(), 0644);
       ::rename(beside.c_str(), path.c_str());
