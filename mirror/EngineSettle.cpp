@@ -1187,7 +1187,7 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
   // The inode that it has then, should it get another one.
   std::optional<std::string> made;
   const Announcement announce = [&, tell = announceFor(item.number, nullptr)](int next) {
-    const auto told = tell(next);
+    auto told = tell(next);
     if (const auto status = lookAtFile(next); told && status) made = status->identity;
     return told;
   };
