@@ -452,8 +452,9 @@ Result<Answer> S3Remote::send(const Call& call) {
     MemoryUpload upload(call.body.value_or(""));
     if (call.body) request.upload = &upload;
     request.isRepeatable = call.isRepeatable;
-    request.patience = workPatience;
-    if (call.method == "GET" || call.method == "HEAD") request.patience.reset();
+    // What the store has to copy or to put together itself.
+    const bool isWork = call.method == "POST" || call.headers.contains("x-amz-copy-source");
+    if (isWork) request.patience = workPatience;
     request.begin = call.begin;
     request.take = call.take;
     auto answer = session_.perform(request);

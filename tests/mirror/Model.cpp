@@ -460,7 +460,9 @@ std::string Model::fetch() {
   if (!server_) return {};
   const auto remote = reach(true);
   if (const auto identity = remote->identity(false); !identity) return identity.error().text();
-  hasModes_ = remote->capabilities().modes;
+  // The version of an object in a store says nothing of its permissions, so nobody sees it when a
+  // request that comes twice takes them back.
+  hasModes_ = remote->capabilities().modes && !server_->isStore();
   std::vector<std::string> directories{""};
   while (!directories.empty()) {
     const auto directory = std::exchange(directories.back(), "");
