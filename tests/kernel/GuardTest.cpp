@@ -7,11 +7,14 @@
 
 #include <array>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <set>
 #include <thread>
 
 #include "platform/platformd/DocSourceRegistry.h"
 #include "platform/platformd/kernel/KernelCoordinator.h"
+#include "platform/platformd/kernel/PinnedInodes.h"
 #include "platform/queue/Clock.h"
 #include "tests/kernel/Fixture.h"
 #include "tests/support/InChild.h"
@@ -91,6 +94,60 @@ TEST_P(GuardTest, WhatWasAddedOnceIsGuardedWhoeverIsThere) {
   EXPECT_TRUE(eventually([] {
     return readAll(temporaryRoot() + "/State/guarded").find("tree ") == std::string::npos;
   }));
+}
+
+TEST_P(GuardTest, TheKernelMayForgetWhatIsGuarded) {
+  if (access("/proc/sys/vm/drop_caches", W_OK) != 0) GTEST_SKIP() << "the kernel cannot be told to";
+  constexpr std::size_t kept = qx::kernel::PinnedInodes::mostOfOneUser;
+  const auto name = [](std::size_t number) { return "document-" + std::to_string(number); };
+  for (std::size_t i = 0; i < kept + 400; ++i) makePlaceholder(item(name(i)), 5000, Mark::named);
+  add();
+  // The inodes that have marks, of which the directory has two.
+  const auto marked = [&] {
+    std::multiset<ino_t> inodes;
+    const std::string process = "/proc/" + std::to_string(platformd_->id());
+    for (const auto& each : fs::directory_iterator(process + "/fdinfo")) {
+      std::ifstream lines(each.path());
+      for (std::string line; std::getline(lines, line);) {
+        if (ino_t inode = 0; sscanf(line.c_str(), "fanotify ino:%lx", &inode) == 1) {
+          inodes.insert(inode);
+        }
+      }
+    }
+    return inodes;
+  };
+  ASSERT_EQ(marked().size(), kept + 402);
+  const FileDescriptor directory(open(items().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(syncfs(directory.get()), 0);
+  ASSERT_TRUE(eventually([&] {
+    std::ofstream("/proc/sys/vm/drop_caches") << 3;
+    return marked().size() < kept + 200;
+  }));
+  const auto left = marked();
+  EXPECT_GE(left.size(), kept);
+  std::vector<std::string> forgotten;
+  for (const auto& each : fs::directory_iterator(items())) {
+    struct stat status {};
+    stat(each.path().c_str(), &status);
+    if (!left.contains(status.st_ino)) forgotten.push_back(each.path().filename());
+  }
+  ASSERT_GE(forgotten.size(), 3u);
+  // By their own names, by another one, and away.
+  const std::string outside = temporaryRoot() + "/outside", &linked = forgotten[1],
+                    &moved = forgotten[2];
+  fs::create_directories(outside);
+  EXPECT_EQ(run(reader("read", item(forgotten[0]))).line, "right");
+  fs::create_hard_link(item(linked), outside + "/" + linked);
+  EXPECT_TRUE(eventually([&] { return marked().size() > left.size(); }));
+  EXPECT_EQ(run(reader("read", outside + "/" + linked)).line, "right");
+  fs::rename(item(moved), outside + "/" + moved);
+  EXPECT_TRUE(eventually([&] {
+    return readAll(temporaryRoot() + "/State/guarded").find("moved ") != std::string::npos;
+  }));
+  ChildProcess waiting(reader("read", outside + "/" + moved));
+  EXPECT_TRUE(eventually([&] { return isHeldBack(waiting); }));
+  fs::rename(outside + "/" + moved, item(moved));
+  EXPECT_EQ(waiting.readLine(), "right");
 }
 
 TEST_P(GuardTest, NoToolMakesAPlaceholderOfContent) {

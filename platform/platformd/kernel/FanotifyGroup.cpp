@@ -170,6 +170,11 @@ int AccessGroup::watchFile(int file, std::uint64_t mask) const {
   return mark(descriptor_.get(), FAN_MARK_ADD, mask, file);
 }
 
+int AccessGroup::watchFileInMemory(int file, std::uint64_t mask) const {
+  const int errnum = mark(descriptor_.get(), FAN_MARK_ADD | FAN_MARK_EVICTABLE, mask, file);
+  return errnum == EEXIST ? watchFile(file, mask) : errnum;
+}
+
 int AccessGroup::unwatchFile(int file, std::uint64_t mask) const {
   return mark(descriptor_.get(), FAN_MARK_REMOVE, mask, file);
 }
@@ -208,6 +213,10 @@ std::vector<ChangeEvent> ChangeGroup::read(bool all) const {
 
 int ChangeGroup::watchDirectory(int directory) const {
   return mark(descriptor_.get(), FAN_MARK_ADD, changeMask, directory);
+}
+
+int ChangeGroup::watchNames(int file) const {
+  return mark(descriptor_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_CREATE, file);
 }
 
 }  // namespace qx::kernel

@@ -65,6 +65,9 @@ class AccessGroup {
   /// inode.
   int watchDirectory(int directory, std::uint64_t mask) const;
   int watchFile(int file, std::uint64_t mask) const;
+  /// As watchFile(), but the mark is forgotten when the kernel forgets the inode. One that the file
+  /// has for good stays so.
+  int watchFileInMemory(int file, std::uint64_t mask) const;
   int unwatchFile(int file, std::uint64_t mask) const;
   /// Reports no more events for the file until its content changes. The mark is forgotten when the
   /// kernel forgets the inode.
@@ -97,6 +100,8 @@ class ChangeGroup {
   /// Reads everything, or a few hundred events.
   std::vector<ChangeEvent> read(bool all) const;
   int watchDirectory(int directory) const;
+  /// Has it told when anything gets a name, anywhere on the file system of that file.
+  int watchNames(int file) const;
 
  private:
   FileDescriptor descriptor_;

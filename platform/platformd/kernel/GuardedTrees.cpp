@@ -326,7 +326,7 @@ GuardedTrees::Scan GuardedTrees::guardMoved(const Guarded& entry) {
       const FileDescriptor directory = reopen(file.get(), O_RDONLY | O_DIRECTORY);
       if (directory) scan = look(directory.get(), entry.owner, false);
     } else if (S_ISREG(status.st_mode)) {
-      scan.placeholders = examine(file.get(), status, entry.owner, true) ? 1 : 0;
+      scan.placeholders = examine(file.get(), status, entry.owner, true, false) ? 1 : 0;
     }
   }
   if (scan.placeholders == 0) {
@@ -340,7 +340,10 @@ void GuardedTrees::wasMoved(const FileHandle& what) {
   const FileDescriptor mount = mountOf(what.fileSystem);
   const FileDescriptor file = mount ? what.open(mount.get(), O_PATH) : FileDescriptor();
   struct stat status;
-  if (!file || fstat(file.get(), &status) != 0 || status.st_nlink == 0) return;
+  if (!file || fstat(file.get(), &status) != 0 || status.st_nlink == 0) {
+    pinned_.giveBack(what);
+    return;
+  }
   const auto path = pathOf(file.get());
   const auto place = path ? placeOf(*path) : std::nullopt;
   if (place && place->owner == status.st_uid && S_ISDIR(status.st_mode)) return;
@@ -350,7 +353,7 @@ void GuardedTrees::wasMoved(const FileHandle& what) {
     if (directory) placeholders = look(directory.get(), status.st_uid, false).placeholders;
   } else if (S_ISREG(status.st_mode) && Placeholder::isOne(file.get(), status)) {
     if (verified(path, identityOf(status))) return;
-    accesses_.watchFile(file.get(), eventsFor(best_));
+    watchPlaceholder(file.get(), status, false);
     placeholders = 1;
   }
   if (placeholders == 0) return;
@@ -457,13 +460,40 @@ std::optional<GuardedTrees::Directory> GuardedTrees::directory(const FileHandle&
   return found;
 }
 
-bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, bool isClosed) const {
+bool GuardedTrees::mayBeForgotten(int file, uid_t owner) const {
+  const auto handle = FileHandle::of(file);
+  // Each time, because a file system that was mounted anew tells of nothing.
+  if (!handle || pinned_.take(*handle, owner)) return false;
+  if (!names() || names()->watchNames(file) != 0) return false;
+  // The names that it got before.
+  struct stat status;
+  return fstat(file, &status) == 0 && status.st_nlink == 1;
+}
+
+void GuardedTrees::watchPlaceholder(int file, const struct stat& status, bool isCovered) const {
+  const bool inMemory = isCovered && mayBeForgotten(file, status.st_uid);
+  const auto watch = [&](std::uint64_t mask) {
+    return inMemory ? accesses_.watchFileInMemory(file, mask) : accesses_.watchFile(file, mask);
+  };
+  if (watch(eventsFor(best_)) != 0 && best_ == preAccess) watch(openPermission);
+}
+
+void GuardedTrees::wasNamed(const FileHandle& what) const {
+  const FileDescriptor file = openByHandle(what, O_PATH);
+  struct stat status;
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink < 2 ||
+      !Placeholder::isOne(file.get(), status)) {
+    return;
+  }
+  watchPlaceholder(file.get(), status, false);
+}
+
+bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, bool isClosed,
+                           bool isCovered) const {
   if (status.st_uid != owner) return false;
   const bool isOne = Placeholder::isOne(file, status);
   if (isOne) {
-    if (accesses_.watchFile(file, eventsFor(best_)) != 0 && best_ == preAccess) {
-      accesses_.watchFile(file, openPermission);
-    }
+    watchPlaceholder(file, status, isCovered);
     accesses_.stopIgnoring(file, preAccess);
   }
   // Not before, or whoever opens it in between, by a name in a directory without a mark, is asked
@@ -486,12 +516,14 @@ bool GuardedTrees::settle(int file) const {
   // killed before it takes the leave back.
   struct stat status;
   if (fstat(file, &status) == 0 && Placeholder::isOne(file, status)) return false;
-  accesses_.unwatchFile(file, eventsFor(best_));
+  if (accesses_.unwatchFile(file, eventsFor(best_)) == 0) {
+    if (const auto handle = FileHandle::of(file)) pinned_.giveBack(*handle);
+  }
   accesses_.ignoreFile(file, eventsFor(best_));
   // Looked at again after that: a provider that marks it now, and then sets its time, withdraws
   // this leave.
   if (fstat(file, &status) != 0 || !Placeholder::isOne(file, status)) return true;
-  accesses_.watchFile(file, eventsFor(best_));
+  watchPlaceholder(file, status, false);
   accesses_.stopIgnoring(file, eventsFor(best_));
   return false;
 }

@@ -16,6 +16,7 @@
 #include "platform/platformd/kernel/Beneath.h"
 #include "platform/platformd/kernel/FanotifyGroup.h"
 #include "platform/platformd/kernel/GuardList.h"
+#include "platform/platformd/kernel/PinnedInodes.h"
 
 namespace qx::kernel {
 
@@ -23,8 +24,14 @@ namespace qx::kernel {
 /// them a file lies.
 ///
 /// Every directory has a mark that covers the files in it. Every placeholder has one of its own,
-/// which follows it wherever it is moved and covers every hard link to it. A tree that was added
-/// once stays until a look finds no placeholder in it and no doc source claims it. What was moved
+/// which follows it wherever it is moved and covers every hard link to it. Such a mark keeps the
+/// inode in memory, so only some of a user's placeholders have it for good (PinnedInodes), and
+/// those that have several names or lie in no directory with a mark. The others have theirs for as
+/// long as the kernel keeps the inode; when one of them gets another name, anywhere on the file
+/// system, it is told at once, and the mark is for good from then on.
+///
+/// A tree that was added once stays until a look finds no placeholder in it and no doc source
+/// claims it. What was moved
 /// out and holds placeholders is guarded by itself. All of that is on the list (GuardList), so that
 /// the next start guards it before anybody can read.
 ///
@@ -100,16 +107,22 @@ class GuardedTrees {
 
   /// Looks at a file of that owner that may have become a placeholder. If it is one, its accesses
   /// are reported from now on, whatever was allowed before; only then does it get back the
-  /// permissions that it had, if it was concealed. It is not opened before its provider has closed
-  /// it, because the provider may want a lease on it (fcntl(2), F_SETLEASE). Returns whether it is
-  /// one.
-  bool examine(int file, const struct stat& status, uid_t owner, bool isClosed) const;
+  /// permissions that it had, if it was concealed. `isCovered` says that its directory has a mark.
+  /// It is not opened before its provider has closed it, because the provider may want a lease on
+  /// it (fcntl(2), F_SETLEASE). Returns whether it is one.
+  bool examine(int file, const struct stat& status, uid_t owner, bool isClosed,
+               bool isCovered = true) const;
   /// Has no more events reported for the file until its content changes. Returns false, and takes
   /// that back, when it is, or has just become, a placeholder.
   bool settle(int file) const;
   /// Returns whether only openings are reported of the files of that device.
   bool tellsOfOpeningsOnly(dev_t device) const;
 
+  /// Where the files are reported that get a name, in a tree or elsewhere, for wasNamed(). Null
+  /// where the kernel has no such group; every mark is for good then. It ends with this process:
+  /// what it would have told until the next one serves, that finds by looking.
+  const ChangeGroup* names() const { return names_.ok() ? &*names_ : nullptr; }
+  void wasNamed(const FileHandle& what) const;
   /// Something left a tree, or lost its name there. Guards it by itself if it is a placeholder, or
   /// a directory that holds some. May wait for the disk.
   void wasMoved(const FileHandle& what);
@@ -141,6 +154,11 @@ class GuardedTrees {
   /// Marks what is at the tree's path, and remembers which directory that is.
   Scan lookAt(const std::string& path, uid_t owner);
   Scan guardMoved(const Guarded& entry);
+  /// Has a placeholder's accesses reported, wherever it gets to. `isCovered` says that its
+  /// directory has a mark.
+  void watchPlaceholder(int file, const struct stat& status, bool isCovered) const;
+  /// Returns whether its mark may go with its inode: it comes back by the directory's.
+  bool mayBeForgotten(int file, uid_t owner) const;
   FileDescriptor mountOf(const FileHandle::FileSystem& fileSystem) const;
   FileDescriptor openByHandle(const FileHandle& handle, int flags) const;
   std::optional<Place> verified(const std::optional<std::string>& path,
@@ -148,7 +166,9 @@ class GuardedTrees {
 
   const AccessGroup& accesses_;
   const ChangeGroup& changes_;
+  const Result<ChangeGroup> names_ = ChangeGroup::create();
   const std::uint64_t best_;
+  mutable PinnedInodes pinned_;
   std::atomic<bool> isConcealing_{false};
 
   mutable std::mutex mutex_;

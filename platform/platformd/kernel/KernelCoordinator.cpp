@@ -42,19 +42,23 @@ class KernelCoordinator::Input final : public ReactorHandler {
  public:
   using Look = void (KernelCoordinator::*)();
 
-  static void begin(const std::shared_ptr<KernelCoordinator>& coordinator, int descriptor,
-                    Look look) {
-    auto input = std::make_shared<Input>(coordinator, descriptor, look);
+  static void begin(const std::shared_ptr<KernelCoordinator>& coordinator,
+                    const std::shared_ptr<WorkQueue>& queue, int descriptor, Look look) {
+    auto input = std::make_shared<Input>(coordinator, queue, descriptor, look);
     // Armed only once its number is known to ready().
     input->source_ = Reactor::shared().add(descriptor, 0, input);
     Reactor::shared().arm(input->source_, descriptor, EPOLLIN);
   }
 
-  Input(std::shared_ptr<KernelCoordinator> coordinator, int descriptor, Look look)
-      : coordinator_(std::move(coordinator)), descriptor_(descriptor), look_(look) {}
+  Input(std::shared_ptr<KernelCoordinator> coordinator, std::shared_ptr<WorkQueue> queue,
+        int descriptor, Look look)
+      : coordinator_(std::move(coordinator)),
+        queue_(std::move(queue)),
+        descriptor_(descriptor),
+        look_(look) {}
 
   void ready(std::uint32_t /*events*/) override {
-    const bool goesOn = coordinator_->queue_->sync([&] {
+    const bool goesOn = queue_->sync([&] {
       ((*coordinator_).*look_)();
       return !coordinator_->isWithoutHolder_;
     });
@@ -63,6 +67,7 @@ class KernelCoordinator::Input final : public ReactorHandler {
 
  private:
   const std::shared_ptr<KernelCoordinator> coordinator_;
+  const std::shared_ptr<WorkQueue> queue_;
   const int descriptor_;
   const Look look_;
   Reactor::SourceID source_ = 0;
@@ -117,17 +122,7 @@ void KernelCoordinator::start(std::function<void()> onStop) {
         });
       },
       [this](const FileIdentity& file) { readers_->progressed(file); },
-      [this](std::optional<uid_t> user) {
-        for (const auto& path : trees_.paths()) {
-          const auto tree = trees_.placeOf(path == "/" ? "/." : path + "/.");
-          if (!tree || (user && *user != tree->owner)) continue;
-          slowly(tree->owner, [this, path] {
-            trees_.markAgain(path);
-            DS_LOG("[INFO] Looked at %@ again.", path);
-          });
-        }
-      },
-      toQueue, toSlowQueue);
+      [this](std::optional<uid_t> user) { lookAtAll(user); }, toQueue, toSlowQueue);
   readers_ = std::make_unique<Readers>(
       registry_, holder_, accesses_, trees_, claims_, *programs_, [this] { drain(true); }, toQueue,
       toSlowQueue);
@@ -137,8 +132,12 @@ void KernelCoordinator::start(std::function<void()> onStop) {
     if (tree) self->slowly(tree->owner, [self, path] { self->lookAgain(path); });
   });
   for (const auto& path : trees_.paths()) watch_->add(path);
-  Input::begin(shared_from_this(), holder_.descriptor(), &KernelCoordinator::receive);
-  Input::begin(shared_from_this(), changeGroup_.descriptor(), &KernelCoordinator::drainSome);
+  const auto self = shared_from_this();
+  Input::begin(self, queue_, holder_.descriptor(), &KernelCoordinator::receive);
+  Input::begin(self, queue_, changeGroup_.descriptor(), &KernelCoordinator::drainSome);
+  if (const ChangeGroup* names = trees_.names()) {
+    Input::begin(self, namesQueue_, names->descriptor(), &KernelCoordinator::drainNames);
+  }
   WorkQueue::global().async([self = shared_from_this()] {
     const auto scan = self->trees_.guardAll();
     DS_LOG("[INFO] Guarding %d directories with %d placeholders from before.", scan.directories,
@@ -152,6 +151,35 @@ void KernelCoordinator::drain(bool all) {
   if (!holder_.hasEnded()) changes_->drain(all);
 }
 
+void KernelCoordinator::lookAtAll(std::optional<uid_t> user) {
+  for (const auto& path : trees_.paths()) {
+    const auto tree = trees_.placeOf(path == "/" ? "/." : path + "/.");
+    if (!tree || (user && *user != tree->owner)) continue;
+    slowly(tree->owner, [this, path] {
+      trees_.markAgain(path);
+      DS_LOG("[INFO] Looked at %@ again.", path);
+    });
+  }
+}
+
+void KernelCoordinator::drainNames() {
+  for (const auto& change : trees_.names()->read(false)) {
+    if (change.target) {
+      trees_.wasNamed(*change.target);
+      continue;
+    }
+    // Anybody who makes files faster than they are looked at can bring this about.
+    if (std::exchange(looksAtNamesSoon_, true)) continue;
+    DS_LOG("[NOTICE] New names of files were lost; looking at everything again.");
+    namesQueue_->after(std::chrono::seconds(10), [weak = weak_from_this()] {
+      const auto self = weak.lock();
+      if (!self) return;
+      self->looksAtNamesSoon_ = false;
+      self->lookAtAll(std::nullopt);
+    });
+  }
+}
+
 void KernelCoordinator::receive() {
   EventChannel::Received received;
   for (;;) {
@@ -159,7 +187,7 @@ void KernelCoordinator::receive() {
       case EventChannel::State::nothing:
         return;
       case EventChannel::State::ended:
-        if (!std::exchange(isWithoutHolder_, true)) onStop_();
+        if (!isWithoutHolder_.exchange(true)) onStop_();
         return;
       case EventChannel::State::message:
         break;

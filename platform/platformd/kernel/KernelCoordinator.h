@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -60,6 +61,10 @@ class KernelCoordinator final : public DocSourceObserver,
   void receive();
   void drain(bool all);
   void drainSome() { drain(false); }
+  /// Looks through a user's trees again, or through all.
+  void lookAtAll(std::optional<uid_t> user);
+  // Called on namesQueue_.
+  void drainNames();
   // Called on the user's queue.
   void claim(const DocSource& source, const std::function<void()>& onWatched);
   void release(uid_t owner, const std::string& path);
@@ -69,6 +74,7 @@ class KernelCoordinator final : public DocSourceObserver,
   const EventChannel holder_;
   const AccessGroup accesses_;
   const ChangeGroup changeGroup_;
+  const std::shared_ptr<WorkQueue> namesQueue_ = WorkQueue::serial("KernelCoordinator names");
   const std::shared_ptr<WorkQueue> queue_ = WorkQueue::serial("KernelCoordinator queue");
   const std::shared_ptr<Programs> programs_ = Programs::start();
   GuardedTrees trees_;
@@ -77,9 +83,11 @@ class KernelCoordinator final : public DocSourceObserver,
   std::mutex mutex_;
   std::map<uid_t, std::shared_ptr<WorkQueue>> slowQueues_;  // under the mutex
 
+  bool looksAtNamesSoon_ = false;  // used on namesQueue_
+
+  std::atomic<bool> isWithoutHolder_{false};
   // Used on the queue.
   std::function<void()> onStop_;
-  bool isWithoutHolder_ = false;
   bool groupsStay_ = false;
   bool isLookingSoon_ = false;
   Claims claims_;

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <unordered_map>
+
+#include "platform/platformd/kernel/Beneath.h"
+
+namespace qx::kernel {
+
+/// Which placeholders have a mark that keeps their inode in memory. That costs the kernel about 1.5
+/// KiB each, so that a user has a bound. Any thread may use it.
+class PinnedInodes {
+ public:
+  /// How many of one user's placeholders are kept in memory for their marks, 12 MiB of it.
+  static constexpr std::size_t mostOfOneUser = 8192;
+
+  /// Returns whether this placeholder is one of those that the bound leaves room for.
+  bool take(const FileHandle& file, uid_t user) {
+    const std::lock_guard lock(mutex_);
+    const auto [known, isNew] = users_.try_emplace(keyOf(file), user);
+    if (!isNew) return true;
+    auto& count = counts_[user];
+    if (count < mostOfOneUser) {
+      ++count;
+      return true;
+    }
+    users_.erase(known);
+    return false;
+  }
+  /// It is no placeholder any more, or is gone.
+  void giveBack(const FileHandle& file) {
+    const std::lock_guard lock(mutex_);
+    const auto known = users_.find(keyOf(file));
+    if (known == users_.end()) return;
+    --counts_[known->second];
+    users_.erase(known);
+  }
+
+ private:
+  /// Two files with the same key count as one, which does no harm.
+  static std::size_t keyOf(const FileHandle& file) { return std::hash<std::string>()(file.bytes); }
+
+  std::mutex mutex_;
+  std::unordered_map<std::size_t, uid_t> users_;
+  std::map<uid_t, std::size_t> counts_;
+};
+
+}  // namespace qx::kernel
