@@ -91,11 +91,11 @@ class PooledQueue final : public WorkQueue, public PoolWork {
   }
 
   void resume() override {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     if (suspensions_ == 0 || --suspensions_ > 0) return;
     state_.fetch_and(~suspended, std::memory_order_acq_rel);
     grantWhatMayRun();
-    callForHelp();
+    callForHelp(lock);
   }
 
   void runInPool() override {
@@ -104,15 +104,14 @@ class PooledQueue final : public WorkQueue, public PoolWork {
     for (int taken = 0; taken < itemsPerTurn; ++taken) {
       grantWhatMayRun();
       Item* item = takeAsynchronous();
-      callForHelp();
+      callForHelp(lock);
       if (!item) return;
-      lock.unlock();
       run(item);
       lock.lock();
     }
     // Other queues want their turn too; this one gets another at the end of the pool's list.
     grantWhatMayRun();
-    callForHelp();
+    callForHelp(lock);
   }
 
  protected:
@@ -127,11 +126,9 @@ class PooledQueue final : public WorkQueue, public PoolWork {
     append(own);
     for (;;) {
       grantWhatMayRun();
-      Item* other = submission.granted ? nullptr : takeAsynchronous();
-      callForHelp();
-      if (submission.granted) return;
-      if (other) {
-        lock.unlock();
+      if (submission.granted) return callForHelp(lock);
+      if (Item* other = takeAsynchronous()) {
+        callForHelp(lock);
         run(other);
         lock.lock();
       } else {
@@ -143,9 +140,9 @@ class PooledQueue final : public WorkQueue, public PoolWork {
   void lookAfterTheList(bool barrier, State before) override {
     // A resume() or the last of the readers does.
     if ((before & suspended) != 0 || (!barrier && readers(before) > 1)) return;
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     grantWhatMayRun();
-    callForHelp();
+    callForHelp(lock);
   }
 
  private:
@@ -157,13 +154,13 @@ class PooledQueue final : public WorkQueue, public PoolWork {
     auto* item = new Item;
     item->isBarrier = barrier;
     item->task = std::move(task);
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     append(*item);
     grantWhatMayRun();
-    callForHelp();
+    callForHelp(lock);
   }
 
-  /// The rest runs with the mutex held, but for run().
+  /// The rest runs with the mutex held, but for run() and the end of callForHelp().
 
   void append(Item& item) {
     if (items_.empty()) state_.fetch_or(queued, std::memory_order_acq_rel);
@@ -238,8 +235,9 @@ class PooledQueue final : public WorkQueue, public PoolWork {
   }
 
   /// Sees to it that as many threads are on their way as there are items to take: those that sleep
-  /// in this queue, whatever the pool is doing, and then the pool's.
-  void callForHelp() {
+  /// in this queue, whatever the pool is doing, and then the pool's. Releases the mutex before it
+  /// goes to the pool, because a thread that is awake at once would wait for it.
+  void callForHelp(std::unique_lock<std::mutex>& lock) {
     const std::size_t wanted = asynchronousThatMayRun();
     while (helpersAwakening_ < wanted && firstSleeper_) {
       SyncSubmission& sleeper = *firstSleeper_;
@@ -248,10 +246,14 @@ class PooledQueue final : public WorkQueue, public PoolWork {
       ++helpersAwakening_;
       sleeper.wake.notify_one();
     }
-    while (helpersAwakening_ + helpersInPool_ < wanted) {
-      ++helpersInPool_;
-      WorkPool::shared().submit(std::static_pointer_cast<PooledQueue>(shared_from_this()));
-    }
+    const std::size_t coming = helpersAwakening_ + helpersInPool_;
+    std::size_t missing = wanted > coming ? wanted - coming : 0;
+    if (missing == 0) return lock.unlock();
+    helpersInPool_ += missing;
+    // Others may do it all, and let go of the queue, as soon as the mutex is free.
+    const auto self = std::static_pointer_cast<PooledQueue>(shared_from_this());
+    lock.unlock();
+    for (; missing > 0; --missing) WorkPool::shared().submit(self);
   }
 
   void sleep(SyncSubmission& submission, std::unique_lock<std::mutex>& lock) {
