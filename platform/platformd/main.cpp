@@ -13,8 +13,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -96,6 +98,14 @@ qx::FileDescriptor inherited(int number) {
   return qx::FileDescriptor(number);
 }
 
+/// What the administrator says of it, a number.
+std::size_t mostPinned() {
+  std::size_t most = qx::kernel::PinnedInodes::usual;
+  const char* text = std::getenv("DOCSOURCE_KEPT_PLACEHOLDERS");
+  if (text) std::from_chars(text, text + std::strlen(text), most);
+  return most;
+}
+
 int work(bool byAccess) {
   // The holder says when to end.
   signal(SIGTERM, SIG_IGN);
@@ -110,7 +120,7 @@ int work(bool byAccess) {
       qx::kernel::AccessGroup(inherited(EventHolder::workerAccesses)),
       qx::kernel::ChangeGroup(inherited(EventHolder::workerChanges)),
       byAccess ? qx::kernel::preAccess : qx::kernel::openPermission,
-      qx::kernel::GuardList(qx::kernel::openStateDirectory()));
+      qx::kernel::GuardList(qx::kernel::openStateDirectory()), mostPinned());
   services.registry->setObserver(coordinator);
   // It says that the service is ready when everything is guarded that was before.
   coordinator->start([] { qx::RunLoop::main().stop(); });

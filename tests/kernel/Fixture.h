@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -95,7 +97,8 @@ inline void fill(const std::string& path) {
       contentOf(fs::path(path).filename(), static_cast<std::size_t>(status.st_size));
   const std::size_t half = text.size() / 2;
   EXPECT_EQ(pwrite(file.get(), text.data() + half, text.size() - half, off_t(half)),
-            ssize_t(text.size() - half));
+            ssize_t(text.size() - half))
+      << strerror(errno);
   EXPECT_EQ(pwrite(file.get(), text.data(), half, 0), ssize_t(half));
   fremovexattr(file.get(), "user.docsource.placeholder");
 }

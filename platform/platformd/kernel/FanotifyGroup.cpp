@@ -216,7 +216,8 @@ int ChangeGroup::watchDirectory(int directory) const {
 }
 
 int ChangeGroup::watchNames(int file) const {
-  return mark(descriptor_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_CREATE, file);
+  return mark(descriptor_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_CREATE | FAN_MOVED_TO,
+              file);
 }
 
 }  // namespace qx::kernel

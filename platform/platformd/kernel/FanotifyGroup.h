@@ -100,7 +100,7 @@ class ChangeGroup {
   /// Reads everything, or a few hundred events.
   std::vector<ChangeEvent> read(bool all) const;
   int watchDirectory(int directory) const;
-  /// Has it told when anything gets a name, anywhere on the file system of that file.
+  /// Has it told when a file gets a name, new or moved, anywhere on the file system of that file.
   int watchNames(int file) const;
 
  private:

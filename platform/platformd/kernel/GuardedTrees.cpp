@@ -40,8 +40,12 @@ std::uint64_t eventsFor(std::uint64_t mask) { return mask | openPermission; }
 }  // namespace
 
 GuardedTrees::GuardedTrees(const AccessGroup& accesses, const ChangeGroup& changes,
-                           std::uint64_t best, GuardList list)
-    : accesses_(accesses), changes_(changes), best_(best), list_(std::move(list)) {
+                           std::uint64_t best, GuardList list, std::size_t mostPinned)
+    : accesses_(accesses),
+      changes_(changes),
+      best_(best),
+      pinned_(mostPinned),
+      list_(std::move(list)) {
   for (const auto& entry : list_.all()) {
     if (entry.kind != Guarded::Kind::tree) continue;
     auto& tree = trees_[entry.path];
@@ -481,11 +485,13 @@ void GuardedTrees::watchPlaceholder(int file, const struct stat& status, bool is
 void GuardedTrees::wasNamed(const FileHandle& what) const {
   const FileDescriptor file = openByHandle(what, O_PATH);
   struct stat status;
-  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink < 2 ||
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
       !Placeholder::isOne(file.get(), status)) {
     return;
   }
-  watchPlaceholder(file.get(), status, false);
+  const auto path = pathOf(file.get());
+  const bool isCovered = status.st_nlink == 1 && path && placeOf(*path);
+  if (!isCovered) watchPlaceholder(file.get(), status, false);
 }
 
 bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, bool isClosed,

@@ -28,7 +28,7 @@ namespace qx::kernel {
 /// inode in memory, so only some of a user's placeholders have it for good (PinnedInodes), and
 /// those that have several names or lie in no directory with a mark. The others have theirs for as
 /// long as the kernel keeps the inode; when one of them gets another name, anywhere on the file
-/// system, it is told at once, and the mark is for good from then on.
+/// system, that is told, and the mark is for good from then on.
 ///
 /// A tree that was added once stays until a look finds no placeholder in it and no doc source
 /// claims it. What was moved
@@ -44,7 +44,7 @@ class GuardedTrees {
   /// The groups must outlive this. `best` is what accesses are marked for where the file system
   /// supports it: preAccess or openPermission.
   GuardedTrees(const AccessGroup& accesses, const ChangeGroup& changes, std::uint64_t best,
-               GuardList list);
+               GuardList list, std::size_t mostPinned = PinnedInodes::usual);
 
   /// The result of a look at a tree.
   struct Scan {

@@ -75,12 +75,12 @@ class KernelCoordinator::Input final : public ReactorHandler {
 
 KernelCoordinator::KernelCoordinator(std::shared_ptr<DocSourceRegistry> registry,
                                      EventChannel holder, AccessGroup accesses, ChangeGroup changes,
-                                     std::uint64_t mask, GuardList list)
+                                     std::uint64_t mask, GuardList list, std::size_t mostPinned)
     : registry_(std::move(registry)),
       holder_(std::move(holder)),
       accesses_(std::move(accesses)),
       changeGroup_(std::move(changes)),
-      trees_(accesses_, changeGroup_, mask, std::move(list)) {}
+      trees_(accesses_, changeGroup_, mask, std::move(list), mostPinned) {}
 
 void KernelCoordinator::onQueue(WorkQueue::Task task) {
   queue_->async([self = shared_from_this(), task = std::move(task)] { task(); });

@@ -35,9 +35,11 @@ class KernelCoordinator final : public DocSourceObserver,
                                 public std::enable_shared_from_this<KernelCoordinator> {
  public:
   /// `mask` is what accesses are marked for where the file system supports it: preAccess or
-  /// openPermission.
+  /// openPermission. `mostPinned` is how many of one user's placeholders may stay in memory for
+  /// their marks.
   KernelCoordinator(std::shared_ptr<DocSourceRegistry> registry, EventChannel holder,
-                    AccessGroup accesses, ChangeGroup changes, std::uint64_t mask, GuardList list);
+                    AccessGroup accesses, ChangeGroup changes, std::uint64_t mask, GuardList list,
+                    std::size_t mostPinned = PinnedInodes::usual);
 
   /// Takes events, and begins to guard what is on the list. When all of it is guarded, the holder
   /// is told that the service is ready. `onStop` is called, on the queue, when the holder asks for

@@ -15,8 +15,10 @@ namespace qx::kernel {
 /// KiB each, so that a user has a bound. Any thread may use it.
 class PinnedInodes {
  public:
-  /// How many of one user's placeholders are kept in memory for their marks, 12 MiB of it.
-  static constexpr std::size_t mostOfOneUser = 8192;
+  /// What one user may have unless the administrator says otherwise: 12 MiB.
+  static constexpr std::size_t usual = 8192;
+
+  explicit PinnedInodes(std::size_t mostOfOneUser) : mostOfOneUser_(mostOfOneUser) {}
 
   /// Returns whether this placeholder is one of those that the bound leaves room for.
   bool take(const FileHandle& file, uid_t user) {
@@ -24,7 +26,7 @@ class PinnedInodes {
     const auto [known, isNew] = users_.try_emplace(keyOf(file), user);
     if (!isNew) return true;
     auto& count = counts_[user];
-    if (count < mostOfOneUser) {
+    if (count < mostOfOneUser_) {
       ++count;
       return true;
     }
@@ -44,6 +46,7 @@ class PinnedInodes {
   /// Two files with the same key count as one, which does no harm.
   static std::size_t keyOf(const FileHandle& file) { return std::hash<std::string>()(file.bytes); }
 
+  const std::size_t mostOfOneUser_;
   std::mutex mutex_;
   std::unordered_map<std::size_t, uid_t> users_;
   std::map<uid_t, std::size_t> counts_;
