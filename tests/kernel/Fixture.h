@@ -83,7 +83,7 @@ inline void makePlaceholder(const std::string& path, std::size_t size, Mark kind
   const timespec times[2] = {{0, UTIME_OMIT}, status.st_mtim};
   ASSERT_EQ(futimens(file.get(), times), 0);
   ASSERT_EQ(fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 1 << 30), 0);
-  ASSERT_EQ(ftruncate(file.get(), static_cast<off_t>(size)), 0);
+  ASSERT_EQ(ftruncate(file.get(), static_cast<off_t>(size)), 0) << strerror(errno);
 }
 
 /// Fills it in place, in pieces, if it is a placeholder still.

@@ -483,6 +483,8 @@ void GuardedTrees::watchPlaceholder(int file, const struct stat& status, bool is
 }
 
 void GuardedTrees::wasNamed(const FileHandle& what) const {
+  // What is in no tree is no concern of this service, placeholder or not.
+  if (!pinned_.hasRefused(what)) return;
   const FileDescriptor file = openByHandle(what, O_PATH);
   struct stat status;
   if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
