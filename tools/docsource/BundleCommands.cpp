@@ -61,6 +61,15 @@ std::optional<qx::Error> ask(const qx::Bundle& bundle, const qx::Bundle* before,
   return refused("It was not installed.");
 }
 
+/// Whoever holds this decides about everybody's documents, its own sandbox notwithstanding.
+void tellOfStanding(const qx::Bundle& bundle) {
+  const char* entitlement = "com.veltro.docsource.acl-write";
+  const qx::Value* held = qx::find(bundle.entitlements, entitlement);
+  if (!held || !held->numberAsBool().value_or(false)) return;
+  std::fprintf(stderr, "Note: %s may give any document to any program, itself included (%s).\n",
+               onOneLine(bundle.identifier).c_str(), entitlement);
+}
+
 }  // namespace
 
 int install(const Arguments& arguments) {
@@ -70,6 +79,7 @@ int install(const Arguments& arguments) {
       });
   if (!installation) return fail(arguments, installation.error());
   const auto& bundle = installation->bundle;
+  tellOfStanding(bundle);
   qx::Dictionary object = describe(bundle);
   object["replaced"] = installation->replaced;
   return answer(arguments.json, object,
