@@ -110,9 +110,11 @@ void Database::fail(int code) const {
   throw DatabaseFailure{code, handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(code)};
 }
 
-Database::Transaction::Transaction(Database& database) : database_(database) {
+Database::Transaction::Transaction(Database& database, For what) : database_(database), for_(what) {
   if (database_.depth_ == 0) {
     database_.isBroken_ = false;
+    // sqlite.org/pragma.html: with WAL, only checkpoints wait for the disk then.
+    if (for_ == For::nextProcess) database_.run("PRAGMA synchronous=NORMAL");
     database_.run("BEGIN IMMEDIATE");
   }
   ++database_.depth_;
@@ -123,6 +125,9 @@ Database::Transaction::~Transaction() {
   if (isOpen_) database_.isBroken_ = true;
   if (isOpen_ && database_.depth_ == 0 && sqlite3_get_autocommit(database_.handle_) == 0) {
     sqlite3_exec(database_.handle_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  if (database_.depth_ == 0 && for_ == For::nextProcess) {
+    sqlite3_exec(database_.handle_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
   }
 }
 

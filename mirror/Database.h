@@ -60,7 +60,8 @@ class Statement {
 };
 
 /// An SQLite database of one process, in WAL mode and with full synchronisation: when a transaction
-/// has ended, what it changed is on disk. Used by one thread at a time.
+/// has ended, what it changed is on disk, unless it was said to be for the next process only. Used
+/// by one thread at a time.
 class Database {
  public:
   /// Makes the file where there is none, and locks it against other processes until the end.
@@ -78,7 +79,10 @@ class Database {
   /// the outermost.
   class Transaction {
    public:
-    explicit Transaction(Database& database);
+    /// What is only for the next process is there when this one is killed, and goes to disk with
+    /// the next other transaction; an inner one goes with the outermost.
+    enum class For { disk, nextProcess };
+    explicit Transaction(Database& database, For what = For::disk);
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
@@ -86,6 +90,7 @@ class Database {
 
    private:
     Database& database_;
+    const For for_;
     bool isOpen_ = true;
   };
 

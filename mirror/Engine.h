@@ -195,7 +195,8 @@ class Engine {
   Outcome moveThere(Lock& lock, const Item& item);
   Outcome refresh(const Item& item);
   bool leaveToOtherNames(const Item& item);
-  std::optional<Outcome> reshapeHere(const Item& item, const Placeholder::Shape& shape, Node& now);
+  std::optional<Outcome> reshapeHere(const Item& item, const Node& content,
+                                     std::optional<std::int64_t> mode, Node& now);
   Announcement announceFor(ItemNumber number, Lock* lock);
   Outcome conflict(const Item& item);
   Result<RemoteItem> moveThere(Lock& lock, const Item& item, const Place& to);
@@ -219,6 +220,7 @@ class Engine {
   }
   static std::string pair(const Item& item);
   bool areDifferent(const Item& item);
+  bool areOfOtherSizes(const Item& item);
   bool wasSent(const Place& place, const std::string& hash);
   void carrySent(const Place& from, const Place& to);
   std::optional<Item> senderTo(const Node& there);

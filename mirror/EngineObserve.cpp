@@ -320,7 +320,7 @@ bool Engine::restoreMark(int directory, const std::string& name, const LocalEntr
   if (entry.size != here.size || (here.modified && entry.modified != *here.modified)) return false;
   const auto file = openFile(directory, name, O_RDONLY);
   if (!file || holdsContent(file.get(), entry.size)) return false;
-  return reshape(file.get(), shapeOf(*known.front().agreed, here),
+  return reshape(file.get(), shapeOf(*known.front().agreed, here, entry),
                  announceFor(known.front().number, nullptr));
 }
 

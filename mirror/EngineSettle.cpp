@@ -103,6 +103,12 @@ std::string Engine::pair(const Item& item) {
 bool Engine::areDifferent(const Item& item) {
   const auto compared = different_.find(item.number);
   if (compared != different_.end() && compared->second == pair(item)) return true;
+  const bool canBeAgreed = item.agreed && item.hash && item.agreed->size == item.here->size;
+  return !canBeAgreed && areOfOtherSizes(item);
+}
+
+/// Whether the sizes tell as much, when the content here is not the agreed one.
+bool Engine::areOfOtherSizes(const Item& item) {
   const bool canBeAgreed = item.agreed && item.hash && item.agreed->size == item.there->size;
   return item.here->size != item.there->size && !canBeAgreed &&
          !items_->fact(sentFact(item.there->place));
@@ -986,7 +992,7 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
 /// noted, and the placeholder has none again, so that nobody reads its zeros.
 Engine::Outcome Engine::cover(const Item& item) {
   Node now;
-  if (const auto first = reshapeHere(item, shapeOf(*item.here), now)) return *first;
+  if (const auto first = reshapeHere(item, *item.here, item.here->mode, now)) return *first;
   change(item.number, [&](Item& covered) {
     if (!covered.here) return;
     now.place = covered.here->place;
@@ -1000,11 +1006,13 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
   const Node& here = *item.here;
   const Node& there = *item.there;
   const auto able = remote_.capabilities();
-  if (there.mode && there.mode != item.agreed->mode && here.isPlaceholder) {
-    auto shape = shapeOf(*item.agreed);
-    shape.mode = static_cast<unsigned>(*there.mode);
+  // What was changed on both sides stays as it is here: what is there may have been sent from here,
+  // without an answer.
+  const bool isChangedHere = item.agreed->mode && here.mode != item.agreed->mode;
+  const bool isChangedThere = there.mode && there.mode != item.agreed->mode && !isChangedHere;
+  if (isChangedThere && here.isPlaceholder) {
     Node now;
-    if (const auto first = reshapeHere(item, shape, now)) return *first;
+    if (const auto first = reshapeHere(item, *item.agreed, there.mode, now)) return *first;
     change(item.number, [&](Item& changed) {
       changed.agreed->mode = there.mode;
       if (changed.here) now.place = changed.here->place;
@@ -1012,10 +1020,14 @@ Engine::Outcome Engine::attributes(Lock& lock, Item item) {
     });
     return Outcome::again;
   }
-  if (there.mode && there.mode != item.agreed->mode) {
+  if (isChangedThere) {
     const auto directory = directoryHere(here.place.parent);
     if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
     const auto entry = lookAt(directory->get(), here.place.name);
+    if (entry && entry->mode != here.mode) {
+      lookAgain(Side::here, here.place);
+      return waitFor(item.number, 1);
+    }
     if (!entry || entry->identity != here.identity ||
         ::fchmodat(directory->get(), here.place.name.c_str(), static_cast<mode_t>(*there.mode),
                    0) != 0) {
@@ -1165,10 +1177,11 @@ Announcement Engine::announceFor(ItemNumber number, Lock* lock) {
   };
 }
 
-/// Makes a placeholder of that shape of what is here, a placeholder or unchanged content; `now` is
-/// what there is then. Answers what else has to be done first.
-std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
-                                                   const Placeholder::Shape& shape, Node& now) {
+/// Makes a placeholder of that content of what is here, a placeholder or unchanged content; `now`
+/// is what there is then. Without a mode its permissions stay what they are. Answers what else has
+/// to be done first.
+std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item, const Node& content,
+                                                   std::optional<std::int64_t> mode, Node& now) {
   const Node& here = *item.here;
   const auto directory = directoryHere(here.place.parent);
   if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
@@ -1184,6 +1197,8 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
       (before->isPlaceholder != here.isPlaceholder && !before->isHidden)) {
     return again();
   }
+  auto shape = shapeOf(content, here, *before);
+  if (mode) shape.mode = static_cast<unsigned>(*mode);
   // The inode that it has then, should it get another one.
   std::optional<std::string> made;
   const Announcement announce = [&, tell = announceFor(item.number, nullptr)](int next) {
@@ -1234,7 +1249,7 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item,
   }
   if (entry->isHidden) {
     entry->isPlaceholder = true;
-    entry->mode = shape.mode.value_or(0);
+    entry->mode = shape.mode ? static_cast<std::int64_t>(*shape.mode) : before->mode;
   }
   if (!entry->isPlaceholder) return again();
   coming_.clear();
@@ -1276,7 +1291,7 @@ bool Engine::leaveToOtherNames(const Item& item) {
 Engine::Outcome Engine::refresh(const Item& item) {
   const Node there = *item.there;
   Node now;
-  if (const auto first = reshapeHere(item, shapeOf(there, *item.here), now)) {
+  if (const auto first = reshapeHere(item, there, std::nullopt, now)) {
     return leaveToOtherNames(item) ? Outcome::again : *first;
   }
   change(item.number, [&](Item& changed) {

@@ -58,7 +58,7 @@ Result<void> Engine::evictFile(const Item& item, const std::string& path) {
     return busy("it has not been uploaded yet");
   }
   Node now;
-  if (reshapeHere(item, shapeOf(*item.agreed, *item.here), now)) {
+  if (reshapeHere(item, *item.agreed, std::nullopt, now)) {
     wake_();
     return busy("a program has it open, or has changed it");
   }

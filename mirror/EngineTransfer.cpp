@@ -301,6 +301,16 @@ Engine::Outcome Engine::compare(Lock& lock, const Item& item) {
     opened->reset();
     transfer->done = 0;
     Lock inner(mutex_);
+    const bool isDecided = guarded([&] {
+      // Only touched: what is there is another version, and in conflict with nothing.
+      const bool isTouched = own && item.agreed && item.hash == *own;
+      if (isTouched) change(item.number, [&](Item& now) { now.agreedHere = here.version; });
+      const bool isOther = own && !isTouched && areOfOtherSizes(item);
+      if (isOther) different_[item.number] = pair(item);
+      if (isTouched || isOther) change(item.number, [&](Item& now) { now.due = this->now(); });
+      return isTouched || isOther;
+    });
+    if (isDecided) return end(transfer);
     const auto other = guarded([&] {
       return remotely(inner, [&] { return hashThere(*path, there.version, *transfer); });
     });
@@ -361,7 +371,10 @@ Engine::Outcome Engine::recognise(Lock& lock, const Item& item) {
       if (now && now->there && now->there->version == there.version) {
         const bool isOwn = wasSent(there.place, *found);
         const auto sender = senderTo(there);
-        if (isOwn && now->agreed) agreeOnContent(*now, there);
+        if (isOwn && now->agreed) {
+          agreeOnContent(*now, there);
+          now->hash = *found;
+        }
         if (isOwn && sender && !isBusy(sender->number) && !now->here && !now->agreed) {
           adopt(*sender, *now);
           change(sender->number, [&](Item& sent) { sent.hash = *found; });
@@ -567,13 +580,11 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   const auto& path = opened->second;
   transfer->done = 0;
   transfer->total = wanted;
-  auto shape = shapeOf(*item.agreed, *item.here);
   const auto before = lookAtFile(file.get());
-  if (before && before->isPlaceholder && !before->isHidden)
-    shape.mode = static_cast<unsigned>(before->mode);
+  if (!before) return Error::posix(errno, "The document cannot be looked at");
+  auto shape = shapeOf(*item.agreed, *item.here, *before);
   // A program has given the placeholder another size: it gets what there is, in that size.
-  if (before && before->isPlaceholder && !before->isProviding &&
-      before->size != item.agreed->size) {
+  if (before->isPlaceholder && !before->isProviding && before->size != item.agreed->size) {
     shape.size = static_cast<std::uint64_t>(before->size);
     shape.modified = Placeholder::Time(std::chrono::nanoseconds(before->modified));
   }
@@ -589,6 +600,18 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
     auto fetched = fetch(*writer, *transfer, item, path);
     if (!fetched) return fetched.error();
     hash = *std::move(fetched);
+    // Ended before it has noted that the content is here, the next process knows it by that.
+    lock.lock();
+    guarded([&] {
+      Database::Transaction transaction(*database_, Database::Transaction::For::nextProcess);
+      change(item.number, [&](Item& filled) {
+        const bool isAgreed = filled.agreed && filled.agreed->version == item.agreed->version;
+        if (isAgreed) filled.hash = hash;
+      });
+      transaction.commit();
+      return true;
+    });
+    lock.unlock();
     // Which inode the document will have is known before it has it.
     if (auto announced = announceFor(item.number, &lock)(writer->file()); !announced) {
       return announced;

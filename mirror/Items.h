@@ -66,7 +66,7 @@ struct Item {
 
   /// The version here that has the content of the agreed one; absent when no content was here.
   std::optional<std::string> agreedHere;
-  /// SHA-256 of the agreed content; absent when it was never here.
+  /// SHA-256 of the agreed content; absent when it never came here.
   std::optional<std::string> hash;
   /// When it has to be looked at, in milliseconds of the engine's clock; absent when all is done.
   std::optional<std::int64_t> due;

@@ -202,7 +202,8 @@ Giving giveUpContent(int file, const std::string& version, const Placeholder::Sh
   if (!now) return Giving::failed;
   if (now->isPlaceholder || now->version != version) return Giving::changed;
   const Placeholder::Shape provided{static_cast<std::uint64_t>(now->size),
-                                    Placeholder::Time(std::chrono::nanoseconds(now->modified))};
+                                    Placeholder::Time(std::chrono::nanoseconds(now->modified)),
+                                    std::nullopt, static_cast<unsigned>(now->mode)};
   const auto evicted = Placeholder(file).evict(provided, next, announce);
   if (!evicted) {
     setErrno(evicted.error());
@@ -244,10 +245,11 @@ Placeholder::Shape shapeOf(const Node& node) {
           node.mode ? std::optional(static_cast<unsigned>(*node.mode)) : std::nullopt};
 }
 
-Placeholder::Shape shapeOf(const Node& content, const Node& here) {
+Placeholder::Shape shapeOf(const Node& content, const Node& here, const LocalEntry& now) {
   auto shape = shapeOf(content);
+  shape.mode.reset();
   // None is what a hidden placeholder has of which nobody knows any.
-  if (here.mode.value_or(0) != 0) shape.mode = static_cast<unsigned>(*here.mode);
+  if (now.isHidden && here.mode.value_or(0) != 0) shape.mode = static_cast<unsigned>(*here.mode);
   return shape;
 }
 

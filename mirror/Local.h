@@ -104,9 +104,10 @@ bool isBeingWritten(int file);
 bool isOpenElsewhere(int file);
 
 Placeholder::Shape shapeOf(const Node& node);
-/// Returns the shape with the permissions of what is here; those that were changed here are carried
-/// over afterwards.
-Placeholder::Shape shapeOf(const Node& content, const Node& here);
+/// Returns the shape of the content for a file that is here, whose permissions stay what they are;
+/// those that were changed here are carried over afterwards. Only when the file is hidden, which
+/// keeps them from being seen, they are named as they are known.
+Placeholder::Shape shapeOf(const Node& content, const Node& here, const LocalEntry& now);
 
 /// Returns the name with " (`what`)" before its last extension, and with a number from the second
 /// attempt on, in at most 255 bytes.

@@ -65,8 +65,42 @@ Placeholder::Shape shapeOf(const struct stat& status, const mark::Mark& mark) {
   return shape;
 }
 
-/// A descriptor that reads and writes: the caller's own, or one more, for which the owner is given
-/// access as long as this lives where the file's permissions deny it.
+mode_t modeOf(int file) {
+  struct stat status {};
+  return ::fstat(file, &status) == 0 ? status.st_mode & permissions : 0;
+}
+
+/// Does what the permissions of a file may deny its owner, who has them all for that moment then.
+/// Programs may change the permissions at any time: theirs stay.
+template <class F>
+auto asOwner(int file, F work) {
+  auto done = work();
+  if (done || errno != EACCES) return done;
+  const mode_t mode = modeOf(file);
+  const mode_t given = mode | ownerAccess;
+  const auto path = mark::descriptorPath(file);
+  if (mode == given || ::chmod(path.c_str(), given) != 0) {
+    errno = EACCES;
+    return done;
+  }
+  done = work();
+  const int problem = errno;
+  if (modeOf(file) == given) ::chmod(path.c_str(), mode);
+  errno = problem;
+  return done;
+}
+
+bool setPlaceholder(int file, const std::optional<qx::ByteRanges>& parts = std::nullopt) {
+  return asOwner(file, [&] { return mark::setPlaceholder(file, std::nullopt, parts); });
+}
+bool setProviding(int file, const std::optional<qx::ByteRanges>& parts) {
+  return asOwner(file, [&] { return mark::setProviding(file, std::nullopt, parts); });
+}
+bool clearMark(int file) {
+  return asOwner(file, [&] { return mark::clear(file); });
+}
+
+/// A descriptor that reads and writes, or only reads: the caller's own, or one more.
 class Access {
  public:
   static Result<Access> open(int file, int flags = O_RDWR) {
@@ -75,44 +109,18 @@ class Access {
     const bool canWrite = (has & O_ACCMODE) == O_RDWR;
     if (!(has & O_PATH) && (canWrite || flags == O_RDONLY)) return access;
     const auto path = mark::descriptorPath(file);
-    access.own_ = Descriptor(::open(path.c_str(), flags | O_CLOEXEC));
-    if (!access.own_ && errno == EACCES && access.allowOwner()) {
-      access.own_ = Descriptor(::open(path.c_str(), flags | O_CLOEXEC));
-    }
+    access.own_ =
+        asOwner(file, [&] { return Descriptor(::open(path.c_str(), flags | O_CLOEXEC)); });
     if (!access.own_) return fileError(file, errno);
     return access;
   }
-  Access(Access&& other) noexcept
-      : file_(other.file_),
-        own_(std::move(other.own_)),
-        mode_(std::exchange(other.mode_, std::nullopt)) {}
-  ~Access() {
-    if (mode_) ::chmod(mark::descriptorPath(get()).c_str(), *mode_);
-  }
-  Access(const Access&) = delete;
-
   int get() const { return own_ ? own_.get() : file_; }
-  /// Lets the owner read and write the file, and its attributes. False with errno set.
-  bool allowOwner() {
-    struct stat status {};
-    if (::fstat(get(), &status) != 0) return false;
-    if ((status.st_mode & ownerAccess) == ownerAccess) return true;
-    const auto path = mark::descriptorPath(get());
-    if (::chmod(path.c_str(), (status.st_mode & permissions) | ownerAccess) != 0) return false;
-    mode_ = status.st_mode & permissions;
-    return true;
-  }
-  /// What the permissions were, where they had to be changed.
-  std::optional<mode_t> mode() const { return mode_; }
-  /// The permissions stay what they are then.
-  void keepMode() { mode_.reset(); }
 
  private:
   explicit Access(int file) : file_(file) {}
 
   int file_;
   Descriptor own_;
-  std::optional<mode_t> mode_;
 };
 
 /// The file for oneself: held from when it is found that nobody else has it open or mapped. Others
@@ -157,8 +165,10 @@ bool withdrawLeave(int file) {
 
 bool isOfShape(int file, const Placeholder::Shape& shape) {
   struct stat status {};
+  constexpr mode_t compared = 0777;
   return ::fstat(file, &status) == 0 && static_cast<std::uint64_t>(status.st_size) == shape.size &&
-         sparse::timeOf(status.st_mtim) == shape.modified;
+         sparse::timeOf(status.st_mtim) == shape.modified &&
+         (!shape.mode || ((status.st_mode ^ *shape.mode) & compared) == 0);
 }
 
 /// Whether programs may have read parts of the file before all of it was there.
@@ -167,8 +177,8 @@ bool hasParts(int file) {
   return mark.state != PlaceholderState::present && mark.parts && !mark.parts->isEmpty();
 }
 
-/// Makes a placeholder of a file that is marked already, or has no content. One without a name is
-/// marked last: nobody else can see it, and its size changes without anybody being asked.
+/// Makes a placeholder of a file that is new. One without a name is marked last: nobody else can
+/// see it, and its size changes without anybody being asked.
 bool makePlaceholder(int file, const Placeholder::Shape& shape, mode_t mode, bool cooperative) {
   struct stat status {};
   if (::fstat(file, &status) != 0) return false;
@@ -177,6 +187,13 @@ bool makePlaceholder(int file, const Placeholder::Shape& shape, mode_t mode, boo
   return mark::setPlaceholder(file, cooperative ? std::optional(mode) : std::nullopt) &&
          ::fchmod(file, cooperative ? 0 : mode) == 0 &&
          (!isNamed || sparse::makeSparse(file, shape, !cooperative));
+}
+
+/// Makes a placeholder of a file that is marked already, where readers are kept waiting. Its
+/// permissions stay what they are, unless others are asked for.
+bool emptyInPlace(int file, const Placeholder::Shape& shape, std::optional<unsigned> mode) {
+  return setPlaceholder(file) && (!mode || ::fchmod(file, static_cast<mode_t>(*mode)) == 0) &&
+         sparse::makeSparse(file, shape, true);
 }
 
 /// A placeholder, on its way to the place of `old`.
@@ -195,10 +212,9 @@ Result<Replacement> placeholderFor(int old, const Placeholder::Shape& shape, mod
   return made;
 }
 
-/// Marks a file whose content is there, durably. Its permissions stay.
-bool markDurably(const Access& file) {
-  return mark::setPlaceholder(file.get(), file.mode()) && ::fsync(file.get()) == 0 &&
-         withdrawLeave(file.get());
+/// Marks a file whose content is there, durably.
+bool markDurably(int file) {
+  return setPlaceholder(file) && ::fsync(file) == 0 && withdrawLeave(file);
 }
 
 }  // namespace
@@ -262,20 +278,21 @@ Result<void> Placeholder::reset(const Shape& shape, const Announcement& announce
     auto made = placeholderFor(file_, shape, mode, announce, isHidden);
     if (!made) return made.error();
     if (auto exchanged = made->exchange(); !exchanged) return exchanged;
-    return made->settle();
+    if (modeOf(file_) == (status.st_mode & permissions)) return made->settle();
+    // Somebody has just changed its permissions: those count.
+    if (auto undone = made->undo(); !undone) return undone;
+    return fileError(file_, ESTALE);
   }
   auto access = Access::open(file_);
   if (!access) return access.error();
   if (announce) {
-    if (auto announced = announce(file_); !announced) return announced;
+    if (auto announced = announce(file_); !announced) return announced.error();
   }
   const int file = access->get();
-  access->keepMode();
   // A file that is being made has nothing yet that could go before the mark is durable.
-  const bool done =
-      isNew ? makePlaceholder(file, shape, mode, isCooperative())
-            : (!isPresent || (mark::setPlaceholder(file, mode) && ::fsync(file) == 0)) &&
-                  makePlaceholder(file, shape, mode, false);
+  const bool done = isNew ? makePlaceholder(file, shape, mode, isCooperative())
+                          : (!isPresent || (setPlaceholder(file) && ::fsync(file) == 0)) &&
+                                emptyInPlace(file, shape, shape.mode);
   if (!done) return fileError(file_, errno);
   return {};
 }
@@ -300,11 +317,10 @@ class PlaceholderWriter::Target {
     if (isDone_ || !access_) return;
     if (parts_ && !parts_->isEmpty()) {
       // Somebody may have read them.
-      mark::setPlaceholder(file(), shape_.mode, parts_);
+      setPlaceholder(file(), parts_);
     } else {
       // What cannot be given back stays, in what is a placeholder all the same.
-      static_cast<void>(makePlaceholder(file(), shape_, mode({}), false));
-      access_->keepMode();
+      static_cast<void>(emptyInPlace(file(), shape_, std::nullopt));
     }
   }
   Target(const Target&) = delete;
@@ -321,7 +337,7 @@ class PlaceholderWriter::Target {
     for (const auto& [begin, end] : parts.all()) all.add({begin, end});
     if (all != parts_ && !all.isEmpty() && ::fsync(file()) != 0) return error(errno);
     // Set again even if it says so already: who is told of it may not have been.
-    if (!mark::setProviding(file(), shape_.mode, all)) return error(errno);
+    if (!setProviding(file(), all)) return error(errno);
     parts_ = std::move(all);
     return {};
   }
@@ -344,18 +360,16 @@ class PlaceholderWriter::Target {
     return static_cast<mode_t>(shape.mode.value_or(shape_.mode.value_or(usualMode)));
   }
   /// Of the placeholder.
-  mode_t modeNow() const {
-    struct stat status {};
-    return ::fstat(access_ ? file() : old_, &status) == 0 ? status.st_mode & permissions : 0;
-  }
+  mode_t modeNow() const { return modeOf(access_ ? file() : old_); }
 
   Result<void> finishInPlace(const Placeholder::Shape& shape) {
-    if (!sparse::setTimes(file(), shape) || ::fsync(file()) != 0 || !mark::clear(file())) {
+    if (!sparse::setTimes(file(), shape) || ::fsync(file()) != 0 || !clearMark(file())) {
       return error(errno);
     }
     isDone_ = true;
-    access_->keepMode();
-    if (::fchmod(file(), mode(shape)) != 0) return error(errno);
+    // It may have been hidden meanwhile by who guarded it and ended.
+    const bool shallChange = shape.mode || modeNow() == 0;
+    if (shallChange && ::fchmod(file(), mode(shape)) != 0) return error(errno);
     return {};
   }
 
@@ -366,6 +380,10 @@ class PlaceholderWriter::Target {
       return error(errno);
     }
     if (auto exchanged = replacement_->exchange(); !exchanged) return exchanged;
+    // Given to the placeholder until that moment.
+    if (const auto given = modeNow(); given != 0 && given != modeBefore_) {
+      if (::fchmod(file(), given) != 0) return error(errno);
+    }
     if (!shape_.mode) {
       // Its mark can be read now that it is nobody's document any more, unless platformd hides it
       // again.
@@ -407,10 +425,9 @@ Result<PlaceholderWriter> Placeholder::fill(bool goesOn) const {
   auto access = Access::open(file_);
   if (!access) return access.error();
   const auto was = mark::read(access->get());
-  auto now = *shape;
-  if (was.mode) now.mode = *was.mode;
+  const auto& now = *shape;
   auto kept = goesOn ? was.parts : std::nullopt;
-  if (!mark::setProviding(access->get(), now.mode, kept)) return fileError(file_, errno);
+  if (!setProviding(access->get(), kept)) return fileError(file_, errno);
   auto target = std::make_unique<PlaceholderWriter::Target>(*std::move(access), now);
   const int file = target->file();
   if (kept && !kept->isEmpty()) {
@@ -436,8 +453,7 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
   struct stat status {};
   if (::fstat(file, &status) != 0) return fileError(file_, errno);
   const auto shape = next.value_or(docsource::shapeOf(status, {}));
-  const auto now = access->mode().value_or(status.st_mode & permissions);
-  const auto mode = next && next->mode ? static_cast<mode_t>(*next->mode) : now;
+  const mode_t now = status.st_mode & permissions;
   {
     const Lease lease(file);
     if (lease.problem() == EAGAIN) return Eviction::inUse;
@@ -446,10 +462,11 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
     if (!isOfShape(file, provided)) return Eviction::changed;
     if (cooperative) {
       if (status.st_nlink > 1) return Eviction::inUse;
+      const auto mode = next && next->mode ? static_cast<mode_t>(*next->mode) : now;
       auto made = placeholderFor(file_, shape, mode, announce);
       if (!made) return made.error();
       if (auto exchanged = made->exchange(); !exchanged) return exchanged.error();
-      const bool isAlone = lease.isAlone() && isOfShape(file, provided);
+      const bool isAlone = lease.isAlone() && isOfShape(file, provided) && modeOf(file) == now;
       const auto ended = isAlone ? made->settle() : made->undo();
       if (!ended) return ended.error();
       return isAlone ? Eviction::evicted : Eviction::inUse;
@@ -458,19 +475,20 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
     if (announce) {
       if (auto announced = announce(file_); !announced) return announced.error();
     }
-    const bool isMarked = access->allowOwner() && markDurably(*access);
+    const bool isMarked = markDurably(file);
     const int problem = errno;
     if (!isMarked || !lease.isAlone() || !isOfShape(file, provided)) {
-      if (!mark::clear(file)) return fileError(file_, errno);
+      if (!clearMark(file)) return fileError(file_, errno);
       if (!isMarked) return fileError(file_, problem);
       return Eviction::inUse;
     }
   }
   // There is no way back. Whoever gets at the file from now on waits for its content.
-  access->keepMode();
   const auto writable = Access::open(file);
   if (!writable) return writable.error();
-  if (!makePlaceholder(writable->get(), shape, mode, false)) return fileError(file_, errno);
+  if (!emptyInPlace(writable->get(), shape, next ? next->mode : std::nullopt)) {
+    return fileError(file_, errno);
+  }
   return Eviction::evicted;
 }
 

@@ -17,7 +17,7 @@ class EngineTest : public testing::Test {
  protected:
   EngineTest() {
     qx::Clock::setCurrent(clock_);
-    coordinate(scratch_ / "", "access");
+    coordinate("access");
     fs::create_directories(there_ + "/d/e");
     write(there("a.txt"), "first");
     write(there("d/e/b.txt"), "second");

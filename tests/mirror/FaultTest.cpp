@@ -23,6 +23,8 @@ struct Operation {
   bool hasIdentifiers = true;
   /// Done here before the engine goes on.
   std::function<void(const std::string& here)> meanwhile = {};
+  /// Of how many calls one fails.
+  int stride = 23;
 };
 
 enum class Fault { ioOnce, ioFromThenOn, fullFromThenOn, kill };
@@ -50,77 +52,95 @@ std::string contents(const std::string& root) {
   return text;
 }
 
-/// Whether the fault came; not when there are fewer calls.
-bool tryWith(const Operation& operation, const std::string& mechanism, Fault fault, int at) {
-  const OrdinaryUser user;
-  const Scratch scratch;
-  auto& clock = newClock();
-  qx::Clock::setCurrent(clock);
-  coordinate(scratch / "", mechanism);
-  const auto there = scratch / "there";
-  fs::create_directories(there + "/d");
-  write(there + "/a", "first");
-  write(there + "/d/b", "second");
-  const auto machine = [&] {
-    auto remote = std::make_unique<UnreliableRemote>(makeFolderRemote(there));
-    remote->hasIdentifiers = operation.hasIdentifiers;
-    return std::make_unique<Machine>(scratch / "here", std::move(remote));
-  };
-  const auto storage = machine()->storage;
-  {
+/// Both sides agree on "a" (present here) and "d/b" (a placeholder).
+struct Scene {
+  explicit Scene(const std::string& mechanism, bool identifies = true, mode_t mode = 0644)
+      : hasIdentifiers(identifies) {
+    qx::Clock::setCurrent(clock);
+    coordinate(mechanism);
+    fs::create_directories(there + "/d");
+    write(there + "/a", "first");
+    write(there + "/d/b", "second");
+    for (const auto* name : {"/a", "/d/b"}) ::chmod((there + name).c_str(), mode);
     const auto before = machine();
     EXPECT_TRUE(before->start());
     EXPECT_TRUE(before->settle(clock));
-    EXPECT_TRUE(before->engine().provide(storage + "/a"));
+    EXPECT_TRUE(before->engine().provide(here + "/a"));
     EXPECT_TRUE(before->settle(clock));
   }
-  operation.prepare(storage, there);
-  bool hasCome = false;
-  const auto work = [&] {
-    int calls = 0;
-    const WatchedCalls watched([&](const char*, bool changes) {
-      if (!changes || ++calls < at) return 0;
-      hasCome = true;
-      if (fault == Fault::kill) ::_exit(1);
-      if (fault == Fault::ioOnce && calls > at) return 0;
-      return fault == Fault::fullFromThenOn ? ENOSPC : EIO;
-    });
-    const auto broken = machine();
-    if (!broken->start()) return;
-    settleSomehow(*broken, clock);
-    if (operation.ask) operation.ask(*broken);
-    settleSomehow(*broken, clock);
-  };
-  if (fault == Fault::kill) {
+  std::unique_ptr<Machine> machine() const {
+    auto remote = std::make_unique<UnreliableRemote>(makeFolderRemote(there));
+    remote->hasIdentifiers = hasIdentifiers;
+    return std::make_unique<Machine>(scratch / "here", std::move(remote));
+  }
+  /// What the engine does, watched by whoever may end it; whether it was ended.
+  bool work(const std::function<void(Machine&)>& ask, const BeforeCall& watch, bool mayEnd) const {
+    const auto all = [&] {
+      const WatchedCalls watched(watch);
+      const auto broken = machine();
+      if (!broken->start()) return;
+      settleSomehow(*broken, clock);
+      if (ask) ask(*broken);
+      settleSomehow(*broken, clock);
+    };
+    if (!mayEnd) return all(), false;
     const pid_t child = ::fork();
     if (child == 0) {
-      work();
+      all();
       ::_exit(0);
     }
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
-    hasCome = WIFEXITED(status) && WEXITSTATUS(status) == 1;
-  } else {
-    work();
+    return WIFEXITED(status) && WEXITSTATUS(status) == 1;
   }
-  if (operation.meanwhile) operation.meanwhile(storage);
-  const auto healed = machine();
-  EXPECT_TRUE(healed->start());
-  for (int round = 0; round < 2; ++round) {
-    healed->engine().beginSync(true);
-    EXPECT_TRUE(healed->settle(clock));
+  void heal() const {
+    const auto healed = machine();
+    EXPECT_TRUE(healed->start());
+    for (int round = 0; round < 2; ++round) {
+      healed->engine().beginSync(true);
+      EXPECT_TRUE(healed->settle(clock));
+    }
+    EXPECT_TRUE(healed->engine().provide(here));
   }
-  EXPECT_TRUE(healed->engine().provide(storage));
-  EXPECT_EQ(contents(there), operation.expected);
-  EXPECT_EQ(contents(storage), operation.expected);
-  return hasCome;
+
+  const OrdinaryUser user;
+  const Scratch scratch;
+  const std::string there = scratch / "there";
+  const std::string here = scratch / "here/storage";
+  const bool hasIdentifiers;
+  qx::ManualClock& clock = newClock();
+};
+
+/// Whether the fault came; not when there are fewer calls.
+bool tryWith(const Operation& operation, const std::string& mechanism, Fault fault, int at) {
+  const Scene scene(mechanism, operation.hasIdentifiers);
+  operation.prepare(scene.here, scene.there);
+  bool hasCome = false;
+  int calls = 0;
+  const auto watch = [&](const char*, bool changes) {
+    if (!changes || ++calls < at) return 0;
+    hasCome = true;
+    if (fault == Fault::kill) ::_exit(1);
+    if (fault == Fault::ioOnce && calls > at) return 0;
+    return fault == Fault::fullFromThenOn ? ENOSPC : EIO;
+  };
+  const bool isEnded = scene.work(operation.ask, watch, fault == Fault::kill);
+  if (operation.meanwhile) operation.meanwhile(scene.here);
+  scene.heal();
+  EXPECT_EQ(contents(scene.there), operation.expected);
+  EXPECT_EQ(contents(scene.here), operation.expected);
+  return hasCome || isEnded;
+}
+
+bool triesEach() {
+  const char* wanted = std::getenv("DOCSOURCE_FAULTS");
+  return wanted && std::string(wanted) == "all";
 }
 
 class FaultTest : public testing::TestWithParam<Operation> {};
 
 TEST_P(FaultTest, LosesNothingAndGoesOn) {
-  const char* wanted = std::getenv("DOCSOURCE_FAULTS");
-  const int stride = wanted && std::string(wanted) == "all" ? 1 : 23;
+  const int stride = triesEach() ? 1 : GetParam().stride;
   for (const std::string mechanism : {"access", "cooperative"}) {
     for (const auto fault :
          {Fault::ioOnce, Fault::ioFromThenOn, Fault::fullFromThenOn, Fault::kill}) {
@@ -136,6 +156,10 @@ const Operation operations[] = {
     {"BringIn", [](const auto&, const auto&) {},
      [](Machine& machine) { (void)machine.engine().provide(machine.storage + "/d/b").ok(); },
      "first second "},
+    {"BringInWhatIsReplacedThen", [](const auto&, const auto&) {},
+     [](Machine& machine) { (void)machine.engine().provide(machine.storage + "/d/b").ok(); },
+     "a newer second first ", true,
+     [](const auto& here) { save(here + "/../../there/d/b", "a newer second"); }, 3},
     {"GiveBack", [](const auto&, const auto&) {},
      [](Machine& machine) { (void)machine.engine().evict(machine.storage + "/a").ok(); },
      "first second "},
@@ -197,6 +221,93 @@ const Operation operations[] = {
        write(here + "/c", "final");
      }},
 };
+
+/// A program gives a document permissions before the first, second, … call of an operation, which
+/// goes on, or is ended some calls later. Whether there was such a call.
+bool tryPermissions(const Operation& operation, const std::string& name,
+                    const std::string& mechanism, mode_t before, int at, int endsAfter) {
+  constexpr mode_t given = 0751;
+  const Scene scene(mechanism, true, before);
+  const auto path = scene.here + name;
+  operation.prepare(scene.here, scene.there);
+  int calls = 0;
+  const auto mode = [](const std::string& file) {
+    struct stat status {};
+    EXPECT_EQ(::stat(file.c_str(), &status), 0) << file;
+    return status.st_mode & 07777U;
+  };
+  const auto watch = [&](const char* call, bool) {
+    // A document without permissions to write has them while it is marked or opened: nobody can
+    // change permissions only if they still are what they were.
+    if (std::string(call) == "chmod" && calls + 1 == at) return 0;
+    if (++calls == at) {
+      EXPECT_EQ(::chmod(path.c_str(), given), 0);
+    }
+    if (calls == at + endsAfter) ::_exit(1);
+    return 0;
+  };
+  constexpr int never = 1'000'000;
+  const bool isEnded = scene.work(operation.ask, watch, endsAfter != never);
+  if (endsAfter == never && calls < at) return false;
+  if (endsAfter != never && !isEnded) return false;
+  scene.heal();
+  EXPECT_EQ(mode(path), given);
+  EXPECT_EQ(mode(scene.there + name), given);
+  return true;
+}
+
+TEST(PermissionTest, KeepsPermissionsThatAreGivenMeanwhile) {
+  constexpr int never = 1'000'000;
+  const auto changeThere = [](const auto&, const auto& there) {
+    for (const auto* name : {"/a", "/d/b"}) {
+      struct stat status {};
+      ::stat((there + name).c_str(), &status);
+      save(there + name, "a newer one");
+      ::chmod((there + name).c_str(), status.st_mode & 07777U);
+    }
+  };
+  const auto nothing = [](const auto&, const auto&) {};
+  const std::function<void(Machine&)> bringIn = [](Machine& machine) {
+    (void)machine.engine().provide(machine.storage + "/d/b").ok();
+  };
+  const std::function<void(Machine&)> giveBack = [](Machine& machine) {
+    (void)machine.engine().evict(machine.storage + "/a").ok();
+  };
+  struct Case {
+    Operation operation;
+    std::string name;
+    /// Or it becomes one.
+    bool isPlaceholder = true;
+  };
+  const Case cases[] = {
+      {{"BringIn", nothing, bringIn, {}}, "/d/b"},
+      {{"GiveBack", nothing, giveBack, {}}, "/a"},
+      {{"Refresh", changeThere, {}, {}}, "/a"},
+      {{"RefreshAPlaceholder", changeThere, {}, {}}, "/d/b"},
+      {{"Upload", [](const auto& here, const auto&) { save(here + "/a", "edited"); }, {}, {}},
+       "/a",
+       false},
+  };
+  for (const std::string mechanism : {"access", "cooperative"}) {
+    for (const auto& [operation, name, isPlaceholder] : cases) {
+      // There a placeholder has no permissions, and those that it is given may be lost.
+      if (isPlaceholder && mechanism == "cooperative") continue;
+      for (const mode_t before : {0644, 0444}) {
+        for (const int endsAfter : {never, 1, 5, 20}) {
+          const int stride = triesEach() ? 1 : endsAfter == never ? 17 : 67;
+          int at = 1;
+          while (tryPermissions(operation, name, mechanism, before, at, endsAfter) &&
+                 !HasFailure()) {
+            at += stride;
+          }
+          ASSERT_FALSE(HasFailure())
+              << operation.name << ", " << mechanism << ", " << std::oct << before << std::dec
+              << " at call " << at << ", ended after " << endsAfter;
+        }
+      }
+    }
+  }
+}
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultTest, testing::ValuesIn(operations),
                          [](const auto& entry) { return entry.param.name; });

@@ -22,7 +22,7 @@ Model::Model(std::uint64_t seed, Server* server)
     : server_(server), base_("/m" + std::to_string(seed)), clock_(newClock()), random_(seed) {
   qx::Clock::setCurrent(clock_);
   clock_.advance(std::chrono::hours(1));
-  coordinate(scratch_ / "", chance(50) ? "access" : "cooperative");
+  coordinate(chance(50) ? "access" : "cooperative");
   fs::create_directories(there_);
   const bool hasIdentifiers = chance(80);
   const unsigned count = chance(25) ? 2 : 1;

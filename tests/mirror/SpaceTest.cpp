@@ -16,7 +16,7 @@ class SpaceTest : public testing::Test {
   SpaceTest() {
     qx::Clock::setCurrent(clock_);
     clock_.advance(std::chrono::hours(1));
-    coordinate(scratch_ / "", "access");
+    coordinate("access");
     fs::create_directories(there_);
     machine_ = std::make_unique<Machine>(scratch_ / "m", makeFolderRemote(there_));
   }

@@ -89,11 +89,15 @@ inline qx::ManualClock& newClock() {
   return *clocks.emplace_back(std::make_unique<qx::ManualClock>());
 }
 
-/// How the machine keeps programs from reading placeholders: "access", or "cooperative".
-inline void coordinate(const std::string& root, const std::string& mechanism) {
-  ::setenv("DOCSOURCE_ROOT", root.c_str(), 1);
-  fs::create_directories(root + "/run");
-  write(root + "/run/coordination", mechanism + "\n");
+/// How the machine keeps programs from reading placeholders: "access", or "cooperative". A process
+/// looks for its places once, so that they are the same in all of its tests.
+inline void coordinate(const std::string& mechanism) {
+  const AllSeeing all;
+  static const Scratch root;
+  ::setenv("DOCSOURCE_ROOT", (root / "").c_str(), 1);
+  fs::create_directories(root / "run");
+  ::chmod((root / "").c_str(), 0755);
+  write(root / "run/coordination", mechanism + "\n");
 }
 
 /// An engine whose transfers run at once, on the thread of the test.

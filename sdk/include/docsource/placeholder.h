@@ -141,7 +141,8 @@ class DOCSOURCE_API Placeholder {
   };
   /// Makes the document a placeholder again, of the shape `next` or its own, unless something
   /// prevents it. `provided` describes the content that the provider has: a document with another
-  /// size or modification time, to the nanosecond, was changed. A change that keeps both is not
+  /// size or modification time, to the nanosecond, was changed, and one with other permissions,
+  /// when `provided` names them. A change that keeps all of them is not
   /// seen. A program that opens it meanwhile waits, and then either finds a placeholder or has kept
   /// the content there. Needs what isFileInUse() needs. A program that waits to open the file makes
   /// the kernel send SIGURG, which does nothing unless it is handled.
