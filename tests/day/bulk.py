@@ -161,12 +161,14 @@ def figures(world, count):
 
     def of_all(measure):
         return [as_root(measure, world.process(which)) for which in PROCESSES]
-    row = [f"{count:,}", timed(lambda: (ready(), world.synchronise(patience=patience))), timed(lambda: run("find", world.docs + "/", "-printf", "%s\\n")), timed(world.synchronise)]
+    def synchronise():
+        world.tool("sync", world.account, patience=patience)
+    row = [f"{count:,}", timed(lambda: (ready(), synchronise())), timed(lambda: run("find", world.docs + "/", "-printf", "%s\\n")), timed(synchronise)]
     if len(tree(world.docs, content=False)) <= count:
         raise RuntimeError(f"{len(tree(world.docs, content=False))} of {count} are shown")
     world.stop()
     row += [timed(ready), f"{sum(of_all(processor_time)):.2f} s"]
-    world.synchronise()
+    synchronise()
     return row + [f"{own / 1024:.1f} MiB" for own in of_all(own_memory)]
 
 
