@@ -23,6 +23,7 @@
 #include <utility>
 
 #include "platform/coordination/CoordinationState.h"
+#include "sdk/src/AsOwner.h"
 #include "sdk/src/PlaceholderMark.h"
 #include "sdk/src/Replacement.h"
 #include "sdk/src/SparseFile.h"
@@ -34,11 +35,11 @@ constexpr mode_t permissions = 07777;
 constexpr mode_t ownerAccess = S_IRUSR | S_IWUSR;
 constexpr mode_t usualMode = 0644;
 
-/// Whether nobody keeps readers waiting, as far as is known.
-bool isCooperative() {
-  const auto mechanism = qx::readCoordinationMechanism();
-  return !mechanism || *mechanism == qx::CoordinationMechanism::cooperative;
+qx::CoordinationMechanism coordination() {
+  return qx::readCoordinationMechanism().value_or(qx::CoordinationMechanism::cooperative);
 }
+/// Whether nobody keeps readers waiting, as far as is known.
+bool isCooperative() { return coordination() == qx::CoordinationMechanism::cooperative; }
 
 /// Whether nobody would keep readers of this file waiting if it had permissions: platformd gives
 /// them to a placeholder that has none as soon as it guards it, and nobody does before.
@@ -70,36 +71,6 @@ mode_t modeOf(int file) {
   return ::fstat(file, &status) == 0 ? status.st_mode & permissions : 0;
 }
 
-/// Does what the permissions of a file may deny its owner, who has them all for that moment then.
-/// Programs may change the permissions at any time: theirs stay.
-template <class F>
-auto asOwner(int file, F work) {
-  auto done = work();
-  if (done || errno != EACCES) return done;
-  const mode_t mode = modeOf(file);
-  const mode_t given = mode | ownerAccess;
-  const auto path = mark::descriptorPath(file);
-  if (mode == given || ::chmod(path.c_str(), given) != 0) {
-    errno = EACCES;
-    return done;
-  }
-  done = work();
-  const int problem = errno;
-  if (modeOf(file) == given) ::chmod(path.c_str(), mode);
-  errno = problem;
-  return done;
-}
-
-bool setPlaceholder(int file, const std::optional<qx::ByteRanges>& parts = std::nullopt) {
-  return asOwner(file, [&] { return mark::setPlaceholder(file, std::nullopt, parts); });
-}
-bool setProviding(int file, const std::optional<qx::ByteRanges>& parts) {
-  return asOwner(file, [&] { return mark::setProviding(file, std::nullopt, parts); });
-}
-bool clearMark(int file) {
-  return asOwner(file, [&] { return mark::clear(file); });
-}
-
 /// A descriptor that reads and writes, or only reads: the caller's own, or one more.
 class Access {
  public:
@@ -109,8 +80,10 @@ class Access {
     const bool canWrite = (has & O_ACCMODE) == O_RDWR;
     if (!(has & O_PATH) && (canWrite || flags == O_RDONLY)) return access;
     const auto path = mark::descriptorPath(file);
-    access.own_ =
-        asOwner(file, [&] { return Descriptor(::open(path.c_str(), flags | O_CLOEXEC)); });
+    // Where openings wait, that of a process in another namespace is a stranger's.
+    const bool mayHaveNamespace = coordination() == qx::CoordinationMechanism::access;
+    access.own_ = Descriptor(asOwner(
+        file, [&] { return ::open(path.c_str(), flags | O_CLOEXEC); }, mayHaveNamespace));
     if (!access.own_) return fileError(file, errno);
     return access;
   }
@@ -192,7 +165,8 @@ bool makePlaceholder(int file, const Placeholder::Shape& shape, mode_t mode, boo
 /// Makes a placeholder of a file that is marked already, where readers are kept waiting. Its
 /// permissions stay what they are, unless others are asked for.
 bool emptyInPlace(int file, const Placeholder::Shape& shape, std::optional<unsigned> mode) {
-  return setPlaceholder(file) && (!mode || ::fchmod(file, static_cast<mode_t>(*mode)) == 0) &&
+  return mark::setPlaceholder(file, std::nullopt) &&
+         (!mode || ::fchmod(file, static_cast<mode_t>(*mode)) == 0) &&
          sparse::makeSparse(file, shape, true);
 }
 
@@ -214,7 +188,7 @@ Result<Replacement> placeholderFor(int old, const Placeholder::Shape& shape, mod
 
 /// Marks a file whose content is there, durably.
 bool markDurably(int file) {
-  return setPlaceholder(file) && ::fsync(file) == 0 && withdrawLeave(file);
+  return mark::setPlaceholder(file, std::nullopt) && ::fsync(file) == 0 && withdrawLeave(file);
 }
 
 }  // namespace
@@ -290,9 +264,10 @@ Result<void> Placeholder::reset(const Shape& shape, const Announcement& announce
   }
   const int file = access->get();
   // A file that is being made has nothing yet that could go before the mark is durable.
-  const bool done = isNew ? makePlaceholder(file, shape, mode, isCooperative())
-                          : (!isPresent || (setPlaceholder(file) && ::fsync(file) == 0)) &&
-                                emptyInPlace(file, shape, shape.mode);
+  const bool done =
+      isNew ? makePlaceholder(file, shape, mode, isCooperative())
+            : (!isPresent || (mark::setPlaceholder(file, std::nullopt) && ::fsync(file) == 0)) &&
+                  emptyInPlace(file, shape, shape.mode);
   if (!done) return fileError(file_, errno);
   return {};
 }
@@ -317,7 +292,7 @@ class PlaceholderWriter::Target {
     if (isDone_ || !access_) return;
     if (parts_ && !parts_->isEmpty()) {
       // Somebody may have read them.
-      setPlaceholder(file(), parts_);
+      mark::setPlaceholder(file(), std::nullopt, parts_);
     } else {
       // What cannot be given back stays, in what is a placeholder all the same.
       static_cast<void>(emptyInPlace(file(), shape_, std::nullopt));
@@ -337,7 +312,7 @@ class PlaceholderWriter::Target {
     for (const auto& [begin, end] : parts.all()) all.add({begin, end});
     if (all != parts_ && !all.isEmpty() && ::fsync(file()) != 0) return error(errno);
     // Set again even if it says so already: who is told of it may not have been.
-    if (!setProviding(file(), all)) return error(errno);
+    if (!mark::setProviding(file(), std::nullopt, all)) return error(errno);
     parts_ = std::move(all);
     return {};
   }
@@ -363,7 +338,7 @@ class PlaceholderWriter::Target {
   mode_t modeNow() const { return modeOf(access_ ? file() : old_); }
 
   Result<void> finishInPlace(const Placeholder::Shape& shape) {
-    if (!sparse::setTimes(file(), shape) || ::fsync(file()) != 0 || !clearMark(file())) {
+    if (!sparse::setTimes(file(), shape) || ::fsync(file()) != 0 || !mark::clear(file())) {
       return error(errno);
     }
     isDone_ = true;
@@ -427,7 +402,7 @@ Result<PlaceholderWriter> Placeholder::fill(bool goesOn) const {
   const auto was = mark::read(access->get());
   const auto& now = *shape;
   auto kept = goesOn ? was.parts : std::nullopt;
-  if (!setProviding(access->get(), kept)) return fileError(file_, errno);
+  if (!mark::setProviding(access->get(), std::nullopt, kept)) return fileError(file_, errno);
   auto target = std::make_unique<PlaceholderWriter::Target>(*std::move(access), now);
   const int file = target->file();
   if (kept && !kept->isEmpty()) {
@@ -478,7 +453,7 @@ Result<Placeholder::Eviction> Placeholder::evict(const Shape& provided,
     const bool isMarked = markDurably(file);
     const int problem = errno;
     if (!isMarked || !lease.isAlone() || !isOfShape(file, provided)) {
-      if (!clearMark(file)) return fileError(file_, errno);
+      if (!mark::clear(file)) return fileError(file_, errno);
       if (!isMarked) return fileError(file_, problem);
       return Eviction::inUse;
     }

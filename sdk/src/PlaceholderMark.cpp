@@ -13,6 +13,7 @@
 #include "platform/files/InodeMark.h"
 #include "platform/identity/PlaceholderMark.h"
 #include "platform/identity/ProcessDirectory.h"
+#include "sdk/src/AsOwner.h"
 
 namespace docsource::mark {
 namespace {
@@ -38,7 +39,10 @@ bool set(int file, std::string text, std::optional<mode_t> mode,
   text += " " + qx::markWord(*inode);
   if (mode) text.append(" ").append(qx::modeWord(*mode));
   if (parts) text.append(" ").append(qx::partsWord(*parts));
-  return ::setxattr(descriptorPath(file).c_str(), attribute, text.data(), text.size(), 0) == 0;
+  const auto path = descriptorPath(file);
+  return asOwner(file, [&] {
+           return ::setxattr(path.c_str(), attribute, text.data(), text.size(), 0);
+         }) == 0;
 }
 
 }  // namespace
@@ -85,7 +89,9 @@ bool setProviding(int file, std::optional<mode_t> mode,
 }
 
 bool clear(int file) {
-  return ::removexattr(descriptorPath(file).c_str(), attribute) == 0 || errno == ENODATA;
+  const auto path = descriptorPath(file);
+  return asOwner(file, [&] { return ::removexattr(path.c_str(), attribute); }) == 0 ||
+         errno == ENODATA;
 }
 
 void copyOtherAttributes(int from, int to) {

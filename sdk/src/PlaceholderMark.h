@@ -10,7 +10,8 @@
 
 /// The mark of placeholders: what it says, and of which inode (docsource/placeholder.h has its
 /// form). Files are named by descriptors of any kind, O_PATH among them. Any thread may call these
-/// functions. They set errno when they fail.
+/// functions, of the owner's process: that the file is read-only prevents no change of its mark.
+/// They set errno when they fail.
 namespace docsource::mark {
 
 inline constexpr const char* attribute = "user.docsource.placeholder";

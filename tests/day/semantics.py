@@ -233,6 +233,22 @@ def opening_brings_nothing_in(c):
 
 @together
 def bringing_in_changes_nothing_that_shows(c):
+    path, seen, ended = c.given("r", mode=0o444), set(), threading.Event()
+
+    def watch():
+        while not ended.is_set():
+            seen.add(stat.S_IMODE(os.stat(path).st_mode))
+    watcher = threading.Thread(target=watch)
+    watcher.start()
+    try:
+        c.want("r")
+        expect(read(path) == content("r"), "the content is wrong")
+        eventually(lambda: c.state("r") == "present", "it does not become present")
+    finally:
+        ended.set()
+        watcher.join()
+    if c.world.mode == "access":
+        expect(seen == {0o444}, f"modes {[oct(mode) for mode in seen]} were seen while it was brought in")
     path = c.given("a", mode=0o640)
     before = os.stat(path)
     c.want("a")
