@@ -456,6 +456,14 @@ TEST_F(EngineTest, CarriesGitRepositories) {
       ASSERT_TRUE(run(git + path + " add -A && " + git + path + " commit -q -m c"));
       machine.engine().step();
     }
+    // What git has under way stays where it is, for however long.
+    const std::string locks[] = {"/r0/.git/index.lock", "/r0/.git/objects/tmp_obj_Ab12Cd"};
+    for (const auto& name : locks) write(machine.storage + name, "half");
+    settleBoth();
+    for (const auto& name : locks) {
+      EXPECT_FALSE(fs::exists(there_ + name)) << name;
+      fs::remove(machine.storage + name);
+    }
   }
   settleBoth();
   ASSERT_TRUE(other.engine().provide(other.storage));

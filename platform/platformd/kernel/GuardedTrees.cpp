@@ -506,9 +506,13 @@ bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, boo
   }
   // Not before, or whoever opens it in between, by a name in a directory without a mark, is asked
   // nothing.
-  if (!isConcealing_) {
-    Placeholder::reveal(file, status);
-    if (isOne) Placeholder::revealHidden(file, status);
+  {
+    const std::lock_guard lock(permissionsMutex_);
+    struct stat now;
+    if (!isConcealing_ && fstat(file, &now) == 0) {
+      Placeholder::reveal(file, now);
+      if (isOne) Placeholder::revealHidden(file, now);
+    }
   }
   if (!isOne) return false;
   if (isClosed) {
@@ -540,7 +544,10 @@ std::size_t GuardedTrees::conceal() {
   isConcealing_ = true;
   std::size_t concealed = 0;
   const auto concealOne = [&](int file, const struct stat& status, const std::string&) {
-    if (Placeholder::isOne(file, status) && Placeholder::conceal(file, status)) ++concealed;
+    if (!Placeholder::isOne(file, status)) return;
+    const std::lock_guard lock(permissionsMutex_);
+    struct stat now;
+    if (fstat(file, &now) == 0 && Placeholder::conceal(file, now)) ++concealed;
   };
   const auto concealAll = [&](int root, const std::string& path, uid_t owner) {
     walk(

@@ -170,6 +170,8 @@ class GuardedTrees {
   const std::uint64_t best_;
   mutable PinnedInodes pinned_;
   std::atomic<bool> isConcealing_{false};
+  /// Held for what is done to the permissions of a placeholder. No other one is taken meanwhile.
+  mutable std::mutex permissionsMutex_;
 
   mutable std::mutex mutex_;
   // Guarded by the mutex.

@@ -114,8 +114,8 @@ void anchor(int path, const struct stat& status) {
 bool conceal(int file, const struct stat& status) {
   const auto inode = inodeNameOf(file);
   if (!inode) return false;
-  // One that has no permissions already keeps what is remembered of it.
-  if ((status.st_mode & permissions) == 0 && ownAttribute(file, modeAttribute)) return true;
+  // One that has no permissions already keeps what is remembered of it, here or in its mark.
+  if ((status.st_mode & permissions) == 0) return true;
   std::array<char, 64> mode{};
   std::snprintf(mode.data(), mode.size(), " mode:%o owner:%u", status.st_mode & permissions,
                 status.st_uid);
