@@ -189,6 +189,7 @@ class Engine {
   std::optional<Outcome> askAgain(Lock& lock, const Item& item);
   Outcome goneHere(Lock& lock, const Item& item);
   Outcome both(Lock& lock, Item item);
+  std::optional<Outcome> keepOverwritten(Lock& lock, const Item& item);
   Outcome attributes(Lock& lock, Item item);
   Outcome cover(const Item& item);
   Outcome moveHere(Lock& lock, const Item& item);

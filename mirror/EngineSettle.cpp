@@ -979,6 +979,9 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
   }
   // Filled by who ended before it was.
   const bool isCutOff = item.here->isPlaceholder && !item.here->modified;
+  if (isChangedThere) {
+    if (const auto outcome = keepOverwritten(lock, item)) return *outcome;
+  }
   if (isChangedThere || isCutOff) return refresh(item);
   // Truncated by its path, of which no program's being kept waiting tells.
   const bool isCut = item.here->isPlaceholder && item.here->size != item.agreed->size;
@@ -986,6 +989,30 @@ Engine::Outcome Engine::both(Lock& lock, Item item) {
     return download(lock, item);
   }
   return attributes(lock, std::move(item));
+}
+
+/// Our last version may have been replaced by somebody who had not seen it: both compared, and then
+/// both wrote. Only a remote that does not compare in one step with writing lets that happen. Ours
+/// is then kept beside; absent when what is there comes from ours.
+std::optional<Engine::Outcome> Engine::keepOverwritten(Lock& lock, const Item& item) {
+  const auto replaced = items_->fact(replacedFact(item.number));
+  const auto path = items_->path(Side::there, item.number);
+  if (item.here->isPlaceholder || !replaced || !path) return std::nullopt;
+  const auto found = remotely(lock, [&] { return remote_.look(*path); });
+  if (!found || found->version != item.there->version) {
+    lookAgain(Side::there, item.there->place);
+    return found ? waitFor(item.number, 1) : failed(item, found.error());
+  }
+  const auto came = [&](const std::string& version) {
+    return std::find(found->ancestors.begin(), found->ancestors.end(), version) !=
+           found->ancestors.end();
+  };
+  if (came(item.agreed->version) || !came(*replaced)) return std::nullopt;
+  const auto now = items_->load(item.number);
+  const bool isSame = now && now->here && now->there && now->agreed &&
+                      now->here->version == item.here->version &&
+                      now->there->version == item.there->version;
+  return isSame ? conflict(*now) : Outcome::again;
 }
 
 /// What somebody has done to a placeholder's permissions was meant for the document: they are
@@ -1294,6 +1321,7 @@ Engine::Outcome Engine::refresh(const Item& item) {
   if (const auto first = reshapeHere(item, there, std::nullopt, now)) {
     return leaveToOtherNames(item) ? Outcome::again : *first;
   }
+  items_->forgetFact(replacedFact(item.number));
   change(item.number, [&](Item& changed) {
     if (!changed.here || !changed.agreed) return;
     changed.isWanted = changed.isWanted || !item.here->isPlaceholder;
@@ -1337,6 +1365,7 @@ Engine::Outcome Engine::conflict(const Item& item) {
     items_->save(copy);
     // What was sent is of the copy's contents: the remote's are somebody else's from now on.
     items_->forgetFact(sentFact(item.there->place));
+    items_->forgetFact(replacedFact(item.number));
     for (const ItemNumber child : items_->children(Side::here, item.number)) {
       change(child, [&](Item& moved) { moved.here->place.parent = copy.number; });
     }

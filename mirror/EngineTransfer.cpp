@@ -192,8 +192,10 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
       }
       transfer->done = 0;
     }
+    const auto ifVersion = item.there ? std::optional(item.agreed->version) : std::nullopt;
     // Should its answer be lost, what the remote has then is known as what was sent.
-    const auto noteSent = [this, &item, &target](const std::string& hash) -> Result<void> {
+    const auto noteSent = [this, &item, &target,
+                           &ifVersion](const std::string& hash) -> Result<void> {
       const Lock noting(mutex_);
       return guarded([&]() -> Result<void> {
         auto sent = items_->fact(sentFact(target)).value_or(std::string());
@@ -202,6 +204,9 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
         Database::Transaction transaction(*database_);
         items_->setFact(sentFact(target), sent);
         if (!item.there) items_->setFact(factOf(sending, item.number, target), textOf(target));
+        if (remote_.capabilities().ancestors) {
+          items_->setFact(replacedFact(item.number), ifVersion.value_or(""));
+        }
         transaction.commit();
         return {};
       });
@@ -210,7 +215,6 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
     RemoteAttributes attributes;
     attributes.modified = RemoteTime(std::chrono::nanoseconds(here.modified.value_or(0)));
     attributes.mode = static_cast<unsigned>(here.mode.value_or(0644));
-    const auto ifVersion = item.there ? std::optional(item.agreed->version) : std::nullopt;
     Lock inner(mutex_);
     beginChange(target);
     const auto written = guarded([&] {

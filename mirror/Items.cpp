@@ -160,6 +160,7 @@ void Items::erase(ItemNumber number) {
   settled_.erase(number);
   database_.prepare("DELETE FROM item WHERE number=?").bind(number).run();
   database_.prepare("UPDATE item SET conflictWith=NULL WHERE conflictWith=?").bind(number).run();
+  forgetFact(replacedFact(number));
   changed_(number);
 }
 

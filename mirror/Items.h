@@ -92,6 +92,11 @@ struct Item {
 
 enum class Side { here, there };
 
+/// The name of the fact that tells which version the last upload of an item has
+/// replaced, at a remote that cannot compare in one step with writing; empty where there was
+/// nothing. It goes with the item.
+inline std::string replacedFact(ItemNumber number) { return "replaced " + std::to_string(number); }
+
 /// The three trees, in a database. It makes no decision. Used by one thread at a time.
 class Items {
  public:

@@ -68,6 +68,10 @@ constexpr std::string_view markForm = "docsource ";
 constexpr std::string_view trialName = ".docsource-trial-";
 constexpr const char* timeHeader = "x-amz-meta-mtime";
 constexpr const char* modeHeader = "x-amz-meta-mode";
+/// The versions that came before, the last first, separated by spaces; "-" stands for nothing.
+constexpr const char* ancestorsHeader = "x-amz-meta-docsource-before";
+constexpr std::size_t mostAncestors = 16;
+constexpr std::string_view noAncestor = "-";
 /// In versions; no store has it.
 constexpr std::string_view unknownTag = "unknown";
 constexpr const char* noTag = "\"00000000000000000000000000000000\"";
@@ -235,6 +239,32 @@ struct Attributes {
   }
 };
 
+std::vector<std::string> ancestorsOf(const Answer& answer) {
+  std::vector<std::string> ancestors;
+  std::string_view rest = answer.header(ancestorsHeader).value_or("");
+  while (!rest.empty()) {
+    const auto end = std::min(rest.find(' '), rest.size());
+    ancestors.emplace_back(rest.substr(0, end) == noAncestor ? "" : rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return ancestors;
+}
+
+/// Says of what replaces `last` what came before; with a tag that no header can carry, nothing.
+void setAncestors(Parameters& headers, const std::string& last,
+                  const std::vector<std::string>& before) {
+  headers.erase(ancestorsHeader);
+  std::string text;
+  for (std::size_t i = 0; i <= std::min(before.size(), mostAncestors - 1); ++i) {
+    const auto& each = i == 0 ? last : before[i - 1];
+    const bool canBe =
+        std::all_of(each.begin(), each.end(), [](unsigned char c) { return c > ' ' && c < 0x7f; });
+    if (!canBe) return;
+    text.append(text.empty() ? "" : " ").append(each.empty() ? noAncestor : std::string_view(each));
+  }
+  headers[ancestorsHeader] = text;
+}
+
 void setAttributeHeaders(Parameters& headers, const RemoteAttributes& attributes) {
   if (attributes.modified) headers[timeHeader] = timeText(*attributes.modified);
   if (attributes.mode) {
@@ -363,8 +393,10 @@ class S3Remote final : public Remote {
   Result<Store> tried();
 
   Result<Seen> head(const std::string& path);
-  /// A file of that version, or (absent) nothing, neither file nor directory.
-  Result<void> compare(const std::string& path, const std::optional<std::string>& ifVersion);
+  /// A file of that version, or (absent) nothing, neither file nor directory. Where the store
+  /// compares nothing itself, `headers` get what came before what is about to be written.
+  Result<void> compare(const std::string& path, const std::optional<std::string>& ifVersion,
+                       Parameters* headers = nullptr);
   Result<void> checkPlace(const std::string& path);
   void report(const std::string& key, const char* why);
   Result<void> fillIn(const std::string& path, std::vector<RemoteItem>& files);
@@ -592,6 +624,7 @@ RemoteCapabilities S3Remote::capabilities() const {
   const auto can = store();
   RemoteCapabilities capabilities;
   capabilities.conditions = can.creating && can.replacing && can.completing && can.removing;
+  capabilities.ancestors = !capabilities.conditions;
   capabilities.ranges = true;
   capabilities.modes = capabilities.modificationTimes = !options_.storeTimes;
   return capabilities;
@@ -701,6 +734,7 @@ Result<S3Remote::Seen> S3Remote::head(const std::string& path) {
   if (const auto time = seen.answer.date("last-modified")) {
     seen.item.modified = RemoteTime(seconds(*time));
   }
+  seen.item.ancestors = ancestorsOf(seen.answer);
   if (options_.storeTimes) return seen;
   const auto attributes = Attributes::of(seen.answer);
   if (attributes.modified) seen.item.modified = attributes.modified;
@@ -724,18 +758,23 @@ Result<RemoteItem> S3Remote::look(const std::string& path) {
   return item;
 }
 
-Result<void> S3Remote::compare(const std::string& path,
-                               const std::optional<std::string>& ifVersion) {
-  const auto seen = head(path);
-  if (!seen && !isNotFound(seen)) return seen.error();
-  if (ifVersion) {
-    if (!seen) return seen.error();
-    return seen->item.version == *ifVersion ? Result<void>() : changed(path);
+Result<void> S3Remote::compare(const std::string& path, const std::optional<std::string>& ifVersion,
+                               Parameters* headers) {
+  if (!ifVersion) {
+    const auto below = keysBelow(directoryKeyOf(path));
+    if (!below) return below.error();
+    if (!below->empty()) return changed(path);
   }
-  if (seen) return changed(path);
-  const auto below = keysBelow(directoryKeyOf(path));
-  if (!below) return below.error();
-  return below->empty() ? Result<void>() : changed(path);
+  const auto seen = head(path);
+  if (!seen && (ifVersion || !isNotFound(seen))) return seen.error();
+  if (seen && seen->item.version != ifVersion) return changed(path);
+  const auto can = store();
+  const bool isChecked = ifVersion ? can.replacing && can.completing : can.creating;
+  if (headers && !isChecked) {
+    setAncestors(*headers, ifVersion.value_or(""),
+                 seen ? seen->item.ancestors : std::vector<std::string>());
+  }
+  return {};
 }
 
 void S3Remote::report(const std::string& key, const char* why) {
@@ -943,7 +982,7 @@ Result<Version> S3Remote::put(const std::string& path, const std::optional<std::
     headers["if-none-match"] = "*";
   }
   if (!(ifVersion && can.replacing)) {
-    if (auto compared = compare(path, ifVersion); !compared) return compared.error();
+    if (auto compared = compare(path, ifVersion, &headers); !compared) return compared.error();
   }
   headers["content-type"] = "application/octet-stream";
   const auto answer = ask({"PUT", keyOf(path), {}, std::move(headers), content}, path);
@@ -997,8 +1036,8 @@ Result<Version> S3Remote::putParts(const std::string& path,
   } else if (!ifVersion && can.creating) {
     conditions["if-none-match"] = "*";
   }
-  if (auto compared = compare(path, ifVersion); !compared) return compared.error();
   auto all = headers;
+  if (auto compared = compare(path, ifVersion, &all); !compared) return compared.error();
   all["content-type"] = "application/octet-stream";
   return inParts(
       path, all, conditions, size, [&] { return compare(path, ifVersion); },
@@ -1089,6 +1128,9 @@ Result<void> S3Remote::remove(const std::string& path,
     if (!version) return changed(path);
     if (auto compared = compare(path, ifVersion); !compared) return compared;
     if (auto kept = keepDirectory(parentOf(path), keyOf(path)); !kept) return kept;
+    if (!store().removing) {
+      if (auto compared = compare(path, ifVersion); !compared) return compared;
+    }
     return erase(keyOf(path), path, version);
   }
   const auto key = directoryKeyOf(path);
@@ -1242,6 +1284,8 @@ Result<RemoteItem> S3Remote::setAttributes(const std::string& path,
     }
   }
   setAttributeHeaders(headers, attributes);
+  // Of a document in parts the copy has another tag.
+  if (!store().replacing) setAncestors(headers, *ifVersion, seen->item.ancestors);
   const auto copied = copy(path, path, seen->version, headers);
   if (!copied) return copied.error();
   auto now = head(path);

@@ -59,17 +59,36 @@ class Book:
 
     A content may be gone only when somebody replaced or removed it who had seen it."""
 
-    def __init__(self):
+    def __init__(self, compares=True):
         self.lock = threading.Lock()
         self.written, self.seen_off, self.findings, self.failed_saves = {}, set(), [], 0
         # What a store of somebody else's was seen to have kept half of.
         self.torn = set()
+        # Whether the origin compares versions in one step with what it does; otherwise: which content
+        # each was written over, and which machines have removed or renamed a content.
+        self.compares, self.bases, self.left = compares, {}, {}
 
     def wrote(self, content, who, over=None):
         with self.lock:
             self.written[digest(content)] = f"{time.time():.3f} {who} ({len(content)} bytes)"
             if over is not None:
                 self.seen_off.add(digest(over))
+                self.bases[digest(content)] = digest(over), who[0]
+
+    def leaves(self, content, who):
+        """Its name is taken away, with the document or for another."""
+        with self.lock:
+            self.left.setdefault(digest(content), set()).add(who[0])
+
+    def was_removed_unseen(self, key):
+        """Whether another machine took away what this was written over, at a store that compares
+        nothing: it looked, this was written, and it removed. No client can tell those apart."""
+        who = None
+        while not self.compares and key in self.bases and who in (None, self.bases[key][1]):
+            key, who = self.bases[key]
+            if self.left.get(key, set()) - {who}:
+                return True
+        return False
 
     def failed(self, content):
         """Its program was told that it could not be saved; it may be somewhere all the same."""
@@ -91,4 +110,4 @@ class Book:
 
     def missing(self, present):
         return [f"{who}: {key[:12]} is nowhere" for key, who in self.written.items()
-                if key not in self.seen_off and key not in present]
+                if key not in self.seen_off and key not in present and not self.was_removed_unseen(key)]

@@ -92,7 +92,8 @@ class Server:
         return notes, torn
 
     def mend(self):
-        """As whoever looks after the store would: what is half goes, and empty notes become notes of nothing."""
+        """As whoever looks after the store would: what is half goes, and empty notes become notes of nothing.
+        Returns the documents that had empty notes, and how many were half."""
         notes, torn = self.damage()
         for path in notes:
             with open(path, "w") as file:
@@ -101,7 +102,8 @@ class Server:
             for ending in ("._S3rver_object", "._S3rver_object.md5", "._S3rver_metadata.json"):
                 if os.path.exists(path.removesuffix("._S3rver_object") + ending):
                     os.unlink(path.removesuffix("._S3rver_object") + ending)
-        return len(notes), len(torn)
+        top = f"{self.place}/files/docs/deep/"
+        return [path.removeprefix(top).removesuffix("._S3rver_metadata.json") for path in notes], len(torn)
 
     def end(self):
         self.line.stdin.close()
@@ -151,6 +153,10 @@ class Trouble:
         self.victims = {}
         # What the store was seen to have kept half, by its own fault.
         self.torn = set()
+        # What was left of uploads to which the store answered with an error, for want of room: it is
+        # neither listed nor told of until the store is mended.
+        self.unanswered = set()
+        self.compares = server.kind != "s3rver"
 
     def __enter__(self):
         self.stop, self.problem = threading.Event(), None
@@ -167,6 +173,9 @@ class Trouble:
             as_root(self.server.kill)
             as_root(self.note_damage)
             lost, halves = as_root(self.server.mend)
+            everything = as_root(self.server.files, True)
+            self.unanswered.update((path, everything[path][-1]) for path in lost if path in everything)
+            lost = len(lost)
             self.victims["the store's own: notes lost"], self.victims["the store's own: objects kept half"] = lost, halves
             as_root(self.server.start)
 

@@ -5,6 +5,7 @@
 #include <array>
 
 #include "tests/mirror/Model.h"
+#include "tests/mirror/Servers.h"
 
 namespace {
 
@@ -187,6 +188,73 @@ TEST_F(EngineTest, KeepsBothVersionsOfAConflict) {
   settle();
   EXPECT_EQ(read(there("a.txt")), "edited here");
   EXPECT_EQ(names(machine_->storage), "a.txt d d/e d/e/b.txt ");
+}
+
+/// A store that compares nothing: two machines compare, and then both write. The first finds that
+/// the second has not seen what it replaced.
+TEST(StoreThatComparesNothing, KeepsWhatAnotherHasOverwrittenUnseen) {
+  const Server server("s3rver");
+  if (!server.runs()) GTEST_SKIP() << server.says();
+  auto& clock = newClock();
+  qx::Clock::setCurrent(clock);
+  const Scratch scratch;
+  coordinate(scratch / "", "access");
+  std::vector<std::unique_ptr<Machine>> machines;
+  for (const std::string name : {"one", "other"}) {
+    machines.push_back(std::make_unique<Machine>(scratch / name, server.documents("", true), name));
+    ASSERT_TRUE(machines.back()->start());
+  }
+  const auto& one = *machines[0];
+  const auto& other = *machines[1];
+  const auto settle = [&](std::initializer_list<int> which) {
+    for (const int i : which) {
+      machines[static_cast<std::size_t>(i)]->engine().beginSync(false);
+      ASSERT_TRUE(machines[static_cast<std::size_t>(i)]->settle(clock));
+    }
+  };
+  const std::string files = server.files() + "/docs";
+  const std::string aside = scratch / "aside";
+  const auto atStore = [&](const std::string& from, const std::string& to) {
+    fs::remove_all(to);
+    fs::create_directories(to);
+    fs::copy(from, to, fs::copy_options::recursive);
+  };
+  const auto contents = [](const Machine& machine) {
+    EXPECT_TRUE(const_cast<Machine&>(machine).engine().provide(machine.storage));
+    std::multiset<std::string> found;
+    for (const auto& entry : fs::directory_iterator(machine.storage)) {
+      if (!entry.path().filename().string().starts_with(".docsource-"))
+        found.insert(read(entry.path()));
+    }
+    return found;
+  };
+  // What the second sends arrives last, though it compared before the first had sent its own.
+  const auto crossed = [&](const std::string& name, const std::string& suffix) {
+    atStore(files, scratch / "before");
+    write(other.storage + name, "the second's" + suffix);
+    settle({1});
+    atStore(files, aside);
+    atStore(scratch / "before", files);
+    write(one.storage + name, "the first's" + suffix);
+    settle({0});
+    atStore(aside, files);
+    settle({0, 1, 0, 1});
+  };
+  settle({0, 1});
+  crossed("/new", "");
+  const std::multiset<std::string> both{"the first's", "the second's"};
+  EXPECT_EQ(contents(one), both);
+  EXPECT_EQ(contents(other), both);
+  // Who has read the version of the other replaces it, and nothing is kept beside.
+  write(one.storage + "/new", "the third");
+  settle({0, 1, 0});
+  write(other.storage + "/new", "the fourth");
+  settle({1, 0, 1});
+  EXPECT_EQ(contents(one), (std::multiset<std::string>{"the first's", "the fourth"}));
+  crossed("/new", ", again");
+  const std::multiset<std::string> all{"the first's", "the first's, again", "the second's, again"};
+  EXPECT_EQ(contents(one), all);
+  EXPECT_EQ(contents(other), all);
 }
 
 TEST_F(EngineTest, KnowsWhatItDidItselfWhenTheAnswerWasLost) {

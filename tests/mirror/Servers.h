@@ -34,6 +34,7 @@ class Server {
   bool runs() const { return server_.url().has_value(); }
   const std::string& says() const { return server_.says(); }
   bool isStore() const { return isStore_; }
+  std::string files() const { return server_.files(); }
 
   /// The documents below a path that begins with a slash, which waits for nothing: twice the same
   /// for the same one. Null when there is no such server.

@@ -66,6 +66,11 @@ struct RemoteItem {
   std::optional<RemoteTime> modified;
   /// The permission bits; absent where the remote keeps none.
   std::optional<unsigned> mode;
+  /// The versions of a file that came before this one, the last first, each of which the writer of
+  /// the next had seen; an empty one stands for nothing, where the file was made. Filled in only by
+  /// look(), and only where RemoteCapabilities::ancestors is set: who finds another version than
+  /// his own there, without his own among these, has been overwritten unseen.
+  std::vector<std::string> ancestors;
 };
 
 /// What goes with a file that is written.
@@ -80,6 +85,8 @@ struct RemoteCapabilities {
   /// The remote itself checks conditions, in one step with the change. Otherwise it compares and
   /// then writes.
   bool conditions = false;
+  /// RemoteItem::ancestors is filled in; of use where there are no conditions.
+  bool ancestors = false;
   /// read() can begin anywhere.
   bool ranges = false;
   /// changes() tells within seconds what has changed, and costs little. Otherwise the whole remote
