@@ -110,12 +110,26 @@ void Database::fail(int code) const {
   throw DatabaseFailure{code, handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(code)};
 }
 
-Database::Transaction::Transaction(Database& database, For what) : database_(database), for_(what) {
+void Database::sync() {
+  if (!isBehind_) return;
+  // A commit of any change syncs the log, and so everything that is in it.
+  run("PRAGMA user_version=1");
+  isBehind_ = false;
+}
+
+Database::Transaction::Transaction(Database& database, Durable durable)
+    : database_(database), durable_(database.depth_ == 0 ? durable : Durable::now) {
   if (database_.depth_ == 0) {
     database_.isBroken_ = false;
-    // sqlite.org/pragma.html: with WAL, only checkpoints wait for the disk then.
-    if (for_ == For::nextProcess) database_.run("PRAGMA synchronous=NORMAL");
-    database_.run("BEGIN IMMEDIATE");
+    // The log stays in order: what is in it is there after a power failure, or all that came later
+    // is not.
+    if (durable_ == Durable::later) database_.run("PRAGMA synchronous=NORMAL");
+    try {
+      database_.run("BEGIN IMMEDIATE");
+    } catch (...) {
+      restore();
+      throw;
+    }
   }
   ++database_.depth_;
 }
@@ -126,7 +140,11 @@ Database::Transaction::~Transaction() {
   if (isOpen_ && database_.depth_ == 0 && sqlite3_get_autocommit(database_.handle_) == 0) {
     sqlite3_exec(database_.handle_, "ROLLBACK", nullptr, nullptr, nullptr);
   }
-  if (database_.depth_ == 0 && for_ == For::nextProcess) {
+  restore();
+}
+
+void Database::Transaction::restore() const {
+  if (durable_ == Durable::later) {
     sqlite3_exec(database_.handle_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
   }
 }
@@ -135,6 +153,7 @@ void Database::Transaction::commit() {
   if (database_.depth_ == 1) {
     if (database_.isBroken_) throw DatabaseFailure{SQLITE_ABORT, "an inner transaction failed"};
     database_.run("COMMIT");
+    database_.isBehind_ = durable_ == Durable::later;
   }
   isOpen_ = false;
 }

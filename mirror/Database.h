@@ -59,9 +59,12 @@ class Statement {
   int parameter_ = 0;
 };
 
-/// An SQLite database of one process, in WAL mode and with full synchronisation: when a transaction
-/// has ended, what it changed is on disk, unless it was said to be for the next process only. Used
-/// by one thread at a time.
+/// When what a transaction has changed has to be on disk: when it has ended, or only before
+/// anything that is changed after it. `later` is for what would be found out once more.
+enum class Durable { now, later };
+
+/// An SQLite database of one process, in WAL mode and with full synchronisation. Used by one thread
+/// at a time.
 class Database {
  public:
   /// Makes the file where there is none, and locks it against other processes until the end.
@@ -74,23 +77,24 @@ class Database {
   /// Runs one or more statements without parameters and rows.
   void run(const char* text);
   std::int64_t lastInsertedRow() const;
+  /// When it returns, everything that was committed is on disk.
+  void sync();
 
   /// Everything until its end happens together, by commit(), or not at all. Inner ones belong to
-  /// the outermost.
+  /// the outermost, which says when they have to be on disk.
   class Transaction {
    public:
-    /// What is only for the next process is there when this one is killed, and goes to disk with
-    /// the next other transaction; an inner one goes with the outermost.
-    enum class For { disk, nextProcess };
-    explicit Transaction(Database& database, For what = For::disk);
+    explicit Transaction(Database& database, Durable durable = Durable::now);
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
     void commit();
 
    private:
+    void restore() const;
+
     Database& database_;
-    const For for_;
+    const Durable durable_;
     bool isOpen_ = true;
   };
 
@@ -102,6 +106,8 @@ class Database {
   std::unordered_multimap<std::string, sqlite3_stmt*> idle_;
   int depth_ = 0;
   bool isBroken_ = false;
+  /// Something was committed that is not on disk yet.
+  bool isBehind_ = false;
 };
 
 }  // namespace docsource::mirror

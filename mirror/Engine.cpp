@@ -604,6 +604,8 @@ Result<std::string> Engine::identifierForItem(const std::string& path) {
   return guarded([&]() -> Result<std::string> {
     const auto found = find(lock, path);
     if (!found) return found.error();
+    // Whoever has the number keeps it.
+    database_->sync();
     return identifierPrefix_ + "-" + std::to_string(found->number);
   });
 }

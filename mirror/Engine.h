@@ -143,8 +143,12 @@ class Engine {
   void readDirectoryHere(ItemNumber directory, bool recursive);
   Result<void> identify(Lock& lock);
   Result<void> readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive);
+  std::unordered_map<std::string, std::pair<ItemNumber, Node>> entriesOf(Side side,
+                                                                         ItemNumber directory);
   Result<void> lookThere(Lock& lock, ItemNumber directory, const std::string& name);
   void note(Side side, Node node, bool recursive);
+  bool noteAsBefore(Side side, const std::pair<ItemNumber, Node>& known, const Node& node,
+                    bool recursive);
   void noteGone(Side side, const Place& place);
   void beginChange(const Place& place);
   void endChange(const Place& place);

@@ -280,6 +280,20 @@ void Engine::note(Side side, Node node, bool recursive) {
   if (isDirectory) seen.directories.emplace_back(item.number, true);
 }
 
+/// Takes note of an entry that is as it was known to be; false when it is not.
+bool Engine::noteAsBefore(Side side, const std::pair<ItemNumber, Node>& known, const Node& node,
+                          bool recursive) {
+  const auto& [number, before] = known;
+  if (!isSameEntry(before, node) || !isUnchanged(before, node) || isOvertaken(side, node.place)) {
+    return false;
+  }
+  auto& seen = this->seen(side);
+  seen.found.erase({node.place.parent, node.place.name});
+  seen.missing.erase(number);
+  if (node.kind == Kind::directory && recursive) seen.directories.emplace_back(number, true);
+  return true;
+}
+
 void Engine::noteGone(Side side, const Place& place) {
   if (isOvertaken(side, place)) return;
   auto& seen = this->seen(side);
@@ -392,11 +406,19 @@ void Engine::readDirectoryHere(ItemNumber directory, bool recursive) {
       watches_[directory] = std::move(watch);
     }
   }
-  Database::Transaction transaction(*database_);
+  Database::Transaction transaction(*database_, Durable::later);
   Numbers met;
+  const auto before = entriesOf(Side::here, directory);
   const bool isWhole = listDirectory(file->get(), [&](const std::string& name) {
+    const auto known = before.find(name);
+    const auto entry = known == before.end() ? std::nullopt : lookAt(file->get(), name);
+    if (entry && entry->kind && !entry->isHidden &&
+        noteAsBefore(Side::here, known->second, nodeHere({directory, name}, *entry), recursive)) {
+      met.push_back(known->second.first);
+      return true;
+    }
     noteHere(directory, file->get(), name, recursive);
-    if (const auto known = items_->at(Side::here, {directory, name})) met.push_back(known->number);
+    if (const auto item = items_->at(Side::here, {directory, name})) met.push_back(item->number);
     return true;
   });
   if (isWhole) noteAbsent(Side::here, directory, std::move(met));
@@ -443,7 +465,7 @@ bool Engine::observeHere(Lock& lock) {
   while (true) {
     takeEvents();
     if (!here_.names.empty()) {
-      Database::Transaction transaction(*database_);
+      Database::Transaction transaction(*database_, Durable::later);
       for (std::size_t count = 0; count < batch && !here_.names.empty(); ++count) {
         const auto [directory, name] = *here_.names.begin();
         here_.names.erase(here_.names.begin());
@@ -634,19 +656,41 @@ void Engine::removeFrom(Side side, ItemNumber number, bool movedOut) {
   items_->save(*item);
 }
 
+/// What a directory was last seen to hold, by name; nothing of one that holds very much.
+std::unordered_map<std::string, std::pair<ItemNumber, Node>> Engine::entriesOf(
+    Side side, ItemNumber directory) {
+  constexpr std::size_t most = 4096;
+  std::unordered_map<std::string, std::pair<ItemNumber, Node>> known;
+  if (auto entries = items_->entries(side, directory, most)) {
+    for (auto& entry : *entries) {
+      std::string name = entry.second.place.name;
+      known.emplace(std::move(name), std::move(entry));
+    }
+  }
+  return known;
+}
+
 Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive) {
   if (directory == rootItem) missNowhere(Side::there);
   const auto path = items_->path(Side::there, directory);
   if (!path) return {};
   std::vector<RemoteItem> entries;
   Numbers met;
+  // What is known of it, in one piece: most entries are as they were.
+  std::optional<std::unordered_map<std::string, std::pair<ItemNumber, Node>>> known;
   const auto take = [&] {
-    Database::Transaction transaction(*database_);
+    if (!known) known = entriesOf(Side::there, directory);
+    Database::Transaction transaction(*database_, Durable::later);
     for (const auto& entry : entries) {
       Node node = nodeThere({directory, entry.name}, entry);
+      const auto before = known->find(entry.name);
+      if (before != known->end() && noteAsBefore(Side::there, before->second, node, recursive)) {
+        met.push_back(before->second.first);
+        continue;
+      }
       const Place place = node.place;
       note(Side::there, std::move(node), recursive);
-      if (const auto known = items_->at(Side::there, place)) met.push_back(known->number);
+      if (const auto item = items_->at(Side::there, place)) met.push_back(item->number);
     }
     transaction.commit();
     entries.clear();
@@ -690,7 +734,7 @@ Result<void> Engine::lookThere(Lock& lock, ItemNumber directory, const std::stri
   overtaken_.clear();
   const auto now =
       remotely(lock, [&] { return remote_.look(parent->empty() ? name : *parent + "/" + name); });
-  Database::Transaction transaction(*database_);
+  Database::Transaction transaction(*database_, Durable::later);
   if (now) {
     note(Side::there, nodeThere({directory, name}, *now), false);
   } else if (remoteProblemOf(now.error()) == RemoteProblem::notFound) {

@@ -607,7 +607,7 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
     // Ended before it has noted that the content is here, the next process knows it by that.
     lock.lock();
     guarded([&] {
-      Database::Transaction transaction(*database_, Database::Transaction::For::nextProcess);
+      Database::Transaction transaction(*database_, Durable::later);
       change(item.number, [&](Item& filled) {
         const bool isAgreed = filled.agreed && filled.agreed->version == item.agreed->version;
         if (isAgreed) filled.hash = hash;

@@ -147,7 +147,8 @@ void Items::save(Item& item) {
 
 void Items::writeSettled() {
   if (settled_.empty()) return;
-  Database::Transaction transaction(database_);
+  // What is settled would be found so once more.
+  Database::Transaction transaction(database_, Durable::later);
   for (const ItemNumber number : std::exchange(settled_, {})) {
     database_.prepare("UPDATE item SET due=NULL, reason=NULL, tries=0 WHERE number=?")
         .bind(number)
@@ -197,6 +198,24 @@ std::vector<ItemNumber> Items::children(Side side, ItemNumber parent, ItemNumber
                                "=? AND number>? ORDER BY number LIMIT ?");
   row.bind(parent).bind(after).bind(most);
   while (row.step()) found.push_back(row.integer(0));
+  return found;
+}
+
+std::optional<std::vector<std::pair<ItemNumber, Node>>> Items::entries(Side side, ItemNumber parent,
+                                                                       std::size_t most) {
+  std::string columns = "number";
+  for (const char* name : {"Parent", "Name", "Kind", "Identity", "Version", "Size", "Modified",
+                           "Mode", "Placeholder"}) {
+    columns += "," + column(side, name);
+  }
+  auto row = database_.prepare("SELECT " + columns + " FROM item WHERE " + column(side, "Parent") +
+                               "=? LIMIT ?");
+  row.bind(parent).bind(static_cast<std::int64_t>(most) + 1);
+  std::vector<std::pair<ItemNumber, Node>> found;
+  while (row.step()) {
+    if (found.size() == most) return std::nullopt;
+    found.emplace_back(row.integer(0), *readNode(row, 1));
+  }
   return found;
 }
 

@@ -122,6 +122,9 @@ class Items {
   /// `after`, in their order.
   std::vector<ItemNumber> children(Side side, ItemNumber parent, ItemNumber after = 0,
                                    std::int64_t most = -1);
+  /// Returns what is in a directory on that side; absent when that is more than `most`.
+  std::optional<std::vector<std::pair<ItemNumber, Node>>> entries(Side side, ItemNumber parent,
+                                                                  std::size_t most);
   /// Returns the names from the top down to the item; absent when it is not on that side.
   std::optional<std::string> path(Side side, ItemNumber number);
   /// Returns whether `number` is `directory` or below it.
