@@ -26,7 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* const app = "com.example.unknowing";
-const char* const provider = "com.example.provider";
 
 std::string inQuotes(const std::string& word) { return "'" + word + "'"; }
 
@@ -36,13 +35,25 @@ class ShownDocuments : public Broker {
     if (!canSandbox()) GTEST_SKIP() << "no bubblewrap, or no user namespaces";
     fs::create_directories(origin_ + "/folder");
     for (const char* name : {"letter", "diary", "folder/plan"}) writeOrigin(name, text(name));
-    storage_ = installation_.installExampleProvider(origin_);
+    if (!isAccount()) storage_ = installation_.installExampleProvider(origin_);
     startPlatform();
     // First, or the provider hides its placeholders, because nobody would keep readers waiting.
     start(environment_);
-    ASSERT_TRUE(daemon_->logs("[INFO] Registered doc source extension " + std::string(provider)));
+    if (isAccount()) {
+      provider_ = "com.veltro.docsource.account.Work";
+      const std::string home = places_ / "home";
+      fs::create_directory(home);
+      auto words = tool({"add", "folder", "Work", origin_});
+      words.insert(words.begin() + 1, "HOME=" + home);
+      ASSERT_EQ(ChildProcess(words).wait(), 0);
+      storage_ = fs::canonical(home + "/DocSource/Work");
+    }
+    ASSERT_TRUE(daemon_->logs("[INFO] Registered doc source extension " + provider_));
     install(app);
   }
+  /// Whether the provider is an account over the directory of the origin, whose documents keep
+  /// their identifiers when they are renamed, and not the one of the examples.
+  virtual bool isAccount() const { return false; }
 
   void startPlatform() {
     platform_.reset();
@@ -86,7 +97,7 @@ class ShownDocuments : public Broker {
     return runTool({"extend-bookmark", path(name), "--consumer", consumer});
   }
   int revoke(const std::string& name, const std::string& consumer = app) const {
-    return runTool({"revoke", path(name), "--provider", provider, "--consumer", consumer});
+    return runTool({"revoke", path(name), "--provider", provider_, "--consumer", consumer});
   }
 
   /// What a shell in the sandbox makes of a line: its status and output.
@@ -112,7 +123,9 @@ class ShownDocuments : public Broker {
   }
 
   std::map<std::string, std::string> environment_;
-  const std::string origin_ = installation_ / "Origin";
+  const TemporaryDirectory places_;
+  const std::string origin_ = places_ / "Origin";
+  std::string provider_ = "com.example.provider";
   std::string storage_;
   std::optional<Daemon> platform_;
 };
@@ -123,7 +136,7 @@ TEST_F(ShownDocuments, AreReadWrittenAndSavedByProgramsThatKnowNothing) {
   const std::string link = elsewhere / "Documents";
   fs::create_directory_symlink(storage_, link);
   ASSERT_TRUE(eventually([&] { return isPlaceholder("letter"); }));
-  ASSERT_EQ(runTool({"run", app, "--document", installation_ / "Origin/letter"}), 1)
+  ASSERT_EQ(runTool({"run", app, "--document", origin_ + "/letter"}), 1)
       << "it belongs to no provider";
   ChildProcess sandbox({"sh", "-c", "cd " + inQuotes(link) + " && exec " + [&] {
                           std::string line;
@@ -391,6 +404,8 @@ struct Operation {
   std::string line;
   /// How the document is afterwards where that went well, from how it was.
   std::string (*after)(std::string before);
+  /// What is added to its name by that.
+  std::string ending = "";
 };
 
 /// Each with docsourced or platformd killed right before its first, second, ... call, until there
@@ -407,6 +422,7 @@ class ShownDocumentsInACrash : public ShownDocuments,
     for (int i = 0; i < documents; ++i) writeOrigin(nameOf(i), text(nameOf(i)));
     ShownDocuments::SetUp();
   }
+  bool isAccount() const override { return !GetParam().ending.empty(); }
 
   static std::string nameOf(int number) { return "document-" + std::to_string(number); }
   std::string withD(const std::string& name, const std::string& line) const {
@@ -448,6 +464,11 @@ class ShownDocumentsInACrash : public ShownDocuments,
            shell(sandbox, withD(name, "cat \"$D\"")) ==
                "0 " + std::regex_replace(content, std::regex("\n"), " ");
   }
+  /// Under a name that it had before there is nothing.
+  bool isNowhere(ChildProcess& sandbox, const std::string& name) const {
+    return !fs::exists(path(name)) && !fs::exists(origin_ + "/" + name) &&
+           shell(sandbox, withD(name, "test -e \"$D\"")) == "1 ";
+  }
 
   const CountedCalls calls_{installation_ / "counts"};
 };
@@ -463,11 +484,18 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
   int number = 0, calls = 1;
   for (bool hasCome = true; hasCome; calls += stride, ++number) {
     ASSERT_LT(number, documents);
-    const auto name = nameOf(number), before = text(name), after = operation.after(before);
+    const auto before = text(nameOf(number)), after = operation.after(before);
+    // What it is called now, and what in the end.
+    const auto name = nameOf(number), last = name + operation.ending;
+    const bool isRename = name != last;
     const auto done = "/tmp/done" + std::to_string(number);
     SCOPED_TRACE(name + ", " + std::to_string(calls) + " calls");
     if (!isGrant) {
       ASSERT_TRUE(eventually([&] { return grant(name) == 0; }));
+    }
+    // A placeholder is renamed as well as one whose content is there.
+    if (isRename && number % 2 != 0) {
+      ASSERT_EQ(contentOf(path(name)), before);
     }
     calls_.endAt(calls);
     std::optional<int> status;
@@ -487,6 +515,9 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
     // Nothing is read here that somebody who may be killed has to bring in.
     const auto isGood = [&] {
       if (isRevocation) return names(name) == 1 && nothingIsUnderWay();
+      if (isRename) {
+        return names(last) == 3 && nothingIsUnderWay() && fs::exists(origin_ + "/" + last);
+      }
       return before == after || is(sandbox, name, after);
     };
     EXPECT_TRUE(eventually([&] { return calls_->ended != 0 || (isDone() && isGood()); }));
@@ -508,13 +539,19 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
       EXPECT_EQ(contentOf(path(name)), before);
     } else {
       EXPECT_TRUE(eventually([&] {
-        return is(sandbox, name, after) || (status != 0 && is(sandbox, name, before));
+        return is(sandbox, last, after) || (status != 0 && is(sandbox, last, before));
       })) << "status "
-          << status.value_or(-1) << ", " << names(name) << " names; here "
-          << contentOf(path(name)).substr(0, 20) << ", at the origin "
-          << contentOf(origin_ + "/" + name).substr(0, 20) << ", inside "
-          << shell(sandbox, withD(name, "cat \"$D\"")).substr(0, 20)
+          << status.value_or(-1) << ", " << names(last) << " names; here "
+          << contentOf(path(last)).substr(0, 20) << ", at the origin "
+          << contentOf(origin_ + "/" + last).substr(0, 20) << ", inside "
+          << shell(sandbox, withD(last, "cat \"$D\"")).substr(0, 20)
           << (nothingIsUnderWay() ? "" : ", something is under way");
+    }
+    if (isRename) {
+      EXPECT_TRUE(eventually([&] { return isNowhere(sandbox, name); }));
+      // It is the document's still.
+      shell(sandbox, withD(last, "printf CONTENT | dd conv=notrunc of=\"$D\""));
+      EXPECT_TRUE(originBecomes(last, "CONTENT" + after.substr(7)));
     }
     if (HasFailure()) break;
   }
@@ -539,7 +576,8 @@ INSTANTIATE_TEST_SUITE_P(
         Operation{"revoking", false,
                   "docsource revoke \"$D\" --provider com.example.provider --consumer "
                   "com.example.unknowing",
-                  same}),
+                  same},
+        Operation{"renaming", false, "mv \"$D\" \"$D.renamed\"", same, ".renamed"}),
     [](const auto& each) { return each.param.name; });
 
 }  // namespace
