@@ -23,27 +23,4 @@ TEST(TextTest, TellsUTF8FromWhatLooksLikeIt) {
   }
 }
 
-TEST(TextTest, Base64AgreesWithItsRFC) {
-  const std::vector<std::pair<std::string, std::string>> vectors{
-      {"", ""},
-      {"f", "Zg=="},
-      {"fo", "Zm8="},
-      {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="},
-      {"foobar", "Zm9vYmFy"},
-      {"\xfb\xff\xbe", "+/++"},
-  };
-  for (const auto& [plain, encoded] : vectors) {
-    EXPECT_EQ(qx::base64Encode(bytes(plain)), encoded);
-    EXPECT_EQ(base64Decode(encoded), bytes(plain));
-  }
-  EXPECT_EQ(base64Decode("\n\tZm9v\r\n Ym E = \n"), bytes("fooba"));
-  for (const char* text : {"Z", "Zg", "Zg=", "Zg===", "Zm8==", "=", "====", "Zm9v=", "Zg==Zg==",
-                           "Zh==", "Zm9=", "Zm9-", "Zm9v\x80", "Z=g="}) {
-    EXPECT_FALSE(base64Decode(text)) << text;
-  }
-  EXPECT_FALSE(base64Decode(std::string_view("Zm9\0", 4)));
-}
-
 }  // namespace

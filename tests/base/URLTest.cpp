@@ -41,15 +41,4 @@ TEST(URLTest, OnlyFileURLsOfThisMachineHaveAPath) {
   EXPECT_EQ(pathOf(std::string("file:///a\0b", 11)), std::nullopt);
 }
 
-TEST(URLTest, AFileURLGivesItsPathBack) {
-  std::string everyByte = "/";
-  for (int c = 1; c < 256; ++c) everyByte += static_cast<char>(c);
-  const URL url = URL::fileURL(everyByte);
-  EXPECT_EQ(url.path(), everyByte);
-  EXPECT_TRUE(URL::parse(url.absoluteString()));
-  EXPECT_EQ(URL::fileURL("/a b/~x", true).absoluteString(), "file:///a%20b/~x/");
-  EXPECT_EQ(URL::fileURL("/dir/", true).absoluteString(), "file:///dir/");
-  EXPECT_EQ(URL::fileURL("/", true).absoluteString(), "file:///");
-}
-
 }  // namespace

@@ -11,13 +11,6 @@ namespace {
 
 using namespace qx;  // NOLINT: the whole vocabulary is under test
 
-TEST(ValueTest, KeepsClassesApart) {
-  EXPECT_NE(Value(1), Value(1.0));
-  EXPECT_NE(Value(1), Value(true));
-  EXPECT_NE(Value("file:///a"), Value(URL("file:///a")));
-  EXPECT_EQ(Value(std::optional<std::string>()), Value());
-}
-
 TEST(ErrorTest, AlwaysHoldsADescriptionAndNamesTheErrorsUnderneath) {
   const Error inner = posixError(EACCES, "Opening failed");
   const Error outer("Domain", -1, {{"description", "Outer."}, {"underlyingError", inner}});

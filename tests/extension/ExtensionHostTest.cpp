@@ -118,37 +118,6 @@ class ExtensionHostTest : public testing::Test {
   std::shared_ptr<Mailbox<std::string>> failures = std::make_shared<Mailbox<std::string>>();
 };
 
-TEST_F(ExtensionHostTest, MatchesInOrderAndAgainAtEveryChange) {
-  install("b");
-  install("B");
-  install("a");
-  makeBundle(path("no extension"), "no extension");
-  match();
-  const auto first = waitForArray(1);
-  ASSERT_EQ(first.size(), 3U);
-  EXPECT_EQ(first[0]->identifier(), "B");
-  EXPECT_EQ(first[1]->identifier(), "a");
-  EXPECT_EQ(first[2]->bundlePath(), path("b"));
-  EXPECT_EQ(logText(*first[2]), "b (" + path("b") + ")");
-
-  // What does not match changes nothing, so the next array is the one without "a".
-  auto& changes = *new Gate;
-  qx::BundleCatalog::shared().observeChanges([&changes] { changes.pass(); });
-  for (std::size_t i = 1; i <= 5; ++i) {
-    const auto name = "no extension " + std::to_string(i);
-    makeBundle(path(name), name);
-    changes.wait(i);
-  }
-  install("b");
-  const auto second = waitForArray(2);
-  ASSERT_EQ(second.size(), 3U);
-  EXPECT_TRUE(first[0]->isEqual(*second[0]));
-  EXPECT_FALSE(first[2]->isEqual(*second[2]));
-  EXPECT_FALSE(first[0]->isEqual(*first[1]));
-  fs::remove_all(path("a"));
-  EXPECT_EQ(waitForArray(3).size(), 2U);
-}
-
 TEST_F(ExtensionHostTest, RequestsShareAProcessUntilItIsIdle) {
   const auto extension = installAndMatch();
   const auto one = begin(*extension), two = begin(*extension);
