@@ -204,34 +204,6 @@ TEST_P(PlaceholderTest, IsFilledWhereItIsOrByAnotherFile) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.path()), {}), 1);
 }
 
-TEST_P(PlaceholderTest, IsFilledFromAnotherFile) {
-  std::string large((40U << 20U) + 5, ' ');
-  for (std::size_t i = 0; i < large.size(); ++i)
-    large[i] = static_cast<char>('a' + (i >> 12U) % 26);
-  std::ofstream(root / "source") << large;
-  // The kernel copies from the first, not from the other, whose size it does not know either.
-  for (const std::string& from : {root / "source", std::string("/proc/version")}) {
-    const auto source = open(from, O_RDONLY);
-    std::ostringstream text;
-    text << std::ifstream(from).rdbuf();
-    const auto expected = text.str();
-    ASSERT_FALSE(expected.empty());
-    std::filesystem::remove(path);
-    succeeds(Placeholder::make(path, {expected.size(), longAgo}));
-    for (const bool givesUp : {true, false}) {
-      const auto file = open(path);
-      auto writer = Placeholder(file.get()).fill();
-      ASSERT_TRUE(writer.ok());
-      succeeds(writer->copy(source.get()));
-      if (givesUp) continue;
-      succeeds(writer->write("more"));
-      succeeds(writer->finish({expected.size() + 4, longAgo}));
-    }
-    EXPECT_TRUE(read(open(path, O_RDONLY).get()) == expected + "more") << from;
-    EXPECT_LE(query(path).occupied, expected.size() + 16384);
-  }
-}
-
 TEST_P(PlaceholderTest, GivesUpWithoutATrace) {
   make();
   {

@@ -89,29 +89,6 @@ class ProviderTest : public testing::Test {
   std::future<int> status_;
 };
 
-TEST_F(ProviderTest, AllSevenOperationsReachTheProviderAndAreAnswered) {
-  TestProvider provider;
-  std::vector<std::string> acts;
-  provider.act = [&](const std::string& operation, const std::string& path) {
-    acts.push_back(operation + " " + path);
-    return Result<void>();
-  };
-  Wire& broker = start(provider);
-  Array replies;
-  for (const auto& [operation, with] : operations) {
-    replies.emplace_back(broker.call(operation, with).values);
-  }
-  EXPECT_EQ(
-      replies,
-      (Array{Array{"org.example.provider", URL("file:///group/Doc%20Source%20Storage/"), absent},
-             Array{url, absent}, Array{absent}, Array{absent}, Array{absent},
-             Array{absent, "/s/a b!"}, Array{absent, URL("file:///i%20d%21")}}));
-  EXPECT_EQ(acts, (std::vector<std::string>{"setup ", "placeholder /s/a b", "start /s/a b",
-                                            "changed /s/a b", "stop /s/a b"}));
-  EXPECT_EQ(provider.documentStorage(), "/group/Doc Source Storage");
-  EXPECT_EQ(endAndWait(), 0);
-}
-
 TEST_F(ProviderTest, ErrorsOfTheProviderKeepWhatTheySay) {
   TestProvider provider;
   const docsource::Error refusal("Org", 5, "Not today.", {{"URL", "file:///s/a"}, {"why", "rain"}},
