@@ -124,12 +124,6 @@ void addTokens() {
   }
 }
 
-void addBookmarks() {
-  add("bookmark", "",
-      {"docsource:P/i", "docsource:com.example.provider/a/b//c", "docsource:docsource:/docsource:",
-       "docsource:“P”/ ", "docsource:P/", "docsource:/i", "docsource:P//i", "Docsource:P/i", ""});
-}
-
 /// The lists of an extension: the good ones of a provider, and some that are not good.
 void addBundles() {
   const auto info = [](const char* identifier, const char* executable, const char* group) {
@@ -148,20 +142,6 @@ void addBundles() {
   add("bundle", info("P", "../fuzz.docext/program", "%2e%2e") + groups({"%2e%2e"}));
   add("bundle", info("", "program", "g"));
   add("bundle", info("P", "missing", "g") + std::string(1, '\0'));
-}
-
-void addGrants() {
-  const auto entry = [](const Array& items) {
-    return Value(Dictionary{{"AllowedItemIDs", items}});
-  };
-  const Dictionary odd{{"C", Array{}}, {"D", Dictionary{{"AllowedItemIDs", "i"}, {"A", 1}}}};
-  for (const auto& list :
-       {Value(Dictionary{{"P", Dictionary{{"C", entry({"i", "j", "i"})}, {"D", entry({})}}}}),
-        Value(
-            Dictionary{{"P", Dictionary{{"C", entry({1, "i", 2.5})}}}, {"Q", "text"}, {"R", odd}}),
-        Value(Array{"text"})}) {
-    add("grants", listText(list));
-  }
 }
 
 template <class... Ts>
@@ -204,18 +184,6 @@ void addConduits() {
   add("conduit", fuzz::scriptPart(fuzz::rawPart, Bytes{0, 0, 0, 6, 0x84, 1}) +
                      fuzz::scriptPart(fuzz::rawPart | 3, Bytes{2, 0x60, 0x80, 0xf6}));
   add("conduit", fuzz::scriptPart(fuzz::rawPart, Bytes{0xff, 0xff, 0xff, 0xff}));
-}
-
-void addGuarding() {
-  add("guarding", std::string(1, '\0'),
-      {"tree 1000 - /home/somebody/Documents", "tree 0 0102030405060708:1:0a0b /a%20b%25",
-       "moved 1000 0102030405060708:-1:0a0b /home/somebody", "moved 1000 - /x"});
-  add("guarding", "\1",
-      {"# mine\nwhole-file tar\nnever-provide  indexer # it looks into everything\n\nsenseless",
-       "whole-file a/b\nnever-provide"});
-  add("guarding", '\2' + std::string(24, '\0'));
-  add("guarding", "\3",
-      {"tree 1000 - /a\nsenseless\nmoved 7 0102030405060708:1:0a0b /b\n", "tree 1000 - /a\n\n"});
 }
 
 void addSandboxes() {
@@ -263,10 +231,7 @@ int main(int count, char** arguments) try {
   addPropertyLists();
   addURLs();
   addTokens();
-  addBookmarks();
   addBundles();
-  addGrants();
-  addGuarding();
   addSandboxes();
   addServers();
   return 0;
