@@ -61,6 +61,7 @@ class ExampleProvider final : public docsource::Provider {
       const auto file = open(path, O_PATH);
       if (!file) return file.error();
       if (auto adapted = Placeholder(file->get()).adapt(); !adapted) return adapted;
+      if (auto carried = carryWhatNobodyTold(path, file->get()); !carried) return carried;
     }
     if (problem) return errorOf(problem, *origin());
     return {};
@@ -148,6 +149,17 @@ class ExampleProvider final : public docsource::Provider {
   }
 
  private:
+  /// Nobody is told of what was written while platformd or docsourced did not run. What is in
+  /// agreement has the same time on both sides.
+  Result<void> carryWhatNobodyTold(const fs::path& path, int file) {
+    const auto document = documentAt(path);
+    if (!document) return document.error();
+    if (Placeholder(file).state() != PlaceholderState::present) return {};
+    const auto here = Placeholder::shapeOf(file), there = document->shape();
+    if (!here || !there) return here ? there.error() : here.error();
+    return here->modified > there->modified ? itemChanged(path) : Result<void>();
+  }
+
   std::optional<std::string> origin() const { return infoString("ExampleOrigin"); }
 
   /// An error for a path that is not below the storage.
