@@ -47,14 +47,7 @@ TEST_F(MachineTest, EachUserReadsTheOwnDocumentsAndNobodyHearsOfAnothers) {
     if (coordinatesEverybody()) {
       EXPECT_EQ(user->output({"cat", path}), user->content("letter"));
     }
-    EXPECT_EQ(user->run([&] {
-      Wire wire = connectTo(coordinationService);
-      const auto url = URL::fileURL(user->document("diary"));
-      if (wire.call(coordinateReading, {url}).outcome() != "success") return 1;
-      const auto text = FileManager::readFile(user->document("diary"));
-      return text && *text == user->content("diary") ? 0 : 2;
-    }),
-              0);
+    EXPECT_TRUE(user->reads("diary"));
   }
   // All three have the same provider under the same identifier, and each was asked for its own.
   for (const auto& user : users_) {
@@ -79,15 +72,7 @@ TEST_F(MachineTest, EachUserReadsTheOwnDocumentsAndNobodyHearsOfAnothers) {
   mallory().stop();
   EXPECT_EQ(platform_->end(SIGTERM), 0);
   startPlatform();
-  EXPECT_TRUE(eventually([&] {
-    return alice().run([&] {
-      Wire wire = connectTo(coordinationService);
-      const auto url = URL::fileURL(alice().document("plan"));
-      wire.call(coordinateReading, {url});
-      const auto text = FileManager::readFile(alice().document("plan"));
-      return text && *text == alice().content("plan") ? 0 : 1;
-    }) == 0;
-  }));
+  EXPECT_TRUE(eventually([&] { return alice().reads("plan"); }));
   // Nothing of root's is in anybody's root.
   for (const auto& user : users_) {
     for (const auto& entry : fs::recursive_directory_iterator(user->root())) {
@@ -125,14 +110,7 @@ TEST_F(MachineTest, NobodyHostsTheDirectoryOfAnother) {
                : 3;
   }),
             0);
-  EXPECT_EQ(alice().run([&] {
-    Wire wire = connectTo(coordinationService);
-    const auto url = URL::fileURL(alice().document("letter"));
-    if (wire.call(coordinateReading, {url}).outcome() != "success") return 1;
-    const auto text = FileManager::readFile(alice().document("letter"));
-    return text && *text == alice().content("letter") ? 0 : 2;
-  }),
-            0);
+  EXPECT_TRUE(alice().reads("letter"));
   EXPECT_EQ(platform_->count("user " + std::to_string(mallory().number())), 1U)
       << "one doc source was ever coordinated for the other user";
 }

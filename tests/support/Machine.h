@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/FileManager.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemons.h"
 #include "tests/support/InChild.h"
@@ -66,6 +67,18 @@ class MachineUser {
       }
       return body();
     });
+  }
+  /// Whether a coordinated read of the user's own document gives its content.
+  bool reads(const std::string& name) const {
+    return run([&] {
+             const auto url = URL::fileURL(document(name));
+             if (connectTo(coordinationService).call(coordinateReading, {url}).outcome() !=
+                 "success") {
+               return 1;
+             }
+             const auto text = FileManager::readFile(document(name));
+             return text && *text == content(name) ? 0 : 2;
+           }) == 0;
   }
   /// What a program of the user's prints, and "status N" where that is not 0.
   std::string output(std::vector<std::string> words) const {
