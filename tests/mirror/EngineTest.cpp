@@ -198,7 +198,7 @@ TEST(StoreThatComparesNothing, KeepsWhatAnotherHasOverwrittenUnseen) {
   auto& clock = newClock();
   qx::Clock::setCurrent(clock);
   const Scratch scratch;
-  coordinate(scratch / "", "access");
+  coordinate("access");
   std::vector<std::unique_ptr<Machine>> machines;
   for (const std::string name : {"one", "other"}) {
     machines.push_back(std::make_unique<Machine>(scratch / name, server.documents("", true), name));
