@@ -476,7 +476,7 @@ class ShownDocumentsInACrash : public ShownDocuments,
 TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
   const auto& operation = GetParam();
   const char* wanted = std::getenv("DOCSOURCE_FAULTS");
-  const int stride = wanted && std::string(wanted) == "all" ? 1 : 3;
+  const int stride = wanted && std::string(wanted) == "all" ? 1 : isAccount() ? 8 : 3;
   ASSERT_TRUE(eventually([&] { return isPlaceholder(nameOf(documents - 1)); }));
   ChildProcess sandbox(tool({"run", app}));
   ASSERT_EQ(sandbox.ask("arguments"), "") << "it runs";
