@@ -271,7 +271,12 @@ Result<Answer> Session::perform(const Request& request) {
     for (const auto& line : request.headers) add(line.c_str());
     // What can be sent twice need not wait until the server says that it wants it; not all do.
     if (request.upload && request.upload->isShort()) add("Expect:");
-    const auto patience = request.patience.value_or(options_.patience);
+    constexpr std::uint64_t workInASecond = 4UL << 20U;
+    constexpr std::uint64_t mostPatience = 600;
+    const auto patience = std::max(
+        options_.patience, std::chrono::seconds(std::min(
+                               mostPatience, static_cast<std::uint64_t>(options_.patience.count()) +
+                                                 request.work / workInASecond)));
     std::array<char, CURL_ERROR_SIZE> text{};
     auto handle = acquire();
     handle->set(CURLOPT_NOSIGNAL, 1L);

@@ -87,6 +87,9 @@ struct Answer {
   std::optional<std::int64_t> date(std::string_view name) const;
 };
 
+/// Nobody knows how much.
+constexpr std::uint64_t anyWork = UINT64_MAX;
+
 struct Request {
   std::string method;
   std::string url;
@@ -96,7 +99,9 @@ struct Request {
   /// Sending it twice does what sending it once does.
   bool isRepeatable = false;
   bool followsRedirects = false;
-  std::optional<std::chrono::seconds> patience = {};
+  /// So many bytes the server has to write, copy or put together itself before it answers: it is
+  /// given a second more for each 4 MiB of them, and ten minutes at most.
+  std::uint64_t work = 0;
   /// A status of 502 is an answer and not a proxy's.
   bool gatewayAnswers = false;
   /// Of an answer that succeeds: called once before its content; an error ends the request.

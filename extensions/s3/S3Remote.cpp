@@ -49,8 +49,6 @@ constexpr std::size_t mostListing = 64UL * 1024 * 1024;
 constexpr std::size_t mostAtATime = 16;
 /// So many objects of a directory may be without any answer before that is the store's trouble.
 constexpr unsigned mostUnanswered = 2;
-/// A store may take so long to put a large document together or to copy it.
-constexpr seconds workPatience{600};
 /// What one request may copy, and a part of what is larger.
 constexpr std::uint64_t mostCopied = 5UL << 30U;
 constexpr std::uint64_t copiedPart = 1UL << 30U;
@@ -343,6 +341,8 @@ class S3Remote final : public Remote {
     Parameters headers = {};
     std::optional<std::string_view> body = {};
     bool isRepeatable = false;
+    /// So much the store has to copy or to put together itself, in bytes.
+    std::uint64_t work = 0;
     std::function<Result<void>(const Answer&)> begin = {};
     std::function<Result<bool>(std::string_view)> take = {};
   };
@@ -484,9 +484,7 @@ Result<Answer> S3Remote::send(const Call& call) {
     MemoryUpload upload(call.body.value_or(""));
     if (call.body) request.upload = &upload;
     request.isRepeatable = call.isRepeatable;
-    // What the store has to copy or to put together itself.
-    const bool isWork = call.method == "POST" || call.headers.contains("x-amz-copy-source");
-    if (isWork) request.patience = workPatience;
+    request.work = call.work;
     request.begin = call.begin;
     request.take = call.take;
     auto answer = session_.perform(request);
@@ -1016,8 +1014,9 @@ Result<Version> S3Remote::inParts(
   }
   list += "</CompleteMultipartUpload>";
   if (auto last = beforeEnd(); !last) return given(last.error());
-  const auto done = askForXML({"POST", key, {{"uploadId", upload}}, conditions, list}, path,
-                              "CompleteMultipartUpload");
+  Call end{"POST", key, {{"uploadId", upload}}, conditions, list};
+  end.work = size;
+  const auto done = askForXML(end, path, "CompleteMultipartUpload");
   if (!done) return given(done.error());
   auto version = Version::of(done->textOf("ETag"), size);
   if (!version) return strange(path, "it took a document without a tag");
@@ -1156,7 +1155,9 @@ Result<Version> S3Remote::copy(const std::string& from, const std::string& to,
   all["x-amz-copy-source"] = "/" + bucket_ + "/" + encoded(keyOf(from), true);
   all["x-amz-copy-source-if-match"] = version.quoted();
   if (version.size <= mostCopied) {
-    const auto copied = askForXML({"PUT", keyOf(to), {}, all, ""}, to, "CopyObjectResult");
+    Call call{"PUT", keyOf(to), {}, all, ""};
+    call.work = version.size;
+    const auto copied = askForXML(call, to, "CopyObjectResult");
     if (!copied) return copied.error();
     auto made = Version::of(copied->textOf("ETag"), version.size);
     if (!made) return strange(to, "it copied a document and tells no tag");
@@ -1178,7 +1179,9 @@ Result<Version> S3Remote::copy(const std::string& from, const std::string& to,
         ranged["x-amz-copy-source-range"] =
             "bytes=" + std::to_string(first) + "-" +
             std::to_string(std::min(first + copiedPart, version.size) - 1);
-        const auto part = askForXML({"PUT", keyOf(to), query, ranged, ""}, to, "CopyPartResult");
+        Call call{"PUT", keyOf(to), query, ranged, ""};
+        call.work = copiedPart;
+        const auto part = askForXML(call, to, "CopyPartResult");
         if (!part) return part.error();
         return std::string(part->textOf("ETag"));
       });

@@ -40,8 +40,8 @@ using std::chrono::seconds;
 constexpr std::uint64_t smallSize = 1024UL * 1024;
 constexpr seconds partAge{24 * 3600};
 constexpr seconds goneAge{3600};
-/// A server may take so long to put a large document together, or to move or remove a tree.
-constexpr seconds workPatience{600};
+/// What became of a document that a server puts together is asked so often, when its answer is
+/// lost.
 constexpr milliseconds askAgain{2000};
 constexpr unsigned mostQuestions = 300;
 /// A download that breaks is resumed as long as each attempt brings this much, and a few times
@@ -354,7 +354,8 @@ class WebDAVRemote final : public Remote {
                         const std::function<Result<void>(std::string_view)>& sink);
 
   Result<Answer> moveTo(const Place& place, const std::string& url, const std::string& to,
-                        bool isDirectory, bool overwrite, std::vector<std::string> headers);
+                        bool isDirectory, std::uint64_t size, bool overwrite,
+                        std::vector<std::string> headers);
   Result<void> erase(const std::string& url, const std::string& path,
                      std::vector<std::string> headers);
   Result<void> removeAside(const Place& place, const std::string& path,
@@ -920,7 +921,7 @@ Result<Answer> WebDAVRemote::put(const Place& place, const std::string& path, Co
   Request request{"PUT", place.url(path), std::move(headers),
                   memory ? static_cast<Upload*>(&*memory) : &content.stream};
   request.isRepeatable = isRepeatable;
-  request.patience = workPatience;
+  request.work = content.stream.size();
   return session_.perform(request);
 }
 
@@ -1138,7 +1139,7 @@ Result<RemoteItem> WebDAVRemote::writeBeside(const Place& place, const std::stri
     }
     if (auto waited = wait(settling); !waited) return given(waited.error());
   }
-  answer = moveTo(place, place.url(part), path, false, ifVersion.has_value(), {});
+  answer = moveTo(place, place.url(part), path, false, size, ifVersion.has_value(), {});
   if (!answer) return given(answer.error());
   if (!answer->succeeded()) return given(refusal(*answer, path));
   auto there = seen(place, path);
@@ -1197,7 +1198,8 @@ Result<RemoteItem> WebDAVRemote::writeParts(const Place& place, const std::strin
   if (ifVersion) {
     headers.push_back("If: <" + place.url(path) + "> ([" + *Version::from(*ifVersion)->tag + "])");
   }
-  answer = moveTo(place, directory + "/.file", path, false, ifVersion.has_value(), headers);
+  answer = moveTo(place, directory + "/.file", path, false, content.source.size(),
+                  ifVersion.has_value(), headers);
   if (answer && !answer->succeeded()) return given(refusal(*answer, path));
   if (answer) {
     auto told = answer->header("oc-etag");
@@ -1246,15 +1248,15 @@ Result<RemoteItem> WebDAVRemote::makeDirectory(const std::string& path,
 /// RFC 4918 allows a path alone as destination; most servers want all of the URL, and some that are
 /// behind a proxy do not know themselves in it.
 Result<Answer> WebDAVRemote::moveTo(const Place& place, const std::string& url,
-                                    const std::string& to, bool isDirectory, bool overwrite,
-                                    std::vector<std::string> headers) {
+                                    const std::string& to, bool isDirectory, std::uint64_t size,
+                                    bool overwrite, std::vector<std::string> headers) {
   headers.emplace_back(overwrite ? "Overwrite: T" : "Overwrite: F");
   const auto whole = place.url(to, isDirectory);
   const auto send = [&](bool isPath) {
     auto all = headers;
     all.push_back("Destination: " + (isPath ? whole.substr(place.origin.size()) : whole));
     Request request{"MOVE", url, std::move(all)};
-    request.patience = workPatience;
+    request.work = isDirectory ? anyWork : size;
     request.gatewayAnswers = true;
     return session_.perform(request);
   };
@@ -1288,7 +1290,8 @@ Result<RemoteItem> WebDAVRemote::move(const std::string& from, const std::string
   if (isDirectory && (to + "/").starts_with(from + "/")) {
     return problem(RemoteProblem::failed, from, "cannot be moved into itself.");
   }
-  auto answer = moveTo(*place, place->url(from, isDirectory), to, isDirectory, false, {});
+  auto answer =
+      moveTo(*place, place->url(from, isDirectory), to, isDirectory, source->item.size, false, {});
   if (!answer) return answer.error();
   if (!answer->succeeded()) {
     if (answer->status != 412 && isNotFound(seen(*place, parentOf(to)))) {
@@ -1299,7 +1302,8 @@ Result<RemoteItem> WebDAVRemote::move(const std::string& from, const std::string
   }
   if (auto kept = checkName(*place, to); !kept) {
     if (is(kept.error(), RemoteProblem::notPermitted)) {
-      (void)moveTo(*place, place->url(to, isDirectory), from, isDirectory, false, {});
+      (void)moveTo(*place, place->url(to, isDirectory), from, isDirectory, source->item.size, false,
+                   {});
     }
     return kept.error();
   }
@@ -1309,7 +1313,6 @@ Result<RemoteItem> WebDAVRemote::move(const std::string& from, const std::string
 Result<void> WebDAVRemote::erase(const std::string& url, const std::string& path,
                                  std::vector<std::string> headers) {
   Request request{"DELETE", url, std::move(headers)};
-  request.patience = workPatience;
   auto answer = session_.perform(request);
   if (!answer) return answer.error();
   if (answer->status == 207) answer->status = failureIn(*answer);
@@ -1327,8 +1330,10 @@ Result<void> WebDAVRemote::erase(const std::string& url, const std::string& path
 Result<void> WebDAVRemote::removeAside(const Place& place, const std::string& path,
                                        const std::optional<std::string>& ifVersion) {
   const bool isDirectory = !ifVersion;
+  const auto version = ifVersion ? Version::from(*ifVersion) : std::nullopt;
+  const std::uint64_t size = version ? version->size : 0;
   const auto aside = joined(parentOf(path), Aside::name(Aside::Kind::gone, now()));
-  auto answer = moveTo(place, place.url(path, isDirectory), aside, isDirectory, false, {});
+  auto answer = moveTo(place, place.url(path, isDirectory), aside, isDirectory, size, false, {});
   if (!answer) return answer.error();
   if (!answer->succeeded()) return refusal(*answer, path);
   std::optional<Error> unexpected;
@@ -1342,7 +1347,7 @@ Result<void> WebDAVRemote::removeAside(const Place& place, const std::string& pa
     unexpected = there.error();
   }
   if (!unexpected) return erase(place.url(aside, isDirectory), path, {});
-  (void)moveTo(place, place.url(aside, isDirectory), path, isDirectory, false, {});
+  (void)moveTo(place, place.url(aside, isDirectory), path, isDirectory, size, false, {});
   return *unexpected;
 }
 
