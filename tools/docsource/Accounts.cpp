@@ -158,6 +158,24 @@ docsource::Result<AccountProcess> AccountProcess::of(const Account& account) {
   return AccountProcess(*std::move(connection));
 }
 
+docsource::Result<AccountProcess::Moved> AccountProcess::moved(const std::string& path,
+                                                               std::chrono::milliseconds timeout) {
+  const auto answer = ask<qx::Array>(
+      [](DSAccount& each, auto completion) { each.transfersCompletion(std::move(completion)); },
+      timeout);
+  if (!answer) return answer.error();
+  Moved moved;
+  for (const auto& value : std::get<0>(*answer).value_or(qx::Array())) {
+    const auto* transfer = value.as<qx::Dictionary>();
+    const auto* url = transfer ? qx::find<qx::URL>(*transfer, "URL") : nullptr;
+    const auto of = url ? url->path() : std::nullopt;
+    if (!of || (*of != path && !of->starts_with(path + "/"))) continue;
+    if (const auto* bytes = qx::find<std::int64_t>(*transfer, "done")) moved.done += *bytes;
+    if (const auto* bytes = qx::find<std::int64_t>(*transfer, "total")) moved.total += *bytes;
+  }
+  return moved;
+}
+
 docsource::Result<AccountProcess> AccountProcess::whenRunning(
     const Account& account, std::optional<std::chrono::milliseconds> timeout) {
   struct Changes {

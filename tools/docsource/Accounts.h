@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -61,6 +62,14 @@ class AccountProcess {
   /// account is removed meanwhile.
   static docsource::Result<AccountProcess> whenRunning(
       const Account& account, std::optional<std::chrono::milliseconds> timeout);
+
+  /// Bytes.
+  struct Moved {
+    std::uint64_t done = 0;
+    std::uint64_t total = 0;
+  };
+  /// Of what is under way at that path and below it.
+  docsource::Result<Moved> moved(const std::string& path, std::chrono::milliseconds timeout);
 
   /// Waits for the answer to one call, which `begin` makes with the completion that it is given.
   /// For ever where there is no timeout; `meanwhile` is called every so often, and ends the wait

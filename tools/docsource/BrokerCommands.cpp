@@ -9,6 +9,7 @@
 
 #include "docsource/placeholder.h"
 #include "tools/docsource/Accounts.h"
+#include "tools/docsource/ArrivalWatch.h"
 #include "tools/docsource/BundleInstaller.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Interruption.h"
@@ -105,20 +106,10 @@ int start(const Arguments& arguments) {
   const Interruption interruption;
   ProgressBar bar;
   const auto path = docsource::pathOfURL(url);
-  using Clock = std::chrono::steady_clock;
-  // While bytes arrive it is worth waiting.
-  auto lastSign = Clock::now();
-  std::uint64_t arrived = 0;
+  ArrivalWatch arriving(url, arguments.timeout);
   constexpr std::chrono::milliseconds redrawn(100);
   while (result.wait_for(redrawn) == std::future_status::timeout) {
     if (path) bar.draw(*path);
-    const auto document =
-        path ? docsource::placeholderStatus(*path)
-             : docsource::Result<docsource::PlaceholderStatus>(docsource::Error::file(ENOENT, url));
-    if (document && document->occupied != arrived) {
-      arrived = document->occupied;
-      lastSign = Clock::now();
-    }
     if (interruption.hasCome()) {
       bar.remove();
       const auto place = placeOf(arguments.subject);
@@ -129,7 +120,7 @@ int start(const Arguments& arguments) {
       }
       return interrupted;
     }
-    if (Clock::now() - lastSign > arguments.timeout) {
+    if (!arriving.goesOn()) {
       bar.remove();
       return fail(arguments, docsource::Error(docsource::LibraryError::timedOut,
                                               "Nothing of " + readable(url) + " arrives."));

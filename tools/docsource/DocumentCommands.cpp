@@ -6,11 +6,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <future>
+#include <memory>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/base/Text.h"
+#include "tools/docsource/ArrivalWatch.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Location.h"
 #include "tools/docsource/Output.h"
@@ -66,10 +70,25 @@ int consume(const Arguments& arguments) {
 }
 
 int read(const Arguments& arguments) {
-  return copy(
-      arguments,
-      docsource::Client(arguments.timeout).openForReading(urlFromArgument(arguments.subject)),
-      arguments.subject);
+  const auto url = urlFromArgument(arguments.subject);
+  docsource::Client client(arguments.timeout);
+  const auto answered = std::make_shared<std::promise<docsource::Result<docsource::Descriptor>>>();
+  auto opened = answered->get_future();
+  client.openForReading(
+      url,
+      [answered](docsource::Result<docsource::Descriptor> document) {
+        answered->set_value(std::move(document));
+      },
+      docsource::Client::noTimeout);
+  ArrivalWatch arriving(url, arguments.timeout);
+  constexpr std::chrono::milliseconds between(100);
+  while (opened.wait_for(between) == std::future_status::timeout) {
+    if (!arriving.goesOn()) {
+      return fail(arguments, docsource::Error(docsource::LibraryError::timedOut,
+                                              "Nothing of " + readable(url) + " arrives."));
+    }
+  }
+  return copy(arguments, opened.get(), arguments.subject);
 }
 
 }  // namespace tool

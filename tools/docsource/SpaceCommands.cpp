@@ -229,20 +229,8 @@ Result<void> askAccount(const Place& place, ItemOperation operation, const Argum
   const auto draw = [&] {
     if (interruption.hasCome()) return false;
     if (!bar.isShown() || !observer) return true;
-    const auto answer = observer->ask<qx::Array>(
-        [](DSAccount& each, auto completion) { each.transfersCompletion(std::move(completion)); },
-        arguments.timeout);
-    if (!answer) return true;
-    std::uint64_t done = 0, total = 0;
-    for (const auto& value : std::get<0>(*answer).value_or(qx::Array())) {
-      const auto* transfer = value.as<qx::Dictionary>();
-      const auto* url = transfer ? qx::find<qx::URL>(*transfer, "URL") : nullptr;
-      const auto path = url ? url->path() : std::nullopt;
-      if (!path || (*path != place.path && !path->starts_with(place.path + "/"))) continue;
-      if (const auto* bytes = qx::find<std::int64_t>(*transfer, "done")) done += *bytes;
-      if (const auto* bytes = qx::find<std::int64_t>(*transfer, "total")) total += *bytes;
-    }
-    bar.draw(done, total);
+    const auto moved = observer->moved(place.path, arguments.timeout);
+    if (moved) bar.draw(moved->done, moved->total);
     return true;
   };
   const auto answer = process->ask<>(
