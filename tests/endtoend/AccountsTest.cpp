@@ -18,12 +18,6 @@ const std::string identifier = "com.veltro.docsource.account.Work";
 
 class Accounts : public Broker, public testing::WithParamInterface<const char*> {
  protected:
-  struct Outcome {
-    int status;
-    std::string output;
-    std::string errors;
-  };
-
   void SetUp() override {
     fs::create_directory(home_);
     fs::create_directory(origin_);
@@ -34,9 +28,7 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
     start();
   }
   void startPlatform() {
-    platform_.emplace("platformd", installation_.root(),
-                      std::map<std::string, std::string>{{"DOCSOURCE_COORDINATION", GetParam()}});
-    ASSERT_TRUE(installation_.becomesServed(coordinationService));
+    Broker::startPlatform({{"DOCSOURCE_COORDINATION", GetParam()}});
     ASSERT_TRUE(eventually([&] { return fs::exists(installation_ / "run/coordination"); }));
     const auto mode = FileManager::readFile(installation_ / "run/coordination");
     if (mode && *mode != std::string(GetParam()) + "\n") {
@@ -45,27 +37,10 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
   }
   bool isCooperative() const { return GetParam() == std::string("cooperative"); }
 
-  /// Runs a command of the shell to its end.
-  Outcome shell(const std::string& command) const {
-    const std::string output = installation_ / "output", errors = installation_ / "errors";
-    ChildProcess process(
-        {"env", "HOME=" + home_, "DOCSOURCE_ROOT=" + installation_.root(),
-         "PATH=" + builtProgram("") + ":/usr/bin:/bin", "GIT_CONFIG_GLOBAL=/dev/null", "sh", "-c",
-         "{ " + command + "; } < /dev/null > '" + output + "' 2> '" + errors + "'"});
-    const int status = process.wait();
-    return {status, content(output), content(errors)};
-  }
-  /// One that must succeed.
-  std::string ask(const std::string& command) const {
-    const auto outcome = shell(command);
-    EXPECT_EQ(outcome.status, 0) << command << ": " << outcome.output << outcome.errors;
-    return outcome.output;
-  }
   void refuses(const std::string& command, const std::string& reason, int status = 1) const {
     const auto outcome = shell(command);
     EXPECT_EQ(outcome.status, status) << command;
-    EXPECT_NE((outcome.output + outcome.errors).find(reason), std::string::npos)
-        << command << ": " << outcome.output << outcome.errors;
+    EXPECT_NE(outcome.text().find(reason), std::string::npos) << command << ": " << outcome.text();
   }
   std::string state(const std::string& name) const {
     const auto line = ask("docsource status --json '" + here(name) + "'");
@@ -77,10 +52,6 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
                              line.find('"', at + before.size()) - at - before.size());
   }
 
-  static std::string content(const std::string& path) {
-    const auto text = FileManager::readFile(path);
-    return text ? *text : text.error().text();
-  }
   std::string here(const std::string& name) const { return home_ + "/DocSource/Work/" + name; }
   std::string there(const std::string& name) const { return origin_ + "/" + name; }
   void add() const {
@@ -89,10 +60,7 @@ class Accounts : public Broker, public testing::WithParamInterface<const char*> 
   }
 
   const std::string letter_ = std::string(5'000, 'l') + "\n";
-  const TemporaryDirectory places_;
   const std::string origin_ = places_ / "origin";
-  const std::string home_ = places_ / "home";
-  std::optional<Daemon> platform_;
 };
 
 INSTANTIATE_TEST_SUITE_P(, Accounts, testing::Values("access", "open", "cooperative"),
@@ -196,14 +164,14 @@ TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   fs::remove(origin_);
   fs::rename(away, origin_);
   ask("docsource sync Work");
-  EXPECT_EQ(content(there("meanwhile.txt")), "meanwhile\n");
+  EXPECT_EQ(contentOf(there("meanwhile.txt")), "meanwhile\n");
 
   // Changed while the daemons are down.
   ask("docsource get '" + here("letter.txt") + "'");
   stop();
   ask("echo down >> '" + here("letter.txt") + "'");
   start();
-  EXPECT_TRUE(eventually([&] { return content(there("letter.txt")) == letter_ + "down\n"; }));
+  EXPECT_TRUE(eventually([&] { return contentOf(there("letter.txt")) == letter_ + "down\n"; }));
 
   // Its process is killed: the next one goes on although nobody wants a document.
   for (const pid_t each : extensions()) ASSERT_EQ(kill(each, SIGKILL), 0);
@@ -221,7 +189,7 @@ TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {
   EXPECT_NE(listed.find("letter (conflict "), std::string::npos) << listed;
   ask("docsource conflicts --take '" + here("") + "'letter\\ \\(conflict*");
   ask("docsource sync Work");
-  EXPECT_EQ(content(there("letter.txt")), letter_ + "down\nours\n");
+  EXPECT_EQ(contentOf(there("letter.txt")), letter_ + "down\nours\n");
 }
 
 TEST_P(Accounts, WhatCannotBeAddedIsSaid) {

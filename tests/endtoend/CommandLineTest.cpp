@@ -17,7 +17,6 @@
 #include <thread>
 
 #include "platform/base/Text.h"
-#include "platform/files/FileManager.h"
 #include "platform/identity/Bundles.h"
 #include "platform/plist/PropertyList.h"
 #include "tests/endtoend/Broker.h"
@@ -31,17 +30,6 @@ namespace fs = std::filesystem;
 
 const char* const provider = "com.example.provider";
 const char* const toolIdentifier = "com.veltro.docsource.tool";
-
-struct Outcome {
-  int status = -1;
-  std::string output;
-  std::string errors;
-};
-
-std::string content(const std::string& path) {
-  auto text = FileManager::readFile(path);
-  return text ? *text : "(unreadable)";
-}
 
 std::int64_t blocks(const std::string& path) {
   struct stat status {};
@@ -68,7 +56,7 @@ class CommandLine : public Broker {
          "ERRORS=" + (terminal.empty() ? errors : terminal), "sh", "-c",
          "exec \"$@\" < /dev/null > \"$OUTPUT\" 2> \"$ERRORS\"", "sh", builtProgram("docsource")});
     const int status = ChildProcess(std::move(arguments)).wait();
-    return {status, content(output), terminal.empty() ? content(errors) : ""};
+    return {status, contentOf(output), terminal.empty() ? contentOf(errors) : ""};
   }
 
   /// The output of a run that must succeed and say nothing else.
@@ -336,10 +324,9 @@ TEST_F(CommandLine, ShowsOnATerminalHowFarADocumentHasArrived) {
 TEST_F(CommandLine, CopiesDocumentsAsTheyAre) {
   const auto installed = installation_.installProvider(provider);
   start();
-  Daemon platformd("platformd", installation_.root());
-  ASSERT_TRUE(installation_.becomesServed(coordinationService));
+  startPlatform();
   ASSERT_TRUE(isRegistered(installed));
-  ASSERT_TRUE(platformd.logs("for doc source " + std::string(provider)));
+  ASSERT_TRUE(platform_->logs("for doc source " + std::string(provider)));
   directory_ = installed.storage();
 
   // More than one piece, not a whole number of pieces nor of groups of three bytes.
@@ -407,28 +394,6 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   fails({"--timeout", "0.2", "resolve", "docsource:com.example.gone/x"}, "did not answer in time");
 }
 
-TEST_F(CommandLine, ListsTheGrantsOfAnyAccessControlFile) {
-  EXPECT_EQ(ask({"grants"}), "Nothing has been granted.\n");
-  const auto items = [](Value list) { return Dictionary{{"AllowedItemIDs", std::move(list)}}; };
-  grant(Dictionary{{"provider", Dictionary{{"consumer", items(Array{"one", 2, "t\xffo"})},
-                                           {"no items", items("one")},
-                                           {"no entry", "one"}}},
-                   {"no provider", Array{"one"}}});
-  EXPECT_EQ(ask({"grants"}),
-            "PROVIDER  CONSUMER  ITEM\n"
-            "provider  consumer  one\n"
-            "provider  consumer  t\\xffo\n");
-  EXPECT_EQ(
-      ask({"grants", "--json"}),
-      R"({"grants": [{"consumerIdentifier": "consumer", "itemID": "one", "providerIdentifier": "provider"}, )"
-      R"({"consumerIdentifier": "consumer", "itemID": "t\ufffdo", "providerIdentifier": "provider"}]})"
-      "\n");
-  grant(Array{"of another shape"});
-  EXPECT_EQ(ask({"grants", "--json"}), "{\"grants\": []}\n");
-  std::ofstream(installation_.accessControlFile()) << "<plist";
-  fails({"grants"}, installation_.accessControlFile());
-}
-
 TEST_F(CommandLine, InstallsAndRemovesBundles) {
   const auto source = makeApplication("App.app", "com.example.app");
   fs::create_directory(source + "/lib");
@@ -439,13 +404,13 @@ TEST_F(CommandLine, InstallsAndRemovesBundles) {
   EXPECT_EQ(ask({"install", source + "/"}), "installed com.example.app in " + place + "\n");
   EXPECT_EQ(fs::read_symlink(place + "/lib/link"), "../program");
   EXPECT_EQ(fs::read_symlink(place + "/dangling"), "/nowhere");
-  EXPECT_EQ(content(place + "/program"), content("/bin/cat"));
+  EXPECT_EQ(contentOf(place + "/program"), contentOf("/bin/cat"));
   EXPECT_EQ(fs::status(place + "/program").permissions(), fs::status("/bin/cat").permissions());
 
   // The identifier, not the name of the directory, says what is replaced.
   EXPECT_EQ(ask({"install", makeApplication("New.app", "com.example.app", "/bin/ls")}),
             "replaced com.example.app in " + place + "\n");
-  EXPECT_EQ(content(place + "/program"), content("/bin/ls"));
+  EXPECT_EQ(contentOf(place + "/program"), contentOf("/bin/ls"));
   EXPECT_FALSE(fs::exists(place + "/lib"));
   EXPECT_EQ(applications(), std::vector<std::string>{"App.app"});
 
@@ -515,8 +480,8 @@ TEST_F(CommandLine, RefusesBundlesThatWouldNotWork) {
     fails({"install", broken}, "\n");
     EXPECT_EQ(applications(), std::vector<std::string>{"App.app"});
   }
-  EXPECT_EQ(content(installation_ / "Applications/App.app/Info.plist"),
-            content(installed + "/Info.plist"));
+  EXPECT_EQ(contentOf(installation_ / "Applications/App.app/Info.plist"),
+            contentOf(installed + "/Info.plist"));
 }
 
 TEST_F(CommandLine, ReplacesABundleInOneStep) {
@@ -546,18 +511,18 @@ TEST_F(CommandLine, TellsTheSystemOfTheDevicesLock) {
             "{\"lockState\": 3, \"unlockedSinceBoot\": true}\n");
   const auto state = installation_ / "run/key-state";
   ask({"device", "lock"});
-  EXPECT_EQ(content(state), "lock-state=0 unlocked-since-boot=1\n");
+  EXPECT_EQ(contentOf(state), "lock-state=0 unlocked-since-boot=1\n");
 
   std::ofstream(state) << "lock-state=1 unlocked-since-boot=0\n";
   EXPECT_EQ(ask({"device", "lock"}), "locked (lock state 0), not unlocked since boot\n");
-  EXPECT_EQ(content(state), "lock-state=0 unlocked-since-boot=0\n");
+  EXPECT_EQ(contentOf(state), "lock-state=0 unlocked-since-boot=0\n");
 
   // A daemon that waits for the first unlock is told of it.
   const auto installed = installation_.installProvider(provider);
   start();
   EXPECT_EQ(ask({"providers", "--json"}), "{\"providers\": []}\n");
   EXPECT_EQ(ask({"device", "unlock"}), "unlocked (lock state 3), unlocked since boot\n");
-  EXPECT_EQ(content(state), "lock-state=3 unlocked-since-boot=1\n");
+  EXPECT_EQ(contentOf(state), "lock-state=3 unlocked-since-boot=1\n");
   EXPECT_TRUE(isRegistered(installed));
 }
 

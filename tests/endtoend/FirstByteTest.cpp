@@ -27,7 +27,7 @@ constexpr std::size_t mebibyte = 1U << 20U;
 constexpr std::size_t size = 16 * mebibyte;
 
 /// No block of it is zeros, and every seed gives another.
-std::string contentOf(unsigned seed) {
+std::string versionOf(unsigned seed) {
   std::mt19937_64 random(seed);
   std::string text(size, ' ');
   for (std::size_t at = 0; at < size; at += 8) {
@@ -42,9 +42,7 @@ class FirstByte : public Broker, public testing::WithParamInterface<const char*>
   void SetUp() override {
     if (!address_.starts_with("http")) GTEST_SKIP() << address_;
     fs::create_directory(home_);
-    platform_.emplace("platformd", installation_.root(),
-                      std::map<std::string, std::string>{{"DOCSOURCE_COORDINATION", GetParam()}});
-    ASSERT_TRUE(installation_.becomesServed("com.veltro.FileCoordination"));
+    startPlatform({{"DOCSOURCE_COORDINATION", GetParam()}});
     if (!platform_->logs("Every program is coordinated")) GTEST_SKIP() << "needs CAP_SYS_ADMIN";
     const auto mechanism = FileManager::readFile(installation_ / "run/coordination");
     if (!mechanism || !mechanism->starts_with(GetParam())) {
@@ -68,7 +66,7 @@ class FirstByte : public Broker, public testing::WithParamInterface<const char*>
     return address_.substr(at, address_.size() - at - 1);
   }
   void put(const std::string& path, unsigned seed) const {
-    std::ofstream(places_ / "new") << contentOf(seed);
+    std::ofstream(places_ / "new") << versionOf(seed);
     fs::last_write_time(places_ / "new",
                         fs::file_time_type::clock::now() - std::chrono::hours(100 - seed));
     fs::rename(places_ / "new", path);
@@ -78,13 +76,7 @@ class FirstByte : public Broker, public testing::WithParamInterface<const char*>
     proxy_->writeLine(settings);
     return std::stoul("0" + proxy_->readLine());
   }
-  int shell(const std::string& command) const {
-    return ChildProcess({"env", "HOME=" + home_, "DOCSOURCE_ROOT=" + installation_.root(),
-                         "PATH=" + builtProgram("") + ":/usr/bin:/bin", "sh", "-c",
-                         "{ " + command + "; } < /dev/null > '" + (places_ / "output") + "' 2>&1"})
-        .wait();
-  }
-  int tool(const std::string& words) const { return shell("docsource " + words); }
+  int tool(const std::string& words) const { return shell("docsource " + words).status; }
   static FileDescriptor opened(const std::string& path, int flags = O_RDONLY) {
     return FileDescriptor(::open(path.c_str(), flags | O_CLOEXEC));
   }
@@ -95,23 +87,17 @@ class FirstByte : public Broker, public testing::WithParamInterface<const char*>
     const auto count = ::pread(file.get(), bytes.data(), length, static_cast<off_t>(at));
     if (count < 0) return std::strerror(errno);
     bytes.resize(static_cast<std::size_t>(count));
-    if (bytes == contentOf(seed).substr(at, length)) return "right";
+    if (bytes == versionOf(seed).substr(at, length)) return "right";
     return std::to_string(std::count(bytes.begin(), bytes.end(), '\0')) + " zeros in " +
            std::to_string(count);
   }
   bool isPlaceholder() const { return tool("status '" + here_ + "' | grep -q present") != 0; }
-  std::string whole() const {
-    const auto text = FileManager::readFile(here_);
-    return text ? *text : text.error().text();
-  }
-  const TemporaryDirectory places_;
-  const std::string home_ = places_ / "home";
+  std::string whole() const { return qx::test::contentOf(here_); }
   const std::string here_ = home_ + "/DocSource/Work/film";
   const std::string there_ = places_ / "server/files/film";
   ChildProcess server_{{"python3", WEBDAV_SERVERS, "lighttpd", places_ / "server"}};
   const std::string address_ = server_.readLine();
   std::optional<ChildProcess> proxy_;
-  std::optional<Daemon> platform_;
 };
 
 INSTANTIATE_TEST_SUITE_P(By, FirstByte, testing::Values("access", "open"),
@@ -138,14 +124,15 @@ TEST_P(FirstByte, AReaderGoesOnWithItsPartAndEverybodyElseWithTheWhole) {
     ::munmap(mapped, 4096);
     EXPECT_LT(told(), size + 2 * mebibyte);
   }
-  EXPECT_TRUE(whole() == contentOf(1));
+  EXPECT_TRUE(whole() == versionOf(1));
   ASSERT_EQ(tool("evict '" + here_ + "'"), 0);
   told(R"({"rate": 40000000})");
   EXPECT_EQ(shell("cp '" + here_ + "' '" + (places_ / "copy") + "' && cmp '" + there_ + "' '" +
-                  (places_ / "copy") + "'"),
+                  (places_ / "copy") + "'")
+                .status,
             0);
   ASSERT_EQ(tool("evict '" + here_ + "'"), 0);
-  EXPECT_EQ(shell("cat '" + here_ + "' | cmp - '" + there_ + "'"), 0);
+  EXPECT_EQ(shell("cat '" + here_ + "' | cmp - '" + there_ + "'").status, 0);
 
   // Who writes has the whole, whatever part it writes.
   ASSERT_EQ(tool("evict '" + here_ + "'"), 0);
@@ -156,7 +143,7 @@ TEST_P(FirstByte, AReaderGoesOnWithItsPartAndEverybodyElseWithTheWhole) {
   EXPECT_EQ(part(writer, 0, 4096), "right");
   EXPECT_FALSE(isPlaceholder());
   ASSERT_EQ(::pwrite(writer.get(), "XY", 2, size / 2), 2);
-  EXPECT_TRUE(whole() == contentOf(1).replace(size / 2, 2, "XY"));
+  EXPECT_TRUE(whole() == versionOf(1).replace(size / 2, 2, "XY"));
 }
 
 TEST_P(FirstByte, WhatIsThereOutlivesItsProviderAndNoOtherVersionFollowsIt) {
@@ -179,7 +166,7 @@ TEST_P(FirstByte, WhatIsThereOutlivesItsProviderAndNoOtherVersionFollowsIt) {
   // Slowed down so much, an attempt has published next to nothing when it ends.
   EXPECT_LT(told(), size - mebibyte) << "what was there is not brought in again";
 #endif
-  EXPECT_TRUE(whole() == contentOf(1));
+  EXPECT_TRUE(whole() == versionOf(1));
 
   file.reset();
   ASSERT_EQ(tool("evict '" + here_ + "'"), 0);
@@ -193,7 +180,7 @@ TEST_P(FirstByte, WhatIsThereOutlivesItsProviderAndNoOtherVersionFollowsIt) {
     EXPECT_TRUE(said == "right" || said == std::strerror(EAGAIN) || said == std::strerror(EIO))
         << at << ": " << said;
   }
-  EXPECT_TRUE(eventually([&] { return whole() == contentOf(2); }));
+  EXPECT_TRUE(eventually([&] { return whole() == versionOf(2); }));
 }
 
 }  // namespace

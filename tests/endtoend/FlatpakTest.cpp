@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"
@@ -26,9 +25,7 @@ class Flatpak : public Broker {
   void SetUp() override {
     if (!canSandbox()) GTEST_SKIP() << "no bubblewrap, or no user namespaces";
     start({{"XDG_RUNTIME_DIR", runtime_.path()}});
-    platform_.emplace("platformd", installation_.root(),
-                      std::map<std::string, std::string>{{"XDG_RUNTIME_DIR", runtime_.path()}});
-    ASSERT_TRUE(installation_.becomesServed(sandboxService));
+    startPlatform({{"XDG_RUNTIME_DIR", runtime_.path()}});
     ASSERT_TRUE(isRegistered(provider_));
     fs::create_directories(provider_.storage());
     for (const char* name : {"A.txt", "B c.txt"}) {
@@ -91,7 +88,6 @@ class Flatpak : public Broker {
 
   TemporaryDirectory runtime_;
   const std::string program_ = runtime_ / "program";
-  std::optional<Daemon> platform_;
   ScriptedProvider provider_ = installation_.installProvider(p);
   Consumer grantor_ = readerAndWriter("com.example.grantor");
 };

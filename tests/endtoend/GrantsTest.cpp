@@ -22,8 +22,7 @@ class Grants : public Broker {
   void SetUp() override {
     start();
     ASSERT_TRUE(isRegistered(provider_));
-    platform_.emplace("platformd", installation_.root());
-    ASSERT_TRUE(installation_.becomesServed(sandboxService));
+    startPlatform();
     wire_ = consumer_.connect();
     ASSERT_TRUE(eventually([&] { return outcome(listProviders, {}) == "success"; }));
     service_ = consumer_.connect(grantsService);
@@ -51,7 +50,6 @@ class Grants : public Broker {
   ScriptedProvider provider_ = installation_.installProvider(provider);
   Consumer consumer_ = readerAndWriter(app);
   Consumer reader_ = installation_.installConsumer(reader, {{readEntitlement, true}});
-  std::optional<Daemon> platform_;
   Wire wire_{FileDescriptor()};
   Wire service_{FileDescriptor()};
   const URL a_ = provider_.url("A.txt");

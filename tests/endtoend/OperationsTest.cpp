@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
 #include "tests/support/BundleMaker.h"
 #include "tests/support/Grants.h"
@@ -26,26 +25,11 @@ class Operations : public Broker {
     return wire_.call(operation, std::move(arguments)).outcome();
   }
 
-  std::string content(const std::string& name) const {
-    auto text = FileManager::readFile(provider_.document(name));
-    return text ? *text : "(unreadable)";
-  }
-
   ScriptedProvider provider_ = installation_.installProvider(provider);
   Consumer consumer_ = readerAndWriter(app);
   Wire wire_{FileDescriptor()};
   const URL a_ = provider_.url("A.txt");
 };
-
-TEST_F(Operations, ServeADocumentFromGrantToStop) {
-  EXPECT_EQ(outcome(extendSandbox, {a_, provider, friendly}), "success");
-  EXPECT_EQ(outcome(providePlaceholder, {a_, provider, friendly}), "success");
-  EXPECT_TRUE(std::filesystem::exists(provider_.document(".A.txt")));
-  EXPECT_EQ(outcome(startProviding, {a_, provider, friendly}), "success");
-  EXPECT_EQ(content("A.txt"), "content of item/a");
-  EXPECT_EQ(outcome(stopProviding, {a_, provider, friendly}), "success");
-  EXPECT_EQ(content("A.txt"), "");
-}
 
 TEST_F(Operations, FollowTheBundleOfAClientThatStaysConnected) {
   EXPECT_EQ(outcome(listProviders, {}), "success");
@@ -89,36 +73,6 @@ TEST_F(Operations, AreCarriedThroughWhenTheClientLeaves) {
   EXPECT_EQ(inherited.call(listProviders, {}).outcome(), "DSErrorDomain 6");
   EXPECT_EQ(inherited.call(documentURL, {"docsource:com.example.provider/item/a"}).outcome(),
             "DSErrorDomain 3");
-}
-
-TEST_F(Operations, RememberGrantsOverRestartsAndTheLossOfTheirFile) {
-  ASSERT_EQ(outcome(extendSandbox, {a_, provider, app}), "success");
-  stop();
-  start();
-  wire_ = consumer_.connect();
-  EXPECT_EQ(outcome(startProviding, {a_, provider, app}), "success");
-  EXPECT_EQ(outcome(startProviding, {provider_.url("B c.txt"), provider, app}), "DSErrorDomain 3");
-
-  // Removed under the daemon, the file comes back with the next grant.
-  std::filesystem::remove(installation_.accessControlFile());
-  EXPECT_EQ(outcome(startProviding, {a_, provider, app}), "success");
-  EXPECT_EQ(outcome(extendSandbox, {provider_.url("B c.txt"), provider, app}), "success");
-  const std::string begin = std::string(provider) + " " + app + " ";
-  EXPECT_EQ(grantsIn(installation_.accessControlFile()),
-            (std::set<std::string>{begin + "item/a", begin + "item b"}));
-}
-
-TEST_F(Operations, AskTheFilesPermissionsForABookmark) {
-  const auto guest = installation_.installConsumer("com.example.guest", {}, true);
-  Wire wire = guest.connect();
-  std::filesystem::permissions(provider_.document("A.txt"), std::filesystem::perms(0444));
-  EXPECT_TRUE(eventually([&] {
-    return wire.call(documentURL, {"docsource:x/y"}).outcome() == "DSErrorDomain 3" &&
-           wire.call(documentURL, {"x"}).outcome() == "DSErrorDomain 5";
-  })) << "the guest is not known by its bundle";
-  EXPECT_EQ(wire.call(extendBookmark, {a_, app}).outcome(), "DSErrorDomain 3");
-  std::filesystem::permissions(provider_.document("A.txt"), std::filesystem::perms(0644));
-  EXPECT_EQ(wire.call(extendBookmark, {a_, app}).outcome(), "success");
 }
 
 }  // namespace

@@ -31,16 +31,10 @@ void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
 class ServerAccounts : public Broker, public testing::WithParamInterface<Kind> {
  protected:
-  struct Outcome {
-    int status;
-    std::string output;
-  };
-
   void SetUp() override {
     if (!server_ || !address_.starts_with("http")) GTEST_SKIP() << address_;
     fs::create_directory(home_);
-    platform_.emplace("platformd", installation_.root());
-    ASSERT_TRUE(installation_.becomesServed("com.veltro.FileCoordination"));
+    startPlatform();
     start();
     keep("secret", GetParam().secret + "\n", 0600);
     keep("wrong", "wrong\n" + std::string(isS3() ? "wrong\n" : ""), 0600);
@@ -55,27 +49,12 @@ class ServerAccounts : public Broker, public testing::WithParamInterface<Kind> {
     std::ofstream(places_ / name) << text;
     ASSERT_EQ(::chmod((places_ / name).c_str(), mode), 0);
   }
-  /// Runs a command of the shell to its end; the output with what is printed for errors.
-  Outcome shell(const std::string& command) const {
-    const std::string output = installation_ / "output";
-    ChildProcess process({"env", "HOME=" + home_, "DOCSOURCE_ROOT=" + installation_.root(),
-                          "PATH=" + builtProgram("") + ":/usr/bin:/bin", "sh", "-c",
-                          "{ " + command + "; } < /dev/null > '" + output + "' 2>&1"});
-    const int status = process.wait();
-    const auto text = FileManager::readFile(output);
-    return {status, text ? *text : text.error().text()};
-  }
-  std::string ask(const std::string& command) const {
-    const auto outcome = shell(command);
-    EXPECT_EQ(outcome.status, 0) << command << ": " << outcome.output;
-    return outcome.output;
-  }
   /// Adding an account is refused, for that reason, and nothing is left of it.
   void refuses(const std::string& options, const std::string& reason,
                const std::optional<std::string>& address = std::nullopt) const {
     const auto outcome = shell(add(options, address));
     EXPECT_EQ(outcome.status, 1) << options;
-    EXPECT_NE(outcome.output.find(reason), std::string::npos) << options << ": " << outcome.output;
+    EXPECT_NE(outcome.text().find(reason), std::string::npos) << options << ": " << outcome.text();
     EXPECT_TRUE(fs::is_empty(installation_ / "Extensions")) << options;
     EXPECT_FALSE(fs::exists(fs::symlink_status(home_ + "/DocSource/Work"))) << options;
   }
@@ -122,14 +101,11 @@ class ServerAccounts : public Broker, public testing::WithParamInterface<Kind> {
     EXPECT_EQ(said.find(secret), std::string::npos) << said;
   }
 
-  const TemporaryDirectory places_;
   const std::string server_place_ = places_ / "server";
-  const std::string home_ = places_ / "home";
   std::optional<ChildProcess> server_{
       std::in_place,
       std::vector<std::string>{"python3", GetParam().script, GetParam().server, server_place_}};
   const std::string address_ = server_->readLine();
-  std::optional<Daemon> platform_;
 };
 
 INSTANTIATE_TEST_SUITE_P(
@@ -190,9 +166,9 @@ TEST_P(ServerAccounts, DocumentsAreReadEditedAndCarriedBack) {
   ask("echo meanwhile > '" + here("meanwhile") + "'");
   const auto away = shell("docsource sync Work");
   EXPECT_EQ(away.status, 1);
-  EXPECT_NE(away.output.find("offline"), std::string::npos) << away.output;
+  EXPECT_NE(away.text().find("offline"), std::string::npos) << away.text();
   EXPECT_EQ(ask("cat '" + here("meanwhile") + "'"), "meanwhile\n");
-  expectUntold(said + away.output);
+  expectUntold(said + away.text());
   ask("docsource remove Work --discard");
   EXPECT_FALSE(fs::exists(fs::symlink_status(home_ + "/DocSource/Work")));
 }
@@ -249,10 +225,7 @@ TEST_P(LoginPage, GivesTheAccountAPasswordOfItsOwn) {
       R"({"digest": true, "secret": "for this \" account", "files": {"letter": "words"}})");
   const auto top = address_.substr(0, address_.find("/remote.php"));
   const std::string said = installation_ / "said";
-  const auto text = [&] {
-    const auto read = FileManager::readFile(said);
-    return read ? *read : std::string();
-  };
+  const auto text = [&] { return contentOf(said); };
   const auto beginToAdd = [&](const std::string& options) {
     return ChildProcess({"env", "HOME=" + home_, "DOCSOURCE_ROOT=" + installation_.root(), "sh",
                          "-c",
