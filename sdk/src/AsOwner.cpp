@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,6 +46,8 @@ bool put(const char* path, const char* text) {
 /// The other process: in the memory of this one, whose calling thread stands still meanwhile.
 int workInside(void* argument) {
   auto& work = *static_cast<Work*>(argument);
+  // It has all of this process open, and ends with it.
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   std::array<char, 64> user{};
   std::array<char, 64> group{};
   std::snprintf(user.data(), user.size(), "%u %u 1", work.user, work.user);
