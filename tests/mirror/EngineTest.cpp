@@ -106,6 +106,14 @@ TEST_F(EngineTest, CarriesWhatIsDoneHereAndThere) {
   settle();
   EXPECT_EQ(names(there_), "new.txt way x x/back x/back/e x/back/e/b.txt x/y ");
   EXPECT_EQ(read(there("way")), "what was in it");
+  // A second name stays here, and is a document when the first one has another file.
+  fs::create_hard_link(here("way"), here("second"));
+  settle();
+  EXPECT_FALSE(fs::exists(there("second")));
+  save(here("way"), "another file");
+  settle();
+  EXPECT_EQ(read(there("way")), "another file");
+  EXPECT_EQ(read(there("second")), "what was in it");
 }
 
 TEST_F(EngineTest, KeepsAnIdentifierHoweverADocumentIsSavedAndGivesACopyAnother) {
