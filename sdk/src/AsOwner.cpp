@@ -96,14 +96,16 @@ int asOwner(int file, const std::function<int()>& call, bool mayHaveNamespace) {
     return -1;
   };
   if (::fstat(file, &status) != 0 || status.st_uid != ::geteuid()) return denied();
-  const mode_t mode = status.st_mode & permissions;
-  const mode_t given = mode | ownerAccess;
-  if (mode == given) return denied();
   if (mayHaveNamespace) {
     if (const auto done = callInNamespace(call); done && (*done != -1 || errno != EACCES)) {
       return *done;
     }
   }
+  // Just before they are changed: a program may have changed them meanwhile.
+  if (::fstat(file, &status) != 0) return denied();
+  const mode_t mode = status.st_mode & permissions;
+  const mode_t given = mode | ownerAccess;
+  if (mode == given) return call();
   const auto path = "/proc/self/fd/" + std::to_string(file);
   if (::chmod(path.c_str(), given) != 0) return denied();
   result = call();
