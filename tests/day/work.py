@@ -260,7 +260,8 @@ class Desk:
                 self.world.bring_in(self.top)
                 return False
         try:
-            eventually(attempt, lambda: f"{what} cannot be done: {problem}")
+            # However long the first attempt took, there is a second one.
+            attempt() or eventually(attempt, lambda: f"{what} cannot be done: {problem}")
         except TimeIsUp as error:
             self.findings.append(str(error))
 
