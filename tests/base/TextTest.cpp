@@ -4,8 +4,6 @@
 
 namespace {
 
-using qx::base64Decode;
-
 std::vector<std::uint8_t> bytes(std::string_view text) { return {text.begin(), text.end()}; }
 
 TEST(TextTest, TellsUTF8FromWhatLooksLikeIt) {

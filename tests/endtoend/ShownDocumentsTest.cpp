@@ -382,7 +382,7 @@ struct Operation {
   /// How the document is afterwards where that went well, from how it was.
   std::string (*after)(std::string before);
   /// What is added to its name by that.
-  std::string ending = "";
+  std::optional<std::string> ending = std::nullopt;
 };
 
 /// Each with docsourced or platformd killed right before its first, second, ... call, until there
@@ -399,7 +399,7 @@ class ShownDocumentsInACrash : public ShownDocuments,
     for (int i = 0; i < documents; ++i) writeOrigin(nameOf(i), text(nameOf(i)));
     ShownDocuments::SetUp();
   }
-  bool isAccount() const override { return !GetParam().ending.empty(); }
+  bool isAccount() const override { return GetParam().ending.has_value(); }
 
   static std::string nameOf(int number) { return "document-" + std::to_string(number); }
   std::string withD(const std::string& name, const std::string& line) const {
@@ -464,7 +464,7 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
     ASSERT_LT(number, documents);
     const auto before = text(nameOf(number)), after = operation.after(before);
     // What it is called now, and what in the end.
-    const auto name = nameOf(number), last = name + operation.ending;
+    const auto name = nameOf(number), last = name + operation.ending.value_or("");
     const bool isRename = name != last;
     const auto done = "/tmp/done" + std::to_string(number);
     SCOPED_TRACE(name + ", " + std::to_string(calls) + " calls");
