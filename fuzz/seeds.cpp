@@ -186,6 +186,18 @@ void addConduits() {
   add("conduit", fuzz::scriptPart(fuzz::rawPart, Bytes{0xff, 0xff, 0xff, 0xff}));
 }
 
+void addGuarding() {
+  add("guarding", std::string(1, '\0'),
+      {"tree 1000 - /home/somebody/Documents", "tree 0 0102030405060708:1:0a0b /a%20b%25",
+       "moved 1000 0102030405060708:-1:0a0b /home/somebody", "moved 1000 - /x"});
+  add("guarding", "\1",
+      {"# mine\nwhole-file tar\nnever-provide  indexer # it looks into everything\n\nsenseless",
+       "whole-file a/b\nnever-provide"});
+  add("guarding", '\2' + std::string(24, '\0'));
+  add("guarding", "\3",
+      {"tree 1000 - /a\nsenseless\nmoved 7 0102030405060708:1:0a0b /b\n", "tree 1000 - /a\n\n"});
+}
+
 void addSandboxes() {
   using namespace std::string_literals;
   // The right key and one that is too short; what was taken back by path and by file.
@@ -232,6 +244,7 @@ int main(int count, char** arguments) try {
   addURLs();
   addTokens();
   addBundles();
+  addGuarding();
   addSandboxes();
   addServers();
   return 0;

@@ -64,6 +64,45 @@ class Hostile : public Abuse {
   }
 };
 
+TEST_F(Hostile, FramesCostTheirConnectionAlone) {
+  Tally tally("frames that are none, and more of them than are read");
+  const std::string megabyte(1 << 20, 'x');
+  // An array of as many nulls as fit, where one string belongs; nested as deep as it may be, and
+  // one deeper.
+  const auto nulls = RawPeer::call(1, documentURL, [](conduit::Encoder& message) {
+    constexpr std::size_t most = (16U << 20U) - 64;
+    message.array(1);
+    message.array(most);
+    for (std::size_t i = 0; i < most; ++i) message.null();
+  });
+  const auto nested = [](std::size_t depth) {
+    std::vector<std::uint8_t> bytes(depth, 0x81);
+    bytes.push_back(0x01);
+    return bytes;
+  };
+  const std::vector<std::pair<std::vector<std::uint8_t>, bool>> frames{
+      {nulls, false},
+      {RawPeer::frame(nested(31)), true},
+      {RawPeer::frame(nested(33)), true},
+      {RawPeer::frame(nested(1 << 20)), true},
+      {{0xff, 0xff, 0xff, 0xff}, true},
+      {RawPeer::frame(std::vector<std::uint8_t>(1 << 20)), true},
+      {frameOf({1, 1, megabyte, Array()}), false}};
+  attack(tally, [&] {
+    for (std::size_t round = 0; round < tries(60, 1); ++round) {
+      for (const auto& [frame, closes] : frames) {
+        Wire peer = connect();
+        peer.sendBytes(frame);
+        ++tally.tries;
+        if (closes ? !peer.isClosedByPeer() : !peer.readMessage()->error) ++tally.faults;
+      }
+      // Half a frame of the full length, for as long as the others go on.
+      Wire half = connect();
+      half.sendBytes(std::span(frames.front().first).first(1 << 20));
+    }
+  });
+}
+
 TEST_F(Hostile, DescriptorsAreNotKept) {
   Tally tally("descriptors that nobody asked for, until there are none left");
   // Few enough to run out of.
@@ -126,6 +165,51 @@ TEST_F(Hostile, ProvidersThatAreNotInstalledCostNothing) {
       tally.tries += 2 * window;
     }
     EXPECT_FALSE(wire.hasInput());
+  });
+}
+
+TEST_F(Hostile, TokensPathsAndIdentifiersMayBeLong) {
+  Tally tally("tokens, paths and identifiers of 1 MiB");
+  const auto redeemer = startRedeemer();
+  const std::string x(1 << 20, 'x');
+  std::string deep;
+  while (deep.size() < x.size()) deep += "/..";
+  const std::string root = "file://" + provider_.storage();
+  const Value p = "com.example.p";
+  struct Call {
+    const char* operation;
+    Array arguments;
+    const char* outcome;
+  };
+  const std::vector<Call> calls{
+      {startProviding, {URL(root + "/" + x), p, app}, "DSErrorDomain 1"},
+      {startProviding, {URL(root + deep), p, app}, "DSErrorDomain 1"},
+      {startProviding, {provider_.url("granted"), x, app}, "DSErrorDomain 1"},
+      {startProviding, {provider_.url("granted"), p, x}, "DSErrorDomain 3"},
+      {providePlaceholder, {URL(root + "/" + x), p, app}, "DSErrorDomain 3"},
+      {extendSandbox, {provider_.url("granted"), x, app}, "DSErrorDomain 1"},
+      {extendBookmark, {URL(root + "/" + x), app}, "DSErrorDomain 3"},
+      {extendBookmark, {URL(root + deep), app}, "DSErrorDomain 3"},
+      {bookmarkableString, {URL("file:///" + x)}, "success"},
+      {documentURL, {"docsource:" + x + "/" + x}, "DSErrorDomain 3"},
+      {documentURL, {"docsource:com.example.p/" + x}, "DSErrorDomain 3"},
+      {documentURL, {x}, "DSErrorDomain 5"}};
+  attack(tally, [&] {
+    for (std::size_t round = 0; round < tries(50, 1); ++round) {
+      Wire wire = connect();
+      for (const auto& [operation, arguments, outcome] : calls) {
+        const auto found = wire.call(operation, arguments).outcome();
+        ++tally.tries;
+        if (found != outcome) ++tally.faults;
+        EXPECT_EQ(found, outcome) << operation << " " << describe(Value(arguments)).substr(0, 60);
+      }
+      Wire redeeming = connectTo(sandboxService);
+      for (const auto& token : {x, "2:com.veltro.sandbox.read-write:00:1:/" + x + ":00"}) {
+        const auto answer = redeeming.call(consumeExtension, {Bytes(token.begin(), token.end())});
+        ++tally.tries;
+        if (answer.outcome() != "QXPOSIXErrorDomain 74" || !answer.isAbsent(1)) ++tally.faults;
+      }
+    }
   });
 }
 

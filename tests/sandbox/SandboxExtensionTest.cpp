@@ -110,6 +110,33 @@ TEST_F(SandboxExtensionTest, OnlyARegularFileReachedWithoutALinkHasOne) {
   EXPECT_FALSE(issue(deep + "/document"));
 }
 
+TEST_F(SandboxExtensionTest, AnAlteredTokenIsWorthNothing) {
+  auto token = *issue(path, qx::sandboxExtensionRead);
+  for (std::size_t at = 0; at < token.size(); ++at) {
+    auto altered = token;
+    altered[at] = static_cast<char>(altered[at] ^ 1);
+    EXPECT_EQ(failureOf(altered), EBADMSG) << at;
+    altered = token;
+    altered[at] = static_cast<char>(std::toupper(altered[at]));
+    EXPECT_EQ(failureOf(altered), altered == token ? 0 : EBADMSG) << at;
+    EXPECT_EQ(failureOf(token.substr(0, at)), EBADMSG) << at;
+  }
+  for (const auto& more : {std::string("0"), std::string(":"), std::string(1 << 20, '0')}) {
+    EXPECT_EQ(failureOf(token + more), EBADMSG);
+  }
+
+  auto more = token;
+  more.replace(more.find(qx::sandboxExtensionRead), qx::sandboxExtensionRead.size(),
+               qx::sandboxExtensionReadWrite);
+  EXPECT_EQ(failureOf(more), EBADMSG);
+
+  // The code of one token on the content of another.
+  write(files / "folder/secret", "secret");
+  auto other = *issue(files / "folder/secret", qx::sandboxExtensionRead);
+  EXPECT_EQ(failureOf(other.substr(0, other.rfind(':')) + token.substr(token.rfind(':'))), EBADMSG);
+  EXPECT_TRUE(isRedeemed(token));
+}
+
 TEST_F(SandboxExtensionTest, ATokenDiesWithItsKey) {
   auto token = *issue(path);
   fs::rename(qx::Places::sandboxKey(), qx::Places::sandboxKey() + ".old");
