@@ -221,6 +221,21 @@ TEST(Caller, HearsOnceForEachCallInFlightThatTheConnectionIsLost) {
   }
 }
 
+TEST(Callee, AnswersOnceAndUnansweredCallsAreFree) {
+  Served served = Served::make();
+  served.peer.sendBytes(holdCall(1));
+  served.peer.sendBytes(holdCall(2));
+  ASSERT_TRUE(served.object->numbers.waitForCount(2));
+  auto held = served.object->takeHeld();
+  held[0](10);
+  held[0](11);
+  held.clear();
+  auto reply = served.peer.readMessage();
+  EXPECT_EQ(reply->id, 1);
+  EXPECT_EQ(reply->first, Value(10));
+  EXPECT_TRUE(echoes(served.peer));
+}
+
 TEST(Requests, AreNamedByTheirCallsAndFailAlone) {
   Served served = Served::make();
   auto interface = QXConduitInterface::interfaceWithProtocol<Trial>();

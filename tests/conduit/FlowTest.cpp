@@ -123,6 +123,16 @@ TEST(Flow, PastTheLimitOfWhatUnansweredCallsHoldNothingIsReadUntilSomeAreAnswere
   EXPECT_EQ(served.object->numbers.all()[8], limit + 1);
 }
 
+TEST(Flow, ThePeerOfAConnectionThatIsNotReadMayGo) {
+  Served served = Served::make();
+  for (std::int64_t i = 1; i <= limit; ++i) ASSERT_TRUE(served.peer.sendBytes(holdCall(i)));
+  fill(served.peer);
+  ASSERT_TRUE(served.object->numbers.waitForCount(static_cast<std::size_t>(limit)));
+  served.peer.close();
+  served.ended->wait();
+  EXPECT_TRUE(served.connection->isInvalid());
+}
+
 TEST(Flow, APeerThatDoesNotReadItsRepliesIsDisconnectedAtTheLimit) {
   LogCapture log;
   Served served = Served::make();

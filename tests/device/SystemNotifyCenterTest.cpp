@@ -63,6 +63,28 @@ TEST_F(SystemNotifyCenterTest, EveryPostingReachesTheObserversOfItsName) {
   }
 }
 
+TEST_F(SystemNotifyCenterTest, APostingIsToldOnceHoweverItsFileIsMade) {
+  fs::create_directories(qx::Places::notifications());
+  const auto file = qx::Places::notifications() + "/com.example.one";
+  const auto spare = qx::Places::root() + "/spare";
+  auto& told = observe("com.example.one");
+  auto& after = observe("com.example.two");
+  std::ofstream(spare) << "text";
+  for (int round = 0; round < 50; ++round) {
+    // Made with content, then deleted and linked anew; and another posting, behind which nothing of
+    // these can come any more.
+    std::ofstream(file) << "text";
+    EXPECT_TRUE(told.waitForCount(2 * round + 1));
+    fs::remove(file);
+    fs::create_hard_link(spare, file);
+    EXPECT_FALSE(SystemNotifyCenter::post("com.example.two"));
+    EXPECT_TRUE(after.waitForCount(round + 1));
+    EXPECT_TRUE(told.waitForCount(2 * round + 2));
+    EXPECT_EQ(told.all().size(), 2U * round + 2);
+    fs::remove(file);
+  }
+}
+
 TEST_F(SystemNotifyCenterTest, ASlowObserverHoldsUpNobodyElse) {
   std::promise<void> release;
   auto& isIn = *new Mailbox<int>;

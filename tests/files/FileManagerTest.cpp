@@ -93,6 +93,28 @@ TEST(ReplaceFileTest, AFailureLeavesTheOldFileAndNothingElse) {
   EXPECT_EQ(entryCount(directory.path()), 2u);
 }
 
+TEST(ReplaceFileTest, AKilledWriterLeavesNothing) {
+  TemporaryDirectory directory;
+  const std::string path = directory / "file";
+  ASSERT_EQ(FileManager::replaceFile(path, "old"), std::nullopt);
+  const FileDescriptor probe(
+      ::open(directory.path().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+  if (!probe) GTEST_SKIP() << "this file system has no files without names";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    (void)FileManager::replaceFile(path, [](const auto& append) {
+      append(std::string(1'000'000, 'x'));
+      ::kill(::getpid(), SIGKILL);
+    });
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(contentOf(path), "old");
+  EXPECT_EQ(entryCount(directory.path()), 1u);
+}
+
 TEST(FileManagerTest, DirectoriesAreMadeWithTheirParentsAndRemovedAsTrees) {
   TemporaryDirectory directory;
   EXPECT_EQ(FileManager::createDirectory(directory / "a/b//c/"), std::nullopt);

@@ -1,47 +1,12 @@
-// The registry of providers, with real extensions and a clock that the test moves.
-
-#include <gtest/gtest.h>
-
-#include <future>
 #include <thread>
 
-#include "platform/extension/ExtensionHost.h"
-#include "platform/queue/Clock.h"
-#include "providers/DSExtensionDocSource.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/SelfProvider.h"
-#include "tests/support/TemporaryRoot.h"
+#include "tests/providers/Fixture.h"
 
 namespace {
 
 using namespace qx::test;
 using qx::URL;
-
-class RegistryTest : public testing::Test {
- protected:
-  using Registry = DSExtensionDocSource;
-
-  RegistryTest() {
-    temporaryRoot();
-    qx::Clock::setCurrent(clock);
-    ds_default_log().setLowestLevel(qx::LogLevel::debug);
-  }
-  void TearDown() override { qx::ExtensionHost::shared().shutdown(); }
-
-  /// Begins discovery and waits for the first refresh.
-  static void begin() {
-    std::promise<void> called;
-    Registry::createInstancesCompletion([&] { called.set_value(); });
-    called.get_future().wait();
-  }
-  static std::string registered(const ProviderBundle& bundle, const std::string& identifier) {
-    return "[INFO] Registered doc source extension " + identifier + " for path " +
-           URL::fileURL(bundle.storage(), true).absoluteString();
-  }
-
-  static inline qx::ManualClock& clock = *new qx::ManualClock;
-  const LogCapture log;
-};
+using RegistryTest = ProvidersTest;
 
 TEST_F(RegistryTest, RegistersOneAfterTheOtherWhateverFails) {
   const ProviderBundle a("A"), b("B"), late("L");
@@ -89,6 +54,7 @@ TEST_F(RegistryTest, RegistersOneAfterTheOtherWhateverFails) {
   b.endSetup("ok");
   ASSERT_TRUE(called.waitFor("first"));
   ASSERT_TRUE(LogCapture::mailbox().waitFor(registered(late, "L")));
+  EXPECT_TRUE(events.waitFor("add L"));
 
   const auto lines = LogCapture::mailbox().all();
   const auto at = [&](const std::string& line) {
@@ -109,7 +75,7 @@ TEST_F(RegistryTest, OfTwoWithOneIdentifierTheLaterCountsAndBothAreRegistered) {
   begin();
   EXPECT_EQ(Registry::providersInfo().size(), 1U);
   EXPECT_EQ(Registry::providerWithIdentifier("A")->extension()->bundlePath(), two.path());
-  EXPECT_EQ(LogCapture::count(registered(two, "A")), 2U);
+  EXPECT_EQ(count(LogCapture::mailbox().all(), registered(two, "A")), 2);
 }
 
 TEST_F(RegistryTest, TheListingEndsAtTheFirstAbsentValue) {
@@ -123,6 +89,73 @@ TEST_F(RegistryTest, TheListingEndsAtTheFirstAbsentValue) {
       (qx::Dictionary{{"A", qx::Dictionary{{"documentStorageURL", URL::fileURL(a.storage(), true)},
                                            {"providerIdentifier", "A"}}},
                       {"B", qx::Dictionary{}}}));
+}
+
+TEST_F(RegistryTest, ACountThatLeavesNoAttemptIsAFailure) {
+  const ProviderBundle a("A");
+  a.install();
+  begin();
+  LogCapture::mailbox().take();
+  Mailbox<std::optional<qx::Error>> outcomes;
+  Registry::providerWithIdentifier("A")->registerWithFileCoordinatorRetryCount_completion(
+      0, [&](const auto& error) { outcomes.put(error); });
+  ASSERT_TRUE(outcomes.waitForCount(1));
+  EXPECT_EQ(outcomes.all().front(), DSPluginOperationFailedError());
+  EXPECT_EQ(log.count(""), 0U);
+}
+
+/// A has its directory, B has none yet, C will never have one.
+class URLResolutionTest : public ProvidersTest {
+ protected:
+  void SetUp() override {
+    ProvidersTest::SetUp();
+    a.install();
+    std::filesystem::create_directories(b.path() + "/no-storage");
+    b.install();
+    c.install(17);
+    begin();
+    LogCapture::mailbox().take();
+  }
+  struct Resolved {
+    std::string owner;
+    bool isExcluded;
+    std::vector<std::string> lines;
+  };
+  static Resolved resolve(const std::optional<URL>& url) {
+    LogCapture::mailbox().take();
+    bool isExcluded = !url;  // whatever was there is overwritten
+    const auto owner = Registry::providerForURL_outExcludedURL(url, &isExcluded);
+    auto lines = LogCapture::mailbox().take();
+    EXPECT_EQ(Registry::providerForURL(url), owner);
+    return {owner ? owner->identifier().value_or("") : "", isExcluded, lines};
+  }
+  const ProviderBundle a{"A"}, b{"B"}, c{"C"};
+};
+
+TEST_F(URLResolutionTest, FindsTheOwner) {
+  const std::vector<std::string> found{"[INFO] Resolved URL to provider A."};
+  std::filesystem::create_symlink("/tmp", a.storage() + "/out");
+  for (const char* name : {"x", "folder/deep/x y", "folder/../x"}) {
+    const auto resolved = resolve(a.url(name));
+    EXPECT_EQ(resolved.owner, "A") << name;
+    EXPECT_FALSE(resolved.isExcluded) << name;
+    EXPECT_EQ(resolved.lines, found) << name;
+  }
+  for (const char* name : {"../x", "out/x"}) {
+    EXPECT_EQ(resolve(a.url(name)).owner, "") << name;
+    EXPECT_FALSE(resolve(a.url(name)).isExcluded) << name;
+  }
+}
+
+TEST_F(URLResolutionTest, TheDirectoryItselfEndsTheWalk) {
+  for (const URL& url : {URL::fileURL(a.storage(), true), a.url("x/..")}) {
+    const auto resolved = resolve(url);
+    EXPECT_EQ(resolved.owner, "");
+    EXPECT_TRUE(resolved.isExcluded);
+    EXPECT_EQ(resolved.lines,
+              std::vector<std::string>{
+                  "[DEBUG] Ignoring URLs that exactly match the document container folder"});
+  }
 }
 
 }  // namespace

@@ -26,6 +26,20 @@ void drain(WorkQueue& queue) {
   drained.wait();
 }
 
+TEST(SerialQueue, RunsInOrderOfSubmissionWhateverTheKind) {
+  const auto queue = WorkQueue::serial("queue");
+  const auto held = std::make_shared<int>();
+  std::vector<int> order;
+  for (int i = 0; i < 3000; i += 3) {
+    queue->async([&order, i, held] { order.push_back(i); });
+    queue->barrierAsync([&order, i] { order.push_back(i + 1); });
+    EXPECT_EQ(queue->sync([&order, i] { return order.emplace_back(i + 2); }), i + 2);
+    EXPECT_EQ(held.use_count(), 1) << "what a task holds is gone when the next one runs";
+  }
+  EXPECT_EQ(order.size(), 3000U);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
 TEST(SerialQueue, SynchronousWorkRunsOnTheCallersThreadEvenWhenItHadToWait) {
   const auto queue = WorkQueue::serial("queue");
   Gate running;
@@ -65,6 +79,27 @@ TEST(ConcurrentQueue, ReadersRunInParallel) {
   for (int i = 0; i < 3; ++i) queue->async(meet);
   queue->sync(meet);
   drain(*queue);
+}
+
+TEST(ConcurrentQueue, BarriersKeepTheirPlace) {
+  const auto queue = WorkQueue::concurrent("queue");
+  Gate running;
+  Gate release;
+  queue->async([&] {
+    running.pass();
+    release.wait();
+  });
+  running.wait();
+  int value = 0;
+  std::atomic<int> sawOne{0};
+  queue->barrierAsync([&] { value = 1; });
+  for (int i = 0; i < 10; ++i) queue->async([&] { sawOne += value == 1 ? 1 : 0; });
+  queue->barrierAsync([&] { value = 2; });
+  // Behind two barriers, one of which waits for the reader in front.
+  std::jthread late([&] { EXPECT_EQ(queue->sync([&] { return value; }), 2); });
+  std::jthread releasing([&] { release.pass(); });
+  EXPECT_EQ(queue->sync([&] { return value; }), 2);
+  EXPECT_EQ(sawOne, 10);
 }
 
 TEST(Suspension, NestsAndKeepsEverythingBack) {

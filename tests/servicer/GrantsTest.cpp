@@ -67,6 +67,18 @@ TEST_F(Grants, AreRefusedWithAReason) {
   EXPECT_EQ(grants(), std::set<std::string>());
 }
 
+TEST_F(Grants, GiveTokensInTheDocumentsFolderAlone) {
+  const URL folder = URL::fileURL(a.storage(), true);
+  for (const char* name : {"x", ".x", "../x"}) put(a.url(name));
+  const auto hasSiblingToken = [&](const std::string& name) {
+    const auto answer = call(extendSandbox, {URL(folder.absoluteString() + name), "A", "C"});
+    return answer.at<Bytes>(3) != nullptr;
+  };
+  EXPECT_TRUE(hasSiblingToken("x") && hasSiblingToken("x/"));
+  // The same document, but "." in front of its name would make it "..", or miss the name.
+  for (const char* name : {".%2Fx", "%2Fx", "x?y/z"}) EXPECT_FALSE(hasSiblingToken(name)) << name;
+}
+
 TEST_F(Grants, OfABookmarkAreTheConsumersAlone) {
   const auto url = a.url("x");
   for (const char* name : {"x", "fail", "nameless"}) put(a.url(name));
