@@ -4,6 +4,7 @@
 #include "docsource/client.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <csignal>
@@ -32,7 +33,15 @@ class ClientTest : public testing::Test {
     ASSERT_TRUE(eventually([] { return Client(20s).wakeUp().ok(); }));
   }
   /// Until it is told to go on it takes calls and answers none.
-  void tell(int signal) const { ASSERT_EQ(::kill(daemon_->id(), signal), 0); }
+  void tell(int signal) const {
+    ASSERT_EQ(::kill(daemon_->id(), signal), 0);
+    // A signal may come late.
+    const auto id = static_cast<id_t>(daemon_->id());
+    siginfo_t info{};
+    if (signal == SIGSTOP) {
+      ASSERT_EQ(::waitid(P_PID, id, &info, WSTOPPED), 0);
+    }
+  }
 
   const std::string root_ = temporaryRoot();
   std::optional<Daemon> daemon_;
