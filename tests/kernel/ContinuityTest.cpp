@@ -77,6 +77,26 @@ TEST_P(ContinuityTest, ReadersWaitThroughTheDeathOfAWorkerAndGetTheirContent) {
   EXPECT_EQ(run(reader("read", item("awaited"))).line, "right");
 }
 
+TEST_P(ContinuityTest, AWorkerThatWaitsForAHolderThatHasFallenComesToItsEnd) {
+  add();
+  const pid_t working = worker();
+  ASSERT_EQ(kill(platformd_->id(), SIGSTOP), 0);
+  // It gives this a first block, and its own opening needs the holder's leave.
+  makePlaceholder(temporaryRoot() + "/new", 5000, Mark::named);
+  fs::rename(temporaryRoot() + "/new", item("new"));
+  const auto waitsForLeave = [&] {
+    for (const auto& each : fs::directory_iterator("/proc/" + std::to_string(working) + "/task")) {
+      if (readAll(each.path() / "wchan") == "fanotify_handle_event") return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(eventually(waitsForLeave));
+  EXPECT_EQ(platformd_->end(SIGKILL), -SIGKILL);
+  start();
+  ASSERT_TRUE(isWatched("com.example.source"));
+  EXPECT_EQ(run(reader("read", item("new"))).line, "right");
+}
+
 TEST_P(ContinuityTest, APlannedStopMakesPlaceholdersUnreadableAndAStartReadable) {
   const auto source = add();
   makePlaceholder(item("marked"), 1000);

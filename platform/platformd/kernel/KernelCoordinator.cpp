@@ -2,10 +2,13 @@
 
 #include "platform/platformd/kernel/KernelCoordinator.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <utility>
@@ -16,6 +19,7 @@
 #include "platform/files/Places.h"
 #include "platform/log/Log.h"
 #include "platform/platformd/kernel/Placeholder.h"
+#include "platform/queue/Thread.h"
 
 namespace qx::kernel {
 namespace {
@@ -133,6 +137,12 @@ void KernelCoordinator::start(std::function<void()> onStop) {
   });
   for (const auto& path : trees_.paths()) watch_->add(path);
   const auto self = shared_from_this();
+  auto alone = startThread("without-holder", [self] { self->answerWithoutHolder(); });
+  if (alone.joinable()) {
+    alone.detach();
+  } else {
+    allAnswered_.set_value();
+  }
   Input::begin(self, queue_, holder_.descriptor(), &KernelCoordinator::receive);
   Input::begin(self, queue_, changeGroup_.descriptor(), &KernelCoordinator::drainSome);
   if (const ChangeGroup* names = trees_.names()) {
@@ -146,9 +156,37 @@ void KernelCoordinator::start(std::function<void()> onStop) {
   });
 }
 
-/// Files are opened for it, which without a holder nobody answers.
-void KernelCoordinator::drain(bool all) {
-  if (!holder_.hasEnded()) changes_->drain(all);
+void KernelCoordinator::drain(bool all) { changes_->drain(all); }
+
+/// This process touches files itself, and asks itself then. When the holder, which lets it through,
+/// has fallen, whatever waits for that would wait for ever, and so would who waits for the end of
+/// this process: a holder that was started since. From then on this thread answers.
+void KernelCoordinator::answerWithoutHolder() {
+  std::array<pollfd, 2> ends{{{holder_.descriptor(), 0, 0}, {isOver_.get(), POLLIN, 0}}};
+  while (poll(ends.data(), ends.size(), -1) < 0 && errno == EINTR) {
+  }
+  if (!holder_.hasEnded()) return allAnswered_.set_value();
+  // Events are known by the numbers that the holder had for them.
+  const auto most = static_cast<int>(std::min<std::size_t>(raiseDescriptorLimit(), 1U << 20U));
+  for (int number = 0; number < most; ++number) accesses_.answer(number, EAGAIN);
+  // Those who go on come again; those who came before are among the first.
+  constexpr int mostRounds = 1000;
+  ends[0] = {accesses_.descriptor(), POLLIN, 0};
+  for (int rounds = 0; rounds < mostRounds;) {
+    if (poll(ends.data(), ends.size(), -1) < 0) continue;
+    const bool isOver = (ends[1].revents & POLLIN) != 0;
+    const auto events = accesses_.read();
+    if (isOver && (events.empty() || ++rounds == mostRounds)) break;
+    // What is content stays open to everybody. No file is opened here.
+    for (const auto& each : events) {
+      struct stat status {};
+      const bool isAbsent =
+          each.process != getpid() &&
+          (fstat(each.file.get(), &status) != 0 || Placeholder::isOne(each.file.get(), status));
+      accesses_.answer(each.file.get(), isAbsent ? EAGAIN : 0);
+    }
+  }
+  allAnswered_.set_value();
 }
 
 void KernelCoordinator::lookAtAll(std::optional<uid_t> user) {
@@ -282,26 +320,9 @@ void KernelCoordinator::stop() {
       const std::size_t concealed = trees_.conceal();
       DS_LOG("[NOTICE] Stopping; %d placeholders are unreadable until the next start.", concealed);
     }
-    if (!isWithoutHolder_) {
-      holder_.send({Message::Kind::stopped}, -1, true);
-      return;
-    }
-    constexpr int mostRounds = 1000;
-    // Nobody else is left to answer. Events are known by the numbers that the holder had for them.
-    const auto most = static_cast<int>(std::min<std::size_t>(raiseDescriptorLimit(), 1U << 20U));
-    for (int number = 0; number < most; ++number) accesses_.answer(number, EAGAIN);
-    // Those who go on come again; those who came before are among the first.
-    int rounds = mostRounds;
-    for (auto events = accesses_.read(); !events.empty() && rounds > 0; --rounds) {
-      // What is content stays open to everybody. No file is opened here: who would answer?
-      for (const auto& event : events) {
-        struct stat status {};
-        const bool isAbsent =
-            fstat(event.file.get(), &status) != 0 || Placeholder::isOne(event.file.get(), status);
-        accesses_.answer(event.file.get(), isAbsent ? EAGAIN : 0);
-      }
-      events = accesses_.read();
-    }
+    eventfd_write(isOver_.get(), 1);
+    allAnswered_.get_future().wait();
+    if (!isWithoutHolder_) holder_.send({Message::Kind::stopped}, -1, true);
   });
 }
 

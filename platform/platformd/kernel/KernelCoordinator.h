@@ -1,10 +1,12 @@
 #pragma once
 
+#include <sys/eventfd.h>
 #include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -67,6 +69,8 @@ class KernelCoordinator final : public DocSourceObserver,
   void lookAtAll(std::optional<uid_t> user);
   // Called on namesQueue_.
   void drainNames();
+  // Called on a thread of its own.
+  void answerWithoutHolder();
   // Called on the user's queue.
   void claim(const DocSource& source, const std::function<void()>& onWatched);
   void release(uid_t owner, const std::string& path);
@@ -81,6 +85,11 @@ class KernelCoordinator final : public DocSourceObserver,
   const std::shared_ptr<Programs> programs_ = Programs::start();
   GuardedTrees trees_;
   std::unique_ptr<TreeWatch> watch_;
+
+  /// Readable when this process has nothing left to do, and the future is there when nobody is left
+  /// who waits.
+  const FileDescriptor isOver_{eventfd(0, EFD_CLOEXEC)};
+  std::promise<void> allAnswered_;
 
   std::mutex mutex_;
   std::map<uid_t, std::shared_ptr<WorkQueue>> slowQueues_;  // under the mutex
