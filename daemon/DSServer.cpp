@@ -1,7 +1,9 @@
 #include "daemon/DSServer.h"
 
+#include <cstddef>
 #include <utility>
 
+#include "platform/base/FileDescriptor.h"
 #include "platform/device/KeyState.h"
 #include "platform/log/Log.h"
 #include "platform/notify/SystemNotifyCenter.h"
@@ -15,6 +17,8 @@ namespace {
 
 constexpr const char* firstUnlockNotification = "com.veltro.mobile.lockwardd.first_unlock";
 constexpr int unlockedLockState = 3;
+/// What connections may keep before those of sandboxed applications get no more.
+constexpr std::size_t mostBytesForSandboxes = 64U << 20U;
 
 }  // namespace
 
@@ -28,6 +32,10 @@ void DSServer::startCompletion(std::function<void()> completion) {
   grantsListenerDelegate_ = std::make_shared<DSGrantsListenerDelegate>();
   grantsListenerDelegate_->setServer(shared_from_this());
   grantsListener_->setDelegate(grantsListenerDelegate_);
+  // The rest is for the user's other programs, and for extensions.
+  const auto descriptors = qx::raiseDescriptorLimit() / 4;
+  listener_->boundSandboxes(descriptors, mostBytesForSandboxes);
+  grantsListener_->boundSandboxes(descriptors, mostBytesForSandboxes);
 
   qx::SystemNotifyCenter::addObserver(
       firstUnlockNotification, [] { DSExtensionDocSource::createInstancesCompletion(nullptr); });

@@ -30,9 +30,10 @@ FileDescriptor FileDescriptor::duplicate() const {
   return FileDescriptor(fd_ < 0 ? -1 : ::fcntl(fd_, F_DUPFD_CLOEXEC, 0));
 }
 
-void fillStandardDescriptors() {
-  // open(2) gives the lowest number that is free.
-  while (FileDescriptor file{::open("/dev/null", O_RDWR)}) {
+void fillStandardDescriptors(StandardDescriptors closed) {
+  // open(2) gives the lowest number that is free. O_PATH can be neither read nor written.
+  const int how = closed == StandardDescriptors::fail ? O_PATH : O_RDWR;
+  while (FileDescriptor file{::open("/dev/null", how)}) {
     if (file.get() > STDERR_FILENO) return;
     file.release();
   }

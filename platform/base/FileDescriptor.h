@@ -34,10 +34,14 @@ class FileDescriptor {
   int fd_ = -1;
 };
 
-/// Opens /dev/null where standard input, output or error is closed. Otherwise another file would
-/// get one of their numbers, and the log would be written into it. Called in main, before anything
-/// is opened.
-void fillStandardDescriptors();
+/// What comes of standard input, output or error that was closed: empty, or what a tool needs whose
+/// output somebody wants, reading and writing fail with EBADF as before.
+enum class StandardDescriptors { areEmpty, fail };
+
+/// Opens /dev/null where standard input, output or error is closed. Otherwise another file or a
+/// connection would get one of their numbers, and what is printed would be written into it. Called
+/// in main, before anything is opened.
+void fillStandardDescriptors(StandardDescriptors closed = StandardDescriptors::areEmpty);
 
 /// Raises the limit of descriptors as far as this process may, and returns it (getrlimit(2)): every
 /// client costs a descriptor, and a login gives only a thousand. Called in main, before other

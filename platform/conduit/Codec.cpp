@@ -593,7 +593,7 @@ bool decode(Decoder& from, SharedDescriptor& value) {
   auto item = from.next();
   if (!item || item->kind != Item::Kind::integer) return false;
   const SharedDescriptor* descriptor = from.descriptor(item->integer);
-  if (!descriptor) return false;
+  if (!descriptor || !*descriptor) return false;
   value = *descriptor;
   return true;
 }

@@ -11,8 +11,10 @@
 
 #include "platform/conduit/ConduitChannel.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -80,7 +82,17 @@ struct ControlBuffer {
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * maximumDescriptors)> bytes;
 };
 
-/// Takes every descriptor out of a received message, so that none is leaked.
+/// Whether it can be an end of a connection to this process, or hold one: kept with a frame that
+/// never becomes complete, it would keep that connection, and itself, for ever. What has no type is
+/// an anonymous inode, such as an io_uring with files of its own.
+bool mayHoldConnections(int descriptor) {
+  struct stat status;
+  return ::fstat(descriptor, &status) != 0 || S_ISSOCK(status.st_mode) ||
+         (status.st_mode & S_IFMT) == 0;
+}
+
+/// Takes every descriptor out of a received message, so that none is leaked. Null stands for what
+/// does not travel.
 std::vector<SharedDescriptor> takeDescriptors(msghdr& message) {
   std::vector<SharedDescriptor> descriptors;
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
@@ -89,7 +101,8 @@ std::vector<SharedDescriptor> takeDescriptors(msghdr& message) {
     for (std::size_t i = 0; i < count; ++i) {
       int fd = -1;
       std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
-      descriptors.push_back(std::make_shared<const FileDescriptor>(fd));
+      auto taken = std::make_shared<const FileDescriptor>(fd);
+      descriptors.push_back(mayHoldConnections(fd) ? nullptr : std::move(taken));
     }
   }
   return descriptors;
@@ -192,8 +205,10 @@ void ConduitChannel::ready(std::uint32_t events) {
     over = !flushLocked();
     const bool hungUp = (events & (EPOLLHUP | EPOLLERR)) != 0;
     // Nobody reads a paused connection, so nobody else would notice that its peer is gone.
-    if (paused_ && hungUp) over = true;
-    if (!over && (reading_ || paused_)) {
+    if ((paused_ || inputEnded_) && hungUp) over = true;
+    if (inputEnded_ && unanswered_ == 0 && output_.empty()) over = true;
+    if (inputEnded_) kicked_ = false;
+    if (!over && (reading_ || paused_ || inputEnded_)) {
       if (!hungUp) armLocked();
       return;
     }
@@ -261,7 +276,7 @@ ConduitChannel::Progress ConduitChannel::readSome() {
     return errno == EAGAIN || errno == EWOULDBLOCK ? Progress::wait : Progress::over;
   }
   auto descriptors = takeDescriptors(message);
-  if (count == 0) return Progress::over;
+  if (count == 0) return waitsForAnswers() ? Progress::wait : Progress::over;
   const auto received = static_cast<std::size_t>(count);
   if ((message.msg_flags & MSG_CTRUNC) != 0) {
     refuse("too many descriptors with a frame");
@@ -306,6 +321,18 @@ ConduitChannel::Progress ConduitChannel::readSome() {
   // The reactor tells when there is more. A long frame is gone on with.
   return wanted > turnSize && received == wanted && !input_.empty() ? Progress::again
                                                                     : Progress::wait;
+}
+
+/// At the end of the input: whether the peer only stopped sending (shutdown(2)) and waits for
+/// answers. Whoever is called by us cannot answer any more, and so is gone.
+bool ConduitChannel::waitsForAnswers() {
+  pollfd state{socket_.get(), 0, 0};
+  const bool isThere = ::poll(&state, 1, 0) == 0;
+  std::lock_guard lock(mutex_);
+  inputEnded_ = isThere && calls_.empty() && (unanswered_ > 0 || !output_.empty());
+  // What was waited for may end while this thread still reads: one more look.
+  kicked_ = inputEnded_;
+  return inputEnded_;
 }
 
 std::optional<std::size_t> ConduitChannel::handleFrames(std::span<const std::uint8_t> bytes) {
@@ -452,10 +479,10 @@ void ConduitChannel::callEnded(std::size_t size) {
   std::lock_guard lock(mutex_);
   --unanswered_;
   unansweredSize_ -= size;
-  if (!paused_ || closed_) return;
+  if (closed_ || (!paused_ && !inputEnded_)) return;
   paused_ = false;
-  // Frames may wait in our own buffer, of which the kernel knows nothing: being writable wakes the
-  // reactor at once.
+  // Frames may wait in our own buffer, of which the kernel knows nothing, or this was the last
+  // answer that the peer waited for: being writable wakes the reactor at once.
   kicked_ = true;
   armLocked();
 }
@@ -535,10 +562,11 @@ bool ConduitChannel::flushLocked() {
 void ConduitChannel::armLocked() {
   if (source_ == 0) return;
   std::uint32_t events = 0;
-  if (!reading_ && !paused_) events |= EPOLLIN;
+  if (!reading_ && !paused_ && !inputEnded_) events |= EPOLLIN;
   if (full_ || (kicked_ && !reading_)) events |= EPOLLOUT;
   // A connection that is not read is armed all the same: its peer's end is always reported.
-  if (events != 0 || (paused_ && !reading_)) Reactor::shared().arm(source_, socket_.get(), events);
+  if (events != 0 || ((paused_ || inputEnded_) && !reading_))
+    Reactor::shared().arm(source_, socket_.get(), events);
 }
 
 // Calls of ours.
@@ -568,7 +596,7 @@ void ConduitChannel::sendCall(std::uint64_t id, Encoder message, const std::opti
     refusal = conduitError(ConduitErrorCode::tooLarge, "The call does not fit in a frame.");
   } else {
     std::lock_guard lock(mutex_);
-    if (closed_ || (request && !openRequests_.contains(*request))) {
+    if (closed_ || inputEnded_ || (request && !openRequests_.contains(*request))) {
       refusal = connectionLost();
     } else {
       calls_.emplace(id, PendingCall{std::move(onReply), onError, request});

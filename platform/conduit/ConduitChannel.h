@@ -134,6 +134,7 @@ class ConduitChannel final : public ReactorHandler,
   enum class Progress { again, wait, over };
 
   Progress readSome();
+  bool waitsForAnswers();
   bool mayKeepLocked();
   /// Handles the complete frames in the bytes and returns how many bytes they were; absent when the
   /// channel has ended.
@@ -164,6 +165,7 @@ class ConduitChannel final : public ReactorHandler,
   bool reading_ = false;
   bool paused_ = false;
   bool kicked_ = false;
+  bool inputEnded_ = false;  // the peer sends nothing any more, and reads
   std::size_t unanswered_ = 0;
   std::size_t unansweredSize_ = 0;
   std::uint64_t lastCallID_ = 0;

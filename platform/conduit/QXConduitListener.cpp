@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <mutex>
@@ -11,9 +12,57 @@
 #include <utility>
 
 #include "platform/conduit/ServiceSocket.h"
+#include "platform/identity/AuditToken.h"
+#include "platform/identity/ProcessDirectory.h"
 #include "platform/log/Log.h"
 #include "platform/queue/Clock.h"
 #include "platform/queue/Reactor.h"
+
+namespace {
+
+/// What the connections of a process hold, and from where on those of sandboxes get no more.
+struct Room {
+  const std::size_t mostDescriptors;
+  const std::size_t mostBytes;
+  std::atomic<std::size_t> descriptors = 0;
+  std::atomic<std::size_t> bytes = 0;
+};
+
+/// The part of one connection. Its peer is looked at only when there is little room.
+class Share {
+ public:
+  Share(Room& room, const qx::AuditToken& peer) : room_(room), peer_(peer) { take({0, 0}); }
+  ~Share() {
+    room_.descriptors -= held_.descriptors;
+    room_.bytes -= held_.bytes;
+  }
+  Share(const Share&) = delete;
+  Share& operator=(const Share&) = delete;
+
+  bool mayKeep(const qx::conduit::ConduitChannel::Kept& kept) {
+    take(kept);
+    return fits();
+  }
+  bool fits() const {
+    if (room_.descriptors <= room_.mostDescriptors && room_.bytes <= room_.mostBytes) return true;
+    const auto process = qx::ProcessDirectory::open(peer_);
+    return process && process->isOutsideOfSandboxes();
+  }
+
+ private:
+  void take(qx::conduit::ConduitChannel::Kept kept) {
+    ++kept.descriptors;  // the connection itself
+    room_.descriptors += kept.descriptors - held_.descriptors;
+    room_.bytes += kept.bytes - held_.bytes;
+    held_ = kept;
+  }
+
+  Room& room_;
+  const qx::AuditToken peer_;
+  qx::conduit::ConduitChannel::Kept held_;
+};
+
+}  // namespace
 
 /// What the reactor and the connections hold of a listener.
 class QXConduitListener::State final : public qx::ReactorHandler,
@@ -32,6 +81,11 @@ class QXConduitListener::State final : public qx::ReactorHandler,
   void setDelegate(const std::shared_ptr<QXConduitListenerDelegate>& delegate) {
     std::lock_guard lock(mutex_);
     delegate_ = delegate;
+  }
+
+  void boundSandboxes(std::size_t descriptors, std::size_t bytes) {
+    static Room& room = *new Room{descriptors, bytes};
+    room_ = &room;
   }
 
   void resume() {
@@ -91,6 +145,15 @@ class QXConduitListener::State final : public qx::ReactorHandler,
     std::shared_ptr<QXConduitListenerDelegate> delegate;
     std::lock_guard accepting(acceptMutex_);
     auto connection = QXConduitConnection::overSocket(std::move(socket));
+    if (room_) {
+      auto share = std::make_shared<Share>(*room_, connection->auditToken());
+      if (!share->fits()) {
+        DS_LOG("[INFO] Dropping a connection of PID %d: sandboxes have too much.",
+               connection->processIdentifier());
+        return connection;
+      }
+      connection->setAllowance([share](const auto& kept) { return share->mayKeep(kept); });
+    }
     connection->forget_ = [self = weak_from_this(), ended = std::weak_ptr(connection)] {
       if (auto state = self.lock()) state->forget(ended.lock());
     };
@@ -115,6 +178,7 @@ class QXConduitListener::State final : public qx::ReactorHandler,
   QXConduitListener* const listener_;
   const std::string serviceName_;
   qx::ListeningSocket socket_;
+  Room* room_ = nullptr;  // set before resume()
   std::mutex acceptMutex_;
   std::mutex mutex_;
   // Under the mutex.
@@ -131,6 +195,10 @@ QXConduitListener::~QXConduitListener() { state_->stop(); }
 
 void QXConduitListener::setDelegate(const std::shared_ptr<QXConduitListenerDelegate>& delegate) {
   state_->setDelegate(delegate);
+}
+
+void QXConduitListener::boundSandboxes(std::size_t descriptors, std::size_t bytes) {
+  state_->boundSandboxes(descriptors, bytes);
 }
 
 void QXConduitListener::resume() { state_->resume(); }

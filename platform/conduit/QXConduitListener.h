@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -30,6 +31,11 @@ class QXConduitListener {
 
   /// Held weakly. Call this before resume().
   void setDelegate(const std::shared_ptr<QXConduitListenerDelegate>& delegate);
+
+  /// For a service of one user, called before resume(): once the connections of all listeners that
+  /// are bounded so have this many descriptors and bytes together, what comes from a sandbox gets
+  /// no more. The first call decides how many. So an application leaves room for the others.
+  void boundSandboxes(std::size_t descriptors, std::size_t bytes);
 
   /// Begins to accept, and tells the service manager that the service is ready (sd_notify(3)).
   void resume();

@@ -46,6 +46,9 @@ class ServicePeer : public std::enable_shared_from_this<ServicePeer> {
       : process_(process), user_(std::move(user)), account_(std::move(account)) {}
 
  private:
+  /// Charges the account, for an application in a sandbox only as far as half of it is left to the
+  /// user's other programs. Empty past the bound.
+  UserAccount::Charge charge(UserAccount::Kind kind, std::size_t amount = 1) const;
   bool mayKeep(const qx::conduit::ConduitChannel::Kept& kept);
 
   const qx::AuditToken process_;

@@ -33,6 +33,8 @@ UserAccount::Charge UserAccount::charge(Kind kind, std::size_t amount) {
   return {shared_from_this(), kind, amount};
 }
 
+bool UserAccount::isHalfUsed(Kind kind) const { return all_->isHalfUsed(*this, kind); }
+
 qx::Error UserAccount::exhausted() {
   return qx::posixError(EAGAIN, "There is too much under way for this user");
 }
@@ -125,4 +127,10 @@ void UserAccounts::giveBack(UserAccount& account, UserAccount::Kind kind, std::s
   const std::lock_guard lock(mutex_);
   account.used_[static_cast<std::size_t>(kind)] -= amount;
   if (kind == UserAccount::Kind::descriptor) descriptorsUsed_ -= amount;
+}
+
+bool UserAccounts::isHalfUsed(const UserAccount& account, UserAccount::Kind kind) {
+  const auto place = static_cast<std::size_t>(kind);
+  const std::lock_guard lock(mutex_);
+  return account.used_[place] > most_[place] / 2;
 }

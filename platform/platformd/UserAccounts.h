@@ -54,6 +54,8 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
 
   /// Empty past the bound: the user gets EAGAIN.
   Charge charge(Kind kind, std::size_t amount = 1);
+  /// Whether less than half of what the user may have of it is left.
+  bool isHalfUsed(Kind kind) const;
   /// The error of that bound.
   static qx::Error exhausted();
 
@@ -100,6 +102,7 @@ class UserAccounts : public std::enable_shared_from_this<UserAccounts> {
 
   bool take(UserAccount& account, UserAccount::Kind kind, std::size_t amount);
   void giveBack(UserAccount& account, UserAccount::Kind kind, std::size_t amount);
+  bool isHalfUsed(const UserAccount& account, UserAccount::Kind kind);
 
   const std::size_t descriptors_;
   std::array<std::size_t, UserAccount::kinds> most_;  // for one user

@@ -133,6 +133,28 @@ TEST(Flow, ThePeerOfAConnectionThatIsNotReadMayGo) {
   EXPECT_TRUE(served.connection->isInvalid());
 }
 
+TEST(Flow, APeerThatOnlyStopsSendingGetsItsAnswersAndThenTheEnd) {
+  for (int round = 0; round < 20; ++round) {
+    const bool waits = round % 2 == 0;
+    Served served = Served::make();
+    for (std::int64_t i = 1; i <= 2; ++i) ASSERT_TRUE(served.peer.sendBytes(holdCall(i)));
+    ASSERT_EQ(::shutdown(served.peer.socket(), SHUT_WR), 0);
+    ASSERT_TRUE(served.object->numbers.waitForCount(2));
+    auto held = served.object->takeHeld();
+    held[1](2);
+    EXPECT_EQ(served.peer.readMessage()->id, 2);
+    if (waits) {
+      held[0](1);
+      held.clear();
+      EXPECT_EQ(served.peer.readMessage()->id, 1);
+      EXPECT_TRUE(served.peer.isClosedByPeer());
+    } else {
+      served.peer.close();
+    }
+    served.ended->wait();
+  }
+}
+
 TEST(Flow, APeerThatDoesNotReadItsRepliesIsDisconnectedAtTheLimit) {
   LogCapture log;
   Served served = Served::make();
@@ -299,6 +321,19 @@ TEST(Descriptors, ThatAreTooManyOrBelongNowhereCostTheConnectionAndDoNotStay) {
     served.connection.reset();
     EXPECT_TRUE(witness.isClosedEverywhere());
   }
+}
+
+TEST(Descriptors, OfConnectionsDoNotKeepTheseAlive) {
+  Served served = Served::make();
+  served.peer.sendBytes(takeCall(1, 1), {served.peer.socket()});
+  auto failure = served.peer.readMessage();
+  ASSERT_TRUE(failure && failure->error);
+  EXPECT_EQ(failure->error->code(), 2);
+  // A frame that is never complete, with the far end itself.
+  const auto frame = takeCall(2, 1);
+  served.peer.sendBytes(std::span(frame).first(8), {served.peer.socket()});
+  served.peer.close();
+  served.ended->wait();
 }
 
 TEST(Descriptors, StayWithALargeFrameOverManyReads) {

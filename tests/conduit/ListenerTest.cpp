@@ -1,9 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -181,6 +184,55 @@ TEST_F(Listener, ForgetsAConnectionThatEndsAndEndsThoseThatItHas) {
   TrialListener again(service);
   again.listener.resume();
   EXPECT_TRUE(callsThrough(service));
+}
+
+/// In a user namespace of its own: how many connections are served before one is not. Then one of
+/// them keeps too many bytes, and 0 says that it was not closed for that.
+int servedInASandbox() {
+  std::vector<RawPeer> held;
+  for (held.push_back(connected()); echoes(held.back()); held.push_back(connected())) {
+  }
+  held.pop_back();
+  const auto frame = echoCall(1, std::string(2U << 20U, 'x'));
+  held.front().sendBytes(std::span(frame).first(frame.size() - 1));
+  return held.front().isClosedByPeer() ? static_cast<int>(held.size()) : 0;
+}
+
+TEST_F(Listener, LeavesRoomForOthersThanSandboxes) {
+  constexpr int most = 20;
+  auto [near, far] = socketPair();
+  const pid_t child = fork();
+  if (child == 0) {
+    near.reset();
+    const char isThere = unshare(CLONE_NEWUSER) == 0 ? 'y' : 'n';
+    char go = 0;
+    const bool goes = write(far.get(), &isThere, 1) == 1 && read(far.get(), &go, 1) == 1;
+    _exit(goes && write(far.get(), &(go = static_cast<char>(servedInASandbox())), 1) == 1 &&
+                  read(far.get(), &go, 1) == 1
+              ? 0
+              : 1);
+  }
+  ASSERT_GT(child, 0);
+  char answer = 0;
+  ASSERT_EQ(read(near.get(), &answer, 1), 1);
+  if (answer == 'y') {
+    TrialListener trial(service);
+    trial.listener.boundSandboxes(most, 1U << 20U);
+    trial.listener.resume();
+    ASSERT_EQ(write(near.get(), &answer, 1), 1);
+    ASSERT_EQ(read(near.get(), &answer, 1), 1);
+    EXPECT_EQ(answer, most);
+    std::vector<RawPeer> others;
+    for (int i = 0; i < most; ++i) {
+      others.push_back(connected());
+      EXPECT_TRUE(echoes(others.back()));
+    }
+    ASSERT_EQ(write(near.get(), &answer, 1), 1);
+  } else {
+    near.reset();
+  }
+  waitpid(child, nullptr, 0);
+  if (answer == 'n') GTEST_SKIP() << "needs a user namespace";
 }
 
 TEST_F(Listener, TakesTheSocketOfTheServiceManager) {

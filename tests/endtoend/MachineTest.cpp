@@ -1,13 +1,16 @@
 // A machine with several users and one platformd: what each gets, and what none can do to another.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
+#include <vector>
 
 #include "platform/base/Errors.h"
+#include "platform/base/FileDescriptor.h"
 #include "platform/base/Text.h"
 #include "platform/files/FileManager.h"
 #include "platform/sandbox/EncodedPath.h"
@@ -279,6 +282,55 @@ TEST_F(MachineTest, WhatRootRunsIsRootsAlone) {
     struct stat status;
     ASSERT_EQ(lstat(entry.path().c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, alice().number()) << entry.path();
+  }
+}
+
+TEST_F(MachineTest, ASandboxedApplicationLeavesRoomForItsUser) {
+  alice().start();
+  auto ends = socketPair();
+  FileDescriptor here = std::move(ends.first), there = std::move(ends.second);
+  const pid_t application = fork();
+  if (application == 0) {
+    here.reset();
+    _exit(alice().run([&] {
+      std::vector<Wire> held;
+      char state = unshare(CLONE_NEWUSER) == 0 ? 'y' : 'n';
+      const auto isServed = [&] {
+        held.push_back(connectTo(coordinationService));
+        return held.back().call(coordinateReading, {URL::fileURL("/")}).outcome() == "success";
+      };
+      raiseDescriptorLimit();
+      while (state == 'y' && isServed()) {
+      }
+      const bool isTold = write(there.get(), &state, 1) == 1;
+      return isTold && read(there.get(), &state, 1) == 0 ? 0 : 1;
+    }));
+  }
+  ASSERT_GT(application, 0);
+  there.reset();
+  char state = 0;
+  ASSERT_EQ(read(here.get(), &state, 1), 1);
+  EXPECT_TRUE(state == 'n' || alice().reads("letter"));
+  here.reset();
+  int status = 0;
+  ASSERT_EQ(waitpid(application, &status, 0), application);
+  EXPECT_EQ(status, 0);
+  if (state == 'n') GTEST_SKIP() << "needs a user namespace";
+}
+
+TEST_F(MachineTest, WhatRootLocksIsLockedForAll) {
+  for (const bool lock : {true, false}) {
+    ChildProcess root({"env", "DOCSOURCE_MACHINE=" + machine_.path(),
+                       "DOCSOURCE_ROOT=" + (machine_ / "roots-root"), "sh", "-c",
+                       "umask 077 && exec \"$@\" > /dev/null", "sh", builtProgram("docsource"),
+                       "device", lock ? "lock" : "unlock"});
+    ASSERT_EQ(root.wait(), 0);
+    const auto seen = alice().output({"env", "DOCSOURCE_MACHINE=" + machine_.path(),
+                                      "DOCSOURCE_ROOT=" + alice().root(), builtProgram("docsource"),
+                                      "device", "status"});
+    EXPECT_TRUE(seen.starts_with(lock ? "locked (lock state 0), unlocked since boot\n"
+                                      : "unlocked (lock state 3), unlocked since boot\n"))
+        << seen;
   }
 }
 
