@@ -82,6 +82,8 @@ struct Answer {
   std::string url;
 
   bool succeeded() const { return status >= 200 && status < 300; }
+  /// Whether the server could not do what it would do at another time (RFC 9110, 15.6).
+  bool isOutOfOrder() const { return status >= 500 && status != 501; }
   std::optional<std::string_view> header(std::string_view name) const;
   /// A header that is a date, in seconds since 1970 (RFC 9110, 5.6.7).
   std::optional<std::int64_t> date(std::string_view name) const;

@@ -653,7 +653,10 @@ Result<std::string> S3Remote::mark(bool create) {
     const auto answer = send(get);
     if (!answer) return answer.error();
     if (answer->succeeded()) {
-      if (!answer->text.starts_with(markForm)) return strange("", "its mark is something else");
+      // Not one that was damaged on its way: the account is known by it for good.
+      const bool isMark = answer->text.starts_with(markForm) &&
+                          qx::UUID::parse(std::string_view(answer->text).substr(markForm.size()));
+      if (!isMark) return strange("", "its mark is something else");
       return "mark:" + answer->text;
     }
     const auto error = refusal(*answer, std::string(markName));
@@ -667,13 +670,14 @@ Result<std::string> S3Remote::mark(bool create) {
     if (!create || isNew) return address;
     const auto text = std::string(markForm) + qx::UUID::random().text();
     Call put{"PUT", key, {}, {{"if-none-match", "*"}}, text};
-    const auto left = send(put);
-    if (!left) return left.error();
-    if (left->status == 501) {
+    auto left = send(put);
+    if (left && left->status == 501) {
       put.headers.clear();
-      const auto again = send(put);
-      if (!again) return again.error();
+      left = send(put);
     }
+    if (!left) return left.error();
+    // Somebody else leaves one as soon as the store is in order again, or does so now (409).
+    if (left->isOutOfOrder() || left->status == 409) return refusal(*left, std::string(markName));
   }
 }
 

@@ -26,6 +26,7 @@
 #include "extensions/http/Settings.h"
 #include "extensions/webdav/MultiStatus.h"
 #include "extensions/webdav/Servers.h"
+#include "platform/base/Text.h"
 
 namespace docsource::webdav {
 
@@ -520,10 +521,12 @@ Result<std::string> WebDAVRemote::mark(const Place& place, bool create) {
     const auto answer = session_.perform(request);
     if (!answer) return answer.error();
     if (answer->succeeded()) {
-      if (!answer->text.starts_with(form) || answer->text.size() != form.size() + 33) {
-        return strange(path, "it is not the mark that was left");
-      }
-      return "mark:" + answer->text.substr(form.size(), 32);
+      // Not one that was damaged on its way: the account is known by it for good.
+      const auto hex = answer->text.substr(std::min(form.size(), answer->text.size()), 32);
+      const bool isMark =
+          answer->text == std::string(form) + hex + "\n" && hex.size() == 32 && qx::hexDecode(hex);
+      if (!isMark) return strange(path, "it is not the mark that was left");
+      return "mark:" + hex;
     }
     // Some servers are told to hide names that begin with a dot.
     const bool isHidden = answer->status == 403;
@@ -535,7 +538,8 @@ Result<std::string> WebDAVRemote::mark(const Place& place, bool create) {
     const auto left = session_.perform(put);
     if (!left) return left.error();
     if (!left->succeeded() && left->status != 412) {
-      if (left->status == 507) return refusal(*left, path);
+      // Somebody else leaves one as soon as the server is in order again.
+      if (left->isOutOfOrder()) return refusal(*left, path);
       return address;
     }
   }

@@ -15,6 +15,8 @@ struct Kind {
   /// Over what `base` stands for: twice the same for the same one. Null when there is no such
   /// server.
   std::function<std::unique_ptr<Remote>(const std::string& base)> make;
+  /// The one behind a proxy; null for others.
+  Server* (*server)() = nullptr;
 };
 
 class Text final : public RemoteSource {
@@ -175,6 +177,35 @@ TEST_P(RemoteTest, IsKnownAgainAndTellsWhatHasChanged) {
               std::find(told->items.begin(), told->items.end(), "new") != told->items.end());
 }
 
+/// Whatever answer is an error or is damaged at the first use: an account is never known by
+/// anything but what it is known by later.
+TEST_P(RemoteTest, IsKnownByWhatLastsOrNotYet) {
+  if (!GetParam().server) GTEST_SKIP() << "nothing stands before it";
+  Server& server = *GetParam().server();
+  constexpr int requests = 10;
+  for (int at = 0; at < requests; ++at) {
+    const auto base = scratch_ / std::to_string(at);
+    fs::create_directories(base);
+    std::string faults;
+    for (int i = 0; i < at; ++i) faults += "null,";
+    server.tell(R"({"faults": [)" + faults + "500]}");
+    const auto first = server.documents(base, false);
+    const auto noted = first->identity(true);
+    server.tell(R"({"faults": []})");
+    const auto now = first->identity(true);
+    const auto other = server.documents(base, true)->identity(true);
+    ASSERT_TRUE(now && other) << at;
+    EXPECT_EQ(*now, *other) << at;
+    EXPECT_EQ(noted ? *noted : *now, *now) << at;
+    const auto mark = server.files() + base + "/.docsource-mark";
+    if (!fs::exists(mark)) continue;
+    auto text = docsource::test::read(mark);
+    text[text.size() / 2] = '\0';
+    docsource::test::write(mark, text);
+    EXPECT_EQ(problem(first->identity(false)), RemoteProblem::unreachable);
+  }
+}
+
 /// Behind a proxy that is slow, and has no time for every third request.
 std::unique_ptr<Remote> behindAProxy(Server& server, const std::string& base) {
   if (!server.runs()) return nullptr;
@@ -184,31 +215,34 @@ std::unique_ptr<Remote> behindAProxy(Server& server, const std::string& base) {
   return server.documents(base, false);
 }
 
-const Kind kinds[] = {{"Folder", [](const std::string& base) { return makeFolderRemote(base); }},
-                      {"WebDAV",
-                       [](const std::string& base) {
-                         static const Server server("rclone");
-                         return server.documents(base, true);
-                       }},
-                      {"WebDAVBehindAProxy",
-                       [](const std::string& base) {
-                         static Server server("lighttpd");
-                         return behindAProxy(server, base);
-                       }},
-                      {"S3BehindAProxy",
-                       [](const std::string& base) {
-                         static Server server("moto");
-                         return behindAProxy(server, base);
-                       }},
-                      {"S3Moto",
-                       [](const std::string& base) {
-                         static const Server server("moto");
-                         return server.documents(base, true);
-                       }},
-                      {"S3rver", [](const std::string& base) {
-                         static const Server server("s3rver");
-                         return server.documents(base, true);
-                       }}};
+Server* lighttpd() {
+  static Server server("lighttpd");
+  return &server;
+}
+Server* moto() {
+  static Server server("moto");
+  return &server;
+}
+
+const Kind kinds[] = {
+    {"Folder", [](const std::string& base) { return makeFolderRemote(base); }},
+    {"WebDAV",
+     [](const std::string& base) {
+       static const Server server("rclone");
+       return server.documents(base, true);
+     }},
+    {"WebDAVBehindAProxy", [](const std::string& base) { return behindAProxy(*lighttpd(), base); },
+     lighttpd},
+    {"S3BehindAProxy", [](const std::string& base) { return behindAProxy(*moto(), base); }, moto},
+    {"S3Moto",
+     [](const std::string& base) {
+       static const Server server("moto");
+       return server.documents(base, true);
+     }},
+    {"S3rver", [](const std::string& base) {
+       static const Server server("s3rver");
+       return server.documents(base, true);
+     }}};
 
 INSTANTIATE_TEST_SUITE_P(Remotes, RemoteTest, testing::ValuesIn(kinds),
                          [](const auto& kind) { return kind.param.name; });

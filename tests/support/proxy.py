@@ -94,6 +94,7 @@ def serve(client, port):
                 time.sleep(settings["delay"])
                 with lock:
                     fault = settings["faults"].pop(0) if settings["faults"] else None
+                damage[0] = None  # what went beyond the end of the last answer
                 if fault == "reset":
                     return reset(client)
                 if isinstance(fault, int):
