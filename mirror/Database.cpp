@@ -139,6 +139,7 @@ Database::Transaction::~Transaction() {
   if (isOpen_) database_.isBroken_ = true;
   if (isOpen_ && database_.depth_ == 0 && sqlite3_get_autocommit(database_.handle_) == 0) {
     sqlite3_exec(database_.handle_, "ROLLBACK", nullptr, nullptr, nullptr);
+    ++database_.undone_;
   }
   restore();
 }

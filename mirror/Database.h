@@ -80,6 +80,9 @@ class Database {
   /// When it returns, everything that was committed is on disk.
   void sync();
 
+  /// How many transactions were not committed.
+  std::uint64_t undone() const { return undone_; }
+
   /// Everything until its end happens together, by commit(), or not at all. Inner ones belong to
   /// the outermost, which says when they have to be on disk.
   class Transaction {
@@ -105,6 +108,7 @@ class Database {
   sqlite3* handle_ = nullptr;
   std::unordered_multimap<std::string, sqlite3_stmt*> idle_;
   int depth_ = 0;
+  std::uint64_t undone_ = 0;
   bool isBroken_ = false;
   /// Something was committed that is not on disk yet.
   bool isBehind_ = false;

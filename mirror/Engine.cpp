@@ -215,7 +215,7 @@ bool Engine::step() {
     if (std::exchange(shallTryAgain_, false)) troubleUntil_ = 0;
     if (now() >= lookHereAt_) {
       constexpr std::int64_t many = 10'000;
-      const auto times = 1 + items_->count("1") / many;
+      const auto times = 1 + items_->count() / many;
       if (lookHereAt_ != 0) here_.directories.emplace_back(rootItem, true);
       lookHereAt_ = now() + times * options_.lookThroughHere.count();
     }
@@ -544,13 +544,15 @@ MirrorHealth Engine::health() {
     constexpr const char* removal =
         "agreedKind IS NOT NULL AND (hereKind IS NULL OR thereKind IS NULL) AND ";
     countRemovals();
-    health.items = count("number<>1");
-    health.waiting = count(
-        "due IS NOT NULL AND ((hereKind IS NOT NULL AND (herePlaceholder IS NULL OR "
-        "herePlaceholder=0)"
-        " AND hereKind<>3 AND (agreedKind IS NULL OR thereKind IS NULL OR hereVersion IS NOT"
-        " agreedHere AND hereKind=1 OR hereName<>thereName OR hereParent<>thereParent))"
-        " OR (hereKind IS NULL AND agreedKind IS NOT NULL))");
+    health.items = static_cast<std::uint64_t>(items_->count() - 1);
+    // Each by its index, and not by what is due, which is everything at first.
+    health.waiting =
+        count(
+            "due IS NOT NULL AND hereKind IS NOT NULL AND (herePlaceholder IS NULL OR"
+            " herePlaceholder=0) AND hereKind<>3 AND (agreedKind IS NULL OR thereKind IS NULL OR"
+            " hereVersion IS NOT agreedHere AND hereKind=1 OR hereName<>thereName OR"
+            " hereParent<>thereParent)") +
+        count((std::string(removal) + "hereKind IS NULL AND +due IS NOT NULL").c_str());
     health.failed = count("reason IS NOT NULL");
     if (areHeldThere_) {
       health.removalsHere = count((std::string(removal) + "thereKind IS NULL").c_str());

@@ -146,7 +146,7 @@ class Engine {
   std::unordered_map<std::string, std::pair<ItemNumber, Node>> entriesOf(Side side,
                                                                          ItemNumber directory);
   Result<void> lookThere(Lock& lock, ItemNumber directory, const std::string& name);
-  void note(Side side, Node node, bool recursive);
+  std::optional<ItemNumber> note(Side side, Node node, bool recursive);
   bool noteAsBefore(Side side, const std::pair<ItemNumber, Node>& known, const Node& node,
                     bool recursive);
   void noteGone(Side side, const Place& place);
@@ -179,7 +179,9 @@ class Engine {
 
   // EngineSettle.cpp
   bool settleDue(Lock& lock);
-  bool makePlaceholders(Lock& lock);
+  bool makeNewHere(Lock& lock, std::size_t atLeast);
+  std::optional<LocalEntry> makeHere(int directory, const Node& there);
+  void agreeOnNew(ItemNumber number, const Node& here);
   enum class Outcome { done, again, later };
   Outcome settle(Lock& lock, ItemNumber number);
   Outcome settleOnce(Lock& lock, Item item);

@@ -253,8 +253,12 @@ bool Engine::isOvertaken(Side side, const Place& place) {
   return true;
 }
 
-void Engine::note(Side side, Node node, bool recursive) {
-  if (isOvertaken(side, node.place)) return;
+/// Returns the item that is known at that place afterwards.
+std::optional<ItemNumber> Engine::note(Side side, Node node, bool recursive) {
+  const auto numberOf = [](const std::optional<Item>& item) {
+    return item ? std::optional(item->number) : std::nullopt;
+  };
+  if (isOvertaken(side, node.place)) return numberOf(items_->at(side, node.place));
   auto& seen = this->seen(side);
   const Key key(node.place.parent, node.place.name);
   auto known = items_->at(side, node.place);
@@ -266,18 +270,19 @@ void Engine::note(Side side, Node node, bool recursive) {
     if (!isUnchanged(before, node)) put(side, *known, node);
     if (node.kind == Kind::directory && recursive)
       seen.directories.emplace_back(known->number, true);
-    return;
+    return known->number;
   }
   if (known) seen.missing.insert(known->number);
   if (known || !items_->withIdentity(side, node.identity).empty() ||
       coming_.contains(node.identity) || movingTo(side, node)) {
     seen.found.insert_or_assign(key, std::move(node));
-    return;
+    return numberOf(known);
   }
   Item item = goneOrNew(side, node);
   const bool isDirectory = node.kind == Kind::directory;
   put(side, item, std::move(node));
   if (isDirectory) seen.directories.emplace_back(item.number, true);
+  return item.number;
 }
 
 /// Takes note of an entry that is as it was known to be; false when it is not.
@@ -331,6 +336,8 @@ bool Engine::restoreMark(int directory, const std::string& name, const LocalEntr
   const auto known = knownHere(entry.identity);
   if (known.empty() || !known.front().here->isPlaceholder || !known.front().agreed) return false;
   const Node& here = *known.front().here;
+  // What somebody has emptied is content, which platformd says by taking the mark off.
+  if (entry.size == 0 || entry.size != known.front().agreed->size) return false;
   if (entry.size != here.size || (here.modified && entry.modified != *here.modified)) return false;
   const auto file = openFile(directory, name, O_RDONLY);
   if (!file || holdsContent(file.get(), entry.size)) return false;
@@ -688,9 +695,7 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
         met.push_back(before->second.first);
         continue;
       }
-      const Place place = node.place;
-      note(Side::there, std::move(node), recursive);
-      if (const auto item = items_->at(Side::there, place)) met.push_back(item->number);
+      if (const auto number = note(Side::there, std::move(node), recursive)) met.push_back(*number);
     }
     transaction.commit();
     entries.clear();
@@ -828,6 +833,9 @@ bool Engine::observeThere(Lock& lock) {
       if (!result && !isInTrouble()) {  // this directory cannot be read
         change(directory, [&](Item& unread) { unread.reason = result.error().description(); });
         result = {};
+      }
+      // Nobody waits for all of a large remote to see the first of it.
+      while (result && !isClosed_ && makeNewHere(lock, options_.newAtATime)) {
       }
     } else if (!there_.found.empty()) {
       result = resolve(lock, Side::there);

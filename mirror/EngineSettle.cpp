@@ -28,7 +28,6 @@ constexpr std::int64_t longestRetry = 300'000;
 constexpr std::int64_t mostRemovals = 1000;
 constexpr std::int64_t fewRemovals = 3;
 constexpr std::int64_t inOneRound = 64;
-constexpr std::int64_t placeholdersInOneRound = 500;
 
 bool isContentChangedHere(const Item& item) {
   return item.here->kind == Kind::file && !item.here->isPlaceholder &&
@@ -170,9 +169,11 @@ std::string Engine::conflictText() const {
 
 bool Engine::settleDue(Lock& lock) {
   countRemovals();
-  bool hasDone = makePlaceholders(lock);
+  bool hasDone = makeNewHere(lock, 2);
+  // What is left of it comes in the next round, together as well.
+  const auto condition = hasDone ? heldBack() + " AND NOT (" + Items::isNewThere + ")" : heldBack();
   for (const bool removals : {false, true}) {
-    const auto due = items_->due(now(), removals, heldBack(), inOneRound);
+    const auto due = items_->due(now(), removals, condition, inOneRound);
     for (const ItemNumber number : due) {
       if (isClosed_) return false;
       hasDone = settle(lock, number) != Outcome::later || hasDone;
@@ -184,13 +185,12 @@ bool Engine::settleDue(Lock& lock) {
   return false;
 }
 
-/// Documents that are new there appear here, many at a time: the disk is waited for once for all of
-/// them, and they count only afterwards.
-bool Engine::makePlaceholders(Lock& lock) {
-  const auto numbers =
-      items_->due(now(), false, "hereKind IS NULL AND agreedKind IS NULL AND thereKind=1",
-                  placeholdersInOneRound);
-  if (numbers.size() < 2) return false;
+/// What is new there appears here, many at a time, if it is at least so much: the disk is waited
+/// for once for all of them, and they count only afterwards. What cannot be made, or not yet, is
+/// left to settle().
+bool Engine::makeNewHere(Lock& lock, std::size_t atLeast) {
+  const auto numbers = items_->newThere(now(), options_.newAtATime);
+  if (numbers.size() < atLeast) return false;
   std::vector<std::pair<ItemNumber, Node>> made;
   ItemNumber parent = 0;
   qx::FileDescriptor directory;
@@ -207,22 +207,34 @@ bool Engine::makePlaceholders(Lock& lock) {
       directory = std::move(*opened);
       parent = there.place.parent;
     }
-    const auto entry = makePlaceholder(directory.get(), there.place.name, shapeOf(there));
-    if (entry) made.emplace_back(number, nodeHere(there.place, *entry));
+    const auto entry = makeHere(directory.get(), there);
+    if (entry && entry->kind == there.kind)
+      made.emplace_back(number, nodeHere(there.place, *entry));
   }
-  if (made.empty()) return false;
-  (void)lock;
-  if (!syncFileSystem(storage_.get())) return false;
+  if (made.empty() || !syncFileSystem(storage_.get())) return false;
   Database::Transaction transaction(*database_);
-  for (auto& entry : made) {
-    change(entry.first, [&](Item& item) {
-      item.here = std::move(entry.second);
-      item.agreed = item.there;
-      item.due = now();
-    });
-  }
+  for (const auto& [number, node] : made) agreeOnNew(number, node);
   transaction.commit();
+  for (const auto& [number, node] : made) settle(lock, number);
   return true;
+}
+
+std::optional<LocalEntry> Engine::makeHere(int directory, const Node& there) {
+  if (there.kind != Kind::directory) {
+    return makePlaceholder(directory, aside_.get(), there.place.name, shapeOf(there));
+  }
+  return makeDirectory(directory, there.place.name, there.mode.value_or(0755));
+}
+
+void Engine::agreeOnNew(ItemNumber number, const Node& here) {
+  change(number, [&](Item& item) {
+    item.here = here;
+    item.agreed = item.there;
+    item.agreedHere.reset();
+    item.hash.reset();
+    item.due = now();
+  });
+  if (here.kind == Kind::directory) here_.directories.emplace_back(number, true);
 }
 
 Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
@@ -666,15 +678,7 @@ Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
   const auto directory = directoryHere(there.place.parent);
   if (!directory) return failedHere(item, errno, "Its directory cannot be opened");
   const std::string& name = there.place.name;
-  const bool isDirectory = there.kind == Kind::directory;
-  const auto mode = static_cast<unsigned>(there.mode.value_or(isDirectory ? 0755 : 0644));
-  std::optional<LocalEntry> entry;
-  if (!isDirectory) {
-    entry = makePlaceholder(directory->get(), name, shapeOf(there));
-  } else if (::mkdirat(directory->get(), name.c_str(), 0700) == 0 &&
-             ::fchmodat(directory->get(), name.c_str(), mode, 0) == 0) {
-    entry = lookAt(directory->get(), name);
-  }
+  const auto entry = makeHere(directory->get(), there);
   if (!entry && errno == EEXIST) {
     lookAgain(Side::here, there.place);
     if (setAsideUnknown(there.place)) return Outcome::again;
@@ -688,14 +692,7 @@ Engine::Outcome Engine::newThere(Lock& lock, const Item& item) {
     lookAgain(Side::here, there.place);
     return waitFor(item.number, 1);
   }
-  change(item.number, [&](Item& now) {
-    now.here = nodeHere(there.place, *entry);
-    now.agreed = there;
-    now.agreedHere.reset();
-    now.hash.reset();
-    now.due = this->now();
-  });
-  if (isDirectory) here_.directories.emplace_back(item.number, true);
+  agreeOnNew(item.number, nodeHere(there.place, *entry));
   return Outcome::again;
 }
 
@@ -1224,6 +1221,7 @@ std::optional<Engine::Outcome> Engine::reshapeHere(const Item& item, const Node&
       (before->isPlaceholder != here.isPlaceholder && !before->isHidden)) {
     return again();
   }
+  if (wasJustEmptied(*before, *item.agreed)) return again();
   auto shape = shapeOf(content, here, *before);
   if (mode) shape.mode = static_cast<unsigned>(*mode);
   // The inode that it has then, should it get another one.

@@ -457,7 +457,10 @@ Result<void> Engine::fill(const std::shared_ptr<Transfer>& transfer) {
       if (!now) return now.error();
       if (now->kind != RemoteKind::file) return result.error();
       change(transfer->number, [&](Item& changed) {
-        if (changed.there) changed.there = nodeThere(changed.there->place, *now);
+        if (!changed.there) return;
+        changed.there = nodeThere(changed.there->place, *now);
+        // No look finds it anew, and more than its content may be another's.
+        changed.due = this->now();
       });
       return {};
     });
@@ -586,6 +589,22 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
   transfer->total = wanted;
   const auto before = lookAtFile(file.get());
   if (!before) return Error::posix(errno, "The document cannot be looked at");
+  // What a program has emptied, and perhaps written to, is content, although it was noted
+  // otherwise. With the time of the document it was brought in by a process that ended before it
+  // noted that, and is brought in again.
+  const bool isOurs = !before->isPlaceholder && before->size == item.agreed->size &&
+                      before->modified == item.agreed->modified;
+  const auto isContent = [&] {
+    const auto entry = lookAtFile(file.get());
+    if (isOurs || !entry || entry->isPlaceholder || entry->isHidden) return false;
+    const Lock noting(mutex_);
+    lookAgain(Side::here, item.here->place);
+    return true;
+  };
+  if (isContent()) return {};
+  if (wasJustEmptied(*before, *item.agreed)) {
+    return Error::posix(EAGAIN, "A program has just emptied the document");
+  }
   auto shape = shapeOf(*item.agreed, *item.here, *before);
   // A program has given the placeholder another size: it gets what there is, in that size.
   if (before->isPlaceholder && !before->isProviding && before->size != item.agreed->size) {
@@ -599,10 +618,10 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
     lock.lock();
     const bool goesOn = guarded([&] { return items_->fact(known) == item.agreed->version; });
     lock.unlock();
-    auto writer = Placeholder(file.get()).fill(goesOn && remote_.capabilities().ranges);
-    if (!writer) return writer.error();
+    auto writer = Placeholder(file.get()).fill(goesOn && remote_.capabilities().ranges, !isOurs);
+    if (!writer) return isContent() ? Result<void>() : writer.error();
     auto fetched = fetch(*writer, *transfer, item, path);
-    if (!fetched) return fetched.error();
+    if (!fetched) return isContent() ? Result<void>() : fetched.error();
     hash = *std::move(fetched);
     // Ended before it has noted that the content is here, the next process knows it by that.
     lock.lock();
@@ -620,7 +639,9 @@ Result<void> Engine::fillOnce(const std::shared_ptr<Transfer>& transfer, const I
     if (auto announced = announceFor(item.number, &lock)(writer->file()); !announced) {
       return announced;
     }
-    if (auto finished = writer->finish(shape); !finished) return finished;
+    if (auto finished = writer->finish(shape); !finished) {
+      return isContent() ? Result<void>() : finished;
+    }
     now = lookAtFile(writer->file());
   }
   lock.lock();

@@ -31,6 +31,12 @@ constexpr const char* schema =
     "CREATE INDEX IF NOT EXISTS itemThereIdentity ON item (thereIdentity)"
     " WHERE thereIdentity <> '';"
     "CREATE INDEX IF NOT EXISTS itemDue ON item (due) WHERE due IS NOT NULL;"
+    "CREATE INDEX IF NOT EXISTS itemNew ON item (due)"
+    " WHERE hereKind IS NULL AND agreedKind IS NULL AND thereKind IN (1, 2);"
+    // What health tells of, as often as somebody asks.
+    "CREATE INDEX IF NOT EXISTS itemDueHere ON item (due) WHERE due IS NOT NULL AND hereKind IS "
+    "NOT NULL;"
+    "CREATE INDEX IF NOT EXISTS itemFailed ON item (tries) WHERE reason IS NOT NULL;"
     "CREATE INDEX IF NOT EXISTS itemConflict ON item (conflictWith)"
     " WHERE conflictWith IS NOT NULL;"
     "CREATE INDEX IF NOT EXISTS itemGone ON item (agreedParent, agreedName)"
@@ -141,7 +147,10 @@ void Items::save(Item& item) {
   }
   statement.bind(item.conflictWith).bind(item.conflictSince);
   statement.run();
-  if (item.number == 0) item.number = database_.lastInsertedRow();
+  if (item.number == 0) {
+    item.number = database_.lastInsertedRow();
+    ++count_;
+  }
   changed_(item.number);
 }
 
@@ -160,6 +169,7 @@ void Items::writeSettled() {
 void Items::erase(ItemNumber number) {
   settled_.erase(number);
   database_.prepare("DELETE FROM item WHERE number=?").bind(number).run();
+  countedAt_.reset();
   database_.prepare("UPDATE item SET conflictWith=NULL WHERE conflictWith=?").bind(number).run();
   forgetFact(replacedFact(number));
   changed_(number);
@@ -255,6 +265,16 @@ std::vector<ItemNumber> Items::due(std::int64_t now, bool removals, const std::s
   return found;
 }
 
+std::vector<ItemNumber> Items::newThere(std::int64_t now, std::int64_t most) {
+  std::vector<ItemNumber> found;
+  auto row = database_.prepare(
+      std::string("SELECT number FROM item INDEXED BY itemNew WHERE due<=? AND ") + isNewThere +
+      " ORDER BY due, number LIMIT ?");
+  row.bind(now).bind(most);
+  while (row.step()) found.push_back(row.integer(0));
+  return found;
+}
+
 std::optional<std::int64_t> Items::nextDue(const std::string& condition) {
   auto row = database_.prepare("SELECT due FROM item WHERE due IS NOT NULL AND (" + condition +
                                ") ORDER BY due LIMIT 1");
@@ -263,6 +283,14 @@ std::optional<std::int64_t> Items::nextDue(const std::string& condition) {
 
 void Items::makeAllDue(std::int64_t now) {
   database_.prepare("UPDATE item SET due=?, tries=0 WHERE due IS NOT NULL").bind(now).run();
+}
+
+std::int64_t Items::count() {
+  if (countedAt_ != database_.undone()) {
+    count_ = count("1");
+    countedAt_ = database_.undone();
+  }
+  return count_;
 }
 
 std::int64_t Items::count(const char* condition) {

@@ -134,10 +134,17 @@ class Items {
   /// due, then removals, the latest first. `condition` restricts it.
   std::vector<ItemNumber> due(std::int64_t now, bool removals, const std::string& condition,
                               std::int64_t most);
+  /// Holds for files and directories that are there, and were never here.
+  static constexpr const char* isNewThere =
+      "hereKind IS NULL AND agreedKind IS NULL AND thereKind IN (1, 2)";
+  /// Returns those of them that are due, in the order in which they became due.
+  std::vector<ItemNumber> newThere(std::int64_t now, std::int64_t most);
   std::optional<std::int64_t> nextDue(const std::string& condition);
   /// Makes everything that waits due now.
   void makeAllDue(std::int64_t now);
 
+  /// Returns how many there are, the root among them.
+  std::int64_t count();
   std::int64_t count(const char* condition);
   void forEach(const char* condition, const std::function<void(const Item&)>& visit);
 
@@ -158,6 +165,9 @@ class Items {
   Database& database_;
   const std::function<void(ItemNumber)> changed_;
   std::set<ItemNumber> settled_;
+  std::int64_t count_ = 0;
+  /// The value of Database::undone() when count_ was right; absent when it is not.
+  std::optional<std::uint64_t> countedAt_;
 };
 
 }  // namespace docsource::mirror

@@ -62,6 +62,14 @@ bool isUnguarded() {
   return !mechanism || *mechanism == qx::CoordinationMechanism::cooperative;
 }
 
+/// Whether a directory gives its group or its access control list on to what is made in it
+/// (inode(7), acl(5)).
+bool givesOn(int directory) {
+  struct stat status {};
+  return ::fstat(directory, &status) != 0 || (status.st_mode & S_ISGID) != 0 ||
+         ::fgetxattr(directory, "system.posix_acl_default", nullptr, 0) > 0;
+}
+
 std::optional<LocalEntry> entryOf(int directory, const char* name, int flags) {
   constexpr unsigned wanted = STATX_BASIC_STATS | STATX_BTIME;
   struct statx status {};
@@ -162,22 +170,46 @@ qx::FileDescriptor openFile(int directory, const std::string& name, int flags) {
       ::openat(directory, name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
+bool wasJustEmptied(const LocalEntry& entry, const Node& content) {
+  constexpr std::int64_t aMoment = 5 * perSecond;
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return entry.isPlaceholder && entry.size == 0 && content.size > 0 &&
+         now.tv_sec * perSecond + now.tv_nsec - entry.modified < aMoment;
+}
+
 bool moveEntry(int from, const std::string& name, int to, const std::string& newName) {
   return ::renameat2(from, name.c_str(), to, newName.c_str(), RENAME_NOREPLACE) == 0;
 }
 
-std::optional<LocalEntry> makePlaceholder(int directory, const std::string& name,
+std::optional<LocalEntry> makePlaceholder(int directory, int aside, const std::string& name,
                                           const Placeholder::Shape& shape) {
-  const qx::FileDescriptor made(::openat(directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
-  const bool isMade = made && ok(Placeholder(made.get()).reset(shape)) &&
-                      ::linkat(AT_FDCWD, pathOf(made.get()).c_str(), directory, name.c_str(),
-                               AT_SYMLINK_FOLLOW) == 0;
-  auto entry = isMade ? lookAtFile(made.get()) : std::nullopt;
+  const auto makeIn = [&](int maker) -> std::optional<LocalEntry> {
+    const qx::FileDescriptor made(::openat(maker, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
+    if (!made || !ok(Placeholder(made.get()).reset(shape)) ||
+        ::linkat(AT_FDCWD, pathOf(made.get()).c_str(), directory, name.c_str(),
+                 AT_SYMLINK_FOLLOW) != 0) {
+      return std::nullopt;
+    }
+    return lookAtFile(made.get());
+  };
+  const bool isInherited = givesOn(directory);
+  auto entry = makeIn(isInherited ? directory : aside);
+  // Quotas of projects and encryption keep to their directories (link(2), EXDEV).
+  if (!entry && !isInherited && errno == EXDEV) entry = makeIn(directory);
   if (entry && entry->isHidden) {
     entry->isPlaceholder = true;
     entry->mode = shape.mode.value_or(0);
   }
   return entry;
+}
+
+std::optional<LocalEntry> makeDirectory(int directory, const std::string& name, std::int64_t mode) {
+  if (::mkdirat(directory, name.c_str(), 0700) != 0 ||
+      ::fchmodat(directory, name.c_str(), static_cast<mode_t>(mode), 0) != 0) {
+    return std::nullopt;
+  }
+  return lookAt(directory, name);
 }
 
 bool syncFileSystem(int directory) { return ::syncfs(directory) == 0; }

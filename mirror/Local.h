@@ -61,10 +61,17 @@ bool moveEntry(int from, const std::string& name, int to, const std::string& new
 
 using Announcement = Placeholder::Announcement;
 
+/// Whether a program has emptied the placeholder of this content a moment ago. What it writes next
+/// is content; platformd, which hears of it, takes the mark off.
+bool wasJustEmptied(const LocalEntry& entry, const Node& content);
+
 /// Makes a placeholder, which appears complete and never over another file. It is on disk after
-/// syncFileSystem().
-std::optional<LocalEntry> makePlaceholder(int directory, const std::string& name,
+/// syncFileSystem(). It is made in `aside`, which is on the same file system and which nobody
+/// watches: where accesses are watched, each step would wait for leave.
+std::optional<LocalEntry> makePlaceholder(int directory, int aside, const std::string& name,
                                           const Placeholder::Shape& shape);
+/// Makes a directory with these permissions; it is on disk after syncFileSystem().
+std::optional<LocalEntry> makeDirectory(int directory, const std::string& name, std::int64_t mode);
 /// When this returns, everything that was done on the file system of the directory is on disk.
 bool syncFileSystem(int directory);
 

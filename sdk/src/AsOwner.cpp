@@ -87,7 +87,7 @@ std::optional<int> callInNamespace(const std::function<int()>& call) {
 
 }  // namespace
 
-int asOwner(int file, const std::function<int()>& call, bool mayHaveNamespace) {
+int asOwner(int file, const std::function<int()>& call) {
   int result = call();
   struct stat status {};
   if (result != -1 || errno != EACCES) return result;
@@ -96,10 +96,8 @@ int asOwner(int file, const std::function<int()>& call, bool mayHaveNamespace) {
     return -1;
   };
   if (::fstat(file, &status) != 0 || status.st_uid != ::geteuid()) return denied();
-  if (mayHaveNamespace) {
-    if (const auto done = callInNamespace(call); done && (*done != -1 || errno != EACCES)) {
-      return *done;
-    }
+  if (const auto done = callInNamespace(call); done && (*done != -1 || errno != EACCES)) {
+    return *done;
   }
   // Just before they are changed: a program may have changed them meanwhile.
   if (::fstat(file, &status) != 0) return denied();

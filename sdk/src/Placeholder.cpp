@@ -35,17 +35,20 @@ constexpr mode_t permissions = 07777;
 constexpr mode_t ownerAccess = S_IRUSR | S_IWUSR;
 constexpr mode_t usualMode = 0644;
 
-qx::CoordinationMechanism coordination() {
-  return qx::readCoordinationMechanism().value_or(qx::CoordinationMechanism::cooperative);
-}
 /// Whether nobody keeps readers waiting, as far as is known.
-bool isCooperative() { return coordination() == qx::CoordinationMechanism::cooperative; }
+bool isCooperative() {
+  return qx::readCoordinationMechanism().value_or(qx::CoordinationMechanism::cooperative) ==
+         qx::CoordinationMechanism::cooperative;
+}
 
 /// Whether nobody would keep readers of this file waiting if it had permissions: platformd gives
 /// them to a placeholder that has none as soon as it guards it, and nobody does before.
+bool isUnguarded(const struct stat& status) {
+  return (status.st_mode & permissions) == 0 || isCooperative();
+}
 bool isUnguarded(int file) {
   struct stat status {};
-  return isCooperative() || (::fstat(file, &status) == 0 && (status.st_mode & permissions) == 0);
+  return ::fstat(file, &status) == 0 ? isUnguarded(status) : isCooperative();
 }
 
 std::string pathOf(int file) {
@@ -80,10 +83,8 @@ class Access {
     const bool canWrite = (has & O_ACCMODE) == O_RDWR;
     if (!(has & O_PATH) && (canWrite || flags == O_RDONLY)) return access;
     const auto path = mark::descriptorPath(file);
-    // Where openings wait, that of a process in another namespace is a stranger's.
-    const bool mayHaveNamespace = coordination() == qx::CoordinationMechanism::access;
-    access.own_ = Descriptor(asOwner(
-        file, [&] { return ::open(path.c_str(), flags | O_CLOEXEC); }, mayHaveNamespace));
+    access.own_ =
+        Descriptor(asOwner(file, [&] { return ::open(path.c_str(), flags | O_CLOEXEC); }));
     if (!access.own_) return fileError(file, errno);
     return access;
   }
@@ -246,7 +247,7 @@ Result<void> Placeholder::reset(const Shape& shape, const Announcement& announce
       shape.mode.value_or(docsource::shapeOf(status, mark).mode.value_or(usualMode)));
   const bool isPresent = mark.state == PlaceholderState::present;
   const bool isNew = status.st_size == 0 && isPresent;
-  const bool isHidden = isUnguarded(file_);
+  const bool isHidden = !isNew && isUnguarded(status);
   // What programs may have read of the content keeps to its file.
   if (!isNew && (isHidden || hasParts(file_))) {
     auto made = placeholderFor(file_, shape, mode, announce, isHidden);
@@ -289,7 +290,7 @@ class PlaceholderWriter::Target {
   Target(Replacement replacement, int old, const Placeholder::Shape& shape)
       : replacement_(std::move(replacement)), old_(old), shape_(shape), modeBefore_(modeNow()) {}
   ~Target() {
-    if (isDone_ || !access_) return;
+    if (isDone_ || !access_ || !check()) return;
     if (parts_ && !parts_->isEmpty()) {
       // Somebody may have read them.
       mark::setPlaceholder(file(), std::nullopt, parts_);
@@ -308,16 +309,28 @@ class PlaceholderWriter::Target {
   void setParts(std::optional<qx::ByteRanges> parts) { parts_ = std::move(parts); }
   Result<void> publish(const qx::ByteRanges& parts) {
     if (!access_) return {};
+    if (auto checked = check(); !checked) return checked;
     auto all = parts_.value_or(qx::ByteRanges());
     for (const auto& [begin, end] : parts.all()) all.add({begin, end});
     if (all != parts_ && !all.isEmpty() && ::fsync(file()) != 0) return error(errno);
     // Set again even if it says so already: who is told of it may not have been.
-    if (!mark::setProviding(file(), std::nullopt, all)) return error(errno);
+    if (!mark::setProviding(file(), std::nullopt, all, true)) {
+      return error(errno == ENODATA ? ESTALE : errno);
+    }
     parts_ = std::move(all);
     return {};
   }
 
+  /// Fails when the mark has gone: a program has emptied the file, and what it has by now is that
+  /// program's content.
+  Result<void> check() {
+    if (!access_ || mark::read(file()).state != PlaceholderState::present) return {};
+    isDone_ = true;
+    return error(ESTALE);
+  }
+
   Result<void> finish(const Placeholder::Shape& shape) {
+    if (auto checked = check(); !checked) return checked;
     struct stat status {};
     if (::fstat(file(), &status) != 0) return error(errno);
     if (static_cast<std::uint64_t>(status.st_size) != shape.size &&
@@ -387,9 +400,12 @@ class PlaceholderWriter::Target {
   bool isDone_ = false;
 };
 
-Result<PlaceholderWriter> Placeholder::fill(bool goesOn) const {
+Result<PlaceholderWriter> Placeholder::fill(bool goesOn, bool onlyPlaceholder) const {
   const auto shape = shapeOf(file_);
   if (!shape) return shape.error();
+  const auto was = mark::read(file_);
+  const bool wasPresent = was.state == PlaceholderState::present && !was.isHidden;
+  if (onlyPlaceholder && wasPresent) return fileError(file_, ESTALE);
   if (isUnguarded(file_) || (!goesOn && hasParts(file_))) {
     auto replacement = Replacement::beginFor(file_);
     if (!replacement) return replacement.error();
@@ -399,10 +415,11 @@ Result<PlaceholderWriter> Placeholder::fill(bool goesOn) const {
   }
   auto access = Access::open(file_);
   if (!access) return access.error();
-  const auto was = mark::read(access->get());
   const auto& now = *shape;
   auto kept = goesOn ? was.parts : std::nullopt;
-  if (!mark::setProviding(access->get(), std::nullopt, kept)) return fileError(file_, errno);
+  if (!mark::setProviding(access->get(), std::nullopt, kept, !wasPresent)) {
+    return fileError(file_, errno == ENODATA ? ESTALE : errno);
+  }
   auto target = std::make_unique<PlaceholderWriter::Target>(*std::move(access), now);
   const int file = target->file();
   if (kept && !kept->isEmpty()) {
@@ -478,6 +495,7 @@ Result<void> PlaceholderWriter::write(std::string_view bytes) { return writeAt(p
 Result<void> PlaceholderWriter::writeAt(std::uint64_t offset, std::string_view bytes) {
   constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
   if (offset > largest || bytes.size() > largest - offset) return target_->error(EFBIG);
+  if (auto checked = target_->check(); !checked) return checked;
   if (!sparse::writeAt(file(), static_cast<off_t>(offset), bytes)) return target_->error(errno);
   position_ = offset + bytes.size();
   return {};
@@ -495,6 +513,7 @@ Result<void> PlaceholderWriter::publish(const Parts& parts) {
 }
 
 Result<void> PlaceholderWriter::copy(int source) {
+  if (auto checked = target_->check(); !checked) return checked;
   const off_t size = sparse::copy(source, file());
   if (size < 0) return target_->error(errno);
   position_ = static_cast<std::uint64_t>(size);

@@ -33,7 +33,7 @@ std::optional<std::string> valueOf(const std::string& file, const char* name) {
 }
 
 bool set(int file, std::string text, std::optional<mode_t> mode,
-         const std::optional<qx::ByteRanges>& parts) {
+         const std::optional<qx::ByteRanges>& parts, int flags = 0) {
   const auto inode = qx::inodeNameOf(file);
   if (!inode) return false;
   text += " " + qx::markWord(*inode);
@@ -41,7 +41,7 @@ bool set(int file, std::string text, std::optional<mode_t> mode,
   if (parts) text.append(" ").append(qx::partsWord(*parts));
   const auto path = descriptorPath(file);
   return asOwner(file, [&] {
-           return ::setxattr(path.c_str(), attribute, text.data(), text.size(), 0);
+           return ::setxattr(path.c_str(), attribute, text.data(), text.size(), flags);
          }) == 0;
 }
 
@@ -78,14 +78,14 @@ bool setPlaceholder(int file, std::optional<mode_t> mode,
   return set(file, std::string(placeholderWord), mode, parts);
 }
 
-bool setProviding(int file, std::optional<mode_t> mode,
-                  const std::optional<qx::ByteRanges>& parts) {
+bool setProviding(int file, std::optional<mode_t> mode, const std::optional<qx::ByteRanges>& parts,
+                  bool isMarked) {
   const auto self = qx::ProcessDirectory::open(::getpid());
   const auto state = self ? self->state() : std::nullopt;
   return set(file,
              std::string(providingWord) + std::to_string(::getpid()) + " " +
                  std::to_string(state ? state->startTime : 0),
-             mode, parts);
+             mode, parts, isMarked ? XATTR_REPLACE : 0);
 }
 
 bool clear(int file) {

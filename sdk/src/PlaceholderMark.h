@@ -31,8 +31,10 @@ Mark read(int file);
 /// Sets "placeholder", or "providing" by this process, for this inode. Durable after fsync(2).
 bool setPlaceholder(int file, std::optional<mode_t> mode,
                     const std::optional<qx::ByteRanges>& parts = std::nullopt);
-bool setProviding(int file, std::optional<mode_t> mode,
-                  const std::optional<qx::ByteRanges>& parts = std::nullopt);
+/// Of one that `isMarked` only as long as it is: a mark that platformd has taken off because a
+/// program has emptied the file does not come back.
+bool setProviding(int file, std::optional<mode_t> mode, const std::optional<qx::ByteRanges>& parts,
+                  bool isMarked);
 /// Removes the mark. It succeeds when there is none.
 bool clear(int file);
 

@@ -391,10 +391,6 @@ def compare(worlds, shadow, desks, book, unanswered=frozenset()):
             findings.append(f"{world.name} cannot bring everything in: {problem}")
     if len(findings) > len(book.findings):
         return findings
-    for world in worlds:
-        if world.mode == "open":
-            # Who looks while a read-only document is opened to be filled may see other permissions.
-            world.here()
     trees = {"origin": worlds[0].at_origin(), **{world.name: world.here() for world in worlds}}
     for world in worlds:
         findings += differences(trees[world.name], trees["origin"], (world.name, "origin"))

@@ -129,6 +129,26 @@ TEST_P(Accounts, WhatCameWhileNobodyGuardedIsReadableAfterwards) {
   EXPECT_EQ(ask("cat '" + here("letter.txt") + "'"), letter_);
 }
 
+TEST_P(Accounts, WhatIsWrittenToDocumentsThatAreEmptiedFirstIsKept) {
+  if (isCooperative()) return;  // They are there before they can be emptied.
+  constexpr int count = 300;
+  std::string expected;
+  for (int number = 100; number < 100 + count; ++number) {
+    std::ofstream(there(std::to_string(number))) << letter_;
+    expected += "edited" + std::to_string(number) + "\n";
+  }
+  add();
+  ASSERT_TRUE(eventually([&] { return fs::exists(here(std::to_string(99 + count))); }));
+  // The account meanwhile brings in what comes next in the directory.
+  ask("cd '" + here("") +
+      "' && for first in 100 101 102; do (for i in $(seq $first 3 399); do"
+      " echo edited$i > $i; done) & done; wait");
+  const auto all = "' && cat $(seq 100 399)";
+  EXPECT_EQ(ask("cd '" + here("") + all), expected);
+  ask("docsource sync Work");
+  EXPECT_EQ(ask("cd '" + origin_ + all), expected);
+}
+
 TEST_P(Accounts, AWorkTreeOfGitIsWholeOnBothSides) {
   add();
   ask("cd '" + here("") +

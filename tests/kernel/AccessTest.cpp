@@ -238,10 +238,17 @@ TEST_P(KernelTest, TheProvidersOwnProcessesAreLetThrough) {
   ASSERT_EQ(leader.readLine(), "ready");
   std::ofstream(temporaryRoot() + "/go") << "\n";
   EXPECT_EQ(readAll(temporaryRoot() + "/counted"), "0\n");
+  // In a namespace of its own it is still the same program.
+  const auto inNamespace = [&](const std::string& command) {
+    return shell(extension + "sh -c 'unshare --user " + command + "; true'").line;
+  };
+  EXPECT_EQ(inNamespace("sh -c \"read text < " + item("own") + " || echo read\""), "read");
   EXPECT_TRUE(source->provides.all().empty());
-  // Another extension is a program like any other.
+  // Another program there is a stranger, and so is another extension.
+  makePlaceholder(item("boxed"), 8);
+  EXPECT_EQ(inNamespace("cat " + item("boxed")), contentOf("boxed", 8));
   EXPECT_EQ(shell("env QX_EXTENSION_IDENTIFIER=com.example.other sh " + script).line, "8");
-  EXPECT_EQ(source->provides.all().size(), 1u);
+  EXPECT_EQ(source->provides.all().size(), 2u);
 }
 
 /// A provider that speaks for itself.

@@ -169,13 +169,13 @@ TEST_P(ContinuityTest, AStartThatIsCutOffAnywhereShowsNoZeros) {
                        calls.environment({{"DOCSOURCE_COORDINATION", GetParam()}}));
     ASSERT_TRUE(eventually(
         [&] { return calls->ended != 0 || platformd_->count("placeholders from before.") == 1; }));
+    calls.stop();
     const pid_t ended = calls->ended;
     hasCome = ended != 0;
     const std::string last = hasCome ? calls->call.data() : "none";
     std::vector<std::string> words{"setpriv", "--reuid=4001", "--regid=4001", "--clear-groups"};
     for (const auto& word : reader("read", elsewhere / name)) words.push_back(word);
     ChildProcess stranger(words);
-    calls.endAt(0);
     if (ended == platformd_->id()) {
       EXPECT_EQ(platformd_->wait(), -SIGKILL);
       start();

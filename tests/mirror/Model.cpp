@@ -37,6 +37,7 @@ Model::Model(std::uint64_t seed, Server* server)
     remotes_.push_back(remote.get());
     const auto name = "m" + std::to_string(number);
     machines_.push_back(std::make_unique<Machine>(scratch_ / name, std::move(remote), name));
+    if (seed % 2 == 1) machines_.back()->options().newAtATime = 2;
     sides_.push_back({machines_.back()->storage, machines_.back().get()});
     // The engine goes on while a transfer is under way.
     remotes_.back()->hasWritten = [this, &machine = *machines_.back(), remote = remotes_.back()] {

@@ -1,5 +1,5 @@
 """The Python package with the daemons: the provider of docs/provider.md, and a client that belongs to
-a bundle, where the kernel keeps readers waiting (as root) and where nobody does (as a user).
+a bundle, all of an ordinary user's, where the kernel keeps readers waiting and where nobody does.
 
 usage: package_test.py PROGRAMS TREE
 """
@@ -12,6 +12,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 PROVIDER, CLIENT, GROUP = "org.example.notes", "org.example.client", "group.org.example.notes"
@@ -77,6 +78,27 @@ def client(mode, storage, origin):
         os.fsync = sync
         assert is_of(mine, "placeholder") and read == [0], read
 
+    # Nobody sees that a document is made writable, in order to be filled and emptied.
+    fixed, seen, over = os.path.join(storage, "fixed.txt"), set(), threading.Event()
+
+    def watch():
+        while not over.is_set():
+            seen.add(os.stat(fixed).st_mode & 0o777)
+    watcher = threading.Thread(target=watch)
+    watcher.start()
+    try:
+        broker.extend_sandbox(fixed, PROVIDER, CLIENT)
+        for _ in range(3):
+            broker.start_providing(fixed, PROVIDER, CLIENT)
+            assert open(fixed, "rb").read() == TEXT and is_of(fixed, "present")
+            eventually(lambda: broker.stop_providing(fixed, PROVIDER, CLIENT) or is_of(fixed, "placeholder"),
+                       "a read-only document was not given back")
+    finally:
+        over.set()
+        watcher.join()
+    assert seen == ({0o444, 0} if mode == "cooperative" else {0o444}), [oct(each) for each in seen]
+    broker.revoke("fixed.txt", PROVIDER, CLIENT)
+
     # Grants, bookmarks and tokens, until they are taken back.
     bookmark = broker.bookmarkable_string(note)
     fails(lambda: broker.resolve_bookmark(bookmark), Error.BROKER, 3)
@@ -127,9 +149,10 @@ def run(programs, tree, mode):
         storage = f"{root}/Containers/Group/{GROUP}/Doc Source Storage"
         for made in (root, origin):
             os.makedirs(made)
-        for name, text in (("n\u00f6te.txt", TEXT), ("other.txt", TEXT), ("empty", b"")):
+        for name, text in (("n\u00f6te.txt", TEXT), ("other.txt", TEXT), ("fixed.txt", TEXT), ("empty", b"")):
             with open(f"{origin}/{name}", "wb") as file:
                 file.write(text)
+        os.chmod(f"{origin}/fixed.txt", 0o444)
         bundle(f"{root}/Extensions/Notes.docext", "notes", {
             "QXBundleIdentifier": PROVIDER, "NotesOrigin": origin,
             "QXExtension": {"QXExtensionPointName": "com.veltro.docsource-nonui",
@@ -144,8 +167,7 @@ def run(programs, tree, mode):
         bundle(f"{root}/Applications/Client.app", "client", {"QXBundleIdentifier": CLIENT},
                {"com.veltro.docsource.acl-write": True})
         shutil.copy(os.path.realpath("/usr/bin/python3"), f"{root}/Applications/Client.app/client")
-        is_root = os.geteuid() == 0
-        user = dict(user=USER, group=USER, extra_groups=[]) if is_root and mode == "cooperative" else {}
+        user = dict(user=USER, group=USER, extra_groups=[]) if os.geteuid() == 0 else {}
         if user:
             os.chmod(place, 0o755)
             subprocess.run(["chown", "-R", f"{USER}:{USER}", root, origin], check=True)
@@ -153,10 +175,15 @@ def run(programs, tree, mode):
                        "DOCSOURCE_COORDINATION": mode, "PYTHONPATH": f"{tree}/sdk/python",
                        "PYTHONDONTWRITEBYTECODE": "1"}
         log = open(f"{place}/log", "w+")
-        daemons = [subprocess.Popen([f"{programs}/{name}"], env=environment, stdout=log, stderr=log, **user)
-                   for name in ("platformd", "docsourced")]
+        daemons = []
+
+        def start(name, place, **who):
+            daemons.append(subprocess.Popen([f"{programs}/{name}"], env=environment, stdout=log, stderr=log, **who))
+            eventually(lambda: os.path.exists(f"{root}/run/{place}"), f"no {place}")
         try:
-            eventually(lambda: os.path.exists(f"{root}/run/com.veltro.DocSource"), "no broker")
+            # The places of the daemon of a user are the user's.
+            start("docsourced", "notify", **user)
+            start("platformd", "com.veltro.DocSource", **(user if mode == "cooperative" else {}))
             subprocess.run([f"{root}/Applications/Client.app/client", __file__, mode, storage, origin],
                            env=environment, check=True, timeout=150, **user)
             print(f"{mode}: good")
@@ -185,5 +212,5 @@ if __name__ == "__main__":
             import cbor2  # noqa: F401
         except ImportError:
             sys.exit("skipped: python3-cbor2 is not there")
-        for each in ("access", "cooperative") if os.geteuid() == 0 else ("cooperative",):
+        for each in ("access", "open", "cooperative") if os.geteuid() == 0 else ("cooperative",):
             run(*sys.argv[1:], each)

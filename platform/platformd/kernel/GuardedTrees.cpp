@@ -504,6 +504,13 @@ bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, boo
     watchPlaceholder(file, status, isCovered);
     accesses_.stopIgnoring(file, preAccess);
   }
+  // Not while the provider may hold a lease: openings that are told fail then. It holds none on
+  // what it has made without permissions.
+  bool shallAnchor = isOne && (isClosed || Placeholder::isHidden(file, status));
+  if (shallAnchor) {
+    accesses_.stopIgnoring(file, openPermission);
+    shallAnchor = !Placeholder::anchor(file, status);
+  }
   // Not before, or whoever opens it in between, by a name in a directory without a mark, is asked
   // nothing.
   {
@@ -514,13 +521,9 @@ bool GuardedTrees::examine(int file, const struct stat& status, uid_t owner, boo
       if (isOne) Placeholder::revealHidden(file, now);
     }
   }
-  if (!isOne) return false;
-  if (isClosed) {
-    // Not before: the provider may hold a lease, and openings that are told fail then.
-    accesses_.stopIgnoring(file, openPermission);
-    Placeholder::anchor(file, status);
-  }
-  return true;
+  // What nobody could open before.
+  if (shallAnchor) Placeholder::anchor(file, status);
+  return isOne;
 }
 
 bool GuardedTrees::settle(int file) const {

@@ -93,20 +93,22 @@ void unmark(int file) {
   removeAttribute(file, vouchedAttribute);
 }
 
-void anchor(int path, const struct stat& status) {
-  if (status.st_size < smallestSkipped) return;
+bool anchor(int path, const struct stat& status) {
+  if (status.st_size < smallestSkipped) return true;
   const FileDescriptor file = reopen(path, O_RDWR | O_NOATIME);
   struct stat now;
-  if (!file || fstat(file.get(), &now) != 0 || now.st_size < 1) return;
+  if (!file || fstat(file.get(), &now) != 0) return false;
+  if (now.st_size < 1) return true;
   if (now.st_size <= blocksInDoubt * now.st_blksize) vouch(file.get());
-  if (lseek(file.get(), 0, SEEK_DATA) == 0) return;
+  if (lseek(file.get(), 0, SEEK_DATA) == 0) return true;
   // Written to in memory, without changing it: what the provider puts there is never overwritten.
   void* page = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
-  if (page == MAP_FAILED) return;
+  if (page == MAP_FAILED) return false;
   __atomic_fetch_or(static_cast<unsigned char*>(page), 0, __ATOMIC_SEQ_CST);
   munmap(page, 1);
   const timespec times[2] = {{0, UTIME_OMIT}, now.st_mtim};
   futimens(file.get(), times);
+  return true;
 }
 
 // Neither of the two opens the file: that would be told of, perhaps with nobody left to answer.
@@ -137,6 +139,12 @@ void reveal(int file, const struct stat& status) {
   const bool isUntouched = (status.st_mode & permissions) == 0 && status.st_uid == owner;
   if (isUntouched && chmod(procPath(file).c_str(), mode & permissions) != 0) return;
   removeAttribute(file, modeAttribute);
+}
+
+bool isHidden(int file, const struct stat& status) {
+  if ((status.st_mode & permissions) != 0) return false;
+  const auto mark = ownAttribute(file, placeholderAttribute);
+  return mark && modeIn(*mark);
 }
 
 void revealHidden(int file, const struct stat& status) {

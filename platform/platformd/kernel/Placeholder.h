@@ -37,8 +37,9 @@ std::optional<ByteRanges> partsThere(int file);
 /// Gives a placeholder a first block, of zeros. Programs that copy files skip what the file system
 /// calls a hole (lseek(2), SEEK_DATA) without reading it, so that nothing would report them. A file
 /// that is so small that its occupied size says little is vouched for first. What the provider
-/// writes meanwhile is not disturbed, and the modification time stays.
-void anchor(int file, const struct stat& status);
+/// writes meanwhile is not disturbed, and the modification time stays. Returns false when the file
+/// cannot be opened.
+bool anchor(int file, const struct stat& status);
 
 /// Makes a file whose mark names no inode stay a placeholder while a provider fills it, however
 /// much it occupies by then. Does nothing when the mark names the inode.
@@ -54,6 +55,10 @@ bool conceal(int file, const struct stat& status);
 /// Gives them back, unless somebody else has given it some. Does nothing for a file that was not
 /// concealed.
 void reveal(int file, const struct stat& status);
+
+/// Whether its provider has made it without permissions, because nobody guarded it, and its mark
+/// says which it has.
+bool isHidden(int file, const struct stat& status);
 
 /// Gives a placeholder that its provider made while nobody kept readers waiting the permissions
 /// that its mark names. Only for a file that is guarded by now.

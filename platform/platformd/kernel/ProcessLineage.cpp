@@ -39,19 +39,24 @@ std::optional<Kin> kinOf(const ProcessDirectory& process) {
   return kin;
 }
 
-/// Whether it is the user's, and in no sandbox. For a process that hides from others (proc(5),
-/// "dumpable") its files in /proc would belong to root; its status tells.
-bool isOwn(const ProcessDirectory& process, uid_t owner) {
+/// Of a process that hides from others (proc(5), "dumpable") the files in /proc would belong to
+/// root; its status tells whose it is.
+bool isOfUser(const ProcessDirectory& process, uid_t owner) {
+  const auto credentials = process.credentials();
+  return credentials && credentials->effectiveUser == owner;
+}
+
+bool isOutside(const ProcessDirectory& process) {
   static const auto here = [] {
     struct stat status {};
     return stat("/proc/self/ns/user", &status) == 0 ? identityOf(status) : FileIdentity();
   }();
-  struct stat there;
-  if (fstatat(process.descriptor(), "ns/user", &there, 0) != 0 || identityOf(there) != here) {
-    return false;
-  }
-  const auto credentials = process.credentials();
-  return credentials && credentials->effectiveUser == owner;
+  return process.userNamespace() == here;
+}
+
+/// Whether it is the user's, and in no sandbox.
+bool isOwn(const ProcessDirectory& process, uid_t owner) {
+  return isOutside(process) && isOfUser(process, owner);
 }
 
 /// Absent a doc source: as any.
@@ -108,6 +113,19 @@ std::optional<bool> isOf(pid_t process, uid_t owner, const std::string& docSourc
          (leader.reachesDaemon && wasStartedAs(*directory, docSource));
 }
 
+/// The process that started this one as the same program in a user namespace of its own, where that
+/// one is in no sandbox; absent for any other.
+std::optional<pid_t> starterOutside(pid_t process, uid_t owner) {
+  const auto directory = ProcessDirectory::open(process);
+  const auto kin = directory ? kinOf(*directory) : std::nullopt;
+  if (!kin || isOutside(*directory) || !isOfUser(*directory, owner)) return std::nullopt;
+  const auto starter = ProcessDirectory::open(kin->parent);
+  if (!starter || !isOwn(*starter, owner)) return std::nullopt;
+  const auto program = directory->executable();
+  if (!program || program != starter->executable()) return std::nullopt;
+  return kin->parent;
+}
+
 /// Of a process that may be gone.
 std::optional<bool> wasStartedAs(pid_t process, uid_t owner,
                                  const std::optional<std::string>& docSource) {
@@ -132,6 +150,9 @@ bool ProcessLineage::belongsTo(pid_t process, uid_t owner, const std::string& do
                                const AuditToken& daemon) {
   if (daemon.isNobody()) return false;
   if (isKnownToBelongTo(process, owner, docSource, daemon)) return true;
+  if (const auto starter = starterOutside(process, owner)) {
+    return belongsTo(*starter, owner, docSource, daemon);
+  }
   auto directory = ProcessDirectory::open(process);
   const Question question(process, owner, docSource);
   const bool belongs = remember(
@@ -156,6 +177,7 @@ bool ProcessLineage::isKnownToBelongTo(pid_t process, uid_t owner, const std::st
 }
 
 bool ProcessLineage::isSomeExtension(pid_t process, uid_t owner) {
+  process = starterOutside(process, owner).value_or(process);
   return remember({process, owner, std::string()}, wasStartedAs(process, owner, std::nullopt));
 }
 

@@ -15,7 +15,10 @@
 namespace qx::kernel {
 
 /// Which processes work for which doc source. Only processes of its owner (effective user) outside
-/// of sandboxes do, that is, in the service's own user namespace. Used by one thread at a time.
+/// of sandboxes do, that is, in the service's own user namespace. One in another user namespace
+/// counts as the process that started it if both execute the same file and that one is outside:
+/// so providers make a system call that the permissions of a file deny them. Used by one thread at
+/// a time.
 class ProcessLineage {
  public:
   /// Returns whether the process works for the doc source. It does if it is the daemon that added

@@ -126,8 +126,11 @@ class DOCSOURCE_API Placeholder {
   /// now on. With `goesOn`, what an earlier attempt has published stays, and the writer's parts()
   /// tells what that is: for a provider that has remembered which version that was. Otherwise a
   /// file with published parts is replaced by another one, which is published as a whole, so that
-  /// programs that read those parts see no other content after them.
-  Result<PlaceholderWriter> fill(bool goesOn = false) const;
+  /// programs that read those parts see no other content after them. With `onlyPlaceholder` it
+  /// fails with ESTALE when the file is present: for who found a placeholder a moment ago, which a
+  /// program may have emptied and written to since. What a program writes to a file that it has
+  /// emptied is kept: the writer fails with ESTALE from then on.
+  Result<PlaceholderWriter> fill(bool goesOn = false, bool onlyPlaceholder = false) const;
 
   enum class Eviction {
     evicted,

@@ -19,11 +19,14 @@ import fcntl
 import os
 import re
 import signal
+import socket
 import stat
 import struct
+import subprocess
+import sys
 import uuid
 from dataclasses import dataclass, replace
-from typing import BinaryIO, Callable, Iterator, Union
+from typing import Any, BinaryIO, Callable, Iterator, Union
 
 from . import _conduit
 
@@ -101,7 +104,7 @@ def fill(path: str, shape: Shape | None = None) -> Iterator[BinaryIO]:
         shape = was if shape is None else shape
         if shape.mode is None:
             shape = replace(shape, mode=was.mode)
-        way = _filled_beside if _is_cooperative() else _filled_in_place
+        way = _filled_beside if _is_unguarded(old) else _filled_in_place
         with way(path, old, shape) as content:
             yield content
 
@@ -112,11 +115,9 @@ def evict(path: str, provided: Shape) -> Eviction:
     finds it in use."""
     if state(path) is not State.PRESENT:
         return Eviction.NOT_PRESENT
-    is_cooperative = _is_cooperative()
-    with _opened(path, os.O_RDONLY) as access:
-        file = access.file
+    with _opened(path, os.O_RDONLY) as file:
         now = os.fstat(file)
-        shape = Shape(now.st_size, now.st_mtime_ns, access.mode)
+        shape = Shape(now.st_size, now.st_mtime_ns, _mode(file))
         try:
             lease = _Lease(file)
         except BlockingIOError:
@@ -124,19 +125,18 @@ def evict(path: str, provided: Shape) -> Eviction:
         with lease:
             if not _is_of(file, provided):
                 return Eviction.CHANGED
-            if is_cooperative:
+            if _is_unguarded(file):
                 return _evicted_beside(path, file, shape, provided)
             lease.admit_readers()
-            access.allow_owner()
-            _set_mark(file, "placeholder", None if access.keeps_mode else access.mode)
+            _set_mark(file, "placeholder", None)
             os.fsync(file)
             # Has the kernel tell of every access again (fanotify_mark(2), FAN_MARK_IGNORE).
             os.utime(file, ns=(now.st_atime_ns, now.st_mtime_ns))
             if not (_is_alone(file) and _is_of(file, provided)):
-                os.removexattr(file, _MARK)
+                _as_owner("removexattr", file, _MARK)
                 return Eviction.IN_USE
         # There is no way back. Whoever gets at the file from now on waits for its content.
-        writable = os.open(f"/proc/self/fd/{file}", os.O_RDWR | os.O_CLOEXEC)
+        writable = _as_owner("open", file, os.O_RDWR | os.O_CLOEXEC)
         try:
             _make_sparse(writable, shape, True)
         finally:
@@ -146,26 +146,15 @@ def evict(path: str, provided: Shape) -> Eviction:
 
 def adapt(path: str) -> None:
     """For each placeholder at set-up: has it fit the way of coordination, which may be another one
-    than when it was made."""
+    than when it was made. (One that is hidden where readers are kept waiting again gets its
+    permissions from platformd.)"""
     with _looking_at(path) as old:
-        is_hidden = stat.S_IMODE(os.fstat(old).st_mode) == 0
-        if _state(old) is State.PRESENT or is_hidden == _is_cooperative():
+        if _state(old) is State.PRESENT or _mode(old) == 0 or not _is_cooperative():
             return
-        if _is_cooperative():
-            shape = _shape(old)
-            with _beside(path, old) as new:
-                _copy_attributes(old, new)
-                _make_hidden(new, shape)
-            return
-    with _opened(path, os.O_RDWR) as access:
-        mode = _mode_word(access.file)
-        if mode is None:
-            return  # Nobody's to read because somebody wanted it so.
-        shape = _shape(access.file)
-        _set_mark(access.file, "placeholder", None)
-        _make_sparse(access.file, shape, True)
-        os.fchmod(access.file, mode)
-        access.keeps_mode = True
+        shape = _shape(old)
+        with _beside(path, old) as new:
+            _copy_attributes(old, new)
+            _make_hidden(new, shape)
 
 
 # Marks.
@@ -173,6 +162,16 @@ def adapt(path: str) -> None:
 
 def _is_cooperative() -> bool:
     return _conduit.coordination() not in ("access", "open")
+
+
+def _is_unguarded(file: int) -> bool:
+    """Whether nobody would keep readers of the file waiting if it had permissions: platformd gives
+    them to a placeholder that has none as soon as it guards it."""
+    return _is_cooperative() or _mode(file) == 0
+
+
+def _mode(file: int) -> int:
+    return stat.S_IMODE(os.fstat(file).st_mode)
 
 
 def _inode_word(file: int) -> str:
@@ -222,7 +221,7 @@ def _mode_word(file: int) -> int | None:
 
 def _set_mark(file: int, what: str, mode: int | None) -> None:
     text = f"{what} {_inode_word(file)}" + (f" mode:{mode:o}" if mode is not None else "")
-    os.setxattr(f"/proc/self/fd/{file}", _MARK, text.encode())
+    _as_owner("setxattr", file, _MARK, text.encode())
 
 
 def _start_of(process: str) -> str | None:
@@ -279,12 +278,10 @@ def _set_times(file: int, shape: Shape) -> None:
 
 @contextlib.contextmanager
 def _filled_in_place(path: str, _: int, shape: Shape) -> Iterator[BinaryIO]:
-    with _opened(path, os.O_RDWR) as access:
-        file = access.file
-        was = _shape(file)
-        mode = was.mode if shape.mode is None else shape.mode
+    with _opened(path, os.O_RDWR) as file:
+        was, before = _shape(file), _mode(file)
         is_present = _state(file) is State.PRESENT
-        _set_mark(file, f"providing {os.getpid()} {_start_of(str(os.getpid()))}", mode)
+        _set_mark(file, f"providing {os.getpid()} {_start_of(str(os.getpid()))}", None)
         if is_present:
             os.fsync(file)
         else:
@@ -292,25 +289,29 @@ def _filled_in_place(path: str, _: int, shape: Shape) -> Iterator[BinaryIO]:
         try:
             with os.fdopen(os.dup(file), "r+b", buffering=_PIECE) as content:
                 yield content
+            if _state(file) is State.PRESENT:
+                raise OSError(errno.ESTALE, "A program has emptied the document", path)
             os.ftruncate(file, shape.size)
             _set_times(file, shape)
             os.fsync(file)
-            os.removexattr(file, _MARK)
+            _as_owner("removexattr", file, _MARK)
         except BaseException:
-            _make_sparse(file, was, True)
-            _set_mark(file, "placeholder", None)
+            # Without the mark it is what a program has written after it emptied it.
+            if _state(file) is not State.PRESENT:
+                _make_sparse(file, was, True)
+                _set_mark(file, "placeholder", None)
             raise
-        finally:
-            access.keeps_mode = True
-            if mode is not None:
-                os.fchmod(file, mode)
+        # What somebody has given it meanwhile stays. Without any, it was hidden by who guarded it.
+        if _mode(file) in (0, before):
+            os.fchmod(file, before if shape.mode is None else shape.mode)
 
 
 @contextlib.contextmanager
 def _filled_beside(path: str, old: int, shape: Shape) -> Iterator[BinaryIO]:
-    mode = shape.mode
+    mode, before = shape.mode, _mode(old)
 
     def settles(new: int) -> bool:
+        given = _mode(old)  # to the placeholder until this moment
         # The mark of the old one can be read now that it is nobody's document any more.
         if _mark(old) == "":
             os.chmod(f"/proc/self/fd/{old}", 0o400)
@@ -319,7 +320,9 @@ def _filled_beside(path: str, old: int, shape: Shape) -> Iterator[BinaryIO]:
                 return False
         word = _mode_word(old)
         _copy_attributes(old, new)
-        if mode is None:
+        if given not in (0, before):
+            os.fchmod(new, given)
+        elif mode is None:
             os.fchmod(new, 0o644 if word is None else word)
         return True
 
@@ -334,8 +337,11 @@ def _filled_beside(path: str, old: int, shape: Shape) -> Iterator[BinaryIO]:
 def _evicted_beside(path: str, file: int, shape: Shape, provided: Shape) -> Eviction:
     if os.fstat(file).st_nlink > 1:
         return Eviction.IN_USE
+
+    def settles(_: int) -> bool:
+        return _is_alone(file) and _is_of(file, provided) and _mode(file) == shape.mode
     try:
-        with _beside(path, file, lambda _: _is_alone(file) and _is_of(file, provided)) as new:
+        with _beside(path, file, settles) as new:
             _copy_attributes(file, new)
             _make_hidden(new, shape)
     except BlockingIOError:
@@ -359,38 +365,68 @@ def _looking_at(file: int | Path) -> Iterator[int]:
         os.close(number)
 
 
-@dataclass
-class _Access:
-    file: int
-    mode: int
-    """What the permissions were."""
-    keeps_mode: bool = True
-    """False where they are to be again what they were."""
-
-    def allow_owner(self) -> None:
-        """Lets the owner read and write the file, and its attributes."""
-        if self.mode & 0o600 != 0o600:
-            os.fchmod(self.file, self.mode | 0o600)
-            self.keeps_mode = False
-
-
 @contextlib.contextmanager
-def _opened(path: str, flags: int) -> Iterator[_Access]:
-    """The file, to which its owner gives access as long as the context lasts where its permissions
-    deny it."""
-    mode = stat.S_IMODE(os.stat(path, follow_symlinks=False).st_mode)
-    flags |= os.O_NOFOLLOW | os.O_CLOEXEC
+def _opened(path: str, flags: int) -> Iterator[int]:
+    """The file, also where its permissions deny its owner the access."""
+    with _looking_at(path) as place:
+        file = _as_owner("open", place, flags | os.O_CLOEXEC)
     try:
-        access = _Access(os.open(path, flags), mode)
-    except PermissionError:
-        os.chmod(path, mode | 0o600)
-        access = _Access(os.open(path, flags), mode, keeps_mode=False)
-    try:
-        yield access
+        yield file
     finally:
-        if not access.keeps_mode:
-            os.fchmod(access.file, mode)
-        os.close(access.file)
+        os.close(file)
+
+
+def _as_owner(call: str, file: int, *arguments: Any) -> Any:
+    """os.call(file, arguments), though the permissions of the file may deny it to its owner. Nobody
+    sees others meanwhile: a process for that one call has all power over its user's files, in a
+    user namespace of its own (user_namespaces(7)). Where there is none to be had, the owner is given
+    the permissions for that moment."""
+    path = f"/proc/self/fd/{file}"
+    try:
+        return getattr(os, call)(path, *arguments)
+    except PermissionError as problem:
+        if problem.errno != errno.EACCES or os.fstat(file).st_uid != os.geteuid():
+            raise
+    done = _in_namespace(call, file, arguments)
+    if done is not None:
+        return done
+    mode = _mode(file)
+    given = mode | 0o600
+    os.chmod(path, given)
+    try:
+        return getattr(os, call)(path, *arguments)
+    finally:
+        if _mode(file) == given:
+            os.chmod(path, mode)
+
+
+_ONE_CALL = """
+import ctypes, os, socket, sys
+call, file, arguments = eval(sys.argv[1])
+user, group, new_user = os.geteuid(), os.getegid(), 0x10000000
+if ctypes.CDLL(None).unshare(new_user) != 0:
+    sys.exit(1)
+for name, text in ("uid_map", f"{user} {user} 1"), ("setgroups", "deny"), ("gid_map", f"{group} {group} 1"):
+    with open("/proc/self/" + name, "w") as settings:
+        settings.write(text)
+result = getattr(os, call)(f"/proc/self/fd/{file}", *arguments)
+socket.send_fds(socket.socket(fileno=0), [b"done"], [] if result is None else [result])
+"""
+
+
+def _in_namespace(call: str, file: int, arguments: tuple[Any, ...]) -> int | None:
+    """The descriptor that the call returns, or 0; None when it was not made. The process executes
+    what this one does, and so platformd takes it for this one."""
+    if not sys.executable or getattr(sys, "frozen", False):
+        return None
+    ours, theirs = socket.socketpair()
+    with ours:
+        with theirs:
+            subprocess.run([sys.executable, "-I", "-S", "-c", _ONE_CALL, repr((call, file, arguments))],
+                           stdin=theirs.fileno(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                           pass_fds=[file], check=False)
+        said, descriptors, _, _ = socket.recv_fds(ours, 16, 1)
+    return (descriptors or [0])[0] if said else None
 
 
 class _Lease:
