@@ -52,7 +52,7 @@ std::optional<Error> writeKeyState(const KeyState& state) {
   text += std::to_string(state.lockState);
   text += unlockedKey;
   text += state.unlockedSinceBoot ? "1\n" : "0\n";
-  return FileManager::replaceFile(Places::keyState(), text);
+  return FileManager::replaceFile(Places::keyState(), text, 0644);
 }
 
 }  // namespace qx

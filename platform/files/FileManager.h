@@ -92,8 +92,8 @@ Result<std::string> readFile(const std::string& path);
 /// renamed over the old one, and the directory is synced. A reader sees the old file or the new
 /// one, whatever happens to the process or the machine. A failed write leaves the old file and no
 /// side file. `write` is given a function that appends text. A link at `path` is replaced, not
-/// followed; `mode` is less the umask. A file size limit (RLIMIT_FSIZE) is an error only where
-/// SIGXFSZ is ignored.
+/// followed. `mode` is the file's own, whatever the umask. A file size limit (RLIMIT_FSIZE) is an
+/// error only where SIGXFSZ is ignored.
 std::optional<Error> replaceFile(
     const std::string& path,
     const std::function<void(const std::function<void(std::string_view)>& append)>& write,

@@ -61,7 +61,11 @@ class SideFile {
       file_.reset(::openat(directory_.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
       if (!file_ && (errno == EOPNOTSUPP || errno == EISDIR || errno == ENOENT)) openNamed(mode);
     }
-    if (!file_) fail();
+    // Others read some of these files. A file system that keeps no modes may refuse.
+    const bool isOpen = static_cast<bool>(file_);
+    if (!isOpen || (::fchmod(file_.get(), mode) != 0 && errno != EPERM && errno != EOPNOTSUPP)) {
+      fail();
+    }
   }
   ~SideFile() {
     if (isNamed_) ::unlinkat(directory_.get(), name_.c_str(), 0);

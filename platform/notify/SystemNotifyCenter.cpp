@@ -128,7 +128,7 @@ std::optional<Error> post(const std::string& name) {
     return posixError(EINVAL, "The notification cannot be posted");
   }
   if (auto error = FileManager::createDirectory(Places::notifications())) return error;
-  return FileManager::replaceFile(Places::notifications() + "/" + name, "");
+  return FileManager::replaceFile(Places::notifications() + "/" + name, "", 0644);
 }
 
 }  // namespace qx::SystemNotifyCenter

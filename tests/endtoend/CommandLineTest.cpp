@@ -349,6 +349,13 @@ TEST_F(CommandLine, CopiesDocumentsAsTheyAre) {
   EXPECT_EQ(ask({"read", "A.txt"}), "content of item/a");
   EXPECT_EQ(installed.calls(vendorStart), 2U);
   fails({"read", "missing.txt"}, "");
+  fails({"read", ".", "--json"}, "Is a directory");
+
+  // A connection to a service does not get the number of an output that is closed.
+  ChildProcess closed({"env", "-C", directory_, "DOCSOURCE_ROOT=" + installation_.root(), "sh",
+                       "-c", "exec \"$@\" >&- 2>&-", "sh", builtProgram("docsource"), "read",
+                       "A.txt"});
+  EXPECT_EQ(closed.wait(), 1);
 }
 
 TEST_F(CommandLine, MakesAndResolvesBookmarks) {

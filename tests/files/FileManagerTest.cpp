@@ -37,7 +37,7 @@ std::int64_t errnoOf(const Error& error) {
 TEST(ReplaceFileTest, TheNewContentTakesTheOldOnesPlace) {
   TemporaryDirectory directory;
   const std::string path = directory / "file";
-  ::umask(022);
+  ::umask(077);
   EXPECT_EQ(FileManager::replaceFile(path, "first"), std::nullopt);
   struct stat status;
   ASSERT_EQ(::stat(path.c_str(), &status), 0);
@@ -53,7 +53,7 @@ TEST(ReplaceFileTest, TheNewContentTakesTheOldOnesPlace) {
       expected += piece;
     }
   };
-  EXPECT_EQ(FileManager::replaceFile(path, write, 0666), std::nullopt);
+  EXPECT_EQ(FileManager::replaceFile(path, write, 0644), std::nullopt);
   EXPECT_EQ(contentOf(path), expected);
   EXPECT_EQ(std::string(std::istreambuf_iterator(old), {}), "first");
   ASSERT_EQ(::stat(path.c_str(), &status), 0);

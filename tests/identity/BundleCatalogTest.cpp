@@ -8,11 +8,13 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 
 #include "platform/identity/Bundles.h"
 #include "platform/identity/SandboxRecord.h"
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Gate.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Mailbox.h"
 #include "tests/support/TemporaryRoot.h"
@@ -120,6 +122,28 @@ TEST_F(BundleCatalogTest, AnswersAreAsFreshAsTheQuestion) {
   writeList(prepared + "/Info.plist", bundleInfo("com.example.elsewhere", "program"));
   writeList(application("c") + "/Info.plist", bundleInfo("com.example.newer", "program"));
   EXPECT_EQ(identifiers(), "com.example.A2 com.example.newer ");
+
+  // More happens than the kernel keeps, while those who are told of changes hold the catalog up.
+  unsigned limit = 0;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
+  if (limit == 0 || limit > 100'000) return;
+  // It goes on observing until the program ends.
+  static auto& told = *new Gate;
+  static auto& release = *new Gate;
+  BundleCatalog::shared().observeChanges([] {
+    told.pass();
+    release.wait();
+  });
+  makeBundle(application("told"), "com.example.told");
+  told.wait();
+  // Equal events in a row would count as one.
+  for (unsigned event = 0; event < 2 * limit; ++event) {
+    std::ofstream(qx::Places::applications() + (event % 2 == 0 ? "/even" : "/odd"));
+  }
+  makeBundle(application("unheard"), "com.example.unheard");
+  EXPECT_EQ(identifiers(),
+            "com.example.A2 com.example.newer com.example.told com.example.unheard ");
+  release.pass();
 }
 
 TEST_F(BundleCatalogTest, TakesDirectoriesAndLinksToThem) {

@@ -100,6 +100,11 @@ TEST(ConcurrentQueue, BarriersKeepTheirPlace) {
   std::jthread releasing([&] { release.pass(); });
   EXPECT_EQ(queue->sync([&] { return value; }), 2);
   EXPECT_EQ(sawOne, 10);
+  // The last synchronous reader lets the barrier in, with no thread of the pool on its way.
+  const auto fresh = WorkQueue::concurrent("fresh");
+  Gate passed;
+  fresh->sync([&] { fresh->barrierAsync([&] { passed.pass(); }); });
+  passed.wait();
 }
 
 TEST(Suspension, NestsAndKeepsEverythingBack) {

@@ -43,18 +43,21 @@ int copy(const Arguments& arguments, const docsource::Result<docsource::Descript
          const std::string& name) {
   if (!document) return fail(arguments, document.error());
   std::vector<std::uint8_t> buffer(pieceSize);
-  bool printed = !arguments.json || print(R"({"content": ")");
   std::int64_t size = 0;
+  bool printed = true;
   while (printed) {
     const ssize_t count = readPiece(document->get(), buffer);
     if (count < 0) {
       return fail(arguments, docsource::Error::posix(errno, name + " cannot be read"));
     }
+    // What cannot be read at all begins no object.
+    if (arguments.json && size == 0) printed = print(R"({"content": ")");
     if (count == 0) break;
     size += count;
     const auto piece = std::span(buffer).first(static_cast<std::size_t>(count));
-    printed = arguments.json ? print(qx::base64Encode(piece))
-                             : print({reinterpret_cast<const char*>(piece.data()), piece.size()});
+    printed = printed &&
+              (arguments.json ? print(qx::base64Encode(piece))
+                              : print({reinterpret_cast<const char*>(piece.data()), piece.size()}));
   }
   if (arguments.json && printed) {
     printed = print(R"(", "encoding": "base64", "size": )" + std::to_string(size) + "}\n");

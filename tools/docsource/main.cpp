@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "extensions/account/Settings.h"
+#include "platform/base/FileDescriptor.h"
 #include "tools/docsource/Command.h"
 #include "tools/docsource/Output.h"
 
@@ -496,4 +497,7 @@ std::vector<OptionName> optionNames() {
 
 }  // namespace tool
 
-int main(int argc, char** argv) { return tool::interpret(argc, argv); }
+int main(int argc, char** argv) {
+  qx::fillStandardDescriptors(qx::StandardDescriptors::fail);
+  return tool::interpret(argc, argv);
+}
