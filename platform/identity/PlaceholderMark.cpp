@@ -11,6 +11,7 @@ namespace qx {
 namespace {
 
 constexpr std::string_view providingWord = "providing ";
+constexpr std::string_view emptiedWord = "emptied ";
 constexpr std::string_view thereWord = "there:";
 constexpr std::string_view modeBeginning = "mode:";
 constexpr int octal = 8;
@@ -37,6 +38,8 @@ bool isBeingFilled(std::string_view mark) {
   const auto state = directory ? directory->state() : std::nullopt;
   return state && state->startTime == startTime && state->isRunning();
 }
+
+bool isEmptied(std::string_view mark) { return mark.starts_with(emptiedWord); }
 
 std::optional<ByteRanges> partsThere(std::string_view mark) {
   const auto word = wordWith(thereWord, mark);

@@ -17,6 +17,11 @@ namespace qx {
 /// 22).
 bool isBeingFilled(std::string_view mark);
 
+/// Returns whether it says "emptied": who filled the file has found that a program has emptied it,
+/// and does not write to it any more. platformd, which keeps the program waiting, takes away what
+/// was written since.
+bool isEmptied(std::string_view mark);
+
 /// Returns the bytes that are there, in the file and on disk, in the version for which the
 /// placeholder stands: a word "there:BEGIN-END,BEGIN-END". Whoever sets the word has synced them
 /// before (fsync(2)), and never takes them out of that file again. Absent without that word: then

@@ -243,6 +243,7 @@ Result<void> Placeholder::reset(const Shape& shape, const Announcement& announce
   struct stat status {};
   if (::fstat(file_, &status) != 0) return fileError(file_, errno);
   const auto mark = mark::read(file_);
+  if (mark.isEmptied) return fileError(file_, ESTALE);
   const auto mode = static_cast<mode_t>(
       shape.mode.value_or(docsource::shapeOf(status, mark).mode.value_or(usualMode)));
   const bool isPresent = mark.state == PlaceholderState::present;
@@ -321,10 +322,14 @@ class PlaceholderWriter::Target {
     return {};
   }
 
-  /// Fails when the mark has gone: a program has emptied the file, and what it has by now is that
-  /// program's content.
+  /// Fails when a program has emptied the file: what it has from then on is that program's content.
+  /// The mark has gone, then. Or the file is shorter, and platformd may not find it empty any more;
+  /// the program, which waits before it writes, goes on when platformd has made it so.
   Result<void> check() {
-    if (!access_ || mark::read(file()).state != PlaceholderState::present) return {};
+    if (!access_) return {};
+    const bool isMarked = mark::read(file()).state != PlaceholderState::present;
+    if (isMarked && !isShorter()) return {};
+    if (isMarked) mark::setEmptied(file());
     isDone_ = true;
     return error(ESTALE);
   }
@@ -349,6 +354,14 @@ class PlaceholderWriter::Target {
   }
   /// Of the placeholder.
   mode_t modeNow() const { return modeOf(access_ ? file() : old_); }
+
+  /// Where only openings wait, who empties the file by its name means what it leaves of it.
+  bool isShorter() const {
+    struct stat status {};
+    return ::fstat(file(), &status) == 0 &&
+           static_cast<std::uint64_t>(status.st_size) < shape_.size &&
+           qx::readCoordinationMechanism() == qx::CoordinationMechanism::access;
+  }
 
   Result<void> finishInPlace(const Placeholder::Shape& shape) {
     if (!sparse::setTimes(file(), shape) || ::fsync(file()) != 0 || !mark::clear(file())) {
@@ -405,7 +418,7 @@ Result<PlaceholderWriter> Placeholder::fill(bool goesOn, bool onlyPlaceholder) c
   if (!shape) return shape.error();
   const auto was = mark::read(file_);
   const bool wasPresent = was.state == PlaceholderState::present && !was.isHidden;
-  if (onlyPlaceholder && wasPresent) return fileError(file_, ESTALE);
+  if (was.isEmptied || (onlyPlaceholder && wasPresent)) return fileError(file_, ESTALE);
   if (isUnguarded(file_) || (!goesOn && hasParts(file_))) {
     auto replacement = Replacement::beginFor(file_);
     if (!replacement) return replacement.error();

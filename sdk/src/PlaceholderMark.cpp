@@ -20,6 +20,7 @@ namespace {
 
 constexpr std::string_view placeholderWord = "placeholder";
 constexpr std::string_view providingWord = "providing ";
+constexpr std::string_view emptiedWord = "emptied";
 /// With it the platform says of an inode that a mark that names none holds for it. Only those who
 /// administer the machine can read it, and nobody else set it.
 constexpr const char* platformAttribute = "trusted.docsource.placeholder";
@@ -59,7 +60,7 @@ Mark read(int file) {
     const bool isHidden =
         errno == EACCES && ::fstat(file, &status) == 0 && (status.st_mode & permissions) == 0;
     return {isHidden ? PlaceholderState::placeholder : PlaceholderState::present, std::nullopt,
-            std::nullopt, isHidden};
+            std::nullopt, isHidden, false};
   }
   const auto inode = qx::inodeNameOf(file);
   if (!inode) return {};
@@ -70,7 +71,7 @@ Mark read(int file) {
     if (!confirmed || qx::markedInode(*confirmed, *inode) != qx::MarkedInode::this_) return {};
   }
   return {qx::isBeingFilled(*value) ? PlaceholderState::providing : PlaceholderState::placeholder,
-          qx::modeIn(*value), qx::partsThere(*value), false};
+          qx::modeIn(*value), qx::partsThere(*value), false, qx::isEmptied(*value)};
 }
 
 bool setPlaceholder(int file, std::optional<mode_t> mode,
@@ -86,6 +87,10 @@ bool setProviding(int file, std::optional<mode_t> mode, const std::optional<qx::
              std::string(providingWord) + std::to_string(::getpid()) + " " +
                  std::to_string(state ? state->startTime : 0),
              mode, parts, isMarked ? XATTR_REPLACE : 0);
+}
+
+bool setEmptied(int file) {
+  return set(file, std::string(emptiedWord), std::nullopt, std::nullopt, XATTR_REPLACE);
 }
 
 bool clear(int file) {

@@ -24,6 +24,8 @@ struct Mark {
   std::optional<qx::ByteRanges> parts;
   /// Whether the file has no permissions, so that its owner cannot read its mark either.
   bool isHidden = false;
+  /// Whether it only waits for platformd to make an empty document of it.
+  bool isEmptied = false;
 };
 /// Reads the mark. A file without one, or with one that was made for another inode, is present.
 Mark read(int file);
@@ -35,6 +37,8 @@ bool setPlaceholder(int file, std::optional<mode_t> mode,
 /// program has emptied the file does not come back.
 bool setProviding(int file, std::optional<mode_t> mode, const std::optional<qx::ByteRanges>& parts,
                   bool isMarked);
+/// Sets "emptied", if it is marked.
+bool setEmptied(int file);
 /// Removes the mark. It succeeds when there is none.
 bool clear(int file);
 

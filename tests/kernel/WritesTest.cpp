@@ -102,6 +102,41 @@ TEST_P(WritesTest, APlaceholderThatIsOverwrittenIsContent) {
   }
 }
 
+TEST_P(WritesTest, WhatIsEmptiedWhileItIsFilledBelongsToWhoEmptiedIt) {
+  source_ = add();
+  const std::string path = item("emptied");
+  makePlaceholder(path, 1 << 20, Mark::named);
+  Gate begun;
+  Gate goesOn;
+  source_->behave([&](const std::string& file, qx::Completion<qx::Error> completion) {
+    begun.pass();
+    goesOn.wait();
+    fill(file);
+    std::ofstream(file, std::ios::app) << "too late to be kept";
+    completion(std::nullopt);
+  });
+  ChildProcess other(reader("read", path));
+  begun.wait();
+  ChildProcess writer({"/bin/sh", "-c", "echo mine > " + path});
+  // Where only openings are told, it waits before it empties the file.
+  EXPECT_TRUE(!byAccess() || eventually([&] { return fs::file_size(path) == 0; }));
+  goesOn.pass();
+  EXPECT_EQ(writer.wait(), 0);
+  other.wait();
+  EXPECT_EQ(readAll(path), "mine\n");
+  EXPECT_TRUE(source_->writes.waitFor(path));
+
+  // Its provider has noticed it, and says so.
+  makePlaceholder(path, 1 << 20, Mark::named);
+  const qx::FileDescriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  const std::string emptied = "emptied " + qx::markWord(*qx::inodeNameOf(file.get()));
+  EXPECT_EQ(pwrite(file.get(), "late", 4, 100), 4);
+  EXPECT_EQ(fsetxattr(file.get(), "user.docsource.placeholder", emptied.data(), emptied.size(), 0),
+            0);
+  EXPECT_EQ(run({"cat", path}).line, "");
+  EXPECT_TRUE(eventually([&] { return fs::file_size(path) == 0; }));
+}
+
 TEST_P(WritesTest, AFileWithHolesThatSomebodyMadeIsContent) {
   source_ = add();
   EXPECT_EQ(shell("truncate -s 1000 " + item("holes") + "; echo end >> " + item("holes") +

@@ -452,7 +452,7 @@ TEST_P(PlaceholderTest, WhatAProgramWritesAfterItEmptiedItStays) {
       },
       {},  // given up
   };
-  for (const auto& step : steps) {
+  const auto isEmptied = [&](const Step& step, bool isFoundByPlatformd) {
     make();
     const auto file = open(path);
     {
@@ -460,14 +460,22 @@ TEST_P(PlaceholderTest, WhatAProgramWritesAfterItEmptiedItStays) {
       ASSERT_TRUE(writer.ok());
       succeeds(writer->write(content));
       std::ofstream saved(path);
-      ::removexattr(path.c_str(), attribute);  // as platformd does
+      if (isFoundByPlatformd) ::removexattr(path.c_str(), attribute);
       saved << "saved" << std::flush;
       const auto done = step ? step(*writer) : docsource::Result<void>();
       EXPECT_TRUE(!step || (!done && isOver(done.error(), ESTALE)));
     }
     EXPECT_EQ(read(open(path, O_RDONLY).get()), "saved");
+    std::string mark(200, ' ');
+    const ssize_t size = ::getxattr(path.c_str(), attribute, mark.data(), mark.size());
+    EXPECT_EQ(size > 0 && mark.starts_with("emptied "), !isFoundByPlatformd);
     EXPECT_TRUE(!Placeholder(file.get()).fill(false, true).ok());
+    EXPECT_EQ(Placeholder(file.get()).reset({content.size(), longAgo}).ok(), isFoundByPlatformd);
     std::filesystem::remove(path);
+  };
+  for (const auto& step : steps) {
+    isEmptied(step, true);
+    isEmptied(step, false);
   }
 }
 

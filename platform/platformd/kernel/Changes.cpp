@@ -30,12 +30,14 @@ constexpr std::size_t mostDirectories = 64;
 }  // namespace
 
 Changes::Changes(const ChangeGroup& group, GuardedTrees& trees, Claims& claims, OnArrival onArrival,
-                 OnProgress onProgress, OnLoss onLoss, OnQueue onQueue, Slowly slowly)
+                 OnProgress onProgress, OnModified onModified, OnLoss onLoss, OnQueue onQueue,
+                 Slowly slowly)
     : group_(group),
       trees_(trees),
       claims_(claims),
       onArrival_(std::move(onArrival)),
       onProgress_(std::move(onProgress)),
+      onModified_(std::move(onModified)),
       onLoss_(std::move(onLoss)),
       onQueue_(std::move(onQueue)),
       slowly_(std::move(slowly)),
@@ -99,9 +101,14 @@ void Changes::applyToFile(const ChangeEvent& change, const GuardedTrees::Directo
   const bool isForeign = !isExempt(change.process, directory.place);
   const bool isModified = (change.mask & FAN_MODIFY) != 0;
   const bool isClosed = (change.mask & (FAN_CLOSE_WRITE | FAN_MOVED_TO)) != 0;
-  if (isForeign && isModified && status.st_size == 0 && status.st_uid == directory.owner) {
-    // Emptied without a look at what it stood for.
-    Placeholder::unmark(file.get());
+  if (isForeign && isModified && status.st_uid == directory.owner) {
+    // Emptied without a look at what it stood for. By now its provider may have written to it.
+    const bool isEmptied = onModified_(identityOf(status)) || status.st_size == 0;
+    if (isEmptied) Placeholder::unmark(file.get());
+  }
+  if (change.mask & FAN_ATTRIB && status.st_uid == directory.owner &&
+      Placeholder::emptyIfAsked(file.get())) {
+    onModified_(identityOf(status));
   }
   const bool isPlaceholder = trees_.examine(file.get(), status, directory.owner, isClosed);
   if (isPlaceholder && change.mask & FAN_MOVED_TO) onArrival_(identityOf(status));

@@ -30,6 +30,7 @@ class Changes {
   using OnQueue = std::function<void(WorkQueue::Task)>;
   using OnArrival = std::function<void(const std::optional<FileIdentity>&)>;
   using OnProgress = std::function<void(const FileIdentity&)>;
+  using OnModified = std::function<bool(const FileIdentity&)>;
   using Slowly = std::function<void(uid_t, WorkQueue::Task)>;
   /// Events of one user were lost, or of all.
   using OnLoss = std::function<void(std::optional<uid_t>)>;
@@ -40,9 +41,12 @@ class Changes {
   /// takes long elsewhere, one thing of a user after the other, and keeps all of this alive
   /// meanwhile. `onArrival` is called with a placeholder that has come to a place in a tree, and
   /// with nothing when a directory has. `onProgress` is called when the attributes of a placeholder
-  /// have changed, and `onLoss` when the kernel has lost events, or one user's were too many.
+  /// have changed, `onModified` when a program has changed the content of a file that is not its
+  /// doc source's work, and returns whether the program has emptied a placeholder by that; and
+  /// `onLoss` when the kernel has lost events, or one user's were too many.
   Changes(const ChangeGroup& group, GuardedTrees& trees, Claims& claims, OnArrival onArrival,
-          OnProgress onProgress, OnLoss onLoss, OnQueue onQueue, Slowly slowly);
+          OnProgress onProgress, OnModified onModified, OnLoss onLoss, OnQueue onQueue,
+          Slowly slowly);
 
   /// Takes what the kernel has reported until now, or a few hundred of it: however many changes one
   /// user makes, programs that wait for a file do not wait until all of them were looked at.
@@ -66,6 +70,7 @@ class Changes {
   Claims& claims_;
   const OnArrival onArrival_;
   const OnProgress onProgress_;
+  const OnModified onModified_;
   const OnLoss onLoss_;
   const OnQueue onQueue_;
   const Slowly slowly_;

@@ -126,6 +126,7 @@ void KernelCoordinator::start(std::function<void()> onStop) {
         });
       },
       [this](const FileIdentity& file) { readers_->progressed(file); },
+      [this](const FileIdentity& file) { return readers_->wasModified(file); },
       [this](std::optional<uid_t> user) { lookAtAll(user); }, toQueue, toSlowQueue);
   readers_ = std::make_unique<Readers>(
       registry_, holder_, accesses_, trees_, claims_, *programs_, [this] { drain(true); }, toQueue,

@@ -93,6 +93,21 @@ void unmark(int file) {
   removeAttribute(file, vouchedAttribute);
 }
 
+bool empty(int path) {
+  struct stat status;
+  if (fstat(path, &status) != 0 || status.st_size != 0) {
+    const FileDescriptor file = reopen(path, O_WRONLY);
+    if (!file || ftruncate(file.get(), 0) != 0) return false;
+  }
+  unmark(path);
+  return true;
+}
+
+bool emptyIfAsked(int file) {
+  const auto mark = ownAttribute(file, placeholderAttribute);
+  return mark && isEmptied(*mark) && empty(file);
+}
+
 bool anchor(int path, const struct stat& status) {
   if (status.st_size < smallestSkipped) return true;
   const FileDescriptor file = reopen(path, O_RDWR | O_NOATIME);

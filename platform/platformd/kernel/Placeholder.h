@@ -48,6 +48,11 @@ void stopVouching(int file);
 
 /// Makes it a document from now on, because somebody discarded the content for which it stood.
 void unmark(int file);
+/// Makes it an empty document, because a program has emptied it and what it holds was written since
+/// by its provider. Returns false when the file cannot be opened for that.
+bool empty(int file);
+/// Does that when its provider says so in its mark. Returns whether it does.
+bool emptyIfAsked(int file);
 
 /// Takes all permissions off the file and remembers them, for the time in which nobody would keep
 /// readers waiting. Returns whether it has none now.

@@ -48,9 +48,11 @@ void Readers::decide(const Access& access, FileDescriptor file) {
   if (known != documents_.end() && claims_.isKnownToBeExempt(access.process, known->second.place)) {
     return end(0);
   }
-  if (known == documents_.end() && status.st_size == 0 && Placeholder::isOne(file.get(), status)) {
-    // Perhaps it was emptied by whoever writes now: its change was queued before this.
+  if (known == documents_.end() && Placeholder::isOne(file.get(), status)) {
+    // Perhaps it was emptied by whoever writes now: its change was queued before this. And what was
+    // changed before anybody waited for the file says nothing later.
     drain_();
+    Placeholder::emptyIfAsked(file.get());
     if (fstat(file.get(), &status) != 0) return end(0);
   }
   if (known == documents_.end() && trees_.settle(file.get())) {
@@ -124,6 +126,25 @@ void Readers::progressed(const FileIdentity& identity) {
   Clock::current().schedule(moment, [this, onQueue = onQueue_, identity] {
     onQueue([this, identity] { progressed(identity); });
   });
+}
+
+bool Readers::wasModified(const FileIdentity& identity) {
+  const auto found = documents_.find(identity);
+  // Where only openings are asked about, a file may get another size by its name.
+  if (found == documents_.end() || trees_.tellsOfOpeningsOnly(identity.device)) return false;
+  found->second.isEmptied = true;
+  if (!found->second.isAsked) onQueue_([this, identity] { leaveEmpty(identity); });
+  return true;
+}
+
+/// Takes away what the doc source has written since a program emptied the file.
+void Readers::leaveEmpty(const FileIdentity& identity) {
+  const auto found = documents_.find(identity);
+  if (found == documents_.end()) return;
+  const int file = found->second.file.get();
+  if (!Placeholder::empty(file)) return finish(identity, EIO);
+  trees_.settle(file);
+  finish(identity, 0);
 }
 
 void Readers::wait(const FileIdentity& identity, const Access& access, uid_t user,
@@ -271,6 +292,7 @@ void Readers::provided(const FileIdentity& identity, std::uint64_t turn,
   const auto found = documents_.find(identity);
   if (found == documents_.end() || found->second.turn != turn) return;
   Document& document = found->second;
+  if (document.isEmptied) return leaveEmpty(identity);
   if (error) {
     if (!document.isAsked) return;  // and waits for another to ask
     // Who lost the doc source waits for the next, which may be there already.

@@ -43,6 +43,10 @@ namespace qx::kernel {
 /// file. While a file is being provided, its doc source is told which bytes are waited for. A
 /// program goes on when its bytes are there, unless it needs the whole file at once (Programs).
 ///
+/// No program changes a file that is waited for without asking, but for one that empties it by
+/// opening it (open(2), O_TRUNC), of which the kernel only tells. Its writing waits; when the doc
+/// source has answered, whatever that has written by then is taken away, and everybody goes on.
+///
 /// Everything runs on the coordinator's queue; callbacks come back to it through `onQueue`.
 class Readers {
  public:
@@ -77,6 +81,10 @@ class Readers {
   void arrived(const FileIdentity& identity);
   /// A placeholder that is waited for may have more of its content than before.
   void progressed(const FileIdentity& identity);
+  /// A program that does not work for the doc source has changed the file's content. Returns
+  /// whether it has emptied a placeholder that is waited for. It gets at an empty file then, when
+  /// the doc source has stopped writing to it.
+  bool wasModified(const FileIdentity& identity);
   /// Doc sources went, and what they were asked is lost: programs that wait now wait for the next.
   void lookWhoIsAway();
 
@@ -88,6 +96,7 @@ class Readers {
     std::optional<GuardedTrees::Place> place;
     bool isSearched = false;
     bool isAsked = false;
+    bool isEmptied = false;           // by a program, whose content it is from then on
     std::uint64_t turn = 0;           // of the asking
     std::optional<DocSource> source;  // that was asked
     timespec changed{};               // when it was asked for, the time of its last change
@@ -107,6 +116,7 @@ class Readers {
   void await(const FileIdentity& identity);
   void provided(const FileIdentity& identity, std::uint64_t turn,
                 const std::optional<Error>& error);
+  void leaveEmpty(const FileIdentity& identity);
   void finish(const FileIdentity& identity, int errnum);
   void letGo(const Access& access, int errnum);
   /// Lets those programs go for which the file is good as it is. Returns whether any still waits.

@@ -21,6 +21,8 @@
 ///     "providing PID START inode:N:S.NNNNNNNNN"    that process fills it at the moment; START is
 ///                             when the process was started (proc_pid_stat(5), field 22). Once it
 ///                             is gone, the file is a placeholder like any other.
+///     "emptied inode:N:S.NNNNNNNNN"                a program has emptied it while it was filled;
+///                             platformd makes an empty document of it
 ///     "there:BEGIN-END,..."   a further word: these bytes are in the file and on disk already, and
 ///                             are not taken out of it again
 ///     "mode:OCTAL"            a further word: the permissions of the document, where those of the
