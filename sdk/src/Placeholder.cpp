@@ -334,6 +334,12 @@ class PlaceholderWriter::Target {
     return error(ESTALE);
   }
 
+  /// Why it could not be written to: platformd, too, keeps old content out of what was emptied.
+  Result<void> failed(int errnum) {
+    if (auto checked = check(); !checked) return checked;
+    return error(errnum);
+  }
+
   Result<void> finish(const Placeholder::Shape& shape) {
     if (auto checked = check(); !checked) return checked;
     struct stat status {};
@@ -509,7 +515,7 @@ Result<void> PlaceholderWriter::writeAt(std::uint64_t offset, std::string_view b
   constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
   if (offset > largest || bytes.size() > largest - offset) return target_->error(EFBIG);
   if (auto checked = target_->check(); !checked) return checked;
-  if (!sparse::writeAt(file(), static_cast<off_t>(offset), bytes)) return target_->error(errno);
+  if (!sparse::writeAt(file(), static_cast<off_t>(offset), bytes)) return target_->failed(errno);
   position_ = offset + bytes.size();
   return {};
 }
@@ -528,7 +534,7 @@ Result<void> PlaceholderWriter::publish(const Parts& parts) {
 Result<void> PlaceholderWriter::copy(int source) {
   if (auto checked = target_->check(); !checked) return checked;
   const off_t size = sparse::copy(source, file());
-  if (size < 0) return target_->error(errno);
+  if (size < 0) return target_->failed(errno);
   position_ = static_cast<std::uint64_t>(size);
   return {};
 }

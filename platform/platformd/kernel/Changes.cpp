@@ -101,14 +101,9 @@ void Changes::applyToFile(const ChangeEvent& change, const GuardedTrees::Directo
   const bool isForeign = !isExempt(change.process, directory.place);
   const bool isModified = (change.mask & FAN_MODIFY) != 0;
   const bool isClosed = (change.mask & (FAN_CLOSE_WRITE | FAN_MOVED_TO)) != 0;
-  if (isForeign && isModified && status.st_uid == directory.owner) {
-    // Emptied without a look at what it stood for. By now its provider may have written to it.
-    const bool isEmptied = onModified_(identityOf(status)) || status.st_size == 0;
-    if (isEmptied) Placeholder::unmark(file.get());
-  }
-  if (change.mask & FAN_ATTRIB && status.st_uid == directory.owner &&
-      Placeholder::emptyIfAsked(file.get())) {
-    onModified_(identityOf(status));
+  if (status.st_uid == directory.owner) {
+    if (isForeign && isModified) onModified_(change.process, file, status);
+    if (change.mask & FAN_ATTRIB) Placeholder::emptyIfAsked(file.get());
   }
   const bool isPlaceholder = trees_.examine(file.get(), status, directory.owner, isClosed);
   if (isPlaceholder && change.mask & FAN_MOVED_TO) onArrival_(identityOf(status));

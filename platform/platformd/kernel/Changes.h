@@ -30,7 +30,8 @@ class Changes {
   using OnQueue = std::function<void(WorkQueue::Task)>;
   using OnArrival = std::function<void(const std::optional<FileIdentity>&)>;
   using OnProgress = std::function<void(const FileIdentity&)>;
-  using OnModified = std::function<bool(const FileIdentity&)>;
+  using OnModified =
+      std::function<void(pid_t program, const FileDescriptor& file, const struct stat& status)>;
   using Slowly = std::function<void(uid_t, WorkQueue::Task)>;
   /// Events of one user were lost, or of all.
   using OnLoss = std::function<void(std::optional<uid_t>)>;
@@ -41,9 +42,9 @@ class Changes {
   /// takes long elsewhere, one thing of a user after the other, and keeps all of this alive
   /// meanwhile. `onArrival` is called with a placeholder that has come to a place in a tree, and
   /// with nothing when a directory has. `onProgress` is called when the attributes of a placeholder
-  /// have changed, `onModified` when a program has changed the content of a file that is not its
-  /// doc source's work, and returns whether the program has emptied a placeholder by that; and
-  /// `onLoss` when the kernel has lost events, or one user's were too many.
+  /// have changed, `onModified` when a program that does not work for the doc source has changed
+  /// the content of a file, and `onLoss` when the kernel has lost events, or one user's were too
+  /// many.
   Changes(const ChangeGroup& group, GuardedTrees& trees, Claims& claims, OnArrival onArrival,
           OnProgress onProgress, OnModified onModified, OnLoss onLoss, OnQueue onQueue,
           Slowly slowly);

@@ -126,7 +126,9 @@ void KernelCoordinator::start(std::function<void()> onStop) {
         });
       },
       [this](const FileIdentity& file) { readers_->progressed(file); },
-      [this](const FileIdentity& file) { return readers_->wasModified(file); },
+      [this](pid_t program, const FileDescriptor& file, const struct stat& status) {
+        readers_->wasModified(program, file, status);
+      },
       [this](std::optional<uid_t> user) { lookAtAll(user); }, toQueue, toSlowQueue);
   readers_ = std::make_unique<Readers>(
       registry_, holder_, accesses_, trees_, claims_, *programs_, [this] { drain(true); }, toQueue,

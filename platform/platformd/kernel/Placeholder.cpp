@@ -74,11 +74,16 @@ bool isOne(int file, const struct stat& status) {
   return status.st_blocks * blockUnit < status.st_size || ownAttribute(file, vouchedAttribute);
 }
 
+bool isBeingFilled(int file) {
+  const auto mark = ownAttribute(file, placeholderAttribute);
+  return mark && qx::isBeingFilled(*mark);
+}
+
 std::optional<ByteRanges> partsThere(int file) {
   const auto mark = attribute(file, placeholderAttribute);
   if (!mark || inodeIn(*mark, file) != MarkedInode::this_) return std::nullopt;
   auto parts = qx::partsThere(*mark);
-  return parts && isBeingFilled(*mark) ? parts : std::nullopt;
+  return parts && qx::isBeingFilled(*mark) ? parts : std::nullopt;
 }
 
 void vouch(int file) {

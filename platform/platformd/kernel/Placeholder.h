@@ -28,6 +28,9 @@ namespace Placeholder {
 /// Returns whether it is one; `status` is the file's fstat(2).
 bool isOne(int file, const struct stat& status);
 
+/// Returns whether its mark names a running process that fills it.
+bool isBeingFilled(int file);
+
 /// Returns the bytes that are there and on disk, according to the provider that fills the file at
 /// this moment. They become more until the file is content, and never less: a provider that has
 /// told of some gives the document another inode before it takes them away. Absent where nobody

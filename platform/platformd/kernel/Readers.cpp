@@ -43,27 +43,32 @@ void Readers::decide(const Access& access, FileDescriptor file) {
   struct stat status;
   if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return end(0);
   const FileIdentity identity = identityOf(status);
-  const auto known = documents_.find(identity);
-  // Who fills the file asks for each piece.
-  if (known != documents_.end() && claims_.isKnownToBeExempt(access.process, known->second.place)) {
-    return end(0);
-  }
+  auto known = documents_.find(identity);
+  lastEmptied_.reset();
   if (known == documents_.end() && Placeholder::isOne(file.get(), status)) {
     // Perhaps it was emptied by whoever writes now: its change was queued before this. And what was
     // changed before anybody waited for the file says nothing later.
     drain_();
     Placeholder::emptyIfAsked(file.get());
     if (fstat(file.get(), &status) != 0) return end(0);
+    known = documents_.find(identity);
+  }
+  // To a file that a program has emptied, its doc source may write nothing more.
+  const int leave =
+      lastEmptied_ == identity || (known != documents_.end() && known->second.isEmptied) ? EAGAIN
+                                                                                         : 0;
+  // Who fills the file asks for each piece.
+  if (known != documents_.end() && claims_.isKnownToBeExempt(access.process, known->second.place)) {
+    return end(leave);
   }
   if (known == documents_.end() && trees_.settle(file.get())) {
+    filled_.erase(identity);
+    const auto place =
+        leave != 0 || status.st_size == 0 ? trees_.locate(file.get(), status) : std::nullopt;
     // Whoever makes a file now may be gone when the change is told: whose process it is, is
     // remembered.
-    if (status.st_size == 0) {
-      if (const auto place = trees_.locate(file.get(), status)) {
-        claims_.isExempt(access.process, place);
-      }
-    }
-    return end(0);
+    const bool isExempt = place && claims_.isExempt(access.process, place);
+    return end(isExempt ? leave : 0);
   }
 
   const uid_t user = processes_.userOf(access.process);
@@ -84,7 +89,10 @@ void Readers::decide(const Access& access, FileDescriptor file) {
     }
   }
   auto place = known == documents_.end() ? trees_.locate(file.get(), status) : known->second.place;
-  if (claims_.isExempt(access.process, place)) return end(0);
+  if (claims_.isExempt(access.process, place)) {
+    if (known == documents_.end()) noteFilling(identity);
+    return end(leave);
+  }
   if (kind == ProgramKind::neverProvide) return end(EPERM);
   wait(identity, waiting, user, std::move(file), std::move(place));
 }
@@ -128,13 +136,53 @@ void Readers::progressed(const FileIdentity& identity) {
   });
 }
 
-bool Readers::wasModified(const FileIdentity& identity) {
-  const auto found = documents_.find(identity);
+/// A doc source writes to a placeholder that nobody waits for.
+void Readers::noteFilling(const FileIdentity& identity) {
+  constexpr std::size_t most = 1024;
+  if (filled_.size() >= most) {
+    std::erase_if(filled_, [this](const auto& entry) { return !isFilled(entry.first); });
+  }
+  if (filled_.size() < most) filled_[identity] = std::chrono::steady_clock::now();
+}
+
+/// What was changed before that writing says nothing, and has been looked at before it. So nothing
+/// is remembered for long: until then the file may have become content, have been changed, and be a
+/// placeholder once more.
+bool Readers::isFilled(const FileIdentity& identity) const {
+  constexpr std::chrono::seconds moment{3};
+  const auto found = filled_.find(identity);
+  return found != filled_.end() && std::chrono::steady_clock::now() - found->second < moment;
+}
+
+void Readers::wasModified(pid_t program, const FileDescriptor& file, const struct stat& status) {
+  const FileIdentity identity = identityOf(status);
   // Where only openings are asked about, a file may get another size by its name.
-  if (found == documents_.end() || trees_.tellsOfOpeningsOnly(identity.device)) return false;
-  found->second.isEmptied = true;
-  if (!found->second.isAsked) onQueue_([this, identity] { leaveEmpty(identity); });
-  return true;
+  const bool asksForAll = !trees_.tellsOfOpeningsOnly(status.st_dev);
+  const auto found = documents_.find(identity);
+  const bool isKnown = asksForAll && found != documents_.end();
+  const bool wasFilled = asksForAll && isFilled(identity) && Placeholder::isOne(file.get(), status);
+  if (!isKnown && !wasFilled && status.st_size != 0) return;
+  const bool isFilledNow = asksForAll && Placeholder::isBeingFilled(file.get());
+  Placeholder::unmark(file.get());
+  lastEmptied_ = identity;
+  if (isKnown) {
+    found->second.isEmptied = true;
+  } else {
+    auto place = wasFilled || isFilledNow ? trees_.locate(file.get(), status) : std::nullopt;
+    if (!place || !charges_.take(place->owner)) return;
+    Document& document = documents_[identity];
+    document.file = file.duplicate();
+    document.first = program;
+    document.user = place->owner;
+    document.place = std::move(place);
+    document.isEmptied = true;
+    ask(identity);
+  }
+  filled_.erase(identity);
+  onQueue_([this, identity] {
+    const auto now = documents_.find(identity);
+    if (now != documents_.end() && !now->second.isAsked) leaveEmpty(identity);
+  });
 }
 
 /// Takes away what the doc source has written since a program emptied the file.
@@ -162,7 +210,9 @@ void Readers::wait(const FileIdentity& identity, const Access& access, uid_t use
   auto& document = documents_[identity];
   document.accesses.push_back(access);
   if (isNew) {
+    filled_.erase(identity);
     document.file = std::move(file);
+    document.first = access.process;
     document.user = user;
     document.place = std::move(place);
   }
@@ -207,7 +257,7 @@ void Readers::ask(const FileIdentity& identity) {
   document.changed = status.st_ctim;
   document.source = claim->source;
   registry_->provide(claim->source, URL::fileURL(document.place->path),
-                     ProcessLineage::identifierOf(document.accesses.front().process),
+                     ProcessLineage::identifierOf(document.first),
                      [this, onQueue = onQueue_, identity,
                       turn = document.turn](const std::optional<Error>& error) {
                        onQueue([this, identity, turn, error] { provided(identity, turn, error); });

@@ -43,9 +43,10 @@ namespace qx::kernel {
 /// file. While a file is being provided, its doc source is told which bytes are waited for. A
 /// program goes on when its bytes are there, unless it needs the whole file at once (Programs).
 ///
-/// No program changes a file that is waited for without asking, but for one that empties it by
-/// opening it (open(2), O_TRUNC), of which the kernel only tells. Its writing waits; when the doc
-/// source has answered, whatever that has written by then is taken away, and everybody goes on.
+/// No program changes a file that is waited for or filled without asking, but for one that empties
+/// it by opening it (open(2), O_TRUNC), of which the kernel only tells. Its writing waits, and the
+/// doc source, which is asked unless it was already, may write nothing more. When it has answered,
+/// whatever it has written by then is taken away, and everybody goes on.
 ///
 /// Everything runs on the coordinator's queue; callbacks come back to it through `onQueue`.
 class Readers {
@@ -81,10 +82,10 @@ class Readers {
   void arrived(const FileIdentity& identity);
   /// A placeholder that is waited for may have more of its content than before.
   void progressed(const FileIdentity& identity);
-  /// A program that does not work for the doc source has changed the file's content. Returns
-  /// whether it has emptied a placeholder that is waited for. It gets at an empty file then, when
-  /// the doc source has stopped writing to it.
-  bool wasModified(const FileIdentity& identity);
+  /// A program that does not work for the doc source has changed the file's content. If it has
+  /// emptied a placeholder by that, the file is a document from now on: nobody gets at it before
+  /// its doc source, if that is filling it, has stopped.
+  void wasModified(pid_t program, const FileDescriptor& file, const struct stat& status);
   /// Doc sources went, and what they were asked is lost: programs that wait now wait for the next.
   void lookWhoIsAway();
 
@@ -92,7 +93,8 @@ class Readers {
   struct Document {
     FileDescriptor file;
     std::vector<Access> accesses;
-    uid_t user = 0;  // whom it is charged to
+    pid_t first = 0;  // program that wanted it
+    uid_t user = 0;   // whom it is charged to
     std::optional<GuardedTrees::Place> place;
     bool isSearched = false;
     bool isAsked = false;
@@ -116,6 +118,8 @@ class Readers {
   void await(const FileIdentity& identity);
   void provided(const FileIdentity& identity, std::uint64_t turn,
                 const std::optional<Error>& error);
+  void noteFilling(const FileIdentity& identity);
+  bool isFilled(const FileIdentity& identity) const;
   void leaveEmpty(const FileIdentity& identity);
   void finish(const FileIdentity& identity, int errnum);
   void letGo(const Access& access, int errnum);
@@ -135,6 +139,9 @@ class Readers {
   Charges charges_;
   WaitingProcesses processes_;
   Documents documents_;
+  /// The placeholders to which a doc source has written unasked, and when it last did.
+  std::map<FileIdentity, std::chrono::steady_clock::time_point> filled_;
+  std::optional<FileIdentity> lastEmptied_;
   std::uint64_t lastTurn_ = 0;
 };
 
