@@ -126,6 +126,24 @@ TEST_P(WritesTest, WhatIsEmptiedWhileItIsFilledBelongsToWhoEmptiedIt) {
   EXPECT_EQ(readAll(path), "mine\n");
   EXPECT_TRUE(source_->writes.waitFor(path));
 
+  // Its provider, whom nobody asked, is stopped.
+  if (byAccess()) {
+    makePlaceholder(path, 1 << 20, Mark::named);
+    Gate stopped;
+    source_->behave([&](const std::string&, auto completion) {
+      stopped.wait();
+      completion(std::nullopt);
+    });
+    const qx::FileDescriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(pwrite(file.get(), "early", 5, 0), 5);
+    ChildProcess unasked({"/bin/sh", "-c", "echo mine > " + path});
+    EXPECT_TRUE(
+        eventually([&] { return pwrite(file.get(), "late", 4, 1 << 19) < 0 && errno == EAGAIN; }));
+    stopped.pass();
+    EXPECT_EQ(unasked.wait(), 0);
+    EXPECT_TRUE(readAll(path) == "mine\n");
+  }
+
   // Its provider has noticed it, and says so.
   makePlaceholder(path, 1 << 20, Mark::named);
   const qx::FileDescriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));

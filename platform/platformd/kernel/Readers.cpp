@@ -179,16 +179,19 @@ void Readers::wasModified(pid_t program, const FileDescriptor& file, const struc
     ask(identity);
   }
   filled_.erase(identity);
-  onQueue_([this, identity] {
-    const auto now = documents_.find(identity);
-    if (now != documents_.end() && !now->second.isAsked) leaveEmpty(identity);
-  });
+  // Whom nobody asked has nothing to answer; and who waits for a server has nothing to write.
+  const bool isAsked = documents_.contains(identity) && documents_.at(identity).isAsked;
+  constexpr std::chrono::seconds longest{5};
+  Clock::current().schedule(isAsked ? longest : std::chrono::seconds(0),
+                            [this, onQueue = onQueue_, identity] {
+                              onQueue([this, identity] { leaveEmpty(identity); });
+                            });
 }
 
 /// Takes away what the doc source has written since a program emptied the file.
 void Readers::leaveEmpty(const FileIdentity& identity) {
   const auto found = documents_.find(identity);
-  if (found == documents_.end()) return;
+  if (found == documents_.end() || !found->second.isEmptied) return;
   const int file = found->second.file.get();
   if (!Placeholder::empty(file)) return finish(identity, EIO);
   trees_.settle(file);

@@ -46,7 +46,7 @@ namespace qx::kernel {
 /// No program changes a file that is waited for or filled without asking, but for one that empties
 /// it by opening it (open(2), O_TRUNC), of which the kernel only tells. Its writing waits, and the
 /// doc source, which is asked unless it was already, may write nothing more. When it has answered,
-/// whatever it has written by then is taken away, and everybody goes on.
+/// or after five seconds, whatever it has written by then is taken away, and everybody goes on.
 ///
 /// Everything runs on the coordinator's queue; callbacks come back to it through `onQueue`.
 class Readers {
