@@ -132,8 +132,14 @@ int work(bool byAccess) {
 
 int hold(EventHolder::Groups groups) {
   waitForTurnToServe().reset();
-  // Not before: the worker of an earlier start takes the announcement back at its end.
-  qx::announceCoordinationMechanism(groups.mechanism());
+  // Not before: the worker of an earlier start takes the announcement back at its end. Where
+  // nothing is marked yet, the worker announces it when all directories are: what providers make in
+  // them until then is unreadable.
+  if (groups.areMarked) {
+    qx::announceCoordinationMechanism(groups.mechanism());
+  } else {
+    qx::withdrawCoordinationMechanism();
+  }
   std::vector<qx::FileDescriptor> sockets;
   bool boundHere = false;
   for (const auto& name : serviceNames()) {

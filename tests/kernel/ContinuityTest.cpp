@@ -55,6 +55,32 @@ TEST_P(ContinuityTest, EveryByteIsRightWhileWorkersAreKilled) {
   std::printf("%d workers were killed in %d rounds\n", killed, rounds());
 }
 
+TEST_P(ContinuityTest, NothingIsSaidToBeWatchedBeforeItIs) {
+  constexpr int directories = 2000;
+  for (int i = 0; i < directories; ++i) fs::create_directories(item(std::to_string(i)));
+  makePlaceholder(item("1/placeholder"), 5000);
+  add();
+  EXPECT_EQ(platformd_->end(SIGTERM), 0);
+  platformd_.emplace("platformd", temporaryRoot(),
+                     std::map<std::string, std::string>{{"DOCSOURCE_COORDINATION", GetParam()}});
+  // What is made where nothing is watched yet would be read as zeros.
+  const std::string announcement = temporaryRoot() + "/run/coordination";
+  while (!fs::exists(announcement))
+    ASSERT_TRUE(platformd_->id() > 0 && kill(platformd_->id(), 0) == 0);
+  const pid_t serving = worker();
+  ASSERT_TRUE(serving > 0 && kill(serving, SIGSTOP) == 0);
+  int marked = 0;
+  const std::string facts = "/proc/" + std::to_string(platformd_->id()) + "/fdinfo";
+  for (const auto& entry : fs::directory_iterator(facts)) {
+    std::ifstream file(entry.path());
+    int marks = 0;
+    for (std::string line; std::getline(file, line);) marks += line.starts_with("fanotify ino:");
+    marked = std::max(marked, marks);
+  }
+  kill(serving, SIGCONT);
+  EXPECT_GT(marked, directories);
+}
+
 TEST_P(ContinuityTest, ReadersWaitThroughTheDeathOfAWorkerAndGetTheirContent) {
   const auto source = add();
   makePlaceholder(item("awaited"), 10000);

@@ -67,7 +67,8 @@ Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
   const char* storable = std::getenv("FDSTORE");
   const bool keeps = storable && std::atoi(storable) >= 2;
   if (accesses && changes) {
-    Groups groups{AccessGroup(std::move(accesses)), ChangeGroup(std::move(changes)), wanted, keeps};
+    Groups groups{AccessGroup(std::move(accesses)), ChangeGroup(std::move(changes)), wanted, keeps,
+                  true};
     if (!groups.accesses.knowsAccess(Places::documentsFileSystem())) groups.mask = openPermission;
     // The files of these are not known any more; the numbers are enough to end the wait.
     const int most = static_cast<int>(std::min<std::size_t>(limit, 1U << 20U));
@@ -96,7 +97,7 @@ Result<EventHolder::Groups> EventHolder::groups(std::uint64_t wanted) {
   if (!newChanges) return newChanges.error();
   const bool stored = keeps && store(newAccesses->descriptor(), accessesName) &&
                       store(newChanges->descriptor(), changesName);
-  return Groups{*std::move(newAccesses), *std::move(newChanges), wanted, stored};
+  return Groups{*std::move(newAccesses), *std::move(newChanges), wanted, stored, false};
 }
 
 void EventHolder::startWorker() {

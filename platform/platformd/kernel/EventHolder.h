@@ -40,6 +40,8 @@ class EventHolder {
     }
     /// Whether the service manager has them too, and keeps them when this process ends.
     bool stored = false;
+    /// Whether they have marks from before.
+    bool areMarked = false;
   };
   /// Takes them from the service manager, or makes new ones and stores them there if that is
   /// possible. Accesses that a process that is gone has read but not answered fail with EAGAIN.

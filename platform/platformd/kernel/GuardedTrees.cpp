@@ -292,6 +292,26 @@ GuardedTrees::Scan GuardedTrees::look(int directory, uid_t owner, bool wantsCont
   return mark(directory, pathOf(directory).value_or("/"), owner, wantsContents);
 }
 
+void GuardedTrees::markDirectories() {
+  std::set<Guarded> entries;
+  {
+    const std::lock_guard lock(listMutex_);
+    entries = list_.all();
+  }
+  for (const auto& entry : entries) {
+    if (entry.kind != Guarded::Kind::tree) continue;
+    const FileDescriptor root = openRoot(entry.path, entry.owner);
+    if (!root) continue;
+    walk(
+        root.get(), entry.path, entry.owner,
+        [this](int directory, const struct stat& status, const std::string&) {
+          int errnum = 0;
+          return markDirectory(directory, status.st_dev, errnum) != 0;
+        },
+        [](int, const struct stat&, const std::string&) {});
+  }
+}
+
 GuardedTrees::Scan GuardedTrees::guardAll() {
   Scan all;
   std::set<Guarded> entries;

@@ -57,6 +57,9 @@ class GuardedTrees {
     std::vector<std::string> contents;
   };
 
+  /// Marks the directories of everything that is on the list, and no file: what comes into them is
+  /// reported from then on.
+  void markDirectories();
   /// Marks everything that is on the list. What holds no placeholder is forgotten, unless it is
   /// claimed meanwhile.
   Scan guardAll();

@@ -84,6 +84,7 @@ KernelCoordinator::KernelCoordinator(std::shared_ptr<DocSourceRegistry> registry
       holder_(std::move(holder)),
       accesses_(std::move(accesses)),
       changeGroup_(std::move(changes)),
+      mask_(mask),
       trees_(accesses_, changeGroup_, mask, std::move(list), mostPinned) {}
 
 void KernelCoordinator::onQueue(WorkQueue::Task task) {
@@ -152,11 +153,22 @@ void KernelCoordinator::start(std::function<void()> onStop) {
     Input::begin(self, namesQueue_, names->descriptor(), &KernelCoordinator::drainNames);
   }
   WorkQueue::global().async([self = shared_from_this()] {
+    self->trees_.markDirectories();
+    self->queue_->sync([&] { self->announce(); });
     const auto scan = self->trees_.guardAll();
     DS_LOG("[INFO] Guarding %d directories with %d placeholders from before.", scan.directories,
            scan.placeholders);
     self->holder_.send({Message::Kind::ready}, -1, true);
   });
+}
+
+/// From now on providers make placeholders that can be read.
+void KernelCoordinator::announce() {
+  const auto mechanism =
+      mask_ == preAccess ? CoordinationMechanism::access : CoordinationMechanism::open;
+  if (!isStopping_ && readCoordinationMechanism() != mechanism) {
+    announceCoordinationMechanism(mechanism);
+  }
 }
 
 void KernelCoordinator::drain(bool all) { changes_->drain(all); }
@@ -316,6 +328,7 @@ void KernelCoordinator::lookAgain(const std::string& path) {
 
 void KernelCoordinator::stop() {
   queue_->sync([&] {
+    isStopping_ = true;
     if (!groupsStay_) {
       // What becomes a placeholder from now on is unreadable from the start.
       withdrawCoordinationMechanism();

@@ -43,7 +43,8 @@ class KernelCoordinator final : public DocSourceObserver,
                     AccessGroup accesses, ChangeGroup changes, std::uint64_t mask, GuardList list,
                     std::size_t mostPinned = PinnedInodes::usual);
 
-  /// Takes events, and begins to guard what is on the list. When all of it is guarded, the holder
+  /// Takes events, and begins to guard what is on the list. When all of its directories have marks,
+  /// the way in which programs are coordinated is announced; when all of it is guarded, the holder
   /// is told that the service is ready. `onStop` is called, on the queue, when the holder asks for
   /// the end or is gone.
   void start(std::function<void()> onStop);
@@ -62,6 +63,7 @@ class KernelCoordinator final : public DocSourceObserver,
   void onQueue(WorkQueue::Task task);
   void slowly(uid_t user, WorkQueue::Task task);
   // Called on the queue.
+  void announce();
   void receive();
   void drain(bool all);
   void drainSome() { drain(false); }
@@ -80,6 +82,7 @@ class KernelCoordinator final : public DocSourceObserver,
   const EventChannel holder_;
   const AccessGroup accesses_;
   const ChangeGroup changeGroup_;
+  const std::uint64_t mask_;
   const std::shared_ptr<WorkQueue> namesQueue_ = WorkQueue::serial("KernelCoordinator names");
   const std::shared_ptr<WorkQueue> queue_ = WorkQueue::serial("KernelCoordinator queue");
   const std::shared_ptr<Programs> programs_ = Programs::start();
@@ -100,6 +103,7 @@ class KernelCoordinator final : public DocSourceObserver,
   // Used on the queue.
   std::function<void()> onStop_;
   bool groupsStay_ = false;
+  bool isStopping_ = false;
   bool isLookingSoon_ = false;
   Claims claims_;
   std::unique_ptr<Changes> changes_;

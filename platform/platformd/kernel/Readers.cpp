@@ -342,6 +342,8 @@ void Readers::lookWhoIsAway() {
 
 void Readers::provided(const FileIdentity& identity, std::uint64_t turn,
                        const std::optional<Error>& error) {
+  // Perhaps a program has emptied the file meanwhile.
+  drain_();
   const auto found = documents_.find(identity);
   if (found == documents_.end() || found->second.turn != turn) return;
   Document& document = found->second;
