@@ -56,13 +56,14 @@ Error Engine::trouble(const Error& error) {
                          problem == RemoteProblem::unreachable || problem == RemoteProblem::notNow;
   if (!isTrouble) return error;
   constexpr std::int64_t longest = 30'000;
+  constexpr std::int64_t longestAsked = 3600;
   const std::int64_t shift = std::min<std::int64_t>(troubleTries_++, 10);
   auto delay = std::min<std::int64_t>(1000LL << shift, longest);
   if (const auto asked = remoteRetryAfter(error))
-    delay = std::max<std::int64_t>(asked->count() * 1000, 1);
+    delay = std::clamp<std::int64_t>(asked->count(), 0, longestAsked) * 1000 + 1;
   troubleUntil_ = now() + delay;
   // To wait for a moment at the remote's wish is no trouble to speak of.
-  if (state_ != state && problem != RemoteProblem::notNow) {
+  if (state_ != state && (problem != RemoteProblem::notNow || delay > longest)) {
     state_ = state;
     since_ = currentTime();
     changes_.note(rootItem);
@@ -77,7 +78,6 @@ bool Engine::isInTrouble() const { return trouble_ && now() < troubleUntil_; }
 void Engine::wellAgain() {
   if (trouble_) items_->makeAllDue(now());
   trouble_.reset();
-  troubleTries_ = 0;
   if (state_ != MirrorHealth::State::ok && hasLookedThere_) {
     state_ = MirrorHealth::State::ok;
     since_ = currentTime();

@@ -45,6 +45,13 @@ bool isUnchanged(const Node& known, const Node& seen) {
          known.isExposed == seen.isExposed;
 }
 
+/// Whether a directory can have such an entry. A remote may say anything, and what it says becomes
+/// part of a path here.
+bool isName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+}
+
 bool isNothing(const std::optional<Item>& item) {
   return item && !item->here && !item->agreed && !item->there;
 }
@@ -702,8 +709,13 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
   };
   overtaken_.clear();
   std::exception_ptr failure;
+  bool hasOnlyNames = true;
   const auto listed = remotely(lock, [&] {
     return remote_.list(*path, [&](const RemoteItem& item) {
+      if (!isName(item.name)) {
+        hasOnlyNames = false;
+        return;
+      }
       entries.push_back(item);
       if (entries.size() < batch || failure) return;
       const Lock inner(mutex_);
@@ -725,6 +737,10 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
     return {};
   }
   take();
+  // What is left out must not look removed.
+  if (!hasOnlyNames) {
+    return remoteError(RemoteProblem::failed, "The remote lists what cannot be a name.");
+  }
   noteAbsent(Side::there, directory, std::move(met));
   const auto item = items_->load(directory);
   if (item && item->reason && !item->due) {
@@ -735,7 +751,7 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
 
 Result<void> Engine::lookThere(Lock& lock, ItemNumber directory, const std::string& name) {
   const auto parent = items_->path(Side::there, directory);
-  if (!parent) return {};
+  if (!parent || !isName(name)) return {};
   overtaken_.clear();
   const auto now =
       remotely(lock, [&] { return remote_.look(parent->empty() ? name : *parent + "/" + name); });
@@ -829,6 +845,9 @@ bool Engine::observeThere(Lock& lock) {
     } else if (!there_.directories.empty()) {
       const auto [directory, recursive] = there_.directories.front();
       result = readDirectoryThere(lock, directory, recursive);
+      // Without the top nothing is known of anything.
+      if (!result && !isInTrouble() && directory == rootItem)
+        result = trouble(remoteError(RemoteProblem::unreachable, result.error().description()));
       if (result || !isInTrouble()) there_.directories.pop_front();
       if (!result && !isInTrouble()) {  // this directory cannot be read
         change(directory, [&](Item& unread) { unread.reason = result.error().description(); });
@@ -845,6 +864,7 @@ bool Engine::observeThere(Lock& lock) {
     if (!result) return !isInTrouble();
   }
   hasLookedThere_ = true;
+  troubleTries_ = 0;  // not before: who says who it is may still be unable to say what it has
   if (state_ != MirrorHealth::State::ok) wellAgain();
   return hasSeen;
 }

@@ -572,19 +572,26 @@ Result<S3Remote::Page> S3Remote::page(const std::string& prefix, bool isFlat, un
       for (auto& part : each.children) {
         if (part.name == "Key" && isEncoded) part.text = decoded(part.text);
       }
-      if (!each.textOf("Key").starts_with(prefix)) return strange(path, "it lists something else");
+      // Without a look at the delimiter a key is a path, and may lead anywhere.
+      const auto key = each.textOf("Key");
+      if (!key.starts_with(prefix) ||
+          (!isFlat && key.find('/', prefix.size()) != std::string_view::npos)) {
+        return strange(path, "it lists something else");
+      }
       result.objects.push_back(std::move(each));
     } else if (each.name == "CommonPrefixes") {
       const auto text = each.textOf("Prefix");
       result.prefixes.push_back(isEncoded ? decoded(text) : std::string(text));
-      if (!result.prefixes.back().starts_with(prefix)) {
+      const auto& below = result.prefixes.back();
+      if (!below.starts_with(prefix) || below.find('/', prefix.size()) + 1 < below.size()) {
         return strange(path, "it lists something else");
       }
     }
   }
   if (root->textOf("IsTruncated") == "true") {
     result.next = std::string(root->textOf("NextContinuationToken"));
-    if (result.next->empty()) return strange(path, "its listing has no end");
+    if (result.next->empty() || result.next == token)
+      return strange(path, "its listing has no end");
   }
   return result;
 }

@@ -366,6 +366,31 @@ TEST_F(EngineTest, TriesAgainOfItsOwnAccord) {
     fs::rename(here("d/f"), here("d/e"));
     pass();
   }
+  const auto health = [&] { return machine_->engine().health().state; };
+  // What leads out of the tree is not followed, and nobody is told that all is well.
+  for (const auto& name : {std::string(), std::string(".."), std::string("../out"),
+                           std::string("./out"), std::string("o\0t", 3)}) {
+    remote.added = name;
+    machine_->engine().beginSync(false);
+    machine_->engine().step();
+    EXPECT_EQ(health(), MirrorHealth::State::offline) << name;
+    remote.added.reset();
+    clock_.advance(std::chrono::seconds(31));
+    settle();
+    EXPECT_EQ(health(), MirrorHealth::State::ok) << name;
+    EXPECT_FALSE(fs::exists(here("../out")) || fs::exists(here("out"))) << name;
+  }
+  // Nobody is sent away for years, or without being told.
+  remote.problem = RemoteProblem::notNow;
+  remote.retryAfter = std::chrono::seconds::max();
+  remote.failures = 1000;
+  machine_->engine().beginSync(false);
+  machine_->engine().step();
+  EXPECT_EQ(health(), MirrorHealth::State::offline);
+  remote.failures = 0;
+  clock_.advance(std::chrono::hours(1) + std::chrono::seconds(1));
+  settle();
+  EXPECT_EQ(health(), MirrorHealth::State::ok);
 }
 
 TEST_F(EngineTest, WaitsForARemoteThatIsAwayOrNotTheSame) {

@@ -21,6 +21,10 @@ class UnreliableRemote final : public Remote {
   unsigned failures = 0;
   /// In a thousand: entries that are left out of a listing.
   unsigned lies = 0;
+  /// For how long it says that it does not want to be asked.
+  std::optional<std::chrono::seconds> retryAfter;
+  /// A document that it lists at the top besides.
+  std::optional<std::string> added;
   bool hasIdentifiers = true;
   std::mt19937_64* random = nullptr;
   /// The process that uses it is dead as long as that is true, and sends nothing any more.
@@ -40,6 +44,12 @@ class UnreliableRemote final : public Remote {
   }
   Result<void> list(const std::string& path, const Visitor& visit) override {
     return tried<void>([&] {
+      if (path.empty() && added) {
+        RemoteItem item;
+        item.name = *added;
+        item.version = "1";
+        visit(item);
+      }
       return remote_->list(path, [&](const RemoteItem& item) {
         if (!happens(lies)) visit(shown(item));
       });
@@ -93,7 +103,7 @@ class UnreliableRemote final : public Remote {
 
  private:
   bool happens(unsigned rate) { return rate > 0 && random && (*random)() % 1000 < rate; }
-  Error gone() const { return remoteError(problem, "The line is cut."); }
+  Error gone() const { return remoteError(problem, "The line is cut.", retryAfter); }
   template <class T, class F>
   Result<T> tried(F work) {
     if (isOffline || (isDead && *isDead) || happens(failures)) return gone();
