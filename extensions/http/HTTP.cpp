@@ -65,6 +65,22 @@ std::optional<std::chrono::seconds> retryAfter(const Answer& answer) {
   return std::chrono::seconds(std::max<std::int64_t>(*then - *now, 0));
 }
 
+/// The host to which a redirection leads, when that is another one than the request's.
+std::optional<std::string> otherHost(const std::string& url, const std::string& location) {
+  const std::unique_ptr<CURLU, void (*)(CURLU*)> address(curl_url(), &curl_url_cleanup);
+  const auto hostAfter = [&](const std::string& part) {
+    char* host = nullptr;
+    curl_url_set(address.get(), CURLUPART_URL, part.c_str(), CURLU_NON_SUPPORT_SCHEME);
+    curl_url_get(address.get(), CURLUPART_HOST, &host, 0);
+    std::string text = lowered(host ? host : "");
+    curl_free(host);
+    return text;
+  };
+  const auto own = hostAfter(url);
+  auto other = hostAfter(location);
+  return other == own ? std::nullopt : std::optional(std::move(other));
+}
+
 struct FreeList {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
@@ -130,9 +146,21 @@ struct Session::Transfer {
     }
     const auto colon = line.find(':');
     if (colon == std::string_view::npos) return size;
-    auto& value = transfer.answer.headers[lowered(line.substr(0, colon))];
+    const auto name = lowered(line.substr(0, colon));
+    const std::string said(trimmed(line.substr(colon + 1)));
+    // Who owns the server could look around where only this machine gets.
+    if (name == "location" && transfer.request.followsRedirects &&
+        transfer.answer.status / 100 == 3) {
+      if (const auto other = otherHost(transfer.request.url, said)) {
+        transfer.error =
+            remoteError(RemoteProblem::unreachable, "The server sends to another one: " + *other +
+                                                        ". Use that address if you trust it.");
+        return 0;
+      }
+    }
+    auto& value = transfer.answer.headers[name];
     if (!value.empty()) value += ", ";
-    value += trimmed(line.substr(colon + 1));
+    value += said;
     return size;
   }
 

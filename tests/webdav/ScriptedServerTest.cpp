@@ -79,6 +79,11 @@ class Scripted {
     EXPECT_TRUE(listed) << textOf(listed.error());
     return items;
   }
+  std::string port() {
+    const auto url = server_.url().value_or("");
+    const auto at = url.rfind(':') + 1;
+    return url.substr(at, url.find('/', at) - at);
+  }
   milliseconds waited() { return std::exchange(waited_, {}); }
   std::string password_ = "pass word";
 
@@ -97,6 +102,7 @@ TEST(ScriptedServer, WhatIsReadIsTheDocumentOrAnError) {
     std::string part;
   };
   const std::string part = content.substr(5, 10);
+  const auto port = server.port();
   for (const Case& each : std::initializer_list<Case>{
            {R"("norange": true)", content, part},
            {R"("notag": true)", content, part},
@@ -123,6 +129,9 @@ TEST(ScriptedServer, WhatIsReadIsTheDocumentOrAnError) {
            {R"("status": 502, "times": 2)", content, part},
            {R"("status": 302, "headers": {"Location": "/elsewhere"}, "path": "a")", "error 2",
             "error 2"},
+           {R"("status": 302, "times": 1, "headers": {"Location": "http://localhost:)" + port +
+                R"(/dav/a"})",
+            "error 8", "error 8"},
        }) {
     for (const auto& [offset, length, expected] :
          {std::tuple(0UL, UINT64_MAX, each.whole), std::tuple(5UL, 10UL, each.part)}) {
@@ -167,13 +176,19 @@ TEST(ScriptedServer, AListingIsWholeOrAnError) {
     server.faults(R"({"method": "PROPFIND", "href": ")" + kind + R"("})");
     EXPECT_EQ(names(), expected) << kind;
   }
-  for (const std::string fault :
-       {R"("cut": 400)", R"("status": 200, "body": "<html>Welcome</html>")",
-        R"("status": 207, "body": "<html>Welcome</html>")", R"("status": 207, "body": "")",
-        R"("status": 207, "body": "<multistatus xmlns=\"DAV:\"/>")",
-        R"("status": 207, "body": "<!DOCTYPE x [<!ENTITY a \"b\">]><multistatus xmlns=\"DAV:\"/>")",
-        R"("child": ["x y", 403])", R"("child": ["x y", 500])", R"("status": 500)",
-        R"("status": 301, "headers": {"Location": "/dav/d/e/"}, "times": 1)"}) {
+  for (
+      const auto& fault : std::initializer_list<std::string>{
+          R"("cut": 400)", R"("status": 200, "body": "<html>Welcome</html>")",
+          R"("status": 207, "body": "<html>Welcome</html>")", R"("status": 207, "body": "")",
+          R"("status": 207, "body": "<multistatus xmlns=\"DAV:\"/>")",
+          R"("status": 207, "body": "<!DOCTYPE x [<!ENTITY a \"b\">]><multistatus xmlns=\"DAV:\"/>")",
+          R"("status": 207, "body": "<multistatus xmlns=\"DAV:\"><!--)" +
+              std::string(2UL << 20U, 'x') +
+              R"(--><response><href>/dav/d</href><propstat><prop><resourcetype><collection/>)"
+              R"(</resourcetype></prop><status>HTTP/1.1 200 OK</status></propstat></response>)"
+              R"(</multistatus>")",
+          R"("child": ["x y", 403])", R"("child": ["x y", 500])", R"("status": 500)",
+          R"("status": 301, "headers": {"Location": "/dav/d/e/"}, "times": 1)"}) {
     server.faults(R"({"method": "PROPFIND", )" + fault + "}");
     EXPECT_FALSE(server->list("d", [](const RemoteItem&) {})) << fault;
   }
