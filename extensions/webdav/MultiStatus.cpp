@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::size_t mostText = 64UL * 1024;
 constexpr unsigned mostDepth = 64;
+/// Of a tag or comment; the parser begins with it anew at each piece.
+constexpr std::size_t mostOpen = 1024UL * 1024;
 
 Error notMultiStatus(const std::string& why) {
   return remoteError(RemoteProblem::unreachable,
@@ -61,6 +63,9 @@ class MultiStatus::Parser {
 
   Result<void> parse(std::string_view piece, bool isLast) {
     if (error_) return *error_;
+    open_ += piece.size();
+    if (open_ > mostOpen) refuse(notMultiStatus("a tag is too long"));
+    if (error_) return *error_;
     if (XML_Parse(expat_.get(), piece.data(), static_cast<int>(piece.size()), isLast ? 1 : 0) !=
             XML_STATUS_OK &&
         !error_) {
@@ -78,6 +83,7 @@ class MultiStatus::Parser {
   }
 
   void start(std::string_view name) {
+    open_ = 0;
     if (error_) return;
     if (++depth_ > mostDepth) return refuse(notMultiStatus("it is nested too deep"));
     if (depth_ == 1 && name != "DAV: multistatus") {
@@ -96,6 +102,7 @@ class MultiStatus::Parser {
   }
 
   void end(std::string_view name) {
+    open_ = 0;
     if (error_) return;
     --depth_;
     const auto text = trimmed(text_);
@@ -152,6 +159,7 @@ class MultiStatus::Parser {
   const Visitor visitor_;
   const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> expat_;
   std::optional<Error> error_;
+  std::size_t open_ = 0;
   unsigned depth_ = 0;
   std::string text_;
   Resource resource_;
