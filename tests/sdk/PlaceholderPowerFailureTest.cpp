@@ -2,12 +2,9 @@
 // program that changes it is stopped there, and the disk has by then whatever the kernel might have
 // written.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include <sys/fanotify.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -40,8 +37,10 @@ std::optional<long> changeOf(pid_t process) {
   return call.op == PTRACE_SYSCALL_INFO_ENTRY && isOne ? std::optional(number) : std::nullopt;
 }
 
-/// Runs `body` in a child up to before its change of that number. False when it ended before.
-bool runUntil(int change, const std::function<void()>& body, const std::function<void()>& there) {
+/// Runs `body` in a child up to before its change of that number, and tells which call that is.
+/// False when it ended before.
+bool runUntil(int change, const std::function<void()>& body,
+              const std::function<void(long call)>& there) {
   const pid_t child = ::fork();
   if (child == 0) {
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
@@ -54,10 +53,11 @@ bool runUntil(int change, const std::function<void()>& body, const std::function
   // Without it the kernel does not tell a call's beginning (PTRACE_GET_SYSCALL_INFO of ptrace(2)).
   ::ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);
   bool isSynced = true;
+  std::optional<long> call;
   for (int seen = 0; WIFSTOPPED(status) && seen < change;) {
     ::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
     ::waitpid(child, &status, 0);
-    const auto call = WIFSTOPPED(status) ? changeOf(child) : std::nullopt;
+    call = WIFSTOPPED(status) ? changeOf(child) : std::nullopt;
     if (!call) continue;
     ++seen;
     // Not every file system keeps to this order by itself.
@@ -69,7 +69,7 @@ bool runUntil(int change, const std::function<void()>& body, const std::function
   // The call is not carried out any more, and a lease is nobody's.
   ::kill(child, SIGKILL);
   ::waitpid(child, nullptr, 0);
-  there();
+  there(*call);
   return true;
 }
 
@@ -91,6 +91,16 @@ class PlaceholderPowerFailureTest : public testing::TestWithParam<const char*> {
     if (writer && writer->write(content)) (void)writer->finish({content.size(), time});
   }
 
+  void make() const { ASSERT_TRUE(Placeholder::make(path(), {before.size(), time}).ok()); }
+  void makePresent() const {
+    make();
+    fill(before);
+  }
+  void evict() const {
+    const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
+    (void)Placeholder(file.get()).evict({before.size(), time});
+  }
+
   /// `prepare` makes what there is before, which is then on the disk.
   void survives(const std::function<void()>& prepare, const std::function<void()>& change) {
     constexpr int fewestCalls = 4;
@@ -102,7 +112,7 @@ class PlaceholderPowerFailureTest : public testing::TestWithParam<const char*> {
         prepare();
         FileDescriptor root(::open(disk_.path().c_str(), O_RDONLY | O_CLOEXEC));
         ::syncfs(root.get());
-        const bool goesOn = runUntil(call, change, [&] { write(root.get(), contentFirst); });
+        const bool goesOn = runUntil(call, change, [&](long) { write(root.get(), contentFirst); });
         if (!goesOn) write(root.get(), contentFirst);
         disk_.fail();
         // Nobody has it open any more.
@@ -162,11 +172,8 @@ INSTANTIATE_TEST_SUITE_P(, PlaceholderPowerFailureTest, testing::Values("access"
                          [](const auto& mode) { return std::string(mode.param); });
 
 TEST_P(PlaceholderPowerFailureTest, LeavesAPlaceholderOrTheWholeContent) {
-  const auto make = [&] { ASSERT_TRUE(Placeholder::make(path(), {before.size(), time}).ok()); };
-  const auto makePresent = [&] {
-    make();
-    fill(before);
-  };
+  const auto make = [&] { this->make(); };
+  const auto makePresent = [&] { this->makePresent(); };
   survives([] {}, make);
   survives(make, [&] { fill(after); });
   survives(make, [&] {
@@ -179,14 +186,46 @@ TEST_P(PlaceholderPowerFailureTest, LeavesAPlaceholderOrTheWholeContent) {
     }
   });
   survives(makePresent, [&] { fill(after); });
-  survives(makePresent, [&] {
-    const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
-    (void)Placeholder(file.get()).evict({before.size(), time});
-  });
+  survives(makePresent, [&] { evict(); });
   survives(makePresent, [&] {
     const FileDescriptor file(::open(path().c_str(), O_PATH | O_CLOEXEC));
     (void)Placeholder(file.get()).reset({after.size(), time});
   });
+}
+
+/// Where nobody is asked any more who opens the file, as platformd has it for content.
+TEST_P(PlaceholderPowerFailureTest, WhoOpensItIsAskedAgainBeforeContentGoes) {
+  const std::array takesContent{SYS_ftruncate, SYS_fallocate, SYS_pwrite64};
+  int taken = 0;
+  bool goesOn = true;
+  for (int call = 1; goesOn; ++call) {
+    ::unlink(path().c_str());
+    makePresent();
+    const FileDescriptor group(::fanotify_init(FAN_NONBLOCK | FAN_CLOEXEC, O_RDONLY));
+    for (const unsigned kind : {0U, unsigned{FAN_MARK_IGNORED_MASK}}) {
+      ASSERT_EQ(
+          ::fanotify_mark(group.get(), FAN_MARK_ADD | kind, FAN_OPEN, AT_FDCWD, path().c_str()), 0);
+    }
+    const auto isTold = [&] {
+      fanotify_event_metadata event{};
+      const bool isOne = ::read(group.get(), &event, sizeof event) > 0;
+      if (isOne) ::close(event.fd);
+      return isOne;
+    };
+    goesOn = runUntil(
+        call, [&] { evict(); },
+        [&](long next) {
+          if (std::find(takesContent.begin(), takesContent.end(), next) == takesContent.end())
+            return;
+          ++taken;
+          while (isTold()) continue;
+          const auto content = FileManager::readFile(path());
+          // Or it goes as a whole, with its file.
+          const bool isAnother = GetParam() == std::string("cooperative");
+          EXPECT_TRUE(isAnother ? *content == before : isTold()) << "before call " << call;
+        });
+  }
+  EXPECT_GT(taken, 0);
 }
 
 }  // namespace
