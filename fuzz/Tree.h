@@ -1,8 +1,6 @@
 #pragma once
 
-#include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "tests/support/TemporaryRoot.h"
 

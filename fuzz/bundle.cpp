@@ -3,10 +3,8 @@
 
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <fstream>
 #include <memory>
-#include <string>
 
 #include "fuzz/Fuzz.h"
 #include "platform/extension/CatalogExtensionProxy.h"

@@ -1,7 +1,6 @@
 // Values as they cross a conduit. The first byte says how many descriptors came with the frame,
 // the rest is what the frame holds.
 
-#include <algorithm>
 #include <memory>
 #include <vector>
 

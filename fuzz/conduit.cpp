@@ -9,12 +9,8 @@
 //
 // ConduitScript.h tells how the input is read.
 
-#include <fcntl.h>
-
 #include <atomic>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "fuzz/ConduitScript.h"
 #include "fuzz/Fuzz.h"

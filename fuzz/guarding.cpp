@@ -6,7 +6,6 @@
 
 #include <array>
 #include <fstream>
-#include <string>
 
 #include "fuzz/Fuzz.h"
 #include "platform/platformd/kernel/EventChannel.h"

@@ -1,6 +1,5 @@
 // Property lists. The first byte chooses how the text is also read in pieces.
 
-#include <cmath>
 #include <istream>
 #include <streambuf>
 #include <string>

@@ -10,9 +10,7 @@
 #include <unistd.h>
 
 #include <array>
-#include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "fuzz/Fuzz.h"
 #include "platform/files/Places.h"

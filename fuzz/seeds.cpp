@@ -2,11 +2,8 @@
 // the encoders and writers of the system itself.
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "fuzz/ConduitScript.h"
 #include "platform/base/Errors.h"

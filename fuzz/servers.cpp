@@ -3,7 +3,6 @@
 // answer of a store. What is read in pieces is what is read as a whole, and nothing is nested
 // deeper than an answer is.
 
-#include <algorithm>
 #include <string>
 #include <vector>
 

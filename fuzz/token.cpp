@@ -5,9 +5,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <string>
 #include <vector>
 
 #include "fuzz/Fuzz.h"

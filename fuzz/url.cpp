@@ -1,13 +1,9 @@
 // URLs, how what they name lies to a directory, and the hidden sibling. The first byte says whether
 // the rest is a URL, a path, or what follows the URL of a directory.
 
-#include <filesystem>
-#include <string>
-#include <system_error>
-
+#include "platform/base/URL.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/Tree.h"
-#include "platform/base/URL.h"
 #include "platform/files/FileManager.h"
 #include "platform/sandbox/Sandbox.h"
 #include "servicer/DSConduitServicer.h"

@@ -1,9 +1,5 @@
 #include "tests/abuse/Abuse.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 
 namespace qx::test {

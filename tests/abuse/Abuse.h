@@ -1,16 +1,8 @@
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/types.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <optional>
 #include <random>
-#include <set>
-#include <string>
-#include <vector>
 
 #include "tests/support/Daemons.h"
 #include "tests/support/Grants.h"

@@ -1,12 +1,6 @@
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <chrono>
 #include <cstdio>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/abuse/Abuse.h"
 

@@ -4,13 +4,8 @@
 #include <sched.h>
 #include <sys/mount.h>
 
-#include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <mutex>
-#include <thread>
 
 #include "platform/files/FileManager.h"
 #include "tests/abuse/Abuse.h"

@@ -1,11 +1,7 @@
 // Clients that want to do harm. None gets what it may not have, and none slows another client down
 // by more than the load test allows: a bystander calls all the while.
 
-#include <fcntl.h>
-
 #include <atomic>
-#include <functional>
-#include <thread>
 
 #include "platform/conduit/Codec.h"
 #include "tests/abuse/Abuse.h"

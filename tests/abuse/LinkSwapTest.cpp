@@ -2,21 +2,12 @@
 // with another file's, while the daemons are asked about them: what is opened and granted is what
 // was checked.
 
-#include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <thread>
 
 #include "tests/abuse/Abuse.h"
-#include "tests/support/BundleMaker.h"
 #include "tests/support/Installation.h"
 
 namespace qx::test {

@@ -2,15 +2,8 @@
 // another, and when they are gone nothing of them is left.
 
 #include <sched.h>
-#include <sys/socket.h>
 
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <thread>
 
 #include "tests/abuse/Abuse.h"
 #include "tests/abuse/Bystander.h"

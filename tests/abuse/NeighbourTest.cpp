@@ -1,12 +1,7 @@
 // A hostile user beside an honest one, on a machine with one platformd: he holds as many
 // connections, descriptors, bytes and calls as he is let.
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/xattr.h>
-
-#include <atomic>
-#include <thread>
 
 #include "platform/files/FileManager.h"
 #include "tests/abuse/Abuse.h"

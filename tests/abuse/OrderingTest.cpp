@@ -2,15 +2,6 @@
 // order in which they come to run, what was promised about order holds. `./dev soak` runs this
 // under the thread sanitizer too.
 
-#include <unistd.h>
-
-#include <array>
-#include <atomic>
-#include <filesystem>
-#include <map>
-#include <set>
-#include <thread>
-
 #include "acl/DSAccessControlStore.h"
 #include "platform/queue/WorkQueue.h"
 #include "tests/abuse/Abuse.h"

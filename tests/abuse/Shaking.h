@@ -8,7 +8,6 @@
 #include <random>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace qx::test {
 

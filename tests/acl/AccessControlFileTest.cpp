@@ -1,4 +1,3 @@
-#include <fstream>
 
 #include "tests/acl/StoreFixture.h"
 

@@ -3,12 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "acl/DSAccessControlStore.h"
 #include "platform/files/FileManager.h"

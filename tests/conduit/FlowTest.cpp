@@ -1,11 +1,8 @@
 // What one peer can make a connection hold, and what it cannot do to the others.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
-
-#include <array>
 
 #include "tests/conduit/Trial.h"
 #include "tests/support/LogCapture.h"

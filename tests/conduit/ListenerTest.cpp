@@ -1,21 +1,11 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <filesystem>
-#include <span>
 #include <thread>
-#include <vector>
 
 #include "platform/base/Errors.h"
 #include "platform/conduit/ServiceSocket.h"

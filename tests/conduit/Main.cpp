@@ -2,13 +2,11 @@
 // by the service manager; it says "ready" or "nothing", and serves until standard input ends.
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "platform/conduit/ServiceSocket.h"
 #include "platform/files/Places.h"

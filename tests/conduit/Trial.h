@@ -2,15 +2,10 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "platform/conduit/QXConduitConnection.h"
 #include "platform/queue/WorkQueue.h"
 #include "tests/support/Gate.h"
-#include "tests/support/Mailbox.h"
 #include "tests/support/RawPeer.h"
 
 // clang-format off

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include "platform/conduit/QXConduitListener.h"
 #include "tests/conduit/Trial.h"
 

@@ -2,10 +2,6 @@
 
 #include <sys/xattr.h>
 
-#include <array>
-#include <map>
-#include <vector>
-
 #include "tests/coordination/Fixture.h"
 
 namespace {

@@ -2,20 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <string>
-#include <utility>
 
 #include "platform/base/Errors.h"
 #include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/platformd/FileCoordinationService.h"
 #include "tests/support/BundleMaker.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/Mailbox.h"
 #include "tests/support/Operations.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TemporaryRoot.h"
 #include "tests/support/Wire.h"
 

@@ -1,13 +1,8 @@
 // An account over a directory, as a person has it: real daemons, the account's own process, the
 // tool and the programs of the system, in both ways of coordination.
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 #include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
-#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {

@@ -3,13 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "platform/files/FileManager.h"
 #include "tests/support/BundleMaker.h"

@@ -1,27 +1,15 @@
 // The command-line tool as a process: what it prints, what it ends with, and what it leaves in the
 // root.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <thread>
 
 #include "platform/base/Text.h"
 #include "platform/identity/Bundles.h"
 #include "platform/plist/PropertyList.h"
 #include "tests/endtoend/Broker.h"
-#include "tests/support/BundleMaker.h"
-#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {

@@ -1,10 +1,6 @@
 // docsourced and platformd together: coordinated reads and writes reach the providers, and either
 // may come and go.
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-
 #include "tests/endtoend/Broker.h"
 
 namespace qx::test {

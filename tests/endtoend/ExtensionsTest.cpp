@@ -1,14 +1,7 @@
 // Provider extensions that come, change, go, and misbehave.
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "platform/plist/PropertyList.h"
 #include "tests/endtoend/Broker.h"
-#include "tests/support/BundleMaker.h"
 
 namespace qx::test {
 namespace {

@@ -2,21 +2,13 @@
 // process, and programs that know nothing of documents.
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <random>
 
 #include "platform/coordination/CoordinationState.h"
 #include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
-#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {

@@ -1,15 +1,6 @@
 // Programs in sandboxes that are laid out as Flatpak does it, and in such as pretend to be.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "tests/endtoend/Broker.h"
-#include "tests/support/BundleMaker.h"
-#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {

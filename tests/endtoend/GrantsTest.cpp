@@ -1,10 +1,7 @@
 // Grants through their own service: what there is, and that a grant which was taken back is gone in
 // every way: from the file, for bookmarks, for tokens, and for what was under way.
 
-#include <csignal>
-
 #include "tests/endtoend/Broker.h"
-#include "tests/support/Grants.h"
 
 namespace qx::test {
 namespace {

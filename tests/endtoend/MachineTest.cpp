@@ -1,13 +1,7 @@
 // A machine with several users and one platformd: what each gets, and what none can do to another.
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-
-#include <algorithm>
-#include <array>
-#include <vector>
 
 #include "platform/base/Errors.h"
 #include "platform/base/FileDescriptor.h"

@@ -1,11 +1,6 @@
 // What a client gets from the operations, and what the daemon takes it for.
 
-#include <filesystem>
-#include <fstream>
-
 #include "tests/endtoend/Broker.h"
-#include "tests/support/BundleMaker.h"
-#include "tests/support/Grants.h"
 
 namespace qx::test {
 namespace {

@@ -1,27 +1,17 @@
 // Applications that `docsource run` starts: what they can see of the machine, and what the services
 // give them there.
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/personality.h>
 #include <sys/ptrace.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstddef>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "tests/endtoend/Broker.h"
-#include "tests/support/BundleMaker.h"
-#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {

@@ -1,15 +1,8 @@
 // An account on a server, as a person has it: a real server, real daemons, the account's own
 // process and the tool.
 
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-
 #include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
-#include "tests/support/ChildProcess.h"
 
 namespace qx::test {
 namespace {

@@ -2,21 +2,11 @@
 // programs, a real provider, placeholders where content can be brought in on demand; what comes and
 // goes while they run; and programs that mean ill.
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <set>
-#include <sstream>
 
 #include "tests/endtoend/Broker.h"
-#include "tests/support/BundleMaker.h"
-#include "tests/support/ChildProcess.h"
 #include "tests/support/CountedCalls.h"
 
 namespace qx::test {

@@ -1,15 +1,8 @@
 // How the daemon comes up and goes down: with the device unlocked or not, beside another one, after
 // one that died.
 
-#include <sys/wait.h>
-
-#include <filesystem>
-#include <fstream>
-#include <regex>
-
 #include "platform/plist/PropertyList.h"
 #include "tests/endtoend/Broker.h"
-#include "tests/support/BundleMaker.h"
 
 namespace qx::test {
 namespace {

@@ -1,12 +1,6 @@
 #include "platform/extension/ExtensionHost.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "platform/base/Errors.h"
 #include "platform/base/FileDescriptor.h"
@@ -14,7 +8,6 @@
 #include "platform/queue/Clock.h"
 #include "tests/support/Gate.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/Mailbox.h"
 #include "tests/support/SelfProvider.h"
 #include "tests/support/TemporaryRoot.h"
 

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 
 #include "platform/base/Errors.h"

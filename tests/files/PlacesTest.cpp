@@ -1,9 +1,6 @@
 #include "platform/files/Places.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "tests/support/InChild.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -2,12 +2,9 @@
 // own, ended as a power failure ends it (ext4's shutdown without writing its log), and mounted
 // anew.
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <random>
-#include <string>
 #include <thread>
 
 #include "platform/files/FileManager.h"

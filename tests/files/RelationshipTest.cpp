@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 
-#include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <ostream>

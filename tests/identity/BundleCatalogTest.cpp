@@ -1,14 +1,8 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <poll.h>
 #include <sys/fanotify.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <filesystem>
-#include <fstream>
 
 #include "platform/identity/Bundles.h"
 #include "platform/identity/SandboxRecord.h"
@@ -16,7 +10,6 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Gate.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/Mailbox.h"
 #include "tests/support/TemporaryRoot.h"
 
 namespace {

@@ -3,10 +3,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <array>
-#include <atomic>
 #include <cstdio>
-#include <cstring>
 #include <random>
 
 #include "tests/kernel/Fixture.h"

@@ -1,28 +1,12 @@
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "platform/base/Errors.h"
 #include "platform/coordination/FileCoordinationProtocol.h"
@@ -32,9 +16,6 @@
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemons.h"
-#include "tests/support/Gate.h"
-#include "tests/support/Mailbox.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TemporaryRoot.h"
 
 namespace qx::test {

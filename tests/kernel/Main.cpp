@@ -5,13 +5,8 @@
 #include <sys/mman.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <random>
-#include <thread>
-#include <vector>
 
 #include "tests/kernel/Fixture.h"
 

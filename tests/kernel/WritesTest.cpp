@@ -1,9 +1,5 @@
 // What programs that know nothing of documents have written is told.
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "tests/kernel/Fixture.h"
 
 namespace {

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-
 #include "tests/mirror/Model.h"
 #include "tests/mirror/Servers.h"
 

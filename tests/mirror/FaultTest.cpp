@@ -3,7 +3,6 @@
 // out.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "tests/mirror/Model.h"
 

@@ -7,7 +7,6 @@
 
 #include "tests/mirror/Model.h"
 
-#include <array>
 #include <sstream>
 
 namespace docsource::test {

@@ -1,10 +1,5 @@
 #pragma once
 
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <string>
-
 #include "extensions/s3/S3Remote.h"
 #include "tests/webdav/ServerProcess.h"
 

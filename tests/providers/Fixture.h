@@ -1,11 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <future>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "platform/base/Errors.h"
 #include "platform/extension/ExtensionHost.h"

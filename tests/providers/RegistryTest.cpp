@@ -1,4 +1,3 @@
-#include <thread>
 
 #include "tests/providers/Fixture.h"
 

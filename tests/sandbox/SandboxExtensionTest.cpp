@@ -1,10 +1,6 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -14,7 +10,6 @@
 #include "platform/sandbox/Sandbox.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TemporaryRoot.h"
 
 namespace {

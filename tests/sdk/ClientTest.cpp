@@ -12,7 +12,6 @@
 
 #include "tests/support/BundleMaker.h"
 #include "tests/support/Daemons.h"
-#include "tests/support/Gate.h"
 #include "tests/support/Operations.h"
 #include "tests/support/TemporaryRoot.h"
 

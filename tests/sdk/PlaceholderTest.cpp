@@ -7,18 +7,11 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <sstream>
-#include <string>
 #include <thread>
 
 #include "tests/support/InChild.h"

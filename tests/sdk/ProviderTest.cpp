@@ -11,11 +11,9 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <optional>
 
 #include "tests/support/Gate.h"
 #include "tests/support/Operations.h"
-#include "tests/support/RawPeer.h"
 #include "tests/support/Wire.h"
 
 namespace qx::test {

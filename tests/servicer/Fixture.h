@@ -1,12 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <optional>
-#include <set>
-#include <string>
-#include <utility>
-
 #include "platform/base/Errors.h"
 #include "tests/support/Daemons.h"
 #include "tests/support/Grants.h"

@@ -1,11 +1,5 @@
 // Who may ask, the listing, and the requests that a provider act on an item.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "platform/base/FileDescriptor.h"
 #include "tests/servicer/Fixture.h"
 

@@ -1,19 +1,13 @@
 #include "tests/support/Daemons.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
-#include <utility>
 
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"

@@ -9,7 +9,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 #include "platform/base/FileDescriptor.h"
 #include "tests/support/Gate.h"

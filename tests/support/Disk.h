@@ -10,8 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "platform/files/FileManager.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -3,17 +3,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 
-#include <array>
 #include <functional>
 #include <list>
-#include <mutex>
-#include <optional>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "platform/conduit/ServiceSocket.h"
 #include "tests/support/Wire.h"

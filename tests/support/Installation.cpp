@@ -1,12 +1,5 @@
 #include "tests/support/Installation.h"
 
-#include <sys/socket.h>
-
-#include <array>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-
 #include "tests/support/BundleMaker.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemons.h"

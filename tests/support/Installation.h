@@ -2,13 +2,7 @@
 
 #include <sys/types.h>
 
-#include <map>
 #include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 #include "platform/base/URL.h"
 #include "platform/base/Value.h"

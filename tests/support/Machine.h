@@ -2,16 +2,8 @@
 
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <map>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "platform/files/FileManager.h"
 #include "tests/support/ChildProcess.h"

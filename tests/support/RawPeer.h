@@ -10,8 +10,6 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "platform/conduit/Codec.h"
 #include "tests/support/Mailbox.h"

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <cstdlib>
-#include <string>
-
 #include "platform/files/Places.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -2,8 +2,6 @@
 
 #include <cstdint>
 #include <map>
-#include <optional>
-#include <string>
 #include <string_view>
 
 #include "platform/base/Value.h"

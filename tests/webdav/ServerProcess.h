@@ -1,9 +1,6 @@
 #pragma once
 
-#include <filesystem>
 #include <memory>
-#include <optional>
-#include <string>
 #include <string_view>
 
 #include "docsource/remote.h"

@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>

@@ -14,13 +14,9 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "platform/base/Text.h"
 #include "platform/plist/PropertyList.h"
