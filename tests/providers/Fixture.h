@@ -3,14 +3,16 @@
 #include <future>
 
 #include "platform/base/Errors.h"
+#include "platform/coordination/FileCoordinationProtocol.h"
 #include "platform/extension/ExtensionHost.h"
 #include "platform/queue/Clock.h"
 #include "providers/DSExtensionDocSource.h"
-#include "tests/support/FakeService.h"
+#include "tests/support/Daemons.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Operations.h"
 #include "tests/support/SelfProvider.h"
 #include "tests/support/TemporaryRoot.h"
+#include "tests/support/Wire.h"
 
 /// Real bundles, real extension processes, and a clock that the test moves; each test has the
 /// registry of its process.
@@ -27,13 +29,10 @@ class ProvidersTest : public testing::Test {
   }
   void SetUp() override {
     ds_default_log().setLowestLevel(qx::LogLevel::debug);
-    service = std::make_unique<qx::test::FakeService>(
-        qx::test::coordinationService, [this](const std::string& operation, const qx::Array& with) {
-          const bool adds = operation.starts_with("addDocSource:");
-          events.put((adds ? "add " : "remove ") + qx::describe(with.front()));
-          const bool isRefused = with.front() == qx::Value("refused");
-          return qx::Array{isRefused ? qx::Value(DSNotPermittedError()) : qx::Value()};
-        });
+    qx::test::beApplication("com.example.tests", {{fileCoordinationHostEntitlement, true}});
+    platform.emplace("platformd", qx::test::temporaryRoot());
+    ASSERT_TRUE(qx::test::eventually(
+        [] { return qx::test::connectTo(qx::test::coordinationService).socket() >= 0; }));
   }
   void TearDown() override { qx::ExtensionHost::shared().shutdown(); }
 
@@ -59,10 +58,5 @@ class ProvidersTest : public testing::Test {
 
   static inline qx::ManualClock& clock = *new qx::ManualClock;
   LogCapture log;
-  /// What the file-coordination service hears: "add identifier", "remove identifier". It takes
-  /// every provider but "refused".
-  qx::test::Mailbox<std::string> events;
-
- private:
-  std::unique_ptr<qx::test::FakeService> service;
+  std::optional<qx::test::Daemon> platform;
 };
