@@ -45,7 +45,9 @@ TEST_P(ModelAtServers, NothingIsLostAndBothSidesAreEqualAtRest) {
   expectNoFindings(2, [&](std::uint64_t seed) { return std::make_unique<Model>(seed, &server); });
 }
 
-INSTANTIATE_TEST_SUITE_P(, ModelAtServers, testing::Values("lighttpd", "nginx", "moto", "s3rver"),
+INSTANTIATE_TEST_SUITE_P(, ModelAtServers,
+                         testing::Values("apache", "lighttpd", "nginx", "rclone", "sabre", "moto",
+                                         "s3rver"),
                          [](const auto& server) { return server.param; });
 
 }  // namespace

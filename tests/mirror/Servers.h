@@ -31,14 +31,16 @@ class Server {
   bool isStore() const { return isStore_; }
   std::string files() const { return server_.files(); }
 
-  /// The documents below a path that begins with a slash, which waits for nothing: twice the same
-  /// for the same one. Null when there is no such server.
+  /// The documents below a path that begins with a slash; through the proxy what would wait does
+  /// not. Twice the same for the same one. Null when there is no such server.
   std::unique_ptr<Remote> documents(const std::string& base, bool isDirect) const {
     if (!runs()) return nullptr;
     const auto& way = isDirect ? direct_ : throughProxy_;
     http::ConnectionOptions connection;
-    connection.wait = [](std::chrono::milliseconds) { return true; };
-    connection.patience = std::chrono::seconds(1);
+    if (!isDirect) {
+      connection.wait = [](std::chrono::milliseconds) { return true; };
+      connection.patience = std::chrono::seconds(1);
+    }
     if (isStore_) {
       s3::S3Options options;
       options.url = "s3://docs" + base;
@@ -51,6 +53,8 @@ class Server {
     }
     auto options = server_.options();
     std::filesystem::create_directories(server_.files() + base);
+    // Some servers work as another user.
+    std::filesystem::permissions(server_.files() + base, std::filesystem::perms::all);
     options.url = way + base;
     options.connection.wait = connection.wait;
     options.connection.patience = connection.patience;
