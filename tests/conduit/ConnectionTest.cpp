@@ -141,24 +141,18 @@ TEST(Caller, BuildsNothingForAnAnswerThatNobodyWaitsFor) {
 }
 
 TEST(Caller, MayAllowClassesInOneReplyArgument) {
-  auto [near, far] = socketPair();
-  auto server = QXConduitConnection::overSocket(std::move(near));
-  auto client = QXConduitConnection::overSocket(std::move(far));
-  auto object = std::make_shared<TrialObject>();
-  auto plain = QXConduitInterface::interfaceWithProtocol<Trial>();
-  server->setExportedInterface(plain);
-  server->setExportedObject<Trial>(object);
+  const Joined joined;
+  const auto& object = joined.object;
+  auto& errors = *joined.errors;
   auto widened = QXConduitInterface::interfaceWithProtocol<Trial>();
   using qx::conduit::ValueClass;
   widened->setClassesForReply({ValueClass::dictionary, ValueClass::url}, "listCompletion:", 0);
-  client->setRemoteObjectInterface(widened);
+  joined.caller->setRemoteObjectInterface(widened);
   object->list = Dictionary{{"a", Dictionary{{"b", qx::URL("file:///c")}}}};
-  server->resume();
-  client->resume();
+  joined.callee->resume();
+  joined.caller->resume();
   Mailbox<Dictionary> replies;
-  Errors errors;
-  auto proxy = client->remoteObjectProxyWithErrorHandler<Trial>(
-      [&](const Error& error) { errors.put(error); });
+  const auto proxy = joined.proxy();
   proxy->listCompletion([&](const auto& list, const auto&) { replies.put(*list); });
   ASSERT_TRUE(replies.waitForCount(1));
   EXPECT_EQ(replies.all().front(), object->list);

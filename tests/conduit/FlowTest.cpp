@@ -1,7 +1,6 @@
 // What one peer can make a connection hold, and what it cannot do to the others.
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include "tests/conduit/Trial.h"
@@ -35,15 +34,8 @@ TEST(Flow, AnAnswerLeftToTheGlobalQueueComesWhileItsCallStillRuns) {
 }
 
 TEST(Flow, WhoTakesAReplyMayWaitForAnother) {
-  auto [near, far] = socketPair();
-  const auto interface = QXConduitInterface::interfaceWithProtocol<Trial>();
-  const auto callee = QXConduitConnection::overSocket(std::move(near));
-  callee->setExportedInterface(interface);
-  callee->setExportedObject<Trial>(std::make_shared<TrialObject>());
-  const auto caller = QXConduitConnection::overSocket(std::move(far));
-  caller->setRemoteObjectInterface(interface);
-  const auto proxy = caller->remoteObjectProxyWithErrorHandler<Trial>(
-      [](const qx::Error& error) { ADD_FAILURE() << error.text(); });
+  const Joined joined;
+  const auto proxy = joined.proxy();
   constexpr int count = 8;
   // The last of them are still waiting when the test has seen all.
   const auto replied = std::make_shared<Gate>();
@@ -54,9 +46,10 @@ TEST(Flow, WhoTakesAReplyMayWaitForAnother) {
       replied->wait(count);
     });
   }
-  callee->resume();
-  caller->resume();
+  joined.callee->resume();
+  joined.caller->resume();
   replied->wait(count);
+  EXPECT_TRUE(joined.errors->all().empty());
 }
 
 TEST(Flow, AFrameOfTheLargestSizeIsTakenAndNoLargerOne) {
@@ -262,16 +255,9 @@ TEST(Descriptors, ArriveWithTheirFrameAndCloseWithTheirLastUser) {
 }
 
 TEST(Descriptors, GoWithTheirOwnFrameHoweverManyWaitToBeSent) {
-  auto [near, far] = socketPair();
-  const auto interface = QXConduitInterface::interfaceWithProtocol<Trial>();
-  const auto callee = QXConduitConnection::overSocket(std::move(near));
-  callee->setExportedInterface(interface);
-  callee->setExportedObject<Trial>(std::make_shared<TrialObject>());
-  const auto caller = QXConduitConnection::overSocket(std::move(far));
-  caller->setRemoteObjectInterface(interface);
-  caller->resume();
-  const auto proxy = caller->remoteObjectProxyWithErrorHandler<Trial>(
-      [](const qx::Error& error) { ADD_FAILURE() << error.text(); });
+  const Joined joined;
+  joined.caller->resume();
+  const auto proxy = joined.proxy();
   const auto file = std::make_shared<const qx::FileDescriptor>(dup(STDERR_FILENO));
   Mailbox<std::int64_t> taken;
   // More than the socket holds, so that the rest is sent together when it is read.
@@ -279,7 +265,7 @@ TEST(Descriptors, GoWithTheirOwnFrameHoweverManyWaitToBeSent) {
   for (int i = 0; i < 3; ++i) {
     proxy->take_and_completion(file, file, [&](const auto& number) { taken.put(*number); });
   }
-  callee->resume();
+  joined.callee->resume();
   ASSERT_TRUE(taken.waitForCount(3));
   EXPECT_EQ(taken.all(), (std::vector<std::int64_t>{3, 3, 3}));
 }

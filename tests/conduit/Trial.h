@@ -117,6 +117,25 @@ struct Served {
   std::shared_ptr<Gate> ended;
 };
 
+/// Two connections of which one calls the other's object; neither is resumed.
+struct Joined {
+  explicit Joined(std::pair<FileDescriptor, FileDescriptor> ends = socketPair())
+      : callee(QXConduitConnection::overSocket(std::move(ends.first))),
+        caller(QXConduitConnection::overSocket(std::move(ends.second))) {
+    callee->setExportedInterface(QXConduitInterface::interfaceWithProtocol<Trial>());
+    callee->setExportedObject<Trial>(object);
+    caller->setRemoteObjectInterface(QXConduitInterface::interfaceWithProtocol<Trial>());
+  }
+  std::shared_ptr<Trial> proxy() const {
+    return caller->remoteObjectProxyWithErrorHandler<Trial>(
+        [errors = errors](const Error& error) { errors->put(error); });
+  }
+
+  const std::shared_ptr<TrialObject> object = std::make_shared<TrialObject>();
+  const std::shared_ptr<QXConduitConnection> callee, caller;
+  const std::shared_ptr<Mailbox<Error>> errors = std::make_shared<Mailbox<Error>>();
+};
+
 inline std::vector<std::uint8_t> echoCall(std::int64_t id, const std::string& text) {
   return RawPeer::call(id, "echo:completion:", [&](conduit::Encoder& message) {
     conduit::encodeList(message, std::optional(text));

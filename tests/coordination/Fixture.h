@@ -31,9 +31,6 @@ class Client : public Wire {
   }
   std::string end(std::int64_t read) { return answer(read).outcome(); }
   std::string read(const std::string& path) { return end(beginRead(path)); }
-  std::string wrote(const std::string& path) {
-    return call(finishedWriting, {URL::fileURL(path)}).outcome();
-  }
 
   /// Waits for the next call of the service; its operation and arguments.
   std::string nextCall() {

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-#include <poll.h>
 #include <sys/fanotify.h>
 #include <sys/syscall.h>
 
@@ -63,15 +62,6 @@ class BundleCatalogTest : public testing::Test {
 
   static std::string identityOf(const ChildProcess& process) {
     return BundleIdentifierFromAuditToken(AuditToken::ofProcess(process.id())).value_or("nobody");
-  }
-
-  static bool within(std::chrono::milliseconds time, const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + time;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      poll(nullptr, 0, 5);
-    }
-    return true;
   }
 
   static std::string programOf(const std::string& bundle) { return bundle + "/program"; }
@@ -346,7 +336,7 @@ TEST_F(BundleCatalogTest, ADaemonInASandboxIsNoDaemon) {
   };
   {
     ChildProcess outside({"env", "DOCSOURCE_ROOT=" + root.path(), daemon});
-    EXPECT_TRUE(within(std::chrono::seconds(20), [&] { return isHost(outside); }));
+    EXPECT_TRUE(eventually([&] { return isHost(outside); }));
   }
   ChildProcess inside(
       {"unshare", "--user", "--map-root-user", "env", "DOCSOURCE_ROOT=" + root.path(), daemon});
@@ -355,7 +345,7 @@ TEST_F(BundleCatalogTest, ADaemonInASandboxIsNoDaemon) {
     stat(daemon.c_str(), &status);
     return status;
   }());
-  if (!within(std::chrono::seconds(20), [&] {
+  if (!eventually([&] {
         const auto process = qx::ProcessDirectory::open(inside.id());
         return process && process->executable() == program;
       })) {
@@ -388,8 +378,7 @@ TEST_F(BundleCatalogTest, ABundleThatCannotBeReadHoldsUpNobodyElse) {
   }
   fs::rename(prepared, application("hanging"));
   // The first question finds it out, and no later one waits, whatever happens to the bundle.
-  EXPECT_TRUE(
-      within(std::chrono::seconds(20), [&] { return identifiers() == "com.example.good "; }));
+  EXPECT_TRUE(eventually([&] { return identifiers() == "com.example.good "; }));
   const auto begun = std::chrono::steady_clock::now();
   constexpr int rounds = 100;
   for (int round = 0; round < rounds; ++round) {
@@ -405,9 +394,8 @@ TEST_F(BundleCatalogTest, ABundleThatCannotBeReadHoldsUpNobodyElse) {
   fs::rename(application("hanging"), prepared);
   fs::rename(temporaryRoot() + "/prepared-next", application("hanging"));
   guard.reset();
-  EXPECT_TRUE(within(std::chrono::seconds(20), [&] {
-    return identifiers() == "com.example.good com.example.next com.example.new ";
-  }));
+  EXPECT_TRUE(eventually(
+      [&] { return identifiers() == "com.example.good com.example.next com.example.new "; }));
 }
 
 }  // namespace

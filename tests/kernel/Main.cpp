@@ -4,7 +4,6 @@
 
 #include <sys/mman.h>
 
-#include <atomic>
 #include <cstdio>
 #include <random>
 
@@ -57,23 +56,21 @@ std::string readEach(const std::string& directory) {
 }
 
 /// As many threads read the file as the last word of the way says ("storm-100"), until all of them
-/// have an answer; says that they wait before, and how many were told to try again after.
+/// have an answer; says before that they wait.
 std::string storm(const std::string& way, const std::string& path) {
   const int count = std::atoi(way.substr(way.find('-') + 1).c_str());
-  std::atomic<int> refused{0};
   std::vector<std::thread> readers;
   for (int i = 0; i < count; ++i) {
     readers.emplace_back([&] {
       const qx::FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
       char byte = 0;
-      const bool isRefused = !file || read(file.get(), &byte, 1) < 0;
-      if (isRefused && errno == EAGAIN) ++refused;
+      (void)!read(file.get(), &byte, 1);
     });
   }
   std::printf("waiting\n");
   std::fflush(stdout);
   for (auto& each : readers) each.join();
-  return std::to_string(refused);
+  return "answered";
 }
 
 /// Changes a file through a mapping that outlives its descriptor.

@@ -1,6 +1,5 @@
 #include "tests/support/Daemons.h"
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 
@@ -23,15 +22,6 @@ bool becomesReadable(int descriptor) {
 }
 
 }  // namespace
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    poll(nullptr, 0, 5);
-  }
-  return true;
-}
 
 std::vector<std::string> asUser(uid_t user, const std::vector<std::string>& words) {
   const auto number = std::to_string(user);

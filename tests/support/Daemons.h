@@ -16,10 +16,6 @@
 
 namespace qx::test {
 
-/// Whether a condition of another process came true within the patience of the tests: looked at
-/// again and again, for what tells nobody when it changes.
-bool eventually(const std::function<bool()>& condition);
-
 /// The words that run a program as another user, by number; for root alone.
 std::vector<std::string> asUser(uid_t user, const std::vector<std::string>& words);
 

@@ -167,20 +167,10 @@ void Consumer::end() {
 
 std::optional<Wire> Consumer::tryConnect(const std::string& service) const {
   if (send(control_.get(), service.data(), service.size(), MSG_NOSIGNAL) < 0) return std::nullopt;
-  char byte = 0;
-  iovec part{&byte, 1};
-  std::array<char, CMSG_SPACE(sizeof(int))> control{};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
-  if (recvmsg(control_.get(), &message, MSG_CMSG_CLOEXEC) <= 0) return std::nullopt;
-  const cmsghdr* header = CMSG_FIRSTHDR(&message);
-  if (!header || header->cmsg_type != SCM_RIGHTS) return std::nullopt;
-  int descriptor = -1;
-  std::memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
-  return Wire(FileDescriptor(descriptor));
+  std::array<std::uint8_t, 1> byte{};
+  std::vector<FileDescriptor> received;
+  if (receiveFrom(control_.get(), byte, received) <= 0 || received.empty()) return std::nullopt;
+  return Wire(std::move(received.front()));
 }
 
 Wire Consumer::connect(const std::string& service) const {

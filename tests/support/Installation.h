@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "platform/base/URL.h"
-#include "platform/base/Value.h"
 #include "tests/support/Grants.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Wire.h"

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <poll.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +13,18 @@ namespace qx::test {
 
 /// How long a test waits for what must happen before it calls it a failure.
 inline constexpr std::chrono::seconds patience{20};
+
+/// Whether a condition came true within that time: looked at again and again, for what tells nobody
+/// when it changes.
+template <class Condition>
+bool eventually(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    poll(nullptr, 0, 5);
+  }
+  return true;
+}
 
 /// What callbacks on other threads leave for the test to wait for.
 template <class Message>

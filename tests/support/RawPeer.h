@@ -23,6 +23,30 @@ inline std::pair<FileDescriptor, FileDescriptor> socketPair() {
   return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
+/// Receives what comes next over a socket, with its descriptors behind those that are there
+/// already (recvmsg(2)).
+inline ssize_t receiveFrom(int socket, std::span<std::uint8_t> bytes,
+                           std::vector<FileDescriptor>& descriptors) {
+  iovec part{bytes.data(), bytes.size()};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * conduit::maximumDescriptors)> control;
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  const ssize_t count = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+  if (count < 0) return count;
+  for (auto* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
+    if (header->cmsg_type != SCM_RIGHTS) continue;
+    for (std::size_t at = CMSG_LEN(0); at < header->cmsg_len; at += sizeof(int)) {
+      int descriptor = -1;
+      std::memcpy(&descriptor, reinterpret_cast<char*>(header) + at, sizeof descriptor);
+      descriptors.emplace_back(descriptor);
+    }
+  }
+  return count;
+}
+
 /// The far end of a conduit, which sends whatever a test wants. Blocking, with the patience of the
 /// tests.
 class RawPeer {
@@ -149,24 +173,13 @@ class RawPeer {
  private:
   bool readWhole(std::span<std::uint8_t> bytes) {
     while (!bytes.empty()) {
-      iovec part{bytes.data(), bytes.size()};
-      std::array<char, CMSG_SPACE(sizeof(int) * conduit::maximumDescriptors)> control{};
-      msghdr message{};
-      message.msg_iov = &part;
-      message.msg_iovlen = 1;
-      message.msg_control = control.data();
-      message.msg_controllen = control.size();
-      const ssize_t count = recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC);
+      std::vector<FileDescriptor> descriptors;
+      const ssize_t count = receiveFrom(socket_.get(), bytes, descriptors);
       // With a limit on the time a signal always interrupts (signal(7)).
       if (count < 0 && errno == EINTR) continue;
       if (count <= 0) return false;
-      for (auto* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_type != SCM_RIGHTS) continue;
-        for (std::size_t at = CMSG_LEN(0); at < header->cmsg_len; at += sizeof(int)) {
-          int descriptor = -1;
-          std::memcpy(&descriptor, reinterpret_cast<char*>(header) + at, sizeof descriptor);
-          received.push_back(std::make_shared<const FileDescriptor>(descriptor));
-        }
+      for (auto& each : descriptors) {
+        received.push_back(std::make_shared<const FileDescriptor>(std::move(each)));
       }
       bytes = bytes.subspan(static_cast<std::size_t>(count));
     }

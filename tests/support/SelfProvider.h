@@ -10,7 +10,6 @@
 #include <optional>
 
 #include "platform/conduit/QXConduitConnection.h"
-#include "platform/files/Places.h"
 #include "providers/_QXDocSourceExtensionHostContext.h"
 #include "tests/support/BundleMaker.h"
 

@@ -1,7 +1,5 @@
 #include "tests/support/Wire.h"
 
-#include <poll.h>
-
 #include "platform/conduit/ServiceSocket.h"
 
 namespace qx::test {

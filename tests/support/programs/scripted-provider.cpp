@@ -10,7 +10,6 @@
 // What it saw is left in Records/<bundle identifier>/ under the root: <process number>.plist, made
 // at launch, and "calls", one line a call.
 
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
