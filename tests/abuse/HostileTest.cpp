@@ -3,7 +3,6 @@
 
 #include <atomic>
 
-#include "platform/conduit/Codec.h"
 #include "tests/abuse/Abuse.h"
 #include "tests/abuse/Bystander.h"
 

@@ -3,7 +3,6 @@
 
 #include <sys/xattr.h>
 
-#include "platform/files/FileManager.h"
 #include "tests/abuse/Abuse.h"
 #include "tests/abuse/Bystander.h"
 #include "tests/abuse/ServedFileSystem.h"

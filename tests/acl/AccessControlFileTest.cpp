@@ -1,4 +1,3 @@
-
 #include "tests/acl/StoreFixture.h"
 
 namespace {

@@ -9,9 +9,7 @@
 
 #include "platform/base/Errors.h"
 #include "platform/conduit/ServiceSocket.h"
-#include "platform/files/Places.h"
 #include "tests/conduit/TrialListener.h"
-#include "tests/support/ChildProcess.h"
 #include "tests/support/TemporaryRoot.h"
 
 namespace {
@@ -19,8 +17,6 @@ namespace {
 using namespace qx::test;
 
 const std::string service = "com.example.Trial";
-
-std::string program() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
 
 bool socketFileExists() {
   struct stat status;
@@ -223,15 +219,6 @@ TEST_F(Listener, LeavesRoomForOthersThanSandboxes) {
   }
   waitpid(child, nullptr, 0);
   if (answer == 'n') GTEST_SKIP() << "needs a user namespace";
-}
-
-TEST_F(Listener, TakesTheSocketOfTheServiceManager) {
-  ChildProcess other({program(), "activated", service});
-  ASSERT_EQ(other.readLine(), "ready");
-  EXPECT_TRUE(callsThrough(service));
-  EXPECT_EQ(other.wait(), 0);
-  // The socket file is not the program's to remove.
-  EXPECT_TRUE(socketFileExists());
 }
 
 TEST_F(Listener, IsReachableFromTheMomentItsSocketFileIsThere) {

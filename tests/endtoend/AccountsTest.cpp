@@ -1,7 +1,6 @@
 // An account over a directory, as a person has it: real daemons, the account's own process, the
 // tool and the programs of the system, in both ways of coordination.
 
-#include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
 
 namespace qx::test {
@@ -112,18 +111,6 @@ TEST_P(Accounts, DocumentsAreReadEditedAndCarriedBack) {
   EXPECT_TRUE(daemon_->logs("Extension " + identifier));
 }
 
-TEST_P(Accounts, WhatCameWhileNobodyGuardedIsReadableAfterwards) {
-  platform_.reset();
-  add();
-  const auto permissions = [&] { return fs::status(here("letter.txt")).permissions(); };
-  EXPECT_TRUE(eventually([&] { return fs::exists(here("letter.txt")); }));
-  EXPECT_EQ(permissions(), fs::perms::none);
-  startPlatform();
-  if (isCooperative()) return;
-  EXPECT_TRUE(eventually([&] { return permissions() != fs::perms::none; }));
-  EXPECT_EQ(ask("cat '" + here("letter.txt") + "'"), letter_);
-}
-
 TEST_P(Accounts, WhatIsWrittenToDocumentsThatAreEmptiedFirstIsKept) {
   if (isCooperative()) return;  // They are there before they can be emptied.
   constexpr int count = 300;
@@ -142,17 +129,6 @@ TEST_P(Accounts, WhatIsWrittenToDocumentsThatAreEmptiedFirstIsKept) {
   EXPECT_EQ(ask("cd '" + here("") + all), expected);
   ask("docsource sync Work");
   EXPECT_EQ(ask("cd '" + origin_ + all), expected);
-}
-
-TEST_P(Accounts, AWorkTreeOfGitIsWholeOnBothSides) {
-  add();
-  ask("cd '" + here("") +
-      "' && git init -q work && cd work && git config user.email a@b && "
-      "git config user.name a && for i in 1 2 3; do echo $i > file$i && git add . && "
-      "git commit -qm $i; done");
-  ask("docsource sync Work");
-  EXPECT_EQ(ask("cd '" + there("work") + "' && git fsck --strict 2>&1 && git status --short"), "");
-  EXPECT_EQ(ask("cd '" + there("work") + "' && git log --format=%s | tr -d '\\n'"), "321");
 }
 
 TEST_P(Accounts, NothingIsLostWhileEitherSideIsAway) {

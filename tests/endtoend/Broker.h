@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/un.h>
+
 #include <csignal>
 #include <iterator>
+#include <sstream>
 
 #include "platform/files/FileManager.h"
 #include "tests/support/BundleMaker.h"
@@ -25,6 +28,20 @@ inline bool canSandbox() {
 inline std::string contentOf(const std::string& path) {
   const auto text = FileManager::readFile(path);
   return text ? *text : text.error().text();
+}
+
+/// Listens at an address, which is abstract where it begins with '@'.
+inline FileDescriptor listenAt(const std::string& path) {
+  FileDescriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (path[0] == '@') address.sun_path[0] = '\0';
+  const auto size = offsetof(sockaddr_un, sun_path) + path.size() + (path[0] == '@' ? 0 : 1);
+  const bool isGood = bind(listener.get(), reinterpret_cast<sockaddr*>(&address),
+                           static_cast<socklen_t>(size)) == 0 &&
+                      listen(listener.get(), 64) == 0;
+  return isGood ? std::move(listener) : FileDescriptor();
 }
 
 /// An installation, and the daemons that serve it once they are started.
@@ -107,6 +124,38 @@ class Broker : public testing::Test {
   const std::string home_ = places_ / "home";
   std::optional<Daemon> daemon_;
   std::optional<Daemon> platform_;
+};
+
+/// And somebody who grants a provider's documents to applications in sandboxes.
+class SandboxBroker : public Broker {
+ protected:
+  static constexpr const char* p = "com.example.p";
+
+  /// The bookmarkable string of a document that was granted to an application.
+  std::string grant(const std::string& name, const std::string& identifier) {
+    const auto made = grantor_.connect().call(extendBookmark, {provider_.url(name), identifier});
+    EXPECT_EQ(made.outcome(), "success");
+    const auto* string = made.at<std::string>(0);
+    return string ? *string : "";
+  }
+
+  struct Resolved {
+    /// Or the error.
+    std::string url;
+    std::string token, siblingURL, siblingToken;
+  };
+  static Resolved resolve(ChildProcess& sandboxed, const std::string& bookmark) {
+    std::istringstream answer(sandboxed.ask("resolve\t" + bookmark));
+    Resolved resolved;
+    for (auto* part :
+         {&resolved.url, &resolved.token, &resolved.siblingURL, &resolved.siblingToken}) {
+      std::getline(answer, *part, '\t');
+    }
+    return resolved;
+  }
+
+  ScriptedProvider provider_ = installation_.installProvider(p);
+  Consumer grantor_ = readerAndWriter("com.example.grantor");
 };
 
 }  // namespace qx::test

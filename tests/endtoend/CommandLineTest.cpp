@@ -8,7 +8,6 @@
 
 #include "platform/base/Text.h"
 #include "platform/identity/Bundles.h"
-#include "platform/plist/PropertyList.h"
 #include "tests/endtoend/Broker.h"
 
 namespace qx::test {

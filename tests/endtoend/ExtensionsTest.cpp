@@ -1,6 +1,7 @@
 // Provider extensions that come, change, go, and misbehave.
 
-#include "platform/plist/PropertyList.h"
+#include <sys/resource.h>
+
 #include "tests/endtoend/Broker.h"
 
 namespace qx::test {
@@ -35,6 +36,10 @@ TEST_F(Extensions, AreStartedWithNothingButWhatIsTheirs) {
   sigaddset(&blocked, SIGUSR2);
   sigaddset(&blocked, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = 500;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   // A root relative to the daemon's directory is another place in theirs.
   std::filesystem::current_path("/");
   launch({{"KEPT", "for all"}, {"DOCSOURCE_ROOT", installation_.root().substr(1)}});
@@ -44,6 +49,10 @@ TEST_F(Extensions, AreStartedWithNothingButWhatIsTheirs) {
   const auto processes = provider.processes();
   ASSERT_EQ(processes.size(), 1U);
   const Dictionary record = processes.begin()->second;
+  rlimit theirs{};
+  ASSERT_EQ(prlimit(provider.running(), RLIMIT_NOFILE, nullptr, &theirs), 0);
+  EXPECT_EQ(theirs.rlim_cur, 500U) << "what the daemon may have is its own";
+  EXPECT_EQ(theirs.rlim_max, limit.rlim_max);
   EXPECT_EQ(record.at("blocked"), Value("0000000000000000"));
   EXPECT_EQ(record.at("ignored"), Value("0000000000000000"));
   EXPECT_EQ(record.at("directory"), Value(provider.bundle()));
@@ -161,6 +170,76 @@ TEST_F(Extensions, ThatMisbehaveCostTheCallAndNothingElse) {
   EXPECT_EQ(kill(provider.running(), SIGKILL), 0);
   EXPECT_EQ(wire.answer(call).outcome(), lost);
   stop();
+}
+
+TEST_F(Extensions, CarryThroughWhatAClientAskedThatHasLeft) {
+  const auto provider = installation_.installProvider("com.example.p");
+  start();
+  Wire wire = consumer_.connect();
+  ASSERT_EQ(grantDocument(wire, provider), "success");
+  provider.behave({{vendorStart, "hold"}});
+  {
+    Wire leaving = consumer_.connect();
+    leaving.begin(startProviding, {provider.url("A.txt"), provider.identifier(), app});
+    for (int i = 0; i < 200; ++i) leaving.begin(listProviders, {});
+    ASSERT_TRUE(eventually([&] { return provider.calls(vendorStart) == 1; }));
+  }
+  EXPECT_EQ(listing(wire).size(), 1U);
+  provider.behave({});
+  EXPECT_TRUE(daemon_->logs("[DEBUG] Successfully provided item at URL " +
+                            provider.url("A.txt").absoluteString()));
+  EXPECT_EQ(startDocument(wire, provider), "success");
+
+  // A connection that outlives its program is nobody's.
+  auto mortal = installation_.installConsumer("com.example.mortal", {{readEntitlement, true}});
+  EXPECT_TRUE(
+      eventually([&] { return mortal.connect().call(listProviders, {}).outcome() == "success"; }));
+  Wire inherited = mortal.connect();
+  EXPECT_EQ(inherited.call(wakeUp, {}).outcome(), "success");
+  mortal.end();
+  EXPECT_EQ(inherited.call(listProviders, {}).outcome(), "DSErrorDomain 6");
+  EXPECT_EQ(inherited.call(documentURL, {"docsource:com.example.p/item/a"}).outcome(),
+            "DSErrorDomain 3");
+}
+
+TEST_F(Extensions, BringContentInForReadersAndHearOfWrites) {
+  const auto provider = installation_.installProvider("com.example.p");
+  const auto read = [&](const URL& url) {
+    return consumer_.connect(coordinationService).call(coordinateReading, {url}).outcome();
+  };
+  const auto content = [&](const std::string& name) { return contentOf(provider.document(name)); };
+  startPlatform();
+  start();
+  // Until the provider is known to the service: nobody tells the test when it is.
+  ASSERT_TRUE(eventually([&] {
+    return read(provider.url("A.txt")) == "success" && content("A.txt") == "content of item/a";
+  }));
+  EXPECT_TRUE(daemon_->logs("[INFO] QXFileCoordinator requested us to provide item at URL " +
+                            provider.url("A.txt").absoluteString() + " for consumer " + app));
+
+  Wire wire = consumer_.connect(coordinationService);
+  EXPECT_EQ(wire.call(finishedWriting, {provider.url("A.txt")}).outcome(), "success");
+  EXPECT_TRUE(eventually([&] { return provider.calls(vendorChanged) == 1; }));
+  EXPECT_TRUE(daemon_->logs("was changed by writer ID com.example.app."));
+
+  // Nobody's document is read as it is; a provider's refusal is the reader's.
+  std::ofstream(installation_ / "Home/letter").flush();
+  EXPECT_EQ(read(URL::fileURL(installation_ / "Home/letter")), "success");
+  provider.behave({{vendorStart, "error"}});
+  EXPECT_EQ(read(provider.url("B c.txt")), "DSErrorDomain 8 (ScriptedProvider 7)");
+  provider.behave({{vendorStart, "crash"}});
+  EXPECT_EQ(read(provider.url("B c.txt")), "DSErrorDomain 8 (QXConduitErrorDomain 4)");
+  provider.behave({});
+  EXPECT_EQ(read(provider.url("B c.txt")), "success");
+  EXPECT_EQ(content("B c.txt"), "content of item b");
+
+  installation_.remove(provider.bundle());
+  std::filesystem::resize_file(provider.document("A.txt"), 0);
+  EXPECT_TRUE(eventually([&] {
+    return consumer_.connect().call(listProviders, {}).values == Array{Value(), Dictionary()};
+  }));
+  EXPECT_TRUE(eventually([&] { return read(provider.url("A.txt")) == "success"; }));
+  EXPECT_EQ(content("A.txt"), "");
 }
 
 }  // namespace

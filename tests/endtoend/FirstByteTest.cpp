@@ -7,7 +7,6 @@
 #include <random>
 
 #include "platform/coordination/CoordinationState.h"
-#include "platform/files/FileManager.h"
 #include "tests/endtoend/Broker.h"
 
 namespace qx::test {

@@ -9,9 +9,8 @@ namespace fs = std::filesystem;
 
 const char* const hello = "org.example.Hello";
 const char* const tool = "com.veltro.docsource.tool";
-const char* const p = "com.example.p";
 
-class Flatpak : public Broker {
+class Flatpak : public SandboxBroker {
  protected:
   void SetUp() override {
     if (!canSandbox()) GTEST_SKIP() << "no bubblewrap, or no user namespaces";
@@ -62,35 +61,24 @@ class Flatpak : public Broker {
     return words;
   }
 
-  std::string grant(const std::string& identifier, const std::string& name = "A.txt") {
-    const auto made = grantor_.connect().call(extendBookmark, {provider_.url(name), identifier});
-    EXPECT_EQ(made.outcome(), "success");
-    const auto* string = made.at<std::string>(0);
-    return string ? *string : "";
-  }
   /// What a program reads of the document by a bookmarkable string.
   static std::string read(ChildProcess& program, const std::string& bookmark) {
-    const auto resolved = program.ask("resolve\t" + bookmark);
-    const auto token = resolved.find('\t');
-    if (token == std::string::npos) return resolved;
-    return program.ask("redeem\t" +
-                       resolved.substr(token + 1, resolved.find('\t', token + 1) - token - 1));
+    const auto resolved = resolve(program, bookmark);
+    return resolved.token.empty() ? resolved.url : program.ask("redeem\t" + resolved.token);
   }
 
   TemporaryDirectory runtime_;
   const std::string program_ = runtime_ / "program";
-  ScriptedProvider provider_ = installation_.installProvider(p);
-  Consumer grantor_ = readerAndWriter("com.example.grantor");
 };
 
 TEST_F(Flatpak, IsTheApplicationThatFlatpakRuns) {
-  const auto bookmark = grant(hello);
+  const auto bookmark = grant("A.txt", hello);
   const auto extend = "extend-sandbox\t" + provider_.url("A.txt").absoluteString() + "\t" + p +
                       "\t" + std::string(hello);
   ChildProcess program(run(hello, "17"));
   EXPECT_EQ(program.ask("arguments"), "");
   EXPECT_EQ(read(program, bookmark), "content of A");
-  EXPECT_EQ(read(program, grant("org.example.Other", "B c.txt")), "error DSErrorDomain 3");
+  EXPECT_EQ(read(program, grant("B c.txt", "org.example.Other")), "error DSErrorDomain 3");
   EXPECT_EQ(program.ask(extend), "error DSErrorDomain 6") << "it has no bundle";
 
   // The entitlements of a bundle of that identifier, whatever its executable is.
@@ -103,14 +91,14 @@ TEST_F(Flatpak, IsTheApplicationThatFlatpakRuns) {
   EXPECT_EQ(read(program, bookmark), "content of A");
 
   // What a user installed is not the machine's application of that name.
-  const auto tools = grant(tool);
+  const auto tools = grant("A.txt", tool);
   ASSERT_EQ(chown(program_.c_str(), getuid() == 0 ? 1 : getuid(), gid_t(-1)), 0);
   ChildProcess impostor(run(tool, "18"));
   EXPECT_EQ(read(impostor, tools), "error DSErrorDomain 3");
 }
 
 TEST_F(Flatpak, IsNobodyWhoCallsItselfOne) {
-  const auto bookmark = grant(hello);
+  const auto bookmark = grant("A.txt", hello);
   ChildProcess genuine(run(hello, "17"));
   ASSERT_EQ(read(genuine, bookmark), "content of A");
   const auto isRefused = [&](std::vector<std::string> words, const char* why) {

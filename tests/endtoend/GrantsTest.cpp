@@ -85,6 +85,16 @@ TEST_F(Grants, AreListedAndTakenBackWithTheirTokens) {
   EXPECT_EQ(revoked(absent, reader), "success");
   EXPECT_EQ(onDisk(), std::set<std::string>());
   EXPECT_FALSE(redeems(*again.at<Bytes>(1)));
+
+  // Nor do they come back with the daemons.
+  EXPECT_EQ(platform_->end(SIGKILL), -SIGKILL);
+  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
+  ASSERT_TRUE(installation_.becomesUnserved(sandboxService));
+  startPlatform();
+  start();
+  wire_ = consumer_.connect();
+  for (const auto& each : {token, *again.at<Bytes>(1)}) EXPECT_FALSE(redeems(each));
+  EXPECT_TRUE(redeems(tokenFor(app)));
 }
 
 TEST_F(Grants, UnderWayDoNotComeBack) {

@@ -4,9 +4,7 @@
 #include <sys/stat.h>
 
 #include "platform/base/Errors.h"
-#include "platform/base/FileDescriptor.h"
 #include "platform/base/Text.h"
-#include "platform/files/FileManager.h"
 #include "platform/sandbox/EncodedPath.h"
 #include "platform/sandbox/Sandbox.h"
 #include "platform/sandbox/SandboxKey.h"

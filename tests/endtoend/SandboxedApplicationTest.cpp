@@ -7,9 +7,6 @@
 #include <sys/personality.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
-
-#include <sstream>
 
 #include "tests/endtoend/Broker.h"
 
@@ -20,13 +17,12 @@ namespace fs = std::filesystem;
 
 const char* const app = "com.example.sandboxed";
 const char* const other = "com.example.other";
-const char* const p = "com.example.p";
 
 void write(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ofstream::trunc) << text;
 }
 
-class SandboxedApplication : public Broker {
+class SandboxedApplication : public SandboxBroker {
  protected:
   void SetUp() override {
     if (!canSandbox()) GTEST_SKIP() << "no bubblewrap, or no user namespaces";
@@ -58,30 +54,6 @@ class SandboxedApplication : public Broker {
     words.insert(words.end(), arguments.begin(), arguments.end());
     return words;
   }
-
-  /// The bookmarkable string of a document that was granted to an application.
-  std::string grant(const std::string& name, const std::string& identifier) {
-    const auto made = grantor_.connect().call(extendBookmark, {provider_.url(name), identifier});
-    EXPECT_EQ(made.outcome(), "success");
-    const auto* string = made.at<std::string>(0);
-    return string ? *string : "";
-  }
-
-  struct Resolved {
-    std::string url, token, siblingURL, siblingToken;
-  };
-  static Resolved resolve(ChildProcess& sandboxed, const std::string& bookmark) {
-    std::istringstream answer(sandboxed.ask("resolve\t" + bookmark));
-    Resolved resolved;
-    for (auto* part :
-         {&resolved.url, &resolved.token, &resolved.siblingURL, &resolved.siblingToken}) {
-      std::getline(answer, *part, '\t');
-    }
-    return resolved;
-  }
-
-  ScriptedProvider provider_ = installation_.installProvider(p);
-  Consumer grantor_ = readerAndWriter("com.example.grantor");
 };
 
 TEST_F(SandboxedApplication, SeesNothingButItsOwn) {
@@ -175,48 +147,6 @@ TEST_F(SandboxedApplication, RedeemsReadsAndWritesWhatItWasGranted) {
   EXPECT_EQ(handed.ask("redeem\t" + arguments.substr(0, arguments.find(' '))), "content of B");
 }
 
-TEST_F(SandboxedApplication, HasNoTokenLeftAfterARevocation) {
-  installSandboxed(app);
-  installSandboxed(other);
-  ChildProcess sandboxed(command(app));
-  const auto bookmark = grant("A.txt", app), others = grant("A.txt", other);
-  const auto granted = resolve(sandboxed, bookmark);
-  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.token), "content of A");
-  EXPECT_EQ(sandboxed.ask("redeem\t" + granted.siblingToken), "beside A");
-  EXPECT_EQ(grantor_.connect("com.veltro.DocSource.Grants")
-                .call("revokeItemWithID:ofProviderID:forConsumerID:completion:", {"item/a", p, app})
-                .outcome(),
-            "success");
-  const auto nothingIsLeft = [&] {
-    EXPECT_EQ(sandboxed.ask("resolve\t" + bookmark), "error DSErrorDomain 3");
-    for (const auto& token : {granted.token, granted.siblingToken}) {
-      EXPECT_EQ(sandboxed.ask("redeem\t" + token), "error QXPOSIXErrorDomain 74");
-      EXPECT_EQ(grantor_.connect(sandboxService)
-                    .call(consumeExtension, {Bytes(token.begin(), token.end())})
-                    .outcome(),
-                "QXPOSIXErrorDomain 74");
-    }
-  };
-  nothingIsLeft();
-  // Saved anew, under its name and under another: neither is what the token was for.
-  const std::string document = provider_.document("A.txt");
-  fs::rename(document, document + ".moved");
-  write(document, "another");
-  nothingIsLeft();
-  fs::rename(document + ".moved", document);
-  EXPECT_EQ(platform_->end(SIGKILL), -SIGKILL);
-  ASSERT_TRUE(installation_.becomesUnserved(sandboxService));
-  startPlatform();
-  nothingIsLeft();
-  EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
-  start();
-  ASSERT_TRUE(isRegistered(provider_));
-  nothingIsLeft();
-  // Who still has a grant resolves the bookmark anew.
-  ChildProcess stillGranted(command(other));
-  EXPECT_EQ(stillGranted.ask("redeem\t" + resolve(stillGranted, others).token), "content of A");
-}
-
 TEST_F(SandboxedApplication, KeepsItsIdentityAndIsCheckedFromInside) {
   installSandboxed(app, {{writeEntitlement, true}});
   ChildProcess sandboxed(command(app));
@@ -289,12 +219,7 @@ TEST_F(SandboxedApplication, ExecutesTheSystemsProgramsAsItself) {
 TEST_F(SandboxedApplication, IsRefusedWhatLeadsOutOfASandbox) {
   installSandboxed(app);
   const std::string abstract = "docsource-test-" + std::to_string(getpid());
-  const FileDescriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  abstract.copy(address.sun_path + 1, sizeof address.sun_path - 1);
-  ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(listen(listener.get(), 1), 0);
+  const FileDescriptor listener = listenAt("@" + abstract);
   ASSERT_NE(contentOf("/proc/net/unix").find(abstract), std::string::npos);
 
   ChildProcess sandboxed(command(app));
@@ -373,20 +298,6 @@ TEST_F(SandboxedApplication, IsRefusedWhatLeadsOutOfASandbox) {
   EXPECT_EQ(sandboxed.ask("processes"), "bwrap program");
   sandboxed.writeLine("exit\t5");
   EXPECT_EQ(sandboxed.wait(), 5);
-}
-
-/// Listens at an address, which is abstract where it begins with '@'.
-FileDescriptor listenAt(const std::string& path) {
-  FileDescriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  if (path[0] == '@') address.sun_path[0] = '\0';
-  const auto size = offsetof(sockaddr_un, sun_path) + path.size() + (path[0] == '@' ? 0 : 1);
-  const bool isGood = bind(listener.get(), reinterpret_cast<sockaddr*>(&address),
-                           static_cast<socklen_t>(size)) == 0 &&
-                      listen(listener.get(), 64) == 0;
-  return isGood ? std::move(listener) : FileDescriptor();
 }
 
 TEST_F(SandboxedApplication, GetsOfTheWorldWhatItsBundleWantsAndNothingElse) {
@@ -529,13 +440,7 @@ TEST_F(SandboxedApplication, ReachesServicesThatStartedAfterIt) {
 
   // A service manager's socket, whose service starts when somebody connects.
   {
-    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (installation_ / "run/com.veltro.DocSource")
-        .copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(socket.get(), 1), 0);
+    const auto socket = listenAt(installation_ / "run/com.veltro.DocSource");
     ChildProcess early(command(app));
     EXPECT_EQ(early.ask("list\t" + installation_ / "run"), "com.veltro.DocSource");
     EXPECT_EQ(sandboxed.ask("list\t" + installation_ / "run"), "com.veltro.DocSource");

@@ -1,7 +1,6 @@
 // How the daemon comes up and goes down: with the device unlocked or not, beside another one, after
 // one that died.
 
-#include "platform/plist/PropertyList.h"
 #include "tests/endtoend/Broker.h"
 
 namespace qx::test {
@@ -104,6 +103,21 @@ TEST_F(StartUp, LeavesTheRootToTheDaemonThatHasIt) {
     EXPECT_TRUE(installation_.becomesServed(service)) << program;
     EXPECT_EQ(first.end(SIGTERM), 0) << program;
   }
+}
+
+TEST_F(StartUp, TakesTheSocketOfTheServiceManager) {
+  const auto path = installation_ / "run/com.veltro.DocSource";
+  const auto socket = listenAt(path);
+  constexpr int outOfTheWay = 20;
+  const FileDescriptor inherited(fcntl(socket.get(), F_DUPFD, outOfTheWay));
+  ChildProcess daemon({"env", "DOCSOURCE_ROOT=" + installation_.root(), "bash", "-c",
+                       "exec 3<&2 4<&" + std::to_string(inherited.get()) +
+                           "; LISTEN_PID=$$ LISTEN_FDS=2 LISTEN_FDNAMES=other:" + docSourceService +
+                           " exec " + builtProgram("docsourced")});
+  EXPECT_TRUE(installation_.becomesServed(docSourceService));
+  EXPECT_EQ(kill(daemon.id(), SIGTERM), 0);
+  EXPECT_EQ(daemon.wait(), 0);
+  EXPECT_TRUE(std::filesystem::is_socket(path)) << "it is not the program's to remove";
 }
 
 TEST_F(StartUp, EndsWithItsExtensionsAndClients) {

@@ -1,7 +1,5 @@
 #include "platform/extension/ExtensionHost.h"
 
-#include <sys/resource.h>
-
 #include "platform/base/Errors.h"
 #include "platform/base/FileDescriptor.h"
 #include "platform/identity/Bundles.h"
@@ -150,20 +148,6 @@ TEST_F(ExtensionHostTest, RequestsShareAProcessUntilItIsIdle) {
   const pid_t next = processOf(*extension, begin(*extension));
   EXPECT_GT(next, 0);
   EXPECT_NE(next, process);
-}
-
-TEST_F(ExtensionHostTest, AnExtensionMayHaveAsManyDescriptorsAsTheDaemonAtItsStart) {
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  limit.rlim_cur = 500;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  EXPECT_EQ(qx::raiseDescriptorLimit(), limit.rlim_max);
-  const auto extension = installAndMatch();
-  const auto request = begin(*extension);
-  rlimit theirs{};
-  ASSERT_EQ(prlimit(processOf(*extension, request), RLIMIT_NOFILE, nullptr, &theirs), 0);
-  EXPECT_EQ(theirs.rlim_cur, 500U);
-  EXPECT_EQ(theirs.rlim_max, limit.rlim_max);
 }
 
 TEST_F(ExtensionHostTest, AStubbornOneIsKilledAfterFiveSeconds) {

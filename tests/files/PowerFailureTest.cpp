@@ -7,7 +7,6 @@
 #include <random>
 #include <thread>
 
-#include "platform/files/FileManager.h"
 #include "tests/support/Disk.h"
 
 namespace {

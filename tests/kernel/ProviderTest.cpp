@@ -56,31 +56,6 @@ class ProviderTest : public Broker, public testing::WithParamInterface<const cha
   std::optional<Consumer> application_;
 };
 
-TEST_P(ProviderTest, AnyProgramReadsAndEditsItsDocuments) {
-  provide({{"letter", 5000}, {"picture", 3'000'000}});
-  const auto check = [&](const std::string& command) {
-    ASSERT_TRUE(evict("picture"));
-    EXPECT_LE(blocks("picture"), 16);  // the first, and the attributes
-    EXPECT_EQ(
-        shell("cd '" + storage_ + "'; " + command + " | cmp - '" + origin_ + "/picture'").status, 0)
-        << command;
-  };
-  check("cat picture");
-  check("cp picture '" + installation_ / "copy" + "'; cat '" + installation_ / "copy" + "'");
-  check("tar cf - picture | tar xOf -");
-  // While somebody has it open it stays.
-  ChildProcess holding({"sh", "-c", "exec 3<'" + document("picture") + "'; echo open; read end"});
-  EXPECT_EQ(holding.readLine(), "open");
-  EXPECT_FALSE(evict("picture"));
-  holding.end();
-
-  ASSERT_TRUE(evict("letter"));
-  EXPECT_EQ(shell("sed -i s/abc/ABC/g '" + document("letter") + "'").status, 0);
-  EXPECT_TRUE(
-      eventually([&] { return readAll(origin_ + "/letter").find("ABC") != std::string::npos; }));
-  EXPECT_EQ(readAll(origin_ + "/letter"), readAll(document("letter")));
-}
-
 TEST_P(ProviderTest, WhatItHidBeforeAnybodyKeptReadersWaitingIsReadableAfterwards) {
   EXPECT_EQ(platformd_->end(SIGTERM), 0);
   std::ofstream(origin_ + "/letter") << contentOf("letter", 5000);

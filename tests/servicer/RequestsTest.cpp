@@ -1,6 +1,5 @@
 // Who may ask, the listing, and the requests that a provider act on an item.
 
-#include "platform/base/FileDescriptor.h"
 #include "tests/servicer/Fixture.h"
 
 namespace qx::test {

@@ -6,11 +6,8 @@
 
 #include <algorithm>
 #include <ctime>
-#include <fstream>
 #include <map>
 
-#include "extensions/http/Settings.h"
-#include "extensions/webdav/LoginFlow.h"
 #include "tests/webdav/ServerProcess.h"
 
 namespace docsource::webdav::test {
@@ -389,39 +386,6 @@ TEST(ScriptedServer, UsesWhatACloudAnnounces) {
   server.faults(R"({"method": "MOVE", "status": 507})");
   EXPECT_EQ(problemIn(server.write("large", item->version, large)), noRoom);
   EXPECT_EQ(contentOf(*server, "large", item->version), large + "!");
-}
-
-TEST(ScriptedServer, LogsInOnAPageAndKeepsSecretsToTheirFiles) {
-  ServerProcess server("cloud", SCRIPTED);
-  const auto top = server.says().substr(0, server.says().find("/remote.php"));
-  unsigned questions = 0;
-  http::ConnectionOptions options;
-  options.wait = [&](milliseconds) {
-    if (++questions == 3) server.ask(R"({"agreed": ""})");
-    return true;
-  };
-  std::string page;
-  const auto login = logIn(top + "/", options, [&](const std::string& shown) { page = shown; });
-  ASSERT_TRUE(login) << textOf(login.error());
-  EXPECT_EQ(page, top + "/page");
-  EXPECT_EQ(questions, 3U);
-  EXPECT_EQ(login->url, server.says());
-  EXPECT_EQ(login->password, "for this \" account");
-  server.ask(R"({"agreed": "http://127.0.0.1:1"})");
-  EXPECT_FALSE(logIn(top, options, [](const std::string&) {})) << "a password for somebody else";
-
-  const auto file = server.directory() + "/password";
-  std::ofstream(file) << "pass word\nmore";
-  EXPECT_FALSE(http::secretFromFile(file)) << "others may read it";
-  std::filesystem::permissions(file, std::filesystem::perms::owner_read);
-  const std::vector<std::string> lines{"pass word", "more"};
-  EXPECT_EQ(*http::secretFromFile(file), lines);
-  EXPECT_EQ(*http::secretFromCommand("echo pass word; echo more"), lines);
-  for (const std::string command : {"false", "echo", "echo geheim; exit 1", "/none"}) {
-    const auto none = http::secretFromCommand(command + " 2>/dev/null");
-    ASSERT_FALSE(none) << command;
-    EXPECT_EQ(textOf(none.error()).find("geheim"), std::string::npos);
-  }
 }
 
 }  // namespace
