@@ -8,7 +8,6 @@
 
 #include "fuzz/Fuzz.h"
 #include "platform/extension/CatalogExtensionProxy.h"
-#include "platform/files/Places.h"
 #include "platform/identity/Bundles.h"
 #include "tests/support/TemporaryRoot.h"
 

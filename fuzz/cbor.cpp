@@ -14,16 +14,13 @@ using fuzz::require;
 
 namespace {
 
-std::vector<SharedDescriptor> openDescriptors(std::size_t count) {
-  static const auto& pool = *new std::vector<SharedDescriptor>([] {
-    std::vector<SharedDescriptor> made;
-    for (std::size_t i = 0; i < conduit::maximumDescriptors; ++i) {
-      // Numbers that are never used: nothing is opened and nothing closed.
-      made.push_back(std::make_shared<const FileDescriptor>(1'000'000 + static_cast<int>(i)));
-    }
-    return made;
-  }());
-  return {pool.begin(), pool.begin() + static_cast<std::ptrdiff_t>(count)};
+/// Numbers that are never used: nothing is opened.
+std::vector<SharedDescriptor> descriptorsOf(std::size_t count) {
+  std::vector<SharedDescriptor> made;
+  for (std::size_t i = 0; i < count; ++i) {
+    made.push_back(std::make_shared<const FileDescriptor>(1'000'000 + static_cast<int>(i)));
+  }
+  return made;
 }
 
 /// Whether the value, encoded, is decoded to itself. What is nested too deep to stand in a message,
@@ -60,7 +57,7 @@ void takeAs(std::span<const std::uint8_t> body, std::span<const SharedDescriptor
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::Input input(data, size);
-  const auto descriptors = openDescriptors(input.byte() % (conduit::maximumDescriptors + 1));
+  const auto descriptors = descriptorsOf(input.byte() % (conduit::maximumDescriptors + 1));
   const auto body = input.rest();
   if (!conduit::isWellFormed(body, descriptors.size())) return 0;
 

@@ -21,7 +21,6 @@
 
 using namespace qx;
 using conduit::Decoder;
-using conduit::Item;
 using fuzz::require;
 
 // Every class of value as an argument, and back.
@@ -142,29 +141,24 @@ class Expectation {
   }
 
   /// Whether it has the form of a message that this end takes: begin and end of requests it does
-  /// not. Taken apart head by head.
+  /// not.
   bool message(std::span<const std::uint8_t> body) {
-    Decoder from(body, {});
-    const auto head = from.next();
-    const auto kind = from.next();
-    if (!head || head->kind != Item::Kind::array || !kind || kind->kind != Item::Kind::integer) {
+    static const std::vector<SharedDescriptor> any(conduit::maximumDescriptors,
+                                                   std::make_shared<const FileDescriptor>());
+    Decoder from(body, any);
+    Array parts;
+    if (!conduit::decode(from, parts) || parts.size() < 3) return false;
+    const auto* kind = parts[0].as<std::int64_t>();
+    const auto* id = parts[1].as<std::int64_t>();
+    if (!kind || !id || *id < 0) return false;
+    if (*kind == 2) return parts.size() == 3 && parts[2].as<Array>();
+    if (*kind == 3) return parts.size() == 3 && parts[2].as<Error>();
+    const bool hasRequest = parts.size() == 5 && parts[4].as<UUID>();
+    if (*kind != 1 || !parts[2].as<std::string>() || parts.size() < 4 || !parts[3].as<Array>() ||
+        (parts.size() != 4 && !hasRequest)) {
       return false;
     }
-    const bool isCall = kind->integer == 1 && (head->count == 4 || head->count == 5);
-    if (!isCall && !((kind->integer == 2 || kind->integer == 3) && head->count == 3)) return false;
-    const auto id = from.next();
-    if (!id || id->kind != Item::Kind::integer || id->integer < 0) return false;
-    auto next = from.next();
-    if (!next) return false;
-    if (kind->integer == 2) return next->kind == Item::Kind::array;
-    if (kind->integer == 3) return next->kind == Item::Kind::tag && next->count == 17746;
-    if (next->kind != Item::Kind::string) return false;
-    if (!from.peekArray() || !from.skip()) return false;
-    if (head->count == 5) {
-      next = from.next();
-      if (!next || next->kind != Item::Kind::tag || next->count != 37) return false;
-    }
-    calls.push_back(id->integer);
+    calls.push_back(*id);
     return true;
   }
 

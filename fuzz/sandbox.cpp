@@ -13,7 +13,6 @@
 #include <fstream>
 
 #include "fuzz/Fuzz.h"
-#include "platform/files/Places.h"
 #include "platform/identity/ProcessDirectory.h"
 #include "platform/identity/SandboxRecord.h"
 #include "platform/sandbox/Sandbox.h"

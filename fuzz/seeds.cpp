@@ -7,7 +7,6 @@
 
 #include "fuzz/ConduitScript.h"
 #include "platform/base/Errors.h"
-#include "platform/conduit/Codec.h"
 #include "platform/plist/PropertyList.h"
 #include "platform/sandbox/Sandbox.h"
 #include "tests/support/TemporaryRoot.h"
