@@ -187,6 +187,7 @@ Result<void> Engine::open() {
     items_->setFact("storage", entry->identity);
     items_->makeAllDue(now());
     transaction.commit();
+    inDoubt_ = items_->numbersWithFact(moving);
     recoverAside();
     here_.directories.emplace_back(rootItem, true);
     since_ = currentTime();

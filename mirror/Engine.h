@@ -207,6 +207,10 @@ class Engine {
   Announcement announceFor(ItemNumber number, Lock* lock);
   Outcome conflict(const Item& item);
   Result<RemoteItem> moveThere(Lock& lock, const Item& item, const Place& to);
+  void noteMoved(const Item& item, const Place& to, const RemoteItem& moved);
+  Result<bool> endMove(Lock& lock, const Item& item, const Place& to);
+  void endMoves(Lock& lock);
+  bool isInDoubt(ItemNumber directory);
   static std::string decisionOn(const LocalEntry& entry);
   bool removeEntry(int directory, const Place& place,
                    const std::function<bool(const LocalEntry&)>& isIt,
@@ -326,6 +330,10 @@ class Engine {
   std::multiset<Key> changing_;
   std::set<Key> overtaken_;
   std::set<Key> heard_;
+  /// Items whose move there was begun and not answered, and when it is asked next what has become
+  /// of them. It may be done for one half: what is below them waits until that is known.
+  std::set<ItemNumber> inDoubt_;
+  std::int64_t endMovesAt_ = 0;
 
   std::optional<Error> trouble_;
   std::int64_t troubleUntil_ = 0;

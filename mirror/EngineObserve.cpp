@@ -528,13 +528,21 @@ Result<bool> Engine::isStillAt(Lock& lock, Side side, const Item& item) {
 
 Result<void> Engine::resolve(Lock& lock, Side side) {
   std::set<ItemNumber> still;
-  for (const auto& [place, node] : std::map(seen(side).found)) {
+  for (const auto& [key, node] : std::map(seen(side).found)) {
     auto items = items_->withIdentity(side, node.identity);
-    if (auto item = movingTo(side, node)) items.push_back(*std::move(item));
+    const auto moved = movingTo(side, node);
+    if (moved) items.push_back(*moved);
     for (const Item& item : items) {
       const auto answer = isStillAt(lock, side, item);
       if (!answer) return answer.error();
-      if (*answer) still.insert(item.number);
+      if (!*answer) continue;
+      still.insert(item.number);
+      if (!moved || item.number != moved->number) continue;
+      // It has arrived for one half, later than it was asked for.
+      const auto ended = endMove(lock, item, node.place);
+      if (isInTrouble()) return *trouble_;
+      if (!ended) inDoubt_.insert(item.number);
+      if (!ended || *ended) seen(side).found.erase(key);
     }
   }
   assign(side, still);
@@ -687,7 +695,7 @@ std::unordered_map<std::string, std::pair<ItemNumber, Node>> Engine::entriesOf(
 Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive) {
   if (directory == rootItem) missNowhere(Side::there);
   const auto path = items_->path(Side::there, directory);
-  if (!path) return {};
+  if (!path || isInDoubt(directory)) return {};  // it is read when it is known where it is
   std::vector<RemoteItem> entries;
   Numbers met;
   // What is known of it, in one piece: most entries are as they were.
@@ -751,7 +759,7 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
 
 Result<void> Engine::lookThere(Lock& lock, ItemNumber directory, const std::string& name) {
   const auto parent = items_->path(Side::there, directory);
-  if (!parent || !isName(name)) return {};
+  if (!parent || !isName(name) || isInDoubt(directory)) return {};
   overtaken_.clear();
   const auto now =
       remotely(lock, [&] { return remote_.look(parent->empty() ? name : *parent + "/" + name); });
@@ -802,7 +810,8 @@ Result<void> Engine::identify(Lock& lock) {
 bool Engine::observeThere(Lock& lock) {
   if (isInTrouble()) return false;
   const bool isDue = shallLookThere_ || isToldOfChanges_ || now() >= lookThereAt_;
-  if (!isDue && there_.isEmpty()) return false;
+  const bool shallEndMoves = !inDoubt_.empty() && isIdentified_ && now() >= endMovesAt_;
+  if (!isDue && there_.isEmpty() && !shallEndMoves) return false;
   if (isDue) {
     if (!identify(lock)) return false;
     isToldOfChanges_ = false;
@@ -833,6 +842,8 @@ bool Engine::observeThere(Lock& lock) {
     lookThereAt_ =
         now() + (remote_.capabilities().changes ? forever : options_.lookThrough.count());
   }
+  if (!inDoubt_.empty() && (isDue || shallEndMoves)) endMoves(lock);
+  if (isInTrouble()) return false;
   bool hasSeen = isDue;
   while (!there_.isEmpty()) {
     hasSeen = true;

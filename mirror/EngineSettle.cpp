@@ -249,6 +249,9 @@ Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
     auto item = items_->load(number);
     if (!item) return Outcome::done;
     if (isBusy(number)) return Outcome::later;
+    if (isInDoubt(number) || (item->here && isInDoubt(item->here->place.parent))) {
+      return waitFor(number, firstRetry);
+    }
     const auto outcome = settleOnce(lock, *item);
     if (outcome == Outcome::later) return outcome;
     if (outcome == Outcome::again) continue;
@@ -394,22 +397,113 @@ Result<RemoteItem> Engine::moveThere(Lock& lock, const Item& item, const Place& 
   const auto from = *items_->path(Side::there, item.number);
   const auto target = joined(*items_->path(Side::there, to.parent), to.name);
   const std::string fact = factOf(moving, item.number, to);
-  const bool isInDoubt = items_->fact(fact).has_value();
+  const bool wasTried = items_->fact(fact).has_value();
   {
     Database::Transaction transaction(*database_);
     items_->setFact(fact, textOf(to));
     transaction.commit();
   }
   auto moved = remotely(lock, [&] { return remote_.move(from, target, versionOf(*item.there)); });
-  if (moved) carrySent(item.there->place, to);
-  const auto problem = moved ? std::nullopt : std::optional(remoteProblemOf(moved.error()));
+  if (moved) {
+    inDoubt_.erase(item.number);
+    return moved;
+  }
+  const auto problem = remoteProblemOf(moved.error());
   if (problem == RemoteProblem::changedMeanwhile || problem == RemoteProblem::notFound) {
     // An earlier attempt may be the reason.
-    if (!isInDoubt) items_->forgetFact(fact);
+    if (!wasTried) items_->forgetFact(fact);
     lookAgain(Side::there, item.there->place);
     lookAgain(Side::there, to);
   }
+  if (items_->fact(fact)) {
+    inDoubt_.insert(item.number);
+    endMovesAt_ = now();
+  }
   return moved;
+}
+
+/// Both sides agree on what the remote has moved from here.
+void Engine::noteMoved(const Item& item, const Place& to, const RemoteItem& moved) {
+  Database::Transaction transaction(*database_);
+  change(item.number, [&](Item& now) {
+    if (!now.there) return;
+    const bool wasAgreed = now.agreed && now.agreed->version == item.there->version;
+    now.there = nodeThere(to, moved);
+    now.due = this->now();
+    if (!now.agreed) return;
+    now.agreed->place = to;
+    if (now.there->kind == Kind::file && wasAgreed) now.agreed->version = now.there->version;
+  });
+  carrySent(item.there->place, to);
+  items_->forgetFacts(factsOf(moving, item.number));
+  transaction.commit();
+}
+
+/// Has the remote end a move that was broken off when there was something at its goal already;
+/// whether it did. Where the goal is somebody else's, nothing was moved.
+Result<bool> Engine::endMove(Lock& lock, const Item& item, const Place& to) {
+  const auto from = items_->path(Side::there, item.number);
+  const auto parent = items_->path(Side::there, to.parent);
+  if (!from || !parent || items_->isBelow(Side::there, to.parent, item.number)) return false;
+  if (isBusyBelow(Side::there, item.number)) {
+    return remoteError(RemoteProblem::failed, "Something in it is under way.");
+  }
+  const auto target = joined(*parent, to.name);
+  const auto moved =
+      remotely(lock, [&] { return remote_.move(*from, target, versionOf(*item.there)); });
+  if (moved) {
+    noteMoved(item, to, *moved);
+    there_.missing.erase(item.number);
+    if (moved->kind == RemoteKind::directory) there_.directories.emplace_back(item.number, true);
+    return true;
+  }
+  const auto problem = remoteProblemOf(moved.error());
+  if (problem == RemoteProblem::changedMeanwhile) {
+    items_->forgetFact(factOf(moving, item.number, to));
+    return false;
+  }
+  if (problem == RemoteProblem::notFound) return false;
+  return moved.error();
+}
+
+/// Finds out what has become of the moves there that were not answered. A remote that copies and
+/// then removes may have been broken off anywhere in between: what it has copied must not be taken
+/// for somebody else's, and nothing be removed or carried over that is at two places.
+void Engine::endMoves(Lock& lock) {
+  for (const ItemNumber number : std::set(inDoubt_)) {
+    bool isKnown = true;
+    for (const auto& fact : items_->facts(factsOf(moving, number))) {
+      const Place to = placeOf(fact);
+      const auto item = items_->load(number);
+      const auto parent = items_->path(Side::there, to.parent);
+      if (!item || !item->there || !parent || item->there->place == to) continue;
+      const auto path = joined(*parent, to.name);
+      const auto found = remotely(lock, [&] { return remote_.look(path); });
+      if (!found && remoteProblemOf(found.error()) == RemoteProblem::notFound) continue;
+      const bool canBeIt =
+          !found || (found->identifier.empty() &&
+                     (found->kind == RemoteKind::file) == (item->there->kind == Kind::file));
+      if (!canBeIt) continue;
+      isKnown = found && endMove(lock, *item, to).ok();
+      if (isInTrouble()) return;
+      if (!isKnown) break;
+      lookAgain(Side::there, to);
+    }
+    if (!isKnown) continue;
+    inDoubt_.erase(number);
+    const auto item = items_->load(number);
+    if (item && item->there && item->there->kind == Kind::directory) {
+      there_.directories.emplace_back(number, true);
+    }
+  }
+  endMovesAt_ = now() + firstRetry;
+}
+
+/// Whether it is not known where a directory is there, or one above it.
+bool Engine::isInDoubt(ItemNumber directory) {
+  return std::any_of(inDoubt_.begin(), inDoubt_.end(), [&](const ItemNumber number) {
+    return items_->isBelow(Side::there, directory, number);
+  });
 }
 
 /// Nothing else has the place; what has it goes on to where it belongs, or aside.
@@ -454,15 +548,8 @@ bool Engine::moveBeside(Lock& lock, const Item& item, const Place& place) {
     const auto moved = moveThere(lock, item, {place.parent, name});
     if (!moved && remoteProblemOf(moved.error()) == RemoteProblem::changedMeanwhile) continue;
     if (!moved) return false;
-    change(item.number, [&](Item& now) {
-      const bool wasAgreed = now.agreed && now.there && now.agreed->version == now.there->version;
-      now.there = nodeThere({place.parent, name}, *moved);
-      if (wasAgreed) now.agreed->version = now.there->version;
-      // It was not somebody else who moved it.
-      if (now.agreed) now.agreed->place = now.there->place;
-      now.due = this->now();
-    });
-    items_->forgetFacts(factsOf(moving, item.number));
+    // It was not somebody else who moved it.
+    noteMoved(item, {place.parent, name}, *moved);
     return true;
   }
   return false;
@@ -1170,21 +1257,12 @@ Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
   if (!current || !current->here || !current->there || current->here->place != target) {
     return Outcome::again;
   }
-  const Node there = *current->there;
   const bool canBe =
       items_->path(Side::there, item.number) && items_->path(Side::there, target.parent);
   if (!canBe) return waitFor(item.number, firstRetry);
   const auto moved = moveThere(lock, *current, target);
   if (!moved) return failed(item, moved.error());
-  change(item.number, [&](Item& now) {
-    if (!now.agreed || !now.there) return;
-    const bool wasAgreed = now.agreed->version == there.version;
-    const bool isFile = there.kind == Kind::file;
-    now.there = nodeThere(target, *moved);
-    now.agreed->place = target;
-    if (isFile && wasAgreed) now.agreed->version = now.there->version;
-  });
-  items_->forgetFacts(factsOf(moving, item.number));
+  noteMoved(*current, target, *moved);
   return Outcome::again;
 }
 

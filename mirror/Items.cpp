@@ -323,6 +323,14 @@ std::optional<std::string> Items::firstFact(const std::string& beginning) {
   return row.step() ? std::optional(row.text(0)) : std::nullopt;
 }
 
+std::vector<std::string> Items::facts(const std::string& beginning) {
+  std::vector<std::string> values;
+  auto row = database_.prepare("SELECT value FROM fact WHERE name>? AND name<?");
+  row.bind(beginning).bind(beginning + afterDigits);
+  while (row.step()) values.push_back(row.text(0));
+  return values;
+}
+
 void Items::forgetFacts(const std::string& beginning) {
   auto facts = database_.prepare("DELETE FROM fact WHERE name>? AND name<?");
   facts.bind(beginning).bind(beginning + afterDigits).run();
@@ -336,6 +344,14 @@ std::optional<Item> Items::withFact(const std::string& beginning, const std::str
     if (item) return item;
   }
   return std::nullopt;
+}
+
+std::set<ItemNumber> Items::numbersWithFact(const std::string& beginning) {
+  std::set<ItemNumber> numbers;
+  auto row = database_.prepare("SELECT name FROM fact WHERE name>? AND name<?");
+  row.bind(beginning).bind(beginning + afterDigits);
+  while (row.step()) numbers.insert(std::atoll(row.text(0).c_str() + beginning.size()));
+  return numbers;
 }
 
 }  // namespace docsource::mirror

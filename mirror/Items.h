@@ -153,9 +153,13 @@ class Items {
   void forgetFact(const std::string& name);
   /// The value of the first fact whose name begins so and goes on with a digit; all of them.
   std::optional<std::string> firstFact(const std::string& beginning);
+  /// The values of all of them.
+  std::vector<std::string> facts(const std::string& beginning);
   void forgetFacts(const std::string& beginning);
   /// The item of whose number, behind the beginning of its name, such a fact tells that.
   std::optional<Item> withFact(const std::string& beginning, const std::string& value);
+  /// The numbers of which any such fact tells something.
+  std::set<ItemNumber> numbersWithFact(const std::string& beginning);
 
   Database& database() { return database_; }
 

@@ -417,6 +417,9 @@ class S3Remote final : public Remote {
                      const std::optional<Version>& version);
   /// A directory stays when its last entry goes.
   Result<void> keepDirectory(const std::string& path, const std::string& without);
+  Result<std::vector<Listed>> keysOf(const std::string& path);
+  Result<bool> isCopy(const std::string& path, const Version& version, const std::string& copy,
+                      const Version& copied);
   Result<RemoteItem> moveDirectory(const std::string& from, const std::string& to);
 
   const S3Options options_;
@@ -1198,22 +1201,46 @@ Result<Version> S3Remote::copy(const std::string& from, const std::string& to,
       });
 }
 
-/// All is copied before anything goes; what changes meanwhile stays where it was, too.
-Result<RemoteItem> S3Remote::moveDirectory(const std::string& from, const std::string& to) {
-  const auto prefix = directoryKeyOf(from);
+/// Every key below a directory, and its own.
+Result<std::vector<S3Remote::Listed>> S3Remote::keysOf(const std::string& path) {
   std::vector<Listed> keys;
   std::optional<std::string> token;
   do {
-    auto some = page(prefix, true, options_.pageSize, token);
+    auto some = page(directoryKeyOf(path), true, options_.pageSize, token);
     if (!some) return some.error();
     token = some->next;
     for (const auto& each : some->objects) {
       const auto size = numberIn(each.textOf("Size"));
       const auto version = size ? Version::of(each.textOf("ETag"), *size) : std::nullopt;
-      if (!version) return strange(from, "it lists an object without tag or size");
+      if (!version) return strange(path, "it lists an object without tag or size");
       keys.push_back({std::string(each.textOf("Key")), *version});
     }
   } while (token);
+  return keys;
+}
+
+/// Whether an object holds what a copy of another holds, as the store tells it. The copy of an
+/// object in parts has a tag of its own, but its time.
+Result<bool> S3Remote::isCopy(const std::string& path, const Version& version,
+                              const std::string& copy, const Version& copied) {
+  if (copied.text() == version.text()) return true;
+  if (copied.size != version.size || version.tag.find('-') == std::string::npos) return false;
+  const auto one = head(path);
+  const auto other = head(copy);
+  for (const auto* each : {&one, &other}) {
+    if (!*each) return isNotFound(*each) ? Result<bool>(false) : each->error();
+  }
+  const auto time = one->answer.header(timeHeader);
+  return time && other->answer.header(timeHeader) == time && one->item.version == version.text() &&
+         other->item.version == copied.text();
+}
+
+/// All is copied before anything goes; what changes meanwhile stays where it was, too. Goes on with
+/// what an attempt before was broken off at.
+Result<RemoteItem> S3Remote::moveDirectory(const std::string& from, const std::string& to) {
+  auto listed = keysOf(from);
+  if (!listed) return listed.error();
+  auto& keys = *listed;
   if (keys.empty()) return missing(from);
   const auto below = [&](const Listed& each) { return each.key.substr(top_.size()); };
   const auto moved = [&](const Listed& each) { return to + below(each).substr(from.size()); };
@@ -1222,13 +1249,38 @@ Result<RemoteItem> S3Remote::moveDirectory(const std::string& from, const std::s
       return problem(RemoteProblem::notPermitted, to, "has longer paths in it than a key may be.");
     }
   }
+  const auto there = keysOf(to);
+  if (!there) return there.error();
+  std::map<std::string, Version> before;
+  for (const auto& each : *there) before.emplace(each.key, each.version);
+  // Documents are copied first and removed first: directories alone tell nothing of an attempt
+  // before. They stay until nothing is in them any more, the deepest go first.
+  const auto firstDirectory = std::stable_partition(
+      keys.begin(), keys.end(), [](const Listed& each) { return !each.key.ends_with('/'); });
+  std::reverse(firstDirectory, keys.end());
+  const auto files = static_cast<std::size_t>(firstDirectory - keys.begin());
+  const auto isThere = [&](const Listed& each) { return before.contains(keyOf(moved(each))); };
+  const auto count = static_cast<std::size_t>(std::count_if(keys.begin(), keys.end(), isThere));
+  const bool isBegun = files == 0 || std::any_of(keys.begin(), firstDirectory, isThere);
+  // Somebody else's has other things in it, or something else under the same name.
+  if (!before.empty() && (!isBegun || count != std::min(before.size(), keys.size()))) {
+    return changed(to);
+  }
   std::vector<std::optional<Version>> copies(keys.size());
-  auto copied = inParallel(keys.size(), [&](std::size_t i) -> Result<void> {
+  const auto copyOne = [&](std::size_t i) -> Result<void> {
+    if (const auto known = before.find(keyOf(moved(keys[i]))); known != before.end()) {
+      const auto same = isCopy(below(keys[i]), keys[i].version, moved(keys[i]), known->second);
+      return !same ? same.error() : *same ? Result<void>() : changed(to);
+    }
     auto made = copy(below(keys[i]), moved(keys[i]), keys[i].version, {});
     if (!made) return made.error();
     copies[i] = *std::move(made);
     return {};
-  });
+  };
+  auto copied = inParallel(files, copyOne);
+  if (copied) {
+    copied = inParallel(keys.size() - files, [&](std::size_t i) { return copyOne(files + i); });
+  }
   if (!copied) {
     for (std::size_t i = 0; i < keys.size(); ++i) {
       if (copies[i]) (void)erase(keyOf(moved(keys[i])), to, copies[i]);
@@ -1246,11 +1298,6 @@ Result<RemoteItem> S3Remote::moveDirectory(const std::string& from, const std::s
     }
     return erase(each.key, below(each), each.version);
   };
-  // Directories stay until nothing is in them any more, the deepest go first.
-  const auto firstDirectory = std::stable_partition(
-      keys.begin(), keys.end(), [](const Listed& each) { return !each.key.ends_with('/'); });
-  std::reverse(firstDirectory, keys.end());
-  const auto files = static_cast<std::size_t>(firstDirectory - keys.begin());
   auto removed = inParallel(files, [&](std::size_t i) { return eraseMoved(keys[i]); });
   for (auto each = firstDirectory; removed && each != keys.end(); ++each) {
     removed = eraseMoved(*each);
@@ -1259,6 +1306,7 @@ Result<RemoteItem> S3Remote::moveDirectory(const std::string& from, const std::s
   return look(to);
 }
 
+/// A copy of the same at its goal is what an attempt before was broken off at.
 Result<RemoteItem> S3Remote::move(const std::string& from, const std::string& to,
                                   const std::optional<std::string>& ifVersion) {
   const auto source = look(from);
@@ -1269,14 +1317,24 @@ Result<RemoteItem> S3Remote::move(const std::string& from, const std::string& to
     return problem(RemoteProblem::failed, from, "cannot be moved into itself.");
   }
   if (auto place = checkPlace(to); !place) return place.error();
-  if (auto nothing = compare(to, std::nullopt); !nothing) return nothing.error();
+  const auto there = look(to);
+  if (!there && !isNotFound(there)) return there.error();
+  if (there && there->kind != source->kind) return changed(to);
   if (isDirectory) return moveDirectory(from, to);
   const auto version = Version::from(source->version);
-  const auto made = copy(from, to, *version, {});
-  if (!made) return made.error();
+  std::optional<Version> made;
+  if (there) {
+    const auto same = isCopy(from, *version, to, *Version::from(there->version));
+    if (!same) return same.error();
+    if (!*same) return changed(to);
+  } else {
+    const auto copied = copy(from, to, *version, {});
+    if (!copied) return copied.error();
+    made = *copied;
+  }
   auto removed = remove(from, source->version);
   if (removed || isNotFound(removed)) return look(to);
-  (void)erase(keyOf(to), to, *made);
+  if (made) (void)erase(keyOf(to), to, *made);
   return removed.error();
 }
 

@@ -263,6 +263,69 @@ TEST(StoreThatComparesNothing, KeepsWhatAnotherHasOverwrittenUnseen) {
   EXPECT_EQ(contents(other), all);
 }
 
+/// A store copies and then removes. The line breaks after some of its requests, for a moment or
+/// until the machine was started again, before or after the directory went on or was removed.
+TEST(StoreThatComparesNothing, MovesAWholeDirectoryWhereverItIsBrokenOff) {
+  Server server("s3rver");
+  if (!server.runs()) GTEST_SKIP() << server.says();
+  auto& clock = newClock();
+  qx::Clock::setCurrent(clock);
+  const Scratch scratch;
+  coordinate("access");
+  constexpr int most = 28;
+  for (int passed = 0; passed < most; passed += 3) {
+    const bool isGone = passed % 2 == 0;
+    const bool isEnded = passed % 12 < 6;
+    const auto base = "/" + std::to_string(passed);
+    Machine machine(scratch / std::to_string(passed), server.documents(base, false));
+    ASSERT_TRUE(machine.start());
+    const std::string d = machine.storage + "/d";
+    const auto settle = [&] {
+      machine.engine().beginSync(true);
+      ASSERT_TRUE(machine.settle(clock));
+    };
+    fs::create_directories(d + "/e");
+    for (const char* name : {"/a", "/b", "/e/c"}) write(d + name, name);
+    settle();
+    fs::rename(d, d + "1");
+    std::string faults;
+    for (int i = 0; i < passed; ++i) faults += "null,";
+    for (int i = 0; i < (isEnded ? 1000 : 2); ++i) faults += "\"reset\",";
+    server.tell("{\"faults\":[" + faults + "null]}");
+    for (int i = 0; i < (isEnded ? 3 : 1); ++i) machine.engine().step();
+    if (isEnded) {
+      machine.stop();
+      server.tell("{\"faults\":[]}");
+      ASSERT_TRUE(machine.start());
+    }
+    if (isGone) {
+      fs::remove_all(d + "1");
+    } else {
+      fs::rename(d + "1", d + "2");
+      fs::rename(d + "2/a", d + "a");
+    }
+    settle();
+    server.tell("{\"faults\":[]}");
+    settle();
+    ASSERT_TRUE(machine.engine().provide(machine.storage));
+    std::map<std::string, std::string> here;
+    for (const auto& entry : fs::recursive_directory_iterator(machine.storage)) {
+      const auto name = entry.path().string().substr(machine.storage.size());
+      if (entry.is_regular_file()) here[name] = read(entry.path());
+    }
+    const std::map<std::string, std::string> moved{
+        {"/d2/b", "/b"}, {"/d2/e/c", "/e/c"}, {"/da", "/a"}};
+    EXPECT_EQ(here, isGone ? decltype(here)() : moved) << passed;
+    std::size_t count = 0;
+    const auto files = server.files() + "/docs" + base;
+    for (const auto& entry : fs::recursive_directory_iterator(files)) {
+      const auto name = entry.path().filename().string();
+      if (name.ends_with("._S3rver_object") && !name.starts_with(".")) ++count;
+    }
+    EXPECT_EQ(count, here.size()) << passed << " at the store";
+  }
+}
+
 TEST_F(EngineTest, KnowsWhatItDidItselfWhenTheAnswerWasLost) {
   for (const bool hasIdentifiers : {true, false}) {
     auto owned = std::make_unique<UnreliableRemote>(makeFolderRemote(there_));

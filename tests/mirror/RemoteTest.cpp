@@ -140,6 +140,10 @@ TEST_P(RemoteTest, MakesMovesAndRemovesDirectories) {
   EXPECT_EQ(problemIn(remote_->move("other", "x", file->version)), changedMeanwhile);
   ASSERT_TRUE(remote_->makeDirectory("f", {}));
   EXPECT_EQ(problemIn(remote_->move("d", "f", std::nullopt)), changedMeanwhile);
+  const auto same = write("f/a b\xc3\xa4", "another text");
+  ASSERT_TRUE(same);
+  EXPECT_EQ(problemIn(remote_->move("d", "f", std::nullopt)), changedMeanwhile);
+  ASSERT_TRUE(remote_->remove("f/a b\xc3\xa4", same->version));
   ASSERT_TRUE(remote_->remove("f", std::nullopt));
   ASSERT_TRUE(remote_->move("d", "e", std::nullopt));
   const auto moved = remote_->move("other", "e/other", other->version);

@@ -111,6 +111,25 @@ TEST_P(S3, KeepsDocumentsOfEverySizeWithTimeAndPermissions) {
     unfinished.wait();
   }
 
+  // A copy has another tag than what was sent in parts. A move that was broken off goes on with it,
+  // and takes nothing else for it.
+  const auto current = remote_->look("large");
+  ASSERT_TRUE(remote_->move("large", "copy", current->version));
+  for (const bool isCopy : {false, true}) {
+    TextSource source(large + (isCopy ? "!" : "?"));
+    const auto again = remote_->write(
+        "large", std::nullopt, {isCopy ? current->modified : RemoteTime(), std::nullopt}, source);
+    ASSERT_TRUE(again) << textOf(again.error());
+    EXPECT_EQ(problemIn(remote_->move("large", "copy", again->version)),
+              isCopy ? std::nullopt : std::optional(changedMeanwhile));
+    const auto left = isCopy ? remote_->move("copy", "large", remote_->look("copy")->version)
+                             : remote_->look("large");
+    ASSERT_TRUE(left);
+    if (!isCopy) {
+      ASSERT_TRUE(remote_->remove("large", left->version));
+    }
+  }
+
   // Another machine sees time and permissions, without having been told.
   ASSERT_TRUE(write(*remote_, "small", ""));
   const auto other = make("docs/top");

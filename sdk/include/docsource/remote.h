@@ -174,9 +174,9 @@ class DOCSOURCE_API Remote {
   /// The error is `changedMeanwhile` when there is something already.
   virtual Result<RemoteItem> makeDirectory(const std::string& path,
                                            const RemoteAttributes& attributes) = 0;
-  /// Moves only that version of a file, or a directory (no version) with all below it. When
-  /// something is there, the error is `changedMeanwhile`. Returns the item as it is now. A remote
-  /// without such an operation copies and then removes.
+  /// Moves only that version of a file, or a directory (no version) with all below it, and returns
+  /// the item as it is now. When something is there, the error is `changedMeanwhile`. A remote with
+  /// no such operation copies and then removes, and goes on where an attempt was broken off.
   virtual Result<RemoteItem> move(const std::string& from, const std::string& to,
                                   const std::optional<std::string>& ifVersion) = 0;
   /// Removes a file of that version, or (no version) an empty directory. The error is
