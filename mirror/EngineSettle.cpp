@@ -1250,7 +1250,19 @@ Engine::Outcome Engine::moveHere(Lock& lock, const Item& item) {
 Engine::Outcome Engine::moveThere(Lock& lock, const Item& item) {
   const Place target = item.here->place;
   if (!haveParent(lock, Side::there, target.parent)) return waitForOthers(item.number);
-  if (items_->isBelow(Side::there, target.parent, item.number)) return moveHere(lock, item);
+  if (items_->isBelow(Side::there, target.parent, item.number)) {
+    // What it was moved into was moved out of it before, here; unless that was done there.
+    for (ItemNumber at = target.parent; at != item.number;) {
+      const auto between = items_->load(at);
+      if (between->here && between->agreed && between->here->place != between->there->place &&
+          between->there->place == between->agreed->place) {
+        return settle(lock, at) == Outcome::later ? waitFor(item.number, firstRetry)
+                                                  : Outcome::again;
+      }
+      at = between->there->place.parent;
+    }
+    return moveHere(lock, item);
+  }
   if (!haveRoom(lock, Side::there, item, target)) return waitForRoomThere(item.number);
   if (isBusyBelow(Side::there, item.number)) return waitFor(item.number, firstRetry);
   const auto current = items_->load(item.number);

@@ -326,6 +326,17 @@ TEST(StoreThatComparesNothing, MovesAWholeDirectoryWhereverItIsBrokenOff) {
   }
 }
 
+TEST_F(EngineTest, MovesADirectoryIntoWhatWasMovedOutOfIt) {
+  write(here("d/e/c.txt"), "third");
+  fs::create_directory(here("d/e/f"));
+  settle();
+  fs::rename(here("d/e"), here("e"));
+  fs::rename(here("d"), here("e/f/d"));
+  settle();
+  EXPECT_EQ(names(machine_->storage), "a.txt e e/b.txt e/c.txt e/f e/f/d ");
+  EXPECT_EQ(names(there_), "a.txt e e/b.txt e/c.txt e/f e/f/d ");
+}
+
 TEST_F(EngineTest, KnowsWhatItDidItselfWhenTheAnswerWasLost) {
   for (const bool hasIdentifiers : {true, false}) {
     auto owned = std::make_unique<UnreliableRemote>(makeFolderRemote(there_));
