@@ -134,7 +134,10 @@ std::string Engine::absolute(Side side, ItemNumber number) {
 
 bool Engine::isBusyBelow(Side side, ItemNumber directory) {
   return std::any_of(busy_.begin(), busy_.end(), [&](const auto& entry) {
-    return items_->isBelow(side, entry.first, directory);
+    // What is sent there for the first time is not there yet.
+    const auto& sent = entry.second->sent;
+    return items_->isBelow(side, entry.first, directory) ||
+           (side == Side::there && sent && items_->isBelow(side, sent->parent, directory));
   });
 }
 

@@ -172,6 +172,7 @@ Engine::Outcome Engine::upload(Lock& lock, const Item& item) {
     return waitFor(item.number, 1);
   }
   auto transfer = begin(item, true, here.size);
+  transfer->sent = target;
   const auto opened = std::make_shared<qx::FileDescriptor>(std::move(*file));
   const std::string path = parent->empty() ? target.name : *parent + "/" + target.name;
   return run(lock, [this, transfer, opened, item, here, target, path] {

@@ -25,6 +25,8 @@ struct Engine::Transfer {
   bool isUpload = false;
   /// Where the document is that it fills, once it does; guarded by the engine's mutex.
   std::optional<Place> filled;
+  /// Where the document is sent to there; guarded like that.
+  std::optional<Place> sent;
   std::atomic<std::uint64_t> done = 0;
   std::atomic<std::uint64_t> total = 0;
   std::atomic<bool> isCancelled = false;

@@ -326,6 +326,28 @@ TEST(StoreThatComparesNothing, MovesAWholeDirectoryWhereverItIsBrokenOff) {
   }
 }
 
+TEST_F(EngineTest, MovesNoDirectoryWhileSomethingIsSentIntoIt) {
+  machine_->stop();
+  std::vector<std::function<void()>> sending;
+  mirror::Engine engine(
+      machine_->options(), machine_->remote(),
+      [&](std::function<void()> work) { sending.push_back(std::move(work)); }, [] {});
+  ASSERT_TRUE(engine.open());
+  write(here("d/e/new"), "third");
+  while (engine.step()) {
+  }
+  ASSERT_EQ(sending.size(), 1U);
+  fs::rename(here("d"), here("f"));
+  while (engine.step()) {
+  }
+  EXPECT_EQ(names(there_), "a.txt d d/e d/e/b.txt ");
+  sending.front()();
+  clock_.advance(std::chrono::seconds(2));
+  while (engine.step()) {
+  }
+  EXPECT_EQ(names(there_), "a.txt f f/e f/e/b.txt f/e/new ");
+}
+
 TEST_F(EngineTest, MovesADirectoryIntoWhatWasMovedOutOfIt) {
   write(here("d/e/c.txt"), "third");
   fs::create_directory(here("d/e/f"));
