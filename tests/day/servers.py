@@ -6,6 +6,7 @@ import os
 import random
 import subprocess
 import threading
+import time
 
 import people
 from book import digest, tree
@@ -27,7 +28,8 @@ class Server:
             run("mount", "-t", "tmpfs", "-o", "size=192m,mode=755", "tmpfs", self.place)
         self.process, self.port = None, None
         self.start()
-        self.line = subprocess.Popen([people.PYTHON, f"{TESTS}/support/proxy.py", self.port], stdin=subprocess.PIPE,
+        proxy = [people.PYTHON, f"{TESTS}/support/proxy.py", self.port, "{}", f"{base}/requests"]
+        self.line = subprocess.Popen(proxy, stdin=subprocess.PIPE,
                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         self.address = self.line.stdout.readline().strip()
 
@@ -189,7 +191,10 @@ class Trouble:
             while not self.stop.wait(self.random.uniform(2, 10)):
                 what = self.random.choice([self.restart, self.slow, self.late, self.broken, self.full, self.killed])
                 self.victims[what.__name__] = self.victims.get(what.__name__, 0) + 1
+                begun = time.time()
                 what()
+                with open(f"{os.path.dirname(self.server.place)}/troubles", "a") as log:
+                    log.write(f"{begun:.3f} to {time.time():.3f} {what.__name__}\n")
         except Exception as problem:  # noqa: BLE001: told at the end
             self.problem = problem
 

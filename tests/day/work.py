@@ -240,6 +240,9 @@ class Desk:
         state = r.getrandbits(64)
         what = f"desk-{self.name} step {self.count} ({name})"
         step(self.shadow, random.Random(state), files, directories)
+        after = tree(self.shadow, content=False, everything=True)
+        with open(f"{self.world.directory}/steps", "a") as log:
+            log.write(f"{time.time():.3f} {what}: gone {sorted(set(items) - set(after))}, new {sorted(set(after) - set(items))}\n")
         problem = None
 
         def attempt():

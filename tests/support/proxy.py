@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A proxy before one server, that is as slow or as broken as it is told to be.
 
-    proxy.py PORT [SETTINGS]
+    proxy.py PORT [SETTINGS [LOG]]
 
 Prints its own address. It is a proxy as a browser has one as well (CONNECT too), whatever host it is asked
 for. SETTINGS, and each line of standard input, is an object in JSON; what it has is
@@ -15,13 +15,19 @@ set, and the line is answered with how many bytes of answers were passed on sinc
              "corrupt": some bytes of the answer from there on are no characters; of a document only of
              what comes before it. null is no fault
 
-Ends with standard input.
+LOG is a file to which each request and each answer is added in a line. Ends with standard input.
 """
 import json, socket, struct, sys, threading, time
 
 settings = {"delay": 0, "rate": 0, "faults": []}
 passed = [0]
 lock = threading.Lock()
+
+
+def note(connection, text):
+    if len(sys.argv) > 3:
+        with open(sys.argv[3], "ab") as log:
+            log.write(b"%.3f %d %s\n" % (time.time(), connection.fileno(), text))
 
 
 def reset(connection):
@@ -41,6 +47,8 @@ def answers(server, client, limit, damage):
             if rate:
                 due = max(due, time.monotonic() - 0.05) + len(piece) / rate
                 time.sleep(max(0, due - time.monotonic()))
+            if piece.startswith(b"HTTP/1."):
+                note(client, b"  " + piece[9:12])
             if damage[0] is not None:
                 if damage[0] < len(piece):
                     piece = piece[:damage[0]] + bytes(min(8, len(piece) - damage[0])) + piece[damage[0] + 8:]
@@ -91,6 +99,7 @@ def serve(client, port):
                 client.sendall(b"HTTP/1.1 200 Connected\r\n\r\n")
                 continue
             if piece.startswith(methods):
+                note(client, piece.partition(b" HTTP/")[0][:2000])
                 time.sleep(settings["delay"])
                 with lock:
                     fault = settings["faults"].pop(0) if settings["faults"] else None
