@@ -71,6 +71,9 @@ Database::Database(const std::string& path) {
   try {
     if (code != SQLITE_OK) fail(code);
     sqlite3_extended_result_codes(handle_, 1);
+    // The account's last process may still be at its end, when what started it has died.
+    constexpr int patience = 10'000;  // milliseconds
+    sqlite3_busy_timeout(handle_, patience);
     // Exclusive: the lock is kept, and the index of the log stays in memory instead of a file.
     run("PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;"
         "PRAGMA temp_store=MEMORY; PRAGMA cache_size=-8000; PRAGMA foreign_keys=OFF;"
