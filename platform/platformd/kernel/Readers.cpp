@@ -178,6 +178,10 @@ void Readers::wasModified(pid_t program, const FileDescriptor& file, const struc
     document.isEmptied = true;
     ask(identity);
   }
+  DS_LOG("[INFO] Process %d has emptied a document while it was filled: %@", program,
+         documents_.contains(identity) && documents_.at(identity).place
+             ? documents_.at(identity).place->path
+             : std::string());
   filled_.erase(identity);
   // Whom nobody asked has nothing to answer; and who waits for a server has nothing to write.
   const bool isAsked = documents_.contains(identity) && documents_.at(identity).isAsked;
