@@ -346,7 +346,7 @@ TEST_F(CommandLine, CopiesDocumentsAsTheyAre) {
 }
 
 TEST_F(CommandLine, MakesAndResolvesBookmarks) {
-  const std::string item = "a \"b\"\n\x01 c\\d é";
+  const std::string item = "a \"b\"\n\x01 c\\d é\u202e";
   const auto installed =
       installation_.installProvider(provider, {{"items", Dictionary{{"A.txt", item}}}});
   grant(Dictionary{{"com.example.gone",
@@ -358,8 +358,8 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   const auto bookmark = "docsource:" + std::string(provider) + "/" + item;
   EXPECT_EQ(ask({"bookmark", "A.txt"}), bookmark + "\n");
   EXPECT_EQ(ask({"bookmark", "A.txt", "--json"}),
-            R"({"bookmark": "docsource:com.example.provider/a \"b\"\u000a\u0001 c\\d é"})"
-            "\n");
+            R"({"bookmark": "docsource:com.example.provider/a \"b\"\u000a\u0001 c\\d é)"
+            "\u202e\"}\n");
   fails({"resolve", bookmark}, "DSErrorDomain 3: The operation is not permitted.\n");
   EXPECT_EQ(ask({"extend-bookmark", "A.txt", "--consumer", toolIdentifier}), bookmark + "\n");
   const auto resolved = ask({"resolve", bookmark});
@@ -367,8 +367,9 @@ TEST_F(CommandLine, MakesAndResolvesBookmarks) {
   EXPECT_NE(answer(resolved, "token"), "none");
   // An item is one line of the table whatever its identifier.
   const auto table = ask({"grants"});
-  EXPECT_NE(table.find("a \"b\"\\x0a\\x01 c\\d é  " + installed.document("A.txt") + "\n"),
-            std::string::npos)
+  EXPECT_NE(
+      table.find("a \"b\"\\x0a\\x01 c\\d é\\xe2\\x80\\xae  " + installed.document("A.txt") + "\n"),
+      std::string::npos)
       << table;
 
   // Taken back, by its path.

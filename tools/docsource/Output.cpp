@@ -112,6 +112,13 @@ std::size_t width(std::string_view text) {
   }));
 }
 
+/// Whether the character has a terminal show what follows in another order than it stands in, so
+/// that a name reads like another one: U+202A to U+202E, and U+2066 to U+2069.
+bool turnsText(std::string_view character) {
+  return (character >= "\u202a" && character <= "\u202e") ||
+         (character >= "\u2066" && character <= "\u2069");
+}
+
 }  // namespace
 
 std::string toJSON(const qx::Value& value) { return std::visit(JSON(), value.content()); }
@@ -123,7 +130,8 @@ std::string onOneLine(std::string_view text) {
     const std::size_t length = characterLength(text);
     // The control characters of ISO 6429 beyond ASCII are two bytes, 0xc2 and one below 0xa0.
     const bool isControl = length == 0 || byte < 0x20 || byte == 0x7f ||
-                           (byte == 0xc2 && static_cast<unsigned char>(text[1]) < 0xa0);
+                           (byte == 0xc2 && static_cast<unsigned char>(text[1]) < 0xa0) ||
+                           turnsText(text.substr(0, length));
     if (isControl) {
       for (const char c : text.substr(0, std::max<std::size_t>(length, 1))) {
         result += "\\x" + hexadecimal(static_cast<unsigned char>(c), 2);
