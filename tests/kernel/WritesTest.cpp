@@ -125,9 +125,9 @@ TEST_P(WritesTest, WhatIsEmptiedWhileItIsFilledBelongsToWhoEmptiedIt) {
   // Its provider, whom nobody asked, is stopped.
   if (byAccess()) {
     makePlaceholder(path, 1 << 20, Mark::named);
-    Gate stopped;
-    source_->behave([&](const std::string&, auto completion) {
-      stopped.wait();
+    const auto stopped = std::make_shared<Gate>();  // which the provider may leave after the test
+    source_->behave([stopped](const std::string&, auto completion) {
+      stopped->wait();
       completion(std::nullopt);
     });
     const qx::FileDescriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
@@ -135,7 +135,7 @@ TEST_P(WritesTest, WhatIsEmptiedWhileItIsFilledBelongsToWhoEmptiedIt) {
     ChildProcess unasked({"/bin/sh", "-c", "echo mine > " + path});
     EXPECT_TRUE(
         eventually([&] { return pwrite(file.get(), "late", 4, 1 << 19) < 0 && errno == EAGAIN; }));
-    stopped.pass();
+    stopped->pass();
     EXPECT_EQ(unasked.wait(), 0);
     EXPECT_TRUE(readAll(path) == "mine\n");
   }
