@@ -135,7 +135,9 @@ int hold(EventHolder::Groups groups) {
   // Not before: the worker of an earlier start takes the announcement back at its end. Where
   // nothing is marked yet, the worker announces it when all directories are: what providers make in
   // them until then is unreadable.
-  if (groups.areMarked) {
+  const bool hasNothingToMark =
+      qx::kernel::GuardList(qx::kernel::openStateDirectory()).all().empty();
+  if (groups.areMarked || hasNothingToMark) {
     qx::announceCoordinationMechanism(groups.mechanism());
   } else {
     qx::withdrawCoordinationMechanism();
