@@ -108,7 +108,7 @@ TEST_P(WritesTest, WhatIsEmptiedWhileItIsFilledBelongsToWhoEmptiedIt) {
     begun.pass();
     goesOn.wait();
     fill(file);
-    std::ofstream(file, std::ios::app) << "too late to be kept";
+    std::ofstream(file, std::ofstream::app) << "too late to be kept";
     completion(std::nullopt);
   });
   ChildProcess other(reader("read", path));
