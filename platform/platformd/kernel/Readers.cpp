@@ -12,6 +12,15 @@
 #include "platform/platformd/kernel/ReaderErrors.h"
 
 namespace qx::kernel {
+namespace {
+
+bool isRunning(pid_t process) {
+  const auto directory = ProcessDirectory::open(process);
+  const auto state = directory ? directory->state() : std::nullopt;
+  return state && state->isRunning();
+}
+
+}  // namespace
 
 Readers::Readers(std::shared_ptr<DocSourceRegistry> registry, const EventChannel& holder,
                  const AccessGroup& group, GuardedTrees& trees, Claims& claims, Programs& programs,
@@ -161,7 +170,9 @@ void Readers::wasModified(pid_t program, const FileDescriptor& file, const struc
   const auto found = documents_.find(identity);
   const bool isKnown = asksForAll && found != documents_.end();
   const bool wasFilled = asksForAll && isFilled(identity) && Placeholder::isOne(file.get(), status);
-  if (!isKnown && !wasFilled && status.st_size != 0) return;
+  // Of a process that has ended nobody can tell any more that it did not work for the doc source.
+  const bool mayHaveRefilled = (isKnown || wasFilled) && isRunning(program);
+  if (status.st_size != 0 && !mayHaveRefilled) return;
   const bool isFilledNow = asksForAll && Placeholder::isBeingFilled(file.get());
   Placeholder::unmark(file.get());
   lastEmptied_ = identity;
