@@ -109,7 +109,8 @@ void GuardedTrees::walk(
       continue;
     }
     eachEntry(directory.get(), [&](const char* entry) {
-      const FileDescriptor file = openBeneath(directory.get(), entry, O_PATH);
+      const int wanted = visit ? O_PATH : O_PATH | O_DIRECTORY;
+      const FileDescriptor file = openBeneath(directory.get(), entry, wanted);
       struct stat its;
       if (!file || fstat(file.get(), &its) != 0 || its.st_uid != owner) return;
       if (S_ISDIR(its.st_mode)) {
@@ -308,7 +309,7 @@ void GuardedTrees::markDirectories() {
           int errnum = 0;
           return markDirectory(directory, status.st_dev, errnum) != 0;
         },
-        [](int, const struct stat&, const std::string&) {});
+        nullptr);
   }
 }
 

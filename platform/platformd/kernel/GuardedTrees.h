@@ -145,8 +145,8 @@ class GuardedTrees {
 
   std::uint64_t markDirectory(int directory, dev_t device, int& errnum);
   Scan mark(int root, const std::string& path, uid_t owner, bool wantsContents);
-  /// Visits the regular files of the owner; a directory for which `enter` returns false is left
-  /// out.
+  /// Visits the regular files of the owner, unless nobody wants that; a directory for which `enter`
+  /// returns false is left out.
   static void walk(int root, const std::string& path, uid_t owner,
                    const std::function<bool(int directory, const struct stat& status,
                                             const std::string& path)>& enter,

@@ -173,29 +173,28 @@ void Readers::wasModified(pid_t program, const FileDescriptor& file, const struc
   // Of a process that has ended nobody can tell any more that it did not work for the doc source.
   const bool mayHaveRefilled = (isKnown || wasFilled) && isRunning(program);
   if (status.st_size != 0 && !mayHaveRefilled) return;
-  const bool isFilledNow = asksForAll && Placeholder::isBeingFilled(file.get());
+  const bool isFilled =
+      wasFilled || (asksForAll && !isKnown && Placeholder::isBeingFilled(file.get()));
   Placeholder::unmark(file.get());
   lastEmptied_ = identity;
-  if (isKnown) {
-    found->second.isEmptied = true;
-  } else {
-    auto place = wasFilled || isFilledNow ? trees_.locate(file.get(), status) : std::nullopt;
+  if (!isKnown) {
+    auto place = isFilled ? trees_.locate(file.get(), status) : std::nullopt;
     if (!place || !charges_.take(place->owner)) return;
     Document& document = documents_[identity];
     document.file = file.duplicate();
     document.first = program;
     document.user = place->owner;
     document.place = std::move(place);
-    document.isEmptied = true;
-    ask(identity);
   }
+  Document& document = documents_.at(identity);
+  document.isEmptied = true;
   DS_LOG("[INFO] Process %d has emptied a document while it was filled: %@", program,
-         documents_.contains(identity) && documents_.at(identity).place
-             ? documents_.at(identity).place->path
-             : std::string());
+         document.place ? document.place->path : std::string());
   filled_.erase(identity);
+  if (!isKnown) ask(identity);
   // Whom nobody asked has nothing to answer; and who waits for a server has nothing to write.
-  const bool isAsked = documents_.contains(identity) && documents_.at(identity).isAsked;
+  const auto asked = documents_.find(identity);
+  const bool isAsked = asked != documents_.end() && asked->second.isAsked;
   constexpr std::chrono::seconds longest{5};
   Clock::current().schedule(isAsked ? longest : std::chrono::seconds(0),
                             [this, onQueue = onQueue_, identity] {
