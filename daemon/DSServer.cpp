@@ -33,9 +33,10 @@ void DSServer::startCompletion(std::function<void()> completion) {
   grantsListenerDelegate_->setServer(shared_from_this());
   grantsListener_->setDelegate(grantsListenerDelegate_);
   // The rest is for the user's other programs, and for extensions.
-  const auto descriptors = qx::raiseDescriptorLimit() / 4;
-  listener_->boundSandboxes(descriptors, mostBytesForSandboxes);
-  grantsListener_->boundSandboxes(descriptors, mostBytesForSandboxes);
+  const auto room =
+      std::make_shared<qx::SandboxRoom>(qx::raiseDescriptorLimit() / 4, mostBytesForSandboxes);
+  listener_->boundSandboxes(room);
+  grantsListener_->boundSandboxes(room);
 
   qx::SystemNotifyCenter::addObserver(
       firstUnlockNotification, [] { DSExtensionDocSource::createInstancesCompletion(nullptr); });

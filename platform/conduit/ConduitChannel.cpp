@@ -3,8 +3,8 @@
 // The socket is one source of the reactor, armed for what is wanted next: input, unless a thread is
 // reading already or too many calls are unanswered; output, while the socket is full. The thread
 // that reads keeps the input to itself (`reading_`), so calls are delivered one at a time and in
-// order, while another thread can still flush output. Replies wait until it has armed the socket
-// again, and hold nobody up then.
+// order, while another thread can still flush output. Replies, and what calls leave for later, wait
+// until it has armed the socket again, and hold nobody up then.
 //
 // Descriptors arrive somewhere within the bytes that one recvmsg() returned; they belong to the
 // frame that begins within those bytes and speaks of descriptors.
@@ -27,6 +27,7 @@
 
 #include "platform/base/Errors.h"
 #include "platform/base/Memory.h"
+#include "platform/conduit/AfterReading.h"
 #include "platform/identity/AuditToken.h"
 #include "platform/log/Log.h"
 #include "platform/queue/Clock.h"
@@ -34,6 +35,9 @@
 
 namespace qx::conduit {
 namespace {
+
+/// Of the connection that this thread reads.
+thread_local std::vector<ConduitChannel::Delivery>* deliveriesOfThread = nullptr;
 
 constexpr std::int64_t callMessage = 1;
 constexpr std::int64_t replyMessage = 2;
@@ -220,7 +224,9 @@ void ConduitChannel::ready(std::uint32_t events) {
     return;
   }
   Progress progress = Progress::again;
+  deliveriesOfThread = &deliveries_;
   for (int i = 0; i < 16 && progress == Progress::again; ++i) progress = readSome();
+  deliveriesOfThread = nullptr;
   Delivery own;
   if (!deliveries_.empty()) {
     own = std::move(deliveries_.back());
@@ -235,6 +241,14 @@ void ConduitChannel::ready(std::uint32_t events) {
     if (!closed_) armLocked();
   }
   if (own) own();
+}
+
+void afterReading(std::function<void()> task) {
+  if (deliveriesOfThread) {
+    deliveriesOfThread->push_back(std::move(task));
+  } else {
+    WorkQueue::global().async(std::move(task));
+  }
 }
 
 void ConduitChannel::leaveDeliveriesToOthers() {

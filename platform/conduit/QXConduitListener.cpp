@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <mutex>
@@ -20,21 +19,16 @@
 
 namespace {
 
-/// What the connections of a process hold, and from where on those of sandboxes get no more.
-struct Room {
-  const std::size_t mostDescriptors;
-  const std::size_t mostBytes;
-  std::atomic<std::size_t> descriptors = 0;
-  std::atomic<std::size_t> bytes = 0;
-};
-
-/// The part of one connection. Its peer is looked at only when there is little room.
+/// What one connection takes of the room. Its peer is looked at only when there is little left.
 class Share {
  public:
-  Share(Room& room, const qx::AuditToken& peer) : room_(room), peer_(peer) { take({0, 0}); }
+  Share(std::shared_ptr<qx::SandboxRoom> room, const qx::AuditToken& peer)
+      : room_(std::move(room)), peer_(peer) {
+    take({0, 0});
+  }
   ~Share() {
-    room_.descriptors -= held_.descriptors;
-    room_.bytes -= held_.bytes;
+    room_->descriptors -= held_.descriptors;
+    room_->bytes -= held_.bytes;
   }
   Share(const Share&) = delete;
   Share& operator=(const Share&) = delete;
@@ -44,7 +38,7 @@ class Share {
     return fits();
   }
   bool fits() const {
-    if (room_.descriptors <= room_.mostDescriptors && room_.bytes <= room_.mostBytes) return true;
+    if (room_->isLeft()) return true;
     const auto process = qx::ProcessDirectory::open(peer_);
     return process && process->isOutsideOfSandboxes();
   }
@@ -52,12 +46,12 @@ class Share {
  private:
   void take(qx::conduit::ConduitChannel::Kept kept) {
     ++kept.descriptors;  // the connection itself
-    room_.descriptors += kept.descriptors - held_.descriptors;
-    room_.bytes += kept.bytes - held_.bytes;
+    room_->descriptors += kept.descriptors - held_.descriptors;
+    room_->bytes += kept.bytes - held_.bytes;
     held_ = kept;
   }
 
-  Room& room_;
+  const std::shared_ptr<qx::SandboxRoom> room_;
   const qx::AuditToken peer_;
   qx::conduit::ConduitChannel::Kept held_;
 };
@@ -83,10 +77,7 @@ class QXConduitListener::State final : public qx::ReactorHandler,
     delegate_ = delegate;
   }
 
-  void boundSandboxes(std::size_t descriptors, std::size_t bytes) {
-    static Room& room = *new Room{descriptors, bytes};
-    room_ = &room;
-  }
+  void boundSandboxes(std::shared_ptr<qx::SandboxRoom> room) { room_ = std::move(room); }
 
   void resume() {
     {
@@ -146,7 +137,7 @@ class QXConduitListener::State final : public qx::ReactorHandler,
     std::lock_guard accepting(acceptMutex_);
     auto connection = QXConduitConnection::overSocket(std::move(socket));
     if (room_) {
-      auto share = std::make_shared<Share>(*room_, connection->auditToken());
+      auto share = std::make_shared<Share>(room_, connection->auditToken());
       if (!share->fits()) {
         DS_LOG("[INFO] Dropping a connection of PID %d: sandboxes have too much.",
                connection->processIdentifier());
@@ -178,7 +169,7 @@ class QXConduitListener::State final : public qx::ReactorHandler,
   QXConduitListener* const listener_;
   const std::string serviceName_;
   qx::ListeningSocket socket_;
-  Room* room_ = nullptr;  // set before resume()
+  std::shared_ptr<qx::SandboxRoom> room_;  // set before resume()
   std::mutex acceptMutex_;
   std::mutex mutex_;
   // Under the mutex.
@@ -197,8 +188,8 @@ void QXConduitListener::setDelegate(const std::shared_ptr<QXConduitListenerDeleg
   state_->setDelegate(delegate);
 }
 
-void QXConduitListener::boundSandboxes(std::size_t descriptors, std::size_t bytes) {
-  state_->boundSandboxes(descriptors, bytes);
+void QXConduitListener::boundSandboxes(std::shared_ptr<qx::SandboxRoom> room) {
+  state_->boundSandboxes(std::move(room));
 }
 
 void QXConduitListener::resume() { state_->resume(); }

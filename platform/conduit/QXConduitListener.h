@@ -1,10 +1,10 @@
 #pragma once
 
-#include <cstddef>
 #include <memory>
 #include <string>
 
 #include "platform/conduit/QXConduitConnection.h"
+#include "platform/conduit/SandboxRoom.h"
 
 class QXConduitListener;
 
@@ -32,10 +32,8 @@ class QXConduitListener {
   /// Held weakly. Call this before resume().
   void setDelegate(const std::shared_ptr<QXConduitListenerDelegate>& delegate);
 
-  /// For a service of one user, called before resume(): once the connections of all listeners that
-  /// are bounded so have this many descriptors and bytes together, what comes from a sandbox gets
-  /// no more. The first call decides how many. So an application leaves room for the others.
-  void boundSandboxes(std::size_t descriptors, std::size_t bytes);
+  /// For a service of one user, called before resume(). Listeners may share a room.
+  void boundSandboxes(std::shared_ptr<qx::SandboxRoom> room);
 
   /// Begins to accept, and tells the service manager that the service is ready (sd_notify(3)).
   void resume();

@@ -21,6 +21,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <functional>
 #include <iterator>
 #include <mutex>
@@ -28,9 +29,9 @@
 #include <utility>
 
 #include "platform/base/Errors.h"
+#include "platform/conduit/AfterReading.h"
 #include "platform/conduit/QXConduitConnection.h"
 #include "platform/plist/PropertyList.h"
-#include "platform/queue/WorkQueue.h"
 #include "providers/_QXDocSourceVendor.h"
 #include "sdk/src/Bridge.h"
 
@@ -63,24 +64,26 @@ std::optional<qx::Error> errorOf(const Result<void>& result) {
   return result ? std::nullopt : std::optional(bridge::toPlatform(result.error()));
 }
 
-/// Where operations run, and how the end waits for them. Shared with the tasks that wait in the
-/// queue, which may outlive the provider.
+/// When operations run, and how the end waits for them. Shared with the tasks that wait, which may
+/// outlive the provider.
 class Operations : public std::enable_shared_from_this<Operations> {
  public:
-  explicit Operations(std::shared_ptr<qx::WorkQueue> queue) : queue_(std::move(queue)) {}
+  explicit Operations(Provider::Concurrency concurrency)
+      : isSerial_(concurrency == Provider::Concurrency::serial) {}
 
-  /// Runs `operation` on the provider's queue, unless the end has come before.
+  /// Runs `operation` when the call was read, unless the end has come before.
   void submit(std::function<void()> operation) {
-    auto task = [self = shared_from_this(), operation = std::move(operation)] {
-      if (!self->begin()) return;
-      operation();
-      self->end();
-    };
-    if (queue_) {
-      queue_->async(std::move(task));
-    } else {
-      qx::WorkQueue::global().async(std::move(task));
+    if (!isSerial_) {
+      qx::conduit::afterReading([self = shared_from_this(), operation = std::move(operation)] {
+        self->during(operation);
+      });
+      return;
     }
+    {
+      const std::lock_guard lock(mutex_);
+      waiting_.push_back(std::move(operation));
+    }
+    qx::conduit::afterReading([self = shared_from_this()] { self->runWaiting(); });
   }
 
   /// Runs it at once, beside the operations, unless the end has come before.
@@ -98,6 +101,21 @@ class Operations : public std::enable_shared_from_this<Operations> {
   }
 
  private:
+  /// In their order, unless another thread is at it.
+  void runWaiting() {
+    std::unique_lock lock(mutex_);
+    if (isAtIt_) return;
+    isAtIt_ = true;
+    while (!waiting_.empty()) {
+      auto operation = std::move(waiting_.front());
+      waiting_.pop_front();
+      lock.unlock();
+      during(operation);
+      operation = nullptr;
+      lock.lock();
+    }
+    isAtIt_ = false;
+  }
   bool begin() {
     const std::lock_guard lock(mutex_);
     if (!stopping_) ++running_;
@@ -109,10 +127,12 @@ class Operations : public std::enable_shared_from_this<Operations> {
     idle_.notify_all();
   }
 
-  const std::shared_ptr<qx::WorkQueue> queue_;  // null: the global one
+  const bool isSerial_;
   std::mutex mutex_;
   std::condition_variable idle_;
   // Under the mutex.
+  std::deque<std::function<void()>> waiting_;
+  bool isAtIt_ = false;
   bool stopping_ = false;
   std::size_t running_ = 0;
 };
@@ -299,10 +319,7 @@ int Provider::run() {
   const auto closed = std::make_shared<const qx::FileDescriptor>(eventfd(0, EFD_CLOEXEC));
   begin();
 
-  const auto operations = std::make_shared<Operations>(
-      implementation_->concurrency == Concurrency::serial
-          ? qx::WorkQueue::serial(implementation_->identifier + " operations")
-          : nullptr);
+  const auto operations = std::make_shared<Operations>(implementation_->concurrency);
   const auto connection = QXConduitConnection::overSocket(std::move(socket));
   connection->setExportedInterface(QXConduitInterface::interfaceWithProtocol<_QXDocSourceVendor>());
   connection->setExportedObject<_QXDocSourceVendor>(std::make_shared<Vendor>(*this, operations));

@@ -203,7 +203,7 @@ TEST_F(Listener, LeavesRoomForOthersThanSandboxes) {
   ASSERT_EQ(read(near.get(), &answer, 1), 1);
   if (answer == 'y') {
     TrialListener trial(service);
-    trial.listener.boundSandboxes(most, 1U << 20U);
+    trial.listener.boundSandboxes(std::make_shared<qx::SandboxRoom>(most, 1U << 20U));
     trial.listener.resume();
     ASSERT_EQ(write(near.get(), &answer, 1), 1);
     ASSERT_EQ(read(near.get(), &answer, 1), 1);
