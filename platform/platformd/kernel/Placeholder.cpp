@@ -10,8 +10,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <optional>
 #include <string_view>
+#include <tuple>
 
 #include "platform/base/FileDescriptor.h"
 #include "platform/files/InodeMark.h"
@@ -116,8 +118,11 @@ bool emptyIfAsked(int file) {
 bool anchor(int path, const struct stat& status) {
   if (status.st_size < smallestSkipped) return true;
   const FileDescriptor file = reopen(path, O_RDWR | O_NOATIME);
+  struct timespec begin;
   struct stat now;
-  if (!file || fstat(file.get(), &now) != 0) return false;
+  if (!file || clock_gettime(CLOCK_REALTIME_COARSE, &begin) != 0 || fstat(file.get(), &now) != 0) {
+    return false;
+  }
   if (now.st_size < 1) return true;
   if (now.st_size <= blocksInDoubt * now.st_blksize) vouch(file.get());
   if (lseek(file.get(), 0, SEEK_DATA) == 0) return true;
@@ -126,8 +131,13 @@ bool anchor(int path, const struct stat& status) {
   if (page == MAP_FAILED) return false;
   __atomic_fetch_or(static_cast<unsigned char*>(page), 0, __ATOMIC_SEQ_CST);
   munmap(page, 1);
+  // Not over the time that its provider has set meanwhile.
+  struct stat after;
+  const bool isOurs =
+      fstat(file.get(), &after) == 0 && std::tie(after.st_mtim.tv_sec, after.st_mtim.tv_nsec) >=
+                                            std::tie(begin.tv_sec, begin.tv_nsec);
   const timespec times[2] = {{0, UTIME_OMIT}, now.st_mtim};
-  futimens(file.get(), times);
+  if (isOurs) futimens(file.get(), times);
   return true;
 }
 
