@@ -34,6 +34,7 @@ def alone(function):
     return function
 
 
+TIME = 10**18 + 123456789
 USUAL_SIZE = 300_000  # More than is brought in ahead of a program that goes through a tree.
 
 
@@ -70,11 +71,13 @@ class Case:
             path = f"{self.there}/{name}"
             os.makedirs(os.path.dirname(path), exist_ok=True)
             put(path + ".new", content(name, size))
-            os.utime(path + ".new", ns=(10**18, 10**18 + 123456789))
+            os.utime(path + ".new", ns=(10**18, TIME))
             os.chmod(path + ".new", mode)
             os.rename(path + ".new", path)
+        # As it is there in the end: what is renamed there may have been seen before.
         for name in names:
-            eventually(lambda: os.path.exists(f"{self.here}/{name}"), f"{name} does not appear")
+            eventually(lambda: os.path.exists(f"{self.here}/{name}") and
+                       os.stat(f"{self.here}/{name}").st_mtime_ns == TIME, f"{name} does not appear")
         return f"{self.here}/{names[0]}" if names else self.here
 
     def started(self):
@@ -145,7 +148,7 @@ def looking_brings_nothing_in(c):
     for command in (["ls", "-laR"], ["find", ".", "-size", "+1"], ["du", "-a"], ["stat", "a.txt"]):
         run(*command, cwd=c.here)
     status = os.stat(f"{c.here}/a.txt")
-    expect((status.st_size, status.st_mtime_ns) == (USUAL_SIZE, 10**18 + 123456789), f"size and time are {status}")
+    expect((status.st_size, status.st_mtime_ns) == (USUAL_SIZE, TIME), f"size and time are {status}")
     expect(status.st_blocks * 512 <= 8192, f"it occupies {status.st_blocks * 512} bytes")
     expect(c.is_placeholder("a.txt") and c.is_placeholder("d/b.txt"), "was brought in by looking")
 
@@ -708,7 +711,7 @@ def what_may_not_be_written_can_be_read_and_replaced(c):
 def times_go_both_ways(c):
     path = c.given("a")
     c.want("a")
-    expect(os.stat(path).st_mtime_ns == 10**18 + 123456789, "the origin's time is not here")
+    expect(os.stat(path).st_mtime_ns == TIME, "the origin's time is not here")
     os.utime(path, ns=(5 * 10**17, 5 * 10**17 + 987654321))
     eventually(lambda: os.stat(f"{c.there}/a").st_mtime_ns == 5 * 10**17 + 987654321, "a time that was set does not arrive")
     put(path, b"edited")
@@ -833,7 +836,7 @@ def giving_back_frees_the_space(c):
     c.world.tool("evict", path)
     expect(c.is_placeholder("a"), "it is no placeholder")
     status = os.stat(path)
-    expect(status.st_blocks * 512 <= 8192 and status.st_size == 1 << 20 and status.st_mtime_ns == 10**18 + 123456789, f"{status}")
+    expect(status.st_blocks * 512 <= 8192 and status.st_size == 1 << 20 and status.st_mtime_ns == TIME, f"{status}")
     c.want("a")
     expect(read(path) == content("a", 1 << 20), "its content afterwards")
     with open(f"{c.here}/b", "rb") as file:
