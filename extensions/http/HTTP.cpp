@@ -17,7 +17,10 @@ namespace docsource::http {
 namespace {
 
 constexpr std::size_t mostText = 64UL * 1024;
-constexpr std::size_t mostHeaders = 256UL * 1024;
+/// Less than libcurl takes, which says of more that there is no memory.
+constexpr std::size_t mostHeaders = 64UL * 1024;
+/// Of an answer that nobody takes.
+constexpr std::size_t mostSkipped = 16UL * 1024 * 1024;
 constexpr std::size_t mostIdle = 8;
 /// Of what the socket has, so much at once (the largest that there was before 7.88,
 /// CURLOPT_BUFFERSIZE(3)).
@@ -26,6 +29,9 @@ constexpr long mostRedirects = 5;
 /// The way to log in is learned from the first refusal, and a password may have changed since.
 constexpr unsigned mostRefusals = 3;
 constexpr std::chrono::seconds connectPatience{20};
+/// Bytes in a second, of requests that are not about content: others wait behind them.
+constexpr long leastSpeed = 1024;
+constexpr std::uint64_t littleContent = 64UL * 1024;
 
 std::string lowered(std::string_view text) {
   std::string lower(text);
@@ -98,6 +104,28 @@ std::optional<std::int64_t> Answer::date(std::string_view name) const {
   return time == -1 ? std::nullopt : std::optional<std::int64_t>(time);
 }
 
+std::optional<std::uint64_t> sizeIn(std::string_view text) {
+  std::uint64_t size = 0;
+  const auto* const end = text.data() + text.size();
+  const auto [rest, problem] = std::from_chars(text.data(), end, size);
+  const bool isSize = !text.empty() && problem == std::errc() && rest == end && size <= INT64_MAX;
+  return isSize ? std::optional(size) : std::nullopt;
+}
+
+std::optional<ContentRange> ContentRange::from(std::string_view text) {
+  constexpr std::string_view unit = "bytes ";
+  const auto dash = text.find('-');
+  const auto slash = text.find('/');
+  if (!text.starts_with(unit) || dash == std::string_view::npos ||
+      slash == std::string_view::npos) {
+    return std::nullopt;
+  }
+  const auto first = sizeIn(text.substr(unit.size(), dash - unit.size()));
+  const auto total = sizeIn(text.substr(slash + 1));
+  if (!first || (!total && text.substr(slash + 1) != "*")) return std::nullopt;
+  return ContentRange{*first, total};
+}
+
 class Session::Handle {
  public:
   Handle() : curl_(curl_easy_init(), &curl_easy_cleanup) {}
@@ -120,9 +148,15 @@ struct Session::Transfer {
   Answer answer;
   std::optional<Error> error;
   std::size_t headerBytes = 0;
+  std::size_t skipped = 0;
   bool hasBegun = false;
   bool hasTaken = false;
   bool isEnough = false;
+
+  Error endless(const std::string& what) const {
+    return remoteError(RemoteProblem::unreachable,
+                       shown(request.url) + " cannot be understood: " + what + ".");
+  }
 
   bool begin() {
     if (std::exchange(hasBegun, true) || !request.begin || !answer.succeeded()) return true;
@@ -135,7 +169,10 @@ struct Session::Transfer {
     auto& transfer = *static_cast<Transfer*>(self);
     const std::string_view line = trimmed({data, size});
     transfer.headerBytes += size;
-    if (transfer.headerBytes > mostHeaders) return 0;
+    if (transfer.headerBytes > mostHeaders) {
+      transfer.error = transfer.endless("the headers of its answer have no end");
+      return 0;
+    }
     if (line.starts_with("HTTP/")) {
       transfer.answer = {};
       const auto space = line.find(' ');
@@ -170,7 +207,10 @@ struct Session::Transfer {
     if (!transfer.begin()) return CURL_WRITEFUNC_ERROR;
     if (!transfer.request.take || !answer.succeeded()) {
       answer.text.append(data, std::min(size, mostText - std::min(mostText, answer.text.size())));
-      return size;
+      transfer.skipped += size;
+      if (transfer.skipped <= mostSkipped) return size;
+      transfer.error = transfer.endless("its answer has no end");
+      return CURL_WRITEFUNC_ERROR;
     }
     transfer.hasTaken = true;
     const auto more = transfer.request.take({data, size});
@@ -336,7 +376,9 @@ Result<Answer> Session::perform(const Request& request) {
     handle->set(CURLOPT_ERRORBUFFER, text.data());
     handle->set(CURLOPT_CONNECTTIMEOUT,
                 static_cast<long>(std::min(patience, connectPatience).count()));
-    handle->set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    const bool isLittle = !request.isContent && request.work == 0 &&
+                          (!request.upload || request.upload->size() < littleContent);
+    handle->set(CURLOPT_LOW_SPEED_LIMIT, isLittle ? leastSpeed : 1L);
     handle->set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(patience.count()));
     handle->set(CURLOPT_HTTPAUTH, scheme == 0 ? static_cast<long>(CURLAUTH_NONE) : scheme);
     const bool isBearer = scheme == CURLAUTH_BEARER;
@@ -358,6 +400,10 @@ Result<Answer> Session::perform(const Request& request) {
     if (url) transfer.answer.url = url;
     release(std::move(handle));
 
+    // One line of a header that is longer than all of them may be.
+    if (code == CURLE_OUT_OF_MEMORY && !transfer.error) {
+      transfer.error = transfer.endless("a header of its answer has no end");
+    }
     if (transfer.error) return *transfer.error;
     if (transfer.isEnough) return std::move(transfer.answer);
     if (code == CURLE_OK && !transfer.begin()) return *transfer.error;

@@ -89,6 +89,21 @@ struct Answer {
   std::optional<std::int64_t> date(std::string_view name) const;
 };
 
+/// How many entries of a directory are believed in; no server lists so many, and who goes on does
+/// not end.
+constexpr std::size_t mostEntries = 1'000'000;
+
+/// A number of bytes as a header or a listing tells it; absent for what no document can have.
+std::optional<std::uint64_t> sizeIn(std::string_view text);
+
+/// "bytes 0-99/1234"; the total is absent where the server does not say it.
+struct ContentRange {
+  std::uint64_t first = 0;
+  std::optional<std::uint64_t> total;
+
+  static std::optional<ContentRange> from(std::string_view text);
+};
+
 /// Nobody knows how much.
 constexpr std::uint64_t anyWork = UINT64_MAX;
 
@@ -104,6 +119,10 @@ struct Request {
   /// So many bytes the server has to write, copy or put together itself before it answers: it is
   /// given a second more for each 4 MiB of them, and ten minutes at most.
   std::uint64_t work = 0;
+  /// Its answer is the content of a document, which comes as slowly as the line is. Any other
+  /// answer to a request that neither sends nor asks for much has to come at a least speed once it
+  /// comes.
+  bool isContent = false;
   /// A status of 502 is an answer and not a proxy's.
   bool gatewayAnswers = false;
   /// Of an answer that succeeds: called once before its content; an error ends the request.
