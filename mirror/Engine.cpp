@@ -411,8 +411,16 @@ Result<MirrorStatus> Engine::status(const std::string& path) {
       row.bind(item.number);
       return row.step();
     };
+    if (status.isDirectory && !status.reason) {
+      // What could never be made here has no path of its own that anybody could ask about.
+      LeftOut leftOut;
+      for (const Item& each : items_->failedIn(item.number)) {
+        leftOut.add(each.there->place.name, *each.reason);
+      }
+      status.reason = leftOut.text();
+    }
     if (item.number == rootItem) {
-      status.state = MirrorItemState::present;
+      status.state = status.reason ? MirrorItemState::failed : MirrorItemState::present;
     } else if (item.here->kind == Kind::link ||
                absolute(Side::here, item.number) != resolved(path)) {
       status.state = MirrorItemState::localOnly;
@@ -420,7 +428,7 @@ Result<MirrorStatus> Engine::status(const std::string& path) {
     } else if (transfer != busy_.end()) {
       status.state =
           transfer->second->isUpload ? MirrorItemState::uploading : MirrorItemState::providing;
-    } else if (item.reason) {
+    } else if (status.reason) {
       status.state = MirrorItemState::failed;
     } else if (item.conflictWith || hasCopy()) {
       status.state = MirrorItemState::conflict;
@@ -515,7 +523,11 @@ void Engine::beginSync(bool confirmRemovals) {
           "UPDATE item SET confirmed=1 WHERE agreedKind IS NOT NULL AND"
           " (hereKind IS NULL OR thereKind IS NULL)");
     }
-    database_->prepare("UPDATE item SET due=?, tries=0 WHERE due IS NOT NULL OR reason IS NOT NULL")
+    // What is wrong with the listing of a directory is found out by listing it.
+    database_
+        ->prepare(
+            "UPDATE item SET due=?, tries=0 WHERE due IS NOT NULL OR"
+            " (reason IS NOT NULL AND thereKind IS NOT 2)")
         .bind(now())
         .run();
     transaction.commit();

@@ -52,6 +52,15 @@ bool isName(const std::string& name) {
          name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
 }
 
+/// Why an entry of a listing is left out; absent when it is not.
+std::optional<std::string> troubleWith(const RemoteItem& item) {
+  if (!isName(item.name)) return item.trouble.value_or("no document can have that name here");
+  if (!item.trouble && item.size > static_cast<std::uint64_t>(INT64_MAX)) {
+    return "it has no size that a document can have";
+  }
+  return item.trouble;
+}
+
 bool isNothing(const std::optional<Item>& item) {
   return item && !item->here && !item->agreed && !item->there;
 }
@@ -700,10 +709,20 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
   Numbers met;
   // What is known of it, in one piece: most entries are as they were.
   std::optional<std::unordered_map<std::string, std::pair<ItemNumber, Node>>> known;
+  LeftOut leftOut;
   const auto take = [&] {
     if (!known) known = entriesOf(Side::there, directory);
     Database::Transaction transaction(*database_, Durable::later);
     for (const auto& entry : entries) {
+      if (const auto trouble = troubleWith(entry)) {
+        leftOut.add(entry.name, *trouble);
+        // It must not look removed.
+        if (const auto item = items_->at(Side::there, {directory, entry.name})) {
+          there_.missing.erase(item->number);
+          met.push_back(item->number);
+        }
+        continue;
+      }
       Node node = nodeThere({directory, entry.name}, entry);
       const auto before = known->find(entry.name);
       if (before != known->end() && noteAsBefore(Side::there, before->second, node, recursive)) {
@@ -717,13 +736,8 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
   };
   overtaken_.clear();
   std::exception_ptr failure;
-  bool hasOnlyNames = true;
   const auto listed = remotely(lock, [&] {
     return remote_.list(*path, [&](const RemoteItem& item) {
-      if (!isName(item.name)) {
-        hasOnlyNames = false;
-        return;
-      }
       entries.push_back(item);
       if (entries.size() < batch || failure) return;
       const Lock inner(mutex_);
@@ -745,14 +759,11 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
     return {};
   }
   take();
-  // What is left out must not look removed.
-  if (!hasOnlyNames) {
-    return remoteError(RemoteProblem::failed, "The remote lists what cannot be a name.");
-  }
   noteAbsent(Side::there, directory, std::move(met));
   const auto item = items_->load(directory);
-  if (item && item->reason && !item->due) {
-    change(directory, [](Item& read) { read.reason.reset(); });
+  const auto reason = leftOut.text();
+  if (item && item->reason != reason && !(item->reason && item->due)) {
+    change(directory, [&](Item& read) { read.reason = reason; });
   }
   return {};
 }

@@ -303,6 +303,15 @@ void Items::forEach(const char* condition, const std::function<void(const Item&)
   while (row.step()) visit(read(row));
 }
 
+std::vector<Item> Items::failedIn(ItemNumber directory) {
+  auto row = database_.prepare(
+      "SELECT * FROM item WHERE reason IS NOT NULL AND hereKind IS NULL AND +thereParent=?");
+  row.bind(directory);
+  std::vector<Item> items;
+  while (row.step()) items.push_back(read(row));
+  return items;
+}
+
 std::optional<std::string> Items::fact(const std::string& name) {
   auto row = database_.prepare("SELECT value FROM fact WHERE name=?");
   row.bind(name);

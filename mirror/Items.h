@@ -139,6 +139,8 @@ class Items {
       "hereKind IS NULL AND agreedKind IS NULL AND thereKind IN (1, 2)";
   /// Returns those of them that are due, in the order in which they became due.
   std::vector<ItemNumber> newThere(std::int64_t now, std::int64_t most);
+  /// Returns what is in a directory there, is not here and has failed.
+  std::vector<Item> failedIn(ItemNumber directory);
   std::optional<std::int64_t> nextDue(const std::string& condition);
   /// Makes everything that waits due now.
   void makeAllDue(std::int64_t now);

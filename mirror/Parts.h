@@ -33,6 +33,30 @@ struct Engine::Transfer {
   Arrival arrival;
 };
 
+/// What is not here of a directory: the first few by name, each with its reason, for a person.
+class LeftOut {
+ public:
+  void add(const std::string& name, std::string reason) {
+    constexpr std::size_t longest = 255;
+    if (count_++ >= mostNamed) return;
+    if (reason.ends_with('.')) reason.pop_back();
+    text_ += std::string(text_.empty() ? "" : ", ") + "\"" + name.substr(0, longest) + "\" (" +
+             reason + ")";
+  }
+  /// Absent when there is none.
+  std::optional<std::string> text() const {
+    if (count_ == 0) return std::nullopt;
+    const auto more =
+        count_ > mostNamed ? " and " + std::to_string(count_ - mostNamed) + " more" : "";
+    return "Not everything in it can be shown here: " + text_ + more + ".";
+  }
+
+ private:
+  static constexpr std::uint64_t mostNamed = 3;
+  std::uint64_t count_ = 0;
+  std::string text_;
+};
+
 /// What the fact says that was decided about a file aside of which it has to be seen what it is,
 /// and which is nobody's to read.
 inline const std::string hiddenAside = "hidden";

@@ -45,7 +45,12 @@ using Parameters = std::map<std::string, std::string>;
 
 constexpr std::size_t longestKey = 1024;
 constexpr std::size_t longestName = 255;
-constexpr std::size_t mostListing = 64UL * 1024 * 1024;
+/// Of one answer, which has a thousand keys at most.
+constexpr std::size_t mostListing = 16UL * 1024 * 1024;
+/// So many pages of a listing may have less in them than was asked for.
+constexpr std::size_t mostThinPages = 200;
+/// Keys that were not asked for and are told of.
+constexpr std::size_t mostStrange = 100;
 constexpr std::size_t mostAtATime = 16;
 /// So many objects of a directory may be without any answer before that is the store's trouble.
 constexpr unsigned mostUnanswered = 2;
@@ -343,6 +348,7 @@ class S3Remote final : public Remote {
     bool isRepeatable = false;
     /// So much the store has to copy or to put together itself, in bytes.
     std::uint64_t work = 0;
+    bool isContent = false;
     std::function<Result<void>(const Answer&)> begin = {};
     std::function<Result<bool>(std::string_view)> take = {};
   };
@@ -350,6 +356,8 @@ class S3Remote final : public Remote {
   struct Page {
     std::vector<Element> objects;
     std::vector<std::string> prefixes;
+    /// Keys that were not asked for, and lead elsewhere.
+    std::vector<std::string> others;
     std::optional<std::string> next;
   };
   struct Listed {
@@ -386,6 +394,9 @@ class S3Remote final : public Remote {
   Result<Element> askForXML(const Call& call, const std::string& path, const char* root);
   Result<Page> page(const std::string& prefix, bool isFlat, unsigned most,
                     const std::optional<std::string>& token);
+  /// All pages, one after the other.
+  Result<void> pages(const std::string& path, bool isFlat,
+                     const std::function<Result<void>(Page&)>& take);
   /// At most two keys that begin with it.
   Result<std::vector<std::string>> keysBelow(const std::string& prefix);
   Result<bool> isDirectory(const std::string& path);
@@ -488,6 +499,7 @@ Result<Answer> S3Remote::send(const Call& call) {
     if (call.body) request.upload = &upload;
     request.isRepeatable = call.isRepeatable;
     request.work = call.work;
+    request.isContent = call.isContent;
     request.begin = call.begin;
     request.take = call.take;
     auto answer = session_.perform(request);
@@ -579,24 +591,44 @@ Result<S3Remote::Page> S3Remote::page(const std::string& prefix, bool isFlat, un
       const auto key = each.textOf("Key");
       if (!key.starts_with(prefix) ||
           (!isFlat && key.find('/', prefix.size()) != std::string_view::npos)) {
-        return strange(path, "it lists something else");
+        result.others.emplace_back(key);
+      } else {
+        result.objects.push_back(std::move(each));
       }
-      result.objects.push_back(std::move(each));
     } else if (each.name == "CommonPrefixes") {
       const auto text = each.textOf("Prefix");
-      result.prefixes.push_back(isEncoded ? decoded(text) : std::string(text));
-      const auto& below = result.prefixes.back();
-      if (!below.starts_with(prefix) || below.find('/', prefix.size()) + 1 < below.size()) {
-        return strange(path, "it lists something else");
-      }
+      auto below = isEncoded ? decoded(text) : std::string(text);
+      const bool isBelow =
+          below.starts_with(prefix) && below.find('/', prefix.size()) + 1 >= below.size();
+      (isBelow ? result.prefixes : result.others).push_back(std::move(below));
     }
   }
+  // What is removed or moved by such a list has to be all of it and nothing else.
+  if (isFlat && !result.others.empty()) return strange(path, "it lists something else");
   if (root->textOf("IsTruncated") == "true") {
     result.next = std::string(root->textOf("NextContinuationToken"));
     if (result.next->empty() || result.next == token)
       return strange(path, "its listing has no end");
   }
   return result;
+}
+
+Result<void> S3Remote::pages(const std::string& path, bool isFlat,
+                             const std::function<Result<void>(Page&)>& take) {
+  std::optional<std::string> token;
+  std::size_t entries = 0;
+  std::size_t count = 0;
+  do {
+    auto some = page(directoryKeyOf(path), isFlat, options_.pageSize, token);
+    if (!some) return some.error();
+    token = some->next;
+    entries += some->objects.size() + some->prefixes.size() + some->others.size();
+    if (entries > mostEntries || ++count > mostThinPages + mostEntries / options_.pageSize) {
+      return strange(path, "its listing has no end");
+    }
+    if (auto taken = take(*some); !taken) return taken;
+  } while (token);
+  return {};
 }
 
 Result<std::vector<std::string>> S3Remote::keysBelow(const std::string& prefix) {
@@ -735,10 +767,10 @@ Result<S3Remote::Seen> S3Remote::head(const std::string& path) {
   call.isRepeatable = true;
   auto answer = ask(call, path);
   if (!answer) return answer.error();
-  const auto size = numberIn(answer->header("content-length").value_or("0"));
+  const auto size = sizeIn(answer->header("content-length").value_or(""));
   const auto version =
       size ? Version::of(answer->header("etag").value_or(""), *size) : std::nullopt;
-  if (!version) return problem(RemoteProblem::failed, path, "has no tag at the store.");
+  if (!version) return problem(RemoteProblem::failed, path, "has no tag or no size at the store.");
   Seen seen{{}, *version, *std::move(answer)};
   seen.item.name = nameIn(path);
   seen.item.size = *size;
@@ -802,8 +834,8 @@ Result<void> S3Remote::list(const std::string& path, const Visitor& visit) {
   const auto prefix = directoryKeyOf(path);
   std::map<std::string, RemoteItem> files;
   std::set<std::string> directories;
+  std::map<std::string, std::string> troubles;
   bool isThere = path.empty();
-  std::optional<std::string> token;
   const auto hasPlace = [&](const std::string& name, const std::string& key) {
     const bool isLong = name.size() > longestName;
     const bool isGood = !name.empty() && name != "." && name != ".." && !isLong &&
@@ -811,11 +843,8 @@ Result<void> S3Remote::list(const std::string& path, const Visitor& visit) {
     if (!isGood) report(key, isLong ? "its name is too long" : "it has no place in a directory");
     return isGood;
   };
-  do {
-    auto some = page(prefix, false, options_.pageSize, token);
-    if (!some) return some.error();
-    token = some->next;
-    for (const auto& each : some->objects) {
+  const auto listed = pages(path, false, [&](Page& some) -> Result<void> {
+    for (const auto& each : some.objects) {
       isThere = true;
       const std::string key(each.textOf("Key"));
       const auto name = key.substr(prefix.size());
@@ -823,25 +852,34 @@ Result<void> S3Remote::list(const std::string& path, const Visitor& visit) {
       if (name.empty() && !prefix.empty()) continue;
       if (path.empty() && (name == markName || name.starts_with(trialName))) continue;
       if (!hasPlace(name, key)) continue;
-      const auto size = numberIn(each.textOf("Size")).value_or(0);
+      const auto size = sizeIn(each.textOf("Size"));
+      if (!size) {
+        troubles[name] = "the store tells no size of it";
+        continue;
+      }
       // An object of which the store knows no tag is shown, and cannot be read; what is left out
       // would look removed.
       const auto version =
-          Version::of(each.textOf("ETag"), size).value_or(Version{std::string(unknownTag), size});
+          Version::of(each.textOf("ETag"), *size).value_or(Version{std::string(unknownTag), *size});
       RemoteItem item;
       item.name = name;
-      item.size = size;
+      item.size = *size;
       item.version = version.text();
       item.modified = listedTime(each.textOf("LastModified"));
       files[name] = std::move(item);
     }
-    for (const auto& key : some->prefixes) {
+    for (const auto& key : some.prefixes) {
       isThere = true;
       auto name = key.substr(prefix.size());
       if (name.ends_with('/')) name.pop_back();
       if (hasPlace(name, key)) directories.insert(std::move(name));
     }
-  } while (token);
+    for (auto& key : some.others) {
+      if (troubles.size() < mostStrange) troubles["/" + key] = "the store was not asked for it";
+    }
+    return {};
+  });
+  if (!listed) return listed.error();
   if (!isThere) return missing(path);
   std::vector<RemoteItem> shownFiles;
   for (auto& [name, item] : files) {
@@ -861,6 +899,12 @@ Result<void> S3Remote::list(const std::string& path, const Visitor& visit) {
     visit(item);
   }
   for (const auto& item : shownFiles) visit(item);
+  for (const auto& [name, why] : troubles) {
+    RemoteItem item;
+    item.name = name;
+    item.trouble = why;
+    if (!directories.contains(name)) visit(item);
+  }
   return {};
 }
 
@@ -931,6 +975,7 @@ Result<void> S3Remote::read(const std::string& path, const std::string& version,
     const auto first = offset + done;
     std::uint64_t skip = 0;
     Call call{"GET", keyOf(path)};
+    call.isContent = true;
     call.headers["if-match"] = wanted->quoted();
     call.headers["range"] =
         "bytes=" + std::to_string(first) + "-" + std::to_string(offset + length - 1);
@@ -939,10 +984,15 @@ Result<void> S3Remote::read(const std::string& path, const std::string& version,
       const auto told = Version::of(answer.header("etag").value_or(""), wanted->size);
       if (!told) return strange(path, "its answer has no tag");
       if (told->tag != wanted->tag) return changed(path);
-      if (answer.status == 206 && !answer.header("content-range")
-                                       .value_or("")
-                                       .starts_with("bytes " + std::to_string(first) + "-")) {
+      const auto range = ContentRange::from(answer.header("content-range").value_or(""));
+      if (answer.status == 206 && (!range || range->first != first)) {
         return strange(path, "it has another part than was asked for");
+      }
+      const auto total = answer.status == 206
+                             ? range->total
+                             : sizeIn(answer.header("content-length").value_or(""));
+      if (total && *total != wanted->size) {
+        return strange(path, "it has another length than the document");
       }
       skip = answer.status == 206 ? 0 : first;
       return {};
@@ -1204,18 +1254,16 @@ Result<Version> S3Remote::copy(const std::string& from, const std::string& to,
 /// Every key below a directory, and its own.
 Result<std::vector<S3Remote::Listed>> S3Remote::keysOf(const std::string& path) {
   std::vector<Listed> keys;
-  std::optional<std::string> token;
-  do {
-    auto some = page(directoryKeyOf(path), true, options_.pageSize, token);
-    if (!some) return some.error();
-    token = some->next;
-    for (const auto& each : some->objects) {
-      const auto size = numberIn(each.textOf("Size"));
+  const auto listed = pages(path, true, [&](Page& some) -> Result<void> {
+    for (const auto& each : some.objects) {
+      const auto size = sizeIn(each.textOf("Size"));
       const auto version = size ? Version::of(each.textOf("ETag"), *size) : std::nullopt;
       if (!version) return strange(path, "it lists an object without tag or size");
       keys.push_back({std::string(each.textOf("Key")), *version});
     }
-  } while (token);
+    return {};
+  });
+  if (!listed) return listed.error();
   return keys;
 }
 

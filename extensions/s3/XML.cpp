@@ -9,14 +9,16 @@ namespace docsource::s3 {
 namespace {
 
 constexpr std::size_t mostDepth = 16;
+constexpr std::size_t mostElements = 200'000;
 
 struct Reader {
   XML_ParserStruct* parser;
   /// What is open, the outermost first.
   std::vector<Element> open{1};
+  std::size_t count = 0;
 
   void start(std::string_view name) {
-    if (open.size() > mostDepth) {
+    if (open.size() > mostDepth || ++count > mostElements) {
       XML_StopParser(parser, XML_FALSE);
       return;
     }

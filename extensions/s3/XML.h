@@ -20,7 +20,7 @@ struct Element {
 };
 
 /// Absent for what is no whole document, for one with a document type and for one nested deeper
-/// than an answer is.
+/// or with more elements than an answer has.
 std::optional<Element> elementFrom(std::string_view text);
 
 }  // namespace docsource::s3

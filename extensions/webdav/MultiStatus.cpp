@@ -7,6 +7,8 @@
 
 #include <charconv>
 
+#include "extensions/http/HTTP.h"
+
 namespace docsource::webdav {
 namespace {
 
@@ -131,9 +133,7 @@ class MultiStatus::Parser {
     } else if (name == "DAV: getlastmodified") {
       group_.modified = text;
     } else if (name == "DAV: getcontentlength") {
-      std::uint64_t size = 0;
-      const auto [rest, problem] = std::from_chars(text.data(), text.data() + text.size(), size);
-      if (problem == std::errc() && rest == text.data() + text.size()) group_.size = size;
+      group_.size = http::sizeIn(text);
     } else if (name == "http://owncloud.org/ns id" ||
                (name == "http://owncloud.org/ns fileid" && !group_.identifier)) {
       group_.identifier = text;

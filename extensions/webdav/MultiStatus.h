@@ -19,6 +19,7 @@ struct Resource {
   int status = 0;
   bool isCollection = false;
   std::optional<std::string> tag;
+  /// Absent also where what is told is no size.
   std::optional<std::uint64_t> size;
   std::optional<std::string> modified;
   /// Of servers that have one: never used again for another, in all of the installation or in the

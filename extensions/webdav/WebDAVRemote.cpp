@@ -221,31 +221,6 @@ std::int64_t secondsOf(RemoteTime time) {
   return std::chrono::floor<seconds>(time).time_since_epoch().count();
 }
 
-/// "bytes 0-99/1234"; the total is absent where the server does not say it.
-struct ContentRange {
-  std::uint64_t first = 0;
-  std::optional<std::uint64_t> total;
-
-  static std::optional<ContentRange> from(std::string_view text) {
-    ContentRange range;
-    if (!text.starts_with("bytes ")) return std::nullopt;
-    text.remove_prefix(6);
-    const auto read = [](std::string_view digits, std::uint64_t& number) {
-      const auto end = digits.data() + digits.size();
-      return std::from_chars(digits.data(), end, number).ptr == end && !digits.empty();
-    };
-    const auto dash = text.find('-');
-    const auto slash = text.find('/');
-    std::uint64_t total = 0;
-    if (dash == std::string_view::npos || slash == std::string_view::npos ||
-        !read(text.substr(0, dash), range.first)) {
-      return std::nullopt;
-    }
-    if (read(text.substr(slash + 1), total)) range.total = total;
-    return range;
-  }
-};
-
 class WebDAVRemote final : public Remote {
  public:
   WebDAVRemote(WebDAVOptions options, std::string origin, std::string top)
@@ -397,7 +372,10 @@ std::int64_t WebDAVRemote::now() const {
 
 Result<Answer> WebDAVRemote::ask(const std::string& url, const std::string& path, int depth,
                                  const MultiStatus::Visitor& visit) {
-  MultiStatus reader(visit);
+  std::size_t entries = 0;
+  MultiStatus reader([&](const Resource& resource) -> Result<void> {
+    return ++entries <= mostEntries ? visit(resource) : strange(path, "its listing has no end");
+  });
   MemoryUpload body(wantedProperties);
   Request request{
       "PROPFIND",
@@ -617,7 +595,7 @@ Result<RemoteItem> WebDAVRemote::itemOf(const Place& place, const Resource& reso
   const auto version = Version::of(resource);
   if (!version) {
     return problem(RemoteProblem::failed, item.name,
-                   "has neither a tag nor a time and a size, says the server.");
+                   "has neither a tag nor a time, or no size, says the server.");
   }
   item.size = version->size;
   item.version = version->text();
@@ -683,19 +661,18 @@ Result<void> WebDAVRemote::listAll(const Place& place, const std::string& path,
     }
     if (!at.starts_with(own + "/")) return {};
     auto name = at.substr(own.size() + 1);
-    if (name.empty() || name == "." || name == ".." ||
-        name.find_first_of(std::string_view("/\0", 2)) != std::string::npos) {
-      return {};
-    }
     if (resource.status == 404) return {};
+    // What is not told about must not look removed.
+    const auto leaveOut = [&](std::string why) -> Result<void> {
+      RemoteItem item;
+      item.name = std::move(name);
+      item.trouble = std::move(why);
+      visit(item);
+      return {};
+    };
     if (resource.status >= 300) {
-      // What is not told about must not look removed.
-      Answer inner;
-      inner.status = resource.status;
-      const auto error = refusal(inner, joined(path, name));
-      return is(error, RemoteProblem::notFound)
-                 ? problem(RemoteProblem::failed, joined(path, name), "is not told about.")
-                 : error;
+      return leaveOut("the server does not tell about it, status " +
+                      std::to_string(resource.status));
     }
     if (!withAside) {
       if (name == markName) return {};
@@ -709,8 +686,8 @@ Result<void> WebDAVRemote::listAll(const Place& place, const std::string& path,
         if (age < goneAge) return {};
       }
     }
-    auto item = itemOf(place, resource, std::move(name));
-    if (!item) return item.error();
+    auto item = itemOf(place, resource, name);
+    if (!item) return leaveOut("the server tells neither a tag nor a time of it, or no size");
     visit(*item);
     return {};
   });
@@ -801,6 +778,7 @@ Result<void> WebDAVRemote::readOnce(const Place& place, const std::string& path,
   bool isYoung = false;
   bool isStale = false;
   Request request{"GET", place.url(path), {}};
+  request.isContent = true;
   if (!isWhole) {
     request.headers.push_back("Range: bytes=" + std::to_string(first) + "-" +
                               std::to_string(from + length - 1));
@@ -820,11 +798,9 @@ Result<void> WebDAVRemote::readOnce(const Place& place, const std::string& path,
       total = range->total;
     } else if (answer.status == 200) {
       skip = first;
-      std::uint64_t size = 0;
-      const auto text = answer.header("content-length").value_or("");
-      if (std::from_chars(text.data(), text.data() + text.size(), size).ec == std::errc()) {
-        total = size;
-      }
+      const auto told = answer.header("content-length");
+      total = sizeIn(told.value_or(""));
+      if (told && !total) return other("its length is none");
     } else {
       return other("its status is " + std::to_string(answer.status));
     }

@@ -461,17 +461,42 @@ TEST_F(EngineTest, TriesAgainOfItsOwnAccord) {
     pass();
   }
   const auto health = [&] { return machine_->engine().health().state; };
-  // What leads out of the tree is not followed, and nobody is told that all is well.
-  for (const auto& name : {std::string(), std::string(".."), std::string("../out"),
-                           std::string("./out"), std::string("o\0t", 3)}) {
-    remote.added = name;
-    machine_->engine().beginSync(false);
-    machine_->engine().step();
-    EXPECT_EQ(health(), MirrorHealth::State::offline) << name;
-    remote.added.reset();
-    clock_.advance(std::chrono::seconds(31));
-    settle();
+  // What leads out of the tree is not followed, and what nothing is told about or can be had of
+  // stays as it was. Nobody is told that all is well, and everything else goes on.
+  constexpr auto tooMuch = std::uint64_t{1} << 63U;
+  for (const auto& [name, size, trouble] :
+       std::initializer_list<std::tuple<std::string, std::uint64_t, std::string>>{
+           {"", 0, ""},
+           {"..", 0, ""},
+           {"../out", 0, ""},
+           {"./out", 0, ""},
+           {std::string("o\0t", 3), 0, ""},
+           {std::string(300, 'n'), 0, ""},
+           {"out", tooMuch, ""},
+           {"a.txt", tooMuch, ""},
+           {"a.txt", 0, "not told"},
+           {"d", 0, "not told"}}) {
+    remote.added = RemoteItem{};
+    remote.added->name = name;
+    remote.added->version = "1";
+    remote.added->size = size;
+    if (!trouble.empty()) remote.added->trouble = trouble;
+    const auto before = names(machine_->storage);
+    const auto text = read(here("a.txt"));
+    write(there("beside"), "x");
+    for (int times = 0; times < 2; ++times) settle();
     EXPECT_EQ(health(), MirrorHealth::State::ok) << name;
+    EXPECT_EQ(machine_->engine().health().failed, 1U) << name;
+    const auto status = machine_->engine().status(machine_->storage);
+    EXPECT_EQ(status->state, MirrorItemState::failed) << name;
+    EXPECT_NE(status->reason.value_or("").find('"' + name.substr(0, 255)), std::string::npos);
+    EXPECT_TRUE(fs::remove(here("beside"))) << name;
+    EXPECT_EQ(names(machine_->storage), before) << name;
+    EXPECT_EQ(read(here("a.txt")), text) << name;
+    remote.added.reset();
+    settle();
+    EXPECT_FALSE(machine_->engine().status(machine_->storage)->reason) << name;
+    EXPECT_EQ(machine_->engine().health().failed, 0U) << name;
     EXPECT_FALSE(fs::exists(here("../out")) || fs::exists(here("out"))) << name;
   }
   // Nobody is sent away for years, or without being told.

@@ -23,8 +23,8 @@ class UnreliableRemote final : public Remote {
   unsigned lies = 0;
   /// For how long it says that it does not want to be asked.
   std::optional<std::chrono::seconds> retryAfter;
-  /// A document that it lists at the top besides.
-  std::optional<std::string> added;
+  /// What it lists at the top besides, or in the place of what has that name.
+  std::optional<RemoteItem> added;
   bool hasIdentifiers = true;
   std::mt19937_64* random = nullptr;
   /// The process that uses it is dead as long as that is true, and sends nothing any more.
@@ -44,14 +44,10 @@ class UnreliableRemote final : public Remote {
   }
   Result<void> list(const std::string& path, const Visitor& visit) override {
     return tried<void>([&] {
-      if (path.empty() && added) {
-        RemoteItem item;
-        item.name = *added;
-        item.version = "1";
-        visit(item);
-      }
+      const bool isAdded = path.empty() && added;
+      if (isAdded) visit(*added);
       return remote_->list(path, [&](const RemoteItem& item) {
-        if (!happens(lies)) visit(shown(item));
+        if (!happens(lies) && !(isAdded && item.name == added->name)) visit(shown(item));
       });
     });
   }

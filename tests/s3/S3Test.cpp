@@ -207,6 +207,49 @@ TEST_P(S3, ADamagedObjectIsTheTroubleOfItsOwn) {
   EXPECT_TRUE(write(*again, "d/new", "new"));
 }
 
+TEST(ScriptedStore, AListingEndsAndWhatIsWrongWithOneEntryHidesNoOther) {
+  ServerProcess server("plain", SCRIPTED);
+  S3Options options;
+  options.url = "s3://docs/top";
+  options.endpoint = server.url()->substr(0, server.url()->find("/dav/"));
+  options.credentials = [] { return Result<Credentials>({"who", "secret", {}}); };
+  options.storeTimes = true;
+  options.connection.wait = [](std::chrono::milliseconds) { return true; };
+  const auto remote = *makeS3Remote(std::move(options));
+  const auto listed = [&](const std::string& entries, const std::string& next = "") {
+    const auto more = next.empty() ? ""
+                                   : "<IsTruncated>true</IsTruncated><NextContinuationToken>" +
+                                         next + "</NextContinuationToken>";
+    server.ask(R"({"faults": [{"method": "GET", "status": 200, "body": "<ListBucketResult>)" +
+               more + entries + R"(</ListBucketResult>"}]})");
+    std::string text;
+    const auto done = remote->list("", [&](const RemoteItem& item) {
+      text += item.name + " " + (item.trouble ? "!" : std::to_string(item.size)) + ",";
+    });
+    return done ? text : textOf(done.error());
+  };
+  const auto object = [](const std::string& key, const std::string& size) {
+    return "<Contents><Key>" + key + "</Key><Size>" + size + "</Size><ETag>t</ETag></Contents>";
+  };
+  const auto good = object("top/good", "7");
+  for (const char* size : {"-1", "18446744073709551616", "9223372036854775808", "many", ""}) {
+    EXPECT_EQ(listed(object("top/bad", size) + good), "good 7,bad !,") << size;
+  }
+  EXPECT_EQ(listed(object("elsewhere", "1") + good), "good 7,/elsewhere !,");
+  EXPECT_EQ(listed(object("top/../out", "1") + good), "good 7,/top/../out !,");
+  for (const auto& entries : {std::string(), good, object("top/#", "1")}) {
+    EXPECT_NE(listed(entries, "#").find("has no end"), std::string::npos) << entries;
+  }
+
+  // A document is as long as it was listed, or none.
+  server.ask(R"({"faults": [{"method": "GET", "status": 206, "body": "0123456", "headers":)"
+             R"( {"ETag": "t", "Content-Range": "bytes 0-6/9"}}]})");
+  EXPECT_TRUE(contentOf(*remote, "good", "7:t").starts_with("error"));
+  server.ask(R"({"faults": [{"method": "GET", "status": 206, "body": "0123456", "headers":)"
+             R"( {"ETag": "t", "Content-Range": "bytes 0-6/7"}}]})");
+  EXPECT_EQ(contentOf(*remote, "good", "7:t"), "0123456");
+}
+
 INSTANTIATE_TEST_SUITE_P(Of, S3, testing::Values("moto", "s3rver"),
                          [](const auto& of) { return of.param; });
 

@@ -116,6 +116,11 @@ TEST(ScriptedServer, WhatIsReadIsTheDocumentOrAnError) {
            {R"("status": 206, "body": "0123456789", "headers": {"Content-Range": "bytes 0-9/20"})",
             "error 8", "error 8"},
            {R"("status": 206, "body": "0123456789", "headers": {})", "error 8", "error 8"},
+           {R"("status": 206, "body": "0123456789abcdefghij", "headers":)"
+            R"( {"Content-Range": "bytes 18446744073709551616-19/20"})",
+            "error 8", "error 8"},
+           // As slow as a line is.
+           {R"("drip": 0.1)", content, part},
            {R"("status": 204)", "error 8", "error 8"},
            {R"("status": 416)", "error 8", "error 8"},
            {R"("status": 404)", "error 2", "error 2"},
@@ -183,10 +188,31 @@ TEST(ScriptedServer, AListingIsWholeOrAnError) {
               R"(--><response><href>/dav/d</href><propstat><prop><resourcetype><collection/>)"
               R"(</resourcetype></prop><status>HTTP/1.1 200 OK</status></propstat></response>)"
               R"(</multistatus>")",
-          R"("child": ["x y", 403])", R"("child": ["x y", 500])", R"("status": 500)",
+          R"("status": 500)",
+          // It would hold everything else up.
+          R"("drip": 0.1, "times": 1)",
+          R"("status": 207, "body": "x", "headers": {"X-Much": ")" + std::string(99'000, 'x') +
+              R"("})",
+          R"("status": 207, "body": "x", "headers": {"X-More": ")" + std::string(200'000, 'x') +
+              R"("})",
           R"("status": 301, "headers": {"Location": "/dav/d/e/"}, "times": 1)"}) {
     server.faults(R"({"method": "PROPFIND", )" + fault + "}");
-    EXPECT_FALSE(server->list("d", [](const RemoteItem&) {})) << fault;
+    const auto listed = server->list("d", [](const RemoteItem&) {});
+    ASSERT_FALSE(listed) << fault;
+    EXPECT_EQ(textOf(listed.error()).find("memory"), std::string::npos) << fault;
+  }
+  // What is wrong with one entry is told of that one, and hides no other.
+  for (const std::string child : {"403", "500", R"("-1")", R"("18446744073709551616")",
+                                  R"("9223372036854775808")", R"("many")", R"("")"}) {
+    server.faults(R"({"method": "PROPFIND", "child": ["x y", )" + child + "]}");
+    const auto items = server.list("d");
+    ASSERT_EQ(items.count("x y"), 1U) << child;
+    EXPECT_TRUE(items.at("x y").trouble) << child;
+    EXPECT_EQ(std::count_if(items.begin(), items.end(),
+                            [](const auto& each) { return !each.second.trouble; }),
+              3)
+        << child;
+    EXPECT_FALSE(server->look("d/x y").ok() && child[0] == '"') << child;
   }
   server.faults(R"({"method": "PROPFIND", "child": ["x y", 404]})");
   EXPECT_EQ(server.list("d").count("x y"), 0U) << "went while it was listed";

@@ -10,21 +10,23 @@ the last line are answered as a list of "METHOD path". Ends with standard input.
 "faults" is a list of what becomes of the requests to come: each has "method", perhaps "path" and
 "times" (else for good), and
 
-    status, headers, body   answered instead
+    status, headers, body   answered instead; "#" in the body is the number of the request
     also                    carried out nevertheless, before that answer
     cut                     the connection ends after so many bytes of the content
     lie                     so many bytes more are announced than come, and then nothing comes
     replace                 afterwards somebody else writes this into the same file, or into the file
                             "late" of the same directory
     href                    "absolute", "raw" or "lower": how names are written
-    child                   this name has no status but this one: ["name", 403]
+    child                   this name has no status but this one: ["name", 403]; or, in quotes, this
+                            length
+    drip                    the content comes byte by byte, so many seconds apart
     weak, norange, notag    tags are weak; ranges are ignored; GET says no tag
 
 Other members: "files" (path to content, "/" at the end makes a directory), "clock" (seconds that
 the server is wrong), "digest" (wants a digest), "secret" (the password), "agreed" (somebody has
 agreed to a login; what the server then calls itself, or nothing).
 """
-import email.utils, hashlib, json, re, socket, socketserver, sys, threading, time, urllib.parse
+import email.utils, hashlib, json, re, select, socket, socketserver, sys, threading, time, urllib.parse
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 cloud = sys.argv[1] == "cloud"
@@ -91,6 +93,7 @@ class Handler(BaseHTTPRequestHandler):
             path = urllib.parse.unquote(self.path, errors="surrogateescape").rstrip("/") or "/"
             self.at = path[len(BASE):].lstrip("/") if path.startswith(BASE) else path
             requests.append(f"{self.command} {self.at}")
+            number = len(requests)
             fault = self.fault()
         length = int(self.headers.get("Content-Length") or 0)
         if self.headers.get("Accept-Encoding") or self.headers.get("Depth") == "infinity":
@@ -105,7 +108,7 @@ class Handler(BaseHTTPRequestHandler):
             return
         if "status" in fault and not fault.get("also"):
             return self.answer(fault["status"], fault.get("headers", {}),
-                               fault.get("body", "").encode())
+                               fault.get("body", "").replace("#", str(number)).encode())
         with lock:
             status, headers, content = getattr(self, "do" + self.command)(path, body, fault)
             if fault.get("replace") is not None:
@@ -115,7 +118,14 @@ class Handler(BaseHTTPRequestHandler):
         if "status" in fault:
             return self.answer(fault["status"], fault.get("headers", {}),
                                fault.get("body", "").encode())
-        if "cut" in fault:
+        if "drip" in fault:
+            self.answer(status, headers, b"", len(content))
+            for byte in content:
+                self.wfile.write(bytes([byte]))
+                self.wfile.flush()
+                if select.select([self.connection], [], [], fault["drip"])[0]:
+                    break  # the other side has had enough
+        elif "cut" in fault:
             self.answer(status, headers, content[:fault["cut"]], len(content))
             self.wfile.flush()
             self.close_connection = True
@@ -128,7 +138,7 @@ class Handler(BaseHTTPRequestHandler):
             self.answer(status, headers, content)
 
     do_GET = do_PUT = do_PROPFIND = do_OPTIONS = do_MKCOL = do_MOVE = do_DELETE = do_PROPPATCH = \
-        do_POST = handle_request
+        do_POST = do_HEAD = handle_request
 
     def digest_is_right(self):
         text = self.headers.get("Authorization") or ""
@@ -177,10 +187,11 @@ class Handler(BaseHTTPRequestHandler):
                 href = re.sub("%..", lambda m: m[0].lower(), href)
             elif kind == "raw":
                 href = entry.replace("&", "&amp;").replace("<", "&lt;").replace("%", "%25")
-            child = fault.get("child")
-            if child and entry.endswith("/" + child[0]):
+            name, child = fault.get("child") or ("", "")
+            isChild = name and entry.endswith("/" + name)
+            if isChild and isinstance(child, int):
                 text += (f"<x:response><x:href>{href}</x:href>"
-                         f"<x:status>HTTP/1.1 {child[1]} No</x:status></x:response>")
+                         f"<x:status>HTTP/1.1 {child} No</x:status></x:response>")
                 continue
             text += f"\n<x:response>\n <x:href>\n{href}</x:href><x:propstat><x:prop>"
             lacking = ""
@@ -189,7 +200,8 @@ class Handler(BaseHTTPRequestHandler):
                 lacking += "<x:getcontentlength/>"
             else:
                 file = tree[entry]
-                text += (f"<x:resourcetype/><x:getcontentlength>{len(file['content'])}"
+                length = child if isChild else len(file["content"])
+                text += (f"<x:resourcetype/><x:getcontentlength>{length}"
                          f"</x:getcontentlength><x:getlastmodified>"
                          f"{email.utils.formatdate(file['mtime'], usegmt=True)}</x:getlastmodified>")
             if cloud or tree[entry] is not None:

@@ -65,18 +65,20 @@ class Outcome {
   std::string sentences_;
 };
 
-/// The path and, for a directory, what is in it: right in it, or below it as well. Hidden files
-/// that change places with documents are left out.
-Result<std::vector<std::string>> itemsAt(const std::string& path, bool recursive) {
+/// The path and, for a directory, what is in it: right in it, or below it as well; directories only
+/// where they are wanted. Hidden files that change places with documents are left out.
+Result<std::vector<std::string>> itemsAt(const std::string& path, bool recursive,
+                                         bool withDirectories) {
   std::error_code failed;
   if (!fs::is_directory(fs::symlink_status(path, failed))) return std::vector{path};
   std::vector<std::string> items;
+  if (withDirectories) items.push_back(path);
   for (fs::recursive_directory_iterator entry(path, failed), end; !failed && entry != end;
        entry.increment(failed)) {
     const bool isDirectory = entry->is_directory(failed) && !entry->is_symlink(failed);
     if (isDirectory && !recursive) entry.disable_recursion_pending();
     const auto name = entry->path().filename().string();
-    if (!isDirectory && !name.starts_with(docsource::Placeholder::sideName)) {
+    if ((withDirectories || !isDirectory) && !name.starts_with(docsource::Placeholder::sideName)) {
       items.push_back(entry->path());
     }
   }
@@ -153,8 +155,10 @@ Result<Line> lineByAccount(const std::string& path, const qx::Value& said) {
 /// The account's word, where it runs, and otherwise what the marks say.
 void addLines(const Place& place, const Arguments& arguments, std::vector<Line>& lines,
               Outcome& outcome) {
-  const auto items = arguments.directory ? Result<std::vector<std::string>>({place.path})
-                                         : itemsAt(place.path, arguments.recursive);
+  // An account tells of a directory what of it could not be brought here.
+  const auto items = arguments.directory
+                         ? Result<std::vector<std::string>>({place.path})
+                         : itemsAt(place.path, arguments.recursive, place.account.has_value());
   if (!items) return outcome.failed(items.error());
   std::optional<qx::Array> said;
   if (place.account) {
@@ -167,6 +171,9 @@ void addLines(const Place& place, const Arguments& arguments, std::vector<Line>&
   }
   for (std::size_t i = 0; i < items->size(); ++i) {
     auto line = said ? lineByAccount((*items)[i], (*said)[i]) : lineByMarks((*items)[i]);
+    std::error_code failed;
+    const bool isDirectory = fs::is_directory(fs::symlink_status((*items)[i], failed));
+    if (isDirectory && !arguments.directory && !(line && line->state == "failed")) continue;
     if (line) {
       if (place.account) line->shown = familiarPath(*place.account, line->path);
       lines.push_back(*std::move(line));
@@ -267,7 +274,7 @@ int forEach(const Arguments& arguments, ItemOperation operation, bool takesLong,
       outcome.failed(place.error());
       continue;
     }
-    const auto items = itemsAt(place->path, true);
+    const auto items = itemsAt(place->path, true, false);
     if (!items) {
       outcome.failed(items.error());
       continue;

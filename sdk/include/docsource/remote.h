@@ -71,6 +71,10 @@ struct RemoteItem {
   /// look(), and only where RemoteCapabilities::ancestors is set: who finds another version than
   /// his own there, without his own among these, has been overwritten unseen.
   std::vector<std::string> ancestors;
+  /// Only from list(): why nothing more than the name can be told of the entry, or why it can have
+  /// no such name here; one sentence's end, as "it has no size". Whatever is known under the name
+  /// stays as it is, and the directory's status tells of it.
+  std::optional<std::string> trouble;
 };
 
 /// What goes with a file that is written.
@@ -147,8 +151,8 @@ class DOCSOURCE_API Remote {
   virtual Result<std::string> identity(bool create) = 0;
 
   /// Visits every entry of a directory, in any order. An error after some entries means that
-  /// nothing is known about the rest. What is neither file nor directory is left out, and so is
-  /// what the remote put there for itself.
+  /// nothing is known about the rest; what is wrong with one entry is its RemoteItem::trouble. What
+  /// is neither file nor directory is left out, and so is what the remote put there for itself.
   virtual Result<void> list(const std::string& path, const Visitor& visit) = 0;
   virtual Result<RemoteItem> look(const std::string& path) = 0;
 
