@@ -194,10 +194,15 @@ void Engine::put(Side side, Item& item, Node node) {
     items_->forgetFacts(factsOf(moving, item.number));
   }
   if (side == Side::there && old) carrySent(old->place, node.place);
+  // What is another version whenever it is looked at is not tried more often for that.
+  const bool isTriedLater = side == Side::there && old && old->kind == node.kind &&
+                            old->place == node.place && item.tries > 0 && item.due;
   old = std::move(node);
-  item.due = now() + (rests ? options_.rest.count() : 0);
-  item.tries = 0;
-  item.reason.reset();
+  if (!isTriedLater) {
+    item.due = now() + (rests ? options_.rest.count() : 0);
+    item.tries = 0;
+    item.reason.reset();
+  }
   if (side == Side::here) item.movedOut = false;
   items_->save(item);
   if (side == Side::here && !before.empty() && before != item.here->identity) freeLinks(before);

@@ -249,6 +249,8 @@ Engine::Outcome Engine::settle(Lock& lock, ItemNumber number) {
     auto item = items_->load(number);
     if (!item) return Outcome::done;
     if (isBusy(number)) return Outcome::later;
+    // A transfer that has ended meanwhile may have failed.
+    if (round > 0 && item->tries > 0 && item->due > now()) return Outcome::later;
     if (isInDoubt(number) || (item->here && isInDoubt(item->here->place.parent))) {
       return waitFor(number, firstRetry);
     }

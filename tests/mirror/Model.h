@@ -25,6 +25,9 @@ class UnreliableRemote final : public Remote {
   std::optional<std::chrono::seconds> retryAfter;
   /// What it lists at the top besides, or in the place of what has that name.
   std::optional<RemoteItem> added;
+  /// Documents have another version whenever they are looked at; how often that was.
+  bool isRestless = false;
+  mutable unsigned looks = 0;
   bool hasIdentifiers = true;
   std::mt19937_64* random = nullptr;
   /// The process that uses it is dead as long as that is true, and sends nothing any more.
@@ -109,6 +112,9 @@ class UnreliableRemote final : public Remote {
   }
   RemoteItem shown(RemoteItem item) const {
     if (!hasIdentifiers) item.identifier.clear();
+    if (isRestless && item.kind == RemoteKind::file) {
+      item.version += " " + std::to_string(++looks);
+    }
     return item;
   }
   Result<RemoteItem> shown(Result<RemoteItem> item) const {
