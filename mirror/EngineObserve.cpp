@@ -23,6 +23,8 @@ constexpr unsigned watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MO
                                    IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR;
 /// Names that are looked at in one transaction.
 constexpr std::size_t batch = 256;
+/// What has failed and changes there waits no longer than that, in milliseconds.
+constexpr std::int64_t afterFailure = 5000;
 /// Where an item is whose name was taken by another and that was not found yet.
 const Place nowhere{-1, {}};
 
@@ -194,11 +196,13 @@ void Engine::put(Side side, Item& item, Node node) {
     items_->forgetFacts(factsOf(moving, item.number));
   }
   if (side == Side::there && old) carrySent(old->place, node.place);
-  // What is another version whenever it is looked at is not tried more often for that.
-  const bool isTriedLater = side == Side::there && old && old->kind == node.kind &&
-                            old->place == node.place && item.tries > 0 && item.due;
+  // What is another version whenever it is looked at rests in between.
+  const bool hasFailed = side == Side::there && old && old->kind == node.kind &&
+                         old->place == node.place && item.tries > 0 && item.due;
   old = std::move(node);
-  if (!isTriedLater) {
+  if (hasFailed) {
+    item.due = std::min(*item.due, now() + afterFailure);
+  } else {
     item.due = now() + (rests ? options_.rest.count() : 0);
     item.tries = 0;
     item.reason.reset();

@@ -478,7 +478,9 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
     SCOPED_TRACE("killed before " + call);
     if (hasCome && operation.name == "saving" && !isPlaceholder(name)) {
       const auto now = contentOf(path(name));
-      EXPECT_TRUE(now == before || now == after) << "it is whole at any moment";
+      EXPECT_TRUE(now == before || now == after)
+          << "it is whole at any moment, not " << now.size() << " of " << before.size()
+          << " bytes: " << now.substr(0, 260);
     }
     if (hasCome) restart();
     EXPECT_TRUE(eventually(isDone));

@@ -303,6 +303,8 @@ void Readers::searchFor(const FileIdentity& identity, const struct stat& status)
 void Readers::await(const FileIdentity& identity) {
   Document& document = documents_.at(identity);
   document.isAsked = false;
+  // The doc source may have been lost when all was there.
+  if (trees_.settle(document.file.get())) return finish(identity, 0);
   if (document.deadline != 0) return;
   document.patience = ++lastTurn_;
   document.deadline = Clock::current().schedule(patience, [this, onQueue = onQueue_, identity,
@@ -314,7 +316,7 @@ void Readers::await(const FileIdentity& identity) {
       }
       DS_LOG("[NOTICE] No doc source came for a file that %d wait for.",
              found->second.accesses.size());
-      finish(identity, EAGAIN);
+      finish(identity, trees_.settle(found->second.file.get()) ? 0 : EAGAIN);
     });
   });
 }
