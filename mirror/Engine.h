@@ -17,6 +17,7 @@
 #include "docsource/remote.h"
 #include "mirror/ChangeJournal.h"
 #include "mirror/Database.h"
+#include "mirror/Departures.h"
 #include "mirror/Ignore.h"
 #include "mirror/Items.h"
 #include "mirror/Local.h"
@@ -307,7 +308,7 @@ class Engine {
   std::unordered_map<ItemNumber, IgnoreRules> ignoreRules_;
   /// Inodes that documents are about to get: those of files that take the place of others.
   std::map<std::string, ItemNumber> coming_;
-  std::set<std::pair<ItemNumber, std::string>> wentAway_;
+  Departures departures_;
   /// Places of files that nobody may read and that belong to no known item; and, by their identity,
   /// what those were that were looked at.
   std::vector<Place> hidden_;

@@ -469,11 +469,7 @@ void Engine::takeEvents() {
     const bool isSameFile = !(event.mask & (IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO));
     if (isSameFile && filling_.contains({directory, event.name})) continue;
     here_.names.emplace(directory, event.name);
-    if (event.mask & IN_MOVED_FROM) {
-      wentAway_.emplace(directory, event.name);
-    } else {
-      wentAway_.erase({directory, event.name});
-    }
+    departures_.take({directory, event.name}, event);
     if (event.name == IgnoreRules::fileName) {
       ignoreRules_.erase(directory);
       here_.directories.emplace_back(directory, true);
@@ -524,7 +520,7 @@ bool Engine::observeHere(Lock& lock) {
     }
     hasSeen = true;
   }
-  wentAway_.clear();
+  departures_.clear();
   return hasSeen;
 }
 
@@ -656,7 +652,7 @@ void Engine::dropMissing(Side side) {
       }
       if (hasOther) continue;
     }
-    removeFrom(side, number, wentAway_.contains({node.place.parent, node.place.name}));
+    removeFrom(side, number, departures_.contains({node.place.parent, node.place.name}));
   }
   transaction.commit();
 }

@@ -15,6 +15,7 @@
 
 #include "mirror/Engine.h"
 #include "platform/base/FileDescriptor.h"
+#include "platform/base/Memory.h"
 
 namespace docsource {
 
@@ -81,9 +82,17 @@ class Mirror::Implementation {
   }
 
   void work() {
+    constexpr unsigned many = 100;
+    unsigned done = 0;
     while (!isStopped_) {
       const bool hasDone = engine_.step();
       const bool isQuiet = !hasDone && engine_.isQuiet();
+      if (hasDone) ++done;
+      if (isQuiet && done >= many) {
+        // What a look through very many items needed lies between what is kept.
+        qx::giveFreeMemoryBack();
+        done = 0;
+      }
       {
         const std::lock_guard lock(mutex_);
         isQuiet_ = isQuiet;

@@ -91,7 +91,8 @@ std::vector<Inotify::Event> Inotify::read() {
     inotify_event event;
     std::memcpy(&event, buffer.data() + at, sizeof event);
     const char* name = buffer.data() + at + sizeof event;
-    events.push_back({event.wd, event.mask, std::string(name, strnlen(name, event.len))});
+    events.push_back(
+        {event.wd, event.mask, event.cookie, std::string(name, strnlen(name, event.len))});
     if (event.mask & IN_IGNORED) {
       std::lock_guard lock(mutex_);
       claims_.erase(event.wd);

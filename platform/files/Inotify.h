@@ -47,6 +47,8 @@ class Inotify {
   struct Event {
     int watch;
     std::uint32_t mask;
+    /// The same for both halves of a move.
+    std::uint32_t cookie;
     /// Empty when the event concerns the watched directory itself.
     std::string name;
 

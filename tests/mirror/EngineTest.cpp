@@ -152,6 +152,13 @@ TEST_F(EngineTest, KeepsAnIdentifierHoweverADocumentIsSavedAndGivesACopyAnother)
   const auto path = machine_->engine().pathForItem(before);
   ASSERT_TRUE(path);
   EXPECT_EQ(*path, here("d/again.txt"));
+  // What takes a placeholder's place and goes on to another has not moved the placeholder out.
+  ASSERT_TRUE(machine_->engine().evict(here("d/e/b.txt")));
+  write(here("d/e/b.txt~"), "saved");
+  fs::rename(here("d/e/b.txt~"), here("d/e/b.txt"));
+  fs::rename(here("d/e/b.txt"), here("d/e/c.txt"));
+  settle();
+  EXPECT_EQ(names(there_), "copy.txt d d/again.txt d/e d/e/c.txt ");
   // What is no document stays here.
   fs::create_symlink("a.txt", here("link"));
   fs::create_hard_link(here("copy.txt"), here("second"));
