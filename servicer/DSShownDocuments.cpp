@@ -1,5 +1,6 @@
 #include "servicer/DSShownDocuments.h"
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -23,10 +24,9 @@ void wrote(const std::string& application, const qx::URL& document,
   owner->itemChangedAtURL(document, done);
 }
 
-/// No provider names an item by its file, so the application's items are searched for the one that
-/// is there now.
-void wasMoved(const std::string& application, const std::function<bool(const qx::URL&)>& isIt,
-              const std::function<void()>& done) {
+/// No provider names an item by its file, so all of the application's items are asked for.
+void wereMoved(const std::string& application, const qx::DocumentViews::Choose& choose,
+               const std::function<void()>& done) {
   constexpr std::chrono::seconds timeForSearching(20);
   std::vector<DSItem> items;
   for (const auto& grant : DSAccessControlStore::sharedStore()->grants()) {
@@ -35,10 +35,18 @@ void wasMoved(const std::string& application, const std::function<bool(const qx:
   auto asked = items;
   dsFindItemURLs(
       std::move(asked), timeForSearching,
-      [application, isIt, done, items = std::move(items)](const std::vector<DSItemURL>& urls) {
-        for (std::size_t i = 0; i < urls.size(); ++i) {
-          if (!urls[i] || !*urls[i] || !isIt(**urls[i])) continue;
-          showInSandboxes(application, **urls[i], [&] {
+      [application, choose, done, items = std::move(items)](const std::vector<DSItemURL>& answers) {
+        std::vector<qx::URL> urls;
+        for (const auto& answer : answers) {
+          if (answer && *answer) urls.push_back(**answer);
+        }
+        const auto chosen = choose(urls);
+        for (std::size_t i = 0; i < answers.size(); ++i) {
+          if (!answers[i] || !*answers[i] ||
+              std::find(chosen.begin(), chosen.end(), **answers[i]) == chosen.end()) {
+            continue;
+          }
+          showInSandboxes(application, **answers[i], [&] {
             return DSAccessControlStore::sharedStore()
                 ->isProviderIdentifier_allowedToProvideItemID_toConsumerWithIdentifier(
                     items[i].providerID, items[i].itemID, application);
@@ -50,4 +58,4 @@ void wasMoved(const std::string& application, const std::function<bool(const qx:
 
 }  // namespace
 
-void dsBeginToShowDocuments() { qx::DocumentViews::begin(wrote, wasMoved); }
+void dsBeginToShowDocuments() { qx::DocumentViews::begin(wrote, wereMoved); }

@@ -15,6 +15,7 @@
 
 #include "platform/base/Errors.h"
 #include "platform/files/FileManager.h"
+#include "platform/files/InodeMark.h"
 #include "platform/files/Inotify.h"
 #include "platform/files/Places.h"
 #include "platform/platformd/kernel/Beneath.h"
@@ -49,6 +50,11 @@ bool isSame(const Status& one, const Status& other) {
 }
 
 bool isFile(const Status& status) { return status && S_ISREG(status->st_mode); }
+
+bool isLater(const InodeName::Time& one, const InodeName::Time& other) {
+  return one.seconds != other.seconds ? one.seconds > other.seconds
+                                      : one.nanoseconds > other.nanoseconds;
+}
 
 std::pair<std::string, std::string> split(const std::string& document) {
   const auto slash = document.rfind('/');
@@ -258,7 +264,7 @@ std::vector<std::string> DocumentView::directories() const {
       if (status && S_ISDIR(status->st_mode)) {
         open.push_back(joined(directory, name));
       }
-      hasDocuments = hasDocuments || isFile(status);
+      hasDocuments = hasDocuments || (status && !S_ISDIR(status->st_mode));
     });
     if (hasDocuments) all.push_back(directory);
   }
@@ -270,7 +276,8 @@ std::vector<std::string> DocumentView::documentsIn(const std::string& directory)
   const auto known = openTree(root_, "known", directory);
   if (!known) return all;
   eachEntry(known.get(), [&](const char* name) {
-    if (isFile(statusOf(known, name))) all.push_back(joined(directory, name));
+    const auto status = statusOf(known, name);
+    if (status && !S_ISDIR(status->st_mode)) all.push_back(joined(directory, name));
   });
   return all;
 }
@@ -317,7 +324,11 @@ Result<DocumentView::Folder> DocumentView::makeFolderOf(const std::string& docum
 }
 
 void DocumentView::dropNext() const {
-  for (const char* name : {nextKnown, nextLink}) unlinkat(root_.get(), name, 0);
+  unlinkat(root_.get(), nextKnown, 0);
+  // A directory that the application had put in a document's place when a process before was killed.
+  if (unlinkat(root_.get(), nextLink, 0) != 0 && errno != ENOENT) {
+    (void)moveTo(openTree(root_, "shown", ""), root_, nextLink, "directory", "aside");
+  }
 }
 
 /// A link to the file of that name, where nobody else changes it.
@@ -343,7 +354,10 @@ void DocumentView::noteWhatWasCarriedOver() const {
   const auto carried = statusOf(root_, nextKnown);
   const auto next = statusOf(root_, nextLink);
   // The link that is still on its way has not come anywhere.
-  if (!carried || isSame(next, carried)) return;
+  if (!carried || isSame(next, carried)) {
+    if (next && (next->st_nlink > 1 || !isFile(next))) dropNext();
+    return;
+  }
   for (const auto& directory : directories()) {
     for (const auto& document : documentsIn(directory)) {
       for (const auto& each : {document, siblingOf(document)}) {
@@ -400,7 +414,8 @@ std::optional<Error> DocumentView::takeIn(const Folder& folder, const Status& ex
 
 /// Only a plain file that has no other name: a link to something else would become the document,
 /// and two documents one. Settled where the application's file is none.
-Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder, bool replaces) const {
+Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder,
+                                                    const Status& replaced) const {
   const auto unlinkable = prepare(folder.shown, folder.name);
   const auto file = statusOf(root_, nextLink);
   if (isReplaced(unlinkable, file)) {
@@ -411,34 +426,57 @@ Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder, bool r
     dropNext();
     // A file with other names is another document, which nobody loses.
     const bool isOther = isFile(file) && file->st_nlink > 2;
-    if (isOther && unlinkat(folder.shown.get(), folder.name.c_str(), 0) != 0) {
-      return posixError(errno, folder.name);
-    }
-    if (!isOther) {
-      if (auto error = putAside(folder)) return *error;
-    }
-    if (!replaces) return Outcome::settled;
+    if (auto error = isOther ? removeShown(folder, file) : putAside(folder)) return *error;
+    if (!replaced) return Outcome::settled;
     if (auto error = takeIn(folder, std::nullopt)) return *error;
     return Outcome::settled;
   }
+  const auto move = [&](unsigned flags) {
+    return renameat2(root_.get(), nextLink, folder.outside.get(), folder.name.c_str(), flags) == 0;
+  };
+  // Exchanged, so that neither a file that replaced the document a moment ago is lost, nor a name
+  // made that the document has no more.
   if (linkat(root_.get(), nextLink, root_.get(), nextKnown, 0) != 0 ||
-      renameat2(root_.get(), nextLink, folder.outside.get(), folder.name.c_str(),
-                replaces ? 0 : RENAME_NOREPLACE) != 0) {
-    auto error = posixError(errno, folder.name + " cannot be put in the document's place");
+      !move(replaced ? RENAME_EXCHANGE : RENAME_NOREPLACE)) {
+    const int reason = errno;
     dropNext();
-    return error;
+    if (reason == (replaced ? ENOENT : EEXIST)) return Outcome::waiting;
+    return posixError(reason, folder.name + " cannot be put in the document's place");
+  }
+  if (replaced && !isSame(statusOf(root_, nextLink), replaced)) {
+    // The look that follows has both.
+    const bool isBack = move(RENAME_EXCHANGE);
+    if (auto error = isBack ? std::nullopt : keepNext(folder)) return *error;
+    dropNext();
+    return Outcome::waiting;
   }
   if (auto error = record(folder)) return *error;
   return Outcome::saved;
 }
 
-/// Both have replaced the document: the application's file stands beside it.
-std::optional<Error> DocumentView::putBeside(const Folder& folder) const {
+/// Takes a file out of the view that is no loss there. What the application put in its place
+/// meanwhile stays.
+std::optional<Error> DocumentView::removeShown(const Folder& folder, const Status& file) const {
+  dropNext();
+  if (renameat(folder.shown.get(), folder.name.c_str(), root_.get(), nextLink) != 0) {
+    return errno == ENOENT ? std::nullopt : std::optional(posixError(errno, folder.name));
+  }
+  if (!isSame(statusOf(root_, nextLink), file) &&
+      renameat2(root_.get(), nextLink, folder.shown.get(), folder.name.c_str(),
+                RENAME_NOREPLACE) != 0) {
+    return keepNext(folder);
+  }
+  dropNext();
+  return std::nullopt;
+}
+
+/// Both have replaced the document: the application's file stands beside it, as `to` has it.
+std::optional<Error> DocumentView::putBeside(const Folder& folder, const Folder& to) const {
   const auto unlinkable = prepare(folder.shown, folder.name);
   const auto file = statusOf(root_, nextLink);
   if (isReplaced(unlinkable, file)) return std::nullopt;
   if (unlinkable || !isOwnFile(file, 2)) return putAside(folder);
-  return moveTo(folder.outside, root_, nextLink, folder.name, "changed by " + application_);
+  return moveTo(to.outside, root_, nextLink, to.name, "changed by " + application_);
 }
 
 /// What came out of the view where something else was expected is a version of the application's.
@@ -460,7 +498,7 @@ std::optional<Error> DocumentView::show(const std::string& document) {
   if (!folder) return folder.error();
   const auto theirs = statusOf(folder->outside, folder->name);
   if (!isFile(theirs)) return fileError(theirs ? EINVAL : ENOENT, URL::fileURL(pathOf(document)));
-  for (int attempt = 0; !statusOf(folder->known, folder->name); ++attempt) {
+  for (int attempt = 0; !isFile(statusOf(folder->known, folder->name)); ++attempt) {
     if (attempt == mostAsides) return posixError(EBUSY, folder->name);
     // Whatever the application had there before it was granted the document is not a save of it.
     const auto ours = statusOf(folder->shown, folder->name);
@@ -481,7 +519,8 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
   const auto made = makeFolderOf(document);
   if (!made) return made.error();
   const Folder& folder = *made;
-  const auto known = statusOf(folder.known, folder.name);
+  auto known = statusOf(folder.known, folder.name);
+  if (!isFile(known)) known.reset();
   auto ours = statusOf(folder.shown, folder.name);
   auto theirs = statusOf(folder.outside, folder.name);
   if (!isFile(theirs)) theirs.reset();
@@ -490,6 +529,10 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
     if (isSame(known, ours)) return Outcome::settled;
     // It was carried over, but nobody got as far as saying so.
     if (auto error = prepare(folder.outside, folder.name)) return *error;
+    if (!isSame(statusOf(root_, nextLink), ours)) {
+      dropNext();
+      return Outcome::waiting;
+    }
     if (renameat(root_.get(), nextLink, root_.get(), nextKnown) != 0) {
       return posixError(errno, folder.name);
     }
@@ -501,25 +544,20 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
   if (weChanged && look == Look::writing && isFile(ours)) return Outcome::settled;
   if (weChanged && theyChanged) {
     // A sibling that is known to nobody yet may be on both sides: the document's is the one.
-    if (auto error = known ? putBeside(folder) : putAside(folder)) return *error;
+    if (auto error = known ? putBeside(folder, folder) : putAside(folder)) return *error;
   }
   if (theyChanged) {
     if (auto error = takeIn(folder, ours)) return *error;
     return Outcome::settled;
   }
-  if (weChanged && folder.outside) {
-    if (!theirs && known && look != Look::late) return Outcome::waiting;
-    return takeOut(folder, theirs.has_value());
-  }
+  if (weChanged && (theirs || (!known && folder.outside))) return takeOut(folder, theirs);
   if (!known) return Outcome::settled;
   if (look != Look::late) return Outcome::waiting;
   if (!theirs) {
-    if (!weChanged) unlinkat(folder.shown.get(), folder.name.c_str(), 0);
-    // As many names as there were in the view are left of one that was removed.
-    const nlink_t ownNames = isSame(ours, known) ? 2 : 1;
-    if (known->st_nlink > ownNames) return Outcome::moved;
-    unlinkat(folder.known.get(), folder.name.c_str(), 0);
-    return Outcome::settled;
+    if (ours && !weChanged) {
+      if (auto error = removeShown(folder, known)) return *error;
+    }
+    return Outcome::moved;
   }
   // The application may have given the document another name, to make a new one: one file must not
   // be both.
@@ -534,11 +572,89 @@ Result<DocumentView::Outcome> DocumentView::settle(const std::string& document, 
   return Outcome::settled;
 }
 
-void DocumentView::forget(const std::string& document) const {
+Result<DocumentView::Outcome> DocumentView::forget(const std::string& document) const {
   const auto folder = folderOf(document);
+  const auto known = statusOf(folder.known, folder.name);
   // What has come back there meanwhile is shown as any other.
-  if (statusOf(folder.outside, folder.name)) return;
+  if (!isFile(known) || statusOf(folder.outside, folder.name)) return Outcome::settled;
+  const auto ours = statusOf(folder.shown, folder.name);
+  if (ours && !isSame(ours, known) && folder.outside) return takeOut(folder, std::nullopt);
   unlinkat(folder.known.get(), folder.name.c_str(), 0);
+  return Outcome::settled;
+}
+
+Result<DocumentView::Outcome> DocumentView::follow(const std::string& document,
+                                                   const std::string& to) const {
+  const auto folder = folderOf(document);
+  const auto known = statusOf(folder.known, folder.name);
+  if (!isFile(known) || statusOf(folder.outside, folder.name)) return Outcome::settled;
+  const auto now = this->known(to);
+  if (!isFile(now)) return forget(document);
+  if (!isSame(now, known)) {
+    // It was replaced as well: as when both replace it.
+    const auto ours = statusOf(folder.shown, folder.name);
+    if (ours && !isSame(ours, known)) {
+      if (auto error = putBeside(folder, folderOf(to))) return *error;
+      if (auto error = removeShown(folder, ours)) return *error;
+    }
+    unlinkat(folder.known.get(), folder.name.c_str(), 0);
+    return Outcome::settled;
+  }
+  if (auto error = carry(folder, to)) return *error;
+  dropNext();
+  if (symlinkat(to.c_str(), root_.get(), nextLink) != 0 ||
+      renameat(root_.get(), nextLink, folder.known.get(), folder.name.c_str()) != 0) {
+    return posixError(errno, document);
+  }
+  return Outcome::settled;
+}
+
+std::optional<std::string> DocumentView::followed(const std::string& document) const {
+  constexpr int most = 8;
+  std::string at = document;
+  for (int count = 0; count < most; ++count) {
+    const auto [directory, name] = split(at);
+    const auto known = openTree(root_, "known", directory);
+    const auto status = statusOf(known, name);
+    if (isFile(status)) return count > 0 ? std::optional(at) : std::nullopt;
+    std::array<char, PATH_MAX> target{};
+    const auto size = status && S_ISLNK(status->st_mode)
+                          ? readlinkat(known.get(), name.c_str(), target.data(), target.size())
+                          : -1;
+    if (size <= 0) break;
+    at.assign(target.data(), static_cast<std::size_t>(size));
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> DocumentView::carryOn(const std::string& document,
+                                           const std::string& to) const {
+  const auto folder = folderOf(document);
+  const auto file = inodeNameOf(folder.shown.get(), folder.name);
+  const auto mark = inodeNameOf(folder.known.get(), folder.name);
+  const bool isFromBefore =
+      file && file->birth && mark && mark->birth && !isLater(*file->birth, *mark->birth);
+  return isFromBefore ? carry(folder, to) : std::nullopt;
+}
+
+std::optional<Error> DocumentView::carry(const Folder& folder, const std::string& to) const {
+  const auto ours = statusOf(folder.shown, folder.name);
+  const auto made = makeFolderOf(to);
+  if (!made) return made.error();
+  const auto known = statusOf(made->known, made->name);
+  if (isSame(ours, known)) return removeShown(folder, known);
+  if (!isOwnFile(ours, 1)) return std::nullopt;
+  const auto move = [&](unsigned flags) {
+    return renameat2(folder.shown.get(), folder.name.c_str(), made->shown.get(),
+                     made->name.c_str(), flags) == 0;
+  };
+  if (move(RENAME_EXCHANGE)) {
+    return isSame(statusOf(folder.shown, folder.name), known) ? removeShown(folder, known)
+                                                              : std::nullopt;
+  }
+  return move(RENAME_NOREPLACE) || errno == ENOENT || errno == EEXIST
+             ? std::nullopt
+             : std::optional(posixError(errno, made->name));
 }
 
 namespace {

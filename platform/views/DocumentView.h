@@ -24,7 +24,8 @@ namespace qx {
 ///
 ///     IDENTIFIER/shown/   what the application sees, and changes as it likes
 ///     IDENTIFIER/known/   under the same path each document that is shown, as a second hard link:
-///                         the file that both sides had when they last were the same
+///                         the file that both sides had when they last were the same; a symbolic
+///                         link to where the document is shown now, since it was renamed
 ///     IDENTIFIER/next     a link on its way to its place
 ///     IDENTIFIER/next-known   the same, until it is among those that are known
 ///     IDENTIFIER/told     its time: what was written before is known to the providers
@@ -68,7 +69,7 @@ class DocumentView {
   bool isShown(const std::string& document) const;
   /// The directories of all documents that are shown.
   std::vector<std::string> directories() const;
-  /// The documents that are shown in one.
+  /// The documents that are shown in one, and the names that such had once.
   std::vector<std::string> documentsIn(const std::string& directory) const;
 
   /// Shows a document, and its hidden sibling if it exists. What the application had under those
@@ -83,8 +84,9 @@ class DocumentView {
   enum class Outcome {
     settled,  // both sides have the same file, or it is no document
     saved,    // the application's file has become the document
-    waiting,  // something is missing: look again, late
-    moved,    // the document has another name now, and is in the view no more; it is known until
+    waiting,  // something is missing, or changed meanwhile: look again, late
+    moved,    // the document has another name now, or none, and is in the view no more, except for
+              // what the application saved under the old one; it is known until follow() or
               // forget(), so that it is seen again by who looks next
   };
   /// Makes both sides the same. The application's file becomes the document when it is a plain file
@@ -94,8 +96,16 @@ class DocumentView {
   /// application removed it, it comes back.
   Result<Outcome> settle(const std::string& document, Look look);
 
-  /// Says that what was moved is shown under its new name, or will not be.
-  void forget(const std::string& document) const;
+  /// Says that what was moved is shown as `to` now. What the application has saved under the old
+  /// name is taken to the new one, to be settled there.
+  Result<Outcome> follow(const std::string& document, const std::string& to) const;
+  /// Says that what was moved will not be shown. What the application has saved is a new document.
+  Result<Outcome> forget(const std::string& document) const;
+  /// Returns the document that had this name once, and is shown under another.
+  std::optional<std::string> followed(const std::string& document) const;
+  /// Takes what the application has under the old name to the new one, `to`, to be settled there,
+  /// if it is from before the document was followed: a save that began under the old name.
+  std::optional<Error> carryOn(const std::string& document, const std::string& to) const;
 
   /// Ends what runs in the application's sandboxes. Returns how many processes there were.
   using EndSandboxes = std::function<std::size_t()>;
@@ -141,8 +151,11 @@ class DocumentView {
   Result<bool> place(const Folder& folder, const std::optional<struct stat>& expected) const;
   std::optional<Error> takeIn(const Folder& folder,
                               const std::optional<struct stat>& expected) const;
-  Result<Outcome> takeOut(const Folder& folder, bool replaces) const;
-  std::optional<Error> putBeside(const Folder& folder) const;
+  Result<Outcome> takeOut(const Folder& folder, const std::optional<struct stat>& replaced) const;
+  std::optional<Error> removeShown(const Folder& folder,
+                                   const std::optional<struct stat>& file) const;
+  std::optional<Error> carry(const Folder& folder, const std::string& to) const;
+  std::optional<Error> putBeside(const Folder& folder, const Folder& to) const;
   std::optional<Error> keepNext(const Folder& folder) const;
   static std::optional<Error> putAside(const Folder& folder);
   std::optional<Error> removeEverywhere(const Files& files, const EndSandboxes& end) const;

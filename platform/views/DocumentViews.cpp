@@ -169,6 +169,43 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
     Inotify::Watch shown, outside;
   };
 
+  /// Where documents are that have gone from a view.
+  struct MoveSearch {
+    std::map<std::string, FileIdentity> moved;
+    std::map<std::string, std::string> found;
+
+    std::vector<URL> choose(const std::string& application, const std::vector<URL>& granted) {
+      std::vector<URL> chosen;
+      const auto view = DocumentView::open(application);
+      if (!view) return chosen;
+      std::map<FileIdentity, std::string> byFile;
+      for (const auto& [document, file] : moved) byFile[file] = document;
+      std::vector<std::pair<std::string, URL>> others;
+      for (const auto& url : granted) {
+        const auto path = url.path();
+        struct stat status;
+        if (!path || lstat(path->c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
+        const auto document = DocumentView::documentAt(*path);
+        if (!document || view->known(*document)) continue;
+        const auto it = byFile.find(identityOf(status));
+        if (it == byFile.end()) {
+          others.emplace_back(*document, url);
+          continue;
+        }
+        found[it->second] = *document;
+        chosen.push_back(url);
+      }
+      // Renamed, and then replaced by another file.
+      if (moved.size() == found.size() + 1 && others.size() == 1) {
+        for (const auto& [document, file] : moved) {
+          found.try_emplace(document, others.front().first);
+        }
+        chosen.push_back(others.front().second);
+      }
+      return chosen;
+    }
+  };
+
   static FolderName folderOf(const std::string& application, const std::string& document) {
     const auto slash = document.rfind('/');
     return {application, slash == std::string::npos ? "" : document.substr(0, slash)};
@@ -261,7 +298,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
                                 name.second.empty() ? event.name : name.second + "/" + event.name};
     if (!pending_.contains(document)) {
       const auto view = DocumentView::open(name.first);
-      if (!view || !view->isShown(document.second)) return;
+      if (!view || (!view->isShown(document.second) && !view->followed(document.second))) return;
     }
     const bool isOurs = folders_.at(name).shown.number() == event.watch;
     if (isOurs && (event.mask & IN_CREATE) != 0 && (event.mask & IN_ISDIR) == 0) {
@@ -319,15 +356,15 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
 
   void settle(DocumentView& view, const DocumentName& name, bool isClosed, bool isLate = false) {
     const auto& [application, document] = name;
+    if (const auto to = view.followed(document)) {
+      if (!writing_.contains(name)) report(name, view.carryOn(document, *to));
+      return settle(view, {application, *to}, isClosed);
+    }
     const auto before = isLate ? view.known(document) : std::nullopt;
     // Late as well: who removed the document first may still be writing the new one.
     const auto look = writing_.contains(name) ? Look::writing : isLate ? Look::late : Look::early;
     const auto outcome = view.settle(document, look);
-    if (!outcome) {
-      DS_LOG("[ERROR] What %@ and others have of %@ cannot be made the same. Error: %@",
-             application, DocumentView::pathOf(document), outcome.error());
-      return;
-    }
+    if (!outcome) return report(name, outcome.error());
     switch (*outcome) {
       case Outcome::saved:
         return tell(view, name);
@@ -341,24 +378,56 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
           if (auto later = DocumentView::open(name.first)) self->settle(*later, name, false, true);
         });
       case Outcome::moved:
-        if (before) tellOfMove(name, identityOf(*before));
+        if (before) moved_[application][document] = identityOf(*before);
+        return askWhere(application);
     }
   }
 
-  void tellOfMove(const DocumentName& name, const FileIdentity& file) {
-    if (!onMoved_) return;
-    const auto isIt = [file](const URL& url) {
-      const auto path = url.path();
-      struct stat status;
-      return path && lstat(path->c_str(), &status) == 0 && identityOf(status) == file;
+  static void report(const DocumentName& name, const std::optional<Error>& error) {
+    if (!error) return;
+    DS_LOG("[ERROR] What %@ and others have of %@ cannot be made the same. Error: %@", name.first,
+           DocumentView::pathOf(name.second), *error);
+  }
+
+  /// For all that were moved until now at once.
+  void askWhere(const std::string& application) {
+    if (!onMoved_ || moved_[application].empty() || !searches_.insert(application).second) return;
+    const auto search = std::make_shared<MoveSearch>();
+    search->moved = std::exchange(moved_[application], {});
+    const auto choose = [application, search](const std::vector<URL>& granted) {
+      return search->choose(application, granted);
     };
-    const auto done = [self = shared_from_this(), name] {
-      self->queue_->async([name] {
-        if (const auto view = DocumentView::open(name.first)) view->forget(name.second);
+    const auto done = [self = shared_from_this(), application, search] {
+      self->queue_->async([self, application, search] {
+        for (const auto& [document, file] : search->moved) {
+          const auto to = search->found.find(document);
+          self->follow({application, document},
+                       to == search->found.end() ? std::nullopt : std::optional(to->second));
+        }
+        self->searches_.erase(application);
+        self->askWhere(application);
       });
     };
-    WorkQueue::global().async(
-        [onMoved = onMoved_, name, isIt, done] { onMoved(name.first, isIt, done); });
+    WorkQueue::global().async([onMoved = onMoved_, application, choose, done] {
+      onMoved(application, choose, done);
+    });
+  }
+
+  void follow(const DocumentName& name, const std::optional<std::string>& to) {
+    auto view = DocumentView::open(name.first);
+    if (!view) return;
+    const auto outcome = to ? view->follow(name.second, *to) : view->forget(name.second);
+    if (!outcome) return report(name, outcome.error());
+    if (*outcome == Outcome::saved) return tell(*view, name);
+    if (!to) return;
+    // What it wrote while it was moved is told of as well.
+    const DocumentName now{name.first, *to};
+    if (const auto told = told_.extract(name)) {
+      told_[now] = told.mapped();
+    } else {
+      told_.erase(now);
+    }
+    settle(*view, name, true);
   }
 
   /// Whether the file is later than what was told of it, or than the time since which is told.
@@ -402,6 +471,8 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   std::set<DocumentName> waiting_;  // to be looked at late
   std::set<DocumentName> writing_;  // made by the application, and not closed since
   std::map<DocumentName, timespec> told_;
+  std::map<std::string, std::map<std::string, FileIdentity>> moved_;  // by application
+  std::set<std::string> searches_;  // for what was moved, of which application
   std::map<std::string, std::size_t> telling_;   // of how many writings, by application
   std::map<std::string, timespec> lookedUntil_;  // what was written before is told, or is being
 };

@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/base/Error.h"
 #include "platform/base/URL.h"
@@ -19,12 +20,15 @@ namespace qx::DocumentViews {
 using OnWritten = std::function<void(const std::string& application, const URL& document,
                                      const std::function<void()>& done)>;
 
-/// Called on the global queue when a document has gone from an application's view because it was
-/// renamed; `isIt` tells whether a URL leads to it. Called again at the next start unless `done` is
-/// called, on any thread.
-using OnMoved =
-    std::function<void(const std::string& application, const std::function<bool(const URL&)>& isIt,
-                       const std::function<void()>& done)>;
+/// Of the URLs of all documents to which an application has a grant, those that it is to be shown
+/// now, because their documents were renamed. For any thread; blocks on the file system.
+using Choose = std::function<std::vector<URL>(const std::vector<URL>& granted)>;
+
+/// Called on the global queue when documents have gone from an application's view because they were
+/// renamed, or removed; once at a time for each application. Called again at the next start unless
+/// `done` is called, on any thread, when those that `choose` names are shown.
+using OnMoved = std::function<void(const std::string& application, const Choose& choose,
+                                   const std::function<void()>& done)>;
 
 /// Carries over what happened while nobody looked, and keeps looking from then on. Called once.
 void begin(OnWritten onWritten, OnMoved onMoved);

@@ -353,8 +353,10 @@ struct Operation {
   std::string line;
   /// How the document is afterwards where that went well, from how it was.
   std::string (*after)(std::string before);
-  /// What is added to its name by that.
+  /// What is added to its name by that, or meanwhile: somebody is held where others are killed, the
+  /// document renamed, and each second time nobody killed then.
   std::optional<std::string> ending = std::nullopt;
+  bool isRenamedMeanwhile = false;
 };
 
 /// Each with docsourced or platformd killed right before its first, second, ... call, until there
@@ -436,7 +438,8 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
   for (bool hasCome = true; hasCome && number < documents; calls += stride, ++number) {
     const auto before = text(nameOf(number)), after = operation.after(before);
     // What it is called now, and what in the end.
-    const auto name = nameOf(number), last = name + operation.ending.value_or("");
+    const auto name = nameOf(number);
+    auto last = name + (operation.isRenamedMeanwhile ? "" : operation.ending.value_or(""));
     const bool isRename = name != last;
     const auto done = "/tmp/done" + std::to_string(number);
     SCOPED_TRACE(name + ", " + std::to_string(calls) + " calls");
@@ -444,10 +447,10 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
       ASSERT_TRUE(eventually([&] { return grant(name) == 0; }));
     }
     // A placeholder is renamed as well as one whose content is there.
-    if (isRename && number % 2 != 0) {
+    if (operation.ending && number % 2 != 0) {
       ASSERT_EQ(contentOf(path(name)), before);
     }
-    calls_.endAt(calls);
+    calls_.endAt(calls, operation.isRenamedMeanwhile);
     std::optional<int> status;
     if (operation.isInside) {
       shell(sandbox, "(" + withD(name, operation.line) + "; echo $? > " + done + ") > " + done +
@@ -475,14 +478,21 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
     calls_->left = 0;
     hasCome = calls_->ended != 0;
     const std::string call = hasCome ? calls_->call.data() : "none";
-    SCOPED_TRACE("killed before " + call);
+    bool isKilled = hasCome;
+    if (hasCome && operation.isRenamedMeanwhile) {
+      last += *operation.ending;
+      fs::rename(path(name), path(last));
+      isKilled = number / 2 % 2 == 0;
+      kill(calls_->ended, isKilled ? SIGKILL : SIGCONT);
+    }
+    SCOPED_TRACE((isKilled ? "killed before " : "held before ") + call);
     if (hasCome && operation.name == "saving" && !isPlaceholder(name)) {
       const auto now = contentOf(path(name));
       EXPECT_TRUE(now == before || now == after)
           << "it is whole at any moment, not " << now.size() << " of " << before.size()
           << " bytes: " << now.substr(0, 260);
     }
-    if (hasCome) restart();
+    if (isKilled) restart();
     EXPECT_TRUE(eventually(isDone));
     // What was not answered is asked again.
     if (isGrant) {
@@ -504,7 +514,7 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
           << shell(sandbox, withD(last, "cat \"$D\"")).substr(0, 20)
           << (nothingIsUnderWay() ? "" : ", something is under way");
     }
-    if (isRename) {
+    if (last != name) {
       EXPECT_TRUE(eventually([&] { return isNowhere(sandbox, name); }));
       // It is the document's still.
       shell(sandbox, withD(last, "printf CONTENT | dd conv=notrunc of=\"$D\""));
@@ -534,7 +544,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "docsource revoke \"$D\" --provider com.example.provider --consumer "
                   "com.example.unknowing",
                   same},
-        Operation{"renaming", false, "mv \"$D\" \"$D.renamed\"", same, ".renamed"}),
+        Operation{"renaming", false, "mv \"$D\" \"$D.renamed\"", same, ".renamed"},
+        Operation{"savingRenamed", true,
+                  "sed s/content/CONTENT/ \"$D\" > \"$D~\" && mv \"$D~\" \"$D\"", changed,
+                  ".renamed", true},
+        Operation{"writingRenamed", true,
+                  "printf CONTENT | dd conv=notrunc,nocreat of=\"$D\"", changed, ".renamed", true}),
     [](const auto& each) { return each.param.name; });
 
 }  // namespace

@@ -33,8 +33,9 @@ class CountedCalls {
 
   Countdown* operator->() const { return countdown_; }
   /// Right before that call from now on, counted from 1; 0: nobody ends.
-  void endAt(int call) const {
+  void endAt(int call, bool isToStop = false) const {
     countdown_->ended = 0;
+    countdown_->isToStop = isToStop;
     countdown_->left = call;
   }
   /// Nobody is ended any more.

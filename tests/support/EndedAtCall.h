@@ -11,6 +11,8 @@ namespace qx::test {
 struct Countdown {
   /// Calls until one of the daemons ends, by SIGKILL, right before that call; 0: none does.
   std::atomic<int> left;
+  /// It stops there instead, by SIGSTOP.
+  std::atomic<bool> isToStop;
   /// The process that has ended, 0 until then; and before which call.
   std::atomic<pid_t> ended;
   std::array<char, 32> call;

@@ -1,4 +1,4 @@
-// Ends a daemon by SIGKILL right before its n-th call that changes something others see, n being in
+// Ends or stops a daemon right before its n-th call that changes something others see, n being in
 // a file that the test shares with it (DOCSOURCE_TEST_CALLS, tests/support/EndedAtCall.h). Loaded
 // by LD_PRELOAD (ld.so(8)); what a daemon starts is left alone.
 
@@ -37,7 +37,7 @@ void before(const char* call) {
   if (countdown && countdown->left > 0 && --countdown->left == 0) {
     std::strncpy(countdown->call.data(), call, countdown->call.size() - 1);
     countdown->ended = ::getpid();
-    ::kill(::getpid(), SIGKILL);
+    ::kill(::getpid(), countdown->isToStop ? SIGSTOP : SIGKILL);
   }
   errno = reason;
 }
