@@ -40,15 +40,16 @@ std::vector<std::string> ancestorsOf(const std::string& path) {
 
 bool Inotify::Event::isOverflow() const { return (mask & IN_Q_OVERFLOW) != 0; }
 
-Inotify::Inotify() : descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+Inotify::Inotify(Removed removed)
+    : flags_(IN_ONLYDIR | IN_MASK_ADD | (removed == Removed::ignored ? IN_EXCL_UNLINK : 0U)),
+      descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
 
 Inotify::Watch Inotify::watch(const std::string& directory, std::uint32_t mask) {
   {
     std::lock_guard lock(mutex_);
     ++adding_;
   }
-  const int number = inotify_add_watch(descriptor_.get(), directory.c_str(),
-                                       mask | IN_ONLYDIR | IN_EXCL_UNLINK | IN_MASK_ADD);
+  const int number = inotify_add_watch(descriptor_.get(), directory.c_str(), mask | flags_);
   const int reason = errno;
   {
     std::lock_guard lock(mutex_);

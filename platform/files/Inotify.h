@@ -57,7 +57,11 @@ class Inotify {
     bool isOverflow() const;
   };
 
-  Inotify();
+  /// Whether files that were removed are heard of while somebody has them open, under the names
+  /// that they had last.
+  enum class Removed { ignored, reported };
+
+  explicit Inotify(Removed removed = Removed::ignored);
 
   /// The descriptor; -1 when the kernel had no instance to give.
   int descriptor() const { return descriptor_.get(); }
@@ -74,6 +78,7 @@ class Inotify {
   /// Called with the mutex held.
   void removeUnclaimed();
 
+  const std::uint32_t flags_;
   FileDescriptor descriptor_;
   std::mutex mutex_;
   std::map<int, unsigned> claims_;

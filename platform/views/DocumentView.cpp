@@ -351,6 +351,11 @@ std::optional<Error> DocumentView::record(const Folder& folder) const {
 }
 
 void DocumentView::noteWhatWasCarriedOver() const {
+  for (const auto& directory : directories()) {
+    const auto shown = shownFolder(directory);
+    const auto removed = statusOf(shown, removedName);
+    if (isFile(removed) && removed->st_nlink > 1) unlinkat(shown.get(), removedName, 0);
+  }
   const auto carried = statusOf(root_, nextKnown);
   const auto next = statusOf(root_, nextLink);
   // The link that is still on its way has not come anywhere.
@@ -456,17 +461,17 @@ Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder,
 
 /// Takes a file out of the view that is no loss there. What the application put in its place
 /// meanwhile stays.
-std::optional<Error> DocumentView::removeShown(const Folder& folder, const Status& file) const {
-  dropNext();
-  if (renameat(folder.shown.get(), folder.name.c_str(), root_.get(), nextLink) != 0) {
+std::optional<Error> DocumentView::removeShown(const Folder& folder, const Status& file) {
+  // It stays in its directory, so that who watches that hears of what is written to it still.
+  const int shown = folder.shown.get();
+  if (renameat(shown, folder.name.c_str(), shown, removedName) != 0) {
     return errno == ENOENT ? std::nullopt : std::optional(posixError(errno, folder.name));
   }
-  if (!isSame(statusOf(root_, nextLink), file) &&
-      renameat2(root_.get(), nextLink, folder.shown.get(), folder.name.c_str(),
-                RENAME_NOREPLACE) != 0) {
-    return keepNext(folder);
+  if (isSame(statusOf(folder.shown, removedName), file)) {
+    unlinkat(shown, removedName, 0);
+  } else if (renameat2(shown, removedName, shown, folder.name.c_str(), RENAME_NOREPLACE) != 0) {
+    return moveTo(folder.shown, folder.shown, removedName, folder.name, "aside");
   }
-  dropNext();
   return std::nullopt;
 }
 

@@ -44,6 +44,10 @@ namespace qx {
 /// relative to the directory of the group containers.
 class DocumentView {
  public:
+  /// What a document is called, beside itself, while it goes from the view. Who has it open is heard
+  /// of by this name afterwards (inotify(7)).
+  static constexpr const char* removedName = ".docsource.removed";
+
   /// Makes an application's view where there is none, readable by its user alone.
   static std::optional<Error> make(const std::string& application);
   /// The directory that is bound into the sandbox, of a view that was made.
@@ -152,8 +156,8 @@ class DocumentView {
   std::optional<Error> takeIn(const Folder& folder,
                               const std::optional<struct stat>& expected) const;
   Result<Outcome> takeOut(const Folder& folder, const std::optional<struct stat>& replaced) const;
-  std::optional<Error> removeShown(const Folder& folder,
-                                   const std::optional<struct stat>& file) const;
+  static std::optional<Error> removeShown(const Folder& folder,
+                                          const std::optional<struct stat>& file);
   std::optional<Error> carry(const Folder& folder, const std::string& to) const;
   std::optional<Error> putBeside(const Folder& folder, const Folder& to) const;
   std::optional<Error> keepNext(const Folder& folder) const;

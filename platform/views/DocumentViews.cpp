@@ -294,6 +294,9 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
       if ((event.mask & (selfMask | IN_IGNORED)) != 0) goOnLater(name);
       return;
     }
+    if (event.name == DocumentView::removedName && (event.mask & IN_CLOSE_WRITE) != 0) {
+      return lookAtAll(name);
+    }
     const DocumentName document{name.first,
                                 name.second.empty() ? event.name : name.second + "/" + event.name};
     if (!pending_.contains(document)) {
@@ -457,7 +460,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
 
   const std::shared_ptr<WorkQueue> queue_ = WorkQueue::serial("DocumentViews queue");
   const timespec start_ = now();
-  Inotify inotify_;
+  Inotify inotify_{Inotify::Removed::reported};
   Reactor::SourceID source_ = 0;
   // On the queue.
   DocumentViews::OnWritten onWritten_;

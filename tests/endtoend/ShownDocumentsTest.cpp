@@ -195,11 +195,32 @@ TEST_F(ShownDocuments, ComeWithAGrantAndGoWithItWhileTheApplicationRuns) {
   std::ofstream(scripted.document("A.txt")) << "an item";
   ASSERT_EQ(runTool({"extend-bookmark", scripted.document("A.txt"), "--consumer", app}), 0);
   EXPECT_EQ(sandbox.ask("read\t" + scripted.document("A.txt")), "an item");
+  // Somebody has it open meanwhile, and is about to save.
+  EXPECT_EQ(shell(sandbox, "cd " + inQuotes(scripted.storage()) +
+                               "; mkfifo /tmp/begun /tmp/write /tmp/save; "
+                               "(exec 3<> A.txt; echo saved > A.txt~; echo > /tmp/begun; "
+                               "read x < /tmp/write; printf AN >&3; exec 3>&-; "
+                               "read x < /tmp/save; mv A.txt~ A.txt) > /dev/null 2>&1 & "
+                               "read x < /tmp/begun"),
+            "0 ");
   scripted.behave({{"items", Dictionary{{"C.txt", "item/a"}}}});
   fs::rename(scripted.document("A.txt"), scripted.document("C.txt"));
   EXPECT_TRUE(
       eventually([&] { return sandbox.ask("read\t" + scripted.document("C.txt")) == "an item"; }));
+  const auto isTold = [&](const std::string& line, const std::string& content) {
+    const auto before = scripted.calls(vendorChanged);
+    EXPECT_EQ(shell(sandbox, "cd " + inQuotes(scripted.storage()) + "; " + line), "0 ");
+    return eventually([&] {
+      return scripted.calls(vendorChanged) > before &&
+             contentOf(scripted.document("C.txt")) == content;
+    });
+  };
+  EXPECT_TRUE(isTold("echo > /tmp/write", "AN item"));
+  EXPECT_TRUE(isTold("echo > /tmp/save", "saved\n"));
   EXPECT_EQ(sandbox.ask("list\t" + scripted.storage()), "C.txt");
+  // What it makes now under the name of before is its own.
+  EXPECT_TRUE(isTold("echo own > x; mv x A.txt; echo more >> C.txt", "saved\nmore\n"));
+  EXPECT_FALSE(fs::exists(scripted.document("A.txt")));
 
   // The daemon is killed, and things happen meanwhile.
   EXPECT_EQ(daemon_->end(SIGKILL), -SIGKILL);
