@@ -124,11 +124,19 @@ bool isOwnFile(const Status& status, nlink_t names) {
          (status->st_mode & special) == 0;
 }
 
-/// "letter (WORD).txt" of "letter.txt".
+/// "letter (WORD).txt" of "letter.txt". A name that would be too long for a file system loses its
+/// end, but not in the middle of a character.
 std::string withWord(const std::string& name, const std::string& word) {
   const auto dot = name.rfind('.');
   const auto end = dot == std::string::npos || dot == 0 ? name.size() : dot;
-  return name.substr(0, end) + " (" + word + ")" + name.substr(end);
+  const auto added = " (" + word + ")";
+  auto ending = name.substr(end);
+  if (ending.size() + added.size() >= NAME_MAX) ending.clear();
+  const auto room = NAME_MAX - std::min<std::size_t>(NAME_MAX, added.size() + ending.size());
+  auto kept = std::min(end, room);
+  while (kept > 0 && kept < end && (static_cast<unsigned char>(name[kept]) & 0xC0U) == 0x80U)
+    --kept;
+  return name.substr(0, kept) + added + ending;
 }
 
 /// Gives a file the name of a document with a word, and a number where others have that.
@@ -325,7 +333,8 @@ Result<DocumentView::Folder> DocumentView::makeFolderOf(const std::string& docum
 
 void DocumentView::dropNext() const {
   unlinkat(root_.get(), nextKnown, 0);
-  // A directory that the application had put in a document's place when a process before was killed.
+  // A directory that the application had put in a document's place when a process before was
+  // killed.
   if (unlinkat(root_.get(), nextLink, 0) != 0 && errno != ENOENT) {
     (void)moveTo(openTree(root_, "shown", ""), root_, nextLink, "directory", "aside");
   }
@@ -427,6 +436,8 @@ Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder,
     dropNext();
     return Outcome::settled;
   }
+  // For want of space, perhaps: that is no reason to give the application's file another name.
+  if (unlinkable && unlinkable->code() != EPERM) return *unlinkable;
   if (unlinkable || !isOwnFile(file, 2)) {
     dropNext();
     // A file with other names is another document, which nobody loses.
@@ -464,6 +475,10 @@ Result<DocumentView::Outcome> DocumentView::takeOut(const Folder& folder,
 std::optional<Error> DocumentView::removeShown(const Folder& folder, const Status& file) {
   // It stays in its directory, so that who watches that hears of what is written to it still.
   const int shown = folder.shown.get();
+  const auto inTheWay = statusOf(folder.shown, removedName);
+  if (inTheWay && S_ISDIR(inTheWay->st_mode)) {
+    (void)moveTo(folder.shown, folder.shown, removedName, folder.name, "aside");
+  }
   if (renameat(shown, folder.name.c_str(), shown, removedName) != 0) {
     return errno == ENOENT ? std::nullopt : std::optional(posixError(errno, folder.name));
   }
@@ -650,8 +665,8 @@ std::optional<Error> DocumentView::carry(const Folder& folder, const std::string
   if (isSame(ours, known)) return removeShown(folder, known);
   if (!isOwnFile(ours, 1)) return std::nullopt;
   const auto move = [&](unsigned flags) {
-    return renameat2(folder.shown.get(), folder.name.c_str(), made->shown.get(),
-                     made->name.c_str(), flags) == 0;
+    return renameat2(folder.shown.get(), folder.name.c_str(), made->shown.get(), made->name.c_str(),
+                     flags) == 0;
   };
   if (move(RENAME_EXCHANGE)) {
     return isSame(statusOf(folder.shown, folder.name), known) ? removeShown(folder, known)

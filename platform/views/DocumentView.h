@@ -44,8 +44,8 @@ namespace qx {
 /// relative to the directory of the group containers.
 class DocumentView {
  public:
-  /// What a document is called, beside itself, while it goes from the view. Who has it open is heard
-  /// of by this name afterwards (inotify(7)).
+  /// What a document is called, beside itself, while it goes from the view. Who has it open is
+  /// heard of by this name afterwards (inotify(7)).
   static constexpr const char* removedName = ".docsource.removed";
 
   /// Makes an application's view where there is none, readable by its user alone.

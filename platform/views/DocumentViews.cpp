@@ -411,9 +411,8 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
         self->askWhere(application);
       });
     };
-    WorkQueue::global().async([onMoved = onMoved_, application, choose, done] {
-      onMoved(application, choose, done);
-    });
+    WorkQueue::global().async(
+        [onMoved = onMoved_, application, choose, done] { onMoved(application, choose, done); });
   }
 
   void follow(const DocumentName& name, const std::optional<std::string>& to) {
@@ -475,7 +474,7 @@ class Keeper final : public ReactorHandler, public std::enable_shared_from_this<
   std::set<DocumentName> writing_;  // made by the application, and not closed since
   std::map<DocumentName, timespec> told_;
   std::map<std::string, std::map<std::string, FileIdentity>> moved_;  // by application
-  std::set<std::string> searches_;  // for what was moved, of which application
+  std::set<std::string> searches_;               // for what was moved, of which application
   std::map<std::string, std::size_t> telling_;   // of how many writings, by application
   std::map<std::string, timespec> lookedUntil_;  // what was written before is told, or is being
 };

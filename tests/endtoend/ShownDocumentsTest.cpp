@@ -15,6 +15,8 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* const app = "com.example.unknowing";
+/// No file system takes a longer name, not even one of a hidden sibling.
+const std::string longest = std::string(NAME_MAX - 5, 'l') + ".txt";
 
 std::string inQuotes(const std::string& word) { return "'" + word + "'"; }
 
@@ -23,7 +25,10 @@ class ShownDocuments : public Broker {
   void SetUp() override {
     if (!canSandbox()) GTEST_SKIP() << "no bubblewrap, or no user namespaces";
     fs::create_directories(origin_ + "/folder");
-    for (const char* name : {"letter", "diary", "folder/plan"}) writeOrigin(name, text(name));
+    for (const auto& name :
+         {std::string("letter"), std::string("diary"), std::string("folder/plan"), longest}) {
+      writeOrigin(name, text(name));
+    }
     if (!isAccount()) storage_ = installation_.installExampleProvider(origin_);
     startPlatform(environment_);
     // First, or the provider hides its placeholders, because nobody would keep readers waiting.
@@ -279,10 +284,18 @@ TEST_F(ShownDocuments, AreNoWayOutForAHostileApplication) {
   EXPECT_EQ(in("mv letter \"$HOME\" 2>/dev/null; test -e letter; echo $?").substr(0, 2), "0 ");
   ASSERT_TRUE(shellEventually(sandbox, "test -e " + inQuotes(path("letter")), "0 "));
 
-  // In a document's place: a link out, a directory, a pipe, another document, a set-user-ID file.
+  // In a document's place: a link out, a directory, a pipe, a socket, what hides a file from
+  // overlays, a file in which nothing can be read.
+  const auto python = [](const std::string& line) {
+    return "/usr/bin/python3 -c 'import ctypes, fcntl, os, socket; libc = ctypes.CDLL(None); " +
+           line + "'";
+  };
   for (const auto& trick :
        {"ln -s " + inQuotes(secret) + " x", std::string("ln -s ../../../../../secret x"),
-        std::string("mkdir x"), std::string("mkfifo x")}) {
+        std::string("mkdir x"), std::string("mkfifo x"), std::string("mkdir x .docsource.removed"),
+        python("os.chdir(\"/tmp\"); s = socket.socket(socket.AF_UNIX); s.bind(\"s\")") +
+            "; mv /tmp/s x",
+        python("os.mknod(\"x\", 0o20600, 0)"), std::string("mkfifo x; chmod 0 x")}) {
     const auto before = contentOf(path("letter"));
     EXPECT_EQ(in("rm -rf x; " + trick + "; rm letter; mv -T x letter"), "0 ") << trick;
     EXPECT_TRUE(shellEventually(
@@ -320,6 +333,37 @@ TEST_F(ShownDocuments, AreNoWayOutForAHostileApplication) {
   EXPECT_TRUE(
       shellEventually(sandbox, "head -c 16 " + inQuotes(path("diary")), "0 content of diary"));
   EXPECT_EQ(contentOf(path("diary")), text("diary"));
+
+  // What hides a document from overlays in its place, and directories that change places.
+  for (const char* names : {"\"letter\", -100, b\"x\", 4", "\".\", -100, b\"../y\", 2"}) {
+    EXPECT_EQ(
+        in("rm -rf x; mkdir -p ../y; " +
+           python("libc.renameat2(-100, os.path.abspath(" +
+                  std::string(names).insert(std::string(names).find(','), ").encode()") + ")")),
+        "0 ");
+    EXPECT_TRUE(shellEventually(
+        sandbox, "cd " + inQuotes(storage_) + " && head -c 17 letter && head -c 16 diary",
+        "0 content of lettercontent of diary"));
+  }
+  // A document that is held by a lease, and marked as if its content were not there.
+  EXPECT_EQ(
+      in(python("f = os.open(\"diary\", os.O_RDWR); fcntl.fcntl(f, fcntl.F_SETLEASE, "
+                "fcntl.F_WRLCK); os.setxattr(f, \"user.docsource.placeholder\", b\"mode:7777\")")),
+      "0 ");
+  EXPECT_TRUE(
+      shellEventually(sandbox, "head -c 16 " + inQuotes(path("diary")), "0 content of diary"));
+  // Both replace what has no room for another word in its name.
+  ASSERT_EQ(grant(longest), 0);
+  ASSERT_EQ(kill(daemon_->id(), SIGSTOP), 0);
+  EXPECT_EQ(in("echo inside > x; mv x " + longest), "0 ");
+  std::ofstream(path("x")) << "outside\n";
+  fs::rename(path("x"), path(longest));
+  ASSERT_EQ(kill(daemon_->id(), SIGCONT), 0);
+  EXPECT_TRUE(shellEventually(sandbox, "cat " + inQuotes(path(longest)), "0 outside "));
+  const auto changedBy = " (changed by " + std::string(app) + ").txt";
+  EXPECT_EQ(contentOf(path(longest.substr(0, NAME_MAX - changedBy.size()) + changedBy)),
+            "inside\n");
+  EXPECT_EQ(revoke(longest), 0);
 
   // More names than anybody is told of, and a save among them.
   ASSERT_EQ(kill(daemon_->id(), SIGSTOP), 0);
@@ -569,8 +613,8 @@ INSTANTIATE_TEST_SUITE_P(
         Operation{"savingRenamed", true,
                   "sed s/content/CONTENT/ \"$D\" > \"$D~\" && mv \"$D~\" \"$D\"", changed,
                   ".renamed", true},
-        Operation{"writingRenamed", true,
-                  "printf CONTENT | dd conv=notrunc,nocreat of=\"$D\"", changed, ".renamed", true}),
+        Operation{"writingRenamed", true, "printf CONTENT | dd conv=notrunc,nocreat of=\"$D\"",
+                  changed, ".renamed", true}),
     [](const auto& each) { return each.param.name; });
 
 }  // namespace
