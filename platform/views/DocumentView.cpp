@@ -369,7 +369,7 @@ void DocumentView::noteWhatWasCarriedOver() const {
   const auto next = statusOf(root_, nextLink);
   // The link that is still on its way has not come anywhere.
   if (!carried || isSame(next, carried)) {
-    if (next && (next->st_nlink > 1 || !isFile(next))) dropNext();
+    if (next) dropNext();
     return;
   }
   for (const auto& directory : directories()) {
