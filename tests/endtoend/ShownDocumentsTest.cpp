@@ -466,6 +466,10 @@ class ShownDocumentsInACrash : public ShownDocuments,
   bool isGranted(const std::string& name) const {
     return outside(withTool("docsource grants --json | grep -q '/" + name + "\"'")) == 0;
   }
+  static bool isStopped(pid_t process) {
+    const auto status = contentOf("/proc/" + std::to_string(process) + "/status");
+    return status.find("\nState:\tT") != std::string::npos;
+  }
   nlink_t names(const std::string& name) const {
     struct stat status {};
     return stat(path(name).c_str(), &status) == 0 ? status.st_nlink : 0;
@@ -530,9 +534,12 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
       }
       return status.has_value();
     };
-    // Nothing is read here that somebody who may be killed has to bring in.
+    // Nothing is read here that somebody who may be killed, or held, has to bring in.
     const auto isGood = [&] {
       if (isRevocation) return names(name) == 1 && nothingIsUnderWay();
+      if (operation.isRenamedMeanwhile) {
+        return contentOf(origin_ + "/" + name) == after && names(name) == 3 && nothingIsUnderWay();
+      }
       if (isRename) {
         return names(last) == 3 && nothingIsUnderWay() && fs::exists(origin_ + "/" + last) &&
                isNowhere(sandbox, name) && shell(sandbox, withD(last, "test -e \"$D\"")) == "0 ";
@@ -545,6 +552,7 @@ TEST_P(ShownDocumentsInACrash, AreWholeAndShownOrGone) {
     const std::string call = hasCome ? calls_->call.data() : "none";
     bool isKilled = hasCome;
     if (hasCome && operation.isRenamedMeanwhile) {
+      ASSERT_TRUE(eventually([&] { return isStopped(calls_->ended); }));
       last += *operation.ending;
       fs::rename(path(name), path(last));
       isKilled = number / 2 % 2 == 0;
