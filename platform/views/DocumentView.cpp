@@ -376,7 +376,11 @@ void DocumentView::noteWhatWasCarriedOver() const {
     for (const auto& document : documentsIn(directory)) {
       for (const auto& each : {document, siblingOf(document)}) {
         const auto folder = folderOf(each);
-        if (!isSame(statusOf(folder.outside, folder.name), carried)) continue;
+        // It may have been renamed outside since then.
+        if (!isSame(statusOf(folder.outside, folder.name), carried) &&
+            !isSame(statusOf(folder.shown, folder.name), carried)) {
+          continue;
+        }
         if (next && !isSame(next, statusOf(folder.known, folder.name))) (void)keepNext(folder);
         (void)record(folder);
         return;
@@ -494,8 +498,11 @@ std::optional<Error> DocumentView::removeShown(const Folder& folder, const Statu
 std::optional<Error> DocumentView::putBeside(const Folder& folder, const Folder& to) const {
   const auto unlinkable = prepare(folder.shown, folder.name);
   const auto file = statusOf(root_, nextLink);
-  if (isReplaced(unlinkable, file)) return std::nullopt;
-  if (unlinkable || !isOwnFile(file, 2)) return putAside(folder);
+  const bool isGone = isReplaced(unlinkable, file);
+  if (isGone || unlinkable || !isOwnFile(file, 2)) {
+    dropNext();
+    return isGone ? std::nullopt : putAside(folder);
+  }
   return moveTo(to.outside, root_, nextLink, to.name, "changed by " + application_);
 }
 
@@ -613,8 +620,10 @@ Result<DocumentView::Outcome> DocumentView::follow(const std::string& document,
   if (!isSame(now, known)) {
     // It was replaced as well: as when both replace it.
     const auto ours = statusOf(folder.shown, folder.name);
-    if (ours && !isSame(ours, known)) {
+    if (ours && !isSame(ours, known) && !isSame(ours, now)) {
       if (auto error = putBeside(folder, folderOf(to))) return *error;
+    }
+    if (ours) {
       if (auto error = removeShown(folder, ours)) return *error;
     }
     unlinkat(folder.known.get(), folder.name.c_str(), 0);
