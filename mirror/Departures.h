@@ -12,15 +12,20 @@
 
 namespace docsource::mirror {
 
-/// Which places something was moved away from without coming to another one that is watched. What
-/// was moved several times counts for each place that it had, since nobody knows which of them it
-/// is known under. Used on the engine's thread.
+/// Which places something was moved away from without coming to another one that is watched, and
+/// which places what is at a place had before. What was moved several times counts for each place
+/// that it had, since nobody knows which of them it is known under. Used on the engine's thread.
 class Departures {
  public:
   using Key = std::pair<ItemNumber, std::string>;
 
   void take(const Key& place, const qx::Inotify::Event& event);
   bool contains(const Key& place) const { return away_.contains(place); }
+  /// The places that what is at a place had before, the first one first.
+  std::vector<Key> before(const Key& place) const {
+    const auto before = before_.find(place);
+    return before == before_.end() ? std::vector<Key>() : before->second;
+  }
   void clear();
 
  private:
@@ -31,7 +36,6 @@ class Departures {
   };
 
   std::set<Key> away_;
-  /// The places that what is at a place had before.
   std::map<Key, std::vector<Key>> before_;
   /// Moves of which only the first half was told, by inotify's number for both (inotify(7)).
   std::map<std::uint32_t, Move> begun_;

@@ -165,6 +165,7 @@ class Engine {
   void put(Side side, Item& item, Node node);
   Item goneOrNew(Side side, const Node& node);
   std::optional<Item> movingTo(Side side, const Node& node);
+  std::optional<Item> renamedTo(Side side, const Node& node);
   bool restoreMark(int directory, const std::string& name, const LocalEntry& entry);
   std::vector<Item> knownHere(const std::string& identity);
   void freeLinks(const std::string& identity);

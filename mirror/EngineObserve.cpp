@@ -245,6 +245,21 @@ std::optional<Item> Engine::movingTo(Side side, const Node& node) {
   return isSame ? item : std::nullopt;
 }
 
+/// The document whose name an unknown file had before it was renamed: somebody replaced the
+/// document's file, and renamed it before anybody looked.
+std::optional<Item> Engine::renamedTo(Side side, const Node& node) {
+  if (side == Side::there || node.kind != Kind::file || node.isPlaceholder) return std::nullopt;
+  const auto places = departures_.before({node.place.parent, node.place.name});
+  for (auto key = places.rbegin(); key != places.rend(); ++key) {
+    auto item = items_->at(side, {key->first, key->second});
+    if (!item) continue;
+    const bool isGone = item->here->kind == Kind::file && !item->here->isPlaceholder &&
+                        !seen(side).found.contains(*key);
+    return isGone ? item : std::nullopt;
+  }
+  return std::nullopt;
+}
+
 /// Items with that inode, or the one that is being given it.
 std::vector<Item> Engine::knownHere(const std::string& identity) {
   auto known = items_->withIdentity(Side::here, identity);
@@ -299,7 +314,7 @@ std::optional<ItemNumber> Engine::note(Side side, Node node, bool recursive) {
   }
   if (known) seen.missing.insert(known->number);
   if (known || !items_->withIdentity(side, node.identity).empty() ||
-      coming_.contains(node.identity) || movingTo(side, node)) {
+      coming_.contains(node.identity) || movingTo(side, node) || renamedTo(side, node)) {
     seen.found.insert_or_assign(key, std::move(node));
     return numberOf(known);
   }
@@ -606,6 +621,12 @@ void Engine::assign(Side side, const std::set<ItemNumber>& still) {
       if (side == Side::here && node.kind == Kind::file) node.kind = Kind::link;
     }
     if (named && nodeOf(*named, side)->place == nowhere) named.reset();
+    if (!named && !same && !isSecondName) {
+      same = renamedTo(side, node);
+      if (same && (!seen.missing.contains(same->number) || livesElsewhere(*same, node.place))) {
+        same.reset();
+      }
+    }
     const bool isKnownThere = named && (named->agreed || named->there);
     const bool nameWins =
         named && nodeOf(*named, side)->kind == node.kind && !livesElsewhere(*named, node.place) &&

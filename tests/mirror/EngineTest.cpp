@@ -143,7 +143,12 @@ TEST_F(EngineTest, KeepsAnIdentifierHoweverADocumentIsSavedAndGivesACopyAnother)
   EXPECT_NE(identifier("copy.txt"), before);
   EXPECT_EQ(read(there("a.txt")), "saved with a backup");
   EXPECT_EQ(read(there("copy.txt")), "the copy");
+  // Saved and renamed before anybody looks.
+  write(here("x"), "saved with a backup");
+  fs::rename(here("x"), here("a.txt"));
   fs::rename(here("a.txt"), here("d/renamed.txt"));
+  settle();
+  EXPECT_EQ(identifier("d/renamed.txt"), before);
   machine_->stop();
   fs::rename(here("d/renamed.txt"), here("d/again.txt"));
   ASSERT_TRUE(machine_->start());
