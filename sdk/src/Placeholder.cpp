@@ -392,15 +392,13 @@ class PlaceholderWriter::Target {
       if (::fchmod(file(), given) != 0) return error(errno);
     }
     if (!shape_.mode) {
-      // Its mark can be read now that it is nobody's document any more, unless platformd hides it
-      // again.
-      mark::Mark mark;
-      for (int attempt = 0; attempt == 0 || (mark.isHidden && attempt < 100); ++attempt) {
-        ::chmod(mark::descriptorPath(old_).c_str(), S_IRUSR);
-        mark = mark::read(old_);
+      // It keeps having no permissions: who was about to open it by its name would read zeros.
+      // Without a namespace it may have some for a moment, unless platformd hides it again.
+      auto mark = mark::readAsOwner(old_);
+      for (int attempt = 1; mark.isHidden && attempt < 100; ++attempt) {
+        mark = mark::readAsOwner(old_);
       }
       if (mark.state == PlaceholderState::present) {
-        ::chmod(mark::descriptorPath(old_).c_str(), 0);
         if (auto undone = replacement_->undo(); !undone) return undone;
         return error(ESTALE);
       }

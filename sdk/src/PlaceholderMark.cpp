@@ -25,10 +25,18 @@ constexpr std::string_view emptiedWord = "emptied";
 /// administer the machine can read it, and nobody else set it.
 constexpr const char* platformAttribute = "trusted.docsource.placeholder";
 constexpr mode_t permissions = 07777;
+/// Of one attribute (XATTR_SIZE_MAX).
+constexpr std::size_t mostBytes = 65536;
 
-std::optional<std::string> valueOf(const std::string& file, const char* name) {
+enum class Power { permitted, owner };
+
+std::optional<std::string> valueOf(int file, const char* name, Power power) {
+  const auto path = descriptorPath(file);
   std::array<char, 1024> value{};
-  const ssize_t size = ::getxattr(file.c_str(), name, value.data(), value.size());
+  const auto get = [&] {
+    return static_cast<int>(::getxattr(path.c_str(), name, value.data(), value.size()));
+  };
+  const int size = power == Power::owner ? asOwner(file, get) : get();
   if (size < 0) return std::nullopt;
   return std::string(value.data(), static_cast<std::size_t>(size));
 }
@@ -46,15 +54,10 @@ bool set(int file, std::string text, std::optional<mode_t> mode,
          }) == 0;
 }
 
-}  // namespace
-
-std::string descriptorPath(int file) { return "/proc/self/fd/" + std::to_string(file); }
-
-Mark read(int file) {
+Mark readWith(Power power, int file) {
   struct stat status {};
   if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return {};
-  const auto path = descriptorPath(file);
-  const auto value = valueOf(path, attribute);
+  const auto value = valueOf(file, attribute, power);
   if (!value) {
     // It may have been hidden since it was looked at.
     const bool isHidden =
@@ -67,12 +70,19 @@ Mark read(int file) {
   const auto named = qx::markedInode(*value, *inode);
   if (named == qx::MarkedInode::other) return {};
   if (named == qx::MarkedInode::none && status.st_blocks * 512 >= status.st_size) {
-    const auto confirmed = valueOf(path, platformAttribute);
+    const auto confirmed = valueOf(file, platformAttribute, Power::permitted);
     if (!confirmed || qx::markedInode(*confirmed, *inode) != qx::MarkedInode::this_) return {};
   }
   return {qx::isBeingFilled(*value) ? PlaceholderState::providing : PlaceholderState::placeholder,
           qx::modeIn(*value), qx::partsThere(*value), false, qx::isEmptied(*value)};
 }
+
+}  // namespace
+
+std::string descriptorPath(int file) { return "/proc/self/fd/" + std::to_string(file); }
+
+Mark read(int file) { return readWith(Power::permitted, file); }
+Mark readAsOwner(int file) { return readWith(Power::owner, file); }
 
 bool setPlaceholder(int file, std::optional<mode_t> mode,
                     const std::optional<qx::ByteRanges>& parts) {
@@ -111,12 +121,12 @@ void copyOtherAttributes(int from, int to) {
     if (!std::string_view(name).starts_with("user.") || name == std::string_view(attribute)) {
       continue;
     }
-    const ssize_t length = ::getxattr(source.c_str(), name, nullptr, 0);
-    std::string value(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    if (length < 0 || ::getxattr(source.c_str(), name, value.data(), value.size()) != length) {
-      continue;
-    }
-    ::setxattr(target.c_str(), name, value.data(), value.size(), 0);
+    std::string value(mostBytes, '\0');
+    const int length = asOwner(from, [&] {
+      return static_cast<int>(::getxattr(source.c_str(), name, value.data(), value.size()));
+    });
+    if (length < 0) continue;
+    ::setxattr(target.c_str(), name, value.data(), static_cast<std::size_t>(length), 0);
   }
 }
 

@@ -29,6 +29,9 @@ struct Mark {
 };
 /// Reads the mark. A file without one, or with one that was made for another inode, is present.
 Mark read(int file);
+/// The same with all power over the file that its owner can have (AsOwner.h): a mark that is hidden
+/// only where that is not to be had.
+Mark readAsOwner(int file);
 
 /// Sets "placeholder", or "providing" by this process, for this inode. Durable after fsync(2).
 bool setPlaceholder(int file, std::optional<mode_t> mode,
@@ -42,7 +45,8 @@ bool setEmptied(int file);
 /// Removes the mark. It succeeds when there is none.
 bool clear(int file);
 
-/// Copies all other attributes that users give files ("user."), as far as they can be read.
+/// Copies all other attributes that users give files ("user."), as far as their owner can read
+/// them.
 void copyOtherAttributes(int from, int to);
 
 /// The name under which this process reaches the file that the descriptor stands for (proc(5)).

@@ -186,13 +186,13 @@ def _inode_word(file: int) -> str:
     return f"inode:{number}" + (f":{seconds}.{nanoseconds:09}" if mask & 0x800 else "")
 
 
-def _mark(file: int) -> str | None:
+def _mark(file: int, as_owner: bool = False) -> str | None:
     """The mark where it counts on the file; empty where it may not be read."""
     status = os.fstat(file)
     if not stat.S_ISREG(status.st_mode):
         return None
     try:
-        mark = os.getxattr(f"/proc/self/fd/{file}", _MARK).decode(errors="replace")
+        mark = _attribute(file, _MARK, as_owner).decode(errors="replace")
     except PermissionError:
         return "" if stat.S_IMODE(status.st_mode) == 0 else None
     except OSError:
@@ -214,8 +214,12 @@ def _state(file: int) -> State:
     return State.PLACEHOLDER
 
 
-def _mode_word(file: int) -> int | None:
-    found = re.search(r"(?:^| )mode:([0-7]{1,4})(?: |$)", _mark(file) or "")
+def _attribute(file: int, name: str, as_owner: bool) -> bytes:
+    return _as_owner("getxattr", file, name) if as_owner else os.getxattr(f"/proc/self/fd/{file}", name)
+
+
+def _mode_in(mark: str | None) -> int | None:
+    found = re.search(r"(?:^| )mode:([0-7]{1,4})(?: |$)", mark or "")
     return int(found[1], 8) & 0o777 if found else None  # who writes the document writes its mark
 
 
@@ -238,7 +242,7 @@ def _shape(file: int) -> Shape:
     status = os.fstat(file)
     mark = _mark(file)
     mode = stat.S_IMODE(status.st_mode)
-    known = _mode_word(file) if mark else mode
+    known = _mode_in(mark) if mark else mode
     return Shape(status.st_size, status.st_mtime_ns, None if mark == "" else known or mode)
 
 
@@ -312,13 +316,11 @@ def _filled_beside(path: str, old: int, shape: Shape) -> Iterator[BinaryIO]:
 
     def settles(new: int) -> bool:
         given = _mode(old)  # to the placeholder until this moment
-        # The mark of the old one can be read now that it is nobody's document any more.
-        if _mark(old) == "":
-            os.chmod(f"/proc/self/fd/{old}", 0o400)
-            if _mark(old) is None:
-                os.chmod(f"/proc/self/fd/{old}", 0)
-                return False
-        word = _mode_word(old)
+        # It keeps having no permissions: who was about to open it by its name would read zeros.
+        mark = _mark(old)
+        if mark == "" and (mark := _mark(old, as_owner=True)) is None:
+            return False
+        word = _mode_in(mark)
         _copy_attributes(old, new)
         if given not in (0, before):
             os.fchmod(new, given)
@@ -410,13 +412,14 @@ for name, text in ("uid_map", f"{user} {user} 1"), ("setgroups", "deny"), ("gid_
     with open("/proc/self/" + name, "w") as settings:
         settings.write(text)
 result = getattr(os, call)(f"/proc/self/fd/{file}", *arguments)
-socket.send_fds(socket.socket(fileno=0), [b"done"], [] if result is None else [result])
+is_open = isinstance(result, int)
+socket.send_fds(socket.socket(fileno=0), [b"done" + (b"" if is_open else result or b"")], [result] if is_open else [])
 """
 
 
-def _in_namespace(call: str, file: int, arguments: tuple[Any, ...]) -> int | None:
-    """The descriptor that the call returns, or 0; None when it was not made. The process executes
-    what this one does, and so platformd takes it for this one."""
+def _in_namespace(call: str, file: int, arguments: tuple[Any, ...]) -> int | bytes | None:
+    """The descriptor or the bytes that the call returns; None when it was not made. The process
+    executes what this one does, and so platformd takes it for this one."""
     if not sys.executable or getattr(sys, "frozen", False):
         return None
     ours, theirs = socket.socketpair()
@@ -425,8 +428,14 @@ def _in_namespace(call: str, file: int, arguments: tuple[Any, ...]) -> int | Non
             subprocess.run([sys.executable, "-I", "-S", "-c", _ONE_CALL, repr((call, file, arguments))],
                            stdin=theirs.fileno(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                            pass_fds=[file], check=False)
-        said, descriptors, _, _ = socket.recv_fds(ours, 16, 1)
-    return (descriptors or [0])[0] if said else None
+        said = b""
+        descriptors: list[int] = []
+        while (part := socket.recv_fds(ours, _PIECE, 1))[0]:
+            said += part[0]
+            descriptors += part[1]
+    if not said:
+        return None
+    return descriptors[0] if descriptors else said.removeprefix(b"done")
 
 
 class _Lease:
@@ -528,7 +537,7 @@ def _copy_attributes(old: int, new: int) -> None:
     for name in os.listxattr(f"/proc/self/fd/{old}"):
         if name.startswith("user.") and name != _MARK:
             with contextlib.suppress(OSError):
-                os.setxattr(new, name, os.getxattr(f"/proc/self/fd/{old}", name))
+                os.setxattr(new, name, _as_owner("getxattr", old, name))
 
 
 def _last_error() -> OSError:
