@@ -425,9 +425,11 @@ def _in_namespace(call: str, file: int, arguments: tuple[Any, ...]) -> int | byt
     ours, theirs = socket.socketpair()
     with ours:
         with theirs:
-            subprocess.run([sys.executable, "-I", "-S", "-c", _ONE_CALL, repr((call, file, arguments))],
-                           stdin=theirs.fileno(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                           pass_fds=[file], check=False)
+            # The user of the file may not be allowed to execute the interpreter.
+            with contextlib.suppress(OSError):
+                subprocess.run([sys.executable, "-I", "-S", "-c", _ONE_CALL, repr((call, file, arguments))],
+                               stdin=theirs.fileno(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                               pass_fds=[file], check=False)
         said = b""
         descriptors: list[int] = []
         while (part := socket.recv_fds(ours, _PIECE, 1))[0]:
