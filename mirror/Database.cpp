@@ -138,9 +138,10 @@ Database::Transaction::Transaction(Database& database, Durable durable)
 }
 
 Database::Transaction::~Transaction() {
+  if (!isOpen_) return;
   --database_.depth_;
-  if (isOpen_) database_.isBroken_ = true;
-  if (isOpen_ && database_.depth_ == 0 && sqlite3_get_autocommit(database_.handle_) == 0) {
+  database_.isBroken_ = true;
+  if (database_.depth_ == 0 && sqlite3_get_autocommit(database_.handle_) == 0) {
     sqlite3_exec(database_.handle_, "ROLLBACK", nullptr, nullptr, nullptr);
     ++database_.undone_;
   }
@@ -160,6 +161,8 @@ void Database::Transaction::commit() {
     database_.isBehind_ = durable_ == Durable::later;
   }
   isOpen_ = false;
+  --database_.depth_;
+  restore();
 }
 
 }  // namespace docsource::mirror

@@ -216,6 +216,7 @@ bool Engine::makeNewHere(Lock& lock, std::size_t atLeast) {
   for (const auto& [number, node] : made) agreeOnNew(number, node);
   transaction.commit();
   for (const auto& [number, node] : made) settle(lock, number);
+  items_->writeSettled();
   return true;
 }
 
