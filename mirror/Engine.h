@@ -320,6 +320,7 @@ class Engine {
 
   std::int64_t lookHereAt_ = 0;
   std::int64_t lookThereAt_ = 0;
+  std::int64_t makeNewAt_ = 0;  // while the remote is being listed
   std::atomic<bool> isToldOfChanges_ = false;
   std::atomic<bool> shallLookThere_ = true;
   bool hasLookedThere_ = false;

@@ -901,8 +901,11 @@ bool Engine::observeThere(Lock& lock) {
         change(directory, [&](Item& unread) { unread.reason = result.error().description(); });
         result = {};
       }
-      // Nobody waits for all of a large remote to see the first of it.
-      while (result && !isClosed_ && makeNewHere(lock, options_.newAtATime)) {
+      // Nobody waits for all of a large remote to see the first of it, and who lists it does not
+      // wait for all that is made here.
+      const bool mayMake = result && !isClosed_ && now() >= makeNewAt_;
+      if (mayMake && makeNewHere(lock, options_.newAtATime)) {
+        makeNewAt_ = now() + options_.newPause.count();
       }
     } else if (!there_.found.empty()) {
       result = resolve(lock, Side::there);

@@ -170,10 +170,11 @@ std::string Engine::conflictText() const {
 bool Engine::settleDue(Lock& lock) {
   countRemovals();
   bool hasDone = makeNewHere(lock, 2);
-  // What is left of it comes in the next round, together as well.
-  const auto condition = hasDone ? heldBack() + " AND NOT (" + Items::isNewThere + ")" : heldBack();
+  const bool isMoreNew = hasDone;
   for (const bool removals : {false, true}) {
-    const auto due = items_->due(now(), removals, condition, inOneRound);
+    // What is left of the new comes in the next round, together as well.
+    const auto due = isMoreNew ? items_->dueHere(now(), heldBack(), inOneRound)
+                               : items_->due(now(), removals, heldBack(), inOneRound);
     for (const ItemNumber number : due) {
       if (isClosed_) return false;
       hasDone = settle(lock, number) != Outcome::later || hasDone;

@@ -265,11 +265,21 @@ std::vector<ItemNumber> Items::due(std::int64_t now, bool removals, const std::s
   return found;
 }
 
+std::vector<ItemNumber> Items::dueHere(std::int64_t now, const std::string& condition,
+                                       std::int64_t most) {
+  return dueBy("itemDueHere", "hereKind IS NOT NULL AND (" + condition + ")", now, most);
+}
+
 std::vector<ItemNumber> Items::newThere(std::int64_t now, std::int64_t most) {
+  return dueBy("itemNew", "hereKind IS NULL AND agreedKind IS NULL AND thereKind IN (1, 2)", now,
+               most);
+}
+
+std::vector<ItemNumber> Items::dueBy(const std::string& index, const std::string& condition,
+                                     std::int64_t now, std::int64_t most) {
   std::vector<ItemNumber> found;
-  auto row = database_.prepare(
-      std::string("SELECT number FROM item INDEXED BY itemNew WHERE due<=? AND ") + isNewThere +
-      " ORDER BY due, number LIMIT ?");
+  auto row = database_.prepare("SELECT number FROM item INDEXED BY " + index +
+                               " WHERE due<=? AND " + condition + " ORDER BY due, number LIMIT ?");
   row.bind(now).bind(most);
   while (row.step()) found.push_back(row.integer(0));
   return found;

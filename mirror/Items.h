@@ -134,10 +134,11 @@ class Items {
   /// due, then removals, the latest first. `condition` restricts it.
   std::vector<ItemNumber> due(std::int64_t now, bool removals, const std::string& condition,
                               std::int64_t most);
-  /// Holds for files and directories that are there, and were never here.
-  static constexpr const char* isNewThere =
-      "hereKind IS NULL AND agreedKind IS NULL AND thereKind IN (1, 2)";
-  /// Returns those of them that are due, in the order in which they became due.
+  /// Returns what is due at `now` of what is here, without going through what is not.
+  std::vector<ItemNumber> dueHere(std::int64_t now, const std::string& condition,
+                                  std::int64_t most);
+  /// Returns the files and directories that are there, were never here and are due, in the order in
+  /// which they became due.
   std::vector<ItemNumber> newThere(std::int64_t now, std::int64_t most);
   /// Returns what is in a directory there, is not here and has failed.
   std::vector<Item> failedIn(ItemNumber directory);
@@ -166,6 +167,8 @@ class Items {
   Database& database() { return database_; }
 
  private:
+  std::vector<ItemNumber> dueBy(const std::string& index, const std::string& condition,
+                                std::int64_t now, std::int64_t most);
   static Item read(const Statement& row);
 
   Database& database_;
