@@ -53,6 +53,9 @@ constexpr std::size_t maximumBatches = 4;
 /// What every connection may have kept without a question.
 constexpr std::size_t littleToKeep = 64U << 10U;
 constexpr std::size_t maximumParts = 16;
+/// So many bytes of frames that wait to be sent lie together. Each small one by itself would take
+/// thirty times its size.
+constexpr std::size_t joinedSize = 64U << 10U;
 
 /// A crowd of connections leaves memory behind, which is given back when it has been gone for ten
 /// seconds.
@@ -508,11 +511,17 @@ void ConduitChannel::send(Encoder message, bool withTheNext) {
   {
     std::lock_guard lock(mutex_);
     if (closed_) return;
+    const bool mayWrite = !full_ && !withTheNext;
     Output output{message.takeFrame(), 0, message.takeDescriptors()};
     unsent_ += output.frame.size();
     unsentDescriptors_ += output.descriptors.size();
-    const bool mayWrite = !full_ && !withTheNext;
-    output_.push_back(std::move(output));
+    if (output.descriptors.empty() && !output_.empty() &&
+        output_.back().frame.size() + output.frame.size() <= joinedSize) {
+      auto& frames = output_.back().frame;
+      frames.insert(frames.end(), output.frame.begin(), output.frame.end());
+    } else {
+      output_.push_back(std::move(output));
+    }
     if (mayWrite) over = !flushLocked();
     if (!over && unsent_ > maximumUnsent) {
       over = true;

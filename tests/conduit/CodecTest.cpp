@@ -1,13 +1,13 @@
 #include "platform/conduit/Codec.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cmath>
 #include <limits>
 
 #include "platform/base/Errors.h"
 #include "platform/base/Text.h"
+#include "tests/conduit/Trial.h"
 
 namespace {
 
@@ -93,13 +93,6 @@ TEST(Codec, MalformedItemsAreRefused) {
   EXPECT_FALSE(wellFormed("d9464410", 16));
 }
 
-/// The most that this process has taken in memory so far, in MiB.
-long peakMemory() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss / 1024;
-}
-
 // The smallest values of a frame grow the most when they are built.
 TEST(Codec, AFrameIsNotBuiltBeyondAMeasure) {
   Encoder encoder;
@@ -107,11 +100,11 @@ TEST(Codec, AFrameIsNotBuiltBeyondAMeasure) {
   for (std::size_t i = 0; i < 15U << 20U; ++i) encoder.null();
   const auto large = bodyOf(encoder);
   ASSERT_TRUE(isWellFormed(large, 0));
-  const long before = peakMemory();
+  const long before = qx::test::peakMemory();
   Decoder decoder(large, {});
   Value value;
   EXPECT_FALSE(decode(decoder, value));
-  EXPECT_LT(peakMemory() - before, 100);
+  EXPECT_LT(qx::test::peakMemory() - before, 100);
 
   // What is large and not made of crumbs comes whole.
   Dictionary dictionary;

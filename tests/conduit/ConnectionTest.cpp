@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <set>
 
@@ -129,15 +128,10 @@ TEST(Caller, BuildsNothingForAnAnswerThatNobodyWaitsFor) {
   failure.array(count);
   for (std::size_t i = 0; i < count; ++i) failure.null();
   const auto frame = failure.takeFrame();
-  const auto peak = [] {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss / 1024;
-  };
-  const long before = peak();
+  const long before = peakMemory();
   ASSERT_TRUE(served.peer.sendBytes(frame));
   EXPECT_TRUE(echoes(served.peer));
-  EXPECT_LT(peak() - before, 100);  // MiB; the values alone take 160
+  EXPECT_LT(peakMemory() - before, 100);  // MiB; the values alone take 160
 }
 
 TEST(Caller, MayAllowClassesInOneReplyArgument) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/resource.h>
+
 #include <functional>
 #include <memory>
 
@@ -156,6 +158,13 @@ inline bool echoes(RawPeer& peer, const std::string& text = "hello") {
   if (!peer.sendBytes(echoCall(77, text))) return false;
   auto reply = peer.readMessage();
   return reply && reply->kind == 2 && reply->id == 77 && reply->first == Value(text);
+}
+
+/// The most that this process has taken in memory so far, in MiB.
+inline long peakMemory() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss / 1024;
 }
 
 }  // namespace qx::test
