@@ -60,7 +60,15 @@ struct Version {
 
   /// Known by a time in whole seconds that have hardly passed: there may be another content yet
   /// that looks the same. `now` is the server's own time.
-  bool isYoung(std::optional<std::int64_t> now) const { return !tag && now && *now <= modified; }
+  bool isYoung(std::optional<std::int64_t> now) const {
+    return !tag && now && *now <= modified && !isSet(modified, *now);
+  }
+  /// Further ahead than a server's clock and that of its files can be apart: somebody has given the
+  /// file this time, which will not pass, and the next content has another one.
+  static bool isSet(std::int64_t modified, std::int64_t now) {
+    constexpr std::int64_t minute = 60;
+    return modified > now && modified - now > minute;
+  }
 };
 
 /// Names of what this remote puts among the documents for a while. They hold the server's time at

@@ -825,8 +825,11 @@ Result<void> WebDAVRemote::readOnce(const Place& place, const std::string& path,
     auto there = compare(place, path, version.text());
     if (!there) return there.error();
     const auto& item = (*there)->item;
-    isYoung |= isStale ||
-               (item.modified && (*there)->now && *(*there)->now - secondsOf(*item.modified) < 3);
+    if (item.modified && (*there)->now) {
+      const auto modified = secondsOf(*item.modified), now = *(*there)->now;
+      isYoung |= now - modified < 3 && !Version::isSet(modified, now);
+    }
+    isYoung |= isStale;
     return {};
   };
   std::optional<Error> refused;

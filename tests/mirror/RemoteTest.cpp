@@ -207,6 +207,9 @@ TEST_P(RemoteOnFiles, HoldsDocumentsAndLosesNone) {
   // Another program's version is seen, and not overwritten by who has not seen it.
   docsource::test::write(files() + "/.other", "longer than behind");
   fs::permissions(files() + "/.other", fs::perms::all);
+  // As the clock of a camera or of a build in the wrong year has it.
+  fs::last_write_time(files() + "/.other",
+                      fs::file_time_type::clock::now() + std::chrono::years(9));
   fs::rename(files() + "/.other", files() + "/a");
   EXPECT_EQ(problemIn(write("a", "lost", item->version)), changedMeanwhile);
   EXPECT_EQ(problemIn(remote_->remove("a", item->version)), changedMeanwhile);
@@ -236,7 +239,7 @@ TEST_P(RemoteOnFiles, HoldsDocumentsAndLosesNone) {
   EXPECT_EQ(read("large", item->version, 2999990), (large + "!").substr(2999990));
   EXPECT_EQ(write("empty", "")->size, 0U);
 
-  const RemoteTime time{std::chrono::seconds(1234567890)};
+  const RemoteTime time{std::chrono::seconds(2234567890)};
   item = write("timed", "t", std::nullopt, time);
   ASSERT_TRUE(item) << textOf(item.error());
   if (!GetParam().times) return;
