@@ -292,6 +292,8 @@ Result<bool> Session::authorise(const Answer& answer, const Request& request, lo
     return remoteError(RemoteProblem::notAuthorised, std::move(sentence));
   };
   const auto host = shown(request.url);
+  const auto unaccepted = host + " does not accept the " +
+                          (options_.isBearer ? "token." : "user name or the password.");
   if (answer.status == 407) return refused("The proxy before " + host + " wants a password.");
   if (!options_.secret)
     return refused(host +
@@ -301,7 +303,7 @@ Result<bool> Session::authorise(const Answer& answer, const Request& request, lo
   if (scheme == 0) return refused(host + " wants a way to log in that is not known here.");
   scheme_ = scheme;
   if (++refusals > mostRefusals) {
-    return refused(host + " does not accept the user name or the password.");
+    return refused(unaccepted);
   }
   if (sentScheme != scheme) return true;
   const auto before = secret(false);
@@ -312,7 +314,7 @@ Result<bool> Session::authorise(const Answer& answer, const Request& request, lo
     if (!now) return now.error();
     if (*now != *before) return true;
   }
-  return refused(host + " does not accept the user name or the password.");
+  return refused(unaccepted);
 }
 
 Result<Answer> Session::perform(const Request& request) {

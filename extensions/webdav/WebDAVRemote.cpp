@@ -1406,7 +1406,9 @@ Result<std::unique_ptr<Remote>> makeWebDAVRemote(WebDAVOptions options) {
   };
   const std::unique_ptr<CURLU, void (*)(CURLU*)> url(curl_url(), &curl_url_cleanup);
   if (!url || curl_url_set(url.get(), CURLUPART_URL, options.url.c_str(), 0) != CURLUE_OK) {
-    return bad("it is no URL, https://HOST/PATH for example");
+    return bad(options.url.find(' ') == std::string::npos
+                   ? "it is no URL, https://HOST/PATH for example"
+                   : "it has a space, which is written %20");
   }
   const auto part = [&](CURLUPart which) {
     char* text = nullptr;
