@@ -268,7 +268,11 @@ void lookAtAccounts(const Arguments& arguments, Report& report) {
       report.note("account " + account.name, "Its documents are in " + account.storage + ", and " +
                                                  link + " does not lead there.");
     }
-    if (state && *state == "ok" && (!failures || *failures == 0)) {
+    if (state && *state == "ok" && failures && *failures > 0) {
+      report.wrong("account " + account.name,
+                   (*failures == 1 ? "One item has" : std::to_string(*failures) + " items have") +
+                       " failed. Which, and why: docsource status -r \"" + link + "\"");
+    } else if (state && *state == "ok") {
       report.good("account " + account.name, "It is in agreement with " + account.source + ".");
     } else {
       report.wrong("account " + account.name, sentenceOf(state ? *state : "silent") + more + " " +
