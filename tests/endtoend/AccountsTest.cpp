@@ -188,7 +188,9 @@ TEST_P(Accounts, WhatCannotBeAddedIsSaid) {
   refuses(add("a/b /tmp"), "without slashes");
   refuses(add(".. /tmp"), "dot");
   refuses(add("Work '" + origin_ + "/none'"), "There is no directory");
-  refuses(add("Work '" + installation_.root() + "'"), "lie in one another");
+  for (const auto& place : {installation_.root(), std::string("/")}) {
+    refuses(add("Work '" + place + "'"), "lie in one another");
+  }
   refuses(add("Work"), "DIRECTORY", 2);
   fs::create_directories(home_ + "/DocSource/Work");
   refuses(add("Work '" + origin_ + "'"), "there is something already");

@@ -102,7 +102,8 @@ Result<std::string> folderFrom(const std::string& argument) {
                      "; mount or make it first");
   }
   const auto root = fs::weakly_canonical(qx::Places::root(), failed).string();
-  if (folder == root || folder.starts_with(root + "/") || root.starts_with(folder + "/")) {
+  if (folder == root || folder == "/" || folder.starts_with(root + "/") ||
+      root.starts_with(folder + "/")) {
     return complaint("The directory " + folder + " and " + root +
                      ", where docsource keeps what is its own, lie in one another; choose another "
                      "directory, one with nothing but documents");
