@@ -293,8 +293,17 @@ Result<void> checkRemoval(const Account& account, const Arguments& arguments) {
                      "\" is not running, so nobody can tell what is only here. Have it run" +
                      otherwise + ".");
   }
+  // It may be looking through what is there, for longer than anybody waits.
+  const auto unanswered = [&](const Error& error) {
+    if (error.code() != static_cast<std::int64_t>(docsource::LibraryError::timedOut)) return error;
+    return Error(docsource::LibraryError::timedOut,
+                 "The account \"" + account.name +
+                     "\" did not say in time what is only here. Try again when it has looked at "
+                     "everything" +
+                     otherwise + ".");
+  };
   const auto health = healthOf(*process, arguments);
-  if (!health) return health.error();
+  if (!health) return unanswered(health.error());
   if (const auto waiting = numberOf(*health, "waiting"); waiting > 0) {
     return complaint(
         "The account \"" + account.name + "\" has " +
@@ -303,7 +312,7 @@ Result<void> checkRemoval(const Account& account, const Arguments& arguments) {
   }
   constexpr std::size_t named = 5;
   const auto left = onlyHere(account, *process, arguments, named);
-  if (!left) return left.error();
+  if (!left) return unanswered(left.error());
   if (left->empty()) return {};
   std::string text = "The account \"" + account.name + "\" has documents that are only here:";
   for (const auto& path : *left) text += " " + path + ";";
