@@ -82,7 +82,7 @@ constexpr Command commands[] = {
     {"placeholder", "URL", true, true, placeholder, "Have a placeholder of the document made"},
     {"start", "URL", true, true, start, "Have the document's content brought in"},
     {"stop", "URL", true, true, stop, "Say that the consumer no longer needs the document"},
-    {"wake-up", nullptr, false, false, wakeUp, "Wait until the broker answers"},
+    {"wake-up", nullptr, false, false, wakeUp, "Wake the broker, and wait for its answer"},
     {"device status", nullptr, false, false, deviceStatus,
      "Show whether the device is locked, and how programs are coordinated"},
     {"device lock", nullptr, false, false, deviceLock, "Lock the device"},
