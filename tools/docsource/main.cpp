@@ -197,6 +197,9 @@ void addOptions(const Command& command, CLI::App& entry, Arguments& arguments) {
         .add_option_function<std::uint64_t>(
             "--keep",
             [&arguments](std::uint64_t bytes) {
+              // A negative number is taken for one near 2^64.
+              constexpr std::uint64_t most = std::uint64_t{1} << 62;
+              if (bytes > most) throw CLI::ValidationError("--keep", "SIZE is a size, such as 20G");
               arguments.settings[account::keepKey] = std::to_string(bytes);
             },
             "How much content is kept here, such as 20G; what was not read for longest is given "
