@@ -215,7 +215,10 @@ def _state(file: int) -> State:
 
 
 def _attribute(file: int, name: str, as_owner: bool) -> bytes:
-    return _as_owner("getxattr", file, name) if as_owner else os.getxattr(f"/proc/self/fd/{file}", name)
+    if not as_owner:
+        return os.getxattr(f"/proc/self/fd/{file}", name)
+    value: bytes = _as_owner("getxattr", file, name)
+    return value
 
 
 def _mode_in(mark: str | None) -> int | None:
