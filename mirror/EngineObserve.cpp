@@ -23,6 +23,8 @@ constexpr unsigned watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MO
                                    IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR;
 /// Names that are looked at in one transaction.
 constexpr std::size_t batch = 256;
+/// How long a remote is listed, after what was new was made here, before more is; in milliseconds.
+constexpr std::int64_t betweenNew = 2000;
 /// What has failed and changes there waits no longer than that, in milliseconds.
 constexpr std::int64_t afterFailure = 5000;
 /// Where an item is whose name was taken by another and that was not found yet.
@@ -905,7 +907,7 @@ bool Engine::observeThere(Lock& lock) {
       // wait for all that is made here.
       const bool mayMake = result && !isClosed_ && now() >= makeNewAt_;
       if (mayMake && makeNewHere(lock, options_.newAtATime)) {
-        makeNewAt_ = now() + options_.newPause.count();
+        makeNewAt_ = now() + betweenNew;
       }
     } else if (!there_.found.empty()) {
       result = resolve(lock, Side::there);

@@ -169,8 +169,8 @@ std::string Engine::conflictText() const {
 
 bool Engine::settleDue(Lock& lock) {
   countRemovals();
-  bool hasDone = makeNewHere(lock, 2);
-  const bool isMoreNew = hasDone;
+  const bool isMoreNew = makeNewHere(lock, 2);
+  bool hasDone = isMoreNew;
   for (const bool removals : {false, true}) {
     // What is left of the new comes in the next round, together as well.
     const auto due = isMoreNew ? items_->dueHere(now(), heldBack(), inOneRound)

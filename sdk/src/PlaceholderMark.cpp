@@ -116,12 +116,12 @@ void copyOtherAttributes(int from, int to) {
   std::string names(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
   const ssize_t filled = ::listxattr(source.c_str(), names.data(), names.size());
   names.resize(filled > 0 ? static_cast<std::size_t>(filled) : 0);
+  std::string value(names.empty() ? 0 : mostBytes, '\0');
   for (std::size_t at = 0; at < names.size(); at = names.find('\0', at) + 1) {
     const char* name = names.data() + at;
     if (!std::string_view(name).starts_with("user.") || name == std::string_view(attribute)) {
       continue;
     }
-    std::string value(mostBytes, '\0');
     const int length = asOwner(from, [&] {
       return static_cast<int>(::getxattr(source.c_str(), name, value.data(), value.size()));
     });
