@@ -9,6 +9,7 @@ set, and the line is answered with how many bytes of answers were passed on sinc
 
     delay    so many seconds pass before a request is passed on
     rate     so many bytes of answers a second, on each connection
+    most     so many bytes of answers are passed on, on each connection, then it waits until told otherwise
     faults   what becomes of the requests to come, one each: "reset", a status (503, with a body and
              Retry-After: 0), "repeat": the server gets it twice and its second answer is passed on, or an
              object with "cut": the connection is reset after so many bytes of the answer, or with
@@ -19,7 +20,7 @@ LOG is a file to which each request and each answer is added in a line. Ends wit
 """
 import json, socket, struct, sys, threading, time
 
-settings = {"delay": 0, "rate": 0, "faults": []}
+settings = {"delay": 0, "rate": 0, "most": 0, "faults": []}
 passed = [0]
 lock = threading.Lock()
 
@@ -37,9 +38,11 @@ def reset(connection):
 
 def answers(server, client, limit, damage):
     """Passes answers on until either side ends."""
-    due = time.monotonic()
+    due, count = time.monotonic(), 0
     try:
         while True:
+            while 0 < settings["most"] <= count:
+                time.sleep(0.01)
             rate = settings["rate"]
             piece = server.recv(min(65536, max(1024, int(rate / 50))) if rate else 262144)
             if not piece:
@@ -57,6 +60,7 @@ def answers(server, client, limit, damage):
                 piece = piece[:limit[0]]
                 limit[0] -= len(piece)
             client.sendall(piece)
+            count += len(piece)
             with lock:
                 passed[0] += len(piece)
             if limit[0] == 0:
