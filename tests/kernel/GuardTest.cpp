@@ -26,8 +26,7 @@ class GuardTest : public KernelTest {
   }
   /// Whether it waits for the platform: in state D of proc(5), as long as nobody answers.
   static bool isHeldBack(const ChildProcess& reader) {
-    const auto status = readAll("/proc/" + std::to_string(reader.id()) + "/status");
-    return status.find("State:\tD") != std::string::npos;
+    return readAll("/proc/" + std::to_string(reader.id()) + "/wchan") == "fanotify_handle_event";
   }
   static std::ptrdiff_t descriptorsOf(pid_t process) {
     return std::distance(fs::directory_iterator("/proc/" + std::to_string(process) + "/fd"), {});
