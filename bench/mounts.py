@@ -81,12 +81,12 @@ class Account:
             process.wait()
 
     @staticmethod
-    def wait(condition, what, limit=60):
+    def wait(condition, what, limit=60, every=0.01):
         deadline = time.monotonic() + limit
         while not condition():
             if time.monotonic() > deadline:
                 raise RuntimeError(f"waited in vain: {what}")
-            time.sleep(0.01)
+            time.sleep(every)
 
     def tool(self, *words, check=True):
         done = subprocess.run([str(self.bin / "docsource"), *map(str, words)], env=self.environment,

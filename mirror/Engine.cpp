@@ -208,6 +208,7 @@ void Engine::close() {
   remote_.notifyOfChanges({});
   Lock lock(mutex_);
   for (auto& [number, transfer] : busy_) transfer->isCancelled = true;
+  for (const auto& listing : listings_) listing->abandon();
   changed_.wait(lock, [&] { return busy_.empty(); });
 }
 

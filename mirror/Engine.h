@@ -20,6 +20,7 @@
 #include "mirror/Departures.h"
 #include "mirror/Ignore.h"
 #include "mirror/Items.h"
+#include "mirror/Listing.h"
 #include "mirror/Local.h"
 #include "mirror/Mirror.h"
 #include "platform/base/FileDescriptor.h"
@@ -144,6 +145,10 @@ class Engine {
   void readDirectoryHere(ItemNumber directory, bool recursive);
   Result<void> identify(Lock& lock);
   Result<void> readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive);
+  void listAhead(Lock& lock);
+  std::shared_ptr<Listing> nextListing(ItemNumber directory, const std::string& path);
+  void popDirectoryThere();
+  void endListings();
   std::unordered_map<std::string, std::pair<ItemNumber, Node>> entriesOf(Side side,
                                                                          ItemNumber directory);
   Result<void> lookThere(Lock& lock, ItemNumber directory, const std::string& name);
@@ -327,12 +332,17 @@ class Engine {
   /// The remote was found to be the one that it was, at least once.
   bool isIdentified_ = false;
   std::optional<std::string> cursor_;
-  /// Places there that uploads are changing; places that they have changed since the remote was
-  /// last asked, whose answer may be older than that; and those of the first kind of which the
-  /// remote has told since.
+  /// Listings of the first of the directories that have to be read there, in their order.
+  std::deque<std::shared_ptr<Listing>> listings_;
+  /// Places there that uploads are changing; places of which an upload, or the remote, has told
+  /// something since it was asked for a listing that is not noted yet, with the count of such news
+  /// at that time; and those of the first kind of which the remote has told since.
   std::multiset<Key> changing_;
-  std::set<Key> overtaken_;
+  std::map<Key, std::uint64_t> overtaken_;
   std::set<Key> heard_;
+  /// How much news of this kind there was, and what of it is known to the answer that is noted.
+  std::uint64_t learnt_ = 0;
+  std::uint64_t asOf_ = 0;
   /// Items whose move there was begun and not answered, and when it is asked next what has become
   /// of them. It may be done for one half: what is below them waits until that is known.
   std::set<ItemNumber> inDoubt_;

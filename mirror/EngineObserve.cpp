@@ -278,20 +278,22 @@ void Engine::beginChange(const Place& place) { changing_.emplace(place.parent, p
 void Engine::endChange(const Place& place) {
   const Key key(place.parent, place.name);
   changing_.erase(changing_.find(key));
-  overtaken_.insert(key);
+  overtaken_[key] = ++learnt_;
   const bool isHeard = heard_.erase(key) > 0;
   if (there_.found.erase(key) > 0 || isHeard) lookAgain(Side::there, place);
 }
 
-/// Whether what the remote says of a place may be older than what an upload did there; it is asked
-/// again when that has ended.
+/// Whether what the remote says of a place may be older than what an upload did there, or than what
+/// it said later; it is asked again when that has ended.
 bool Engine::isOvertaken(Side side, const Place& place) {
   if (side == Side::here) return false;
   const Key key(place.parent, place.name);
   const bool isChanging = changing_.contains(key);
   if (isChanging) heard_.insert(key);
-  if (!isChanging && !overtaken_.contains(key)) return false;
-  if (!isChanging) lookAgain(side, place);
+  if (isChanging) return true;
+  const auto overtaken = overtaken_.find(key);
+  if (overtaken == overtaken_.end() || overtaken->second <= asOf_) return false;
+  lookAgain(side, place);
   return true;
 }
 
@@ -729,10 +731,53 @@ std::unordered_map<std::string, std::pair<ItemNumber, Node>> Engine::entriesOf(
   return known;
 }
 
+/// Has another thread list the directories that are read next, while what has come is noted.
+void Engine::listAhead(Lock& lock) {
+  constexpr std::size_t most = 4;
+  while (!isClosed_ && !isInTrouble() && listings_.size() < most &&
+         listings_.size() < there_.directories.size()) {
+    const ItemNumber directory = there_.directories[listings_.size()].first;
+    const auto path = items_->path(Side::there, directory);
+    if (!path) return;
+    const auto listing = std::make_shared<Listing>(remote_, directory, *path, learnt_);
+    listings_.push_back(listing);
+    lock.unlock();
+    executor_([listing] { listing->run(); });
+    lock.lock();
+  }
+}
+
+/// The listing of the next directory, begun earlier where it was known then.
+std::shared_ptr<Listing> Engine::nextListing(ItemNumber directory, const std::string& path) {
+  if (!listings_.empty()) {
+    const auto listing = listings_.front();
+    if (listing->directory() == directory && listing->path() == path) return listing;
+    endListings();
+  }
+  overtaken_.clear();
+  listings_.push_back(std::make_shared<Listing>(remote_, directory, path, learnt_));
+  return listings_.front();
+}
+
+void Engine::popDirectoryThere() {
+  const ItemNumber directory = there_.directories.front().first;
+  there_.directories.pop_front();
+  if (listings_.empty() || listings_.front()->directory() != directory) return;
+  listings_.front()->abandon();
+  listings_.pop_front();
+}
+
+void Engine::endListings() {
+  for (const auto& listing : listings_) listing->abandon();
+  listings_.clear();
+}
+
 Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool recursive) {
   if (directory == rootItem) missNowhere(Side::there);
   const auto path = items_->path(Side::there, directory);
   if (!path || isInDoubt(directory)) return {};  // it is read when it is known where it is
+  const auto listing = nextListing(directory, *path);
+  listAhead(lock);
   std::vector<RemoteItem> entries;
   Numbers met;
   // What is known of it, in one piece: most entries are as they were.
@@ -762,10 +807,10 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
     transaction.commit();
     entries.clear();
   };
-  overtaken_.clear();
+  asOf_ = listing->asOf();
   std::exception_ptr failure;
   const auto listed = remotely(lock, [&] {
-    return remote_.list(*path, [&](const RemoteItem& item) {
+    return listing->take([&](const RemoteItem& item) {
       entries.push_back(item);
       if (entries.size() < batch || failure) return;
       const Lock inner(mutex_);
@@ -799,7 +844,8 @@ Result<void> Engine::readDirectoryThere(Lock& lock, ItemNumber directory, bool r
 Result<void> Engine::lookThere(Lock& lock, ItemNumber directory, const std::string& name) {
   const auto parent = items_->path(Side::there, directory);
   if (!parent || !isName(name) || isInDoubt(directory)) return {};
-  overtaken_.clear();
+  if (listings_.empty()) overtaken_.clear();
+  asOf_ = learnt_;
   const auto now =
       remotely(lock, [&] { return remote_.look(parent->empty() ? name : *parent + "/" + name); });
   Database::Transaction transaction(*database_, Durable::later);
@@ -811,6 +857,7 @@ Result<void> Engine::lookThere(Lock& lock, ItemNumber directory, const std::stri
     return now.error();
   }
   transaction.commit();
+  if (!listings_.empty()) overtaken_[{directory, name}] = ++learnt_;
   return {};
 }
 
@@ -884,7 +931,12 @@ bool Engine::observeThere(Lock& lock) {
   if (!inDoubt_.empty() && (isDue || shallEndMoves)) endMoves(lock);
   if (isInTrouble()) return false;
   bool hasSeen = isDue;
+  const struct Finally {
+    Engine& engine;
+    ~Finally() { engine.endListings(); }
+  } finally{*this};
   while (!there_.isEmpty()) {
+    if (isClosed_) return false;
     hasSeen = true;
     Result<void> result;
     if (!there_.names.empty()) {
@@ -895,10 +947,11 @@ bool Engine::observeThere(Lock& lock) {
     } else if (!there_.directories.empty()) {
       const auto [directory, recursive] = there_.directories.front();
       result = readDirectoryThere(lock, directory, recursive);
+      if (isClosed_) return false;
       // Without the top nothing is known of anything.
       if (!result && !isInTrouble() && directory == rootItem)
         result = trouble(remoteError(RemoteProblem::unreachable, result.error().description()));
-      if (result || !isInTrouble()) there_.directories.pop_front();
+      if (result || !isInTrouble()) popDirectoryThere();
       if (!result && !isInTrouble()) {  // this directory cannot be read
         change(directory, [&](Item& unread) { unread.reason = result.error().description(); });
         result = {};

@@ -40,7 +40,7 @@ struct MirrorOptions {
   unsigned transfersAhead = 12;
   /// How many items that are new at the remote are made here at a time; so many appear before the
   /// rest of the remote is known.
-  unsigned newAtATime = 1000;
+  unsigned newAtATime = 250;
   /// How many bytes of content may be here. When there are more, content is given back, and first
   /// what has not been read for the longest time; never what is pinned, changed or open. When
   /// absent, nothing is given back.

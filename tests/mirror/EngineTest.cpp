@@ -360,6 +360,56 @@ TEST_F(EngineTest, MovesNoDirectoryWhileSomethingIsSentIntoIt) {
   EXPECT_EQ(names(there_), "a.txt f f/e f/e/b.txt f/e/new ");
 }
 
+TEST_F(EngineTest, BelievesNoListingThatIsOlderThanWhatItHasSent) {
+  for (const std::string directory : {"d", "x"}) {
+    fs::create_directories(there(directory));
+    write(there(directory + "/sent"), "old");
+  }
+  auto owned = std::make_unique<UnreliableRemote>(makeFolderRemote(there_));
+  auto& remote = *owned;
+  remote.hasIdentifiers = false;
+  machine_ = std::make_unique<Machine>(scratch_ / "other", std::move(owned));
+  std::deque<std::function<void()>> waiting;
+  bool shallWait = false;
+  const auto execute = [&](std::function<void()> work) {
+    shallWait ? waiting.push_back(std::move(work)) : work();
+  };
+  std::vector<std::string> listed;
+  remote.isListing = [&](const std::string& path) {
+    if (path == "d" || path == "x") listed.push_back(path);
+  };
+  mirror::Engine engine(machine_->options(), remote, execute, [] {});
+  ASSERT_TRUE(engine.open());
+  const auto steps = [&] {
+    for (int count = 0; count < 1000 && engine.step(); ++count) {
+    }
+    clock_.advance(std::chrono::seconds(2));
+  };
+  steps();
+  ASSERT_EQ(listed.size(), 2U);
+  const auto document = listed.front() + "/sent";  // what is listed ahead, is listed first
+  ASSERT_TRUE(engine.provide(here(document)));
+  steps();
+  write(here(document), "new and longer");
+  shallWait = true;
+  for (int round = 0; round < 10 && waiting.empty(); ++round) steps();
+  ASSERT_EQ(waiting.size(), 1U);
+  // It is sent when its directory was listed, while another one is.
+  remote.isListing = [&](const std::string& path) {
+    if (path != listed.back()) return;
+    EXPECT_GT(waiting.size(), 1U);
+    for (; !waiting.empty(); waiting.pop_back()) waiting.back()();
+  };
+  remote.lies = 1;  // everything is listed
+  engine.beginSync(false);
+  steps();
+  shallWait = false;
+  steps();
+  EXPECT_EQ(read(there(document)), "new and longer");
+  EXPECT_FALSE(isPlaceholder(here(document))) << "the old version was taken for the last";
+  EXPECT_EQ(read(here(document)), "new and longer");
+}
+
 TEST_F(EngineTest, MovesADirectoryIntoWhatWasMovedOutOfIt) {
   write(here("d/e/c.txt"), "third");
   fs::create_directory(here("d/e/f"));

@@ -34,6 +34,8 @@ class UnreliableRemote final : public Remote {
   const bool* isDead = nullptr;
   /// Called when something was written there, before whoever wrote it is told.
   std::function<void()> hasWritten;
+  /// Called when a directory is to be listed, before it is.
+  std::function<void(const std::string& path)> isListing;
   /// Has the mirror ask what has changed; the run decides when.
   std::function<void()> tell;
 
@@ -46,6 +48,7 @@ class UnreliableRemote final : public Remote {
     return tried<std::string>([&] { return remote_->identity(create); });
   }
   Result<void> list(const std::string& path, const Visitor& visit) override {
+    if (isListing) isListing(path);
     return tried<void>([&] {
       const bool isAdded = path.empty() && added;
       if (isAdded) visit(*added);
