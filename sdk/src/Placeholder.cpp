@@ -151,6 +151,17 @@ bool hasParts(int file) {
   return mark.state != PlaceholderState::present && mark.parts && !mark.parts->isEmpty();
 }
 
+/// Whether a placeholder is as it was made, so that there is nothing in it to clear away. Its first
+/// block may hold anything: nobody is let read it before it is written.
+bool isUntouched(int file, const Placeholder::Shape& shape) {
+  constexpr blkcnt_t unit = 512;  // inode(7)
+  struct stat status {};
+  return ::fstat(file, &status) == 0 && status.st_blocks > 0 &&
+         status.st_blocks * unit <= status.st_blksize &&
+         static_cast<std::uint64_t>(status.st_size) == shape.size &&
+         sparse::timeOf(status.st_mtim) == shape.modified;
+}
+
 /// Makes a placeholder of a file that is new. One without a name is marked last: nobody else can
 /// see it, and its size changes without anybody being asked.
 bool makePlaceholder(int file, const Placeholder::Shape& shape, mode_t mode, bool cooperative) {
@@ -443,9 +454,10 @@ Result<PlaceholderWriter> Placeholder::fill(bool goesOn, bool onlyPlaceholder) c
     target->setParts(std::move(kept));
     return PlaceholderWriter(std::move(target));
   }
-  if (was.state == PlaceholderState::present ? ::fsync(file) != 0
-                                             : !sparse::makeSparse(file, now, true)) {
-    return fileError(file_, errno);
+  if (was.state == PlaceholderState::present) {
+    if (::fsync(file) != 0) return fileError(file_, errno);
+  } else if (was.state != PlaceholderState::placeholder || !isUntouched(file, now)) {
+    if (!sparse::makeSparse(file, now, true)) return fileError(file_, errno);
   }
   return PlaceholderWriter(std::move(target));
 }
