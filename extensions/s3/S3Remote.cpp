@@ -51,7 +51,8 @@ constexpr std::size_t mostListing = 16UL * 1024 * 1024;
 constexpr std::size_t mostThinPages = 200;
 /// Keys that were not asked for and are told of.
 constexpr std::size_t mostStrange = 100;
-constexpr std::size_t mostAtATime = 16;
+/// So many threads help all those who ask the store for many things.
+constexpr std::size_t mostHelping = 12;
 /// So many objects of a directory may be without any answer before that is the store's trouble.
 constexpr unsigned mostUnanswered = 2;
 /// What one request may copy, and a part of what is larger.
@@ -277,8 +278,10 @@ void setAttributeHeaders(Parameters& headers, const RemoteAttributes& attributes
   }
 }
 
-/// Calls `work` for each number below `count`, several at a time; the first error ends it.
+/// Calls `work` for each number below `count`, several at a time; the first error ends it. Those
+/// who do that at the same time share the threads that there may be.
 Result<void> inParallel(std::size_t count, const std::function<Result<void>(std::size_t)>& work) {
+  static std::atomic<std::size_t> helping{0};
   std::atomic<std::size_t> next{0};
   std::mutex mutex;
   std::optional<Error> first;
@@ -294,9 +297,11 @@ Result<void> inParallel(std::size_t count, const std::function<Result<void>(std:
     }
   };
   std::vector<std::thread> threads;
-  for (std::size_t i = 1; i < std::min(count, mostAtATime); ++i) threads.emplace_back(run);
+  while (threads.size() + 1 < count && ++helping <= mostHelping) threads.emplace_back(run);
+  if (threads.size() + 1 < count) --helping;
   run();
   for (auto& thread : threads) thread.join();
+  helping -= threads.size();
   if (first) return *first;
   return {};
 }

@@ -200,6 +200,9 @@ TEST_P(Accounts, WhatCannotBeAddedIsSaid) {
   refuses(add("Work '" + origin_ + "'"), "already");
   refuses("docsource remove None", "There is no account");
   refuses("docsource sync None", "There is no account");
+  for (const char* command : {"evict", "conflicts --take"}) {
+    refuses(std::string("docsource ") + command + " ''", "does not exist");
+  }
   ASSERT_TRUE(eventually([&] { return fs::exists(here("letter.txt")); }));
   stop();
   refuses("docsource sync Work", "is not running", 3);

@@ -118,6 +118,7 @@ std::string inFamiliarWords(std::string sentence, const std::vector<Account>& ac
 }
 
 docsource::Result<Place> placeOf(const std::string& argument) {
+  if (argument.empty()) return docsource::Error::file(ENOENT, argument);
   const auto url = urlFromArgument(argument);
   const auto given = docsource::pathOfURL(url);
   if (!given) {

@@ -50,8 +50,8 @@ struct Arguments {
   bool confirmDeletions = false;
   /// What a bundle wants of the world may be given to it without asking.
   bool yes = false;
-  /// The version of a conflict that is to be taken; empty to list them.
-  std::string take;
+  /// The version of a conflict that is to be taken; absent to list them.
+  std::optional<std::string> take;
   /// Somebody logs in on a page of the server.
   bool login = false;
   /// Nothing is shown in the file manager.

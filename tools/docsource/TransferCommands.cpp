@@ -134,10 +134,10 @@ int cancel(const Arguments& arguments) {
 }
 
 int conflicts(const Arguments& arguments) {
-  if (!arguments.take.empty()) {
-    const auto taken = take(arguments.take, arguments);
+  if (arguments.take) {
+    const auto taken = take(*arguments.take, arguments);
     if (!taken) return fail(arguments, taken.error());
-    return answer(arguments.json, {{"taken", arguments.take}}, "");
+    return answer(arguments.json, {{"taken", *arguments.take}}, "");
   }
   qx::Array array;
   std::string text;
