@@ -152,7 +152,8 @@ class DOCSOURCE_API Remote {
 
   /// Visits every entry of a directory, in any order. An error after some entries means that
   /// nothing is known about the rest; what is wrong with one entry is its RemoteItem::trouble. What
-  /// is neither file nor directory is left out, and so is what the remote put there for itself.
+  /// is neither file nor directory is left out, and so is what the remote put there for itself. Up
+  /// to four directories are listed at a time.
   virtual Result<void> list(const std::string& path, const Visitor& visit) = 0;
   virtual Result<RemoteItem> look(const std::string& path) = 0;
 
