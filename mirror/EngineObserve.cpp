@@ -750,7 +750,7 @@ void Engine::listAhead(Lock& lock) {
 /// The listing of the next directory, begun earlier where it was known then.
 std::shared_ptr<Listing> Engine::nextListing(ItemNumber directory, const std::string& path) {
   if (!listings_.empty()) {
-    const auto listing = listings_.front();
+    const auto& listing = listings_.front();
     if (listing->directory() == directory && listing->path() == path) return listing;
     endListings();
   }
