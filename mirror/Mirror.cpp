@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -82,16 +83,17 @@ class Mirror::Implementation {
   }
 
   void work() {
-    constexpr unsigned many = 100;
-    unsigned done = 0;
+    constexpr std::chrono::milliseconds much{250};
+    std::chrono::steady_clock::duration worked{};
     while (!isStopped_) {
+      const auto begun = std::chrono::steady_clock::now();
       const bool hasDone = engine_.step();
       const bool isQuiet = !hasDone && engine_.isQuiet();
-      if (hasDone) ++done;
-      if (isQuiet && done >= many) {
+      worked += std::chrono::steady_clock::now() - begun;
+      if (isQuiet && worked >= much) {
         // What a look through very many items needed lies between what is kept.
         qx::giveFreeMemoryBack();
-        done = 0;
+        worked = {};
       }
       {
         const std::lock_guard lock(mutex_);
